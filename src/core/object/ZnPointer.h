@@ -1,0 +1,41 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <type_traits>
+
+class ZnObject;
+
+namespace zn::detail {
+/// One per object: holds its address until its destruction begins. Unlike an address it is never used again
+/// for another object, so delayed calls hold it to tell whether their object is still the one they meant.
+struct ZnPointerControl {
+    explicit ZnPointerControl(ZnObject* target) : object(target) {}
+    ZnObject* get() const noexcept { return object.load(std::memory_order_acquire); }
+
+    std::atomic<ZnObject*> object; // cleared by the object's destructor; pairs with get()
+};
+
+using ZnPointerControlRef = std::shared_ptr<ZnPointerControl>;
+ZnPointerControlRef controlOf(const ZnObject* object);
+} // namespace zn::detail
+
+/// A guard pointer: reads as null once its object's destruction has begun.
+///
+/// Thread: any may hold and test one; the answer is reliable on the object's own thread only.
+template <typename T>
+class ZnPointer {
+public:
+    ZnPointer() = default;
+    ZnPointer(T* object)
+        : control_(object == nullptr ? nullptr : zn::detail::controlOf(object)), typed_(object) {}
+
+    T* get() const noexcept { return control_ && control_->get() != nullptr ? typed_ : nullptr; }
+    T* operator->() const noexcept { return get(); }
+    T& operator*() const noexcept { return *get(); }
+    explicit operator bool() const noexcept { return get() != nullptr; }
+
+private:
+    zn::detail::ZnPointerControlRef control_;
+    T* typed_ = nullptr;
+};

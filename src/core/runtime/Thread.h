@@ -1,0 +1,108 @@
+#pragma once
+
+#include "core/types/ZnMutex.h"
+#include "core/types/ZnString.h"
+#include "core/types/ZnTask.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <unordered_set>
+#include <vector>
+
+class ZnCoreApplication;
+class ZnObject;
+
+namespace zn::atomic {
+
+/// The record of a thread that runs an event loop; every ZnObject points at one as its owning thread.
+///
+/// Thread: any, unless a member says otherwise. Owner: whoever made it; adopted records and the fallback record
+/// belong to the process and live to its end.
+/// Invariant: a record in the live set may be used; check isLive() for one that may have gone.
+class Thread {
+public:
+    /// A record that start() gives a thread of its own.
+    explicit Thread(ZnString name);
+    /// A record around the calling thread.
+    Thread(ZnCoreApplication* application, ZnString name, bool adopted);
+    ~Thread(); // stops and joins a thread that it started
+    Thread(const Thread&) = delete;
+    Thread& operator=(const Thread&) = delete;
+
+    /// Starts the thread and returns once its runtime accepts posts; true when it runs (also if it already did).
+    bool start();
+    /// Asks the thread's loop to end; nothing when it does not run.
+    void requestStop();
+    void join();
+    bool isRunning() const noexcept { return running_.load(std::memory_order_acquire); }
+    /// The system's id of the thread, 0 before it has run.
+    std::uint32_t threadId() const noexcept { return threadId_.load(std::memory_order_acquire); }
+    const ZnString& name() const noexcept { return name_; }
+
+    /// Run on the thread before its loop begins and after its runtime is gone.
+    void setOnStart(std::function<void()> callback);
+    void setOnFinish(std::function<void()> callback);
+
+    /// The calling thread's record: made on demand when the thread has a ZnCoreApplication, else null.
+    static Thread* currentThread();
+    /// The thread of objects and posts that have none of their own; started on first need, null if that fails.
+    static Thread* fallbackThread();
+    static bool isLive(const Thread* thread);
+
+    /// Runs `function` with the thread's application, or null, while the application cannot go away. The function
+    /// may post; it must not do anything that waits.
+    template <typename Function>
+    auto withApplication(Function function) {
+        std::lock_guard<std::mutex> guard(appMutex_);
+        return function(application_);
+    }
+    /// Called by an application on its own thread when it comes (`application`) and goes (null).
+    static void attachApplication(ZnCoreApplication* application);
+
+    void addObject(ZnObject* object);
+    void removeObject(ZnObject* object);
+    std::size_t objectCount();
+
+    /// Keeps a post for the time when the thread's runtime exists.
+    void addPending(ZnTask task, int lane);
+
+private:
+    struct Pending_ {
+        ZnTask task;
+        int lane;
+    };
+
+    void run_();
+    void postPending_(ZnCoreApplication& application);
+    std::function<void()> copyOf_(const std::function<void()>& callback);
+
+    const ZnString name_;
+    std::thread handle_;
+    std::atomic<std::uint32_t> threadId_{0}; // set on the thread itself; pairs with threadId()
+    std::atomic<bool> running_{false};
+    std::atomic<bool> stopRequested_{false};
+    const bool adopted_;
+
+    std::mutex appMutex_;
+    ZnCoreApplication* application_ = nullptr; // guarded by appMutex_
+
+    std::mutex startMutex_;
+    std::condition_variable startCondition_;
+    bool started_ = false; // guarded by startMutex_
+
+    std::mutex objectsMutex_;
+    std::unordered_set<ZnObject*> objects_; // guarded by objectsMutex_
+
+    std::mutex pendingMutex_;
+    std::vector<Pending_> pending_; // guarded by pendingMutex_
+
+    std::mutex callbackMutex_;
+    std::function<void()> onStart_;  // guarded by callbackMutex_
+    std::function<void()> onFinish_; // guarded by callbackMutex_
+};
+
+} // namespace zn::atomic

@@ -1,0 +1,141 @@
+#pragma once
+
+#include "core/object/ZnEvent.h"
+#include "core/object/ZnPointer.h"
+#include "core/platform/ZnConsoleStop.h"
+#include "core/platform/ZnPoller.h"
+#include "core/runtime/Thread.h"
+#include "core/runtime/ZnFiberPool.h"
+#include "core/runtime/ZnIoDispatcher.h"
+#include "core/runtime/ZnLoadMeter.h"
+#include "core/runtime/ZnTimerTable.h"
+#include "core/types/ZnMap.h"
+#include "core/types/ZnString.h"
+#include "core/types/ZnTask.h"
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <vector>
+
+/// The runtime of one thread: event queues, timers, the fiber pool, the I/O dispatcher and the loop over them.
+///
+/// Every callback runs on a pooled fiber, but for object events, which run on the loop's own context.
+/// Thread: one instance per thread; posting, timers and quit() may be called from any thread, all else belongs
+/// to the thread that made it.
+/// Owner: the entry function on the main thread, the thread record elsewhere.
+class ZnCoreApplication final : private ZnConsoleStopTarget {
+public:
+    /// Parses the command line (argv[0] is skipped).
+    ZnCoreApplication(int argc, char** argv);
+    ZnCoreApplication();
+    /// Deletes the objects that wait for deferred deletion; posts that never ran are destroyed.
+    ~ZnCoreApplication() override;
+    ZnCoreApplication(const ZnCoreApplication&) = delete;
+    ZnCoreApplication& operator=(const ZnCoreApplication&) = delete;
+
+    /// The calling thread's application, or null.
+    static ZnCoreApplication* instance() noexcept;
+    /// As instance(), made if absent; such an application lives to the end of the process.
+    static ZnCoreApplication& instanceOrNew();
+
+    /// Runs the loop until quit(), or for `maxDurationUs` microseconds if that is not 0. Returns the exit code.
+    int exec(long long maxDurationUs = 0);
+    /// Ends exec() after the callback that runs now. Any thread; it cannot be taken back.
+    void quit();
+    bool isQuitRequested() const noexcept { return !running_.load(std::memory_order_acquire); }
+    /// Runs the loop until `isDone` gives true or `maxMs` milliseconds have passed, also after quit(). Returns the last
+    /// answer of `isDone`. On the loop's own context only: for orderly ends, when exec() has returned.
+    bool processUntil(const std::function<bool()>& isDone, int maxMs);
+
+    /// Queues `task` on lane 2. Any thread. False: refused (the pool is saturated) and the task destroyed.
+    bool postEvent(ZnTask task) { return postEventOnLane(std::move(task), ZnFiberPool::kDefaultLane); }
+    bool postEventOnLane(ZnTask task, int lane);
+    /// As postEventOnLane, but a refused task stays with the caller and nothing is logged.
+    bool tryPostOnLane(ZnTask& task, int lane);
+    /// Queues an object event and takes it over. Priority 1 and above goes before timers and lanes 1 to 3. Never
+    /// refused. Any thread.
+    void postEvent(ZnObject* receiver, ZnEvent* event, int priority);
+    /// Delivers at once: filters of the application, of the receiver, then the receiver. The caller keeps the event.
+    bool sendEvent(ZnObject* receiver, ZnEvent* event) { return notify(receiver, event); }
+    bool notify(ZnObject* receiver, ZnEvent* event);
+    /// `filter` sees every event delivered on this thread; the latest filter goes first.
+    void installEventFilter(ZnObject* filter);
+
+    /// Calls `callback` after `intervalUs` microseconds (at least 1), once or repeatedly, on `lane`. Any thread.
+    int addTimer(std::function<void()> callback, int intervalUs, bool singleShot, int lane);
+    /// After it returns on the loop's thread the callback does not begin any more. Any thread.
+    void removeTimer(int id);
+
+    /// Bytes of each fiber's stack, 0 for the default; only before the first post.
+    void setEventFiberStackSize(int bytes);
+
+    bool hasArgument(const ZnString& name) const { return parsedOptions_.contains(name); }
+    ZnString getArgument(const ZnString& name, const ZnString& defaultValue = ZnString()) const {
+        return parsedOptions_.value(name, defaultValue);
+    }
+
+    ZnFiberPool& fiberPool() noexcept { return fiberPool_; }
+    ZnIoDispatcher& ioDispatcher() noexcept { return ioDispatcher_; }
+    ZnPoller& poller() noexcept { return poller_; }
+    /// Share of the last second that the loop was busy, 0.0 to 1.0.
+    double load() const { return loadMeter_.load(); }
+    /// Wakes the loop if it sleeps. Any thread; no system call while it is awake.
+    void wake() noexcept { poller_.wake(); }
+
+private:
+    struct QueuedEvent_ {
+        zn::detail::ZnPointerControlRef receiver;
+        std::unique_ptr<ZnEvent> event;
+    };
+
+    void initialise_();
+    void parseCommandLine_(int argc, char** argv);
+    void requestStop() noexcept override; // async-signal-safe
+
+    int runLoop_(const std::function<bool()>* isDone, long long deadlineNs);
+    /// At most one unit of work. Returns nanoseconds until the next look: 0 at once, -1 when woken.
+    long long processEvents_(long long nowNs);
+    void waitForWork_(long long delayNs);
+    bool deliverOneEvent_(std::deque<QueuedEvent_>& queue);
+    bool deliverNormalEvents_();
+    bool runFilters_(const std::vector<zn::detail::ZnPointerControlRef>& filters,
+                     const zn::detail::ZnPointerControlRef& receiver, ZnEvent* event);
+    /// Posts the timers that are due, as many as there is room for. Returns nanoseconds to the next look, or -1.
+    long long timerPass_(long long nowNs);
+    bool postTimer_(const std::shared_ptr<ZnTimerRecord>& record);
+    void pollIo_();
+    void destroyWaitingObjects_();
+
+    std::atomic<bool> running_{true}; // cleared by quit() and the console; pairs with isQuitRequested()
+    int exitCode_ = 0;
+    std::uint32_t threadId_ = 0;
+    ZnPoller poller_;
+    ZnFiberPool fiberPool_;
+    ZnMap<ZnString, ZnString> parsedOptions_; // immutable after construction
+    std::vector<zn::detail::ZnPointerControlRef> eventFilters_;
+    ZnLoadMeter loadMeter_;
+    unsigned workSinceLook_ = 0; // units of work since the loop last looked into the poller
+
+    ZnMutex loopMutex_; // before the pool's lock; never held while user code runs
+    std::deque<QueuedEvent_> normalEvents_ ZN_GUARDED_BY(loopMutex_); // priority below 1
+    std::deque<QueuedEvent_> highEvents_ ZN_GUARDED_BY(loopMutex_);   // priority 1 and above
+    std::atomic<int> queuedEventCount_{0}; // a hint that spares the lock; changed under loopMutex_
+    ZnTimerTable timers_ ZN_GUARDED_BY(loopMutex_);
+    std::atomic<long long> nextTimerDueNs_{-1}; // mirrors timers_: -1 for none
+
+    ZnIoDispatcher ioDispatcher_; // last: its entries hold closures of this application
+};
+
+/// Queues `task` on the target's application, or keeps it until the target has one. Returns whether it was
+/// queued; a task refused by a saturated pool is destroyed. Any thread.
+bool postToThread(zn::atomic::Thread* target, ZnTask task, int lane = ZnFiberPool::kDefaultLane);
+
+/// As postToThread for a target that may be null or gone: then the current thread, the fallback thread.
+bool postToThreadOrFallback(zn::atomic::Thread* target, ZnTask task, int lane = ZnFiberPool::kDefaultLane);
+
+/// Resumes the fiber that is parked under `waitId`, in this thread's pool or any other. Returns whether it was found.
+bool unblockFiber(int waitId, int lane);
+
+/// The next wait id of the process: -1, -2, -3 and so on.
+int nextFiberWaitId() noexcept;

@@ -81,11 +81,10 @@ private:
     std::size_t scannedBytes_ = 0;     // of buffer_, known to hold no CRLF: one-byte input stays linear
     State state_ = State::RequestLine;
     RequestRef current_;               // null until its request line is complete
-    std::uint64_t headerBytes_ = 0;    // this and the next four: of the current message
+    std::uint64_t headerBytes_ = 0;    // this and the next three: of the current message
     std::uint64_t headerCount_ = 0;
     std::uint64_t bodyRemaining_ = 0;  // of a body with a length
     std::uint64_t chunkRemaining_ = 0;
-    std::uint64_t bodyReserved_ = 0;   // memory asked for the body
     int errorStatus_ = 0;
     ZnString errorText_;
 };

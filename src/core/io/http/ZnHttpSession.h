@@ -56,7 +56,6 @@ private:
 
     // Input.
     bool readInput_();
-    void noteInput_(long long nowNs);
     void describePeer_(std::size_t firstNewRequest);
     void discardInput_();
 
@@ -67,27 +66,29 @@ private:
     ZnHttpResponseCallback responseCallback_();
     void answer_(unsigned long long requestSerial, ZnHttpResponse response);
 
-    // Responses. Each of these may be the end of the session: the caller tests for it.
-    void sendResponse_(const ZnHttpRequest* request, ZnHttpResponse response);
+    // Responses. Each of these may be the end of the session; its caller tests for that.
+    void sendResponse_(ZnHttpResponse response, bool keepAlive, bool isHead);
     void writeBytes_(ZnString head, ZnByteArray body);
     void finishResponse_();
-    void scheduleResume_();
-    void resume_();
     void sendError_(int status, const ZnString& text);
-    void refuseInput_(int status, const ZnString& text);
     void beginDrain_();
     void closeSession_();
     void releaseSocket_();
 
+    void scheduleResume_();
+    void resume_();
+    /// Calls `step` from the loop unless the session is gone by then.
+    void postWeakly_(void (ZnHttpSession::*step)());
+
     // Time-outs.
     long long nextDeadlineNs_() const noexcept;
-    long long gridTickNs_(long long notBeforeNs) const noexcept;
+    bool isIdle_() const noexcept;
+    int requestTimeoutMs_() const noexcept;
     void armTimeout_();
-    void armTimeoutAt_(long long tickNs);
-    bool runTimeoutTable_(long long nowNs);
+    void runTimeoutTable_(long long now);
 
-    ZnAbstractSocket* socket_;                 // child; null once released
-    const ZnHttpRouter* const router_;         // not owned; used only while the session is not closed
+    ZnPointer<ZnAbstractSocket> socket_;       // child; null once released
+    const ZnHttpRouter* const router_;         // not owned; not used once the session is closed
     ZnHttpParser_ parser_;
     const ZnHttpTimeouts timeouts_;
     ZnTimer* timeoutTimer_ = nullptr;          // child
@@ -102,8 +103,8 @@ private:
     bool insideWrite_ = false;                 // keeps a writeFinished from inside write out of the session
     bool resumeDeferred_ = false;              // one came
     bool resumeScheduled_ = false;             // resume_() is on its way
-    bool inputRefused_ = false;                // what still comes is discarded: the error answer is the last one
-    bool draining_ = false;                    // ... and that answer has left
+    bool inputRefused_ = false;                // an error answer is the last one: what still comes is discarded
+    bool draining_ = false;                    // that answer has left
     unsigned long long discardedBytes_ = 0;
 
     // The handler is shared with the frame that calls it, which may outlive the session.

@@ -27,14 +27,14 @@ public:
     void append(const char* data, std::size_t byteCount);
     void append(std::string_view bytes) { append(bytes.data(), bytes.size()); }
     void append(const ZnByteArray& other) { append(other.view()); }
-    /// The source may lie inside this array.
+    /// The source may lie inside this array. A position at or past size() appends.
     void insert(std::size_t position, const char* data, std::size_t byteCount);
     /// Empty and not null; the capacity stays.
     void clear();
     void reserve(std::size_t byteCount);
-    /// Drops the first `byteCount` bytes (at most size()).
+    /// Drops the first `byteCount` bytes, all of them if there are fewer.
     void consumeFront(std::size_t byteCount);
-    /// Empty, and the memory given back.
+    /// Empty and not null, and the memory given back.
     void release() noexcept;
 
     std::size_t size() const noexcept { return static_cast<std::size_t>(size_); }
@@ -49,12 +49,12 @@ public:
     /// A null array is less than any non-empty one and never greater; else memcmp, then length.
     bool operator<(const ZnByteArray& other) const noexcept;
     bool operator==(const ZnByteArray& other) const noexcept { return view() == other.view(); }
-    /// The whole content must be one number in `base`; else 0 with *ok false. A null array gives 0 with *ok false.
+    /// The whole content must be one number in `base`; else (also out of range) 0 with *ok false.
     long long toLongLong(bool* ok = nullptr, int base = 10) const;
 
 private:
-    void leaveNull_();
-    void terminate_();
+    void makeRoom_(std::size_t byteCount);
+    void compact_();
 
     std::vector<char> data_;   // bytes before begin_ have been consumed; empty while null
     std::size_t begin_ = 0;

@@ -3,6 +3,7 @@
 #include "core/types/ZnMutex.h"
 #include "core/types/ZnString.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -30,6 +31,7 @@ struct ZnLogRule {
 /// Thread: every operation may be called from any thread and any fiber; nothing here parks. Lines of
 /// different threads do not interleave. No lock is held while a callback runs, so a callback may log.
 /// Failure: never reported to the caller; a sink that fails loses its own copy of the line.
+/// Lives until the process ends and is never destroyed, so that detached threads may log to the very end.
 class ZnLogger {
 public:
     static constexpr int kDebug = 0;
@@ -38,8 +40,10 @@ public:
 
     static ZnLogger& instance();
 
+    /// Costs one atomic read while there are no rules.
     bool isEnabled(const char* category, int level);
-    void write(const ZnLogRecord& record, const ZnString& message);
+    /// Leaves errno as it was.
+    void write(const ZnLogRecord& record, const ZnString& message) noexcept;
     /// Replaces the rules: pieces "pattern[.level]=boolean" separated by ";" or line feeds.
     void parseRules(const ZnString& text);
 
@@ -49,7 +53,8 @@ public:
     /// Appends every line to `path`, opened and closed per line; an empty path switches the sink off.
     void setFile(const ZnString& path);
     /// Writes only lines whose body matches the ECMAScript expression; empty switches the filter off.
-    /// Returns false, with the filter unchanged, for an expression that does not compile.
+    /// Returns false, with the filter unchanged, for an expression that does not compile (back references are
+    /// not supported). The search takes a time linear in the length of the line.
     bool setFilter(const ZnString& pattern);
     /// Sends each line as one JSON object to a TCP peer, connected on demand; an empty host switches it off.
     /// Blocks the logging thread while it connects and sends.
@@ -66,7 +71,7 @@ public:
 
 private:
     ZnLogger();
-    ~ZnLogger();
+    ~ZnLogger() = delete;
 
     struct State_; // everything behind writeMutex_; see ZnLogger.cpp
     ZnMutex writeMutex_;
@@ -74,9 +79,10 @@ private:
 
     ZnMutex rulesMutex_; // never held together with writeMutex_
     std::vector<ZnLogRule> rules_ ZN_GUARDED_BY(rulesMutex_);
-    bool debugDefault_ ZN_GUARDED_BY(rulesMutex_) = false;
-    bool warningDefault_ ZN_GUARDED_BY(rulesMutex_) = true;
-    bool errorDefault_ ZN_GUARDED_BY(rulesMutex_) = true;
+    std::atomic<bool> hasRules_{false}; // follows rules_; read without the lock
+    const bool debugDefault_ = false;
+    const bool warningDefault_ = true;
+    const bool errorDefault_ = true;
 };
 
 /// Collects one message and writes it at the end of the statement; made by the macros below only.
@@ -93,12 +99,21 @@ private:
     std::ostringstream stream_;
 };
 
+namespace zn::detail {
+/// Turns a streamed message into a void expression, so that the macros below are one expression and safe in any
+/// unbraced branch.
+struct LogExpression_ {
+    void operator&(const std::ostream&) const noexcept {}
+};
+} // namespace zn::detail
+
 // ZN_LOG_ERROR("zn.core.io.zntcpserver", "ZnTcpServer::listen") << "bind failed: " << code;
 // The message is not evaluated when the category and level are off.
 #define ZN_LOG_(level, category, function)                                                                   \
-    if (!ZnLogger::instance().isEnabled((category), (level))) {                                              \
-    } else                                                                                                   \
-        ZnLogStatement(ZnLogRecord{__FILE__, __LINE__, (function), (level), (category)}).stream()
+    !ZnLogger::instance().isEnabled((category), (level))                                                     \
+        ? static_cast<void>(0)                                                                               \
+        : ::zn::detail::LogExpression_() &                                                                   \
+              ZnLogStatement(ZnLogRecord{__FILE__, __LINE__, (function), (level), (category)}).stream()
 #define ZN_LOG_DEBUG(category, function) ZN_LOG_(ZnLogger::kDebug, category, function)
 #define ZN_LOG_WARNING(category, function) ZN_LOG_(ZnLogger::kWarning, category, function)
 #define ZN_LOG_ERROR(category, function) ZN_LOG_(ZnLogger::kError, category, function)

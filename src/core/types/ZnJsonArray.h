@@ -9,6 +9,8 @@ public:
     ZnJsonArray() = default;
 
     void append(ZnJsonValue value) { values_.append(std::move(value)); }
+    /// Appends a Null and gives it.
+    ZnJsonValue& appendNull() { return values_.appendNew(); }
     std::size_t size() const noexcept { return values_.size(); }
     bool isEmpty() const noexcept { return values_.isEmpty(); }
     void reserve(std::size_t count) { values_.reserve(count); }

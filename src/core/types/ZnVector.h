@@ -19,6 +19,8 @@ public:
     void clear() noexcept { values_.clear(); }
     void reserve(std::size_t count) { values_.reserve(count); }
     void append(T value) { values_.push_back(std::move(value)); }
+    /// Appends a T() and gives it.
+    T& appendNew() { return values_.emplace_back(); }
     bool contains(const T& value) const { return std::find(values_.begin(), values_.end(), value) != values_.end(); }
 
     /// std::runtime_error when empty.

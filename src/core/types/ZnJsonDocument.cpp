@@ -1,0 +1,23 @@
+#include "core/types/ZnJsonDocument.h"
+
+#include "core/types/ZnJsonParser.h"
+#include "core/types/ZnLogger.h"
+
+ZnJsonDocument ZnJsonDocument::fromJson(std::string_view text, ZnString* error, const ZnString& key) {
+    ZnJsonDocument document;
+    ZnString reason;
+    ZnJsonParser_(text, key).parseJsonText_(document.root_, reason);
+    if (error != nullptr)
+        *error = std::move(reason);
+    return document;
+}
+
+ZnJsonObject ZnJsonDocument::object() const {
+    if (!root_.isObject())
+        ZN_LOG_ERROR("zn.core.types.znjsondocument", "ZnJsonDocument::object") << "Root is not a JSON object.";
+    return root_.toObject();
+}
+
+ZnString ZnJsonDocument::toJson(JsonFormat format, const ZnString& key) const {
+    return root_.toJson(format, key);
+}

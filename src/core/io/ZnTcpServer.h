@@ -1,7 +1,8 @@
 #pragma once
 
 #include "core/io/ZnTcpSocket.h"
-#include "core/types/ZnList.h"
+
+#include <deque>
 
 /// One listening socket; queues a socket object per accepted connection.
 ///
@@ -34,18 +35,20 @@ protected:
     /// Queues the socket and announces it. False: the caller closes and deletes it.
     virtual bool finalizeAcceptedSocket_(ZnTcpSocket* socket);
 
-    std::vector<ZnTcpSocket*> pending_; // oldest first
+    std::deque<ZnTcpSocket*> pending_; // oldest first
 
 private:
+    bool openListener_(const ZnSocketAddress& bindAddress, bool dualStack);
+    bool watchListener_();
     void onCheckEvents_();
-    void acceptPass_();
-    void acceptDescriptor_(ZnSocketHandle* handle);
-    void backOff_();
+    void acceptDescriptor_(std::shared_ptr<ZnSocketHandle> handle);
+    void acceptAgain_();
+    void backOff_(int error);
 
     std::shared_ptr<ZnSocketHandle> handle_; // null: not listening
     unsigned long long waitId_ = 0;
-    bool dualStack_ = false;
     unsigned short localPort_ = 0;
     ZnString localAddress_;
     ZnString boundHost_; // as asked for, without brackets
+    long long lastAcceptReportNs_ = 0;
 };

@@ -4,21 +4,24 @@
 #include "core/platform/ZnResolver.h"
 #include "core/platform/ZnSocketHandle.h"
 
-#include <atomic>
+#include <functional>
 #include <memory>
-
-struct SocketState_;
+#include <optional>
 
 /// A non-blocking stream socket with a write buffer and no read buffer.
 ///
 /// Thread: the owning thread, where all its signals are emitted. Each close leaves it reusable.
 /// Overridable hooks let a derived class put a layer such as TLS on top.
+/// A peer that has closed its side only still gets what was written for it: the socket closes when the write
+/// buffer is empty.
 class ZnTcpSocket : public ZnAbstractSocket {
 public:
     ZN_OBJECT(ZnTcpSocket, ZnAbstractSocket)
 
-    /// One read from the system moves at most this much.
+    /// One read() moves at most this much.
     static constexpr std::size_t kReadBytes = 1024;
+    /// One readiness event delivers at most this much before others get their turn.
+    static constexpr std::size_t kReadBudgetBytes = 256 * 1024;
 
     explicit ZnTcpSocket(ZnObject* parent = nullptr);
     ~ZnTcpSocket() override;
@@ -27,7 +30,6 @@ public:
     /// At most 1024 bytes, the default for a `maxBytes` outside 1 to 1024.
     ZnString read(long long maxBytes) override;
     std::size_t readInto(char* buffer, std::size_t capacity) override;
-    using ZnAbstractSocket::write;
     bool write(ZnByteArray bytes) override;
     bool write(ZnString bytes) override;
     bool writeGathered(ZnString head, ZnByteArray body) override;
@@ -47,6 +49,10 @@ public:
     ZnString localAddress() const;
     unsigned short localPort() const;
 
+    /// Totals over the object's life.
+    unsigned long long bytesReceived() const noexcept { return bytesReceived_; }
+    unsigned long long bytesSent() const noexcept { return bytesSent_; }
+
 protected:
     virtual bool onConnectReady_();
     virtual bool onReadReady_();
@@ -55,6 +61,8 @@ protected:
     virtual bool canFinishClose_() const;
     virtual void flushWrites_();
     virtual void writePending_();
+    /// Whether write may hand bytes to the system at once, past the write buffer.
+    virtual bool canSendDirectly_() const { return true; }
     /// One read from the system into `buffer`; 0 when nothing is there, at the end of stream and on errors.
     std::size_t receive_(char* buffer, std::size_t capacity);
 
@@ -62,27 +70,30 @@ protected:
     bool remoteClosed_ = false;
 
 private:
+    class EventScope_;
+
+    bool canTransfer_() const { return handle_ != nullptr && state_ == SocketState::Connected; }
     bool registerWait_();
-    bool onNetworkEvents_();
+    void onNetworkEvents_();
+    bool handleEvents_(const ZnNetworkEvents& events, const EventScope_& scope);
+    bool onConnectEvent_(int error, const EventScope_& scope);
     void finishPeerClose_();
-    bool resolveHost_(unsigned short port, ZnResolver::Result* result);
-    int connectToFirst_(const ZnResolver::Result& addresses, bool* standsAlready);
-    bool beginConnecting_(bool standsAlready);
-    void sendParts_(const char* head, std::size_t headBytes, const char* body, std::size_t bodyBytes,
-                    std::size_t* sentBytes);
-    void finishWrite_();
-    bool waitFor_(void (ZnAbstractSocket::*signal)(), const std::function<bool()>& isDone, int msecs);
-    void refreshAddresses_();
-    void countReceived_(std::size_t byteCount);
-    void countSent_(std::size_t byteCount);
+    void requestAnotherRead_();
+    /// The addresses of `host`. Nothing when the socket was closed, reused or deleted while the fiber was parked.
+    std::optional<ZnResolver::Result> resolveHost_(const ZnString& host, unsigned short port);
+    int connectToFirst_(const ZnResolver::Result& addresses, unsigned short port);
+    bool sendDirectly_(std::string_view first, std::string_view second);
+    bool finishDirectSend_(const ZnSocketHandle::Transfer& transfer);
+    bool waitFor_(void (ZnAbstractSocket::*signal)(), const std::function<bool(const ZnTcpSocket&)>& isDone, int msecs);
 
     std::shared_ptr<ZnSocketHandle> handle_; // null: no socket
-    ZnString hostName_;                      // as last given to connectToHost
     unsigned long long waitId_ = 0;          // registration in the I/O dispatcher
     int resolveWaitId_ = 0;                  // fiber that is parked for a name, 0 for none
     unsigned connectGeneration_ = 0;         // tells a parked connectToHost that the socket was closed or reused
-    std::size_t readBudgetBytes_ = 0;        // what one readiness event may still read
-    std::atomic<unsigned long long> bytesReceived_{0};
-    std::atomic<unsigned long long> bytesSent_{0};
-    std::shared_ptr<SocketState_> trafficState_;
+    bool insideEvents_ = false;              // a readiness event is being served (its fiber may be parked)
+    bool stoppedBeforeEnd_ = false;          // the last read left more behind, as far as one can tell
+    std::size_t readBudgetBytes_ = kReadBudgetBytes;
+    unsigned long long bytesReceived_ = 0;
+    unsigned long long bytesSent_ = 0;
+    mutable ZnString peerAddressText_; // asked for with every request of a connection
 };

@@ -8,8 +8,10 @@
 #include "core/types/ZnString.h"
 #include "core/types/ZnTask.h"
 
+#include <atomic>
 #include <memory>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 namespace zn::atomic {
@@ -130,7 +132,6 @@ private:
         int connectionCount;
     };
     struct Emission_ {
-        ZnObject* sender; // for executeBlockingOnThread; valid while senderControl says so
         zn::detail::ZnPointerControlRef senderControl;
         zn::atomic::Thread* senderThread;
     };
@@ -170,10 +171,13 @@ private:
             blockOnDelivery_(emission, target, std::move(task));
     }
 
+    /// Whether the owning threads are the same, or one of them is not known.
+    static bool sharesThread_(const ZnObject& left, const ZnObject& right);
     void noteSender_(ZnObject* sender, int connectionCount);
     void sendChildEvent_(ZnChildEvent* event);
     void dropIncomingConnections_();
-    void dropOutgoingConnections_();
+    std::vector<SignalConnections_> takeOutgoingConnections_();
+    void forgetSender_(const std::vector<SignalConnections_>& dropped);
     void deleteChildren_();
 
     const zn::detail::ZnPointerControlRef control_;

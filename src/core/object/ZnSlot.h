@@ -40,7 +40,8 @@ struct SignalKey {
 /// Abstract root of everything that a signal can call.
 class ISlotBase {
 public:
-    explicit ISlotBase(zn::detail::ZnPointerControlRef receiverControl) : receiver_(std::move(receiverControl)) {}
+    explicit ISlotBase(zn::detail::ZnPointerControlRef receiverControl)
+        : receiver_(std::move(receiverControl)), receiverAddress_(receiver_ ? receiver_->get() : nullptr) {}
     virtual ~ISlotBase() = default;
     ISlotBase(const ISlotBase&) = delete;
     ISlotBase& operator=(const ISlotBase&) = delete;
@@ -48,12 +49,15 @@ public:
     bool hasReceiver() const noexcept { return receiver_ != nullptr; }
     /// The receiver while it lives, else null.
     ZnObject* receiverObject() const noexcept { return receiver_ ? receiver_->get() : nullptr; }
+    /// For comparison only: where the receiver is or was.
+    const ZnObject* receiverAddress() const noexcept { return receiverAddress_; }
     /// False once the connection has been dropped; deliveries already under way then do nothing.
     bool isConnected() const noexcept { return connected_.load(std::memory_order_acquire); }
     void markDisconnected() noexcept { connected_.store(false, std::memory_order_release); }
 
 private:
     zn::detail::ZnPointerControlRef receiver_; // null for a slot without a receiver
+    const ZnObject* const receiverAddress_;
     std::atomic<bool> connected_{true};        // the release store of markDisconnected() pairs with isConnected()
 };
 

@@ -93,24 +93,29 @@ private:
     void parseCommandLine_(int argc, char** argv);
     void requestStop() noexcept override; // async-signal-safe
 
-    int runLoop_(const std::function<bool()>* isDone, long long deadlineNs);
+    bool runLoop_(const std::function<bool()>* isDone, long long deadlineNs);
     /// At most one unit of work. Returns nanoseconds until the next look: 0 at once, -1 when woken.
     long long processEvents_(long long nowNs);
-    void waitForWork_(long long delayNs);
-    bool deliverOneEvent_(std::deque<QueuedEvent_>& queue);
-    bool deliverNormalEvents_();
+    bool deliverHighEvent_();
+    bool deliverNormalEvent_();
+    void deliver_(QueuedEvent_ queued);
     bool runFilters_(const std::vector<zn::detail::ZnPointerControlRef>& filters,
                      const zn::detail::ZnPointerControlRef& receiver, ZnEvent* event);
     /// Posts the timers that are due, as many as there is room for. Returns nanoseconds to the next look, or -1.
     long long timerPass_(long long nowNs);
-    bool postTimer_(const std::shared_ptr<ZnTimerRecord>& record);
-    void pollIo_();
+    class TimerFire_;
+    void fireTimer_(const std::shared_ptr<ZnTimerRecord>& record);
+    void putTimerBack_(const std::shared_ptr<ZnTimerRecord>& record, long long dueNs);
+    void mirrorNextTimer_() ZN_REQUIRES(loopMutex_);
+    void serveTheStarved_();
     void destroyWaitingObjects_();
+    static bool deleteReceivers_(std::deque<QueuedEvent_>& queued);
 
     std::atomic<bool> running_{true}; // cleared by quit() and the console; pairs with isQuitRequested()
     int exitCode_ = 0;
     std::uint32_t threadId_ = 0;
     ZnPoller poller_;
+    ZnFiberContext mainFiber_; // the loop's own context
     ZnFiberPool fiberPool_;
     ZnMap<ZnString, ZnString> parsedOptions_; // immutable after construction
     std::vector<zn::detail::ZnPointerControlRef> eventFilters_;

@@ -1,0 +1,448 @@
+#include "core/io/ZnTcpSocket.h"
+
+#include "core/platform/ZnSocketError.h"
+#include "core/runtime/ZnCoreApplication.h"
+#include "core/runtime/ZnEventLoop.h"
+#include "core/runtime/ZnTimer.h"
+
+#include <algorithm>
+#include <atomic>
+#include <mutex>
+
+namespace {
+
+/// A name look-up that a fiber waits for. Shared with the resolver's thread, which may answer when the fiber, the
+/// socket and even the application are gone.
+struct Lookup_ {
+    std::atomic<bool> answered{false}; // set by the resolver before it unblocks; see ZnFiberPool::yieldCurrent
+    std::mutex mutex;
+    ZnResolver::Result addresses; // guarded by mutex
+};
+
+} // namespace
+
+/// One readiness event. User code may delete the socket, close it, or connect it anew while the event is served,
+/// and long after that when it parks; whatever follows asks stillValid() first.
+class ZnTcpSocket::EventScope_ {
+public:
+    explicit EventScope_(ZnTcpSocket& socket) : self_(&socket), handle_(socket.handle_) {
+        socket.insideEvents_ = true;
+        socket.readBudgetBytes_ = kReadBudgetBytes;
+    }
+    ~EventScope_() {
+        if (stillValid())
+            self_->insideEvents_ = false;
+    }
+    EventScope_(const EventScope_&) = delete;
+    EventScope_& operator=(const EventScope_&) = delete;
+    bool stillValid() const { return self_ && self_->handle_ == handle_; }
+
+private:
+    ZnPointer<ZnTcpSocket> self_;
+    std::shared_ptr<ZnSocketHandle> handle_;
+};
+
+ZnTcpSocket::ZnTcpSocket(ZnObject* parent) : ZnAbstractSocket(parent) {}
+
+ZnTcpSocket::~ZnTcpSocket() {
+    ZnTcpSocket::close();
+}
+
+// --- readiness
+
+bool ZnTcpSocket::registerWait_() {
+    ZnCoreApplication* application = ZnCoreApplication::instance();
+    if (application == nullptr)
+        return false;
+    waitId_ = application->ioDispatcher().watchHandle(handle_, [self = ZnPointer<ZnTcpSocket>(this)](unsigned) {
+        if (self)
+            self->onNetworkEvents_();
+    });
+    return waitId_ != 0;
+}
+
+void ZnTcpSocket::onNetworkEvents_() {
+    if (!handle_)
+        return;
+    const EventScope_ scope(*this);
+    if (!handleEvents_(handle_->takeEvents(), scope))
+        return;
+    finishPeerClose_();
+    if (scope.stillValid() && stoppedBeforeEnd_)
+        requestAnotherRead_();
+}
+
+bool ZnTcpSocket::handleEvents_(const ZnNetworkEvents& events, const EventScope_& scope) {
+    if ((events.mask & ZnNetworkEvents::kConnect) != 0 && !onConnectEvent_(events.connectError, scope))
+        return false;
+    if ((events.mask & ZnNetworkEvents::kRead) != 0 && !onReadReady_()) {
+        if (scope.stillValid())
+            close();
+        return false;
+    }
+    if (!scope.stillValid())
+        return false;
+    if ((events.mask & ZnNetworkEvents::kWrite) != 0 && !onWriteReady_()) {
+        if (scope.stillValid())
+            close();
+        return false;
+    }
+    if (!scope.stillValid())
+        return false;
+    if ((events.mask & ZnNetworkEvents::kClose) != 0)
+        onPeerClosed_();
+    return scope.stillValid();
+}
+
+bool ZnTcpSocket::onConnectEvent_(int error, const EventScope_& scope) {
+    bool goOn = false;
+    if (error != 0)
+        errorOccurred(error);
+    else
+        goOn = onConnectReady_();
+    if (!scope.stillValid())
+        return false;
+    if (!goOn)
+        close();
+    return goOn;
+}
+
+void ZnTcpSocket::requestAnotherRead_() {
+    stoppedBeforeEnd_ = false;
+    handle_->requestReadEvent();
+    if (ZnCoreApplication* application = ZnCoreApplication::instance())
+        application->ioDispatcher().signal(waitId_);
+}
+
+bool ZnTcpSocket::onConnectReady_() {
+    state_ = SocketState::Connected;
+    connected();
+    return true;
+}
+
+bool ZnTcpSocket::onReadReady_() {
+    readyRead();
+    return true;
+}
+
+bool ZnTcpSocket::onWriteReady_() {
+    writePending_();
+    return true;
+}
+
+void ZnTcpSocket::onPeerClosed_() {
+    remoteClosed_ = true;
+    readyRead();
+}
+
+bool ZnTcpSocket::canFinishClose_() const {
+    return remoteClosed_ && writeBuffer_.isEmpty();
+}
+
+void ZnTcpSocket::finishPeerClose_() {
+    if (remoteClosed_ && canFinishClose_() && state_ != SocketState::Unconnected)
+        close();
+}
+
+// --- connecting
+
+bool ZnTcpSocket::connectToHost(const ZnString& host, unsigned short port) {
+    const ZnPointer<ZnTcpSocket> self(this);
+    const ZnString hostCopy = host; // the caller's text may go while this fiber is parked
+    close();
+    if (!self)
+        return false;
+    const std::optional<ZnResolver::Result> addresses = resolveHost_(hostCopy, port);
+    if (!addresses)
+        return false; // not touched any more: closed, reused or deleted in the meantime
+    if (addresses->empty()) {
+        errorOccurred(ZnSocketError::kHostNotFound);
+        return false;
+    }
+    const int error = connectToFirst_(*addresses, port);
+    if (error != 0 && error != ZnSocketError::kWouldBlock && error != ZnSocketError::kInProgress) {
+        errorOccurred(error);
+        return false;
+    }
+    state_ = SocketState::Connecting;
+    if (!registerWait_()) {
+        close();
+        return false;
+    }
+    if (error != 0)
+        return true;
+    const bool isReady = onConnectReady_();
+    if (!isReady && self)
+        close();
+    return isReady;
+}
+
+std::optional<ZnResolver::Result> ZnTcpSocket::resolveHost_(const ZnString& host, unsigned short port) {
+    const ZnSocketAddress numeric = ZnSocketAddress::fromNumeric(host, port);
+    if (numeric.family() != ZnSocketAddress::Family::None)
+        return ZnResolver::Result{numeric};
+    ZnCoreApplication* application = ZnCoreApplication::instance();
+    if (application == nullptr || !application->fiberPool().isOnFiber())
+        return ZnResolver::resolveNow(host);
+    const auto lookup = std::make_shared<Lookup_>();
+    const int waitId = nextFiberWaitId();
+    ZnResolver::resolve(host, [lookup, waitId](const ZnResolver::Result& addresses) {
+        {
+            std::lock_guard<std::mutex> guard(lookup->mutex);
+            lookup->addresses = addresses;
+        }
+        lookup->answered.store(true, std::memory_order_release);
+        unblockFiber(waitId, ZnFiberPool::kFirstLane);
+    });
+    const ZnPointer<ZnTcpSocket> self(this);
+    const unsigned generation = connectGeneration_;
+    resolveWaitId_ = waitId;
+    application->fiberPool().yieldCurrent(waitId, &lookup->answered);
+    if (!self || generation != connectGeneration_)
+        return std::nullopt;
+    resolveWaitId_ = 0;
+    std::lock_guard<std::mutex> guard(lookup->mutex);
+    return lookup->addresses;
+}
+
+int ZnTcpSocket::connectToFirst_(const ZnResolver::Result& addresses, unsigned short port) {
+    int error = ZnSocketError::kHostNotFound;
+    for (const ZnSocketAddress& address : addresses) {
+        std::shared_ptr<ZnSocketHandle> handle = ZnSocketHandle::open(address.family(), &error);
+        if (!handle)
+            continue;
+        error = handle->connect(address.withPort(port));
+        if (error == 0 || error == ZnSocketError::kWouldBlock || error == ZnSocketError::kInProgress) {
+            handle_ = std::move(handle);
+            return error;
+        }
+    }
+    return error;
+}
+
+void ZnTcpSocket::adoptDescriptor(std::shared_ptr<ZnSocketHandle> handle, bool emitConnected) {
+    const ZnPointer<ZnTcpSocket> self(this);
+    close();
+    if (!self || !handle)
+        return;
+    handle_ = std::move(handle);
+    if (!registerWait_()) {
+        close();
+        return;
+    }
+    state_ = SocketState::Connected;
+    if (emitConnected)
+        connected();
+}
+
+void ZnTcpSocket::close() {
+    const SocketState previous = state_;
+    ++connectGeneration_;
+    if (resolveWaitId_ != 0)
+        unblockFiber(std::exchange(resolveWaitId_, 0), ZnFiberPool::kFirstLane);
+    ZnCoreApplication* application = ZnCoreApplication::instance();
+    if (waitId_ != 0 && application != nullptr)
+        application->ioDispatcher().unwatch(waitId_);
+    waitId_ = 0;
+    const bool hadHandle = handle_ != nullptr;
+    if (hadHandle)
+        handle_->closeDescriptor(); // the dispatcher may hold the handle a little longer
+    handle_.reset();
+    writeBuffer_.release();
+    remoteClosed_ = false;
+    insideEvents_ = false;
+    stoppedBeforeEnd_ = false;
+    peerAddressText_.clear();
+    if (previous == SocketState::Unconnected || !hadHandle)
+        return; // without a handle: called from a receiver of the signal below
+    const ZnPointer<ZnTcpSocket> self(this);
+    disconnected(); // its receivers still see the old state
+    if (self && !handle_)
+        state_ = SocketState::Unconnected;
+}
+
+// --- reading
+
+ZnString ZnTcpSocket::read(long long maxBytes) {
+    char buffer[kReadBytes];
+    const bool isInRange = maxBytes >= 1 && maxBytes <= static_cast<long long>(kReadBytes);
+    return ZnString(buffer, receive_(buffer, isInRange ? static_cast<std::size_t>(maxBytes) : kReadBytes));
+}
+
+std::size_t ZnTcpSocket::readInto(char* buffer, std::size_t capacity) {
+    return receive_(buffer, capacity);
+}
+
+std::size_t ZnTcpSocket::receive_(char* buffer, std::size_t capacity) {
+    if (!canTransfer_() || !handle_->maybeReadable() || capacity == 0)
+        return 0;
+    if (insideEvents_ && readBudgetBytes_ == 0)
+        return 0; // stoppedBeforeEnd_ is set: the rest comes with the next event
+    const ZnSocketHandle::Transfer transfer = handle_->receive(buffer, capacity);
+    stoppedBeforeEnd_ = transfer.byteCount == capacity;
+    if (transfer.error == ZnSocketError::kWouldBlock)
+        return 0;
+    if (transfer.error != 0) {
+        errorOccurred(transfer.error);
+        return 0;
+    }
+    if (transfer.byteCount == 0) {
+        remoteClosed_ = true;
+        // While an event is served the close waits for its end: what the reader still has to answer can go out.
+        if (!insideEvents_)
+            finishPeerClose_();
+        return 0;
+    }
+    bytesReceived_ += transfer.byteCount;
+    readBudgetBytes_ -= std::min(readBudgetBytes_, transfer.byteCount);
+    if (stoppedBeforeEnd_ && !insideEvents_)
+        requestAnotherRead_();
+    return transfer.byteCount;
+}
+
+// --- writing
+
+bool ZnTcpSocket::write(ZnString bytes) {
+    if (!canTransfer_())
+        return false;
+    if (writeBuffer_.isEmpty() && canSendDirectly_())
+        return sendDirectly_(bytes.view(), {});
+    writeBuffer_.append(bytes.view());
+    flushWrites_();
+    return true;
+}
+
+bool ZnTcpSocket::write(ZnByteArray bytes) {
+    if (!canTransfer_())
+        return false;
+    if (writeBuffer_.isEmpty() && !canSendDirectly_())
+        writeBuffer_ = std::move(bytes);
+    else if (writeBuffer_.isEmpty())
+        return sendDirectly_(bytes.view(), {});
+    else
+        writeBuffer_.append(bytes);
+    flushWrites_();
+    return true;
+}
+
+bool ZnTcpSocket::writeGathered(ZnString head, ZnByteArray body) {
+    if (!canTransfer_())
+        return false;
+    if (writeBuffer_.isEmpty() && canSendDirectly_()) {
+        const ZnSocketHandle::Transfer transfer =
+            handle_->send(head.data(), head.size(), body.data(), body.size());
+        // The usual large answer: the head is out and most of the body is not. The body becomes the buffer.
+        if (transfer.byteCount >= head.size() && !body.isEmpty()) {
+            body.consumeFront(transfer.byteCount - head.size());
+            writeBuffer_ = std::move(body);
+        } else {
+            writeBuffer_.append(head.view().substr(transfer.byteCount));
+            writeBuffer_.append(body);
+        }
+        return finishDirectSend_(transfer);
+    }
+    writeBuffer_.append(head.view());
+    writeBuffer_.append(body);
+    flushWrites_();
+    return true;
+}
+
+bool ZnTcpSocket::sendDirectly_(std::string_view first, std::string_view second) {
+    if (first.empty() && second.empty())
+        return true;
+    const ZnSocketHandle::Transfer transfer = handle_->send(first.data(), first.size(), second.data(), second.size());
+    if (transfer.byteCount < first.size())
+        writeBuffer_.append(first.substr(transfer.byteCount));
+    writeBuffer_.append(second.substr(transfer.byteCount - std::min(transfer.byteCount, first.size())));
+    return finishDirectSend_(transfer);
+}
+
+bool ZnTcpSocket::finishDirectSend_(const ZnSocketHandle::Transfer& transfer) {
+    bytesSent_ += transfer.byteCount;
+    if (transfer.error != 0 && transfer.error != ZnSocketError::kWouldBlock)
+        errorOccurred(transfer.error);
+    else if (writeBuffer_.isEmpty())
+        writeFinished();
+    return true;
+}
+
+void ZnTcpSocket::flushWrites_() {
+    writePending_();
+}
+
+void ZnTcpSocket::writePending_() {
+    if (!canTransfer_() || writeBuffer_.isEmpty())
+        return;
+    const ZnSocketHandle::Transfer transfer = handle_->send(writeBuffer_.data(), writeBuffer_.size());
+    if (transfer.byteCount > 0)
+        writeBuffer_.consumeFront(transfer.byteCount);
+    if (transfer.byteCount > 0 || transfer.error != 0)
+        finishDirectSend_(transfer);
+}
+
+// --- waiting
+
+bool ZnTcpSocket::waitForConnected(int msecs) {
+    return waitFor_(
+        &ZnAbstractSocket::connected,
+        [](const ZnTcpSocket& socket) { return socket.state_ == SocketState::Connected; }, msecs);
+}
+
+bool ZnTcpSocket::waitForBytesWritten(int msecs) {
+    const ZnPointer<ZnTcpSocket> self(this);
+    if (!writeBuffer_.isEmpty())
+        flushWrites_();
+    return self && waitFor_(
+                       &ZnAbstractSocket::writeFinished,
+                       [](const ZnTcpSocket& socket) {
+                           return socket.state_ == SocketState::Connected && socket.writeBuffer_.isEmpty();
+                       },
+                       msecs);
+}
+
+bool ZnTcpSocket::waitFor_(void (ZnAbstractSocket::*signal)(), const std::function<bool(const ZnTcpSocket&)>& isDone,
+                           int msecs) {
+    if (isDone(*this))
+        return true;
+    if (state_ == SocketState::Unconnected)
+        return false; // nothing that could end the wait would come
+    const ZnPointer<ZnTcpSocket> self(this);
+    ZnEventLoop loop;
+    ZnTimer timer;
+    bool isFulfilled = false;
+    connect(signal, &loop, [&] {
+        isFulfilled = isDone(*this);
+        if (isFulfilled)
+            loop.quit();
+    });
+    connect(&ZnAbstractSocket::disconnected, &loop, &ZnEventLoop::quit);
+    connect(&ZnAbstractSocket::errorOccurred, &loop, &ZnEventLoop::quit);
+    connect(&ZnObject::destroyed, &loop, &ZnEventLoop::quit);
+    if (msecs >= 0) {
+        timer.setSingleShot(true);
+        timer.connect(&ZnTimer::timeout, &loop, &ZnEventLoop::quit);
+        timer.start(msecs);
+    }
+    loop.exec();
+    return isFulfilled || (self && isDone(*this));
+}
+
+// --- addresses
+
+ZnString ZnTcpSocket::peerAddress() const {
+    if (peerAddressText_.isEmpty() && handle_)
+        peerAddressText_ = handle_->peerAddress().text();
+    return peerAddressText_;
+}
+
+unsigned short ZnTcpSocket::peerPort() const {
+    return handle_ ? handle_->peerAddress().port() : static_cast<unsigned short>(0);
+}
+
+ZnString ZnTcpSocket::localAddress() const {
+    return handle_ ? handle_->localAddress().text() : ZnString();
+}
+
+unsigned short ZnTcpSocket::localPort() const {
+    return handle_ ? handle_->localAddress().port() : static_cast<unsigned short>(0);
+}

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <cstdint>
+
+/// What one server lets a peer send. Copied into every session when the connection is made.
+///
+/// Thread: a value. A 0 means "no limit" only where the field says so.
+struct ZnHttpLimits {
+    std::uint64_t maxRequestLineBytes = 8192;  // without CRLF; also bounds a chunk size line
+    std::uint64_t maxHeaderBytes = 32768;      // header lines with their CRLF, trailers included
+    std::uint64_t maxHeaderCount = 100;        // header lines of one request
+    std::uint64_t maxBodyBytes = 8388608;      // decoded
+    std::uint64_t maxChunkBytes = 2097152;     // declared size of one chunk
+    std::uint64_t maxPipelinedRequests = 16;   // complete requests that may wait in a session
+    std::uint64_t maxConnections = 0;          // sessions of a server, 0: no limit
+    std::uint64_t maxInflightRequests = 0;     // requests being handled, 0: no limit
+};

@@ -1,0 +1,414 @@
+#include "core/io/http/ZnHttpParser_.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <utility>
+
+namespace {
+
+// A peer's word about the length of its body is worth this much memory; beyond it memory follows the bytes.
+constexpr std::uint64_t kTrustedBodyBytes = 64 * 1024;
+
+char lowerOf(char c) noexcept {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+char upperOf(char c) noexcept {
+    return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+}
+
+template <char (*Convert)(char) noexcept>
+ZnString converted(std::string_view text) {
+    std::string result(text);
+    std::transform(result.begin(), result.end(), result.begin(), Convert);
+    return ZnString(std::move(result));
+}
+
+ZnString lowerText(std::string_view text) {
+    return converted<lowerOf>(text);
+}
+
+ZnString upperText(std::string_view text) {
+    return converted<upperOf>(text);
+}
+
+bool equalsLower(std::string_view text, std::string_view lowerCase) noexcept {
+    return text.size() == lowerCase.size() &&
+           std::equal(text.begin(), text.end(), lowerCase.begin(), [](char a, char b) { return lowerOf(a) == b; });
+}
+
+bool containsLower(std::string_view text, std::string_view lowerCase) noexcept {
+    return std::search(text.begin(), text.end(), lowerCase.begin(), lowerCase.end(),
+                       [](char a, char b) { return lowerOf(a) == b; }) != text.end();
+}
+
+/// Takes the piece up to the next `separator` off the front of `*rest`. False when there is none left.
+bool nextPiece(std::string_view* rest, char separator, std::string_view* piece) noexcept {
+    if (rest->data() == nullptr)
+        return false;
+    const std::size_t end = rest->find(separator);
+    *piece = rest->substr(0, end);
+    *rest = end == std::string_view::npos ? std::string_view() : rest->substr(end + 1);
+    return true;
+}
+
+/// Whether one of the pieces of `value` between commas is `token`, which is in lower case.
+bool containsToken(std::string_view value, std::string_view token) noexcept {
+    std::string_view piece;
+    while (nextPiece(&value, ',', &piece)) {
+        if (equalsLower(trimmedView(piece), token))
+            return true;
+    }
+    return false;
+}
+
+int hexDigit(char c) noexcept {
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
+
+/// Replaces "%XX" by its byte, and with `plusIsBlank` "+" by a blank. False for a malformed sequence.
+bool percentDecode(std::string_view text, bool plusIsBlank, std::string* out) {
+    out->reserve(text.size() + 1); // a path may get a slash in front
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (c != '%') {
+            out->push_back(plusIsBlank && c == '+' ? ' ' : c);
+            continue;
+        }
+        if (text.size() - i < 3)
+            return false;
+        const int high = hexDigit(text[i + 1]);
+        const int low = hexDigit(text[i + 2]);
+        if (high < 0 || low < 0)
+            return false;
+        out->push_back(static_cast<char>(high * 16 + low));
+        i += 2;
+    }
+    return true;
+}
+
+/// A slash in front, and every run of slashes as one.
+void normalizePath(std::string* path) {
+    if (path->empty() || path->front() != '/')
+        path->insert(path->begin(), '/');
+    path->erase(std::unique(path->begin(), path->end(), [](char a, char b) { return a == '/' && b == '/'; }),
+                path->end());
+}
+
+void parseQuery(std::string_view query, ZnMap<ZnString, ZnString>* params) {
+    std::string_view piece;
+    while (nextPiece(&query, '&', &piece)) {
+        if (piece.empty())
+            continue;
+        const std::size_t equals = piece.find('=');
+        std::string key;
+        std::string value;
+        if (!percentDecode(piece.substr(0, equals), true, &key))
+            continue;
+        if (equals != std::string_view::npos && !percentDecode(piece.substr(equals + 1), true, &value))
+            continue;
+        params->insert(ZnString(std::move(key)), ZnString(std::move(value)));
+    }
+}
+
+/// The origin form of a target: of "http://host/x" the "/x".
+std::string_view withoutAuthority(std::string_view target) noexcept {
+    constexpr std::size_t kLongestScheme = 8; // "https://"
+    const std::string_view scheme = target.substr(0, kLongestScheme);
+    if (!equalsLower(scheme.substr(0, 7), "http://") && !equalsLower(scheme, "https://"))
+        return target;
+    const std::size_t slash = target.find('/', target.find("://") + 3);
+    return slash == std::string_view::npos ? std::string_view("/") : target.substr(slash);
+}
+
+} // namespace
+
+struct ZnHttpParser_::Input_ {
+    std::string_view rest; // not consumed yet
+
+    void skip(std::size_t byteCount) noexcept { rest.remove_prefix(byteCount); }
+    /// Length of an unfinished line. A CR at the end may be the first half of its CRLF and does not count: a line
+    /// that just fits must pass wherever the input is cut.
+    std::uint64_t lineBytes() const noexcept { return rest.size() - (rest.ends_with('\r') ? 1 : 0); }
+};
+
+bool ZnHttpParser_::feed(std::string_view bytes, ZnList<RequestRef>& out) {
+    if (state_ == State::Failed)
+        return false;
+    if (buffer_.isEmpty()) {
+        bytes.remove_prefix(run_(bytes, out));
+        if (!bytes.empty() && state_ != State::Failed)
+            buffer_.append(bytes);
+    } else {
+        buffer_.append(bytes);
+        buffer_.consumeFront(run_(buffer_.view(), out));
+        if (buffer_.isEmpty())
+            buffer_.release(); // an idle connection keeps no memory
+    }
+    if (state_ != State::Failed)
+        return true;
+    buffer_.release();
+    current_.reset();
+    return false;
+}
+
+std::size_t ZnHttpParser_::run_(std::string_view bytes, ZnList<RequestRef>& out) {
+    Input_ input{bytes};
+    while (step_(input, out)) {
+    }
+    return bytes.size() - input.rest.size();
+}
+
+/// One step of the state machine. False: it needs more input, or has failed.
+bool ZnHttpParser_::step_(Input_& input, ZnList<RequestRef>& out) {
+    switch (state_) {
+    case State::RequestLine: return onRequestLine_(input);
+    case State::Headers: return onHeaderLine_(input);
+    case State::FixedBody: return onFixedBody_(input);
+    case State::ChunkSize: return onChunkSize_(input);
+    case State::ChunkData: return onChunkData_(input);
+    case State::ChunkEnd: return onChunkEnd_(input);
+    case State::Trailers: return onTrailerLine_(input);
+    case State::Complete: return commit_(out);
+    case State::Failed: return false;
+    }
+    return false;
+}
+
+/// Takes one line without its CRLF off the input. A bare LF ends no line.
+bool ZnHttpParser_::readLine_(Input_& input, std::string_view* line) {
+    const std::string_view rest = input.rest;
+    std::size_t from = std::exchange(scannedBytes_, 0);
+    for (;;) {
+        const std::size_t lineFeed = rest.find('\n', from);
+        if (lineFeed == std::string_view::npos) {
+            scannedBytes_ = rest.size();
+            return false;
+        }
+        if (lineFeed > 0 && rest[lineFeed - 1] == '\r') {
+            *line = rest.substr(0, lineFeed - 1);
+            input.skip(lineFeed + 1);
+            return true;
+        }
+        from = lineFeed + 1;
+    }
+}
+
+bool ZnHttpParser_::fail_(int status, const char* text) {
+    state_ = State::Failed;
+    errorStatus_ = status;
+    errorText_ = text;
+    return false;
+}
+
+bool ZnHttpParser_::onRequestLine_(Input_& input) {
+    std::string_view line;
+    if (!readLine_(input, &line))
+        return input.lineBytes() > limits_.maxRequestLineBytes ? fail_(414, "Request line too long") : false;
+    if (line.empty())
+        return true; // a CRLF in front of a request is harmless
+    if (line.size() > limits_.maxRequestLineBytes)
+        return fail_(414, "Request line too long");
+    return parseRequestLine_(line);
+}
+
+bool ZnHttpParser_::parseRequestLine_(std::string_view line) {
+    std::string_view pieces[3];
+    for (std::string_view& piece : pieces) {
+        if (!nextPiece(&line, ' ', &piece))
+            return fail_(400, "Malformed request line");
+        piece = trimmedView(piece);
+    }
+    if (pieces[0].empty() || pieces[1].empty() || pieces[2].empty())
+        return fail_(400, "Malformed request line");
+    current_ = std::make_shared<ZnHttpRequest>();
+    current_->method = upperText(pieces[0]);
+    current_->target = ZnString(pieces[1]);
+    current_->httpVersion = upperText(pieces[2]);
+    if (!parseTarget_(pieces[1]))
+        return fail_(400, "Malformed target");
+    current_->keepAlive = current_->httpVersion == "HTTP/1.1";
+    state_ = State::Headers;
+    return true;
+}
+
+bool ZnHttpParser_::parseTarget_(std::string_view target) {
+    const std::string_view origin = withoutAuthority(target);
+    const std::size_t mark = origin.find('?');
+    std::string path;
+    if (!percentDecode(origin.substr(0, mark), false, &path))
+        return false;
+    normalizePath(&path);
+    current_->path = ZnString(std::move(path));
+    if (mark != std::string_view::npos) {
+        current_->queryString = ZnString(origin.substr(mark + 1));
+        parseQuery(current_->queryString.view(), &current_->queryParams);
+    }
+    return true;
+}
+
+bool ZnHttpParser_::onHeaderLine_(Input_& input) {
+    std::string_view line;
+    if (!readLine_(input, &line)) {
+        return headerBytes_ + input.lineBytes() > limits_.maxHeaderBytes ? fail_(431, "Headers too large") : false;
+    }
+    headerBytes_ += line.size() + 2;
+    if (headerBytes_ > limits_.maxHeaderBytes)
+        return fail_(431, "Headers too large");
+    return line.empty() ? finishHeaders_() : parseHeaderLine_(line);
+}
+
+bool ZnHttpParser_::parseHeaderLine_(std::string_view line) {
+    const std::size_t colon = line.find(':');
+    if (colon == 0 || colon == std::string_view::npos)
+        return fail_(400, "Malformed header");
+    if (++headerCount_ > limits_.maxHeaderCount)
+        return fail_(431, "Too many headers");
+    current_->headers.insert(lowerText(trimmedView(line.substr(0, colon))),
+                             ZnString(trimmedView(line.substr(colon + 1))));
+    return true;
+}
+
+bool ZnHttpParser_::finishHeaders_() {
+    const auto& headers = current_->headers;
+    const auto none = headers.end();
+    if (const auto connection = headers.find("connection"); connection != none) {
+        if (containsToken(connection->second.view(), "close"))
+            current_->keepAlive = false;
+        else if (containsToken(connection->second.view(), "keep-alive"))
+            current_->keepAlive = true;
+    }
+    const auto coding = headers.find("transfer-encoding");
+    const bool chunked = coding != none && containsLower(coding->second.view(), "chunked");
+    const auto length = headers.find("content-length");
+    if (length != none && !parseContentLength_(length->second.view()))
+        return fail_(400, "Invalid Content-Length");
+    if (chunked && length != none)
+        return fail_(400, "Conflicting body framing");
+    if (bodyRemaining_ > limits_.maxBodyBytes)
+        return fail_(413, "Body too large");
+    current_->chunked = chunked;
+    state_ = chunked ? State::ChunkSize : bodyRemaining_ > 0 ? State::FixedBody : State::Complete;
+    return true;
+}
+
+/// Digits only: a sign, a list or a number of another notation would leave it open where the body ends.
+bool ZnHttpParser_::parseContentLength_(std::string_view text) {
+    constexpr std::uint64_t kMax = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+    std::uint64_t value = 0;
+    for (const char c : text) {
+        if (c < '0' || c > '9')
+            return false;
+        const std::uint64_t digit = static_cast<std::uint64_t>(c - '0');
+        if (value > (kMax - digit) / 10)
+            return false;
+        value = value * 10 + digit;
+    }
+    bodyRemaining_ = value;
+    return !text.empty();
+}
+
+bool ZnHttpParser_::takeBody_(Input_& input, std::uint64_t* remainingBytes) {
+    const std::size_t byteCount =
+        static_cast<std::size_t>(std::min<std::uint64_t>(*remainingBytes, input.rest.size()));
+    ZnByteArray& body = current_->body;
+    if (body.size() + byteCount > limits_.maxBodyBytes)
+        return fail_(413, "Body too large");
+    body.append(input.rest.substr(0, byteCount));
+    input.skip(byteCount);
+    *remainingBytes -= byteCount;
+    return true;
+}
+
+bool ZnHttpParser_::onFixedBody_(Input_& input) {
+    if (input.rest.empty())
+        return false;
+    if (current_->body.isNull())
+        current_->body.reserve(static_cast<std::size_t>(std::min(bodyRemaining_, kTrustedBodyBytes)));
+    if (!takeBody_(input, &bodyRemaining_))
+        return false;
+    if (bodyRemaining_ > 0)
+        return false;
+    state_ = State::Complete;
+    return true;
+}
+
+bool ZnHttpParser_::onChunkSize_(Input_& input) {
+    std::string_view line;
+    if (!readLine_(input, &line))
+        return input.lineBytes() > limits_.maxRequestLineBytes ? fail_(400, "Chunk size line too long") : false;
+    if (line.size() > limits_.maxRequestLineBytes)
+        return fail_(400, "Chunk size line too long");
+    if (!parseChunkSize_(trimmedView(line)))
+        return fail_(400, "Invalid chunk size");
+    if (chunkRemaining_ > limits_.maxChunkBytes)
+        return fail_(413, "Chunk too large");
+    const std::uint64_t bodyBytes = current_->body.size();
+    if (bodyBytes > limits_.maxBodyBytes || chunkRemaining_ > limits_.maxBodyBytes - bodyBytes)
+        return fail_(413, "Body too large");
+    state_ = chunkRemaining_ == 0 ? State::Trailers : State::ChunkData;
+    return true;
+}
+
+bool ZnHttpParser_::parseChunkSize_(std::string_view line) {
+    const std::string_view digits = line.substr(0, line.find(';'));
+    std::uint64_t size = 0;
+    for (const char c : digits) {
+        const int digit = hexDigit(c);
+        if (digit < 0 || size > std::numeric_limits<std::uint64_t>::max() >> 4)
+            return false;
+        size = size << 4 | static_cast<std::uint64_t>(digit);
+    }
+    chunkRemaining_ = size;
+    return !digits.empty();
+}
+
+bool ZnHttpParser_::onChunkData_(Input_& input) {
+    if (input.rest.empty() || !takeBody_(input, &chunkRemaining_))
+        return false;
+    if (chunkRemaining_ > 0)
+        return false;
+    state_ = State::ChunkEnd;
+    return true;
+}
+
+bool ZnHttpParser_::onChunkEnd_(Input_& input) {
+    if (input.rest.size() < 2)
+        return false;
+    if (!input.rest.starts_with("\r\n"))
+        return fail_(400, "Malformed chunk delimiter");
+    input.skip(2);
+    state_ = State::ChunkSize;
+    return true;
+}
+
+bool ZnHttpParser_::onTrailerLine_(Input_& input) {
+    std::string_view line;
+    if (!readLine_(input, &line)) {
+        return headerBytes_ + input.lineBytes() > limits_.maxHeaderBytes ? fail_(431, "Trailers too large") : false;
+    }
+    headerBytes_ += line.size() + 2;
+    if (headerBytes_ > limits_.maxHeaderBytes)
+        return fail_(431, "Trailers too large");
+    if (line.empty())
+        state_ = State::Complete;
+    return true;
+}
+
+bool ZnHttpParser_::commit_(ZnList<RequestRef>& out) {
+    out.append(std::move(current_));
+    current_.reset();
+    if (out.size() > limits_.maxPipelinedRequests)
+        return fail_(400, "Too many pipelined requests");
+    headerBytes_ = headerCount_ = bodyRemaining_ = chunkRemaining_ = 0;
+    state_ = State::RequestLine;
+    return true;
+}

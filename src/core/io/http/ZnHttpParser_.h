@@ -1,0 +1,90 @@
+#pragma once
+
+#include "core/io/http/ZnHttpLimits.h"
+#include "core/io/http/ZnHttpRequest.h"
+#include "core/types/ZnByteArray.h"
+#include "core/types/ZnList.h"
+#include "core/types/ZnString.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+/// Turns the bytes of one connection into complete requests. It may stop behind any byte and go on later; where
+/// the input is cut does not change what comes out.
+///
+///   request line CRLF  *( name ":" value CRLF )  CRLF  [ Content-Length bytes ]
+///                                                      [ *( hex size [";" ...] CRLF bytes CRLF ) "0" CRLF *( line CRLF ) CRLF ]
+///
+/// Thread: that of its session. Nothing here parks or calls out.
+/// Invariant: buffer_ holds only what cannot be used yet, an unfinished line or half a CRLF behind a chunk: bytes of
+/// a body never stay in it, and complete input is parsed where it lies.
+/// Failed is final.
+class ZnHttpParser_ {
+public:
+    using RequestRef = std::shared_ptr<ZnHttpRequest>;
+
+    enum class State : std::int32_t {
+        RequestLine = 0, // also idle between two requests
+        Headers = 1,
+        FixedBody = 2,
+        ChunkSize = 3,
+        ChunkData = 4,
+        ChunkEnd = 5,
+        Trailers = 6,
+        Complete = 7,
+        Failed = 8
+    };
+
+    explicit ZnHttpParser_(const ZnHttpLimits& limits = ZnHttpLimits()) : limits_(limits) {}
+
+    /// Takes `bytes` in and appends the requests that they complete to `out`, whose length maxPipelinedRequests
+    /// bounds. Returns false when the parser stands in Failed; requests completed before the failure are in `out`.
+    bool feed(std::string_view bytes, ZnList<RequestRef>& out);
+
+    State state() const noexcept { return state_; }
+    /// Between two requests, with no byte of the next one.
+    bool isIdle() const noexcept { return state_ == State::RequestLine && buffer_.isEmpty(); }
+    const ZnHttpLimits& limits() const noexcept { return limits_; }
+    /// The HTTP status and the text of the failure; 0 and empty without one.
+    int errorStatus() const noexcept { return errorStatus_; }
+    const ZnString& errorText() const noexcept { return errorText_; }
+
+private:
+    struct Input_; // what is left of the bytes at hand
+
+    std::size_t run_(std::string_view bytes, ZnList<RequestRef>& out);
+    bool step_(Input_& input, ZnList<RequestRef>& out);
+    bool readLine_(Input_& input, std::string_view* line);
+    bool fail_(int status, const char* text);
+
+    bool onRequestLine_(Input_& input);
+    bool parseRequestLine_(std::string_view line);
+    bool parseTarget_(std::string_view target);
+    bool onHeaderLine_(Input_& input);
+    bool parseHeaderLine_(std::string_view line);
+    bool finishHeaders_();
+    bool parseContentLength_(std::string_view text);
+    bool onFixedBody_(Input_& input);
+    bool onChunkSize_(Input_& input);
+    bool parseChunkSize_(std::string_view line);
+    bool onChunkData_(Input_& input);
+    bool onChunkEnd_(Input_& input);
+    bool onTrailerLine_(Input_& input);
+    bool commit_(ZnList<RequestRef>& out);
+    /// Moves up to `*remainingBytes` bytes of the input to the body. False: it would grow beyond its limit.
+    bool takeBody_(Input_& input, std::uint64_t* remainingBytes);
+
+    const ZnHttpLimits limits_;
+    ZnByteArray buffer_;
+    std::size_t scannedBytes_ = 0;     // of buffer_, known to hold no CRLF: one-byte input stays linear
+    State state_ = State::RequestLine;
+    RequestRef current_;               // null until its request line is complete
+    std::uint64_t headerBytes_ = 0;    // this and the next three: of the current message
+    std::uint64_t headerCount_ = 0;
+    std::uint64_t bodyRemaining_ = 0;  // of a body with a length
+    std::uint64_t chunkRemaining_ = 0;
+    int errorStatus_ = 0;
+    ZnString errorText_;
+};

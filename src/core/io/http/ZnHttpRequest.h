@@ -1,0 +1,29 @@
+#pragma once
+
+#include "core/types/ZnByteArray.h"
+#include "core/types/ZnMap.h"
+#include "core/types/ZnString.h"
+
+#include <cstdint>
+
+/// One request, complete with its body.
+///
+/// Thread: a value. On its way from the parser to a handler it is shared and never copied: whoever may still
+/// look at it after a wait holds a std::shared_ptr.
+struct ZnHttpRequest {
+    ZnString method;                            // upper case
+    ZnString target;                            // as sent, trimmed
+    ZnString path;                              // percent-decoded, begins with "/", without "//"
+    ZnString queryString;                       // raw, behind the first "?"
+    ZnString httpVersion;                       // upper case
+    ZnMap<ZnString, ZnString> headers;          // names in lower case; a repeated name keeps its last value
+    ZnMap<ZnString, ZnString> queryParams;      // decoded; a repeated key keeps its last value
+    ZnMap<ZnString, ZnString> pathParams;       // filled by the router
+    ZnByteArray body;                           // decoded
+    bool keepAlive = true;
+    bool chunked = false;                       // the body came in chunks
+    bool isTls = false;                         // this and the next three are filled by the session
+    std::uint16_t localPort = 0;
+    ZnString peerAddress;
+    std::uint16_t peerPort = 0;
+};

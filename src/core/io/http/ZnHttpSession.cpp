@@ -1,0 +1,454 @@
+#include "core/io/http/ZnHttpSession.h"
+
+#include "core/io/ZnTcpSocket.h"
+#include "core/io/http/ZnHttpRouter.h"
+#include "core/runtime/Thread.h"
+#include "core/runtime/ZnCoreApplication.h"
+#include "core/runtime/ZnTimer.h"
+#include "core/types/ZnLogger.h"
+
+#include <algorithm>
+#include <chrono>
+#include <limits>
+#include <utility>
+
+namespace {
+
+constexpr const char* kCategory = "zn.core.io.znhttpsession";
+
+constexpr std::size_t kReadBytes = 16 * 1024;
+// A body up to this size is copied behind its head and leaves with it in one write; a larger one is handed over.
+constexpr std::size_t kJoinedBodyBytes = 16 * 1024;
+// A peer that sends many requests at once is served this many, then the other connections have their turn.
+constexpr int kRequestsPerGo = 16;
+
+constexpr long long kNsPerMs = 1'000'000;
+constexpr long long kNever = std::numeric_limits<long long>::max();
+constexpr long long kWatchNs = 200 * kNsPerMs;          // the grid of time-out checks
+constexpr long long kLongestSleepNs = 1'000'000 * kNsPerMs; // within what a timer can do
+
+// How long a refused peer may still send before the connection is closed under it; see beginDrain_.
+constexpr long long kDrainNs = 1000 * kNsPerMs;
+constexpr long long kDrainQuietNs = 200 * kNsPerMs;
+constexpr unsigned long long kMaxDiscardedBytes = 1024 * 1024;
+
+// Shared by all sessions of a thread. Its content is used up before anything that could park.
+thread_local char readBuffer[kReadBytes];
+
+long long nowNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+/// When a clock that began at `sinceNs` first shows more than `limitMs` whole milliseconds.
+long long deadlineNs(long long sinceNs, int limitMs) noexcept {
+    return limitMs < 1 ? kNever : sinceNs + (static_cast<long long>(limitMs) + 1) * kNsPerMs;
+}
+
+} // namespace
+
+ZnHttpSession::ZnHttpSession(ZnAbstractSocket* socket, const ZnHttpRouter* router, const ZnHttpLimits& limits,
+                             const ZnHttpTimeouts& timeouts, bool isTls, unsigned short localPort, ZnObject* parent)
+    : ZnObject(parent), router_(router), parser_(limits), timeouts_(timeouts), isTls_(isTls), localPort_(localPort),
+      createdNs_(nowNs()), lastActivityNs_(createdNs_), requestStartNs_(createdNs_), asyncStartNs_(createdNs_),
+      lastWriteNs_(createdNs_), armedTickNs_(kNever) {
+    if (socket == nullptr || router == nullptr) {
+        closed_ = true;
+        deleteLater();
+        return;
+    }
+    socket_ = socket;
+    socket->setParent(this);
+    socket->connect(&ZnIODevice::readyRead, this, &ZnHttpSession::onReadyRead_);
+    socket->connect(&ZnAbstractSocket::disconnected, this, &ZnHttpSession::closeSession_);
+    socket->connect(&ZnAbstractSocket::errorOccurred, this, &ZnHttpSession::closeSession_);
+    socket->connect(&ZnAbstractSocket::writeFinished, this, &ZnHttpSession::onWriteFinished_);
+    socket->connect(&ZnObject::destroyed, this, &ZnHttpSession::closeSession_);
+    timeoutTimer_ = new ZnTimer(this);
+    timeoutTimer_->setSingleShot(true);
+    timeoutTimer_->connect(&ZnTimer::timeout, this, &ZnHttpSession::onTimeoutWatch_);
+    armTimeout_();
+}
+
+ZnHttpSession::~ZnHttpSession() {
+    closeSession_(); // for one that is deleted while it is open: its server must not keep the address
+}
+
+void ZnHttpSession::setRequestHandler(RequestHandler handler) {
+    requestHandler_ = handler ? std::make_shared<const RequestHandler>(std::move(handler)) : nullptr;
+}
+
+void ZnHttpSession::start() {
+    if (closed_)
+        return;
+    if (!socket_ || !socket_->isOpen())
+        closeSession_(); // the peer left before the signals were connected
+    else
+        postWeakly_(&ZnHttpSession::onReadyRead_);
+}
+
+// ---- Input
+
+void ZnHttpSession::onReadyRead_() {
+    if (closed_ || !socket_)
+        return;
+    if (inputRefused_)
+        discardInput_();
+    else if (readInput_())
+        processNextRequest_();
+}
+
+/// Reads until the socket has no more. False: the session has ended or has refused the input.
+bool ZnHttpSession::readInput_() {
+    const ZnPointer<ZnHttpSession> self(this);
+    for (;;) {
+        const std::size_t byteCount = socket_->readInto(readBuffer, kReadBytes);
+        if (!self || closed_)
+            return false; // the end of the stream was found, or an error
+        if (byteCount == 0)
+            return true;
+        lastActivityNs_ = nowNs();
+        if (parser_.isIdle())
+            requestStartNs_ = lastActivityNs_;
+        const std::size_t waitingCount = pendingRequests_.size();
+        if (!parser_.feed({readBuffer, byteCount}, pendingRequests_)) {
+            sendError_(parser_.errorStatus(), parser_.errorText());
+            return false;
+        }
+        describePeer_(waitingCount);
+        armTimeout_();
+    }
+}
+
+void ZnHttpSession::describePeer_(std::size_t firstNewRequest) {
+    if (firstNewRequest == pendingRequests_.size())
+        return;
+    if (!peerKnown_) {
+        peerKnown_ = true;
+        if (const auto* tcpSocket = dynamic_cast<const ZnTcpSocket*>(socket_.get())) {
+            peerAddress_ = tcpSocket->peerAddress();
+            peerPort_ = tcpSocket->peerPort();
+        }
+    }
+    for (std::size_t i = firstNewRequest; i < pendingRequests_.size(); ++i) {
+        ZnHttpRequest& request = *pendingRequests_[i];
+        request.isTls = isTls_;
+        request.localPort = localPort_;
+        request.peerAddress = peerAddress_;
+        request.peerPort = peerPort_;
+    }
+}
+
+/// Reads and forgets what comes behind a request that was refused.
+void ZnHttpSession::discardInput_() {
+    const ZnPointer<ZnHttpSession> self(this);
+    while (discardedBytes_ <= kMaxDiscardedBytes) {
+        const std::size_t byteCount = socket_->readInto(readBuffer, kReadBytes);
+        if (!self || closed_ || byteCount == 0)
+            return;
+        lastActivityNs_ = nowNs();
+        discardedBytes_ += byteCount;
+    }
+    if (draining_)
+        closeSession_();
+}
+
+// ---- Requests
+
+bool ZnHttpSession::canStartRequest_() const noexcept {
+    return !closed_ && !responseInProgress_ && !asyncPending_ && !inputRefused_ && !pendingRequests_.isEmpty();
+}
+
+/// Handles what waits, in a loop and not by recursion: with a quick handler a request is answered and its response
+/// sent before startNextRequest_ returns.
+void ZnHttpSession::processNextRequest_() {
+    const ZnPointer<ZnHttpSession> self(this);
+    for (int handledCount = 0; handledCount < kRequestsPerGo; ++handledCount) {
+        if (!canStartRequest_())
+            return;
+        startNextRequest_();
+        if (!self)
+            return;
+    }
+    if (canStartRequest_())
+        scheduleResume_();
+}
+
+/// Calls the handler, which may park. All that is used behind the call is held by this frame or guarded.
+void ZnHttpSession::startNextRequest_() {
+    const std::shared_ptr<ZnHttpRequest> request = pendingRequests_.takeFirst();
+    currentRequest_ = request;
+    const unsigned long long serial = ++requestSerial_;
+    requestStartNs_ = asyncStartNs_ = nowNs();
+    asyncPending_ = true;
+    armTimeout_(); // now: once the handler is parked, nobody else would
+    if (const std::shared_ptr<const RequestHandler> handler = requestHandler_) {
+        (*handler)(request, responseCallback_());
+        return;
+    }
+    const ZnPointer<ZnHttpSession> self(this);
+    ZnHttpResponse response;
+    if (!router_->dispatch(*request, &response))
+        response = ZnHttpResponse::plain(404, "Not Found", request->keepAlive);
+    if (self)
+        answer_(serial, std::move(response));
+}
+
+/// Carries an answer to the session's thread and there into the session, if it still lives.
+ZnHttpResponseCallback ZnHttpSession::responseCallback_() {
+    return [self = ZnPointer<ZnHttpSession>(this), thread = thread(),
+            serial = requestSerial_](ZnHttpResponse response) mutable {
+        if (thread == nullptr || thread == zn::atomic::Thread::currentThread()) {
+            if (ZnHttpSession* session = self.get())
+                session->answer_(serial, std::move(response));
+            return;
+        }
+        // On another thread the session may die between a test and its use, so the test is left to its own thread.
+        if (!zn::atomic::Thread::isLive(thread))
+            return;
+        postToThread(
+            thread,
+            [self, serial, answer = std::make_unique<ZnHttpResponse>(std::move(response))]() {
+                if (ZnHttpSession* session = self.get())
+                    session->answer_(serial, std::move(*answer));
+            },
+            ZnFiberPool::kResumeLane);
+    };
+}
+
+/// Drops a second answer, one that comes after a time-out has answered, and one of an earlier request.
+void ZnHttpSession::answer_(unsigned long long requestSerial, ZnHttpResponse response) {
+    if (closed_ || !socket_ || !asyncPending_ || responseInProgress_ || requestSerial != requestSerial_)
+        return;
+    const bool isHead = currentRequest_->method == "HEAD";
+    sendResponse_(std::move(response), currentRequest_->keepAlive, isHead);
+}
+
+// ---- Responses
+
+void ZnHttpSession::sendResponse_(ZnHttpResponse response, bool keepAlive, bool isHead) {
+    responseInProgress_ = true;
+    asyncPending_ = false;
+    closeAfterResponse_ = response.closeConnection || !keepAlive;
+    // The head never leaves alone: a small packet in front of the body costs the peer's delayed acknowledgement.
+    const bool isJoined = response.body.size() <= kJoinedBodyBytes;
+    ZnString head = response.head(closeAfterResponse_, isJoined ? response.body.size() : 0);
+    if (isHead || response.headOnly)
+        response.body = ZnByteArray();
+    else if (isJoined)
+        head.append(response.body.view());
+    writeBytes_(std::move(head), isJoined ? ZnByteArray() : std::move(response.body));
+}
+
+/// The socket may emit from inside write: the end of the write, which is acted upon behind it, but also an error,
+/// which ends the session there and then.
+void ZnHttpSession::writeBytes_(ZnString head, ZnByteArray body) {
+    const ZnPointer<ZnHttpSession> self(this);
+    insideWrite_ = true;
+    resumeDeferred_ = false;
+    const bool isAccepted = body.isEmpty() ? socket_->write(std::move(head))
+                                           : socket_->writeGathered(std::move(head), std::move(body));
+    if (!self || closed_)
+        return;
+    insideWrite_ = false;
+    lastWriteNs_ = nowNs();
+    if (!isAccepted) {
+        closeSession_();
+        return;
+    }
+    if (!std::exchange(resumeDeferred_, false)) {
+        armTimeout_();
+        return;
+    }
+    finishResponse_();
+    // What waits is begun from the loop, not here: below this frame there may be the one of a handler that has
+    // answered and goes on. When it is processNextRequest_, that is quicker, and this finds nothing left to do.
+    if (self && canStartRequest_())
+        scheduleResume_();
+}
+
+void ZnHttpSession::onWriteFinished_() {
+    if (closed_ || !socket_)
+        return;
+    if (insideWrite_) {
+        resumeDeferred_ = true;
+        return;
+    }
+    lastWriteNs_ = nowNs();
+    const ZnPointer<ZnHttpSession> self(this);
+    finishResponse_();
+    if (self)
+        processNextRequest_();
+}
+
+/// The last byte of the response has left for the system.
+void ZnHttpSession::finishResponse_() {
+    if (!responseInProgress_)
+        return;
+    responseInProgress_ = false;
+    currentRequest_.reset();
+    if (!closeAfterResponse_)
+        armTimeout_();
+    else if (inputRefused_)
+        beginDrain_();
+    else
+        closeSession_();
+}
+
+void ZnHttpSession::scheduleResume_() {
+    if (std::exchange(resumeScheduled_, true))
+        return;
+    postWeakly_(&ZnHttpSession::resume_);
+}
+
+void ZnHttpSession::resume_() {
+    resumeScheduled_ = false;
+    processNextRequest_();
+}
+
+void ZnHttpSession::postWeakly_(void (ZnHttpSession::*step)()) {
+    const auto call = [self = ZnPointer<ZnHttpSession>(this), step]() {
+        if (ZnHttpSession* session = self.get())
+            (session->*step)();
+    };
+    ZnCoreApplication* application = ZnCoreApplication::instance();
+    if (application == nullptr || !application->postEvent(ZnTask(call)))
+        ZnTimer::singleShot(0, call); // saturated: timers that find no room fire later, but do fire
+}
+
+/// The last answer on this connection: whatever the peer sends from here on is discarded.
+void ZnHttpSession::sendError_(int status, const ZnString& text) {
+    if (closed_)
+        return;
+    asyncPending_ = false;
+    if (responseInProgress_) {
+        closeSession_(); // no second head goes out
+        return;
+    }
+    inputRefused_ = true;
+    pendingRequests_.clear();
+    const std::string_view body = text.isEmpty() ? std::string_view("Bad Request") : text.view();
+    sendResponse_(ZnHttpResponse::plain(status < 1 ? 400 : status, body, false), false, false);
+}
+
+/// Closing a socket with input unread, or under a peer that still sends, resets the connection, and the reset may
+/// destroy the answer before the peer has read it. So when input is left, or the refusal has cut a message short,
+/// the rest is read and discarded for a moment before the close.
+void ZnHttpSession::beginDrain_() {
+    const ZnPointer<ZnHttpSession> self(this);
+    draining_ = true;
+    drainStartNs_ = lastActivityNs_ = nowNs();
+    const unsigned long long discardedBefore = discardedBytes_;
+    discardInput_();
+    if (!self || closed_)
+        return;
+    const int status = parser_.errorStatus();
+    const bool isCutShort = status == 413 || status == 414 || status == 431;
+    if (isCutShort || discardedBytes_ > discardedBefore)
+        armTimeout_();
+    else
+        closeSession_();
+}
+
+void ZnHttpSession::closeSession_() {
+    if (std::exchange(closed_, true))
+        return;
+    const ZnPointer<ZnHttpSession> self(this);
+    asyncPending_ = responseInProgress_ = false;
+    pendingRequests_.clear();
+    currentRequest_.reset();
+    timeoutTimer_->stop();
+    releaseSocket_();
+    if (!self)
+        return;
+    if (const ClosedHandler onClosed = std::exchange(onClosed_, nullptr))
+        onClosed(this);
+    else
+        deleteLater();
+}
+
+void ZnHttpSession::releaseSocket_() {
+    const ZnPointer<ZnAbstractSocket> socket = std::exchange(socket_, nullptr);
+    if (!socket)
+        return;
+    socket->disconnectReceiver(this); // the session has had its last signal, also the `disconnected` of this close
+    socket->close();
+    if (socket)
+        socket->deleteLater();
+}
+
+// ---- Time-outs
+//
+// The rule: every 200 ms since the session was made, the first row that applies decides. A periodic timer would
+// wake the loop 25,000 times a second for 5,000 idle connections. So the timer is armed, once, for the first tick
+// of that grid at which a row could fire. Deadlines mostly move away from the present as requests come and go; that
+// is not followed, the timer finds it out when it fires and is armed again. Only a state whose deadline lies before
+// the armed tick arms it anew, which in the usual flow no request does.
+
+long long ZnHttpSession::nextDeadlineNs_() const noexcept {
+    if (closed_)
+        return kNever;
+    if (draining_)
+        return std::min(drainStartNs_ + kDrainNs, lastActivityNs_ + kDrainQuietNs);
+    if (responseInProgress_)
+        return deadlineNs(lastWriteNs_, timeouts_.writeTimeoutMs);
+    if (asyncPending_)
+        return deadlineNs(asyncStartNs_, timeouts_.bodyTimeoutMs);
+    const long long requestDeadline = deadlineNs(requestStartNs_, requestTimeoutMs_());
+    return isIdle_() ? std::min(requestDeadline, deadlineNs(lastActivityNs_, timeouts_.keepAliveTimeoutMs))
+                     : requestDeadline;
+}
+
+bool ZnHttpSession::isIdle_() const noexcept {
+    return parser_.isIdle() && pendingRequests_.isEmpty();
+}
+
+/// Between two requests the one for the headers counts, too: from the start of the last request.
+int ZnHttpSession::requestTimeoutMs_() const noexcept {
+    return parser_.state() <= ZnHttpParser_::State::Headers ? timeouts_.headerTimeoutMs : timeouts_.bodyTimeoutMs;
+}
+
+void ZnHttpSession::armTimeout_() {
+    const long long deadline = nextDeadlineNs_();
+    if (deadline >= armedTickNs_)
+        return; // the usual case
+    const long long now = nowNs();
+    const long long soonest = std::max(deadline, now + 1);
+    const long long tickCount = (soonest - createdNs_ + kWatchNs - 1) / kWatchNs;
+    const long long tickNs = std::min(createdNs_ + tickCount * kWatchNs, now + kLongestSleepNs);
+    if (tickNs >= armedTickNs_)
+        return;
+    armedTickNs_ = tickNs;
+    timeoutTimer_->stop();
+    timeoutTimer_->startUs((tickNs - now + 999) / 1000);
+}
+
+void ZnHttpSession::onTimeoutWatch_() {
+    if (closed_ || !socket_)
+        return;
+    const ZnPointer<ZnHttpSession> self(this);
+    armedTickNs_ = kNever;
+    runTimeoutTable_(nowNs());
+    if (self && !closed_)
+        armTimeout_();
+}
+
+/// The first row that applies decides; the first two do so even when they do not fire.
+void ZnHttpSession::runTimeoutTable_(long long now) {
+    if (draining_) {
+        if (now >= nextDeadlineNs_())
+            closeSession_();
+    } else if (responseInProgress_) {
+        if (now >= deadlineNs(lastWriteNs_, timeouts_.writeTimeoutMs)) {
+            ZN_LOG_WARNING(kCategory, "ZnHttpSession::onTimeoutWatch_") << "[ZnHttpSession] write timeout, closing";
+            closeSession_();
+        }
+    } else if (asyncPending_) {
+        if (now >= deadlineNs(asyncStartNs_, timeouts_.bodyTimeoutMs))
+            sendError_(504, "Route async timeout");
+    } else if (now >= deadlineNs(requestStartNs_, requestTimeoutMs_())) {
+        sendError_(408, "Request Timeout");
+    } else if (isIdle_() && now >= deadlineNs(lastActivityNs_, timeouts_.keepAliveTimeoutMs)) {
+        closeSession_();
+    }
+}

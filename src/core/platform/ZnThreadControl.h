@@ -1,0 +1,11 @@
+#pragma once
+
+#include <cstdint>
+
+/// What the runtime needs of the system's threads.
+namespace ZnThreadControl {
+/// The system's id of the calling thread, never 0.
+std::uint32_t currentThreadId() noexcept;
+/// Asks for somewhat more than normal priority for the calling thread. Silent when that is not permitted.
+void raisePriority() noexcept;
+} // namespace ZnThreadControl

@@ -1,0 +1,192 @@
+#include "core/runtime/Thread.h"
+
+#include "core/platform/ZnThreadControl.h"
+#include "core/runtime/ZnCoreApplication.h"
+#include "core/types/ZnLogger.h"
+
+#include <memory>
+#include <system_error>
+
+namespace zn::atomic {
+namespace {
+
+/// The records that may be used; a thread_ pointer counts only while it is in here.
+struct LiveThreads_ {
+    std::mutex mutex;
+    std::unordered_set<const Thread*> threads; // guarded by mutex
+};
+
+LiveThreads_& liveThreads() {
+    static LiveThreads_* const set = new LiveThreads_; // threads may outlive static destruction
+    return *set;
+}
+
+thread_local Thread* currentRecord = nullptr;
+/// An adopted record goes with its thread.
+thread_local std::unique_ptr<Thread> adoptedRecord;
+
+} // namespace
+
+Thread::Thread(ZnString name) : name_(std::move(name)), adopted_(false) {
+    LiveThreads_& live = liveThreads();
+    std::lock_guard<std::mutex> guard(live.mutex);
+    live.threads.insert(this);
+}
+
+Thread::Thread(ZnCoreApplication* application, ZnString name, bool adopted)
+    : name_(std::move(name)), threadId_(ZnThreadControl::currentThreadId()), running_(adopted), adopted_(adopted),
+      application_(application) {
+    LiveThreads_& live = liveThreads();
+    std::lock_guard<std::mutex> guard(live.mutex);
+    live.threads.insert(this);
+}
+
+Thread::~Thread() {
+    requestStop();
+    join();
+    LiveThreads_& live = liveThreads();
+    std::lock_guard<std::mutex> guard(live.mutex);
+    live.threads.erase(this);
+    if (currentRecord == this)
+        currentRecord = nullptr;
+}
+
+bool Thread::isLive(const Thread* thread) {
+    if (thread == nullptr)
+        return false;
+    LiveThreads_& live = liveThreads();
+    std::lock_guard<std::mutex> guard(live.mutex);
+    return live.threads.count(thread) != 0;
+}
+
+bool Thread::start() {
+    if (adopted_ || isRunning())
+        return true;
+    join(); // an earlier run
+    stopRequested_.store(false, std::memory_order_relaxed);
+    std::unique_lock<std::mutex> lock(startMutex_);
+    started_ = false;
+    try {
+        handle_ = std::thread([this] { run_(); });
+    } catch (const std::system_error& error) {
+        ZN_LOG_ERROR("zn.core.runtime.znthread", "Thread::start") << "Failed to start thread: " << error.what();
+        return false;
+    }
+    startCondition_.wait(lock, [this] { return started_; });
+    return isRunning();
+}
+
+void Thread::requestStop() {
+    if (adopted_)
+        return;
+    stopRequested_.store(true, std::memory_order_release);
+    withApplication([](ZnCoreApplication* application) {
+        if (application != nullptr)
+            application->quit();
+    });
+}
+
+void Thread::join() {
+    if (handle_.joinable())
+        handle_.join();
+}
+
+void Thread::run_() {
+    currentRecord = this;
+    threadId_.store(ZnThreadControl::currentThreadId(), std::memory_order_release);
+    auto application = std::make_unique<ZnCoreApplication>(); // attaches itself
+    running_.store(true, std::memory_order_release);
+    {
+        std::lock_guard<std::mutex> guard(startMutex_);
+        started_ = true;
+        // Under the lock: whoever waits may destroy the record as soon as it has seen `started_`.
+        startCondition_.notify_all();
+    }
+    postPending_(*application);
+    if (const std::function<void()> onStart = copyOf_(onStart_))
+        onStart();
+    if (!stopRequested_.load(std::memory_order_acquire))
+        application->exec(0);
+    application.reset(); // detaches itself
+    running_.store(false, std::memory_order_release);
+    {
+        std::lock_guard<std::mutex> guard(objectsMutex_);
+        objects_.clear();
+    }
+    if (const std::function<void()> onFinish = copyOf_(onFinish_))
+        onFinish();
+    currentRecord = nullptr;
+}
+
+std::function<void()> Thread::copyOf_(const std::function<void()>& callback) {
+    std::lock_guard<std::mutex> guard(callbackMutex_);
+    return callback;
+}
+
+void Thread::setOnStart(std::function<void()> callback) {
+    std::lock_guard<std::mutex> guard(callbackMutex_);
+    onStart_ = std::move(callback);
+}
+
+void Thread::setOnFinish(std::function<void()> callback) {
+    std::lock_guard<std::mutex> guard(callbackMutex_);
+    onFinish_ = std::move(callback);
+}
+
+Thread* Thread::currentThread() {
+    if (currentRecord == nullptr && ZnCoreApplication::instance() != nullptr) {
+        adoptedRecord = std::make_unique<Thread>(ZnCoreApplication::instance(), "MainThread", true);
+        currentRecord = adoptedRecord.get();
+    }
+    return currentRecord;
+}
+
+Thread* Thread::fallbackThread() {
+    static Thread* const thread = [] {
+        Thread* record = new Thread("ZnFallbackCoreThread"); // runs to the end of the process
+        return record->start() ? record : nullptr;
+    }();
+    return thread;
+}
+
+void Thread::attachApplication(ZnCoreApplication* application) {
+    Thread* record = currentRecord;
+    if (record == nullptr)
+        return; // made on demand by currentThread()
+    std::lock_guard<std::mutex> guard(record->appMutex_);
+    record->application_ = application;
+    if (record->adopted_)
+        record->running_.store(application != nullptr, std::memory_order_release);
+}
+
+void Thread::addObject(ZnObject* object) {
+    std::lock_guard<std::mutex> guard(objectsMutex_);
+    objects_.insert(object);
+}
+
+void Thread::removeObject(ZnObject* object) {
+    std::lock_guard<std::mutex> guard(objectsMutex_);
+    objects_.erase(object);
+}
+
+std::size_t Thread::objectCount() {
+    std::lock_guard<std::mutex> guard(objectsMutex_);
+    return objects_.size();
+}
+
+void Thread::addPending(ZnTask task, int lane) {
+    std::lock_guard<std::mutex> guard(pendingMutex_);
+    pending_.push_back({std::move(task), lane});
+}
+
+void Thread::postPending_(ZnCoreApplication& application) {
+    std::vector<Pending_> pending;
+    {
+        std::lock_guard<std::mutex> guard(pendingMutex_);
+        pending.swap(pending_);
+    }
+    for (Pending_& entry : pending)
+        application.postEventOnLane(std::move(entry.task), entry.lane);
+}
+
+} // namespace zn::atomic

@@ -1,0 +1,459 @@
+#include "core/runtime/ZnCoreApplication.h"
+
+#include "core/object/ZnObject.h"
+#include "core/platform/ZnMonotonicClock.h"
+#include "core/platform/ZnThreadControl.h"
+#include "core/types/ZnAssert.h"
+#include "core/types/ZnLogger.h"
+
+#include <algorithm>
+#include <map>
+
+namespace {
+
+constexpr const char* kCategory = "zn.core.runtime.zncoreapplication";
+constexpr long long kNsPerUs = 1000;
+constexpr long long kNsPerMs = 1000000;
+/// While work is always queued, the poller and the events of low priority still get their turn this often.
+constexpr unsigned kWorkPerLook = 256;
+/// Timers that are due but find no room in the pool are tried again after this time.
+constexpr long long kNoRoomRetryNs = 10 * kNsPerMs;
+
+thread_local ZnCoreApplication* currentApplication = nullptr;
+
+/// Every application of the process by its thread, for wake-ups that come from other threads.
+struct ApplicationMap_ {
+    std::mutex mutex;
+    std::map<std::uint32_t, ZnCoreApplication*> byThread; // guarded by mutex
+};
+
+ApplicationMap_& applicationMap() {
+    static ApplicationMap_* const map = new ApplicationMap_; // threads may outlive static destruction
+    return *map;
+}
+
+} // namespace
+
+ZnCoreApplication::ZnCoreApplication(int argc, char** argv) : ioDispatcher_(*this, poller_) {
+    initialise_();
+    parseCommandLine_(argc, argv);
+}
+
+ZnCoreApplication::ZnCoreApplication() : ioDispatcher_(*this, poller_) {
+    initialise_();
+}
+
+void ZnCoreApplication::initialise_() {
+    ZN_ASSERT(currentApplication == nullptr); // one per thread
+    currentApplication = this;
+    threadId_ = ZnThreadControl::currentThreadId();
+    fiberPool_.setMainFiber(&mainFiber_);
+    setEventFiberStackSize(0);
+    {
+        ApplicationMap_& map = applicationMap();
+        std::lock_guard<std::mutex> guard(map.mutex);
+        map.byThread[threadId_] = this;
+    }
+    zn::atomic::Thread::attachApplication(this);
+    ZnConsoleStop::add(this);
+}
+
+ZnCoreApplication::~ZnCoreApplication() {
+    ZnConsoleStop::remove(this);
+    destroyWaitingObjects_();
+    ioDispatcher_.shutdown();
+    fiberPool_.shutdown();
+    destroyWaitingObjects_(); // what the captures of dropped tasks let go of
+    {
+        ZnTimerTable dropped; // the callbacks are destroyed without the lock
+        ZnMutexLocker locker(loopMutex_);
+        std::swap(dropped, timers_);
+        dropped.cancelAll();
+    }
+    zn::atomic::Thread::attachApplication(nullptr);
+    ApplicationMap_& map = applicationMap();
+    std::lock_guard<std::mutex> guard(map.mutex);
+    map.byThread.erase(threadId_);
+    currentApplication = nullptr;
+}
+
+ZnCoreApplication* ZnCoreApplication::instance() noexcept {
+    return currentApplication;
+}
+
+ZnCoreApplication& ZnCoreApplication::instanceOrNew() {
+    if (currentApplication == nullptr)
+        new ZnCoreApplication(); // enters itself in the thread's slot and stays there
+    return *currentApplication;
+}
+
+void ZnCoreApplication::parseCommandLine_(int argc, char** argv) {
+    ZnString lastKey;
+    for (int i = 1; i < argc; ++i) {
+        const ZnString argument(argv[i]);
+        const std::size_t equalsAt = argument.indexOf("=");
+        const bool isLong = argument.startsWith("--");
+        if (isLong && equalsAt != ZnString::npos) {
+            lastKey = ZnString(argument.view().substr(2, equalsAt - 2));
+            parsedOptions_.insert(lastKey, ZnString(argument.view().substr(equalsAt + 1)));
+        } else if (argument.startsWith("-")) {
+            lastKey = ZnString(argument.view().substr(isLong ? 2 : 1));
+            const bool hasValue = i + 1 < argc && !ZnString(argv[i + 1]).startsWith("-");
+            parsedOptions_.insert(lastKey, hasValue ? ZnString(argv[++i]) : ZnString());
+        } else if (!lastKey.isEmpty()) {
+            ZnString& value = parsedOptions_[lastKey];
+            value += ' ';
+            value += argument;
+        }
+    }
+}
+
+void ZnCoreApplication::setEventFiberStackSize(int bytes) {
+    if (fiberPool_.isWarmedUp()) {
+        ZN_LOG_WARNING(kCategory, "ZnCoreApplication::setEventFiberStackSize")
+            << "setEventFiberStackSize() called after fiber pool warm-up; existing warm fibers keep their original "
+               "stack size and only future spillover fibers may use the new value.";
+    }
+    ZnFiberPool::Config config;
+    if (bytes > 0)
+        config.stackSize = bytes;
+    fiberPool_.configure(config);
+}
+
+// --- the loop
+
+int ZnCoreApplication::exec(long long maxDurationUs) {
+    ZnThreadControl::raisePriority();
+    if (isQuitRequested())
+        return exitCode_;
+    const long long deadlineNs = maxDurationUs == 0 ? 0 : monotonicNowNs() + maxDurationUs * kNsPerUs;
+    runLoop_(nullptr, deadlineNs);
+    return exitCode_;
+}
+
+bool ZnCoreApplication::processUntil(const std::function<bool()>& isDone, int maxMs) {
+    if (isDone())
+        return true;
+    return runLoop_(&isDone, monotonicNowNs() + maxMs * kNsPerMs);
+}
+
+bool ZnCoreApplication::runLoop_(const std::function<bool()>* isDone, long long deadlineNs) {
+    ZN_ASSERT(!fiberPool_.isOnFiber());
+    long long passStartNs = monotonicNowNs();
+    for (;;) {
+        long long delayNs = processEvents_(passStartNs);
+        long long nowNs = monotonicNowNs();
+        const long long busyNs = nowNs - passStartNs;
+        const bool isOver = isDone != nullptr ? (*isDone)() : isQuitRequested();
+        if (delayNs != 0 && !isOver && (deadlineNs == 0 || nowNs < deadlineNs)) {
+            if (deadlineNs != 0)
+                delayNs = delayNs < 0 ? deadlineNs - nowNs : std::min(delayNs, deadlineNs - nowNs);
+            ioDispatcher_.pollAndDispatch(delayNs, fiberPool_.roomFor(ZnFiberPool::kDefaultLane));
+            workSinceLook_ = 0;
+            nowNs = monotonicNowNs();
+        }
+        loadMeter_.add(nowNs, busyNs, nowNs - passStartNs);
+        passStartNs = nowNs;
+        if (isOver)
+            return true;
+        if (deadlineNs != 0 && nowNs >= deadlineNs)
+            return isDone != nullptr && (*isDone)();
+    }
+}
+
+long long ZnCoreApplication::processEvents_(long long nowNs) {
+    if (ioDispatcher_.hasDeferred())
+        ioDispatcher_.dispatchDeferred();
+    if (++workSinceLook_ >= kWorkPerLook)
+        serveTheStarved_();
+    if (fiberPool_.hasLaneZeroWork() && fiberPool_.runNextWorkItem())
+        return 0;
+    if (deliverHighEvent_())
+        return 0;
+    const long long nextTimerNs = timerPass_(nowNs);
+    if (fiberPool_.hasQueuedWork() && fiberPool_.runNextWorkItem())
+        return 0;
+    if (deliverNormalEvent_())
+        return 0;
+    return nextTimerNs;
+}
+
+void ZnCoreApplication::serveTheStarved_() {
+    workSinceLook_ = 0;
+    const int room = fiberPool_.roomFor(ZnFiberPool::kDefaultLane);
+    if (room > 0)
+        ioDispatcher_.pollAndDispatch(0, room);
+    for (unsigned i = 0; i < kWorkPerLook && deliverNormalEvent_(); ++i) {
+    }
+}
+
+void ZnCoreApplication::quit() {
+    running_.store(false, std::memory_order_release);
+    poller_.wake();
+}
+
+void ZnCoreApplication::requestStop() noexcept {
+    running_.store(false, std::memory_order_release);
+    poller_.wake();
+}
+
+// --- posts
+
+bool ZnCoreApplication::tryPostOnLane(ZnTask& task, int lane) {
+    if (!fiberPool_.submit(task, lane))
+        return false;
+    if (currentApplication != this)
+        poller_.wake();
+    return true;
+}
+
+bool ZnCoreApplication::postEventOnLane(ZnTask task, int lane) {
+    if (tryPostOnLane(task, lane))
+        return true;
+    fiberPool_.reportRejected(lane);
+    return false;
+}
+
+void ZnCoreApplication::postEvent(ZnObject* receiver, ZnEvent* event, int priority) {
+    std::unique_ptr<ZnEvent> owned(event);
+    if (event == nullptr || receiver == nullptr || !ZnObject::isLive(receiver))
+        return;
+    QueuedEvent_ queued{zn::detail::controlOf(receiver), std::move(owned)};
+    {
+        ZnMutexLocker locker(loopMutex_);
+        (priority >= 1 ? highEvents_ : normalEvents_).push_back(std::move(queued));
+        queuedEventCount_.fetch_add(1, std::memory_order_release);
+    }
+    if (currentApplication != this)
+        poller_.wake();
+}
+
+bool postToThread(zn::atomic::Thread* target, ZnTask task, int lane) {
+    bool accepted = false;
+    const bool hasApplication = target->withApplication([&](ZnCoreApplication* application) {
+        accepted = application != nullptr && application->tryPostOnLane(task, lane);
+        if (application != nullptr && !accepted)
+            application->fiberPool().reportRejected(lane);
+        return application != nullptr;
+    });
+    if (!hasApplication)
+        target->addPending(std::move(task), lane);
+    return accepted; // a refused task is destroyed here, without the thread's lock
+}
+
+bool postToThreadOrFallback(zn::atomic::Thread* target, ZnTask task, int lane) {
+    if (!zn::atomic::Thread::isLive(target))
+        target = zn::atomic::Thread::currentThread();
+    if (target == nullptr)
+        target = zn::atomic::Thread::fallbackThread();
+    return target != nullptr && postToThread(target, std::move(task), lane);
+}
+
+// --- object events
+
+bool ZnCoreApplication::deliverHighEvent_() {
+    if (queuedEventCount_.load(std::memory_order_acquire) == 0)
+        return false;
+    QueuedEvent_ queued;
+    {
+        ZnMutexLocker locker(loopMutex_);
+        if (highEvents_.empty())
+            return false;
+        queued = std::move(highEvents_.front());
+        highEvents_.pop_front();
+        queuedEventCount_.fetch_sub(1, std::memory_order_relaxed);
+    }
+    deliver_(std::move(queued));
+    return true;
+}
+
+bool ZnCoreApplication::deliverNormalEvent_() {
+    if (queuedEventCount_.load(std::memory_order_acquire) == 0)
+        return false;
+    QueuedEvent_ queued;
+    {
+        ZnMutexLocker locker(loopMutex_);
+        if (normalEvents_.empty())
+            return false;
+        queued = std::move(normalEvents_.front());
+        normalEvents_.pop_front();
+        queuedEventCount_.fetch_sub(1, std::memory_order_relaxed);
+    }
+    deliver_(std::move(queued));
+    return true;
+}
+
+void ZnCoreApplication::deliver_(QueuedEvent_ queued) {
+    if (ZnObject* receiver = queued.receiver->get())
+        notify(receiver, queued.event.get());
+}
+
+bool ZnCoreApplication::notify(ZnObject* receiver, ZnEvent* event) {
+    if (receiver == nullptr || event == nullptr || !ZnObject::isLive(receiver))
+        return false;
+    const zn::detail::ZnPointerControlRef control = zn::detail::controlOf(receiver);
+    const bool wasInDelivery = event->inDelivery;
+    event->inDelivery = true;
+    bool handled = false;
+    if (runFilters_(eventFilters_, control, event) ||
+        (control->get() != nullptr && runFilters_(receiver->eventFilters_, control, event))) {
+        event->accepted = true;
+        handled = true;
+    } else if (control->get() != nullptr) {
+        handled = receiver->event(event);
+    }
+    event->inDelivery = wasInDelivery;
+    return handled;
+}
+
+bool ZnCoreApplication::runFilters_(const std::vector<zn::detail::ZnPointerControlRef>& filters,
+                                    const zn::detail::ZnPointerControlRef& receiver, ZnEvent* event) {
+    if (filters.empty())
+        return false;
+    const std::vector<zn::detail::ZnPointerControlRef> copy = filters; // a filter may change the list
+    for (auto at = copy.rbegin(); at != copy.rend(); ++at) {
+        ZnObject* filter = (*at)->get();
+        ZnObject* watched = receiver->get();
+        if (filter == nullptr || watched == nullptr || !ZnObject::sharesThread_(*filter, *watched))
+            continue;
+        if (filter->eventFilter(watched, event))
+            return true;
+    }
+    return false;
+}
+
+void ZnCoreApplication::installEventFilter(ZnObject* filter) {
+    if (ZnObject::isLive(filter))
+        eventFilters_.push_back(zn::detail::controlOf(filter));
+}
+
+void ZnCoreApplication::destroyWaitingObjects_() {
+    std::deque<QueuedEvent_> queued;
+    do {
+        queued.clear();
+        ZnMutexLocker locker(loopMutex_);
+        queued.swap(normalEvents_);
+        queuedEventCount_.fetch_sub(static_cast<int>(queued.size()), std::memory_order_relaxed);
+    } while (deleteReceivers_(queued));
+}
+
+bool ZnCoreApplication::deleteReceivers_(std::deque<QueuedEvent_>& queued) {
+    for (QueuedEvent_& entry : queued) {
+        ZnObject* receiver = entry.receiver->get();
+        if (receiver != nullptr && entry.event->type == ZnEvent::kDeferredDelete)
+            delete receiver;
+    }
+    return !queued.empty();
+}
+
+// --- timers
+
+/// The closure of one firing. If the pool drops it, the timer goes back in line: a firing is late, not lost.
+class ZnCoreApplication::TimerFire_ {
+public:
+    TimerFire_(ZnCoreApplication& application, std::shared_ptr<ZnTimerRecord> record)
+        : application_(&application), record_(std::move(record)) {}
+    TimerFire_(TimerFire_&& other) noexcept = default;
+    TimerFire_& operator=(TimerFire_&&) = delete;
+    ~TimerFire_() {
+        if (record_)
+            application_->putTimerBack_(record_, monotonicNowNs());
+    }
+    void operator()() {
+        const std::shared_ptr<ZnTimerRecord> record = std::move(record_);
+        application_->fireTimer_(record);
+    }
+
+private:
+    ZnCoreApplication* application_;
+    std::shared_ptr<ZnTimerRecord> record_;
+};
+
+int ZnCoreApplication::addTimer(std::function<void()> callback, int intervalUs, bool singleShot, int lane) {
+    const long long intervalNs = std::max(intervalUs, 1) * kNsPerUs;
+    int id = 0;
+    {
+        ZnMutexLocker locker(loopMutex_);
+        id = timers_.add(std::move(callback), intervalNs, singleShot, lane, monotonicNowNs() + intervalNs)->id;
+        mirrorNextTimer_();
+    }
+    if (currentApplication != this)
+        poller_.wake();
+    return id;
+}
+
+void ZnCoreApplication::removeTimer(int id) {
+    std::shared_ptr<ZnTimerRecord> removed; // destroyed without the lock
+    ZnMutexLocker locker(loopMutex_);
+    removed = timers_.remove(id);
+    mirrorNextTimer_();
+}
+
+void ZnCoreApplication::mirrorNextTimer_() {
+    const std::shared_ptr<ZnTimerRecord>* next = timers_.next();
+    nextTimerDueNs_.store(next == nullptr ? -1 : (*next)->dueNs, std::memory_order_release);
+}
+
+long long ZnCoreApplication::timerPass_(long long nowNs) {
+    for (;;) {
+        const long long dueNs = nextTimerDueNs_.load(std::memory_order_acquire);
+        if (dueNs < 0)
+            return -1;
+        if (dueNs > nowNs)
+            return dueNs - nowNs;
+        std::shared_ptr<ZnTimerRecord> record;
+        {
+            ZnMutexLocker locker(loopMutex_);
+            const std::shared_ptr<ZnTimerRecord>* next = timers_.next();
+            if (next == nullptr || (*next)->dueNs > nowNs)
+                continue;
+            if (!fiberPool_.canAccept((*next)->lane))
+                return kNoRoomRetryNs;
+            record = timers_.takeNext();
+            mirrorNextTimer_();
+        }
+        const int lane = record->lane;
+        ZnTask fire(TimerFire_(*this, std::move(record)));
+        if (!tryPostOnLane(fire, lane))
+            return kNoRoomRetryNs; // another thread took the room; the timer goes back in line
+    }
+}
+
+void ZnCoreApplication::fireTimer_(const std::shared_ptr<ZnTimerRecord>& record) {
+    if (record->cancelled.load(std::memory_order_acquire))
+        return;
+    if (record->singleShot) {
+        ZnMutexLocker locker(loopMutex_);
+        timers_.forget(record->id);
+    } else {
+        putTimerBack_(record, monotonicNowNs() + record->intervalNs);
+    }
+    record->callback();
+}
+
+void ZnCoreApplication::putTimerBack_(const std::shared_ptr<ZnTimerRecord>& record, long long dueNs) {
+    ZnMutexLocker locker(loopMutex_);
+    timers_.putBack(record, dueNs);
+    mirrorNextTimer_();
+}
+
+// --- parked fibers
+
+bool unblockFiber(int waitId, int lane) {
+    if (currentApplication != nullptr && currentApplication->fiberPool().unblock(waitId, lane))
+        return true;
+    ApplicationMap_& map = applicationMap();
+    std::lock_guard<std::mutex> guard(map.mutex);
+    for (const auto& [threadId, application] : map.byThread) {
+        if (application != currentApplication && application->fiberPool().unblock(waitId, lane)) {
+            application->wake();
+            return true;
+        }
+    }
+    return false;
+}
+
+int nextFiberWaitId() noexcept {
+    static std::atomic<int> counter{0};
+    return ~counter.fetch_add(1, std::memory_order_relaxed);
+}

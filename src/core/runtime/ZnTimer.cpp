@@ -1,0 +1,92 @@
+#include "core/runtime/ZnTimer.h"
+
+#include "core/platform/ZnMonotonicClock.h"
+#include "core/runtime/ZnCoreApplication.h"
+
+#include <algorithm>
+
+namespace {
+constexpr long long kLongestUs = 0x7fffffff;
+} // namespace
+
+ZnTimer::ZnTimer(ZnObject* parent) : ZnObject(parent) {}
+
+ZnTimer::ZnTimer(int ms, ZnObject* parent) : ZnObject(parent), intervalUs_(ms * 1000LL) {}
+
+ZnTimer::~ZnTimer() {
+    if (timerId_ != -1)
+        ZnCoreApplication::instanceOrNew().removeTimer(timerId_);
+}
+
+bool ZnTimer::forwardToOwner_(std::function<void(ZnTimer*)> call) {
+    zn::atomic::Thread* owner = thread();
+    if (owner == nullptr || owner == zn::atomic::Thread::currentThread())
+        return false;
+    postToThread(owner, [self = ZnPointer<ZnTimer>(this), call = std::move(call)] {
+        if (self)
+            call(self.get());
+    });
+    return true;
+}
+
+void ZnTimer::setIntervalUs_(long long intervalUs) {
+    if (!active_)
+        intervalUs_ = std::max(intervalUs, 1LL);
+}
+
+void ZnTimer::start(int ms) {
+    startUs(ms * 1000LL);
+}
+
+void ZnTimer::startUs(long long intervalUs) {
+    if (forwardToOwner_([intervalUs](ZnTimer* timer) { timer->startUs(intervalUs); }))
+        return;
+    setIntervalUs_(intervalUs);
+    start();
+}
+
+void ZnTimer::start() {
+    if (forwardToOwner_([](ZnTimer* timer) { timer->start(); }) || active_)
+        return;
+    active_ = true;
+    lastTimeoutNs_ = monotonicNowNs();
+    const auto delayUs = static_cast<int>(std::clamp(intervalUs_, 1LL, kLongestUs));
+    timerId_ = ZnCoreApplication::instanceOrNew().addTimer(
+        [self = ZnPointer<ZnTimer>(this)] {
+            if (!self)
+                return;
+            self->lastTimeoutNs_ = monotonicNowNs();
+            self->timeout();
+        },
+        delayUs, singleShot_, ZnFiberPool::kDefaultLane);
+}
+
+void ZnTimer::stop() {
+    if (forwardToOwner_([](ZnTimer* timer) { timer->stop(); }) || !active_)
+        return;
+    active_ = false;
+    if (timerId_ != -1)
+        ZnCoreApplication::instanceOrNew().removeTimer(std::exchange(timerId_, -1));
+}
+
+void ZnTimer::singleShot(int ms, std::function<void()> fn) {
+    singleShotUs(ms * 1000LL, std::move(fn));
+}
+
+void ZnTimer::singleShotUs(long long intervalUs, std::function<void()> fn) {
+    auto* timer = new ZnTimer(nullptr);
+    timer->setIntervalUs_(intervalUs);
+    timer->setSingleShot(true);
+    timer->connect(&ZnTimer::timeout, [guard = ZnPointer<ZnTimer>(timer), fn = std::move(fn)] {
+        fn();
+        if (guard) {
+            guard->stop();
+            guard->deleteLater();
+        }
+    });
+    timer->start();
+}
+
+void ZnTimer::timeout() {
+    emitSignal(&ZnTimer::timeout);
+}

@@ -182,19 +182,29 @@ ZnFiberPool::FiberSlot_* ZnFiberPool::createSpilloverSlotLocked_() {
 
 ZnFiberPool::FiberSlot_* ZnFiberPool::acquireSlot_(int lane) {
     FiberSlot_* slot = nullptr;
-    if (!idleWarm_.empty()) {
-        slot = idleWarm_.back();
-        idleWarm_.pop_back();
-    } else if (lane > 1) {
-        return nullptr;
-    } else if (!idleSpillover_.empty()) {
-        slot = idleSpillover_.back();
-        idleSpillover_.pop_back();
-    } else if (spilloverSlotCount_ < config_.spilloverLimit) {
-        slot = createSpilloverSlotLocked_();
-    }
+    // Tasks of lanes 2 and 3 were accepted because warm slots were left for them. Lanes 0 and 1, which may go first,
+    // take spillover slots rather than those, so that no accepted task ends without a slot.
+    const std::size_t reserved = lane > 1 ? 0 : taskQueues_[2].size() + taskQueues_[3].size();
+    if (idleWarm_.size() > reserved)
+        slot = popBack_(idleWarm_);
+    else if (lane <= 1)
+        slot = acquireSpilloverSlot_();
+    if (slot == nullptr && !idleWarm_.empty())
+        slot = popBack_(idleWarm_);
     if (slot != nullptr)
         slot->idle = false;
+    return slot;
+}
+
+ZnFiberPool::FiberSlot_* ZnFiberPool::acquireSpilloverSlot_() {
+    if (!idleSpillover_.empty())
+        return popBack_(idleSpillover_);
+    return spilloverSlotCount_ < config_.spilloverLimit ? createSpilloverSlotLocked_() : nullptr;
+}
+
+ZnFiberPool::FiberSlot_* ZnFiberPool::popBack_(std::vector<FiberSlot_*>& slots) {
+    FiberSlot_* slot = slots.back();
+    slots.pop_back();
     return slot;
 }
 

@@ -117,6 +117,8 @@ private:
     int laneByCredits_() ZN_REQUIRES(lock_);
     FiberSlot_* createSpilloverSlotLocked_() ZN_REQUIRES(lock_);
     FiberSlot_* acquireSlot_(int lane) ZN_REQUIRES(lock_);
+    FiberSlot_* acquireSpilloverSlot_() ZN_REQUIRES(lock_);
+    static FiberSlot_* popBack_(std::vector<FiberSlot_*>& slots);
     FiberSlot_* takeReady_(int lane) ZN_REQUIRES(lock_);
     FiberSlot_* takeTask_(int lane, ZnTask* dropped) ZN_REQUIRES(lock_);
     void switchTo_(FiberSlot_& slot);

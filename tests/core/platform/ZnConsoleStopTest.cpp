@@ -1,0 +1,49 @@
+#include "core/platform/ZnConsoleStop.h"
+
+#include <atomic>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+namespace {
+
+class CountingTarget : public ZnConsoleStopTarget {
+public:
+    CountingTarget() { ZnConsoleStop::add(this); }
+    ~CountingTarget() override { ZnConsoleStop::remove(this); }
+    void requestStop() noexcept override { stopCount.fetch_add(1, std::memory_order_relaxed); }
+
+    std::atomic<int> stopCount{0};
+};
+
+TEST(ZnConsoleStop, EveryTargetIsToldAndGoneOnesAreNot) {
+    CountingTarget first;
+    {
+        CountingTarget gone;
+    }
+    CountingTarget second;
+    ASSERT_EQ(::raise(SIGTERM), 0);
+    EXPECT_EQ(first.stopCount, 1);
+    EXPECT_EQ(second.stopCount, 1);
+}
+
+TEST(ZnConsoleStop, StopsCountAnewWhenAllTargetsHaveGone) {
+    for (int round = 0; round < 2; ++round) {
+        CountingTarget target;
+        ASSERT_EQ(::raise(SIGINT), 0); // a second signal to the same targets would end the process
+        EXPECT_EQ(target.stopCount, 1);
+    }
+}
+
+TEST(ZnConsoleStopDeathTest, TheSecondSignalEndsTheProcessAtOnce) {
+    EXPECT_EXIT(
+        {
+            CountingTarget target;
+            ::raise(SIGINT);
+            ::raise(SIGTERM);
+            ::_exit(0);
+        },
+        ::testing::ExitedWithCode(128 + SIGTERM), "");
+}
+
+} // namespace

@@ -1,0 +1,135 @@
+#include "core/platform/ZnFiberContext.h"
+
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <functional>
+#include <gtest/gtest.h>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr std::size_t kStackBytes = 512 * 1024;
+
+/// A few contexts that take turns with the test's own.
+class Fibers {
+public:
+    explicit Fibers(std::size_t count) : stacks_(count, kStackBytes) {}
+
+    void add(std::function<void()> body) {
+        auto fiber = std::make_unique<Fiber>();
+        fiber->owner = this;
+        fiber->body = std::move(body);
+        void* stack = stacks_.prepare(fibers_.size());
+        ASSERT_NE(stack, nullptr);
+        fiber->context = std::make_unique<ZnFiberContext>(stack, stacks_.stackBytes(), &enter, fiber.get());
+        fibers_.push_back(std::move(fiber));
+    }
+    void resume(std::size_t index) {
+        running_ = index;
+        main_.switchTo(*fibers_[index]->context);
+    }
+    /// From inside a fiber.
+    void park() { fibers_[running_]->context->switchTo(main_); }
+    bool isDone(std::size_t index) const { return fibers_[index]->done; }
+
+private:
+    struct Fiber {
+        Fibers* owner = nullptr;
+        std::function<void()> body;
+        std::unique_ptr<ZnFiberContext> context;
+        bool done = false;
+    };
+
+    static void enter(void* argument) {
+        auto* fiber = static_cast<Fiber*>(argument);
+        fiber->body();
+        fiber->done = true;
+        for (;;)
+            fiber->owner->park();
+    }
+
+    ZnFiberStacks stacks_;
+    ZnFiberContext main_;
+    std::vector<std::unique_ptr<Fiber>> fibers_;
+    std::size_t running_ = 0;
+};
+
+TEST(ZnFiberContext, ExceptionsBelongToTheFiberThatHandlesThem) {
+    Fibers fibers(3);
+    std::vector<std::string> caught(3);
+    for (std::size_t i = 0; i < 3; ++i)
+        fibers.add([&fibers, &caught, i] {
+            try {
+                try {
+                    throw std::runtime_error("from " + std::to_string(i));
+                } catch (...) {
+                    fibers.park(); // the others throw, catch and rethrow meanwhile
+                    try {
+                        throw std::logic_error("inner");
+                    } catch (const std::logic_error&) {
+                        fibers.park();
+                    }
+                    throw;
+                }
+            } catch (const std::runtime_error& error) {
+                caught[i] = error.what();
+            }
+            EXPECT_EQ(std::current_exception(), nullptr);
+        });
+    for (const std::size_t index : {0, 1, 2, 2, 0, 1, 1, 0, 2})
+        fibers.resume(index);
+    for (std::size_t i = 0; i < 3; ++i) {
+        EXPECT_TRUE(fibers.isDone(i));
+        EXPECT_EQ(caught[i], "from " + std::to_string(i));
+    }
+}
+
+TEST(ZnFiberContext, ErrnoSurvivesASwitch) {
+    Fibers fibers(1);
+    int seen = 0;
+    fibers.add([&] {
+        errno = ENOENT;
+        fibers.park();
+        seen = errno;
+    });
+    errno = EPERM;
+    fibers.resume(0);
+    EXPECT_EQ(errno, EPERM);
+    errno = EACCES;
+    fibers.resume(0);
+    EXPECT_EQ(seen, ENOENT);
+}
+
+// noinline, and the result used: the frames must really be there.
+__attribute__((noinline)) std::size_t burnStack(std::size_t frames) {
+    volatile char block[1024];
+    std::memset(const_cast<char*>(block), static_cast<int>(frames), sizeof(block));
+    return frames == 0 ? static_cast<std::size_t>(block[5]) : burnStack(frames - 1) + static_cast<std::size_t>(block[7]);
+}
+
+TEST(ZnFiberContext, DeepUseWithinTheStackIsFine) {
+    Fibers fibers(2);
+    std::size_t sum = 0;
+    fibers.add([&] { sum = burnStack(100); });
+    fibers.resume(0);
+    EXPECT_TRUE(fibers.isDone(0));
+    EXPECT_GT(sum, 0U);
+}
+
+TEST(ZnFiberContextDeathTest, OverflowHitsTheGuardPageAndNotTheNeighbour) {
+    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_DEATH(
+        {
+            Fibers fibers(2);
+            fibers.add([] {}); // the neighbour below
+            fibers.add([&] { burnStack(100000); });
+            fibers.resume(1);
+        },
+        "");
+}
+
+} // namespace

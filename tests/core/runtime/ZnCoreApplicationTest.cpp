@@ -1,0 +1,202 @@
+#include "core/runtime/ZnCoreApplication.h"
+
+#include "core/object/ZnObject.h"
+#include "core/platform/ZnMonotonicClock.h"
+#include "core/runtime/ZnEventLoop.h"
+#include "core/runtime/ZnTimer.h"
+#include "support/LogCapture.h"
+#include "support/LoopFixture.h"
+
+#include <csignal>
+#include <thread>
+#include <vector>
+
+namespace {
+
+class ZnCoreApplicationTest : public LoopFixture {};
+
+TEST(ZnCoreApplicationOptions, FormsOfTheCommandLine) {
+    const char* arguments[] = {"program", "stray", "--a=1",  "--b", "2",   "more", "words", "-n", "v",
+                               "--flag",  "-x",    "--a=x=y", "--empty=", nullptr, "--last"};
+    std::vector<char*> argv;
+    for (const char* argument : arguments)
+        argv.push_back(const_cast<char*>(argument));
+    const ZnCoreApplication application(static_cast<int>(argv.size()), argv.data());
+    struct Row {
+        const char* name;
+        const char* value;
+    };
+    constexpr Row kRows[] = {{"a", "x=y"}, {"b", "2 more words"}, {"n", "v"}, {"flag", ""}, {"x", ""},
+                             {"empty", " "}, {"last", ""}};
+    for (const Row& row : kRows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_TRUE(application.hasArgument(row.name));
+        EXPECT_EQ(application.getArgument(row.name, "default"), row.value);
+    }
+    EXPECT_FALSE(application.hasArgument("stray"));
+    EXPECT_EQ(application.getArgument("absent", "default"), "default");
+}
+
+TEST_F(ZnCoreApplicationTest, QuitFromAnotherThreadEndsASleepingLoop) {
+    std::thread other([&] { application_.quit(); });
+    EXPECT_EQ(application_.exec(), 0);
+    other.join();
+    EXPECT_EQ(application_.exec(), 0); // at once: it cannot be taken back
+}
+
+TEST_F(ZnCoreApplicationTest, PostsFromManyThreadsAllRun) {
+    constexpr int kThreads = 4;
+    constexpr int kPosts = 2000;
+    std::atomic<int> ran{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i)
+        threads.emplace_back([&] {
+            for (int post = 0; post < kPosts;) {
+                ZnTask task([&ran] { ran.fetch_add(1, std::memory_order_relaxed); });
+                if (application_.tryPostOnLane(task, 2))
+                    ++post;
+                else
+                    std::this_thread::yield();
+            }
+        });
+    EXPECT_TRUE(runUntil([&] { return ran.load() == kThreads * kPosts; }, 60000));
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+TEST_F(ZnCoreApplicationTest, SubMillisecondTimersFireInTimeAndInOrder) {
+    std::vector<int> order;
+    const long long startNs = monotonicNowNs();
+    application_.addTimer([&] { order.push_back(3); }, 3000, true, 2);
+    application_.addTimer([&] { order.push_back(1); }, 200, true, 2);
+    application_.addTimer([&] { order.push_back(2); }, 200, true, 2);
+    ASSERT_TRUE(runUntil([&] { return order.size() == 3; }));
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+    EXPECT_GE(monotonicNowNs() - startNs, 3000000);
+}
+
+TEST_F(ZnCoreApplicationTest, ACancelledTimerWhoseClosureIsQueuedDoesNotFire) {
+    bool fired = false;
+    int victim = 0;
+    application_.addTimer([&] { application_.removeTimer(victim); }, 1, true, 1);
+    victim = application_.addTimer([&] { fired = true; }, 1, true, 3);
+    settle();
+    EXPECT_FALSE(fired);
+}
+
+TEST_F(ZnCoreApplicationTest, ABurstOfTimersBeyondThePoolFiresCompletelyAndQuietly) {
+    LogCapture log;
+    constexpr int kTimers = 10000;
+    std::vector<int> order;
+    for (int i = 0; i < kTimers; ++i)
+        application_.addTimer([&order, i] { order.push_back(i); }, 1, true, 2);
+    ASSERT_TRUE(runUntil([&] { return order.size() == kTimers; }, 60000));
+    EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+    EXPECT_EQ(log.countOf(""), 0);
+}
+
+TEST_F(ZnCoreApplicationTest, TimersThatFindNoRoomWaitWithoutSpinning) {
+    std::vector<std::unique_ptr<ZnEventLoop>> loops;
+    for (int i = 0; i < 500; ++i) {
+        loops.push_back(std::make_unique<ZnEventLoop>());
+        ASSERT_TRUE(application_.postEvent([&, i] { loops[static_cast<std::size_t>(i)]->exec(); }));
+    }
+    ASSERT_TRUE(runUntil([&] { return parkedCount() == 500; }));
+    bool fired = false;
+    application_.addTimer([&] { fired = true; }, 1, true, 2);
+    settle(200);
+    EXPECT_FALSE(fired);
+    EXPECT_LT(application_.load(), 0.5);
+    for (auto& loop : loops)
+        loop->quit();
+    EXPECT_TRUE(runUntil([&] { return fired && parkedCount() == 0; }));
+}
+
+TEST_F(ZnCoreApplicationTest, RefusedPostsAreReportedOnceWithACount) {
+    LogCapture log;
+    int accepted = 0;
+    for (int i = 0; i < 10000; ++i)
+        accepted += application_.postEvent([] {}) ? 1 : 0;
+    EXPECT_EQ(accepted, 500);
+    EXPECT_EQ(log.countOf("ZnFiberPool saturated; rejecting posted event on lane=2"), 1);
+}
+
+TEST_F(ZnCoreApplicationTest, NestedWaitsAndTheirEdges) {
+    runOnFiber([&] {
+        ZnEventLoop loop;
+        loop.quit(); // before exec: no effect
+        EXPECT_EQ(loop.exec(1), 0);
+        ZnTimer::singleShot(0, [&] {
+            EXPECT_EQ(loop.exec(), -1); // already running
+            loop.quit();
+        });
+        EXPECT_EQ(loop.exec(), 0);
+    });
+    auto* doomed = new ZnEventLoop;
+    bool resumed = false;
+    application_.postEvent([&] {
+        doomed->exec();
+        resumed = true;
+    });
+    ASSERT_TRUE(runUntil([&] { return parkedCount() == 1; }));
+    delete doomed; // resumes its waiter
+    EXPECT_TRUE(runUntil([&] { return resumed; }));
+}
+
+TEST_F(ZnCoreApplicationTest, TimersKeepTheirPhaseAndDoNotStackUp) {
+    ZnTimer timer(1, nullptr);
+    int fired = 0;
+    ZnEventLoop gate;
+    timer.connect(&ZnTimer::timeout, [&] {
+        if (++fired == 1)
+            gate.exec(); // a long callback: one more firing at most waits
+    });
+    timer.start();
+    timer.start(100000); // active: keeps its interval
+    ASSERT_TRUE(runUntil([&] { return fired >= 3; }));
+    EXPECT_TRUE(timer.isActive());
+    timer.stop();
+    gate.quit();
+    const int atStop = fired;
+    settle();
+    EXPECT_EQ(fired, atStop);
+    timer.setSingleShot(true);
+    timer.start(0);
+    ASSERT_TRUE(runUntil([&] { return fired == atStop + 1; }));
+    EXPECT_TRUE(timer.isActive()); // a single shot stays active until stop()
+}
+
+TEST_F(ZnCoreApplicationTest, ATimerMayBeDeletedByItsOwnSlot) {
+    auto* timer = new ZnTimer(1, nullptr);
+    bool gone = false;
+    timer->connect(&ZnTimer::timeout, [&, timer] {
+        delete timer;
+        gone = true;
+    });
+    timer->start();
+    EXPECT_TRUE(runUntil([&] { return gone; }));
+}
+
+TEST_F(ZnCoreApplicationTest, AStopSignalReachesARunningCallbackAndEveryApplication) {
+    zn::atomic::Thread second("second");
+    ASSERT_TRUE(second.start());
+    application_.postEvent([] { ::raise(SIGTERM); });
+    EXPECT_EQ(application_.exec(), 0);
+    second.join();
+    EXPECT_FALSE(second.isRunning());
+}
+
+TEST_F(ZnCoreApplicationTest, PostsBeforeAThreadHasStartedRunWhenItDoes) {
+    zn::atomic::Thread thread("late");
+    std::atomic<int> sum{0};
+    EXPECT_FALSE(postToThread(&thread, [&] { sum += 1; }));
+    EXPECT_FALSE(postToThread(&thread, [&] {
+        sum += 10;
+        ZnCoreApplication::instance()->quit();
+    }));
+    ASSERT_TRUE(thread.start());
+    thread.join();
+    EXPECT_EQ(sum.load(), 11);
+}
+
+} // namespace

@@ -1,0 +1,155 @@
+#include "core/runtime/ZnFiberPool.h"
+
+#include "support/LogCapture.h"
+
+#include <gtest/gtest.h>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+namespace {
+
+class ZnFiberPoolTest : public ::testing::Test {
+protected:
+    ZnFiberPoolTest() { pool_.setMainFiber(&main_); }
+
+    void configure(int warm, int spillover) {
+        ZnFiberPool::Config config;
+        config.warmMinimum = warm;
+        config.warmMaximum = warm;
+        config.spilloverLimit = spillover;
+        pool_.configure(config);
+    }
+    bool submit(int lane, ZnTask task) { return pool_.submit(task, lane); }
+    void runAll() {
+        while (pool_.runNextWorkItem()) {
+        }
+    }
+
+    ZnFiberContext main_;
+    ZnFiberPool pool_;
+};
+
+TEST_F(ZnFiberPoolTest, LanesShareByCreditsAndLaneZeroGoesFirst) {
+    std::vector<int> order;
+    for (int lane = 1; lane <= 3; ++lane) {
+        for (int i = 0; i < 20; ++i)
+            submit(lane, [&order, lane] { order.push_back(lane); });
+    }
+    submit(0, [&] { order.push_back(0); });
+    for (int i = 0; i < 14; ++i)
+        pool_.runNextWorkItem();
+    EXPECT_EQ(order, (std::vector<int>{0, 1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 3}));
+    runAll();
+    submit(99, [&] { order.push_back(99); }); // an unknown lane is lane 3
+    EXPECT_EQ(pool_.stats().laneDepth[3], 1);
+    runAll();
+    EXPECT_EQ(order.back(), 99);
+    EXPECT_EQ(pool_.stats().completed, 62U);
+}
+
+TEST_F(ZnFiberPoolTest, ParkedFiberResumesBeforeNewWork) {
+    std::vector<ZnString> order;
+    submit(2, [&] {
+        order.push_back("park");
+        pool_.yieldCurrent(-1);
+        order.push_back("resumed");
+    });
+    runAll();
+    EXPECT_EQ(pool_.stats().blockedCount, 1);
+    submit(2, [&] { order.push_back("new"); });
+    EXPECT_TRUE(pool_.unblock(-1, 0));
+    EXPECT_FALSE(pool_.unblock(-1, 0)); // no longer parked
+    runAll();
+    EXPECT_EQ(order, (std::vector<ZnString>{"park", "resumed", "new"}));
+    pool_.yieldCurrent(-2); // off a fiber: returns at once
+}
+
+TEST_F(ZnFiberPoolTest, AWakeUpFromAnotherThreadIsNeverLost) {
+    for (int round = 0; round < 200; ++round) {
+        std::atomic<bool> woken{false};
+        bool ended = false;
+        std::thread waker([&] {
+            woken.store(true, std::memory_order_release);
+            pool_.unblock(-5, 0);
+        });
+        submit(2, [&] {
+            pool_.yieldCurrent(-5, &woken);
+            ended = true;
+        });
+        while (!ended)
+            pool_.runNextWorkItem();
+        waker.join();
+    }
+    EXPECT_EQ(pool_.stats().blockedCount, 0);
+}
+
+TEST_F(ZnFiberPoolTest, CapacityCountsQueuedAndParkedWork) {
+    configure(2, 1);
+    int ran = 0;
+    const auto park = [&](int waitId) {
+        return [this, &ran, waitId] {
+            ++ran;
+            pool_.yieldCurrent(waitId);
+        };
+    };
+    EXPECT_TRUE(submit(2, park(-1)));
+    EXPECT_TRUE(submit(2, park(-2)));
+    EXPECT_FALSE(submit(2, park(-3)));
+    EXPECT_TRUE(submit(1, park(-4))); // spillover
+    EXPECT_FALSE(submit(0, park(-5)));
+    runAll();
+    EXPECT_EQ(ran, 3);
+    EXPECT_EQ(pool_.stats().spilloverSlotCount, 1);
+    EXPECT_FALSE(pool_.canAccept(1));
+    for (const int waitId : {-1, -2, -4})
+        EXPECT_TRUE(pool_.unblock(waitId, 0));
+    runAll();
+    EXPECT_EQ(pool_.roomFor(2), 2);
+    EXPECT_EQ(pool_.stats().idleSlotCount, 3);
+}
+
+TEST_F(ZnFiberPoolTest, LaterWorkOfHigherLanesTakesNoSlotFromAcceptedWork) {
+    configure(1, 1);
+    bool ranLow = false;
+    submit(3, [&] { ranLow = true; });
+    submit(0, [&] { pool_.yieldCurrent(-1); }); // goes first, on a spillover slot
+    runAll();
+    EXPECT_TRUE(ranLow);
+    EXPECT_EQ(pool_.stats().rejected, 0U);
+    EXPECT_TRUE(pool_.unblock(-1, 0));
+    runAll();
+}
+
+TEST_F(ZnFiberPoolTest, ExceptionsEndAtTheFiber) {
+    LogCapture log;
+    submit(2, [] { throw std::runtime_error("boom"); });
+    submit(2, [] { throw 5; });
+    runAll();
+    EXPECT_EQ(log.countOf("Unhandled exception in fiber callback: boom"), 1);
+    EXPECT_EQ(log.countOf("Unhandled unknown exception in fiber callback"), 1);
+    EXPECT_EQ(pool_.stats().idleSlotCount, 500);
+    EXPECT_EQ(pool_.stats().reused, 1U); // last in, first out
+}
+
+TEST_F(ZnFiberPoolTest, ShutdownDestroysWhatNeverRan) {
+    auto token = std::make_shared<int>(1);
+    submit(2, [token] {});
+    submit(2, [this, token] { pool_.yieldCurrent(-1); });
+    pool_.runNextWorkItem();
+    pool_.runNextWorkItem();
+    submit(2, [token] {});
+    pool_.shutdown();
+    EXPECT_EQ(token.use_count(), 1);
+}
+
+TEST_F(ZnFiberPoolTest, WithoutAMainFiberTasksAreDropped) {
+    LogCapture log;
+    pool_.setMainFiber(nullptr);
+    EXPECT_TRUE(submit(2, [] { FAIL(); }));
+    EXPECT_TRUE(pool_.runNextWorkItem());
+    EXPECT_EQ(pool_.stats().rejected, 1U);
+    EXPECT_EQ(log.countOf("Dropping queued fiber task because no dispatch slot is available."), 1);
+}
+
+} // namespace

@@ -29,6 +29,7 @@ private:
     bool parseLiteralOrNumber_(ZnJsonValue& slot, char first);
     bool openContainer_(ZnJsonValue& slot, char bracket);
     bool parseStringValue_(ZnJsonValue& slot);
+    static bool readScalar_(std::string_view text, ZnJsonValue& slot);
     bool parseEncryptedToken_(ZnJsonValue& slot);
     bool parseBoolean_(ZnJsonValue& slot);
     bool parseNull_();

@@ -28,7 +28,8 @@ public:
     V& operator[](const K& key) { return values_[key]; }
     V& operator[](K&& key) { return values_[std::move(key)]; }
     /// As operator[], at constant cost when `key` comes behind all others.
-    V& slotNearEnd(K key) { return values_.try_emplace(values_.end(), std::move(key))->second; }
+    V& slotNearEnd(const K& key) { return values_.try_emplace(values_.end(), key)->second; }
+    V& slotNearEnd(K&& key) { return values_.try_emplace(values_.end(), std::move(key))->second; }
     /// A copy of the value under `key`, or `fallback`.
     template <typename Key>
     V value(const Key& key, V fallback = V()) const {

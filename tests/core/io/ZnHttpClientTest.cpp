@@ -15,6 +15,7 @@ struct ZnHttpClientTestPeer {
     }
     static void feed(ZnHttpClient& client, std::string_view bytes) { client.takeBytes_(bytes); }
     static void disconnect(ZnHttpClient& client) { client.onDisconnected_(); }
+    static std::size_t bodyBytes(const ZnHttpClient& client) { return client.bodyBuffer_.size(); }
     static std::size_t bufferedBytes(const ZnHttpClient& client) { return client.rxBuffer_.size(); }
     static std::string requestHead(ZnHttpClient& client, int method, const char* url, const char* body,
                                    const char* contentType) {
@@ -231,13 +232,27 @@ TEST_F(ZnHttpClientTest, RequestAndAnswerCrossTheWire) {
 }
 
 TEST_F(ZnHttpClientTest, ALargeBodyUpToTheCloseArrivesWhole) {
-    const std::string body(std::size_t(8) << 20, 'z');
-    ScriptedPeer peer(ScriptedPeer::answering("HTTP/1.1 200 OK\r\n\r\n" + body));
+    const std::string first(std::size_t(8) << 20, 'y'); // widens the system's receive buffer
+    const std::string second(500000, 'z');
+    std::promise<void> goOn;
+    std::promise<void> isSent;
+    ScriptedPeer peer([&](ScriptedPeer::Connection& connection) {
+        connection.receiveRequest();
+        connection.send("HTTP/1.1 200 OK\r\n\r\n" + first);
+        goOn.get_future().wait();
+        connection.send(second);
+        connection.finish();
+        isSent.set_value();
+    });
     ZnHttpClient client;
     const Outcome outcome(client);
     runOnFiber([&] { client.request(ZnHttpClient::Get, peer.url(), {}, {}); });
+    ASSERT_TRUE(runUntil([&] { return Peer::bodyBytes(client) == first.size(); }));
+    goOn.set_value();
+    isSent.get_future().wait_for(std::chrono::seconds(1)); // the end stands behind bytes that nobody has read yet
     ASSERT_TRUE(runUntil([&] { return outcome.signalCount > 0; }));
-    EXPECT_TRUE(outcome.body == body) << outcome.body.size();
+    EXPECT_EQ(outcome.body.size(), first.size() + second.size());
+    EXPECT_TRUE(outcome.body == first + second);
 }
 
 TEST_F(ZnHttpClientTest, EveryFailureIsOneSignal) {
@@ -280,15 +295,17 @@ TEST_F(ZnHttpClientTest, EveryFailureIsOneSignal) {
 }
 
 TEST_F(ZnHttpClientTest, AbortIsSilentAndClosesTheConnection) {
+    std::promise<void> accepted;
     std::promise<void> closed;
     ScriptedPeer peer([&](ScriptedPeer::Connection& connection) {
+        accepted.set_value();
         connection.waitForClose();
         closed.set_value();
     });
     ZnHttpClient client;
     const Outcome outcome(client);
     runOnFiber([&] { client.request(ZnHttpClient::Get, peer.url(), {}, {}); });
-    ASSERT_TRUE(runUntil([&] { return peer.connectionCount() > 0; }));
+    accepted.get_future().wait();
     client.abort();
     EXPECT_EQ(closed.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
     settle();

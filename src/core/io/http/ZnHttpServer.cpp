@@ -2,13 +2,13 @@
 
 #include "core/io/ZnTcpSocket.h"
 #include "core/io/http/ZnHttpSession.h"
+#include "core/platform/ZnMonotonicClock.h"
 #include "core/types/ZnLogger.h"
 #include "core/types/ZnMutex.h"
 #include "core/types/ZnThreadAnnotations.h"
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <exception>
 #include <map>
 #include <utility>
@@ -16,11 +16,6 @@
 namespace {
 
 constexpr const char* kCategory = "zn.core.io.znhttpserver";
-
-long long nowNs() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
 
 } // namespace
 
@@ -52,7 +47,7 @@ public:
     }
 
     void record(const ZnHttpResponse& response, long long startedNs, bool wasAdmitted) {
-        const std::int64_t latencyMs = (nowNs() - startedNs) / 1'000'000;
+        const std::int64_t latencyMs = (monotonicNowNs() - startedNs) / 1'000'000;
         ZnMutexLocker lock(statsLock_);
         if (wasAdmitted)
             --stats_.inFlight;
@@ -163,7 +158,7 @@ void ZnHttpServer::admit_(ZnTcpSocket* socket) {
 }
 
 void ZnHttpServer::handleRequest_(const std::shared_ptr<ZnHttpRequest>& request, ZnHttpResponseCallback completion) {
-    const long long startedNs = nowNs();
+    const long long startedNs = monotonicNowNs();
     if (!counters_->admit(limits_.maxInflightRequests, request->body.size())) {
         ZnHttpResponse busy = ZnHttpResponse::plain(503, "Server busy", request->keepAlive);
         counters_->record(busy, startedNs, false);

@@ -2,13 +2,13 @@
 
 #include "core/io/ZnTcpSocket.h"
 #include "core/io/http/ZnHttpRouter.h"
+#include "core/platform/ZnMonotonicClock.h"
 #include "core/runtime/Thread.h"
 #include "core/runtime/ZnCoreApplication.h"
 #include "core/runtime/ZnTimer.h"
 #include "core/types/ZnLogger.h"
 
 #include <algorithm>
-#include <chrono>
 #include <limits>
 #include <utility>
 
@@ -35,11 +35,6 @@ constexpr unsigned long long kMaxDiscardedBytes = 1024 * 1024;
 // Shared by all sessions of a thread. Its content is used up before anything that could park.
 thread_local char readBuffer[kReadBytes];
 
-long long nowNs() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
 /// When a clock that began at `sinceNs` first shows more than `limitMs` whole milliseconds.
 long long deadlineNs(long long sinceNs, int limitMs) noexcept {
     return limitMs < 1 ? kNever : sinceNs + (static_cast<long long>(limitMs) + 1) * kNsPerMs;
@@ -50,7 +45,7 @@ long long deadlineNs(long long sinceNs, int limitMs) noexcept {
 ZnHttpSession::ZnHttpSession(ZnAbstractSocket* socket, const ZnHttpRouter* router, const ZnHttpLimits& limits,
                              const ZnHttpTimeouts& timeouts, bool isTls, unsigned short localPort, ZnObject* parent)
     : ZnObject(parent), router_(router), parser_(limits), timeouts_(timeouts), isTls_(isTls), localPort_(localPort),
-      createdNs_(nowNs()), lastActivityNs_(createdNs_), requestStartNs_(createdNs_), asyncStartNs_(createdNs_),
+      createdNs_(monotonicNowNs()), lastActivityNs_(createdNs_), requestStartNs_(createdNs_), asyncStartNs_(createdNs_),
       lastWriteNs_(createdNs_), armedTickNs_(kNever) {
     if (socket == nullptr || router == nullptr) {
         closed_ = true;
@@ -107,7 +102,7 @@ bool ZnHttpSession::readInput_() {
             return false; // the end of the stream was found, or an error
         if (byteCount == 0)
             return true;
-        lastActivityNs_ = nowNs();
+        lastActivityNs_ = monotonicNowNs();
         if (parser_.isIdle())
             requestStartNs_ = lastActivityNs_;
         const std::size_t waitingCount = pendingRequests_.size();
@@ -146,7 +141,7 @@ void ZnHttpSession::discardInput_() {
         const std::size_t byteCount = socket_->readInto(readBuffer, kReadBytes);
         if (!self || closed_ || byteCount == 0)
             return;
-        lastActivityNs_ = nowNs();
+        lastActivityNs_ = monotonicNowNs();
         discardedBytes_ += byteCount;
     }
     if (draining_)
@@ -179,7 +174,7 @@ void ZnHttpSession::startNextRequest_() {
     const std::shared_ptr<ZnHttpRequest> request = pendingRequests_.takeFirst();
     currentRequest_ = request;
     const unsigned long long serial = ++requestSerial_;
-    requestStartNs_ = asyncStartNs_ = nowNs();
+    requestStartNs_ = asyncStartNs_ = monotonicNowNs();
     asyncPending_ = true;
     armTimeout_(); // now: once the handler is parked, nobody else would
     if (const std::shared_ptr<const RequestHandler> handler = requestHandler_) {
@@ -196,7 +191,7 @@ void ZnHttpSession::startNextRequest_() {
 
 /// Carries an answer to the session's thread and there into the session, if it still lives.
 ZnHttpResponseCallback ZnHttpSession::responseCallback_() {
-    return [self = ZnPointer<ZnHttpSession>(this), thread = thread(),
+    return [self = ZnPointer<ZnHttpSession>(this), thread = zn::atomic::Thread::currentThread(),
             serial = requestSerial_](ZnHttpResponse response) mutable {
         if (thread == nullptr || thread == zn::atomic::Thread::currentThread()) {
             if (ZnHttpSession* session = self.get())
@@ -212,7 +207,7 @@ ZnHttpResponseCallback ZnHttpSession::responseCallback_() {
                 if (ZnHttpSession* session = self.get())
                     session->answer_(serial, std::move(*answer));
             },
-            ZnFiberPool::kResumeLane);
+            ZnFiberPool::kFirstLane);
     };
 }
 
@@ -251,7 +246,7 @@ void ZnHttpSession::writeBytes_(ZnString head, ZnByteArray body) {
     if (!self || closed_)
         return;
     insideWrite_ = false;
-    lastWriteNs_ = nowNs();
+    lastWriteNs_ = monotonicNowNs();
     if (!isAccepted) {
         closeSession_();
         return;
@@ -274,7 +269,7 @@ void ZnHttpSession::onWriteFinished_() {
         resumeDeferred_ = true;
         return;
     }
-    lastWriteNs_ = nowNs();
+    lastWriteNs_ = monotonicNowNs();
     const ZnPointer<ZnHttpSession> self(this);
     finishResponse_();
     if (self)
@@ -337,7 +332,7 @@ void ZnHttpSession::sendError_(int status, const ZnString& text) {
 void ZnHttpSession::beginDrain_() {
     const ZnPointer<ZnHttpSession> self(this);
     draining_ = true;
-    drainStartNs_ = lastActivityNs_ = nowNs();
+    drainStartNs_ = lastActivityNs_ = monotonicNowNs();
     const unsigned long long discardedBefore = discardedBytes_;
     discardInput_();
     if (!self || closed_)
@@ -412,7 +407,7 @@ void ZnHttpSession::armTimeout_() {
     const long long deadline = nextDeadlineNs_();
     if (deadline >= armedTickNs_)
         return; // the usual case
-    const long long now = nowNs();
+    const long long now = monotonicNowNs();
     const long long soonest = std::max(deadline, now + 1);
     const long long tickCount = (soonest - createdNs_ + kWatchNs - 1) / kWatchNs;
     const long long tickNs = std::min(createdNs_ + tickCount * kWatchNs, now + kLongestSleepNs);
@@ -428,7 +423,7 @@ void ZnHttpSession::onTimeoutWatch_() {
         return;
     const ZnPointer<ZnHttpSession> self(this);
     armedTickNs_ = kNever;
-    runTimeoutTable_(nowNs());
+    runTimeoutTable_(monotonicNowNs());
     if (self && !closed_)
         armTimeout_();
 }

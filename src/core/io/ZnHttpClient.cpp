@@ -439,10 +439,6 @@ ZnByteArray ZnHttpClient::takeBody() {
     return result_ ? std::move(result_->body) : ZnByteArray();
 }
 
-ZnMap<ZnString, ZnString> ZnHttpClient::takeResponseHeaders() {
-    return result_ ? std::move(result_->responseHeaders) : ZnMap<ZnString, ZnString>();
-}
-
 void ZnHttpClient::finished(const ZnByteArray& body) {
     emitSignal(&ZnHttpClient::finished, body);
 }

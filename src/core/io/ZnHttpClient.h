@@ -55,9 +55,8 @@ public:
     const ZnString& rawHeaders() const noexcept { return resultOrNone_().rawHeaders; }
     /// Names in lower case; a repeated one has its last value.
     const ZnMap<ZnString, ZnString>& responseHeaders() const noexcept { return resultOrNone_().responseHeaders; }
-    /// Moves the body, or the headers, out of the result.
+    /// Moves the body out of the result.
     ZnByteArray takeBody();
-    ZnMap<ZnString, ZnString> takeResponseHeaders();
 
     // Signals.
     void finished(const ZnByteArray& body);

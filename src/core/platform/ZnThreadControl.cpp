@@ -1,5 +1,6 @@
 #include "core/platform/ZnThreadControl.h"
 
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -12,6 +13,10 @@ constexpr int kRaisedNice = -2;
 std::uint32_t currentThreadId() noexcept {
     thread_local const std::uint32_t threadId = static_cast<std::uint32_t>(::syscall(SYS_gettid));
     return threadId;
+}
+
+void usePreciseTimers() noexcept {
+    ::prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
 }
 
 void raisePriority() noexcept {

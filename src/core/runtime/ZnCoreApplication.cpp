@@ -47,6 +47,7 @@ void ZnCoreApplication::initialise_() {
     ZN_ASSERT(currentApplication == nullptr); // one per thread
     currentApplication = this;
     threadId_ = ZnThreadControl::currentThreadId();
+    ZnThreadControl::usePreciseTimers();
     fiberPool_.setMainFiber(&mainFiber_);
     setEventFiberStackSize(0);
     {

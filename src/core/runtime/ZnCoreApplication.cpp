@@ -35,6 +35,7 @@ ApplicationMap_& applicationMap() {
 } // namespace
 
 ZnCoreApplication::ZnCoreApplication(int argc, char** argv) : ioDispatcher_(*this, poller_) {
+    ZnThreadControl::raiseDescriptorLimit();
     initialise_();
     parseCommandLine_(argc, argv);
 }

@@ -26,7 +26,7 @@
 /// Owner: the entry function on the main thread, the thread record elsewhere.
 class ZnCoreApplication final : private ZnConsoleStopTarget {
 public:
-    /// Parses the command line (argv[0] is skipped).
+    /// For the main thread: parses the command line (argv[0] is skipped) and raises the limit of open descriptors.
     ZnCoreApplication(int argc, char** argv);
     ZnCoreApplication();
     /// Deletes the objects that wait for deferred deletion; posts that never ran are destroyed.

@@ -1,6 +1,7 @@
 #include "core/types/ZnLogger.h"
 
 #include "core/platform/ZnLogPeer.h"
+#include "core/types/ZnLogFilter.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -10,7 +11,6 @@
 #include <ctime>
 #include <filesystem>
 #include <optional>
-#include <regex>
 #include <string_view>
 #include <utility>
 
@@ -210,19 +210,6 @@ void appendTimestamp(std::string& out) {
     out.append(digits, sizeof(digits));
 }
 
-/// An expression that, matched at the start of a text, finds `pattern` anywhere in it.
-std::regex compileFilter(const ZnString& pattern) {
-    std::regex::flag_type flags = std::regex::ECMAScript;
-#if defined(__GLIBCXX__)
-    // The library's default search recurses once per character, which a long line turns into a stack overflow on
-    // a fiber. This one does not.
-    flags |= std::regex_constants::__polynomial;
-#endif
-    const std::regex validated(pattern.str(), flags); // on its own: the parentheses below could complete it
-    // The library searches by matching anew at every position; one match that may skip a prefix takes linear time.
-    return std::regex("[\\s\\S]*?(?:" + pattern.str() + ")", flags);
-}
-
 } // namespace
 
 /// What writeMutex_ guards: the settings, the sinks, and the buffers that lines are built in.
@@ -231,7 +218,7 @@ struct ZnLogger::State_ {
     ZnString version = "0.0.1";
     bool isConsoleEnabled = true;
     ZnString filePath; // empty: no file sink
-    std::optional<std::regex> filter;
+    std::unique_ptr<const ZnLogFilter> filter; // null: no filter
     ZnString networkHost; // empty: no network sink
     unsigned short networkPort = 0;
     ZnLogPeer networkPeer;
@@ -244,7 +231,6 @@ struct ZnLogger::State_ {
     bool emit(const ZnLogRecord& record, std::string_view message);
     void buildLine(const ZnLogRecord& record, std::string_view message);
     void buildJsonLine(const ZnLogRecord& record, std::string_view message);
-    bool passesFilter(std::string_view body) const;
     void writeConsole(int level) const;
     void writeFile() const;
     void writeNetwork(const ZnLogRecord& record, std::string_view message);
@@ -255,7 +241,7 @@ bool ZnLogger::State_::emit(const ZnLogRecord& record, std::string_view message)
     buildLine(record, message);
     constexpr std::size_t kHeadBytes = kStampBytes + 3; // "[", the timestamp, "] "
     const std::string_view body = std::string_view(line).substr(kHeadBytes, line.size() - kHeadBytes - 1);
-    if (filter && !passesFilter(body))
+    if (filter && !filter->passes(body))
         return false;
     if (isConsoleEnabled)
         writeConsole(record.level);
@@ -288,14 +274,6 @@ void ZnLogger::State_::buildJsonLine(const ZnLogRecord& record, std::string_view
     appendJsonMember(jsonLine, "version", version.view());
     appendJsonMember(jsonLine, "message", message);
     jsonLine.append("}\n");
-}
-
-bool ZnLogger::State_::passesFilter(std::string_view body) const {
-    try {
-        return std::regex_search(body.begin(), body.end(), *filter, std::regex_constants::match_continuous);
-    } catch (const std::exception&) {
-        return true; // a filter that cannot decide hides nothing
-    }
 }
 
 void ZnLogger::State_::writeConsole(int level) const {
@@ -417,12 +395,11 @@ void ZnLogger::setFile(const ZnString& path) {
 }
 
 bool ZnLogger::setFilter(const ZnString& pattern) {
-    std::optional<std::regex> filter;
-    try {
-        if (!pattern.isEmpty())
-            filter = compileFilter(pattern);
-    } catch (const std::exception&) {
-        return false;
+    std::unique_ptr<const ZnLogFilter> filter;
+    if (!pattern.isEmpty()) {
+        filter = ZnLogFilter::compile(pattern);
+        if (!filter)
+            return false;
     }
     const ZnMutexLocker lock(writeMutex_);
     state_->filter = std::move(filter);

@@ -1,5 +1,6 @@
-// Runs a fuzz target over saved inputs: every file that is named, and every file in a directory that is named.
-// A path that does not exist, or finding no file at all, is a failure: a corpus that got lost must not look tested.
+// Runs a fuzz target over saved inputs: every file that is named, and every file in a directory that is
+// named. A path that does not exist, or finding no file at all, is a failure: a corpus that got lost must not
+// look tested.
 
 #include <algorithm>
 #include <csignal>
@@ -21,7 +22,8 @@ namespace {
 constexpr int kFaultStatus = 77;
 std::string currentFile; // read by the signal handler; written between runs only
 
-/// Names the input, and turns the death by signal into an exit status: CTest's WILL_FAIL accepts only the latter.
+/// Names the input, and turns the death by signal into an exit status: CTest's WILL_FAIL accepts only the
+/// latter.
 void onAbort(int) {
     constexpr char kText[] = "\nfault while replaying ";
     (void)!::write(STDERR_FILENO, kText, sizeof(kText) - 1);

@@ -1,5 +1,5 @@
-// Holds a planted fault, which its one saved input triggers. This target must fail: that shows that the replay, and
-// the fuzzer behind it, notice faults at all.
+// Holds a planted fault, which its one saved input triggers. This target must fail: that shows that the
+// replay, and the fuzzer behind it, notice faults at all.
 
 #include "core/types/ZnAssert.h"
 

@@ -11,17 +11,18 @@ namespace {
 std::regex::flag_type filterFlags() {
     std::regex::flag_type flags = std::regex::ECMAScript;
 #if defined(__GLIBCXX__)
-    // The library's default search recurses once per character, which a long line turns into a stack overflow on
-    // a fiber. This one does not.
+    // The library's default search recurses once per character, which a long line turns into a stack overflow
+    // on a fiber. This one does not.
     flags |= std::regex_constants::__polynomial;
 #endif
     return flags;
 }
 
-/// An expression that, matched at the start of a text, finds `pattern` anywhere in it: the library searches by
-/// matching anew at every position, while one match that may skip a prefix takes linear time.
+/// An expression that, matched at the start of a text, finds `pattern` anywhere in it: the library searches
+/// by matching anew at every position, while one match that may skip a prefix takes linear time.
 std::regex searching(const ZnString& pattern) {
-    const std::regex validated(pattern.str(), filterFlags()); // on its own: the parentheses below could complete it
+    const std::regex validated(pattern.str(),
+                               filterFlags()); // on its own: the parentheses below could complete it
     return std::regex("[\\s\\S]*?(?:" + pattern.str() + ")", filterFlags());
 }
 
@@ -39,8 +40,7 @@ std::unique_ptr<const ZnLogFilter> ZnLogFilter::compile(const ZnString& pattern)
     }
 }
 
-ZnLogFilter::ZnLogFilter(const ZnString& pattern) : expression_(new Expression_{searching(pattern)}) {
-}
+ZnLogFilter::ZnLogFilter(const ZnString& pattern) : expression_(new Expression_{searching(pattern)}) {}
 
 ZnLogFilter::~ZnLogFilter() = default;
 

@@ -16,8 +16,8 @@ public:
     ZnLogFilter(const ZnLogFilter&) = delete;
     ZnLogFilter& operator=(const ZnLogFilter&) = delete;
 
-    /// Whether the expression is found in `text`; also when the search fails for want of resources, since a filter
-    /// that cannot decide must hide nothing.
+    /// Whether the expression is found in `text`; also when the search fails for want of resources, since a
+    /// filter that cannot decide must hide nothing.
     bool passes(std::string_view text) const noexcept;
 
 private:

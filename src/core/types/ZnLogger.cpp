@@ -17,7 +17,7 @@
 namespace {
 
 constexpr std::uint8_t kAllLevels = 7;
-constexpr std::size_t kStampBytes = 13;        // "hhmmss.uuuuuu"
+constexpr std::size_t kStampBytes = 13;           // "hhmmss.uuuuuu"
 constexpr std::size_t kKeptLineBytes = 64 * 1024; // one huge line must not keep its memory for ever
 
 struct Sink_ {
@@ -136,7 +136,8 @@ std::string_view withoutLeading(std::string_view text, std::string_view set) {
     return first == std::string_view::npos ? std::string_view() : text.substr(first);
 }
 
-/// Takes off the head of a log line that the caller has handed over as part of the message, so that it is not doubled.
+/// Takes off the head of a log line that the caller has handed over as part of the message, so that it is not
+/// doubled.
 std::string_view sanitised(std::string_view message) {
     message = withoutLeading(message, " \t\n\r");
     if (message.size() >= kStampBytes + 2 && message.front() == '[' && beginsWithStamp(message.substr(1)) &&
@@ -217,9 +218,9 @@ struct ZnLogger::State_ {
     ZnString appName = "UnknownApp";
     ZnString version = "0.0.1";
     bool isConsoleEnabled = true;
-    ZnString filePath; // empty: no file sink
+    ZnString filePath;                         // empty: no file sink
     std::unique_ptr<const ZnLogFilter> filter; // null: no filter
-    ZnString networkHost; // empty: no network sink
+    ZnString networkHost;                      // empty: no network sink
     unsigned short networkPort = 0;
     ZnLogPeer networkPeer;
     std::shared_ptr<const SinkList_> sinks; // replaced, never changed; null without sinks
@@ -290,7 +291,8 @@ void ZnLogger::State_::writeFile() const {
         std::filesystem::create_directories(path.substr(0, parentBytes), ignored);
     }
     // "e": a child process must not inherit the file.
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(filePath.data(), "abe"), &std::fclose);
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(filePath.data(), "abe"),
+                                                               &std::fclose);
     if (file)
         std::fwrite(line.data(), 1, line.size(), file.get());
 }

@@ -7,9 +7,10 @@
 namespace {
 
 const std::string& messageText() {
-    static const std::string text = R"({"jsonrpc":"2.0","id":17,"method":"tools/call","params":{"name":"bridge.rpc",)"
-                                    R"("arguments":{"service_id":"billing-eu","request":{"jsonrpc":"2.0","id":1,)"
-                                    R"("method":"ping","params":{"verbose":true}}}}})";
+    static const std::string text =
+        R"({"jsonrpc":"2.0","id":17,"method":"tools/call","params":{"name":"bridge.rpc",)"
+        R"("arguments":{"service_id":"billing-eu","request":{"jsonrpc":"2.0","id":1,)"
+        R"("method":"ping","params":{"verbose":true}}}}})";
     return text;
 }
 
@@ -18,10 +19,11 @@ const std::string& documentText() {
     static const std::string text = [] {
         std::string built = "[";
         for (int record = 0; built.size() < (1u << 20); ++record) {
-            built += R"({"id":)" + std::to_string(record * 7919) + R"(,"name":"service number )" +
-                     std::to_string(record) + R"(","ratio":)" + std::to_string(record) +
-                     R"(.375,"enabled":true,"note":"line one\nline \"two\"","tags":["alpha","beta",null,-12],)" +
-                     R"("endpoint":{"host":"internal.example","path":"/v1/records/query","port":8443}},)";
+            built +=
+                R"({"id":)" + std::to_string(record * 7919) + R"(,"name":"service number )" +
+                std::to_string(record) + R"(","ratio":)" + std::to_string(record) +
+                R"(.375,"enabled":true,"note":"line one\nline \"two\"","tags":["alpha","beta",null,-12],)" +
+                R"("endpoint":{"host":"internal.example","path":"/v1/records/query","port":8443}},)";
         }
         built.back() = ']';
         return built;

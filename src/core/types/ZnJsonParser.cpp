@@ -36,7 +36,9 @@ int hexValue(char c) {
 }
 
 void appendUtf8_(std::string& out, unsigned code) {
-    const auto trail = [code](int shift) { return static_cast<char>(0x80 | ((code >> shift) & 0x3F)); };
+    const auto trail = [code](int shift) {
+        return static_cast<char>(0x80 | ((code >> shift) & 0x3F));
+    };
     if (code < 0x80) {
         out += static_cast<char>(code);
     } else if (code < 0x800) {
@@ -152,8 +154,8 @@ bool ZnJsonParser_::parseTree_(ZnJsonValue& root) {
     return error_.isEmpty();
 }
 
-/// Behind a value or an opening bracket: closes what ends here and gives the place of the next value; null when the
-/// root is complete, and on failure.
+/// Behind a value or an opening bracket: closes what ends here and gives the place of the next value; null
+/// when the root is complete, and on failure.
 ZnJsonValue* ZnJsonParser_::nextSlot_() {
     while (depth_ > 0) {
         ZnJsonValue& container = *open_[depth_ - 1];
@@ -295,7 +297,9 @@ bool ZnJsonParser_::readScalar_(std::string_view text, ZnJsonValue& slot) {
 }
 
 bool ZnJsonParser_::parseEncryptedToken_(ZnJsonValue& slot) {
-    const auto endsToken = [](char c) { return c == ',' || c == ']' || c == '}' || isSpace(c); };
+    const auto endsToken = [](char c) {
+        return c == ',' || c == ']' || c == '}' || isSpace(c);
+    };
     std::size_t end = pos_;
     while (end < text_.size() && !endsToken(text_[end]))
         ++end;

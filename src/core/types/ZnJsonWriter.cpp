@@ -57,7 +57,8 @@ void appendDouble(std::string& out, double value) {
     else if (whole >= -kIntegerEnd && whole < kIntegerEnd)
         zn::detail::appendInteger(out, static_cast<long long>(whole));
     else
-        zn::detail::appendScientific(out, value); // decimal digits alone would not be read back: no integer so large
+        zn::detail::appendScientific(
+            out, value); // decimal digits alone would not be read back: no integer so large
 }
 
 } // namespace
@@ -65,7 +66,8 @@ void appendDouble(std::string& out, double value) {
 /// Appends the text of a tree to one string. Holds one cursor per open container.
 class ZnJsonWriter_ {
 public:
-    ZnJsonWriter_(JsonFormat format, const ZnString& key) : isIndented_(format == JsonFormat::Indented), key_(key) {
+    ZnJsonWriter_(JsonFormat format, const ZnString& key)
+        : isIndented_(format == JsonFormat::Indented), key_(key) {
         out_.reserve(kFirstBytes);
     }
     ZnString write(const ZnJsonValue& root);

@@ -1,3 +1,4 @@
+#include "core/types/ExpectThrows.h"
 #include "core/types/ZnList.h"
 #include "core/types/ZnMap.h"
 #include "core/types/ZnString.h"
@@ -15,16 +16,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::Pair;
-
-template <typename Exception>
-void expectThrows(const char* text, const std::function<void()>& misuse) {
-    try {
-        misuse();
-        ADD_FAILURE() << "no exception: " << text;
-    } catch (const Exception& error) {
-        EXPECT_STREQ(error.what(), text);
-    }
-}
 
 TEST(ZnList, KeepsOrderThroughEdits) {
     ZnList<int> list{1, 2};
@@ -44,9 +35,12 @@ TEST(ZnList, KeepsOrderThroughEdits) {
 template <typename Sequence>
 void expectEmptyAccessThrows() {
     Sequence empty;
-    expectThrows<std::runtime_error>("Cannot access first element of an empty container", [&] { empty.first(); });
-    expectThrows<std::runtime_error>("Cannot access first element of an empty container", [&] { empty.takeFirst(); });
-    expectThrows<std::runtime_error>("Cannot access last element of an empty container", [&] { empty.last(); });
+    expectThrows<std::runtime_error>("Cannot access first element of an empty container",
+                                     [&] { empty.first(); });
+    expectThrows<std::runtime_error>("Cannot access first element of an empty container",
+                                     [&] { empty.takeFirst(); });
+    expectThrows<std::runtime_error>("Cannot access last element of an empty container",
+                                     [&] { empty.last(); });
 }
 
 TEST(ZnList, MisuseThrowsWithItsText) {
@@ -65,7 +59,8 @@ TEST(ZnVector, RemovesByIndexAndValue) {
     vector.removeOne(5);
     EXPECT_THAT(vector, ElementsAre(6, 5));
     for (int index : {-1, 2})
-        expectThrows<std::out_of_range>("ZnVector::removeAt index out of range", [&] { vector.removeAt(index); });
+        expectThrows<std::out_of_range>("ZnVector::removeAt index out of range",
+                                        [&] { vector.removeAt(index); });
     vector.removeAt(0);
     EXPECT_THAT(vector, ElementsAre(5));
 }

@@ -42,7 +42,8 @@ TEST(ZnCrypto, KnownDigests) {
         {HashAlgorithm::Sha1, "abc", "a9993e364706816aba3e25717850c26c9cd0d89d"},
         {HashAlgorithm::Sha256, "", "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
         {HashAlgorithm::Sha256, "abc", "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
-        {static_cast<HashAlgorithm>(9), "abc", "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
+        {static_cast<HashAlgorithm>(9), "abc",
+         "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
         {HashAlgorithm::Sha512, "abc",
          "ddaf35a193617abacc417349ae20413112e6fa4e89a97ea20a9eeee64b55d39a"
          "2192992a274fc1a836ba3c23a3feebbd454d4423643ce80e2a9ac94fa54ca49f"},
@@ -76,7 +77,8 @@ TEST(ZnCrypto, KnownAesBlocks) {
 }
 
 TEST(ZnCrypto, TextsSurviveEveryLengthAndKey) {
-    for (const char* key : {"", "short", "exactly thirty-two bytes of key!", "longer than thirty-two bytes of key!!"}) {
+    for (const char* key :
+         {"", "short", "exactly thirty-two bytes of key!", "longer than thirty-two bytes of key!!"}) {
         for (std::size_t length = 0; length <= 33; ++length) {
             const ZnString plain(std::string(length, '\x01'));
             const ZnString cipher = ZnCrypto::encryptAES(key, plain);
@@ -109,8 +111,9 @@ TEST(ZnCrypto, FailuresNameTheirReason) {
                            Row{"QUJD", "Failed to decrypt data."}}) {
         LogCapture log;
         EXPECT_EQ(ZnString(row.cipherText).decryptAES("key"), "");
-        EXPECT_THAT(log.take(), testing::ElementsAre(std::string("[ERROR] [zn.core.types.znstring] Decryption error: ") +
-                                                     row.reason + "\n"));
+        EXPECT_THAT(log.take(),
+                    testing::ElementsAre(std::string("[ERROR] [zn.core.types.znstring] Decryption error: ") +
+                                         row.reason + "\n"));
     }
     EXPECT_THROW(ZnCrypto::decryptAES("key", "!"), std::invalid_argument);
     EXPECT_EQ(ZnString("text").encryptAES("key").decryptAES("key"), "text");
@@ -121,8 +124,8 @@ TEST(ZnCrypto, Base64) {
         const char* plain;
         const char* text;
     };
-    for (const Row& row : {Row{"", ""}, Row{"f", "Zg=="}, Row{"fo", "Zm8="}, Row{"foo", "Zm9v"}, Row{"foob", "Zm9vYg=="},
-                           Row{"\xFB\xEF\xFF", "++//"}}) {
+    for (const Row& row : {Row{"", ""}, Row{"f", "Zg=="}, Row{"fo", "Zm8="}, Row{"foo", "Zm9v"},
+                           Row{"foob", "Zm9vYg=="}, Row{"\xFB\xEF\xFF", "++//"}}) {
         const std::string_view plain(row.plain);
         EXPECT_EQ(ZnCrypto::base64Encode(Bytes(plain.begin(), plain.end())), row.text);
         EXPECT_EQ(ZnCrypto::base64Decode(row.text), Bytes(plain.begin(), plain.end()));

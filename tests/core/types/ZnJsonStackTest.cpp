@@ -66,7 +66,8 @@ TEST(ZnJsonStack, ParsesToTheLimitAndNoFurther) {
         const ZnString keyed = document.toJson(JsonFormat::Compact, "key");
         EXPECT_EQ(ZnJsonDocument::fromJson(keyed.view(), &error, "key").toJson(), document.toJson());
         useEveryOperation(std::move(document.root()));
-        EXPECT_TRUE(ZnJsonDocument::fromJson(nestedText(ZnJsonDocument::kMaxDepth + 1), &error).root().isNull());
+        EXPECT_TRUE(
+            ZnJsonDocument::fromJson(nestedText(ZnJsonDocument::kMaxDepth + 1), &error).root().isNull());
         EXPECT_TRUE(error.startsWith("JSON nesting too deep (index ")) << error;
     });
 }

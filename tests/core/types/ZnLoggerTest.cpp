@@ -77,8 +77,7 @@ TEST_F(ZnLoggerTest, RulesDecidePerCategoryAndLevel) {
         {"a*ab=1", "aaab", true, true, true},
         {"a*ab=1", "ab", false, true, true},
         {"**=1", "zn", true, true, true},
-        {"z?=1", "zn", false, true, true},
-    };
+        {"z?=1", "zn", false, true, true}};
     for (const Row& row : kRows) {
         SCOPED_TRACE(std::string(row.rules) + " on " + row.category);
         logger_.parseRules(row.rules);
@@ -107,7 +106,8 @@ TEST(ZnLoggerDeathTest, ReadsItsRulesFromTheEnvironment) {
             setVariable("ZN_LOGGING_RULES", row.loggingRules);
             setVariable("ZN_DEBUG_RULES", row.debugRules);
             ZnLogger& logger = ZnLogger::instance();
-            std::_Exit(40 + logger.isEnabled("a", ZnLogger::kDebug) + 2 * logger.isEnabled("b", ZnLogger::kDebug));
+            std::_Exit(40 + logger.isEnabled("a", ZnLogger::kDebug) +
+                       2 * logger.isEnabled("b", ZnLogger::kDebug));
         };
         EXPECT_EXIT(report(), testing::ExitedWithCode(40 + row.enabled), "");
     }
@@ -186,8 +186,8 @@ TEST_F(ZnLoggerTest, MessagesLoseAHeadOfTheirOwn) {
 
 TEST_F(ZnLoggerTest, TimestampIsLocalTime) {
     const auto secondOfDay = [](std::string_view text) {
-        return std::stoi(std::string(text.substr(0, 2))) * 3600 + std::stoi(std::string(text.substr(2, 2))) * 60 +
-               std::stoi(std::string(text.substr(4, 2)));
+        return std::stoi(std::string(text.substr(0, 2))) * 3600 +
+               std::stoi(std::string(text.substr(2, 2))) * 60 + std::stoi(std::string(text.substr(4, 2)));
     };
     const std::time_t now = std::time(nullptr);
     const std::string stamp = ZnLogger::timestampNow().str();
@@ -200,7 +200,9 @@ TEST_F(ZnLoggerTest, TimestampIsLocalTime) {
 TEST_F(ZnLoggerTest, MacroEvaluatesOnlyWhatIsWritten) {
     LogCapture log;
     int evaluations = 0;
-    const auto count = [&] { return ++evaluations; };
+    const auto count = [&] {
+        return ++evaluations;
+    };
     ZN_LOG_DEBUG(kCategory, "f") << count();
     EXPECT_EQ(evaluations, 0);
     if (evaluations == 0)
@@ -208,9 +210,6 @@ TEST_F(ZnLoggerTest, MacroEvaluatesOnlyWhatIsWritten) {
     else
         ZN_LOG_ERROR(kCategory, "f") << "the other branch";
     EXPECT_THAT(log.take(), ElementsAre("[WARNING] [zn.core.test.logger] count 1\n"));
-    errno = ENOENT;
-    ZN_LOG_ERROR(kCategory, "f") << "keeps errno";
-    EXPECT_EQ(errno, ENOENT);
 }
 
 TEST_F(ZnLoggerTest, FilterSearchesTheBody) {
@@ -219,7 +218,8 @@ TEST_F(ZnLoggerTest, FilterSearchesTheBody) {
     writeLine(ZnLogger::kError, kCategory, "drop");
     writeLine(ZnLogger::kWarning, kCategory, "keep");
     writeLine(ZnLogger::kError, kCategory, "please keep");
-    EXPECT_FALSE(logger_.setFilter("(unclosed"));
+    for (const char* broken : {"(unclosed", "a)|(b"})
+        EXPECT_FALSE(logger_.setFilter(broken));
     writeLine(ZnLogger::kError, kCategory, "drop");
     writeLine(ZnLogger::kError, kCategory, "kep");
     EXPECT_THAT(log.take(), ElementsAre("[ERROR] [zn.core.test.logger] please keep\n",
@@ -243,8 +243,8 @@ TEST_F(ZnLoggerTest, CallbacksMayLogAndFail) {
     ZN_LOG_ERROR(kCategory, "f") << "outer";
     logger_.removeSink(throwing);
     logger_.removeSink(nesting);
-    EXPECT_THAT(log.take(),
-                ElementsAre("[ERROR] [zn.core.test.logger] outer\n", "[ERROR] [zn.core.test.logger] inner\n"));
+    EXPECT_THAT(log.take(), ElementsAre("[ERROR] [zn.core.test.logger] outer\n",
+                                        "[ERROR] [zn.core.test.logger] inner\n"));
 }
 
 TEST_F(ZnLoggerTest, FileSinkMakesItsFolderAndAppends) {
@@ -263,7 +263,9 @@ TEST_F(ZnLoggerTest, FileSinkMakesItsFolderAndAppends) {
     }
     EXPECT_FALSE(std::getline(file, line));
     logger_.setFile((folder.string() + "/a").c_str()); // a folder: the line is lost, nothing else
+    errno = ENOENT;
     writeLine(ZnLogger::kError, nullptr, "lost");
+    EXPECT_EQ(errno, ENOENT); // the caller's, not that of the failed sink
     std::filesystem::remove_all(folder);
 }
 
@@ -277,7 +279,8 @@ TEST_F(ZnLoggerTest, LinesOfManyThreadsStayWhole) {
         threads.emplace_back([&start, index] {
             start.arrive_and_wait();
             for (int line = 0; line < kLines; ++line) {
-                writeLine(ZnLogger::kError, nullptr, ZnString(std::string(100, static_cast<char>('a' + index))));
+                writeLine(ZnLogger::kError, nullptr,
+                          ZnString(std::string(100, static_cast<char>('a' + index))));
                 ZnLogger::instance().parseRules(line % 2 == 0 ? "zn.*=1" : "");
             }
         });
@@ -343,14 +346,15 @@ TEST_F(ZnLoggerTest, NetworkSinkSendsOneObjectPerLine) {
     writeLine(ZnLogger::kWarning, kCategory, "[ERROR] tab\t bell\x07 quote\" slash\\ \xC3\xA4\b\f\r\n");
     writeLine(7, nullptr, "no category");
     logger_.setNetwork("", 0); // closes
-    EXPECT_EQ(listener.readConnection(),
-              R"({"type":"log","level":"WARNING","category":"zn.core.test.logger","appName":"an \"app\"",)"
-              R"("version":"1.2","message":"tab\t bell\u0007 quote\" slash\\ )"
-              "\xC3\xA4"
-              R"(\b\f\r\n"})"
-              "\n"
-              R"({"type":"log","level":"UNKNOWN","appName":"an \"app\"","version":"1.2","message":"no category"})"
-              "\n");
+    EXPECT_EQ(
+        listener.readConnection(),
+        R"({"type":"log","level":"WARNING","category":"zn.core.test.logger","appName":"an \"app\"",)"
+        R"("version":"1.2","message":"tab\t bell\u0007 quote\" slash\\ )"
+        "\xC3\xA4"
+        R"(\b\f\r\n"})"
+        "\n"
+        R"({"type":"log","level":"UNKNOWN","appName":"an \"app\"","version":"1.2","message":"no category"})"
+        "\n");
 }
 
 TEST_F(ZnLoggerTest, NetworkSinkConnectsAgain) {

@@ -37,7 +37,8 @@ ZnJsonObject toolResult(const ZnString& text, bool isError = false) {
 // --- the tools
 
 ZnJsonObject echo(const ZnJsonObject& arguments) {
-    return toolResult(arguments.value("text").toStringOr(ZnString()));
+    const ZnJsonValue& text = arguments.value("text");
+    return toolResult(text.isString() ? text.string() : text.toJson()); // "12" arrives as the number 12
 }
 
 ZnJsonObject add(const ZnJsonObject& arguments) {

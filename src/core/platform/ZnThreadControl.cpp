@@ -23,4 +23,12 @@ void raisePriority() noexcept {
     ::setpriority(PRIO_PROCESS, currentThreadId(), kRaisedNice);
 }
 
+void raiseDescriptorLimit() noexcept {
+    rlimit limit = {};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return;
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 } // namespace ZnThreadControl

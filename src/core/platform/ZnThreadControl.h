@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-/// What the runtime needs of the system's threads.
+/// What the runtime needs of the system's threads, and of the process.
 namespace ZnThreadControl {
 /// The system's id of the calling thread, never 0.
 std::uint32_t currentThreadId() noexcept;
@@ -10,4 +10,6 @@ std::uint32_t currentThreadId() noexcept;
 void usePreciseTimers() noexcept;
 /// Asks for somewhat more than normal priority for the calling thread. Silent when that is not permitted.
 void raisePriority() noexcept;
+/// Lets the process open as many descriptors as it may: the usual soft limit of 1024 is for programs that use select().
+void raiseDescriptorLimit() noexcept;
 } // namespace ZnThreadControl

@@ -210,14 +210,17 @@ void appendTimestamp(std::string& out) {
     out.append(digits, sizeof(digits));
 }
 
+/// An expression that, matched at the start of a text, finds `pattern` anywhere in it.
 std::regex compileFilter(const ZnString& pattern) {
     std::regex::flag_type flags = std::regex::ECMAScript;
 #if defined(__GLIBCXX__)
     // The library's default search recurses once per character, which a long line turns into a stack overflow on
-    // a fiber. This one does not, and is linear.
+    // a fiber. This one does not.
     flags |= std::regex_constants::__polynomial;
 #endif
-    return std::regex(pattern.str(), flags);
+    const std::regex validated(pattern.str(), flags); // on its own: the parentheses below could complete it
+    // The library searches by matching anew at every position; one match that may skip a prefix takes linear time.
+    return std::regex("[\\s\\S]*?(?:" + pattern.str() + ")", flags);
 }
 
 } // namespace
@@ -289,7 +292,7 @@ void ZnLogger::State_::buildJsonLine(const ZnLogRecord& record, std::string_view
 
 bool ZnLogger::State_::passesFilter(std::string_view body) const {
     try {
-        return std::regex_search(body.begin(), body.end(), *filter);
+        return std::regex_search(body.begin(), body.end(), *filter, std::regex_constants::match_continuous);
     } catch (const std::exception&) {
         return true; // a filter that cannot decide hides nothing
     }

@@ -11,6 +11,10 @@ template <typename K, typename V>
 class ZnMap {
 public:
     using Storage = std::map<K, V, std::less<>>;
+    using value_type = typename Storage::value_type;
+    using const_reference = typename Storage::const_reference;
+    using iterator = typename Storage::iterator;
+    using const_iterator = typename Storage::const_iterator;
 
     ZnMap() = default;
     ZnMap(std::initializer_list<std::pair<const K, V>> values) : values_(values) {}

@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr const char* kCategory = "zn.core.http.znhttpcontext";
+constexpr const char* kCategory = "zn.core.io.znhttpcontext";
 
 bool hasUpperCase(std::string_view text) noexcept {
     return std::any_of(text.begin(), text.end(), [](char c) { return c >= 'A' && c <= 'Z'; });

@@ -1,0 +1,232 @@
+#include "core/io/ZnTcpSocket.h"
+#include "core/io/http/ZnHttpApp.h"
+#include "core/runtime/ZnEventLoop.h"
+#include "core/runtime/ZnTimer.h"
+#include "support/LoopFixture.h"
+
+#include <stdexcept>
+
+namespace {
+
+/// The client's end of a real connection.
+struct Client {
+    explicit Client(unsigned short port) {
+        socket.connect(&ZnIODevice::readyRead, [this] {
+            for (ZnString bytes = socket.read(0); !bytes.isEmpty(); bytes = socket.read(0))
+                received += bytes.view();
+        });
+        socket.connectToHost("127.0.0.1", port);
+    }
+    std::size_t answerCount() const {
+        std::size_t count = 0;
+        for (std::size_t at = 0; (at = received.find("HTTP/1.1 ", at)) != std::string::npos; ++at)
+            ++count;
+        return count;
+    }
+    bool isGone() const { return socket.state() == SocketState::Unconnected; }
+
+    ZnTcpSocket socket;
+    std::string received;
+};
+
+class ZnHttpServerTest : public LoopFixture {
+protected:
+    void SetUp() override {
+        app_->get("/echo/:word", [](ZnHttpContext& context) { context.text(context.pathParam("word")); });
+        app_->post("/body", [](ZnHttpContext& context) { context.send(context.request().body, "x/y"); });
+        app_->get("/peer", [this](ZnHttpContext& context) {
+            EXPECT_NE(context.request().peerPort, 0);
+            EXPECT_EQ(context.request().localPort, port_);
+            context.text(context.request().peerAddress);
+        });
+        app_->get("/throw", [](ZnHttpContext&) { throw std::runtime_error("secret"); });
+        app_->get("/throw2", [](ZnHttpContext&) { throw 1; });
+        app_->get("/nothing", [](ZnHttpContext&) {});
+        app_->get("/header", [](ZnHttpContext& context) { context.setHeader("x-a", "b"); });
+        app_->get("/park", [this](ZnHttpContext& context) {
+            ++parkedHandlers_;
+            ZnEventLoop loop;
+            loops_.push_back(&loop);
+            loop.exec(10000);
+            ++returnedHandlers_;
+            context.text(context.request().path);
+        });
+        ASSERT_TRUE(app_->tcpServer().listen("127.0.0.1", 0));
+        port_ = app_->tcpServer().localPort();
+    }
+    /// A connection that has sent `input`.
+    std::unique_ptr<Client> send(const std::string& input) {
+        auto client = std::make_unique<Client>(port_);
+        EXPECT_TRUE(runUntil([&] { return client->socket.isOpen(); }));
+        client->socket.write(ZnString(input));
+        return client;
+    }
+    std::string firstAnswer(const std::string& path, const char* method = "GET") {
+        const auto client = send(method + (" " + path) + " HTTP/1.1\r\n\r\n");
+        EXPECT_TRUE(runUntil([&] { return client->answerCount() == 1; }));
+        return client->received;
+    }
+    void releaseHandlers() {
+        for (ZnEventLoop* loop : std::exchange(loops_, {}))
+            loop->quit();
+    }
+
+    std::unique_ptr<ZnHttpApp> app_ = std::make_unique<ZnHttpApp>();
+    unsigned short port_ = 0;
+    std::vector<ZnEventLoop*> loops_;
+    int parkedHandlers_ = 0;
+    int returnedHandlers_ = 0;
+};
+
+TEST_F(ZnHttpServerTest, AppAnswers) {
+    const struct {
+        const char* path;
+        const char* status;
+        const char* connection;
+        const char* body;
+    } kRows[] = {
+        {"/echo/hello", "200 OK", "keep-alive", "hello"},
+        {"/peer", "200 OK", "keep-alive", "127.0.0.1"},
+        {"/throw", "500 Internal Server Error", "close", "Internal Server Error"},
+        {"/throw2", "500 Internal Server Error", "close", "Internal Server Error"},
+        {"/nothing", "500 Internal Server Error", "keep-alive", "Route handler produced no response"},
+        {"/header", "200 OK", "keep-alive", ""},
+        {"/unknown", "404 Not Found", "keep-alive", "Not Found"},
+        {"/body", "405 Method Not Allowed", "keep-alive", "Method Not Allowed"},
+    };
+    for (const auto& row : kRows) {
+        const std::string answer = firstAnswer(row.path);
+        EXPECT_EQ(answer.find(std::string("HTTP/1.1 ") + row.status + "\r\n"), 0U) << answer;
+        EXPECT_NE(answer.find(std::string("\r\nconnection: ") + row.connection + "\r\n"), std::string::npos) << answer;
+        EXPECT_TRUE(answer.ends_with(std::string("\r\n\r\n") + row.body)) << answer;
+    }
+    EXPECT_NE(firstAnswer("/body", "PUT").find("\r\nallow: POST\r\n"), std::string::npos);
+    const ZnHttpServerStats stats = app_->stats();
+    EXPECT_EQ(stats.requestsStarted, 9);
+    EXPECT_EQ(stats.responsesFinished, 9);
+    EXPECT_EQ(stats.inFlight, 0);
+    EXPECT_EQ(stats.statusCounts.value("500"), 3U);
+    EXPECT_TRUE(runUntil([&] { return app_->activeSessionCount() == 0; }));
+}
+
+TEST_F(ZnHttpServerTest, ALargeBodyCrossesBothWaysAndByteByByte) {
+    std::string body(6 * 1024 * 1024, 'x');
+    for (std::size_t i = 0; i < body.size(); i += 97)
+        body[i] = static_cast<char>('a' + i % 26);
+    const auto client = send("POST /body HTTP/1.1\r\ncontent-length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+    ASSERT_TRUE(runUntil([&] { return client->received.size() > body.size() && client->received.ends_with(body); }));
+    EXPECT_EQ(app_->stats().bytesIn, static_cast<std::int64_t>(body.size()));
+    EXPECT_EQ(app_->stats().bytesOut, static_cast<std::int64_t>(body.size()));
+
+    client->received.clear();
+    for (const char c : std::string("GET /echo/slow HTTP/1.1\r\nx-y: z\r\n\r\n")) {
+        client->socket.write(ZnString(&c, 1));
+        settle(0);
+    }
+    EXPECT_TRUE(runUntil([&] { return client->received.ends_with("slow"); }));
+}
+
+// The peer is still sending when the server has already refused: it must see the answer all the same.
+TEST_F(ZnHttpServerTest, ARefusedUploadGetsItsAnswer) {
+    const auto client = send("POST /body HTTP/1.1\r\ncontent-length: 900000000\r\n\r\n" + std::string(700'000, 'x'));
+    int error = 0;
+    client->socket.connect(&ZnAbstractSocket::errorOccurred, [&error](int code) { error = code; });
+    ASSERT_TRUE(runUntil([&] { return client->isGone(); }));
+    EXPECT_EQ(error, 0);
+    EXPECT_EQ(client->received.find("HTTP/1.1 413 Payload Too Large\r\n"), 0U);
+    EXPECT_TRUE(client->received.ends_with("\r\n\r\nBody too large"));
+}
+
+// Every way to lose the connection under a parked handler; the address sanitizer is the judge.
+TEST_F(ZnHttpServerTest, AParkedHandlerOutlivesClientSessionAndServer) {
+    const auto client = send("GET /park HTTP/1.1\r\n\r\nGET /echo/next HTTP/1.1\r\n\r\n");
+    const auto leaving = send("GET /park HTTP/1.1\r\n\r\n");
+    const auto stopped = send("GET /park HTTP/1.1\r\n\r\n");
+    ASSERT_TRUE(runUntil([&] { return parkedHandlers_ == 3; }));
+    EXPECT_NE(firstAnswer("/echo/meanwhile").find("meanwhile"), std::string::npos);
+    leaving->socket.close();
+    settle();
+    loops_.front()->quit();
+    loops_.erase(loops_.begin());
+    ASSERT_TRUE(runUntil([&] { return client->answerCount() == 2; }));
+    EXPECT_TRUE(client->received.ends_with("\r\n\r\nnext"));
+
+    app_->stop();
+    EXPECT_EQ(app_->activeSessionCount(), 0U);
+    ASSERT_TRUE(runUntil([&] { return stopped->isGone() && client->isGone(); }));
+    EXPECT_EQ(app_->stats().inFlight, 2);
+    app_.reset();
+    releaseHandlers();
+    ASSERT_TRUE(runUntil([&] { return returnedHandlers_ == 3; }));
+    settle();
+    EXPECT_EQ(stopped->received, "");
+}
+
+TEST_F(ZnHttpServerTest, AHandlerMayStopOrDeleteItsServer) {
+    app_->get("/stop", [this](ZnHttpContext& context) {
+        app_->stop();
+        context.text("x");
+    });
+    app_->get("/delete", [this, text = std::string(100, 'x')](ZnHttpContext& context) {
+        app_.reset();
+        context.text(ZnString(text));
+    });
+    const auto stops = send("GET /stop HTTP/1.1\r\n\r\n");
+    ASSERT_TRUE(runUntil([&] { return stops->isGone(); }));
+    ASSERT_TRUE(app_->tcpServer().listen("127.0.0.1", port_));
+    const auto deletes = send("GET /delete HTTP/1.1\r\n\r\n");
+    ASSERT_TRUE(runUntil([&] { return deletes->isGone(); }));
+    EXPECT_EQ(app_, nullptr);
+}
+
+TEST_F(ZnHttpServerTest, AHandlerThatIsLateIsAnsweredFor) {
+    ZnHttpTimeouts timeouts;
+    timeouts.bodyTimeoutMs = 50;
+    app_->setTimeouts(timeouts);
+    const auto client = send("GET /park HTTP/1.1\r\n\r\n");
+    ASSERT_TRUE(runUntil([&] { return client->isGone(); }));
+    EXPECT_TRUE(client->received.ends_with("\r\n\r\nRoute async timeout")) << client->received;
+    EXPECT_EQ(app_->stats().inFlight, 1);
+    releaseHandlers();
+    EXPECT_TRUE(runUntil([&] { return app_->stats().inFlight == 0; }));
+    EXPECT_EQ(client->answerCount(), 1U);
+}
+
+TEST_F(ZnHttpServerTest, AdmissionLimits) {
+    ZnHttpLimits limits;
+    limits.maxConnections = 2;
+    limits.maxInflightRequests = 1;
+    app_->setLimits(limits);
+    const auto parked = send("GET /park HTTP/1.1\r\n\r\n");
+    ASSERT_TRUE(runUntil([&] { return parkedHandlers_ == 1; }));
+    const auto busy = send("GET /echo/x HTTP/1.1\r\n\r\n");
+    ASSERT_TRUE(runUntil([&] { return busy->answerCount() == 1; }));
+    EXPECT_TRUE(busy->received.ends_with("\r\n\r\nServer busy"));
+    Client refused(port_);
+    ASSERT_TRUE(runUntil([&] { return refused.isGone() && app_->stats().connectionsRefused == 1; }));
+    EXPECT_EQ(refused.received, "");
+    releaseHandlers();
+    ASSERT_TRUE(runUntil([&] { return parked->answerCount() == 1; }));
+    busy->received.clear();
+    busy->socket.write(ZnString("GET /echo/x HTTP/1.1\r\n\r\n"));
+    EXPECT_TRUE(runUntil([&] { return busy->received.ends_with("\r\n\r\nx"); }));
+    EXPECT_EQ(app_->stats().busyRefused, 1);
+}
+
+// What nobody can answer any more does not count as being handled.
+TEST_F(ZnHttpServerTest, LostCallbacksAreNotInFlight) {
+    ZnHttpResponseCallback kept;
+    app_->router().addAsyncRoute("GET", "/lost", [](const auto&, const ZnHttpResponseCallback&) {});
+    app_->router().addAsyncRoute("GET", "/kept", [&](const auto&, const ZnHttpResponseCallback& answer) { kept = answer; });
+    app_->router().addRoute("GET", "/throws", [](const ZnHttpRequest&) -> ZnHttpResponse { throw std::runtime_error("x"); });
+    const auto lost = send("GET /lost HTTP/1.1\r\n\r\n");
+    const auto later = send("GET /kept HTTP/1.1\r\n\r\n");
+    ASSERT_TRUE(runUntil([&] { return kept && app_->stats().requestsStarted == 2; }));
+    EXPECT_EQ(app_->stats().inFlight, 1);
+    EXPECT_NE(firstAnswer("/throws").find("500 Internal"), std::string::npos);
+    app_.reset();
+    kept(ZnHttpResponse());
+    kept(ZnHttpResponse());
+}
+
+} // namespace

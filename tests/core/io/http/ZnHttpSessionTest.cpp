@@ -1,0 +1,308 @@
+#include "core/io/http/ZnHttpRouter.h"
+#include "core/io/http/ZnHttpSession.h"
+#include "core/platform/ZnMonotonicClock.h"
+#include "core/runtime/ZnEventLoop.h"
+#include "core/runtime/ZnTimer.h"
+#include "support/LoopFixture.h"
+
+#include <list>
+#include <thread>
+
+namespace {
+
+/// A connection whose peer is the test.
+class FakeSocket : public ZnAbstractSocket {
+public:
+    ZN_OBJECT(FakeSocket, ZnAbstractSocket)
+
+    explicit FakeSocket(std::string& output) : output_(output) { state_ = SocketState::Connected; }
+    void close() override {
+        if (std::exchange(state_, SocketState::Unconnected) == SocketState::Connected)
+            disconnected();
+    }
+    ZnString read(long long) override { return {}; }
+    std::size_t readInto(char* buffer, std::size_t capacity) override {
+        const std::size_t byteCount = input_.copy(buffer, capacity);
+        input_.erase(0, byteCount);
+        return byteCount;
+    }
+    using ZnAbstractSocket::write;
+    bool write(ZnString bytes) override {
+        output_ += bytes.view();
+        if (!stallsWrites)
+            writeFinished();
+        return true;
+    }
+    bool connectToHost(const ZnString&, unsigned short) override { return false; }
+    bool waitForConnected(int) override { return false; }
+    bool waitForBytesWritten(int) override { return false; }
+
+    void receive(std::string_view bytes) {
+        input_ += bytes;
+        readyRead();
+    }
+
+    bool stallsWrites = false;
+
+private:
+    std::string input_;
+    std::string& output_;
+};
+
+struct Link {
+    std::string output;
+    ZnPointer<FakeSocket> socket;
+    ZnPointer<ZnHttpSession> session;
+    long long closedNs = 0;
+    const long long openedNs = monotonicNowNs();
+};
+
+std::string getOf(const std::string& path, const char* version = "1.1") {
+    return "GET " + path + " HTTP/" + version + "\r\n\r\n";
+}
+
+ZnHttpResponse echoOf(const ZnHttpRequest& request) {
+    return ZnHttpResponse::text(200, request.path.view());
+}
+
+std::string answerTo(const std::string& path, const char* connection = "keep-alive") {
+    return "HTTP/1.1 200 OK\r\ncontent-type: text/plain; charset=utf-8\r\ncontent-length: " +
+           std::to_string(path.size()) + "\r\nconnection: " + connection + "\r\n\r\n" + path;
+}
+
+class ZnHttpSessionTest : public LoopFixture {
+protected:
+    Link& open(ZnHttpSession::RequestHandler handler = nullptr, const ZnHttpTimeouts& timeouts = {},
+               const ZnHttpLimits& limits = {}) {
+        Link& link = links_.emplace_back();
+        auto* socket = new FakeSocket(link.output);
+        auto* session = new ZnHttpSession(socket, &router_, limits, timeouts, false, 80);
+        session->setRequestHandler(std::move(handler));
+        session->setClosedHandler([&link](ZnHttpSession* closed) {
+            link.closedNs = monotonicNowNs();
+            closed->deleteLater();
+        });
+        link.socket = socket;
+        link.session = session;
+        return link;
+    }
+    void park(int ms) { ZnEventLoop().exec(ms); }
+
+    ZnHttpRouter router_;
+    std::list<Link> links_;
+};
+
+TEST_F(ZnHttpSessionTest, AnswersWithoutGoingThroughTheLoop) {
+    router_.addRoute("GET", "/a", echoOf);
+    Link& link = open();
+    link.socket->receive(getOf("/a") + "HEAD /a HTTP/1.1\r\n");
+    link.socket->receive("\r\n" + getOf("/b"));
+    EXPECT_EQ(link.output.find(answerTo("/a") + "HTTP/1.1 200 OK"), 0U);
+    settle(); // the second answer of the second read comes from the loop at the latest
+    const std::string head = answerTo("/a").substr(0, answerTo("/a").size() - 2);
+    EXPECT_EQ(link.output.substr(0, 2 * head.size() + 2), answerTo("/a") + head);
+    EXPECT_NE(link.output.find("404 Not Found"), std::string::npos);
+    EXPECT_FALSE(link.session->isClosed());
+    link.socket->receive(getOf("/a", "1.0"));
+    EXPECT_TRUE(link.output.ends_with(answerTo("/a", "close")));
+    EXPECT_NE(link.closedNs, 0);
+}
+
+TEST_F(ZnHttpSessionTest, OneRequestAtATimeAlsoWhenTheHandlerParks) {
+    int activeCount = 0;
+    router_.addRoute("GET", "/*", [&](const ZnHttpRequest& request) {
+        EXPECT_EQ(++activeCount, 1);
+        park(10);
+        --activeCount;
+        return echoOf(request);
+    });
+    Link& link = open();
+    std::string expected;
+    application_.postEvent([&] { link.socket->receive(getOf("/0") + getOf("/1")); });
+    ASSERT_TRUE(runUntil([&] { return activeCount == 1; }));
+    application_.postEvent([&] { link.socket->receive(getOf("/2")); });
+    for (const char* path : {"/0", "/1", "/2"})
+        expected += answerTo(path);
+    EXPECT_TRUE(runUntil([&] { return link.output == expected; }));
+}
+
+// With the pool saturated the post that goes on with the burst is refused.
+TEST_F(ZnHttpSessionTest, ALongBurstGivesOthersATurnAndIsNeverLost) {
+    int handledCount = 0;
+    router_.addRoute("GET", "/", [&](const ZnHttpRequest& request) { return ++handledCount, echoOf(request); });
+    ZnHttpLimits limits;
+    limits.maxPipelinedRequests = 100;
+    for (const bool isSaturated : {false, true}) {
+        Link& link = open(nullptr, {}, limits);
+        while (isSaturated && application_.postEvent([] {})) {
+        }
+        handledCount = 0;
+        std::string burst;
+        for (int i = 0; i < 50; ++i)
+            burst += getOf("/");
+        link.socket->receive(burst);
+        EXPECT_EQ(handledCount, 16);
+        EXPECT_TRUE(runUntil([&] { return handledCount == 50; }));
+        EXPECT_EQ(link.output.size(), 50 * answerTo("/").size());
+    }
+}
+
+TEST_F(ZnHttpSessionTest, NextRequestWaitsForTheWrite) {
+    router_.addRoute("GET", "/*", echoOf);
+    Link& link = open();
+    link.socket->stallsWrites = true;
+    link.socket->receive(getOf("/1") + getOf("/2"));
+    settle();
+    EXPECT_EQ(link.output, answerTo("/1"));
+    link.socket->writeFinished();
+    EXPECT_EQ(link.output, answerTo("/1") + answerTo("/2"));
+}
+
+TEST_F(ZnHttpSessionTest, OnlyTheFirstAnswerToTheRequestCounts) {
+    std::vector<ZnHttpResponseCallback> callbacks;
+    Link& link = open([&](const std::shared_ptr<ZnHttpRequest>&, const ZnHttpResponseCallback& callback) {
+        callbacks.push_back(callback);
+    });
+    link.socket->receive(getOf("/1") + getOf("/2"));
+    ASSERT_EQ(callbacks.size(), 1U);
+    callbacks[0](ZnHttpResponse::text(200, "/1"));
+    EXPECT_TRUE(runUntil([&] { return callbacks.size() == 2; }));
+    callbacks[0](ZnHttpResponse::text(200, "/again"));
+    EXPECT_EQ(link.output, answerTo("/1"));
+    std::thread([&] { callbacks[1](ZnHttpResponse::text(200, "/2")); }).join();
+    EXPECT_EQ(link.output, answerTo("/1"));
+    EXPECT_TRUE(runUntil([&] { return link.output == answerTo("/1") + answerTo("/2"); }));
+    link.session->close();
+    settle();
+    callbacks[1](ZnHttpResponse::text(200, "/late"));
+    EXPECT_FALSE(link.session);
+}
+
+// Whatever ends the connection while the handler runs or is parked: the handler returns in peace. The address
+// sanitizer is the judge.
+TEST_F(ZnHttpSessionTest, HandlerOutlivesTheConnection) {
+    const std::function<void(Link&)> kEnds[] = {
+        [](Link& link) { delete link.session.get(); }, [](Link& link) { delete link.socket.get(); },
+        [](Link& link) { link.socket->close(); },      [](Link& link) { link.socket->errorOccurred(10054); },
+        [](Link& link) { link.session->close(); },
+    };
+    int returnedCount = 0;
+    for (const auto& end : kEnds) {
+        for (const bool parks : {false, true}) {
+            Link* current = nullptr;
+            Link& link = open([&, parks](const std::shared_ptr<ZnHttpRequest>& request,
+                                         const ZnHttpResponseCallback& callback) {
+                const ZnHttpRequest* const kept = request.get();
+                if (parks) {
+                    ZnTimer::singleShot(0, [&] { end(*current); });
+                    park(30);
+                } else {
+                    end(*current);
+                }
+                callback(echoOf(*kept));
+                ++returnedCount;
+            });
+            current = &link;
+            const int before = returnedCount;
+            runOnFiber([&] { link.socket->receive(getOf("/1") + getOf("/2")); });
+            settle();
+            EXPECT_EQ(returnedCount, before + 1);
+            EXPECT_NE(link.closedNs, 0);
+            EXPECT_FALSE(link.session);
+            EXPECT_EQ(link.output, "");
+        }
+    }
+}
+
+TEST_F(ZnHttpSessionTest, RefusedInputIsAnsweredAndTheRestDiscarded) {
+    const struct {
+        const char* input;
+        const char* status;
+        bool closesAtOnce; // all of the peer's words were read, as far as one can tell
+    } kRows[] = {{"GET\r\n\r\n", "400 Bad Request", true},
+                 {"POST / HTTP/1.1\r\ncontent-length: 9000000\r\n\r\n", "413 Payload Too Large", false}};
+    for (const auto& row : kRows) {
+        Link& link = open();
+        link.socket->receive(row.input);
+        EXPECT_EQ(link.output.find(std::string("HTTP/1.1 ") + row.status), 0U) << link.output;
+        EXPECT_NE(link.output.find("connection: close"), std::string::npos);
+        EXPECT_EQ(link.closedNs != 0, row.closesAtOnce);
+    }
+    Link& slow = links_.back();
+    Link& flood = open();
+    flood.socket->receive(kRows[1].input);
+    for (int i = 0; i < 20 && flood.closedNs == 0; ++i)
+        flood.socket->receive(std::string(64 * 1024, 'x'));
+    EXPECT_NE(flood.closedNs, 0);
+    slow.socket->receive("GET / HTTP/1.1\r\n\r\n");
+    EXPECT_TRUE(runUntil([&] { return slow.closedNs != 0; }, 2000));
+    EXPECT_EQ(slow.output.find("HTTP/1.1", 1), std::string::npos);
+}
+
+TEST_F(ZnHttpSessionTest, TimeOuts) {
+    constexpr int kOff = 0;
+    constexpr int kSoon = 100;
+    constexpr int kLate = 60000;
+    const struct {
+        const char* name;
+        ZnHttpTimeouts timeouts; // header, body, keep-alive, write
+        const char* input;
+        bool stallsWrites;
+        const char* lastAnswer; // null: the connection stays open
+    } kRows[] = {
+        {"idle, for its headers", {kSoon, kLate, kLate, kLate}, "", false, "408 Request Timeout"},
+        {"idle behind a request", {kSoon, kLate, kLate, kLate}, "GET / HTTP/1.1\r\n\r\n", false, "408 Request Timeout"},
+        {"idle, silently", {kOff, kLate, kSoon, kLate}, "", false, ""},
+        {"idle, both", {kSoon, kLate, kSoon, kLate}, "", false, "408 Request Timeout"},
+        {"request line", {kSoon, kLate, kSoon, kLate}, "GET", false, "408 Request Timeout"},
+        {"request line is not idle", {kOff, kSoon, kSoon, kSoon}, "GET", false, nullptr},
+        {"headers", {kSoon, kLate, kLate, kLate}, "GET / HTTP/1.1\r\n", false, "408 Request Timeout"},
+        {"body", {kLate, kSoon, kLate, kLate}, "POST / HTTP/1.1\r\ncontent-length:2\r\n\r\nx", false,
+         "408 Request Timeout"},
+        {"handler", {kLate, kSoon, kLate, kLate}, "GET /never HTTP/1.1\r\n\r\n", false, "504 Gateway Timeout"},
+        {"handler has the say", {kSoon, kOff, kSoon, kSoon}, "GET /never HTTP/1.1\r\n\r\n", false, nullptr},
+        {"write", {kLate, kLate, kLate, kSoon}, "GET / HTTP/1.1\r\n\r\n", true, "200 OK"},
+        {"write has the say", {kSoon, kSoon, kSoon, kOff}, "GET / HTTP/1.1\r\n\r\n", true, nullptr},
+        {"none", {kOff, -1, kOff, kOff}, "", false, nullptr},
+    };
+    std::vector<ZnHttpResponseCallback> neverAnswered;
+    std::vector<Link*> links;
+    for (const auto& row : kRows) {
+        links.push_back(&open([&](const std::shared_ptr<ZnHttpRequest>& request, const ZnHttpResponseCallback& callback) {
+            if (request->path == "/never")
+                neverAnswered.push_back(callback);
+            else
+                callback(echoOf(*request));
+        }, row.timeouts));
+        links.back()->socket->stallsWrites = row.stallsWrites;
+        links.back()->socket->receive(row.input);
+    }
+    settle(450);
+    for (std::size_t i = 0; i < links.size(); ++i) {
+        SCOPED_TRACE(kRows[i].name);
+        ASSERT_EQ(links[i]->closedNs != 0, kRows[i].lastAnswer != nullptr);
+        if (links[i]->closedNs == 0)
+            continue;
+        EXPECT_GE(links[i]->closedNs - links[i]->openedNs, 200'000'000); // the first tick, not 101 ms
+        const std::size_t lastHead = links[i]->output.rfind("HTTP/1.1 ");
+        const std::string lastAnswer = lastHead == std::string::npos ? "" : links[i]->output.substr(lastHead + 9);
+        EXPECT_EQ(lastAnswer.substr(0, lastAnswer.find("\r\n")), kRows[i].lastAnswer);
+    }
+    for (const auto& callback : neverAnswered)
+        callback(ZnHttpResponse::text(200, "too late"));
+    EXPECT_EQ(links[8]->output.find("too late"), std::string::npos);
+}
+
+// The timer was armed for the first request's deadline and finds, when it fires, that there is a later one.
+TEST_F(ZnHttpSessionTest, ADeadlineMovesWithTheRequests) {
+    router_.addRoute("GET", "/", echoOf);
+    Link& link = open(nullptr, {250, 0, 0, 0}); // armed for 400 ms
+    settle(300);
+    link.socket->receive(getOf("/"));
+    const long long requestNs = monotonicNowNs();
+    EXPECT_TRUE(runUntil([&] { return link.closedNs != 0; }));
+    EXPECT_GE(link.closedNs - requestNs, 251'000'000 - 1'000'000);
+    EXPECT_LE(link.closedNs - link.openedNs, 1'500'000'000);
+}
+
+} // namespace

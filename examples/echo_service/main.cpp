@@ -17,6 +17,7 @@ namespace {
 
 constexpr const char* kProtocolVersion = "2025-06-18";
 constexpr int kLongestDelayMs = 600000;
+constexpr int kEndMs = 1000;
 
 ZnJsonObject response(const ZnJsonValue& id, const char* member, ZnJsonValue value) {
     ZnJsonObject object{{"jsonrpc", "2.0"}, {"id", id}};
@@ -155,5 +156,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     std::cout << "echo-service: listening on http://" << address << ":" << port << "/mcp" << std::endl;
-    return application.exec(); // SIGINT and SIGTERM end it
+    const int exitCode = application.exec(); // SIGINT and SIGTERM end it
+    application.endWaits(kEndMs);            // what waits in "slow" is answered
+    return exitCode;
 }

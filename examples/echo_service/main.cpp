@@ -17,6 +17,7 @@ namespace {
 
 constexpr const char* kProtocolVersion = "2025-06-18";
 constexpr int kLongestDelayMs = 600000;
+constexpr int kEndMs = 1000;
 
 ZnJsonObject response(const ZnJsonValue& id, const char* member, ZnJsonValue value) {
     ZnJsonObject object{{"jsonrpc", "2.0"}, {"id", id}};
@@ -37,7 +38,8 @@ ZnJsonObject toolResult(const ZnString& text, bool isError = false) {
 // --- the tools
 
 ZnJsonObject echo(const ZnJsonObject& arguments) {
-    return toolResult(arguments.value("text").toStringOr(ZnString()));
+    const ZnJsonValue& text = arguments.value("text");
+    return toolResult(text.isString() ? text.string() : text.toJson()); // "12" arrives as the number 12
 }
 
 ZnJsonObject add(const ZnJsonObject& arguments) {
@@ -154,5 +156,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     std::cout << "echo-service: listening on http://" << address << ":" << port << "/mcp" << std::endl;
-    return application.exec(); // SIGINT and SIGTERM end it
+    const int exitCode = application.exec(); // SIGINT and SIGTERM end it
+    application.endWaits(kEndMs);            // what waits in "slow" is answered
+    return exitCode;
 }

@@ -42,6 +42,7 @@ McpForwardResult McpForwardCall::run(ZnByteArray body) {
         finishForward_(false, ZnHttpClient::kUrlNotAccepted); // nothing when a signal has said more already
     if (!hasEnded_)
         loop_.exec();
+    end(kStopped); // nothing unless the application has ended the wait
     return std::move(result_);
 }
 

@@ -1,6 +1,7 @@
 #include "core/io/ZnHttpClient.h"
 
 #include "core/io/ZnTcpSocket.h"
+#include "core/types/ZnJsonDocument.h"
 #include "core/types/ZnLogger.h"
 
 #include <algorithm>
@@ -15,7 +16,7 @@ constexpr std::string_view kHeadEnd = "\r\n\r\n";
 /// A chunk that says it is larger is taken for a mistake, as is a size line that does not end.
 constexpr std::int64_t kMaxChunkBytes = std::int64_t(1) << 40;
 constexpr std::size_t kMaxChunkLineBytes = 8192;
-constexpr std::size_t kLoggedTextBytes = 64;
+constexpr std::size_t kLoggedTextBytes = 64; // of what a peer sent; escaped, so that it stays on its line
 
 const char* methodText(int method) {
     static constexpr const char* kTexts[] = {"GET", "HEAD", "POST", "PUT", "PATCH", "DELETE", "OPTIONS"};
@@ -296,7 +297,7 @@ ZnHttpClient::Progress_ ZnHttpClient::takeChunkSize_(std::string_view* input) {
     chunkRemaining_ = isWhole ? parseChunkSize(text) : -1;
     if (chunkRemaining_ < 0) {
         ZN_LOG_ERROR(kCategory, "ZnHttpClient::processChunked_")
-            << "[ZnHttpClient] invalid chunk size: " << text.substr(0, kLoggedTextBytes);
+            << "[ZnHttpClient] invalid chunk size: " << escapeJsonString(text.substr(0, kLoggedTextBytes));
         return Progress_::InvalidChunkSize;
     }
     input->remove_prefix(end + kLineEnd.size());

@@ -22,8 +22,8 @@ namespace {
 constexpr int kFaultStatus = 77;
 std::string currentFile; // read by the signal handler; written between runs only
 
-/// Names the input, and turns the death by signal into an exit status: CTest's WILL_FAIL accepts only the
-/// latter.
+/// Names the input, for whoever has to find the fault (and for the test that expects one), and ends with an
+/// exit status.
 void onAbort(int) {
     constexpr char kText[] = "\nfault while replaying ";
     (void)!::write(STDERR_FILENO, kText, sizeof(kText) - 1);

@@ -29,7 +29,9 @@ public:
     using ZnAbstractSocket::write;
     bool write(ZnString bytes) override {
         output_ += bytes.view();
-        if (!stallsWrites)
+        if (const std::function<void()> call = onWrite)
+            call();
+        else if (!stallsWrites)
             writeFinished();
         return true;
     }
@@ -43,6 +45,7 @@ public:
     }
 
     bool stallsWrites = false;
+    std::function<void()> onWrite; // may emit, and delete this socket
 
 private:
     std::string input_;
@@ -211,6 +214,22 @@ TEST_F(ZnHttpSessionTest, HandlerOutlivesTheConnection) {
             EXPECT_FALSE(link.session);
             EXPECT_EQ(link.output, "");
         }
+    }
+}
+
+TEST_F(ZnHttpSessionTest, AWriteMayEndTheConnection) {
+    const std::function<void(Link&)> kEnds[] = {
+        [](Link& link) { link.socket->errorOccurred(10054); },
+        [](Link& link) { delete link.session.get(); },
+    };
+    router_.addRoute("GET", "/", echoOf);
+    for (const auto& end : kEnds) {
+        Link& link = open();
+        link.socket->onWrite = [&link, &end] { end(link); };
+        link.socket->receive(getOf("/") + getOf("/"));
+        settle();
+        EXPECT_EQ(link.output, answerTo("/"));
+        EXPECT_FALSE(link.session);
     }
 }
 

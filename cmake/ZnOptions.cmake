@@ -5,7 +5,8 @@ add_library(zn_options INTERFACE)
 target_compile_features(zn_options INTERFACE cxx_std_20)
 target_include_directories(zn_options INTERFACE ${PROJECT_SOURCE_DIR}/src)
 target_compile_options(zn_options INTERFACE
-  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -fno-omit-frame-pointer)
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -fno-omit-frame-pointer
+  -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
 target_link_libraries(zn_options INTERFACE Threads::Threads)
 
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
@@ -24,6 +25,11 @@ elseif(ZN_SANITIZE STREQUAL "thread")
   target_link_options(zn_options INTERFACE -fsanitize=thread)
 elseif(NOT ZN_SANITIZE STREQUAL "")
   message(FATAL_ERROR "ZN_SANITIZE must be empty, 'address' or 'thread'")
+endif()
+
+if(ZN_LIBFUZZER)
+  # The coverage that steers the fuzzer comes from the layers, not from the harness alone.
+  target_compile_options(zn_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
 if(BUILD_SHARED_LIBS)

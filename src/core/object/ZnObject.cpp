@@ -1,25 +1,14 @@
 #include "core/object/ZnObject.h"
 
+#include "core/object/ZnLiveObjects.h"
 #include "core/runtime/ZnCoreApplication.h"
 #include "core/types/ZnAssert.h"
 
 #include <algorithm>
 #include <condition_variable>
-#include <shared_mutex>
-#include <unordered_set>
+#include <mutex>
 
 namespace {
-
-/// Every object whose destruction has not begun. The lock is held for the look-up alone.
-struct LiveObjects_ {
-    std::shared_mutex mutex;
-    std::unordered_set<const ZnObject*> objects; // guarded by mutex
-};
-
-LiveObjects_& liveObjects() {
-    static LiveObjects_* const set = new LiveObjects_; // objects may outlive static destruction
-    return *set;
-}
 
 /// Tells whoever waits for a blocking delivery that it is over: also when the task is refused or dropped and so
 /// destroyed without having run.
@@ -66,45 +55,27 @@ zn::detail::ZnPointerControlRef zn::detail::controlOf(const ZnObject* object) {
 }
 
 ZnObject::ZnObject(ZnObject* parent) : control_(std::make_shared<zn::detail::ZnPointerControl>(this)) {
-    {
-        LiveObjects_& live = liveObjects();
-        std::lock_guard<std::shared_mutex> guard(live.mutex);
-        live.objects.insert(this);
-    }
+    ZnLiveObjects::instance().insert(this);
     if (parent != nullptr)
         setParent(parent);
     zn::atomic::Thread* owner = zn::atomic::Thread::currentThread();
     thread_ = owner != nullptr ? owner : zn::atomic::Thread::fallbackThread();
-    if (thread_ != nullptr)
-        thread_->addObject(this);
 }
 
 ZnObject::~ZnObject() {
     control_->object.store(nullptr, std::memory_order_release);
-    {
-        LiveObjects_& live = liveObjects();
-        std::lock_guard<std::shared_mutex> guard(live.mutex);
-        live.objects.erase(this);
-    }
+    ZnLiveObjects::instance().remove(this);
     dropIncomingConnections_();
     deleteChildren_();
     if (ZnObject* parent = std::exchange(parent_, nullptr))
         parent->removeChild(this);
-    if (zn::atomic::Thread* owner = thread()) {
-        owner->removeObject(this);
-        thread_ = nullptr;
-    }
     destroyed();
     // Not marked as disconnected: what this object has queued on other threads is still delivered there.
     forgetSender_(takeOutgoingConnections_());
 }
 
 bool ZnObject::isLive(const ZnObject* object) {
-    if (object == nullptr)
-        return false;
-    LiveObjects_& live = liveObjects();
-    std::shared_lock<std::shared_mutex> guard(live.mutex);
-    return live.objects.count(object) != 0;
+    return ZnLiveObjects::instance().contains(object);
 }
 
 // --- tree and events

@@ -41,8 +41,13 @@ void installHandlers() {
     action.sa_handler = onStopSignal;
     action.sa_flags = SA_RESTART;
     sigemptyset(&action.sa_mask);
-    for (const int signalNumber : {SIGINT, SIGQUIT, SIGHUP, SIGTERM})
-        ::sigaction(signalNumber, &action, nullptr);
+    for (const int signalNumber : {SIGINT, SIGQUIT, SIGHUP, SIGTERM}) {
+        struct sigaction inherited = {};
+        ::sigaction(signalNumber, nullptr, &inherited);
+        // A shell's background job is started with SIGINT ignored, and nohup ignores SIGHUP: both mean it.
+        if (signalNumber == SIGTERM || inherited.sa_handler != SIG_IGN)
+            ::sigaction(signalNumber, &action, nullptr);
+    }
     struct sigaction ignore = {};
     ignore.sa_handler = SIG_IGN;
     ::sigaction(SIGPIPE, &ignore, nullptr);

@@ -114,7 +114,8 @@ struct ZnFiberContext::Switch_ {
         arrive(transfer, self);
         exceptionState() = {};
         self.entry_(self.argument_);
-        ZN_ASSERT(!"a fiber's entry returned");
+        constexpr bool kEntryReturned = true;
+        ZN_ASSERT(!kEntryReturned);
     }
 
     static thread_local ZnFiberContext* entering; // the target of the switch under way

@@ -241,7 +241,8 @@ void ZnSocketHandle::noteConnectResult_(std::uint32_t readiness) {
         return;
     int errnoValue = 0;
     socklen_t byteCount = sizeof(errnoValue);
-    if (::getsockopt(descriptor(), SOL_SOCKET, SO_ERROR, &errnoValue, &byteCount) != 0)
+    const bool mayHaveFailed = (readiness & (ZnReadiness::kPeerClosed | ZnReadiness::kError)) != 0;
+    if (mayHaveFailed && ::getsockopt(descriptor(), SOL_SOCKET, SO_ERROR, &errnoValue, &byteCount) != 0)
         errnoValue = errno;
     phase_ = Phase_::Connected;
     pending_.mask |= ZnNetworkEvents::kConnect;

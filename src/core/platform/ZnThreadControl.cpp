@@ -1,5 +1,6 @@
 #include "core/platform/ZnThreadControl.h"
 
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -14,8 +15,20 @@ std::uint32_t currentThreadId() noexcept {
     return threadId;
 }
 
+void usePreciseTimers() noexcept {
+    ::prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
+}
+
 void raisePriority() noexcept {
     ::setpriority(PRIO_PROCESS, currentThreadId(), kRaisedNice);
+}
+
+void raiseDescriptorLimit() noexcept {
+    rlimit limit = {};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return;
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 } // namespace ZnThreadControl

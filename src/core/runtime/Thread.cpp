@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <system_error>
+#include <unordered_set>
 
 namespace zn::atomic {
 namespace {
@@ -109,10 +110,6 @@ void Thread::run_() {
         application->exec(0);
     application.reset(); // detaches itself
     running_.store(false, std::memory_order_release);
-    {
-        std::lock_guard<std::mutex> guard(objectsMutex_);
-        objects_.clear();
-    }
     if (const std::function<void()> onFinish = copyOf_(onFinish_))
         onFinish();
     currentRecord = nullptr;
@@ -157,21 +154,6 @@ void Thread::attachApplication(ZnCoreApplication* application) {
     record->application_ = application;
     if (record->adopted_)
         record->running_.store(application != nullptr, std::memory_order_release);
-}
-
-void Thread::addObject(ZnObject* object) {
-    std::lock_guard<std::mutex> guard(objectsMutex_);
-    objects_.insert(object);
-}
-
-void Thread::removeObject(ZnObject* object) {
-    std::lock_guard<std::mutex> guard(objectsMutex_);
-    objects_.erase(object);
-}
-
-std::size_t Thread::objectCount() {
-    std::lock_guard<std::mutex> guard(objectsMutex_);
-    return objects_.size();
 }
 
 void Thread::addPending(ZnTask task, int lane) {

@@ -10,11 +10,9 @@
 #include <functional>
 #include <mutex>
 #include <thread>
-#include <unordered_set>
 #include <vector>
 
 class ZnCoreApplication;
-class ZnObject;
 
 namespace zn::atomic {
 
@@ -63,10 +61,6 @@ public:
     /// Called by an application on its own thread when it comes (`application`) and goes (null).
     static void attachApplication(ZnCoreApplication* application);
 
-    void addObject(ZnObject* object);
-    void removeObject(ZnObject* object);
-    std::size_t objectCount();
-
     /// Keeps a post for the time when the thread's runtime exists.
     void addPending(ZnTask task, int lane);
 
@@ -93,9 +87,6 @@ private:
     std::mutex startMutex_;
     std::condition_variable startCondition_;
     bool started_ = false; // guarded by startMutex_
-
-    std::mutex objectsMutex_;
-    std::unordered_set<ZnObject*> objects_; // guarded by objectsMutex_
 
     std::mutex pendingMutex_;
     std::vector<Pending_> pending_; // guarded by pendingMutex_

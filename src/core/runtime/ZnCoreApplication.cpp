@@ -3,6 +3,7 @@
 #include "core/object/ZnObject.h"
 #include "core/platform/ZnMonotonicClock.h"
 #include "core/platform/ZnThreadControl.h"
+#include "core/runtime/ZnEventLoop.h"
 #include "core/types/ZnAssert.h"
 #include "core/types/ZnLogger.h"
 
@@ -35,6 +36,7 @@ ApplicationMap_& applicationMap() {
 } // namespace
 
 ZnCoreApplication::ZnCoreApplication(int argc, char** argv) : ioDispatcher_(*this, poller_) {
+    ZnThreadControl::raiseDescriptorLimit();
     initialise_();
     parseCommandLine_(argc, argv);
 }
@@ -47,6 +49,7 @@ void ZnCoreApplication::initialise_() {
     ZN_ASSERT(currentApplication == nullptr); // one per thread
     currentApplication = this;
     threadId_ = ZnThreadControl::currentThreadId();
+    ZnThreadControl::usePreciseTimers();
     fiberPool_.setMainFiber(&mainFiber_);
     setEventFiberStackSize(0);
     {
@@ -60,6 +63,8 @@ void ZnCoreApplication::initialise_() {
 
 ZnCoreApplication::~ZnCoreApplication() {
     ZnConsoleStop::remove(this);
+    while (!runningLoops_.empty()) // they may outlive this application, or go with their fibers' stacks
+        runningLoops_.front()->leaveRunning_();
     destroyWaitingObjects_();
     ioDispatcher_.shutdown();
     fiberPool_.shutdown();
@@ -135,6 +140,18 @@ bool ZnCoreApplication::processUntil(const std::function<bool()>& isDone, int ma
     if (isDone())
         return true;
     return runLoop_(&isDone, monotonicNowNs() + maxMs * kNsPerMs);
+}
+
+bool ZnCoreApplication::endWaits(int maxMs) {
+    endingWaits_ = true;
+    const auto endThem = [this] {
+        while (!runningLoops_.empty())
+            runningLoops_.front()->quit();
+        return fiberPool_.stats().blockedCount == 0 && !fiberPool_.hasQueuedWork();
+    };
+    const bool isDone = processUntil(endThem, maxMs);
+    endingWaits_ = false;
+    return isDone;
 }
 
 bool ZnCoreApplication::runLoop_(const std::function<bool()>* isDone, long long deadlineNs) {

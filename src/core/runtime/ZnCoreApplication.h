@@ -15,8 +15,11 @@
 
 #include <deque>
 #include <functional>
+#include <list>
 #include <memory>
 #include <vector>
+
+class ZnEventLoop;
 
 /// The runtime of one thread: event queues, timers, the fiber pool, the I/O dispatcher and the loop over them.
 ///
@@ -26,7 +29,7 @@
 /// Owner: the entry function on the main thread, the thread record elsewhere.
 class ZnCoreApplication final : private ZnConsoleStopTarget {
 public:
-    /// Parses the command line (argv[0] is skipped).
+    /// For the main thread: parses the command line (argv[0] is skipped) and raises the limit of open descriptors.
     ZnCoreApplication(int argc, char** argv);
     ZnCoreApplication();
     /// Deletes the objects that wait for deferred deletion; posts that never ran are destroyed.
@@ -47,6 +50,12 @@ public:
     /// Runs the loop until `isDone` gives true or `maxMs` milliseconds have passed, also after quit(). Returns the last
     /// answer of `isDone`. On the loop's own context only: for orderly ends, when exec() has returned.
     bool processUntil(const std::function<bool()>& isDone, int maxMs);
+
+    /// Ends every ZnEventLoop wait of this thread, and new ones at once, and runs the loop until no fiber is parked in one
+    /// or `maxMs` milliseconds have passed. For an orderly end, before the objects that waiting code uses go; on the
+    /// loop's own context. Fibers that are parked when the application goes are dropped without unwinding.
+    bool endWaits(int maxMs);
+    bool isEndingWaits() const noexcept { return endingWaits_; }
 
     /// Queues `task` on lane 2. Any thread. False: refused (the pool is saturated) and the task destroyed.
     bool postEvent(ZnTask task) { return postEventOnLane(std::move(task), ZnFiberPool::kDefaultLane); }
@@ -84,6 +93,8 @@ public:
     void wake() noexcept { poller_.wake(); }
 
 private:
+    friend class ZnEventLoop;
+
     struct QueuedEvent_ {
         zn::detail::ZnPointerControlRef receiver;
         std::unique_ptr<ZnEvent> event;
@@ -120,6 +131,8 @@ private:
     ZnMap<ZnString, ZnString> parsedOptions_; // immutable after construction
     std::vector<zn::detail::ZnPointerControlRef> eventFilters_;
     ZnLoadMeter loadMeter_;
+    std::list<ZnEventLoop*> runningLoops_; // whose exec() has not ended
+    bool endingWaits_ = false;
     unsigned workSinceLook_ = 0; // units of work since the loop last looked into the poller
 
     ZnMutex loopMutex_; // before the pool's lock; never held while user code runs

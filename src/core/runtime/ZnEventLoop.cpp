@@ -5,18 +5,20 @@
 #include <algorithm>
 #include <climits>
 
-ZnEventLoop::ZnEventLoop(ZnObject* parent) : ZnObject(parent) {}
+ZnEventLoop::ZnEventLoop(ZnObject* parent) : ZnObject(parent), place_{this}, node_(place_.begin()) {}
 
 ZnEventLoop::~ZnEventLoop() {
     quit();
 }
 
 int ZnEventLoop::exec(int timeoutMs) {
-    if (running_)
-        return -1;
     ZnCoreApplication& application = ZnCoreApplication::instanceOrNew();
+    if (running_ || application.isEndingWaits())
+        return -1;
     const ZnPointer<ZnEventLoop> self(this);
     running_ = true;
+    application_ = &application;
+    application.runningLoops_.splice(application.runningLoops_.end(), place_, node_);
     waitId_ = nextFiberWaitId();
     int timerId = -1;
     if (timeoutMs > 0) {
@@ -38,6 +40,11 @@ int ZnEventLoop::exec(int timeoutMs) {
 void ZnEventLoop::quit() {
     if (!running_)
         return;
-    running_ = false;
+    leaveRunning_();
     unblockFiber(waitId_, ZnFiberPool::kFirstLane);
+}
+
+void ZnEventLoop::leaveRunning_() {
+    running_ = false;
+    place_.splice(place_.end(), application_->runningLoops_, node_);
 }

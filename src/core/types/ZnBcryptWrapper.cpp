@@ -49,7 +49,8 @@ BcryptWrapper::Status runCipher(const BcryptWrapper::Key& key, const std::vector
     ERR_set_mark();
     // The caller pads; with the library's padding off, a partial block makes the last step fail.
     const bool isDone =
-        context && EVP_CipherInit_ex(context.get(), key.cipher, nullptr, key.secret.data(), nullptr, encrypt) == 1 &&
+        context &&
+        EVP_CipherInit_ex(context.get(), key.cipher, nullptr, key.secret.data(), nullptr, encrypt) == 1 &&
         EVP_CIPHER_CTX_set_padding(context.get(), 0) == 1 &&
         EVP_CipherUpdate(context.get(), out, &bodyBytes, in.data(), static_cast<int>(in.size())) == 1 &&
         EVP_CipherFinal_ex(context.get(), out + bodyBytes, &tailBytes) == 1;
@@ -75,7 +76,8 @@ BcryptWrapper& BcryptWrapper::instance() {
     return wrapper;
 }
 
-BcryptWrapper::Status BcryptWrapper::OpenAlgorithmProvider(Algorithm* algorithm, std::string_view id) const noexcept {
+BcryptWrapper::Status BcryptWrapper::OpenAlgorithmProvider(Algorithm* algorithm,
+                                                           std::string_view id) const noexcept {
     *algorithm = Algorithm();
     algorithm->isAes = id == "AES";
     algorithm->digest = digestNamed(id);

@@ -12,8 +12,8 @@ struct evp_cipher_ctx_st;
 
 /// The digest and block cipher service that ZnCrypto is written against, over OpenSSL's EVP functions.
 ///
-/// Thread: any; no state of its own. Every call works on the objects it is given, and an object belongs to one
-/// thread at a time. Each operation yields a status: kSuccess, or what went wrong.
+/// Thread: any; no state of its own. Every call works on the objects it is given, and an object belongs to
+/// one thread at a time. Each operation yields a status: kSuccess, or what went wrong.
 class BcryptWrapper {
 public:
     using Status = std::uint32_t;
@@ -50,12 +50,14 @@ public:
     Status FinishHash(const Hash& hash, unsigned char* digest, std::size_t byteCount) const noexcept;
     Status DestroyHash(Hash* hash) const noexcept;
     /// "ObjectLength", "HashDigestLength" (digests), "BlockLength" (AES), in bytes.
-    Status GetProperty(const Algorithm& algorithm, std::string_view name, std::uint32_t* value) const noexcept;
+    Status GetProperty(const Algorithm& algorithm, std::string_view name,
+                       std::uint32_t* value) const noexcept;
     /// "ChainingMode" to "ChainingModeECB", of AES.
     Status SetProperty(Algorithm* algorithm, std::string_view name, std::string_view value) const noexcept;
     Status GenerateSymmetricKey(const Algorithm& algorithm, Key* key,
                                 const std::vector<unsigned char>& secret) const;
-    /// Without padding: `in` must be whole blocks. `out` takes as many bytes; `*outBytes` tells how many came.
+    /// Without padding: `in` must be whole blocks. `out` takes as many bytes; `*outBytes` tells how many
+    /// came.
     Status Encrypt(const Key& key, const std::vector<unsigned char>& in, unsigned char* out,
                    std::size_t* outBytes) const noexcept;
     Status Decrypt(const Key& key, const std::vector<unsigned char>& in, unsigned char* out,

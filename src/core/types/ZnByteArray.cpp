@@ -27,8 +27,7 @@ bool liesInside(const std::vector<char>& bytes, const char* data) {
 
 } // namespace
 
-ZnByteArray::ZnByteArray(const ZnString& text) : ZnByteArray(text.view()) {
-}
+ZnByteArray::ZnByteArray(const ZnString& text) : ZnByteArray(text.view()) {}
 
 ZnByteArray::ZnByteArray(std::string_view bytes) {
     assign(bytes.data(), bytes.size());
@@ -46,7 +45,9 @@ ZnByteArray::ZnByteArray(const ZnByteArray& other) {
 }
 
 ZnByteArray::ZnByteArray(ZnByteArray&& other) noexcept
-    : data_(std::move(other.data_)), begin_(std::exchange(other.begin_, 0)), size_(std::exchange(other.size_, 0)),
+    : data_(std::move(other.data_)),
+      begin_(std::exchange(other.begin_, 0)),
+      size_(std::exchange(other.size_, 0)),
       null_(std::exchange(other.null_, true)) {
     other.data_.clear();
 }

@@ -3,6 +3,7 @@
 #include "core/types/ZnString.h"
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -16,6 +17,7 @@ public:
     ZnByteArray() noexcept = default;
     ZnByteArray(const ZnString& text);
     explicit ZnByteArray(std::string_view bytes);
+    explicit ZnByteArray(const std::string& bytes) : ZnByteArray(std::string_view(bytes)) {}
     ZnByteArray(const char* data, std::size_t byteCount);
     ZnByteArray(const ZnByteArray& other);
     ZnByteArray(ZnByteArray&& other) noexcept;

@@ -14,7 +14,8 @@ ZnJsonDocument ZnJsonDocument::fromJson(std::string_view text, ZnString* error, 
 
 ZnJsonObject ZnJsonDocument::object() const {
     if (!root_.isObject())
-        ZN_LOG_ERROR("zn.core.types.znjsondocument", "ZnJsonDocument::object") << "Root is not a JSON object.";
+        ZN_LOG_ERROR("zn.core.types.znjsondocument", "ZnJsonDocument::object")
+            << "Root is not a JSON object.";
     return root_.toObject();
 }
 

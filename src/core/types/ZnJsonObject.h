@@ -13,7 +13,8 @@ public:
     ZnJsonValue& operator[](const ZnString& name) { return members_[name]; }
     ZnJsonValue& operator[](ZnString&& name) { return members_[std::move(name)]; }
     /// As operator[], at constant cost when `name` comes behind all others.
-    ZnJsonValue& slotNearEnd(ZnString name) { return members_.slotNearEnd(std::move(name)); }
+    ZnJsonValue& slotNearEnd(const ZnString& name) { return members_.slotNearEnd(name); }
+    ZnJsonValue& slotNearEnd(ZnString&& name) { return members_.slotNearEnd(std::move(name)); }
     /// The value under `name`, or a shared Null. Never inserts.
     const ZnJsonValue& value(std::string_view name) const;
     bool contains(std::string_view name) const { return members_.contains(name); }

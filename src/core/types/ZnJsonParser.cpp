@@ -1,12 +1,12 @@
 #include "core/types/ZnJsonParser.h"
 
 #include "core/types/ZnCrypto.h"
+#include "core/types/ZnJsonScan.h"
 #include "core/types/ZnNumberText.h"
 
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
-#include <cstring>
 #include <exception>
 
 namespace {
@@ -35,36 +35,10 @@ int hexValue(char c) {
     return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
 }
 
-constexpr std::uint64_t repeated(unsigned char byte) {
-    return 0x0101010101010101u * byte;
-}
-
-/// Not 0 when one of the eight bytes is a quote, a backslash or below 0x20. May take a byte behind such a one for
-/// another, never misses the first.
-std::uint64_t specialBytes(std::uint64_t word) {
-    const std::uint64_t quotes = word ^ repeated('"');
-    const std::uint64_t slashes = word ^ repeated('\\');
-    return (((word - repeated(0x20)) & ~word) | ((quotes - repeated(1)) & ~quotes) |
-            ((slashes - repeated(1)) & ~slashes)) &
-           repeated(0x80);
-}
-
-/// The index of the first byte, from `at` on, that ends a run of plain string bytes; the size without one.
-std::size_t plainRunEnd(std::string_view text, std::size_t at) {
-    std::uint64_t word;
-    while (text.size() - at >= sizeof(word)) {
-        std::memcpy(&word, text.data() + at, sizeof(word));
-        if (specialBytes(word) != 0)
-            break;
-        at += sizeof(word);
-    }
-    while (at < text.size() && text[at] != '"' && text[at] != '\\' && static_cast<unsigned char>(text[at]) >= 0x20)
-        ++at;
-    return at;
-}
-
 void appendUtf8_(std::string& out, unsigned code) {
-    const auto trail = [code](int shift) { return static_cast<char>(0x80 | ((code >> shift) & 0x3F)); };
+    const auto trail = [code](int shift) {
+        return static_cast<char>(0x80 | ((code >> shift) & 0x3F));
+    };
     if (code < 0x80) {
         out += static_cast<char>(code);
     } else if (code < 0x800) {
@@ -126,29 +100,6 @@ bool readPlainInteger(std::string_view text, std::int64_t* value) {
     return true;
 }
 
-/// The scalar that a string literal reads as; false when it is a plain text.
-bool scalarOf(std::string_view text, ZnJsonValue* value) {
-    std::int64_t integer = 0;
-    switch (scalarShape(text)) {
-    case ScalarShape_::Text:
-        return false;
-    case ScalarShape_::True:
-    case ScalarShape_::False:
-        *value = ZnJsonValue(text.front() == 't');
-        return true;
-    case ScalarShape_::Null:
-        *value = ZnJsonValue();
-        return true;
-    case ScalarShape_::Integer:
-        *value = ZnJsonValue(readPlainInteger(text, &integer) ? integer : std::int64_t{ZnString(text).toLongLong()});
-        return true;
-    case ScalarShape_::Decimal:
-        *value = ZnJsonValue(static_cast<double>(ZnString(text).toFloat()));
-        return true;
-    }
-    return false;
-}
-
 /// The value of a deciphered bare token.
 ZnJsonValue parseScalarText_(ZnString text) {
     const std::string_view view = text.view();
@@ -203,8 +154,8 @@ bool ZnJsonParser_::parseTree_(ZnJsonValue& root) {
     return error_.isEmpty();
 }
 
-/// Behind a value or an opening bracket: closes what ends here and gives the place of the next value; null when the
-/// root is complete, and on failure.
+/// Behind a value or an opening bracket: closes what ends here and gives the place of the next value; null
+/// when the root is complete, and on failure.
 ZnJsonValue* ZnJsonParser_::nextSlot_() {
     while (depth_ > 0) {
         ZnJsonValue& container = *open_[depth_ - 1];
@@ -313,15 +264,42 @@ bool ZnJsonParser_::parseStringValue_(ZnJsonValue& slot) {
         }
         text = unescaped;
     }
-    if (scalarOf(text, &slot))
+    if (readScalar_(text, slot))
         return true;
     slot.stringValue_ = unescaped.empty() ? ZnString(text) : ZnString(std::move(unescaped));
     slot.type_ = JsonType::String;
     return true;
 }
 
+/// Sets the scalar that a string literal reads as; false when it is a plain text.
+bool ZnJsonParser_::readScalar_(std::string_view text, ZnJsonValue& slot) {
+    switch (scalarShape(text)) {
+    case ScalarShape_::Text:
+        return false;
+    case ScalarShape_::True:
+    case ScalarShape_::False:
+        slot.boolValue_ = text.front() == 't';
+        slot.type_ = JsonType::Boolean;
+        return true;
+    case ScalarShape_::Null:
+        return true;
+    case ScalarShape_::Integer:
+        if (!readPlainInteger(text, &slot.intValue_))
+            slot.intValue_ = ZnString(text).toLongLong();
+        slot.type_ = JsonType::Integer;
+        return true;
+    case ScalarShape_::Decimal:
+        slot.doubleValue_ = static_cast<double>(ZnString(text).toFloat());
+        slot.type_ = JsonType::Double;
+        return true;
+    }
+    return false;
+}
+
 bool ZnJsonParser_::parseEncryptedToken_(ZnJsonValue& slot) {
-    const auto endsToken = [](char c) { return c == ',' || c == ']' || c == '}' || isSpace(c); };
+    const auto endsToken = [](char c) {
+        return c == ',' || c == ']' || c == '}' || isSpace(c);
+    };
     std::size_t end = pos_;
     while (end < text_.size() && !endsToken(text_[end]))
         ++end;
@@ -404,7 +382,7 @@ bool ZnJsonParser_::parseString_(std::string* unescaped, std::string_view* text)
     const std::size_t start = ++pos_;
     std::size_t copied = start;
     for (;;) {
-        pos_ = plainRunEnd(text_, pos_);
+        pos_ = zn::detail::plainRunEnd(text_, pos_);
         if (atEnd_())
             return fail_("Unterminated string literal");
         if (text_[pos_] == '"')

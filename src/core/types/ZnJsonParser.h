@@ -9,8 +9,8 @@
 
 /// One parse of one text, filling the tree in place. Internal to this folder.
 ///
-/// No recursion: the containers that are open are kept in a table as deep as the deepest permitted text, so the
-/// use of stack is fixed. The first failure stops the parse.
+/// No recursion: the containers that are open are kept in a table as deep as the deepest permitted text, so
+/// the use of stack is fixed. The first failure stops the parse.
 class ZnJsonParser_ {
 public:
     ZnJsonParser_(std::string_view text, const ZnString& key) noexcept : text_(text), key_(key) {}
@@ -29,6 +29,7 @@ private:
     bool parseLiteralOrNumber_(ZnJsonValue& slot, char first);
     bool openContainer_(ZnJsonValue& slot, char bracket);
     bool parseStringValue_(ZnJsonValue& slot);
+    static bool readScalar_(std::string_view text, ZnJsonValue& slot);
     bool parseEncryptedToken_(ZnJsonValue& slot);
     bool parseBoolean_(ZnJsonValue& slot);
     bool parseNull_();
@@ -48,8 +49,9 @@ private:
     const std::string_view text_;
     const ZnString& key_; // empty: nothing is enciphered
     std::size_t pos_ = 0;
-    std::size_t depth_ = 0;   // open containers
+    std::size_t depth_ = 0;     // open containers
     bool isJustOpened_ = false; // the innermost one has no child yet
     ZnString error_;
-    std::array<ZnJsonValue*, kMaxDepth_> open_; // the first depth_ are set; parents stay put while a child is open
+    std::array<ZnJsonValue*, kMaxDepth_>
+        open_; // the first depth_ are set; parents stay put while a child is open
 };

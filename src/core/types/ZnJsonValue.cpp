@@ -66,7 +66,8 @@ void ZnJsonTree_::copyShallow_(const ZnJsonValue& from, ZnJsonValue& to) {
 }
 
 ZnJsonValue& ZnJsonTree_::slotFor_(CopyStep_& step) {
-    return step.from.isArray() ? step.to->array()->appendNull() : step.to->object()->slotNearEnd(step.from.name());
+    return step.from.isArray() ? step.to->array()->appendNull()
+                               : step.to->object()->slotNearEnd(step.from.name());
 }
 
 void ZnJsonTree_::copy(const ZnJsonValue& from, ZnJsonValue& to) {
@@ -146,7 +147,8 @@ ZnJsonValue* ZnJsonTree_::nextContainer_(Cursor& cursor) noexcept {
     return nullptr;
 }
 
-/// Deletes containers from the innermost outwards, so that no destructor meets a container inside a container.
+/// Deletes containers from the innermost outwards, so that no destructor meets a container inside a
+/// container.
 void ZnJsonTree_::release(ZnJsonValue& root) noexcept {
     ZnJsonPath_<Cursor> path;
     path.push(Cursor(root));
@@ -164,11 +166,10 @@ void ZnJsonTree_::release(ZnJsonValue& root) noexcept {
 }
 
 ZnJsonValue::ZnJsonValue(ZnJsonObject value)
-    : type_(JsonType::Object), objectValue_(new ZnJsonObject(std::move(value))) {
-}
+    : type_(JsonType::Object), objectValue_(new ZnJsonObject(std::move(value))) {}
 
-ZnJsonValue::ZnJsonValue(ZnJsonArray value) : type_(JsonType::Array), arrayValue_(new ZnJsonArray(std::move(value))) {
-}
+ZnJsonValue::ZnJsonValue(ZnJsonArray value)
+    : type_(JsonType::Array), arrayValue_(new ZnJsonArray(std::move(value))) {}
 
 ZnJsonValue& ZnJsonValue::operator=(ZnJsonValue&& other) noexcept {
     // By way of a local: `other` may lie inside the tree that this value gives up.
@@ -307,7 +308,8 @@ bool ZnJsonArray::operator==(const ZnJsonArray& other) const {
 }
 
 const ZnJsonValue& ZnJsonObject::value(std::string_view name) const {
-    static const ZnJsonValue* const kNull = new ZnJsonValue; // never destroyed: threads may read it while the process ends
+    static const ZnJsonValue* const kNull =
+        new ZnJsonValue; // never destroyed: threads may read it while the process ends
     const auto at = members_.find(name);
     return at == members_.end() ? *kNull : at->second;
 }

@@ -1,5 +1,6 @@
 #include "core/types/ZnJsonCursor.h"
 #include "core/types/ZnJsonDocument.h"
+#include "core/types/ZnJsonScan.h"
 #include "core/types/ZnJsonValue.h"
 #include "core/types/ZnNumberText.h"
 
@@ -12,7 +13,7 @@ namespace {
 constexpr std::size_t kFirstBytes = 256;
 constexpr std::size_t kIndentBlanks = 2;
 
-/// What follows the backslash of each byte: a letter, 'u' for the long form, or 0 when it needs no escape.
+/// What follows the backslash: a letter, 'u' for the long form, or 0 when the byte needs no escape.
 constexpr std::array<char, 256> kEscapes = [] {
     std::array<char, 256> escapes{};
     std::fill_n(escapes.begin(), 0x20, 'u');
@@ -38,16 +39,14 @@ void appendEscape(std::string& out, unsigned char byte, const char* hexDigits) {
 
 /// Copies the runs between escapes whole.
 void appendEscaped(std::string& out, std::string_view text, const char* hexDigits = "0123456789ABCDEF") {
-    std::size_t copied = 0;
-    for (std::size_t index = 0; index < text.size(); ++index) {
-        const auto byte = static_cast<unsigned char>(text[index]);
-        if (kEscapes[byte] == 0)
-            continue;
-        out.append(text, copied, index - copied);
-        appendEscape(out, byte, hexDigits);
-        copied = index + 1;
+    for (std::size_t at = 0;;) {
+        const std::size_t runEnd = zn::detail::plainRunEnd(text, at);
+        out.append(text, at, runEnd - at);
+        if (runEnd == text.size())
+            return;
+        appendEscape(out, static_cast<unsigned char>(text[runEnd]), hexDigits);
+        at = runEnd + 1;
     }
-    out.append(text, copied);
 }
 
 void appendDouble(std::string& out, double value) {
@@ -58,7 +57,8 @@ void appendDouble(std::string& out, double value) {
     else if (whole >= -kIntegerEnd && whole < kIntegerEnd)
         zn::detail::appendInteger(out, static_cast<long long>(whole));
     else
-        zn::detail::appendScientific(out, value); // decimal digits alone would not be read back: no integer so large
+        zn::detail::appendScientific(
+            out, value); // decimal digits alone would not be read back: no integer so large
 }
 
 } // namespace
@@ -66,7 +66,8 @@ void appendDouble(std::string& out, double value) {
 /// Appends the text of a tree to one string. Holds one cursor per open container.
 class ZnJsonWriter_ {
 public:
-    ZnJsonWriter_(JsonFormat format, const ZnString& key) : isIndented_(format == JsonFormat::Indented), key_(key) {
+    ZnJsonWriter_(JsonFormat format, const ZnString& key)
+        : isIndented_(format == JsonFormat::Indented), key_(key) {
         out_.reserve(kFirstBytes);
     }
     ZnString write(const ZnJsonValue& root);

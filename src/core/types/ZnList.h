@@ -11,6 +11,11 @@
 template <typename T>
 class ZnList {
 public:
+    using value_type = T;
+    using const_reference = const T&;
+    using iterator = typename std::vector<T>::iterator;
+    using const_iterator = typename std::vector<T>::const_iterator;
+
     ZnList() = default;
     ZnList(std::initializer_list<T> values) : values_(values) {}
 

@@ -1,6 +1,7 @@
 #include "core/types/ZnLogger.h"
 
 #include "core/platform/ZnLogPeer.h"
+#include "core/types/ZnLogFilter.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -10,14 +11,13 @@
 #include <ctime>
 #include <filesystem>
 #include <optional>
-#include <regex>
 #include <string_view>
 #include <utility>
 
 namespace {
 
 constexpr std::uint8_t kAllLevels = 7;
-constexpr std::size_t kStampBytes = 13;        // "hhmmss.uuuuuu"
+constexpr std::size_t kStampBytes = 13;           // "hhmmss.uuuuuu"
 constexpr std::size_t kKeptLineBytes = 64 * 1024; // one huge line must not keep its memory for ever
 
 struct Sink_ {
@@ -136,7 +136,8 @@ std::string_view withoutLeading(std::string_view text, std::string_view set) {
     return first == std::string_view::npos ? std::string_view() : text.substr(first);
 }
 
-/// Takes off the head of a log line that the caller has handed over as part of the message, so that it is not doubled.
+/// Takes off the head of a log line that the caller has handed over as part of the message, so that it is not
+/// doubled.
 std::string_view sanitised(std::string_view message) {
     message = withoutLeading(message, " \t\n\r");
     if (message.size() >= kStampBytes + 2 && message.front() == '[' && beginsWithStamp(message.substr(1)) &&
@@ -210,16 +211,6 @@ void appendTimestamp(std::string& out) {
     out.append(digits, sizeof(digits));
 }
 
-std::regex compileFilter(const ZnString& pattern) {
-    std::regex::flag_type flags = std::regex::ECMAScript;
-#if defined(__GLIBCXX__)
-    // The library's default search recurses once per character, which a long line turns into a stack overflow on
-    // a fiber. This one does not, and is linear.
-    flags |= std::regex_constants::__polynomial;
-#endif
-    return std::regex(pattern.str(), flags);
-}
-
 } // namespace
 
 /// What writeMutex_ guards: the settings, the sinks, and the buffers that lines are built in.
@@ -227,9 +218,9 @@ struct ZnLogger::State_ {
     ZnString appName = "UnknownApp";
     ZnString version = "0.0.1";
     bool isConsoleEnabled = true;
-    ZnString filePath; // empty: no file sink
-    std::optional<std::regex> filter;
-    ZnString networkHost; // empty: no network sink
+    ZnString filePath;                         // empty: no file sink
+    std::unique_ptr<const ZnLogFilter> filter; // null: no filter
+    ZnString networkHost;                      // empty: no network sink
     unsigned short networkPort = 0;
     ZnLogPeer networkPeer;
     std::shared_ptr<const SinkList_> sinks; // replaced, never changed; null without sinks
@@ -241,7 +232,6 @@ struct ZnLogger::State_ {
     bool emit(const ZnLogRecord& record, std::string_view message);
     void buildLine(const ZnLogRecord& record, std::string_view message);
     void buildJsonLine(const ZnLogRecord& record, std::string_view message);
-    bool passesFilter(std::string_view body) const;
     void writeConsole(int level) const;
     void writeFile() const;
     void writeNetwork(const ZnLogRecord& record, std::string_view message);
@@ -252,7 +242,7 @@ bool ZnLogger::State_::emit(const ZnLogRecord& record, std::string_view message)
     buildLine(record, message);
     constexpr std::size_t kHeadBytes = kStampBytes + 3; // "[", the timestamp, "] "
     const std::string_view body = std::string_view(line).substr(kHeadBytes, line.size() - kHeadBytes - 1);
-    if (filter && !passesFilter(body))
+    if (filter && !filter->passes(body))
         return false;
     if (isConsoleEnabled)
         writeConsole(record.level);
@@ -287,14 +277,6 @@ void ZnLogger::State_::buildJsonLine(const ZnLogRecord& record, std::string_view
     jsonLine.append("}\n");
 }
 
-bool ZnLogger::State_::passesFilter(std::string_view body) const {
-    try {
-        return std::regex_search(body.begin(), body.end(), *filter);
-    } catch (const std::exception&) {
-        return true; // a filter that cannot decide hides nothing
-    }
-}
-
 void ZnLogger::State_::writeConsole(int level) const {
     std::FILE* const stream = level == kDebug ? stdout : stderr;
     std::fwrite(line.data(), 1, line.size(), stream);
@@ -309,7 +291,8 @@ void ZnLogger::State_::writeFile() const {
         std::filesystem::create_directories(path.substr(0, parentBytes), ignored);
     }
     // "e": a child process must not inherit the file.
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(filePath.data(), "abe"), &std::fclose);
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(filePath.data(), "abe"),
+                                                               &std::fclose);
     if (file)
         std::fwrite(line.data(), 1, line.size(), file.get());
 }
@@ -414,12 +397,11 @@ void ZnLogger::setFile(const ZnString& path) {
 }
 
 bool ZnLogger::setFilter(const ZnString& pattern) {
-    std::optional<std::regex> filter;
-    try {
-        if (!pattern.isEmpty())
-            filter = compileFilter(pattern);
-    } catch (const std::exception&) {
-        return false;
+    std::unique_ptr<const ZnLogFilter> filter;
+    if (!pattern.isEmpty()) {
+        filter = ZnLogFilter::compile(pattern);
+        if (!filter)
+            return false;
     }
     const ZnMutexLocker lock(writeMutex_);
     state_->filter = std::move(filter);

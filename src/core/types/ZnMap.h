@@ -11,6 +11,10 @@ template <typename K, typename V>
 class ZnMap {
 public:
     using Storage = std::map<K, V, std::less<>>;
+    using value_type = typename Storage::value_type;
+    using const_reference = typename Storage::const_reference;
+    using iterator = typename Storage::iterator;
+    using const_iterator = typename Storage::const_iterator;
 
     ZnMap() = default;
     ZnMap(std::initializer_list<std::pair<const K, V>> values) : values_(values) {}
@@ -28,7 +32,8 @@ public:
     V& operator[](const K& key) { return values_[key]; }
     V& operator[](K&& key) { return values_[std::move(key)]; }
     /// As operator[], at constant cost when `key` comes behind all others.
-    V& slotNearEnd(K key) { return values_.try_emplace(values_.end(), std::move(key))->second; }
+    V& slotNearEnd(const K& key) { return values_.try_emplace(values_.end(), key)->second; }
+    V& slotNearEnd(K&& key) { return values_.try_emplace(values_.end(), std::move(key))->second; }
     /// A copy of the value under `key`, or `fallback`.
     template <typename Key>
     V value(const Key& key, V fallback = V()) const {

@@ -1,15 +1,11 @@
 #include "core/types/ZnNumberText.h"
 
 #include <charconv>
-#include <cmath>
+#include <system_error>
 
 namespace {
 
 constexpr std::size_t kMaxFixedBytes = 512; // the largest double has 309 digits before the point
-
-bool holdsNonZeroDigit(std::string_view text) {
-    return text.substr(0, text.find_first_of("eE")).find_first_of("123456789") != std::string_view::npos;
-}
 
 } // namespace
 
@@ -20,9 +16,7 @@ bool zn::detail::parseDecimal(std::string_view text, double* out) {
         return false;
     double value = 0;
     const auto [end, code] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (code != std::errc() || end != text.data() + text.size() || !std::isfinite(value))
-        return false;
-    if (value == 0 && holdsNonZeroDigit(text))
+    if (code != std::errc() || end != text.data() + text.size())
         return false;
     *out = value;
     return true;
@@ -30,17 +24,20 @@ bool zn::detail::parseDecimal(std::string_view text, double* out) {
 
 void zn::detail::appendGeneral(std::string& out, double value) {
     char buffer[32];
-    out.append(buffer, std::to_chars(buffer, buffer + sizeof(buffer), value, std::chars_format::general, 6).ptr);
+    out.append(buffer,
+               std::to_chars(buffer, buffer + sizeof(buffer), value, std::chars_format::general, 6).ptr);
 }
 
 void zn::detail::appendFixed(std::string& out, double value) {
     char buffer[kMaxFixedBytes];
-    out.append(buffer, std::to_chars(buffer, buffer + sizeof(buffer), value, std::chars_format::fixed, 6).ptr);
+    out.append(buffer,
+               std::to_chars(buffer, buffer + sizeof(buffer), value, std::chars_format::fixed, 6).ptr);
 }
 
 void zn::detail::appendScientific(std::string& out, double value) {
     char buffer[32];
-    out.append(buffer, std::to_chars(buffer, buffer + sizeof(buffer), value, std::chars_format::scientific).ptr);
+    out.append(buffer,
+               std::to_chars(buffer, buffer + sizeof(buffer), value, std::chars_format::scientific).ptr);
 }
 
 void zn::detail::appendInteger(std::string& out, long long value) {

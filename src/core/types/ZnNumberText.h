@@ -6,8 +6,8 @@
 // Numbers to text and back, independent of the locale. Internal to this folder.
 namespace zn::detail {
 
-/// Reads the whole of `text`, a decimal number with optional fraction and exponent. False for anything else, for
-/// overflow and for underflow to 0. Subnormal values pass.
+/// Reads the whole of `text`, a decimal number with optional fraction and exponent. False for anything else,
+/// for overflow and for underflow to 0. Subnormal values pass.
 bool parseDecimal(std::string_view text, double* out);
 
 /// The C forms "%g" and "%f", each with precision 6.

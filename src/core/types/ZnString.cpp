@@ -40,7 +40,8 @@ char upperChar(char c) {
     return c >= 'a' && c <= 'z' ? static_cast<char>(c - ('a' - 'A')) : c;
 }
 
-/// The digits of a number as the conversions see them: trimmed and without underscores, with a NUL somewhere behind.
+/// The digits of a number as the conversions see them: trimmed and without underscores, with a NUL somewhere
+/// behind.
 class NumberText_ {
 public:
     explicit NumberText_(const std::string& text) : view_(trimmedView(text)) {
@@ -147,7 +148,9 @@ void appendCodePoint(std::string& out, char32_t code) {
 
 /// Takes one code point from `text` at `*at`; an ill-formed sequence is taken up to the byte that breaks it.
 char32_t takeCodePoint(std::string_view text, std::size_t* at) {
-    const auto byteAt = [&](std::size_t index) { return static_cast<unsigned char>(text[index]); };
+    const auto byteAt = [&](std::size_t index) {
+        return static_cast<unsigned char>(text[index]);
+    };
     const unsigned lead = byteAt((*at)++);
     if (lead < 0x80)
         return lead;
@@ -232,7 +235,8 @@ ZnString ZnString::toUpper() const {
 
 int ZnString::toInt(bool* ok) const {
     const std::optional<long long> value = integerValue(NumberText_(text_).view());
-    const bool isValid = value && *value >= std::numeric_limits<int>::min() && *value <= std::numeric_limits<int>::max();
+    const bool isValid =
+        value && *value >= std::numeric_limits<int>::min() && *value <= std::numeric_limits<int>::max();
     if (ok != nullptr)
         *ok = isValid;
     if (isValid)
@@ -246,7 +250,8 @@ long long ZnString::toLongLong(bool* ok) const {
     if (ok != nullptr)
         *ok = value.has_value();
     else if (!value)
-        ZN_LOG_ERROR(kCategory, "ZnString::toLongLong") << "Invalid long long conversion in ZnString: " << text_;
+        ZN_LOG_ERROR(kCategory, "ZnString::toLongLong")
+            << "Invalid long long conversion in ZnString: " << text_;
     return value.value_or(0);
 }
 

@@ -80,7 +80,7 @@ TEST(ZnFiberContext, ExceptionsBelongToTheFiberThatHandlesThem) {
             }
             EXPECT_EQ(std::current_exception(), nullptr);
         });
-    for (const std::size_t index : {0, 1, 2, 2, 0, 1, 1, 0, 2})
+    for (const std::size_t index : {0U, 1U, 2U, 2U, 0U, 1U, 1U, 0U, 2U})
         fibers.resume(index);
     for (std::size_t i = 0; i < 3; ++i) {
         EXPECT_TRUE(fibers.isDone(i));

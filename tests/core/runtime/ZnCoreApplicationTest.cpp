@@ -143,6 +143,21 @@ TEST_F(ZnCoreApplicationTest, NestedWaitsAndTheirEdges) {
     EXPECT_TRUE(runUntil([&] { return resumed; }));
 }
 
+TEST_F(ZnCoreApplicationTest, AnOrderlyEndUnwindsWhatIsParked) {
+    auto token = std::make_shared<int>(1);
+    for (int i = 0; i < 20; ++i)
+        application_.postEvent([token] {
+            ZnEventLoop first;
+            first.exec();
+            ZnEventLoop second;
+            EXPECT_EQ(second.exec(), -1); // no new wait begins
+        });
+    ASSERT_TRUE(runUntil([&] { return parkedCount() == 20; }));
+    EXPECT_TRUE(application_.endWaits(5000));
+    EXPECT_EQ(token.use_count(), 1);
+    EXPECT_EQ(parkedCount(), 0);
+}
+
 TEST_F(ZnCoreApplicationTest, TimersKeepTheirPhaseAndDoNotStackUp) {
     ZnTimer timer(1, nullptr);
     int fired = 0;

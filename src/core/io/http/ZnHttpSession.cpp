@@ -307,7 +307,8 @@ void ZnHttpSession::postWeakly_(void (ZnHttpSession::*step)()) {
             (session->*step)();
     };
     ZnCoreApplication* application = ZnCoreApplication::instance();
-    if (application == nullptr || !application->postEvent(ZnTask(call)))
+    ZnTask task(call);
+    if (application == nullptr || !application->tryPostOnLane(task, ZnFiberPool::kDefaultLane))
         ZnTimer::singleShot(0, call); // saturated: timers that find no room fire later, but do fire
 }
 

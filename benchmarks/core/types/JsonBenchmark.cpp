@@ -1,0 +1,83 @@
+#include "core/types/ZnJsonDocument.h"
+
+#include <benchmark/benchmark.h>
+
+#include <string>
+
+namespace {
+
+const std::string& messageText() {
+    static const std::string text =
+        R"({"jsonrpc":"2.0","id":17,"method":"tools/call","params":{"name":"bridge.rpc",)"
+        R"("arguments":{"service_id":"billing-eu","request":{"jsonrpc":"2.0","id":1,)"
+        R"("method":"ping","params":{"verbose":true}}}}})";
+    return text;
+}
+
+/// One MiB of records with texts, numbers, flags and nesting.
+const std::string& documentText() {
+    static const std::string text = [] {
+        std::string built = "[";
+        for (int record = 0; built.size() < (1u << 20); ++record) {
+            built +=
+                R"({"id":)" + std::to_string(record * 7919) + R"(,"name":"service number )" +
+                std::to_string(record) + R"(","ratio":)" + std::to_string(record) +
+                R"(.375,"enabled":true,"note":"line one\nline \"two\"","tags":["alpha","beta",null,-12],)" +
+                R"("endpoint":{"host":"internal.example","path":"/v1/records/query","port":8443}},)";
+        }
+        built.back() = ']';
+        return built;
+    }();
+    return text;
+}
+
+/// One MiB in one text, as a forwarded file would be.
+const std::string& longTextText() {
+    static const std::string text = "{\"content\":\"" + std::string(1u << 20, 'x') + "\"}";
+    return text;
+}
+
+using Source = const std::string& (*)();
+
+void parse(benchmark::State& state, Source source) {
+    const std::string& text = source();
+    ZnString error;
+    for (auto _ : state) {
+        ZnJsonDocument document = ZnJsonDocument::fromJson(text, &error);
+        benchmark::DoNotOptimize(document);
+    }
+    if (!error.isEmpty())
+        state.SkipWithError(error.data());
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
+}
+
+void write(benchmark::State& state, Source source) {
+    const ZnJsonDocument document = ZnJsonDocument::fromJson(source(), nullptr);
+    std::size_t byteCount = 0;
+    for (auto _ : state) {
+        const ZnString text = document.toJson();
+        byteCount = text.size();
+        benchmark::DoNotOptimize(text.data());
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(byteCount));
+}
+
+void copy(benchmark::State& state, Source source) {
+    const ZnJsonDocument document = ZnJsonDocument::fromJson(source(), nullptr);
+    for (auto _ : state) {
+        ZnJsonValue root = document.root();
+        benchmark::DoNotOptimize(root);
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(source().size()));
+}
+
+BENCHMARK_CAPTURE(parse, message, messageText);
+BENCHMARK_CAPTURE(parse, document, documentText);
+BENCHMARK_CAPTURE(parse, longText, longTextText);
+BENCHMARK_CAPTURE(write, message, messageText);
+BENCHMARK_CAPTURE(write, document, documentText);
+BENCHMARK_CAPTURE(write, longText, longTextText);
+BENCHMARK_CAPTURE(copy, message, messageText);
+BENCHMARK_CAPTURE(copy, document, documentText);
+
+} // namespace

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+/// A server that a benchmark runs: started with its standard output on a pipe, ended by its id.
+class ChildProcess {
+public:
+    /// Starts the program on processor `cpu` (below 0: anywhere) and waits until it has printed a line that contains
+    /// `readyText`. Exits the benchmark with a message when that does not happen within ten seconds.
+    ChildProcess(const std::vector<std::string>& command, const std::string& readyText, int cpu);
+    /// Sends SIGTERM and waits for the end.
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    /// Processor time used so far by its first thread, in nanoseconds.
+    long long cpuNs() const;
+    /// Resident memory in KiB.
+    long residentKib() const;
+    /// The number at the end of the line that was waited for.
+    unsigned short announcedPort() const { return announcedPort_; }
+    /// Milliseconds from its start to the line that was waited for.
+    double readyMs() const { return readyMs_; }
+
+private:
+    int pid_ = -1;
+    int outputFd_ = -1;
+    unsigned short announcedPort_ = 0;
+    double readyMs_ = 0.0;
+};

@@ -1,0 +1,224 @@
+// Loads the agent and the practical limit of the machine in one go, and prints both with their ratio.
+//
+//   http_load AGENT RESPONDER [--seconds S] [--rounds N] [--connections A,B,...] [--idle N]
+//
+// The programs take turns, so that what else the machine does falls on both; the figures are the medians of the
+// rounds. Everything goes over loopback, is bounded and stops by itself.
+
+#include "ChildProcess.h"
+#include "LoadClient.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <sched.h>
+#include <sstream>
+#include <string>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr int kLoadCpu = 0;
+constexpr int kServerCpu = 1;
+
+struct Options {
+    std::string agent;
+    std::string responder;
+    double seconds = 2.0;
+    int rounds = 3;
+    std::vector<int> connections = {1, 32, 64, 1000};
+    int idleConnections = 0;
+};
+
+struct Sample {
+    LoadResult load;
+    double cpuUs = 0.0; // processor time of the server per request
+};
+
+Options parse(int argc, char** argv) {
+    Options options;
+    if (argc < 3) {
+        std::fprintf(stderr, "usage: http_load AGENT RESPONDER [--seconds S] [--rounds N] [--connections A,B] [--idle N]\n");
+        std::exit(2);
+    }
+    options.agent = argv[1];
+    options.responder = argv[2];
+    for (int i = 3; i + 1 < argc; i += 2) {
+        const std::string name = argv[i];
+        if (name == "--seconds")
+            options.seconds = std::atof(argv[i + 1]);
+        else if (name == "--rounds")
+            options.rounds = std::max(1, std::atoi(argv[i + 1]));
+        else if (name == "--idle")
+            options.idleConnections = std::atoi(argv[i + 1]);
+        else if (name == "--connections") {
+            options.connections.clear();
+            std::stringstream list(argv[i + 1]);
+            for (std::string count; std::getline(list, count, ',');)
+                options.connections.push_back(std::atoi(count.c_str()));
+        }
+    }
+    return options;
+}
+
+unsigned short freePort() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t addressBytes = sizeof(address);
+    ::bind(fd, reinterpret_cast<sockaddr*>(&address), addressBytes);
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &addressBytes);
+    ::close(fd);
+    return ntohs(address.sin_port);
+}
+
+std::string post(const std::string& body, const std::string& sessionId) {
+    std::string head = "POST /mcp HTTP/1.1\r\nhost: 127.0.0.1\r\ncontent-type: application/json\r\n"
+                       "accept: application/json, text/event-stream\r\nmcp-protocol-version: 2025-06-18\r\n";
+    if (!sessionId.empty())
+        head += "mcp-session-id: " + sessionId + "\r\n";
+    return head + "content-length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+std::string headerOf(const std::string& answer, const std::string& name) {
+    const std::size_t at = answer.find("\r\n" + name + ": ");
+    if (at == std::string::npos)
+        return {};
+    const std::size_t begin = at + name.size() + 4;
+    return answer.substr(begin, answer.find("\r\n", begin) - begin);
+}
+
+std::string initialize(unsigned short port) {
+    const std::string answer = askOnce(
+        port, post(R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18",)"
+                   R"("capabilities":{},"clientInfo":{"name":"http_load","version":"1"}}})",
+                   ""));
+    const std::string sessionId = headerOf(answer, "mcp-session-id");
+    if (sessionId.empty()) {
+        std::fprintf(stderr, "initialize failed: %s\n", answer.c_str());
+        std::exit(1);
+    }
+    return sessionId;
+}
+
+Sample measure(const ChildProcess& server, unsigned short port, const std::string& request,
+               const std::string& expectedText, int connectionCount, double seconds) {
+    const long long cpuBefore = server.cpuNs();
+    Sample sample;
+    sample.load = runLoad(port, request, expectedText, connectionCount, seconds);
+    if (sample.load.requestCount > 0)
+        sample.cpuUs = static_cast<double>(server.cpuNs() - cpuBefore) / 1000.0 /
+                       static_cast<double>(sample.load.requestCount);
+    return sample;
+}
+
+const Sample& median(std::vector<Sample>& samples) {
+    std::sort(samples.begin(), samples.end(), [](const Sample& left, const Sample& right) {
+        return left.load.requestsPerSecond < right.load.requestsPerSecond;
+    });
+    return samples[samples.size() / 2];
+}
+
+void print(const char* what, const char* program, int connections, const Sample& sample) {
+    std::printf("%-11s %-6s %5d %10.0f req/s  p50 %8.0f us  p99 %8.0f us  max %8.0f us  cpu %6.2f us/req", what, program,
+                connections, sample.load.requestsPerSecond, sample.load.p50Us, sample.load.p99Us, sample.load.maxUs,
+                sample.cpuUs);
+}
+
+/// One table: the limit and the agent by turns, for every number of connections. Returns the number of failures.
+long long compare(const char* what, const Options& options, const ChildProcess& limit, unsigned short limitPort,
+                  const ChildProcess& agent, unsigned short agentPort, const std::string& request,
+                  const std::string& expectedText) {
+    long long failures = 0;
+    for (const int connections : options.connections) {
+        std::vector<Sample> limitSamples;
+        std::vector<Sample> agentSamples;
+        for (int round = 0; round < options.rounds; ++round) {
+            limitSamples.push_back(measure(limit, limitPort, request, "", connections, options.seconds));
+            agentSamples.push_back(measure(agent, agentPort, request, expectedText, connections, options.seconds));
+            failures += agentSamples.back().load.failureCount;
+        }
+        const Sample limitMedian = median(limitSamples);
+        const Sample agentMedian = median(agentSamples);
+        print(what, "limit", connections, limitMedian);
+        std::printf("\n");
+        print(what, "agent", connections, agentMedian);
+        std::printf("  ratio %.2f\n", agentMedian.load.requestsPerSecond / limitMedian.load.requestsPerSecond);
+        std::fflush(stdout);
+    }
+    return failures;
+}
+
+unsigned short listeningPort(const std::vector<std::string>& command, std::unique_ptr<ChildProcess>& process, int cpu) {
+    process = std::make_unique<ChildProcess>(command, "listening on port", cpu);
+    return process->announcedPort();
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const Options options = parse(argc, argv);
+    rlimit descriptors = {};
+    ::getrlimit(RLIMIT_NOFILE, &descriptors);
+    descriptors.rlim_cur = descriptors.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &descriptors);
+    cpu_set_t cpus;
+    CPU_ZERO(&cpus);
+    CPU_SET(kLoadCpu, &cpus);
+    ::sched_setaffinity(0, sizeof(cpus), &cpus);
+
+    const std::string upstreamBody = R"({"id": 1,"jsonrpc": "2.0","result": {"tools": []}})";
+    const std::string upstreamAnswer = "HTTP/1.1 200 OK\r\ncontent-type: application/json\r\ncontent-length: " +
+                                       std::to_string(upstreamBody.size()) + "\r\nconnection: close\r\n\r\n" +
+                                       upstreamBody;
+    std::unique_ptr<ChildProcess> upstream;
+    const unsigned short upstreamPort = listeningPort({options.responder, upstreamAnswer}, upstream, kLoadCpu);
+
+    char servicesFile[] = "http_load_services_XXXXXX";
+    const int servicesFd = ::mkstemp(servicesFile);
+    std::ofstream(servicesFile) << R"({"services": [{"id": "up", "endpoint": "http://127.0.0.1:)" << upstreamPort
+                                << R"(/mcp"}]})";
+    const unsigned short agentPort = freePort();
+    const ChildProcess agent({options.agent, "--port=" + std::to_string(agentPort),
+                              std::string("--services_file=") + servicesFile},
+                             "listening on", kServerCpu);
+    ::unlink(servicesFile);
+    ::close(servicesFd);
+    std::printf("agent: ready after %.1f ms, %ld KiB resident\n", agent.readyMs(), agent.residentKib());
+
+    const std::string sessionId = initialize(agentPort);
+    const std::string ping = post(R"({"jsonrpc":"2.0","id":1,"method":"ping"})", sessionId);
+    const std::string rpc =
+        post(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"bridge.rpc","arguments":)"
+             R"({"serviceId":"up","request":{"jsonrpc":"2.0","id":1,"method":"tools/list"}}}})",
+             sessionId);
+    const std::string forwarded = "POST /mcp HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(upstreamPort) +
+                                  "\r\nAccept: application/json\r\nConnection: close\r\nUser-Agent: forwarder\r\n"
+                                  "Content-Type: application/json\r\nContent-Length: 46\r\n\r\n"
+                                  R"({"id": 1,"jsonrpc": 2,"method": "tools/list"} )";
+    std::unique_ptr<ChildProcess> limit;
+    std::unique_ptr<ChildProcess> forwarder;
+    const unsigned short limitPort = listeningPort({options.responder, askOnce(agentPort, ping)}, limit, kServerCpu);
+    const unsigned short forwarderPort =
+        listeningPort({options.responder, askOnce(agentPort, rpc), std::to_string(upstreamPort), forwarded}, forwarder,
+                      kServerCpu);
+
+    long long failures = compare("ping", options, *limit, limitPort, agent, agentPort, ping, R"("result": {})");
+    failures += compare("bridge.rpc", options, *forwarder, forwarderPort, agent, agentPort, rpc, "transportOk\": true");
+    if (options.idleConnections > 0) {
+        const IdleConnections idleLimit(limitPort, options.idleConnections);
+        const IdleConnections idleAgent(agentPort, options.idleConnections);
+        std::printf("with %d idle connections on each:\n", options.idleConnections);
+        failures += compare("ping", options, *limit, limitPort, agent, agentPort, ping, R"("result": {})");
+    }
+    std::printf("agent: %ld KiB resident at the end, %lld failures\n", agent.residentKib(), failures);
+    return failures == 0 ? 0 : 1;
+}

@@ -1,0 +1,163 @@
+#include "LoadClient.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Connection {
+    int fd = -1;
+    std::string input;
+    std::size_t answerBytes = 0; // 0 until the head of the answer is there
+    Clock::time_point sentAt;
+};
+
+int openConnection(unsigned short port) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+        std::perror("connect");
+        std::exit(1);
+    }
+    const int on = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    return fd;
+}
+
+/// Size of head and body once the head is complete, else 0.
+std::size_t answerSize(const std::string& input) {
+    const std::size_t headEnd = input.find("\r\n\r\n");
+    if (headEnd == std::string::npos)
+        return 0;
+    const std::size_t lengthAt = input.find("content-length: ");
+    const std::size_t bodyBytes =
+        lengthAt < headEnd ? std::strtoul(input.c_str() + lengthAt + std::strlen("content-length: "), nullptr, 10) : 0;
+    return headEnd + 4 + bodyBytes;
+}
+
+void sendRequest(Connection& connection, const std::string& request) {
+    connection.sentAt = Clock::now();
+    // The answer to the last request has come, so that there is always room for a small one.
+    if (::send(connection.fd, request.data(), request.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(request.size()))
+        connection.sentAt = {};
+}
+
+/// Takes what has come; true when an answer is complete, which then stands at the front of `input`.
+bool receiveAnswer(Connection& connection, bool* lost) {
+    char buffer[16384];
+    const ssize_t got = ::recv(connection.fd, buffer, sizeof(buffer), MSG_DONTWAIT);
+    if (got <= 0) {
+        *lost = got == 0 || (errno != EAGAIN && errno != EINTR);
+        return false;
+    }
+    connection.input.append(buffer, static_cast<std::size_t>(got));
+    if (connection.answerBytes == 0)
+        connection.answerBytes = answerSize(connection.input);
+    return connection.answerBytes != 0 && connection.input.size() >= connection.answerBytes;
+}
+
+double percentile(std::vector<float>& latencies, double share) {
+    if (latencies.empty())
+        return 0.0;
+    const auto index = static_cast<std::size_t>(share * static_cast<double>(latencies.size() - 1));
+    std::nth_element(latencies.begin(), latencies.begin() + static_cast<std::ptrdiff_t>(index), latencies.end());
+    return static_cast<double>(latencies[index]);
+}
+
+} // namespace
+
+LoadResult runLoad(unsigned short port, const std::string& request, const std::string& expectedText,
+                   int connectionCount, double seconds) {
+    const int epollFd = ::epoll_create1(EPOLL_CLOEXEC);
+    std::vector<Connection> connections(static_cast<std::size_t>(connectionCount));
+    for (Connection& connection : connections) {
+        connection.fd = openConnection(port);
+        epoll_event event = {};
+        event.events = EPOLLIN;
+        event.data.ptr = &connection;
+        ::epoll_ctl(epollFd, EPOLL_CTL_ADD, connection.fd, &event);
+    }
+    LoadResult result;
+    std::vector<float> latencies;
+    latencies.reserve(1 << 20);
+    const Clock::time_point start = Clock::now();
+    const Clock::time_point end = start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+    for (Connection& connection : connections)
+        sendRequest(connection, request);
+    epoll_event events[256];
+    Clock::time_point now = start;
+    while (now < end) {
+        const int ready = ::epoll_wait(epollFd, events, 256, 100);
+        now = Clock::now();
+        for (int i = 0; i < ready; ++i) {
+            auto& connection = *static_cast<Connection*>(events[i].data.ptr);
+            bool lost = false;
+            if (!receiveAnswer(connection, &lost)) {
+                if (lost) {
+                    ++result.failureCount;
+                    ::epoll_ctl(epollFd, EPOLL_CTL_DEL, connection.fd, nullptr);
+                }
+                continue;
+            }
+            latencies.push_back(std::chrono::duration<float, std::micro>(Clock::now() - connection.sentAt).count());
+            if (connection.input.compare(0, 12, "HTTP/1.1 200") != 0 ||
+                connection.input.find(expectedText) == std::string::npos)
+                ++result.failureCount;
+            connection.input.erase(0, connection.answerBytes);
+            connection.answerBytes = 0;
+            sendRequest(connection, request);
+        }
+    }
+    const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+    for (const Connection& connection : connections)
+        ::close(connection.fd);
+    ::close(epollFd);
+    result.requestCount = static_cast<long long>(latencies.size());
+    result.requestsPerSecond = static_cast<double>(latencies.size()) / elapsed;
+    result.p50Us = percentile(latencies, 0.50);
+    result.p99Us = percentile(latencies, 0.99);
+    result.maxUs = percentile(latencies, 1.0);
+    return result;
+}
+
+IdleConnections::IdleConnections(unsigned short port, int count) : fds_(new int[static_cast<std::size_t>(count)]), count_(count) {
+    for (int i = 0; i < count_; ++i)
+        fds_[i] = openConnection(port);
+}
+
+IdleConnections::~IdleConnections() {
+    for (int i = 0; i < count_; ++i)
+        ::close(fds_[i]);
+    delete[] fds_;
+}
+
+std::string askOnce(unsigned short port, const std::string& request) {
+    Connection connection;
+    connection.fd = openConnection(port);
+    sendRequest(connection, request);
+    char buffer[16384];
+    while (connection.answerBytes == 0 || connection.input.size() < connection.answerBytes) {
+        const ssize_t got = ::recv(connection.fd, buffer, sizeof(buffer), 0);
+        if (got <= 0)
+            break;
+        connection.input.append(buffer, static_cast<std::size_t>(got));
+        connection.answerBytes = answerSize(connection.input);
+    }
+    ::close(connection.fd);
+    return connection.input;
+}

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <string>
+
+/// What one run of the load generator saw.
+struct LoadResult {
+    double requestsPerSecond = 0.0;
+    double p50Us = 0.0;
+    double p99Us = 0.0;
+    double maxUs = 0.0;
+    long long requestCount = 0;
+    long long failureCount = 0; // answers that are not 200 with the expected text, and lost connections
+};
+
+/// Keeps `connectionCount` connections to a loopback port busy for `seconds`, each sending its next request when
+/// the answer to the last has come. Single-threaded, bounded, stops by itself.
+LoadResult runLoad(unsigned short port, const std::string& request, const std::string& expectedText,
+                   int connectionCount, double seconds);
+
+/// Connections that are opened and left idle until the object goes.
+class IdleConnections {
+public:
+    IdleConnections(unsigned short port, int count);
+    ~IdleConnections();
+    IdleConnections(const IdleConnections&) = delete;
+    IdleConnections& operator=(const IdleConnections&) = delete;
+
+private:
+    int* fds_;
+    int count_;
+};
+
+/// One request over a connection of its own; the whole answer, head and body.
+std::string askOnce(unsigned short port, const std::string& request);

@@ -1,0 +1,98 @@
+#include "agent/BreltMcpBridgeAgent.h"
+
+#include "core/runtime/ZnCoreApplication.h"
+#include "core/types/ZnLogger.h"
+
+#include <utility>
+
+namespace {
+
+constexpr int kCallsEndMs = 1000;
+constexpr int kDeletionMs = 200;
+
+/// The application whose loop the caller may run, or null.
+ZnCoreApplication* idleApplication() {
+    ZnCoreApplication* application = ZnCoreApplication::instance();
+    return application == nullptr || application->fiberPool().isOnFiber() ? nullptr : application;
+}
+
+/// Runs the loop until the objects that wait for their deletion are gone. They go in order, so a marker behind them
+/// shows it; the second round is for what the first one left behind.
+void runDeferredDeletions(ZnCoreApplication& application) {
+    for (int round = 0; round < 2; ++round) {
+        auto* marker = new ZnObject;
+        const ZnPointer<ZnObject> guard(marker);
+        marker->deleteLater();
+        application.processUntil([&] { return !guard; }, kDeletionMs);
+    }
+}
+
+} // namespace
+
+BreltMcpBridgeAgent::BreltMcpBridgeAgent() : mcpPath_("/mcp"), calls_(std::make_shared<McpForwardCalls>()) {}
+
+BreltMcpBridgeAgent::~BreltMcpBridgeAgent() {
+    stop();
+}
+
+void BreltMcpBridgeAgent::setServicesFile(const ZnString& path) {
+    servicesFile_ = path.trimmed();
+}
+
+void BreltMcpBridgeAgent::setMcpPath(const ZnString& path) {
+    mcpPath_ = normalizeMcpPath_(path);
+}
+
+void BreltMcpBridgeAgent::setMcpToken(const ZnString& token) {
+    mcpToken_ = token.trimmed();
+}
+
+void BreltMcpBridgeAgent::setAllowedOrigin(const ZnString& origin) {
+    allowedOrigin_ = origin.trimmed();
+}
+
+ZnString BreltMcpBridgeAgent::normalizeMcpPath_(const ZnString& path) {
+    std::string_view text = trimmedView(path.view());
+    while (text.size() > 1 && text.ends_with('/'))
+        text.remove_suffix(1);
+    if (text.empty())
+        return "/mcp";
+    return text.front() == '/' ? ZnString(text) : "/" + ZnString(text);
+}
+
+bool BreltMcpBridgeAgent::start(const ZnString& bindAddress, std::uint16_t port, const ZnString& tlsCertPath,
+                                const ZnString& tlsKeyPath) {
+    if (!loadServices_())
+        return false;
+    if (!tlsCertPath.isEmpty() && !tlsKeyPath.isEmpty()) {
+        ZN_LOG_ERROR("zn.core.io.zntcpserver", "BreltMcpBridgeAgent::start") << "TLS is not available in this build";
+        return false;
+    }
+    auto server = std::make_unique<ZnHttpApp>();
+    ZnHttpLimits limits = server->limits();
+    limits.maxBodyBytes = kMaxBodyBytes;
+    server->setLimits(limits);
+    registerRoutes_(*server);
+    const ZnString address = bindAddress.trimmed();
+    if (!server->tcpServer().listen(address.isEmpty() ? ZnString("127.0.0.1") : address, port))
+        return false;
+    server_ = std::move(server);
+    return true;
+}
+
+void BreltMcpBridgeAgent::stop() {
+    if (!server_)
+        return;
+    ZnCoreApplication* application = idleApplication();
+    calls_->stop();
+    if (application != nullptr)
+        application->processUntil([this] { return calls_->isEmpty(); }, kCallsEndMs);
+    server_->stop();
+    server_.reset();
+    if (application != nullptr)
+        runDeferredDeletions(*application);
+}
+
+std::uint16_t BreltMcpBridgeAgent::localPort() const {
+    return server_ ? server_->tcpServer().localPort() : static_cast<std::uint16_t>(0);
+}

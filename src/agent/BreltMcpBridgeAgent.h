@@ -1,0 +1,127 @@
+#pragma once
+
+#include "agent/McpBridgeServiceRecord.h"
+#include "agent/McpBridgeSession.h"
+#include "agent/McpFailureTable.h"
+#include "agent/McpForwardCalls.h"
+#include "agent/McpSessionTable.h"
+#include "core/io/http/ZnHttpApp.h"
+#include "core/platform/ZnMonotonicClock.h"
+#include "core/types/ZnJsonObject.h"
+#include "core/types/ZnMap.h"
+#include "core/types/ZnMutex.h"
+#include "core/types/ZnString.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string_view>
+
+/// The bridge agent: an HTTP server that speaks MCP to its clients and forwards single calls to the services of an
+/// allowlist.
+///
+/// States: constructed, listening, stopped. Configuration is set before start and never changes afterwards.
+/// Thread: one, that of its ZnCoreApplication. Handlers run on fibers and interleave where one waits for a service;
+/// no lock is held across that wait, and no two at once.
+/// Owner: the entry function.
+class BreltMcpBridgeAgent {
+public:
+    static constexpr std::uint64_t kMaxBodyBytes = 16777216; // of one request
+    static constexpr const char* kProtocolVersion = "2025-06-18";
+
+    BreltMcpBridgeAgent();
+    /// Stops.
+    ~BreltMcpBridgeAgent();
+    BreltMcpBridgeAgent(const BreltMcpBridgeAgent&) = delete;
+    BreltMcpBridgeAgent& operator=(const BreltMcpBridgeAgent&) = delete;
+
+    /// The allowlist; with an empty path it is empty.
+    void setServicesFile(const ZnString& path);
+    void setMcpPath(const ZnString& path);
+    /// The bearer token that clients must show; empty: none.
+    void setMcpToken(const ZnString& token);
+    /// The browser origin that may call the MCP routes; empty: none.
+    void setAllowedOrigin(const ZnString& origin);
+
+    /// Loads the allowlist and listens; port 0 lets the system choose. Returns false, with the reason on standard error
+    /// or in the log, when it does not listen.
+    bool start(const ZnString& bindAddress, std::uint16_t port, const ZnString& tlsCertPath,
+               const ZnString& tlsKeyPath);
+    /// Ends the calls in flight, lets their answers go out, and closes the server. On the loop's own context; runs the
+    /// loop, which need not be running, for a second at most. Nothing when it does not listen.
+    void stop();
+    /// The port it listens on, 0 when it does not.
+    std::uint16_t localPort() const;
+
+private:
+    friend struct BreltMcpBridgeAgentTestPeer; // handlers as values, a fake clock
+
+    using ServiceRef_ = std::shared_ptr<const McpBridgeServiceRecord>;
+    using ServiceMap_ = ZnMap<ZnString, ServiceRef_>;
+    using SessionRef_ = std::shared_ptr<McpBridgeSession>;
+
+    static ZnString normalizeMcpPath_(const ZnString& path);
+
+    // Allowlist: McpServices.cpp.
+    bool loadServices_();
+    bool parseServices_(const ZnString& text, ZnString* errorOut);
+    void setServices_(ServiceMap_ services);
+    ServiceRef_ findService_(const ZnString& id);
+    ZnJsonArray publicServiceViews_();
+    static ZnJsonObject publicServiceView_(const McpBridgeServiceRecord& record);
+
+    // Routes and their gate: McpFront.cpp.
+    void registerRoutes_(ZnHttpApp& app);
+    static std::string_view clientKey_(const ZnHttpContext& context);
+    void applySecurityHeaders_(ZnHttpContext& context) const;
+    bool rejectIfThrottled_(ZnHttpContext& context);
+    void recordFailure_(const ZnHttpContext& context);
+    bool rejectIfForeignOrigin_(ZnHttpContext& context);
+    bool rejectIfUnauthenticated_(ZnHttpContext& context);
+    bool authorizeRequest_(ZnHttpContext& context);
+    void handleOptions_(ZnHttpContext& context);
+    void handleGet_(ZnHttpContext& context);
+    void handleDelete_(ZnHttpContext& context);
+    void handleHelp_(ZnHttpContext& context) const;
+    void handleServiceList_(ZnHttpContext& context);
+    void handleServiceGet_(ZnHttpContext& context);
+
+    // Dispatcher and sessions: McpDispatcher.cpp.
+    void handlePost_(ZnHttpContext& context);
+    void handleMessage_(ZnHttpContext& context, const ZnJsonObject& message);
+    void handleNotification_(ZnHttpContext& context, std::string_view method);
+    void handleSessionRequest_(ZnHttpContext& context, const ZnJsonObject& request, std::string_view headerVersion);
+    void answerInitialize_(ZnHttpContext& context, const ZnJsonObject& request);
+    ZnString handleInitialize_(const ZnJsonObject& request, ZnString* sessionIdOut);
+    ZnString dispatchRequest_(const ZnJsonObject& request);
+    SessionRef_ createSession_(const ZnString& protocolVersion, const ZnString& clientName,
+                               const ZnString& clientVersion);
+    SessionRef_ findSession_(std::string_view id);
+    bool removeSession_(std::string_view id);
+    /// Finds the session that the request names; null when it has answered that there is none.
+    SessionRef_ requireSession_(ZnHttpContext& context);
+
+    // Tools: McpTools.cpp. The results are texts of tool results; see McpJson.h.
+    ZnString handleToolsCall_(const ZnJsonObject& request);
+    ZnString callTool_(const ZnString& name, const ZnJsonObject& arguments);
+    ZnString getServiceTool_(const ZnJsonObject& arguments);
+    ZnString callRpcTool_(const ZnJsonObject& arguments);
+    ZnString forwardTool_(const McpBridgeServiceRecord& record, const ZnJsonObject& arguments);
+    /// Parks the calling fiber; the agent may be gone when it returns.
+    McpForwardResult forwardToService_(const McpBridgeServiceRecord& record, const ZnJsonValue& request,
+                                       const ZnString& protocolVersion, const ZnString& sessionId);
+
+    std::unique_ptr<ZnHttpApp> server_; // null unless listening
+    ZnString servicesFile_;
+    ZnString mcpPath_;
+    ZnString mcpToken_;
+    ZnString allowedOrigin_;
+    ZnMutex servicesMutex_;
+    ServiceMap_ services_ ZN_GUARDED_BY(servicesMutex_);
+    ZnMutex sessionsMutex_;
+    McpSessionTable sessions_ ZN_GUARDED_BY(sessionsMutex_);
+    ZnMutex failuresMutex_;
+    McpFailureTable failures_ ZN_GUARDED_BY(failuresMutex_);
+    const std::shared_ptr<McpForwardCalls> calls_;
+    std::function<long long()> clock_ = monotonicNowNs;
+};

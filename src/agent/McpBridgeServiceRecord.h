@@ -1,0 +1,20 @@
+#pragma once
+
+#include "core/types/ZnString.h"
+
+#include <cstdint>
+
+/// One service of the allowlist. Read from the file at start and never changed: handlers share it.
+struct McpBridgeServiceRecord {
+    static constexpr std::int32_t kDefaultTimeoutMs = 15000;
+
+    ZnString id;
+    ZnString title;
+    ZnString description;
+    ZnString transport = "streamable-http";
+    ZnString endpoint;    // full URL
+    ZnString bearerToken; // leaves the agent only in requests to `endpoint`
+    ZnString tlsCaFile;
+    bool enabled = true;
+    std::int32_t timeoutMs = kDefaultTimeoutMs; // of one upstream call, 1 or more
+};

@@ -1,0 +1,12 @@
+#pragma once
+
+#include "core/types/ZnString.h"
+
+/// One MCP session: what a client agreed on in `initialize`. Shared, so that a running handler keeps it.
+struct McpBridgeSession {
+    ZnString id; // value of the session header
+    ZnString protocolVersion;
+    ZnString clientName;
+    ZnString clientVersion;
+    bool initialized = false; // no request depends on it
+};

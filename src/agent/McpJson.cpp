@@ -1,0 +1,100 @@
+#include "agent/McpJson.h"
+
+#include "core/types/ZnJsonDocument.h"
+
+#include <initializer_list>
+#include <utility>
+
+namespace mcp {
+
+namespace {
+
+ZnJsonObject stringProperty_(const char* description) {
+    return {{"type", "string"}, {"description", description}};
+}
+
+ZnJsonObject objectProperty_(const char* description) {
+    return {{"type", "object"}, {"description", description}, {"additionalProperties", true}};
+}
+
+ZnJsonObject makeTool_(const char* name, const char* title, const char* description, ZnJsonObject properties,
+                       std::initializer_list<const char*> requiredNames) {
+    ZnJsonObject schema{{"type", "object"}, {"properties", std::move(properties)}};
+    if (requiredNames.size() > 0) {
+        ZnJsonArray required;
+        for (const char* requiredName : requiredNames)
+            required.append(requiredName);
+        schema["required"] = std::move(required);
+    }
+    return {{"name", name}, {"title", title}, {"description", description}, {"inputSchema", std::move(schema)}};
+}
+
+ZnString catalogueText() {
+    constexpr const char* kServiceId = "Configured service id.";
+    ZnJsonArray tools;
+    tools.append(makeTool_("bridge.list_services", "List private MCP services",
+                           "List MCP services explicitly configured in this local bridge allowlist.", {}, {}));
+    tools.append(makeTool_("bridge.get_service", "Get private MCP service",
+                           "Return one configured MCP service without leaking its bearer token.",
+                           {{"serviceId", stringProperty_(kServiceId)}}, {"serviceId"}));
+    tools.append(makeTool_("bridge.rpc", "Call private MCP service",
+                           "Forward one JSON-RPC request to a configured private Streamable HTTP MCP service.",
+                           {{"serviceId", stringProperty_(kServiceId)},
+                            {"request", objectProperty_("Single JSON-RPC MCP request to forward.")},
+                            {"protocolVersion", stringProperty_("Optional MCP protocol version header.")},
+                            {"sessionId", stringProperty_("Optional upstream MCP session id.")}},
+                           {"serviceId", "request"}));
+    return ZnJsonValue(ZnJsonObject{{"tools", std::move(tools)}}).toJson();
+}
+
+} // namespace
+
+ZnString textMember_(const ZnJsonObject& object, std::string_view name) {
+    const ZnJsonValue& value = object.value(name);
+    if (value.isNull())
+        return ZnString();
+    const ZnString other = value.isString() ? ZnString() : value.toStringOr(ZnString());
+    const std::string_view text = value.isString() ? value.string().view() : other.view();
+    return ZnString(trimmedView(text.substr(0, text.find('\0'))));
+}
+
+ZnJsonObject errorBody_(const char* message) {
+    return {{"error", message}};
+}
+
+ZnString jsonRpcResult_(const ZnJsonValue& id, std::string_view resultText) {
+    const ZnString idText = id.toJson();
+    ZnString text;
+    text.reserve(idText.size() + resultText.size() + 48);
+    text.append("{\"id\": ").append(idText.view()).append(",\"jsonrpc\": \"2.0\",\"result\": ");
+    return std::move(text.append(resultText).append("}"));
+}
+
+ZnString jsonRpcError_(const ZnJsonValue& id, int code, const char* message, ZnJsonValue data) {
+    ZnJsonObject error{{"code", code}, {"message", message}};
+    if (!data.isNull())
+        error["data"] = std::move(data);
+    return ZnJsonValue(ZnJsonObject{{"jsonrpc", "2.0"}, {"id", id}, {"error", std::move(error)}}).toJson();
+}
+
+ZnString toolResult_(const ZnJsonValue& payload, bool isError) {
+    const ZnString payloadText = payload.toJson();
+    const ZnString escapedText = escapeJsonString(payloadText.view());
+    ZnString text;
+    text.reserve(payloadText.size() + escapedText.size() + 96);
+    text.append("{\"content\": [{\"text\": \"").append(escapedText.view()).append("\",\"type\": \"text\"}],");
+    if (isError)
+        text.append("\"isError\": true,");
+    return std::move(text.append("\"structuredContent\": ").append(payloadText.view()).append("}"));
+}
+
+ZnString toolError_(const ZnString& message, int statusCode) {
+    return toolResult_(ZnJsonObject{{"error", message}, {"statusCode", statusCode}}, true);
+}
+
+const ZnString& toolCatalogue_() {
+    static const ZnString kText = catalogueText();
+    return kText;
+}
+
+} // namespace mcp

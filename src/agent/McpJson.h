@@ -1,0 +1,34 @@
+#pragma once
+
+#include "core/types/ZnJsonArray.h"
+#include "core/types/ZnJsonObject.h"
+#include "core/types/ZnJsonValue.h"
+#include "core/types/ZnString.h"
+
+#include <string_view>
+
+/// The JSON forms that the agent produces and the one in which it reads text.
+///
+/// Answers are put together from compact JSON texts with sorted members: a result may hold a large upstream body,
+/// which is written once and not copied into a tree first.
+namespace mcp {
+
+/// The trimmed text of a member, cut at its first NUL; empty when absent, null, an object or an array.
+ZnString textMember_(const ZnJsonObject& object, std::string_view name);
+
+/// {"error": message}
+ZnJsonObject errorBody_(const char* message);
+
+// JSON-RPC responses, as text. `resultText` is JSON.
+ZnString jsonRpcResult_(const ZnJsonValue& id, std::string_view resultText);
+/// "data" is left out when it is null.
+ZnString jsonRpcError_(const ZnJsonValue& id, int code, const char* message, ZnJsonValue data = ZnJsonValue());
+
+// Tool results, as text.
+ZnString toolResult_(const ZnJsonValue& payload, bool isError);
+ZnString toolError_(const ZnString& message, int statusCode);
+
+/// The result of "tools/list", as text.
+const ZnString& toolCatalogue_();
+
+} // namespace mcp

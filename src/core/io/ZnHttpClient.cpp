@@ -1,0 +1,449 @@
+#include "core/io/ZnHttpClient.h"
+
+#include "core/io/ZnTcpSocket.h"
+#include "core/types/ZnJsonDocument.h"
+#include "core/types/ZnLogger.h"
+
+#include <algorithm>
+#include <charconv>
+#include <limits>
+
+namespace {
+
+constexpr const char* kCategory = "zn.core.io.znhttpclient";
+constexpr std::string_view kLineEnd = "\r\n";
+constexpr std::string_view kHeadEnd = "\r\n\r\n";
+/// A chunk that says it is larger is taken for a mistake, as is a size line that does not end.
+constexpr std::int64_t kMaxChunkBytes = std::int64_t(1) << 40;
+constexpr std::size_t kMaxChunkLineBytes = 8192;
+constexpr std::size_t kLoggedTextBytes = 64; // of what a peer sent; escaped, so that it stays on its line
+
+const char* methodText(int method) {
+    static constexpr const char* kTexts[] = {"GET", "HEAD", "POST", "PUT", "PATCH", "DELETE", "OPTIONS"};
+    return method >= ZnHttpClient::Get && method <= ZnHttpClient::Options ? kTexts[method] : kTexts[0];
+}
+
+bool isTokenChar(char c) {
+    const bool isAlnum = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+    return isAlnum || (c != '\0' && std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos);
+}
+
+bool isToken(std::string_view text) {
+    return !text.empty() && std::all_of(text.begin(), text.end(), isTokenChar);
+}
+
+/// With CR or LF a text could end its line and begin another one, or another request.
+bool isSafeLineText(std::string_view text) {
+    return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
+}
+
+/// Blanks and control characters would end the request line early.
+bool isSafeUrlText(std::string_view text) {
+    return std::none_of(text.begin(), text.end(), [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return byte <= 0x20 || byte == 0x7F;
+    });
+}
+
+bool startsWithIgnoreCase(const ZnString& text, std::string_view prefix) {
+    return text.size() >= prefix.size() && ZnString(text.view().substr(0, prefix.size())).equalsIgnoreCase(prefix);
+}
+
+void appendHeader(ZnString* head, std::string_view name, std::string_view value) {
+    head->append(name).append(": ").append(value).append(kLineEnd);
+}
+
+/// Cuts the first piece, up to `separator` or the end, off the front of `*rest`.
+std::string_view cutPiece(std::string_view* rest, std::string_view separator) {
+    const std::size_t end = rest->find(separator);
+    const std::string_view piece = rest->substr(0, end);
+    rest->remove_prefix(end == std::string_view::npos ? rest->size() : end + separator.size());
+    return piece;
+}
+
+/// -1 when `text` is no hexadecimal number up to kMaxChunkBytes.
+std::int64_t parseChunkSize(std::string_view text) {
+    std::int64_t size = -1;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), size, 16);
+    const bool isNumber = error == std::errc() && end == text.data() + text.size() && text.front() != '-';
+    return isNumber && size <= kMaxChunkBytes ? size : -1;
+}
+
+} // namespace
+
+ZnHttpClient::ZnHttpClient(ZnObject* parent) : ZnObject(parent) {}
+
+ZnHttpClient::~ZnHttpClient() {
+    abort();
+}
+
+bool ZnHttpClient::setHeader(const ZnString& name, const ZnString& value) {
+    ZnString trimmedName = name.trimmed();
+    if (!isToken(trimmedName.view()) || !isSafeLineText(value.view()))
+        return false;
+    requestHeaders_.insert(std::move(trimmedName), value);
+    return true;
+}
+
+// --- the request
+
+bool ZnHttpClient::parseUrl_(const ZnString& url, Target_* target) {
+    const bool isHttp = startsWithIgnoreCase(url, "http://");
+    if (!isHttp && !startsWithIgnoreCase(url, "https://"))
+        return false;
+    target->scheme = isHttp ? "http" : "https";
+    target->port = isHttp ? 80 : 443;
+    const std::string_view rest = url.view().substr(isHttp ? 7 : 8);
+    const std::size_t pathAt = std::min(rest.find('/'), rest.size());
+    target->path = pathAt == rest.size() ? ZnString("/") : ZnString(rest.substr(pathAt));
+    return isSafeUrlText(rest) && parseAuthority_(rest.substr(0, pathAt), target);
+}
+
+bool ZnHttpClient::parseAuthority_(std::string_view authority, Target_* target) {
+    const std::size_t colonAt = std::min(authority.find(':'), authority.size());
+    target->host = ZnString(authority.substr(0, colonAt));
+    if (colonAt < authority.size()) {
+        bool isNumber = false;
+        const int port = ZnString(authority.substr(colonAt + 1)).toInt(&isNumber);
+        if (!isNumber || port < 1 || port > std::numeric_limits<std::uint16_t>::max())
+            return false;
+        target->port = static_cast<std::uint16_t>(port);
+    }
+    return !target->host.isEmpty();
+}
+
+bool ZnHttpClient::request(int method, const ZnString& url, ZnByteArray body, const ZnString& contentType) {
+    Target_ target;
+    if (!parseUrl_(url, &target)) {
+        errorOccurred(kUrlNotAccepted);
+        return false;
+    }
+    abort();
+    method_ = method;
+    target_ = std::move(target);
+    requestBody_ = std::move(body);
+    contentType_ = contentType;
+    socket_ = createSocket_();
+    if (socket_ == nullptr) {
+        fail_(kConnectNotBegun);
+        return false;
+    }
+    state_ = State_::Connecting;
+    const ZnPointer<ZnHttpClient> self(this);
+    const unsigned serial = requestSerial_;
+    const bool hasBegun = socket_->connectToHost(target_.host, target_.port); // may park and emit
+    if (!self || serial != requestSerial_)
+        return hasBegun; // aborted, or ended by a signal of its own
+    if (!hasBegun)
+        fail_(kConnectNotBegun);
+    return hasBegun;
+}
+
+/// Null, with the reason in the log, when there can be no connection.
+ZnAbstractSocket* ZnHttpClient::createSocket_() {
+    if (target_.useTls() || !isSafeLineText(contentType_.view())) {
+        ZN_LOG_ERROR(kCategory, "ZnHttpClient::request")
+            << "[ZnHttpClient] " << (target_.useTls() ? "TLS is not available in this build" : "invalid content type");
+        return nullptr;
+    }
+    ZnAbstractSocket* socket = new ZnTcpSocket(this);
+    socket->connect(&ZnAbstractSocket::errorOccurred, this, &ZnHttpClient::onSocketError_);
+    socket->connect(&ZnAbstractSocket::disconnected, this, &ZnHttpClient::onDisconnected_);
+    socket->connect(&ZnIODevice::readyRead, this, &ZnHttpClient::onReadyRead_);
+    socket->connect(&ZnAbstractSocket::connected, this, &ZnHttpClient::onConnected_);
+    return socket;
+}
+
+void ZnHttpClient::onConnected_() {
+    state_ = State_::ReadingHead;
+    ZnString head = buildRequest_();
+    const ZnPointer<ZnHttpClient> self(this);
+    const unsigned serial = requestSerial_;
+    const bool isAccepted = socket_->writeGathered(std::move(head), std::move(requestBody_)); // may emit
+    if (self && serial == requestSerial_ && !isAccepted)
+        fail_(kWriteFailed);
+}
+
+/// Everything of the request but its body.
+ZnString ZnHttpClient::buildRequest_() const {
+    ZnString head(methodText(method_));
+    head.append(" ").append(target_.path.view()).append(" HTTP/1.1\r\n");
+    if (!hasHeader_("host")) {
+        ZnString host = target_.host;
+        if (target_.port != (target_.useTls() ? 443 : 80))
+            host.append(":").append(ZnString::number(target_.port).view());
+        appendHeader(&head, "Host", host.view());
+    }
+    for (const auto& [name, value] : requestHeaders_)
+        appendHeader(&head, name.view(), value.view());
+    if (!hasHeader_("connection"))
+        appendHeader(&head, "Connection", "close");
+    if (!hasHeader_("accept"))
+        appendHeader(&head, "Accept", "*/*");
+    if (!hasHeader_("user-agent"))
+        appendHeader(&head, "User-Agent", "ZnHttpClient/1.0");
+    appendContentHeaders_(&head);
+    head.append(kLineEnd);
+    return head;
+}
+
+void ZnHttpClient::appendContentHeaders_(ZnString* head) const {
+    const bool expectsBody = method_ == Post || method_ == Put || method_ == Patch;
+    if (!expectsBody && requestBody_.isEmpty())
+        return;
+    if (!hasHeader_("content-type"))
+        appendHeader(head, "Content-Type", contentType_.isEmpty() ? "application/octet-stream" : contentType_.view());
+    if (!hasHeader_("content-length"))
+        appendHeader(head, "Content-Length",
+                     ZnString::number(static_cast<unsigned long long>(requestBody_.size())).view());
+}
+
+bool ZnHttpClient::hasHeader_(std::string_view name) const {
+    return std::any_of(requestHeaders_.begin(), requestHeaders_.end(),
+                       [name](const auto& header) { return header.first.equalsIgnoreCase(name); });
+}
+
+// --- the response
+
+void ZnHttpClient::onReadyRead_() {
+    // One buffer serves all clients of the thread: nothing parks between the read and the last use of its bytes.
+    static thread_local char buffer[16 * 1024];
+    const ZnPointer<ZnHttpClient> self(this);
+    const unsigned serial = requestSerial_;
+    while (self && serial == requestSerial_) {
+        const std::size_t gotBytes = socket_->readInto(buffer, sizeof(buffer)); // may emit
+        if (gotBytes == 0 || !self || serial != requestSerial_)
+            return;
+        takeBytes_({buffer, gotBytes});
+    }
+}
+
+void ZnHttpClient::takeBytes_(std::string_view bytes) {
+    Progress_ progress;
+    if (rxBuffer_.isEmpty()) { // the usual case: a body goes straight to its place
+        progress = processBuffer_(&bytes);
+        rxBuffer_.append(bytes);
+    } else {
+        rxBuffer_.append(bytes);
+        std::string_view rest = rxBuffer_.view();
+        progress = processBuffer_(&rest);
+        rxBuffer_.consumeFront(rxBuffer_.size() - rest.size());
+    }
+    if (progress == Progress_::Finished)
+        finish_();
+    else if (progress == Progress_::InvalidChunkSize)
+        fail_(kInvalidChunkSize);
+    else if (progress == Progress_::InvalidChunkEnd)
+        fail_(kInvalidChunkEnd);
+}
+
+/// Takes as many steps as the input allows. Emits nothing.
+ZnHttpClient::Progress_ ZnHttpClient::processBuffer_(std::string_view* input) {
+    Progress_ progress = Progress_::GoOn;
+    while (progress == Progress_::GoOn)
+        progress = step_(input);
+    return progress;
+}
+
+ZnHttpClient::Progress_ ZnHttpClient::step_(std::string_view* input) {
+    switch (state_) {
+    case State_::ReadingHead:
+        return takeHead_(input);
+    case State_::ReadingCounted:
+        return takeCounted_(input);
+    case State_::ReadingChunkSize:
+        return takeChunkSize_(input);
+    case State_::ReadingChunkData:
+        return takeChunkData_(input);
+    case State_::ReadingChunkEnd:
+        return takeChunkEnd_(input);
+    case State_::ReadingToClose:
+        takeBody_(input, std::numeric_limits<std::int64_t>::max());
+        return Progress_::NeedMore;
+    case State_::Idle:
+    case State_::Connecting:
+        break;
+    }
+    return Progress_::NeedMore;
+}
+
+ZnHttpClient::Progress_ ZnHttpClient::takeHead_(std::string_view* input) {
+    std::size_t end = 0;
+    if (!findEnd_(*input, kHeadEnd, &end))
+        return Progress_::NeedMore;
+    rawHead_ = ZnString(input->substr(0, end + kHeadEnd.size()));
+    input->remove_prefix(rawHead_.size());
+    parseHead_();
+    if (method_ == Head || contentLength_ == 0)
+        return Progress_::Finished;
+    state_ = chunked_              ? State_::ReadingChunkSize
+             : contentLength_ < 0 ? State_::ReadingToClose
+                                  : State_::ReadingCounted;
+    return Progress_::GoOn;
+}
+
+ZnHttpClient::Progress_ ZnHttpClient::takeCounted_(std::string_view* input) {
+    takeBody_(input, contentLength_ - bytesReceived_);
+    return bytesReceived_ == contentLength_ ? Progress_::Finished : Progress_::NeedMore;
+}
+
+ZnHttpClient::Progress_ ZnHttpClient::takeChunkSize_(std::string_view* input) {
+    std::size_t end = 0;
+    const bool isWhole = findEnd_(*input, kLineEnd, &end);
+    if (!isWhole && input->size() <= kMaxChunkLineBytes)
+        return Progress_::NeedMore;
+    std::string_view line = input->substr(0, isWhole ? end : kMaxChunkLineBytes);
+    const std::string_view text = trimmedView(cutPiece(&line, ";"));
+    chunkRemaining_ = isWhole ? parseChunkSize(text) : -1;
+    if (chunkRemaining_ < 0) {
+        ZN_LOG_ERROR(kCategory, "ZnHttpClient::processChunked_")
+            << "[ZnHttpClient] invalid chunk size: " << escapeJsonString(text.substr(0, kLoggedTextBytes));
+        return Progress_::InvalidChunkSize;
+    }
+    input->remove_prefix(end + kLineEnd.size());
+    if (chunkRemaining_ == 0)
+        return Progress_::Finished; // neither the trailer section nor the final line end is waited for
+    state_ = State_::ReadingChunkData;
+    return Progress_::GoOn;
+}
+
+ZnHttpClient::Progress_ ZnHttpClient::takeChunkData_(std::string_view* input) {
+    const std::int64_t before = bytesReceived_;
+    takeBody_(input, chunkRemaining_);
+    chunkRemaining_ -= bytesReceived_ - before;
+    if (chunkRemaining_ > 0)
+        return Progress_::NeedMore;
+    state_ = State_::ReadingChunkEnd;
+    return Progress_::GoOn;
+}
+
+ZnHttpClient::Progress_ ZnHttpClient::takeChunkEnd_(std::string_view* input) {
+    if (input->size() < kLineEnd.size())
+        return Progress_::NeedMore;
+    if (!input->starts_with(kLineEnd)) {
+        ZN_LOG_ERROR(kCategory, "ZnHttpClient::processChunked_") << "[ZnHttpClient] missing CRLF after chunk";
+        return Progress_::InvalidChunkEnd;
+    }
+    input->remove_prefix(kLineEnd.size());
+    state_ = State_::ReadingChunkSize;
+    return Progress_::GoOn;
+}
+
+void ZnHttpClient::takeBody_(std::string_view* input, std::int64_t maxBytes) {
+    const auto takenBytes = std::min(static_cast<std::int64_t>(input->size()), maxBytes);
+    bodyBuffer_.append(input->substr(0, static_cast<std::size_t>(takenBytes)));
+    input->remove_prefix(static_cast<std::size_t>(takenBytes));
+    bytesReceived_ += takenBytes;
+}
+
+/// Finds `mark` without looking twice at bytes that came earlier.
+bool ZnHttpClient::findEnd_(std::string_view input, std::string_view mark, std::size_t* position) {
+    *position = input.find(mark, scannedBytes_);
+    const bool isFound = *position != std::string_view::npos;
+    scannedBytes_ = isFound ? 0 : input.size() - std::min(input.size(), mark.size() - 1);
+    return isFound;
+}
+
+void ZnHttpClient::parseHead_() {
+    std::string_view rest = rawHead_.view();
+    std::string_view line;
+    while (line.empty() && !rest.empty())
+        line = cutPiece(&rest, kLineEnd);
+    parseStatusLine_(line);
+    while (!rest.empty())
+        parseHeaderLine_(cutPiece(&rest, kLineEnd));
+    bool isNumber = false;
+    contentLength_ = rxHeaders_.value("content-length").toLongLong(&isNumber);
+    chunked_ = rxHeaders_.value("transfer-encoding").toLower().contains("chunked");
+    if (!isNumber || contentLength_ < 0 || chunked_)
+        contentLength_ = -1;
+}
+
+void ZnHttpClient::parseStatusLine_(std::string_view line) {
+    cutPiece(&line, " ");
+    rxStatus_ = ZnString(cutPiece(&line, " ")).toInt();
+    rxReason_ = ZnString(trimmedView(line));
+}
+
+void ZnHttpClient::parseHeaderLine_(std::string_view line) {
+    if (line.find(':') == std::string_view::npos)
+        return;
+    const ZnString name = ZnString(trimmedView(cutPiece(&line, ":"))).toLower();
+    rxHeaders_.insert(name, ZnString(trimmedView(line)));
+}
+
+void ZnHttpClient::onDisconnected_() {
+    if (state_ == State_::ReadingToClose)
+        finish_();
+}
+
+// --- the end
+
+void ZnHttpClient::finish_() {
+    const auto result = std::make_shared<Result_>();
+    result->statusCode = rxStatus_;
+    result->reasonPhrase = std::move(rxReason_);
+    result->body = std::move(bodyBuffer_);
+    result->rawHeaders = std::move(rawHead_);
+    result->responseHeaders = std::move(rxHeaders_);
+    dropSocket_();
+    resetResponse_();
+    result_ = result;
+    finished(result->body); // a slot may delete the client; the next slot still needs the body
+}
+
+void ZnHttpClient::fail_(int code) {
+    dropSocket_();
+    resetResponse_();
+    errorOccurred(code);
+}
+
+void ZnHttpClient::abort() {
+    dropSocket_();
+    resetResponse_();
+    requestBody_.release();
+    result_.reset();
+}
+
+/// Closes the connection at once, which also ends a name look-up that is under way.
+void ZnHttpClient::dropSocket_() {
+    ++requestSerial_;
+    state_ = State_::Idle;
+    ZnAbstractSocket* socket = std::exchange(socket_, nullptr);
+    if (socket == nullptr)
+        return;
+    socket->disconnectAll();
+    socket->close();
+    socket->deleteLater();
+}
+
+void ZnHttpClient::resetResponse_() {
+    rxBuffer_.release();
+    scannedBytes_ = 0;
+    bodyBuffer_.release();
+    bytesReceived_ = 0;
+    rawHead_.clear();
+    rxHeaders_.clear();
+    rxStatus_ = 0;
+    rxReason_.clear();
+    contentLength_ = -1;
+    chunked_ = false;
+    chunkRemaining_ = 0;
+}
+
+const ZnHttpClient::Result_& ZnHttpClient::resultOrNone_() const noexcept {
+    static const Result_ kNone;
+    return result_ ? *result_ : kNone;
+}
+
+ZnByteArray ZnHttpClient::takeBody() {
+    return result_ ? std::move(result_->body) : ZnByteArray();
+}
+
+void ZnHttpClient::finished(const ZnByteArray& body) {
+    emitSignal(&ZnHttpClient::finished, body);
+}
+
+void ZnHttpClient::errorOccurred(int code) {
+    emitSignal(&ZnHttpClient::errorOccurred, code);
+}

@@ -1,0 +1,153 @@
+#pragma once
+
+#include "core/object/ZnObject.h"
+#include "core/types/ZnByteArray.h"
+#include "core/types/ZnMap.h"
+#include "core/types/ZnString.h"
+
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+class ZnAbstractSocket;
+
+/// One HTTP/1.1 request at a time, each on a connection of its own that is closed after it.
+///
+/// Follows no redirect and has no limit of time or size: a caller that needs one arms a timer and calls abort().
+/// Exactly one of `finished` and `errorOccurred` ends a request, with two exceptions that leave it to that timer: an
+/// abort, and a connection that closes without an error before its response is complete.
+/// Thread: the owning thread. A slot may delete the client, and abort() or the destructor may come at any time, also
+/// while request() is parked.
+class ZnHttpClient : public ZnObject {
+public:
+    ZN_OBJECT(ZnHttpClient, ZnObject)
+
+    enum Method : int { Get = 0, Head = 1, Post = 2, Put = 3, Patch = 4, Delete = 5, Options = 6 };
+
+    // Codes of errorOccurred; all others are those of the socket.
+    static constexpr int kUrlNotAccepted = -1;
+    static constexpr int kConnectNotBegun = -2;
+    static constexpr int kWriteFailed = -3;
+    static constexpr int kInvalidChunkSize = -4;
+    static constexpr int kInvalidChunkEnd = -5;
+
+    explicit ZnHttpClient(ZnObject* parent = nullptr);
+    ~ZnHttpClient() override;
+
+    /// Sets a header of this and all later requests; the trimmed name goes out as written here. Returns false, without
+    /// any effect, for a name that is no HTTP token and for a value with CR, LF or NUL.
+    bool setHeader(const ZnString& name, const ZnString& value);
+    /// A bundle of certificate authorities in place of the default trust; used from the next request on.
+    void setCaFile(const ZnString& path) { caFile_ = path; }
+
+    /// Begins a request, after an abort of the one before. Parks the calling fiber while a name is resolved. Returns
+    /// whether the connection attempt has begun; when not, a signal has said why unless it was aborted.
+    /// `url`: http:// or https://, without user information, IPv6 literals and control characters.
+    bool request(int method, const ZnString& url, ZnByteArray body, const ZnString& contentType);
+    /// Ends the request without a signal and forgets the result.
+    void abort();
+
+    // The result, from `finished` to the next request.
+    int statusCode() const noexcept { return result_ ? result_->statusCode : 0; }
+    const ZnString& reasonPhrase() const noexcept { return resultOrNone_().reasonPhrase; }
+    const ZnByteArray& body() const noexcept { return resultOrNone_().body; }
+    /// The status line and the headers as received, with the empty line.
+    const ZnString& rawHeaders() const noexcept { return resultOrNone_().rawHeaders; }
+    /// Names in lower case; a repeated one has its last value.
+    const ZnMap<ZnString, ZnString>& responseHeaders() const noexcept { return resultOrNone_().responseHeaders; }
+    /// Moves the body out of the result.
+    ZnByteArray takeBody();
+
+    // Signals.
+    void finished(const ZnByteArray& body);
+    void errorOccurred(int code);
+
+private:
+    friend struct ZnHttpClientTestPeer; // feeds the parser without a connection
+    enum class State_ {
+        Idle,
+        Connecting,
+        ReadingHead,
+        ReadingCounted,
+        ReadingChunkSize,
+        ReadingChunkData,
+        ReadingChunkEnd,
+        ReadingToClose
+    };
+    enum class Progress_ { GoOn, NeedMore, Finished, InvalidChunkSize, InvalidChunkEnd };
+
+    struct Target_ {
+        ZnString scheme;
+        ZnString host;
+        ZnString path;
+        std::uint16_t port = 0;
+        bool useTls() const { return scheme == "https"; }
+    };
+    struct Result_ {
+        int statusCode = 0;
+        ZnString reasonPhrase;
+        ZnByteArray body;
+        ZnString rawHeaders;
+        ZnMap<ZnString, ZnString> responseHeaders;
+    };
+
+    static bool parseUrl_(const ZnString& url, Target_* target);
+    static bool parseAuthority_(std::string_view authority, Target_* target);
+    ZnAbstractSocket* createSocket_();
+    ZnString buildRequest_() const;
+    void appendContentHeaders_(ZnString* head) const;
+    bool hasHeader_(std::string_view name) const;
+
+    // Slots of the socket.
+    void onConnected_();
+    void onReadyRead_();
+    void onDisconnected_();
+    void onSocketError_(int code) { fail_(code); }
+
+    // The response. The steps take what they understand off the front of `*input`.
+    void takeBytes_(std::string_view bytes);
+    Progress_ processBuffer_(std::string_view* input);
+    Progress_ step_(std::string_view* input);
+    Progress_ takeHead_(std::string_view* input);
+    Progress_ takeCounted_(std::string_view* input);
+    Progress_ takeChunkSize_(std::string_view* input);
+    Progress_ takeChunkData_(std::string_view* input);
+    Progress_ takeChunkEnd_(std::string_view* input);
+    void takeBody_(std::string_view* input, std::int64_t maxBytes);
+    bool findEnd_(std::string_view input, std::string_view mark, std::size_t* position);
+    void parseHead_();
+    void parseStatusLine_(std::string_view line);
+    void parseHeaderLine_(std::string_view line);
+
+    // Each of the first two emits as its last action.
+    void finish_();
+    void fail_(int code);
+    void dropSocket_();
+    void resetResponse_();
+    const Result_& resultOrNone_() const noexcept;
+
+    ZnAbstractSocket* socket_ = nullptr;   // child; null when idle
+    unsigned requestSerial_ = 0;           // changes when a request ends: tells what was parked or emitting that it is over
+    State_ state_ = State_::Idle;
+
+    ZnString caFile_;
+    int method_ = Get;
+    Target_ target_;
+    ZnMap<ZnString, ZnString> requestHeaders_; // names as the caller wrote them
+    ZnByteArray requestBody_;
+    ZnString contentType_;
+
+    ZnByteArray rxBuffer_;                 // received and not yet understood
+    std::size_t scannedBytes_ = 0;         // of it, known not to begin the mark that is searched for
+    ZnByteArray bodyBuffer_;               // decoded
+    std::int64_t bytesReceived_ = 0;       // of the body
+    ZnString rawHead_;
+    ZnMap<ZnString, ZnString> rxHeaders_;
+    int rxStatus_ = 0;
+    ZnString rxReason_;
+    std::int64_t contentLength_ = -1;      // -1: unknown
+    bool chunked_ = false;
+    std::int64_t chunkRemaining_ = 0;      // bytes of the present chunk that are still to come
+
+    std::shared_ptr<Result_> result_;      // shared with the emission of `finished`; null without a result
+};

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+// The bytes that end a plain run of a JSON string when it is read are those that need an escape when it is
+// written. Internal to this folder.
+namespace zn::detail {
+
+constexpr std::uint64_t repeated(unsigned char byte) {
+    return 0x0101010101010101u * byte;
+}
+
+/// The high bit of every byte of `word` that is a quote, a backslash or below 0x20. Bytes above the lowest
+/// one so marked may be marked wrongly, by the borrow.
+inline std::uint64_t specialBytes(std::uint64_t word) {
+    const std::uint64_t quotes = word ^ repeated('"');
+    const std::uint64_t slashes = word ^ repeated('\\');
+    return (((word - repeated(0x20)) & ~word) | ((quotes - repeated(1)) & ~quotes) |
+            ((slashes - repeated(1)) & ~slashes)) &
+           repeated(0x80);
+}
+
+/// The index of the first byte, from `at` on, that ends a run of plain string bytes; the size without one.
+inline std::size_t plainRunEnd(std::string_view text, std::size_t at) {
+    static_assert(std::endian::native == std::endian::little, "the first byte is taken to be the lowest one");
+    std::uint64_t word;
+    for (; text.size() - at >= sizeof(word); at += sizeof(word)) {
+        std::memcpy(&word, text.data() + at, sizeof(word));
+        if (const std::uint64_t marks = specialBytes(word); marks != 0)
+            return at + static_cast<std::size_t>(std::countr_zero(marks)) / 8;
+    }
+    while (at < text.size() && text[at] != '"' && text[at] != '\\' &&
+           static_cast<unsigned char>(text[at]) >= 0x20)
+        ++at;
+    return at;
+}
+
+} // namespace zn::detail

@@ -1,0 +1,79 @@
+#pragma once
+
+#include "agent/BreltMcpBridgeAgent.h"
+#include "core/io/ScriptedPeer.h"
+#include "support/LogCapture.h"
+#include "support/LoopFixture.h"
+
+#include <string>
+#include <utility>
+#include <vector>
+
+struct BreltMcpBridgeAgentTestPeer {
+    static void registerRoutes(BreltMcpBridgeAgent& agent, ZnHttpApp& app) { agent.registerRoutes_(app); }
+    static bool parseServices(BreltMcpBridgeAgent& agent, const ZnString& text, ZnString* error) {
+        return agent.parseServices_(text, error);
+    }
+    static void setClock(BreltMcpBridgeAgent& agent, std::function<long long()> clock) {
+        agent.clock_ = std::move(clock);
+    }
+    static void stopCalls(BreltMcpBridgeAgent& agent) { agent.calls_->stop(); }
+    static bool hasCalls(const BreltMcpBridgeAgent& agent) { return !agent.calls_->isEmpty(); }
+};
+
+/// An agent whose routes are called with values, without a socket, and a clock that stands still.
+class AgentFixture : public LoopFixture {
+protected:
+    using Headers = std::vector<std::pair<const char*, std::string>>;
+    using Peer = BreltMcpBridgeAgentTestPeer;
+
+    void SetUp() override {
+        Peer::setClock(agent_, [this] { return nowNs_; });
+        Peer::registerRoutes(agent_, routes_);
+    }
+
+    ZnHttpResponse call(const char* method, const std::string& path, const Headers& headers = {},
+                        const std::string& body = {}) {
+        ZnHttpRequest request;
+        request.method = method;
+        request.path = path;
+        request.peerAddress = peerAddress_;
+        for (const auto& [name, value] : headers)
+            request.headers.insert(name, value);
+        request.body = ZnByteArray(std::string_view(body));
+        ZnHttpResponse response;
+        EXPECT_TRUE(routes_.router().dispatch(request, &response));
+        return response;
+    }
+    static std::string bodyOf(const ZnHttpResponse& response) { return response.body.toZnString().str(); }
+    static std::string header(const ZnHttpResponse& response, const char* name) {
+        return response.headers.value(name, "absent").str();
+    }
+    std::string newSession() {
+        return header(call("POST", "/mcp", {},
+                           R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18"}})"),
+                      "mcp-session-id");
+    }
+    void setServices(const std::string& text) {
+        ZnString error;
+        EXPECT_TRUE(Peer::parseServices(agent_, ZnString(text), &error)) << error;
+    }
+    /// The result of one tool, without what stands around it; "error: " in front when it is one.
+    std::string callTool(const std::string& name, const std::string& arguments, const std::string& session) {
+        const std::string body =
+            bodyOf(call("POST", "/mcp", {{"mcp-session-id", session}},
+                        R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":")" + name +
+                            R"(","arguments":)" + arguments + "}}"));
+        const std::string mark = "\"structuredContent\": ";
+        const std::size_t at = body.find(mark);
+        if (at == std::string::npos)
+            return body;
+        const bool isError = body.find("\"isError\": true,\"structuredContent\"") != std::string::npos;
+        return (isError ? "error: " : "") + body.substr(at + mark.size(), body.size() - at - mark.size() - 2);
+    }
+
+    BreltMcpBridgeAgent agent_;
+    ZnHttpApp routes_;
+    ZnString peerAddress_ = "10.0.0.1";
+    long long nowNs_ = 1000000000;
+};

@@ -1,0 +1,145 @@
+#pragma once
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <cstdlib>
+#include <functional>
+#include <gtest/gtest.h>
+#include <mutex>
+#include <netinet/in.h>
+#include <string>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+/// A peer on 127.0.0.1 that plays a script on every connection, each on a thread of its own. Its end closes every
+/// connection and waits for the scripts.
+class ScriptedPeer {
+public:
+    class Connection {
+    public:
+        explicit Connection(int descriptor) : descriptor_(descriptor) {}
+
+        /// One request with its counted body; empty when the client closed first.
+        std::string receiveRequest() {
+            std::string request;
+            while (!isComplete_(request)) {
+                char buffer[16384];
+                const ssize_t got = ::recv(descriptor_, buffer, sizeof(buffer), 0);
+                if (got <= 0)
+                    return {};
+                request.append(buffer, static_cast<std::size_t>(got));
+            }
+            return request;
+        }
+        void send(const std::string& bytes) {
+            for (std::size_t sent = 0; sent < bytes.size();) {
+                const ssize_t put = ::send(descriptor_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+                if (put <= 0)
+                    return;
+                sent += static_cast<std::size_t>(put);
+            }
+        }
+        void waitForClose() {
+            char buffer[1024];
+            while (::recv(descriptor_, buffer, sizeof(buffer), 0) > 0) {
+            }
+        }
+        /// The client sees the end of the stream.
+        void finish() { ::shutdown(descriptor_, SHUT_WR); }
+        /// The script's end then resets the connection.
+        void resetAtEnd() {
+            const linger hard{1, 0};
+            ::setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &hard, sizeof(hard));
+        }
+
+    private:
+        static bool isComplete_(const std::string& request) {
+            const std::size_t headEnd = request.find("\r\n\r\n");
+            if (headEnd == std::string::npos)
+                return false;
+            const std::size_t lengthAt = request.find("Content-Length: ");
+            const std::size_t bodyBytes =
+                lengthAt < headEnd ? static_cast<std::size_t>(std::atoi(request.c_str() + lengthAt + 16)) : 0;
+            return request.size() >= headEnd + 4 + bodyBytes;
+        }
+
+        int descriptor_;
+    };
+    using Script = std::function<void(Connection&)>;
+
+    explicit ScriptedPeer(Script script) : script_(std::move(script)) {
+        listenDescriptor_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t addressBytes = sizeof(address);
+        EXPECT_EQ(::bind(listenDescriptor_, reinterpret_cast<sockaddr*>(&address), addressBytes), 0);
+        EXPECT_EQ(::listen(listenDescriptor_, 1024), 0);
+        ::getsockname(listenDescriptor_, reinterpret_cast<sockaddr*>(&address), &addressBytes);
+        port_ = ntohs(address.sin_port);
+        acceptThread_ = std::thread([this] { acceptAll_(); });
+    }
+    ~ScriptedPeer() {
+        ::shutdown(listenDescriptor_, SHUT_RDWR);
+        acceptThread_.join();
+        ::close(listenDescriptor_);
+        {
+            std::lock_guard<std::mutex> guard(mutex_);
+            for (const int descriptor : openDescriptors_)
+                ::shutdown(descriptor, SHUT_RDWR);
+        }
+        for (std::thread& thread : threads_)
+            thread.join();
+    }
+    ScriptedPeer(const ScriptedPeer&) = delete;
+    ScriptedPeer& operator=(const ScriptedPeer&) = delete;
+
+    unsigned short port() const { return port_; }
+    std::string url(const std::string& path = "/mcp") const {
+        return "http://127.0.0.1:" + std::to_string(port_) + path;
+    }
+    int connectionCount() const { return connectionCount_.load(); }
+
+    /// A script that answers every request with the same bytes and closes.
+    static Script answering(const std::string& response) {
+        return [response](Connection& connection) {
+            connection.receiveRequest();
+            connection.send(response);
+        };
+    }
+    /// A script that never answers.
+    static Script silent() {
+        return [](Connection& connection) { connection.waitForClose(); };
+    }
+
+private:
+    void acceptAll_() {
+        for (;;) {
+            const int descriptor = ::accept4(listenDescriptor_, nullptr, nullptr, SOCK_CLOEXEC);
+            if (descriptor < 0)
+                return;
+            ++connectionCount_;
+            std::lock_guard<std::mutex> guard(mutex_);
+            openDescriptors_.push_back(descriptor);
+            threads_.emplace_back([this, descriptor] {
+                Connection connection(descriptor);
+                script_(connection);
+                std::lock_guard<std::mutex> closeGuard(mutex_);
+                std::erase(openDescriptors_, descriptor);
+                ::close(descriptor);
+            });
+        }
+    }
+
+    const Script script_;
+    int listenDescriptor_ = -1;
+    unsigned short port_ = 0;
+    std::atomic<int> connectionCount_{0};
+    std::thread acceptThread_;
+    std::mutex mutex_;
+    std::vector<int> openDescriptors_; // guarded by mutex_
+    std::vector<std::thread> threads_; // grown by acceptThread_ only
+};

@@ -324,4 +324,15 @@ TEST_F(ZnHttpSessionTest, ADeadlineMovesWithTheRequests) {
     EXPECT_LE(link.closedNs - link.openedNs, 1'500'000'000);
 }
 
+// The time for the next request counts from the start of the last one, so a late answer leaves none; the timer was
+// armed for the handler's time.
+TEST_F(ZnHttpSessionTest, AConnectionIsGivenUpBehindALateAnswer) {
+    router_.addRoute("GET", "/", [this](const ZnHttpRequest& request) { return park(300), echoOf(request); });
+    Link& link = open(nullptr, {100, 60000, 60000, 60000});
+    runOnFiber([&] { link.socket->receive(getOf("/")); });
+    EXPECT_EQ(link.output, answerTo("/"));
+    EXPECT_TRUE(runUntil([&] { return link.closedNs != 0; }, 2000));
+    EXPECT_NE(link.output.find("408 Request Timeout"), std::string::npos);
+}
+
 } // namespace

@@ -140,7 +140,8 @@ bool ZnTcpSocket::canFinishClose_() const {
 }
 
 void ZnTcpSocket::finishPeerClose_() {
-    if (remoteClosed_ && canFinishClose_() && state_ != SocketState::Unconnected)
+    // A reader that was stopped before the end gets the rest first: the close comes when it has found the end.
+    if (remoteClosed_ && !stoppedBeforeEnd_ && canFinishClose_() && state_ != SocketState::Unconnected)
         close();
 }
 
@@ -276,8 +277,10 @@ std::size_t ZnTcpSocket::readInto(char* buffer, std::size_t capacity) {
 std::size_t ZnTcpSocket::receive_(char* buffer, std::size_t capacity) {
     if (!canTransfer_() || !handle_->maybeReadable() || capacity == 0)
         return 0;
-    if (insideEvents_ && readBudgetBytes_ == 0)
-        return 0; // stoppedBeforeEnd_ is set: the rest comes with the next event
+    if (insideEvents_ && readBudgetBytes_ == 0) {
+        stoppedBeforeEnd_ = true; // the rest comes with the next event
+        return 0;
+    }
     const ZnSocketHandle::Transfer transfer = handle_->receive(buffer, capacity);
     stoppedBeforeEnd_ = transfer.byteCount == capacity;
     if (transfer.error == ZnSocketError::kWouldBlock)

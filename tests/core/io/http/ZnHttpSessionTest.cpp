@@ -286,13 +286,14 @@ TEST_F(ZnHttpSessionTest, TimeOuts) {
     };
     std::vector<ZnHttpResponseCallback> neverAnswered;
     std::vector<Link*> links;
+    const auto handler = [&](const std::shared_ptr<ZnHttpRequest>& request, const ZnHttpResponseCallback& callback) {
+        if (request->path == "/never")
+            neverAnswered.push_back(callback);
+        else
+            callback(echoOf(*request));
+    };
     for (const auto& row : kRows) {
-        links.push_back(&open([&](const std::shared_ptr<ZnHttpRequest>& request, const ZnHttpResponseCallback& callback) {
-            if (request->path == "/never")
-                neverAnswered.push_back(callback);
-            else
-                callback(echoOf(*request));
-        }, row.timeouts));
+        links.push_back(&open(handler, row.timeouts));
         links.back()->socket->stallsWrites = row.stallsWrites;
         links.back()->socket->receive(row.input);
     }

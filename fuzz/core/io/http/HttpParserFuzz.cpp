@@ -22,7 +22,8 @@ ZnHttpLimits smallLimits() {
 }
 
 void describe(const ZnHttpRequest& request, std::string* out) {
-    for (const ZnString* text : {&request.method, &request.target, &request.path, &request.queryString, &request.httpVersion})
+    for (const ZnString* text :
+         {&request.method, &request.target, &request.path, &request.queryString, &request.httpVersion})
         *out += text->str() + '\n';
     for (const auto* map : {&request.headers, &request.queryParams}) {
         for (const auto& [name, value] : *map)

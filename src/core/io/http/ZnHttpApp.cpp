@@ -42,9 +42,11 @@ ZnHttpResponse runContextRoute_(const ZnHttpApp::ContextHandler& handler, const 
 bool ZnHttpApp::addContextRoute_(const char* method, const ZnString& pattern, ContextHandler handler) {
     if (!handler)
         return false;
-    return router().addRoute(method, pattern,
-                             [handler = std::move(handler), routeName = ZnString(method) + " " + pattern](
-                                 const ZnHttpRequest& request) { return runContextRoute_(handler, routeName, request); });
+    auto run = [handler = std::move(handler),
+                routeName = ZnString(method) + " " + pattern](const ZnHttpRequest& request) {
+        return runContextRoute_(handler, routeName, request);
+    };
+    return router().addRoute(method, pattern, std::move(run));
 }
 
 bool ZnHttpApp::get(const ZnString& pattern, ContextHandler handler) {

@@ -14,8 +14,9 @@
 /// Turns the bytes of one connection into complete requests. It may stop behind any byte and go on later; where
 /// the input is cut does not change what comes out.
 ///
-///   request line CRLF  *( name ":" value CRLF )  CRLF  [ Content-Length bytes ]
-///                                                      [ *( hex size [";" ...] CRLF bytes CRLF ) "0" CRLF *( line CRLF ) CRLF ]
+///   request line CRLF  *( name ":" value CRLF )  CRLF  [ body ]
+///   body: Content-Length bytes,
+///      or *( hexadecimal size [ ";" ... ] CRLF  bytes CRLF )  "0" CRLF  *( trailer CRLF )  CRLF
 ///
 /// Thread: that of its session. Nothing here parks or calls out.
 /// Invariant: buffer_ holds only what cannot be used yet, an unfinished line or half a CRLF behind a chunk: bytes of

@@ -15,7 +15,8 @@ namespace {
 constexpr std::size_t kUsualHeadBytes = 384;
 
 bool isLowerToken(std::string_view name) noexcept {
-    return zn::http::isToken(name) && std::none_of(name.begin(), name.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
+    const auto isUpperCase = [](char c) { return c >= 'A' && c <= 'Z'; };
+    return zn::http::isToken(name) && std::none_of(name.begin(), name.end(), isUpperCase);
 }
 
 void appendNumber(std::string* out, unsigned long long value) {

@@ -33,7 +33,7 @@ public:
 private:
     using RouteRef_ = std::shared_ptr<const ZnHttpRoute>;
     struct Lookup_ {
-        RouteRef_ route;                     // null: `refusal` or the fallback
+        RouteRef_ route;                     // null: 405 when the path matched, else the fallback
         bool pathMatched = false;
         std::vector<std::string_view> allow; // methods of the routes that match the path, when none passed
     };

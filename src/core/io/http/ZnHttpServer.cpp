@@ -91,6 +91,11 @@ struct ZnHttpServer::InFlight_ {
         completion(std::move(response));
     }
 
+    void failRequest_(const char* errorText) {
+        ZN_LOG_ERROR(kCategory, "ZnHttpServer::handleRequest_") << "[ZnHttpServer] route failed: " << errorText;
+        finishRequest_(ZnHttpResponse::plain(500, "Internal Server Error", false));
+    }
+
     const std::shared_ptr<Counters_> counters;
     const ZnHttpResponseCallback completion;
     const long long startedNs;
@@ -173,7 +178,8 @@ void ZnHttpServer::handleRequest_(const std::shared_ptr<ZnHttpRequest>& request,
         if (!router_.dispatchAsync(request, finish))
             inFlight->finishRequest_(ZnHttpResponse::plain(404, "Not Found", keepAlive));
     } catch (const std::exception& error) {
-        ZN_LOG_ERROR(kCategory, "ZnHttpServer::handleRequest_") << "[ZnHttpServer] route failed: " << error.what();
-        inFlight->finishRequest_(ZnHttpResponse::plain(500, "Internal Server Error", false));
+        inFlight->failRequest_(error.what());
+    } catch (...) {
+        inFlight->failRequest_("Unhandled non-std exception");
     }
 }

@@ -10,7 +10,8 @@ TEST(ZnHttpContext, AnswersInOneWord) {
     EXPECT_FALSE(context.responded());
     context.json(ZnJsonObject{{"b", 1}, {"a", true}}, 201);
     EXPECT_TRUE(context.responded());
-    EXPECT_EQ(context.response().head(false), "HTTP/1.1 201 Created\r\ncontent-type: application/json; charset=utf-8\r\n"
+    EXPECT_EQ(context.response().head(false), "HTTP/1.1 201 Created\r\n"
+                                              "content-type: application/json; charset=utf-8\r\n"
                                               "content-length: 18\r\nconnection: keep-alive\r\n\r\n");
     EXPECT_EQ(context.response().body.view(), R"({"a": true,"b": 1})");
     context.text("x", 404);

@@ -113,7 +113,8 @@ TEST_F(ZnHttpServerTest, ALargeBodyCrossesBothWaysAndByteByByte) {
     std::string body(6 * 1024 * 1024, 'x');
     for (std::size_t i = 0; i < body.size(); i += 97)
         body[i] = static_cast<char>('a' + i % 26);
-    const auto client = send("POST /body HTTP/1.1\r\ncontent-length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+    const auto client =
+        send("POST /body HTTP/1.1\r\ncontent-length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
     ASSERT_TRUE(runUntil([&] { return client->received.size() > body.size() && client->received.ends_with(body); }));
     EXPECT_EQ(app_->stats().bytesIn, static_cast<std::int64_t>(body.size()));
     EXPECT_EQ(app_->stats().bytesOut, static_cast<std::int64_t>(body.size()));
@@ -216,9 +217,10 @@ TEST_F(ZnHttpServerTest, AdmissionLimits) {
 // What nobody can answer any more does not count as being handled.
 TEST_F(ZnHttpServerTest, LostCallbacksAreNotInFlight) {
     ZnHttpResponseCallback kept;
-    app_->router().addAsyncRoute("GET", "/lost", [](const auto&, const ZnHttpResponseCallback&) {});
-    app_->router().addAsyncRoute("GET", "/kept", [&](const auto&, const ZnHttpResponseCallback& answer) { kept = answer; });
-    app_->router().addRoute("GET", "/throws", [](const ZnHttpRequest&) -> ZnHttpResponse { throw std::runtime_error("x"); });
+    ZnHttpRouter& router = app_->router();
+    router.addAsyncRoute("GET", "/lost", [](const auto&, const ZnHttpResponseCallback&) {});
+    router.addAsyncRoute("GET", "/kept", [&](const auto&, const ZnHttpResponseCallback& answer) { kept = answer; });
+    router.addRoute("GET", "/throws", [](const ZnHttpRequest&) -> ZnHttpResponse { throw std::runtime_error("x"); });
     const auto lost = send("GET /lost HTTP/1.1\r\n\r\n");
     const auto later = send("GET /kept HTTP/1.1\r\n\r\n");
     ASSERT_TRUE(runUntil([&] { return kept && app_->stats().requestsStarted == 2; }));

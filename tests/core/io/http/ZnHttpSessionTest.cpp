@@ -29,7 +29,9 @@ public:
     using ZnAbstractSocket::write;
     bool write(ZnString bytes) override {
         output_ += bytes.view();
-        if (!stallsWrites)
+        if (const std::function<void()> call = onWrite)
+            call();
+        else if (!stallsWrites)
             writeFinished();
         return true;
     }
@@ -43,6 +45,7 @@ public:
     }
 
     bool stallsWrites = false;
+    std::function<void()> onWrite; // may emit, and delete this socket
 
 private:
     std::string input_;
@@ -214,6 +217,22 @@ TEST_F(ZnHttpSessionTest, HandlerOutlivesTheConnection) {
     }
 }
 
+TEST_F(ZnHttpSessionTest, AWriteMayEndTheConnection) {
+    const std::function<void(Link&)> kEnds[] = {
+        [](Link& link) { link.socket->errorOccurred(10054); },
+        [](Link& link) { delete link.session.get(); },
+    };
+    router_.addRoute("GET", "/", echoOf);
+    for (const auto& end : kEnds) {
+        Link& link = open();
+        link.socket->onWrite = [&link, &end] { end(link); };
+        link.socket->receive(getOf("/") + getOf("/"));
+        settle();
+        EXPECT_EQ(link.output, answerTo("/"));
+        EXPECT_FALSE(link.session);
+    }
+}
+
 TEST_F(ZnHttpSessionTest, RefusedInputIsAnsweredAndTheRestDiscarded) {
     const struct {
         const char* input;
@@ -267,13 +286,14 @@ TEST_F(ZnHttpSessionTest, TimeOuts) {
     };
     std::vector<ZnHttpResponseCallback> neverAnswered;
     std::vector<Link*> links;
+    const auto handler = [&](const std::shared_ptr<ZnHttpRequest>& request, const ZnHttpResponseCallback& callback) {
+        if (request->path == "/never")
+            neverAnswered.push_back(callback);
+        else
+            callback(echoOf(*request));
+    };
     for (const auto& row : kRows) {
-        links.push_back(&open([&](const std::shared_ptr<ZnHttpRequest>& request, const ZnHttpResponseCallback& callback) {
-            if (request->path == "/never")
-                neverAnswered.push_back(callback);
-            else
-                callback(echoOf(*request));
-        }, row.timeouts));
+        links.push_back(&open(handler, row.timeouts));
         links.back()->socket->stallsWrites = row.stallsWrites;
         links.back()->socket->receive(row.input);
     }
@@ -303,6 +323,17 @@ TEST_F(ZnHttpSessionTest, ADeadlineMovesWithTheRequests) {
     EXPECT_TRUE(runUntil([&] { return link.closedNs != 0; }));
     EXPECT_GE(link.closedNs - requestNs, 251'000'000 - 1'000'000);
     EXPECT_LE(link.closedNs - link.openedNs, 1'500'000'000);
+}
+
+// The time for the next request counts from the start of the last one, so a late answer leaves none; the timer was
+// armed for the handler's time.
+TEST_F(ZnHttpSessionTest, AConnectionIsGivenUpBehindALateAnswer) {
+    router_.addRoute("GET", "/", [this](const ZnHttpRequest& request) { return park(300), echoOf(request); });
+    Link& link = open(nullptr, {100, 60000, 60000, 60000});
+    runOnFiber([&] { link.socket->receive(getOf("/")); });
+    EXPECT_EQ(link.output, answerTo("/"));
+    EXPECT_TRUE(runUntil([&] { return link.closedNs != 0; }, 2000));
+    EXPECT_NE(link.output.find("408 Request Timeout"), std::string::npos);
 }
 
 } // namespace

@@ -138,7 +138,7 @@ void ZnHttpServer::onNewConnection_() {
 }
 
 /// Runs inside the listener's accept pass, so no handler may run here: one that parks would stop the accepting.
-/// That is why start() looks for the first bytes from the loop.
+/// The first bytes are announced by an event of the connection's own.
 void ZnHttpServer::admit_(ZnTcpSocket* socket) {
     if (limits_.maxConnections > 0 && sessions_.size() >= limits_.maxConnections) {
         counters_->refuseConnection();

@@ -78,8 +78,6 @@ void ZnHttpSession::start() {
         return;
     if (!socket_ || !socket_->isOpen())
         closeSession_(); // the peer left before the signals were connected
-    else
-        postWeakly_(&ZnHttpSession::onReadyRead_);
 }
 
 // ---- Input

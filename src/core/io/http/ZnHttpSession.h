@@ -42,7 +42,8 @@ public:
     /// Called once, when the connection has ended; it is to delete the session later.
     void setClosedHandler(ClosedHandler handler) { onClosed_ = std::move(handler); }
 
-    /// Looks, from the loop, for bytes that came before the handlers were set.
+    /// Ends the session if its connection is gone already. Bytes that came before the handlers were set are announced by
+    /// the socket's first readiness event, which the loop delivers after the caller has returned.
     void start();
     /// Ends the connection at once; an answer that has not left is dropped. Nothing when it has ended.
     void close() { closeSession_(); }

@@ -117,7 +117,7 @@ void ZnTcpServer::close() {
 }
 
 void ZnTcpServer::onCheckEvents_() {
-    if (!handle_ || (handle_->takeEvents().mask & ZnNetworkEvents::kAccept) == 0)
+    if (!handle_ || (handle_->takeEvents().mask & ZnNetworkEvents::kAccept) == 0 || backingOff_)
         return;
     const ZnPointer<ZnTcpServer> self(this);
     const std::shared_ptr<ZnSocketHandle> listener = handle_; // a receiver may close or delete this server
@@ -151,9 +151,12 @@ void ZnTcpServer::backOff_(int error) {
         lastAcceptReportNs_ = nowNs;
         ZN_LOG_ERROR(kCategory, "ZnTcpServer::onCheckEvents_") << "accept failed: " << error;
     }
+    backingOff_ = true;
     ZnTimer::singleShot(kBackOffMs, [self = ZnPointer<ZnTcpServer>(this)] {
-        if (self)
-            self->acceptAgain_();
+        if (!self)
+            return;
+        self->backingOff_ = false;
+        self->acceptAgain_();
     });
 }
 

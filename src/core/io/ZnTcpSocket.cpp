@@ -379,6 +379,8 @@ void ZnTcpSocket::writePending_() {
     const ZnSocketHandle::Transfer transfer = handle_->send(writeBuffer_.data(), writeBuffer_.size());
     if (transfer.byteCount > 0)
         writeBuffer_.consumeFront(transfer.byteCount);
+    if (writeBuffer_.isEmpty())
+        writeBuffer_.release(); // an idle connection keeps no memory
     if (transfer.byteCount > 0 || transfer.error != 0)
         finishDirectSend_(transfer);
 }
@@ -392,9 +394,10 @@ bool ZnTcpSocket::waitForConnected(int msecs) {
 }
 
 bool ZnTcpSocket::waitForBytesWritten(int msecs) {
+    if (writeBuffer_.isEmpty())
+        return true;
     const ZnPointer<ZnTcpSocket> self(this);
-    if (!writeBuffer_.isEmpty())
-        flushWrites_();
+    flushWrites_();
     return self && waitFor_(
                        &ZnAbstractSocket::writeFinished,
                        [](const ZnTcpSocket& socket) {
@@ -407,7 +410,7 @@ bool ZnTcpSocket::waitFor_(void (ZnAbstractSocket::*signal)(), const std::functi
                            int msecs) {
     if (isDone(*this))
         return true;
-    if (state_ == SocketState::Unconnected)
+    if (state_ == SocketState::Unconnected && resolveWaitId_ == 0 && msecs < 0)
         return false; // nothing that could end the wait would come
     const ZnPointer<ZnTcpSocket> self(this);
     ZnEventLoop loop;

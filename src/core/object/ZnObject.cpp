@@ -56,10 +56,10 @@ zn::detail::ZnPointerControlRef zn::detail::controlOf(const ZnObject* object) {
 
 ZnObject::ZnObject(ZnObject* parent) : control_(std::make_shared<zn::detail::ZnPointerControl>(this)) {
     ZnLiveObjects::instance().insert(this);
+    zn::atomic::Thread* owner = zn::atomic::Thread::currentThread();
+    control_->thread = owner != nullptr ? owner : zn::atomic::Thread::fallbackThread();
     if (parent != nullptr)
         setParent(parent);
-    zn::atomic::Thread* owner = zn::atomic::Thread::currentThread();
-    thread_ = owner != nullptr ? owner : zn::atomic::Thread::fallbackThread();
 }
 
 ZnObject::~ZnObject() {
@@ -81,8 +81,10 @@ bool ZnObject::isLive(const ZnObject* object) {
 // --- tree and events
 
 void ZnObject::deleteChildren_() {
-    const std::vector<ZnObject*> children = std::exchange(children_, {});
-    for (ZnObject* child : children) {
+    // One at a time: the end of one child may delete another, which then leaves the list by itself.
+    while (!children_.empty()) {
+        ZnObject* child = children_.front();
+        children_.erase(children_.begin());
         if (child->parent_ == this)
             child->parent_ = nullptr;
         delete child;
@@ -90,15 +92,24 @@ void ZnObject::deleteChildren_() {
 }
 
 void ZnObject::setParent(ZnObject* parent) {
+    if (parent != nullptr && !isLive(parent))
+        return;
+    const ZnPointer<ZnObject> self(this);
+    const ZnPointer<ZnObject> newParent(parent);
+    if (ZnObject* oldParent = std::exchange(parent_, nullptr))
+        oldParent->removeChild(this);
+    if (!self)
+        return;
+    parent_ = newParent.get();
     if (parent_ != nullptr)
-        parent_->removeChild(this);
-    parent_ = parent;
-    if (parent != nullptr)
-        parent->addChild(this);
-    parentChanged(parent);
+        parent_->addChild(this);
+    if (self)
+        parentChanged(newParent.get());
 }
 
 void ZnObject::addChild(ZnObject* child) {
+    if (!isLive(child))
+        return;
     children_.push_back(child);
     const ZnPointer<ZnObject> self(this);
     childAdded(child);
@@ -194,7 +205,7 @@ void ZnObject::installEventFilter(ZnObject* filter) {
 // --- threads
 
 zn::atomic::Thread* ZnObject::thread() const {
-    return zn::atomic::Thread::isLive(thread_) ? thread_ : nullptr;
+    return zn::atomic::Thread::isLive(control_->thread) ? control_->thread : nullptr;
 }
 
 bool ZnObject::sharesThread_(const ZnObject& left, const ZnObject& right) {
@@ -219,18 +230,21 @@ void ZnObject::deleteLater() {
         delete this;
         return;
     }
-    const bool posted = owner->withApplication([this](ZnCoreApplication* application) {
-        if (application != nullptr)
-            application->postEvent(this, new ZnDeferredDeleteEvent, 0);
-        return application != nullptr;
+    // This thread's own application also takes it while it is ending and has left its record.
+    ZnCoreApplication* application = ZnCoreApplication::instance();
+    if (application != nullptr && owner == zn::atomic::Thread::currentThread()) {
+        application->queueDeletion(this);
+        return;
+    }
+    ZnTask whenStarted([control = control_] {
+        if (ZnObject* object = control->get())
+            delete object;
     });
-    if (!posted) // not started yet
-        owner->addPending(
-            [control = control_] {
-                if (ZnObject* object = control->get())
-                    delete object;
-            },
-            ZnFiberPool::kDefaultLane);
+    owner->withApplicationOrPending(whenStarted, ZnFiberPool::kDefaultLane, false,
+                                    [this](ZnCoreApplication& remote) {
+                                        remote.queueDeletion(this);
+                                        return true;
+                                    });
 }
 
 void ZnObject::executeBlockingOnThread(zn::atomic::Thread* target, ZnTask function) {
@@ -358,7 +372,7 @@ ZnObject::ConnectionListRef_ ZnObject::connectionsFor_(const SignalKey& key) con
 }
 
 ZnObject::Emission_ ZnObject::beginEmission_() {
-    return {control_, thread_};
+    return {control_, control_->thread};
 }
 
 ZnObject::Delivery_ ZnObject::chooseDelivery_(const Emission_& emission, const Connection_& connection,
@@ -371,9 +385,10 @@ ZnObject::Delivery_ ZnObject::chooseDelivery_(const Emission_& emission, const C
         return Delivery_::Now;
     // The usual case first: sender and receiver share a thread record, dead or alive.
     const bool isAuto = connection.type == ZnConnectionType::AutoConnection;
-    if (isAuto && (receiver == nullptr || receiver->thread_ == emission.senderThread))
+    zn::atomic::Thread* owner = slot.receiverThread(); // the receiver itself may be going on another thread
+    if (isAuto && (receiver == nullptr || owner == emission.senderThread))
         return Delivery_::Now;
-    *target = receiver == nullptr ? nullptr : receiver->thread();
+    *target = zn::atomic::Thread::isLive(owner) ? owner : nullptr;
     if (connection.type == ZnConnectionType::QueuedConnection)
         return Delivery_::Post;
     if (connection.type == ZnConnectionType::BlockingQueuedConnection)

@@ -180,8 +180,7 @@ private:
     void forgetSender_(const std::vector<SignalConnections_>& dropped);
     void deleteChildren_();
 
-    const zn::detail::ZnPointerControlRef control_;
-    zn::atomic::Thread* thread_ = nullptr;         // set by the constructor only
+    const zn::detail::ZnPointerControlRef control_; // with the owning thread
     std::atomic<bool> deleteRequested_{false};
     ZnObject* parent_ = nullptr;                   // not owned; owner thread only, as are the next four
     std::vector<ZnObject*> children_;              // owned, in the order of insertion

@@ -6,6 +6,10 @@
 
 class ZnObject;
 
+namespace zn::atomic {
+class Thread;
+}
+
 namespace zn::detail {
 /// One per object: holds its address until its destruction begins. Unlike an address it is never used again
 /// for another object, so delayed calls hold it to tell whether their object is still the one they meant.
@@ -14,6 +18,7 @@ struct ZnPointerControl {
     ZnObject* get() const noexcept { return object.load(std::memory_order_acquire); }
 
     std::atomic<ZnObject*> object; // cleared by the object's destructor; pairs with get()
+    zn::atomic::Thread* thread = nullptr; // the object's owning thread, set by its constructor; check that it lives
 };
 
 using ZnPointerControlRef = std::shared_ptr<ZnPointerControl>;

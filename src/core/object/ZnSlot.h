@@ -49,6 +49,8 @@ public:
     bool hasReceiver() const noexcept { return receiver_ != nullptr; }
     /// The receiver while it lives, else null.
     ZnObject* receiverObject() const noexcept { return receiver_ ? receiver_->get() : nullptr; }
+    /// The thread of the receiver, which may be gone; null without a receiver.
+    zn::atomic::Thread* receiverThread() const noexcept { return receiver_ ? receiver_->thread : nullptr; }
     /// For comparison only: where the receiver is or was.
     const ZnObject* receiverAddress() const noexcept { return receiverAddress_; }
     /// False once the connection has been dropped; deliveries already under way then do nothing.

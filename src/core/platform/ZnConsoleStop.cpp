@@ -27,11 +27,16 @@ void onStopSignal(int signalNumber) {
     const int savedErrno = errno;
     if (stopSeen.exchange(true, std::memory_order_acq_rel))
         ::_exit(128 + signalNumber);
+    bool found = false;
     handlersRunning.fetch_add(1, std::memory_order_seq_cst);
     for (Node_* node = firstNode.load(std::memory_order_acquire); node != nullptr; node = node->next) {
-        if (ZnConsoleStopTarget* target = node->target.load(std::memory_order_seq_cst))
+        if (ZnConsoleStopTarget* target = node->target.load(std::memory_order_seq_cst)) {
             target->requestStop();
+            found = true;
+        }
     }
+    if (!found)
+        ::_exit(128 + signalNumber); // nobody is left who could end in order
     handlersRunning.fetch_sub(1, std::memory_order_seq_cst);
     errno = savedErrno;
 }

@@ -50,9 +50,8 @@ public:
         std::lock_guard<std::mutex> guard(mutex_);
         std::vector<Callback_>& waiting = lookups_[host];
         waiting.push_back(std::move(callback));
-        if (waiting.size() > 1)
-            return; // under way already
-        queue_.push_back(host);
+        if (waiting.size() == 1)
+            queue_.push_back(host); // else under way already
         // An idle thread that has been woken but has not run yet still counts as idle: compare with what waits.
         if (queue_.size() > idleThreadCount_ && threadCount_ < ZnResolver::kMaxThreads)
             startThread_();

@@ -61,6 +61,7 @@ bool Thread::isLive(const Thread* thread) {
 }
 
 bool Thread::start() {
+    std::lock_guard<std::mutex> once(startOnceMutex_);
     if (adopted_ || isRunning())
         return true;
     join(); // an earlier run
@@ -103,7 +104,6 @@ void Thread::run_() {
         // Under the lock: whoever waits may destroy the record as soon as it has seen `started_`.
         startCondition_.notify_all();
     }
-    postPending_(*application);
     if (const std::function<void()> onStart = copyOf_(onStart_))
         onStart();
     if (!stopRequested_.load(std::memory_order_acquire))
@@ -147,28 +147,22 @@ Thread* Thread::fallbackThread() {
 }
 
 void Thread::attachApplication(ZnCoreApplication* application) {
-    Thread* record = currentRecord;
-    if (record == nullptr)
-        return; // made on demand by currentThread()
-    std::lock_guard<std::mutex> guard(record->appMutex_);
-    record->application_ = application;
-    if (record->adopted_)
-        record->running_.store(application != nullptr, std::memory_order_release);
+    if (currentRecord != nullptr) // else made on demand by currentThread()
+        currentRecord->attach_(application);
 }
 
-void Thread::addPending(ZnTask task, int lane) {
-    std::lock_guard<std::mutex> guard(pendingMutex_);
-    pending_.push_back({std::move(task), lane});
-}
-
-void Thread::postPending_(ZnCoreApplication& application) {
+void Thread::attach_(ZnCoreApplication* application) {
     std::vector<Pending_> pending;
     {
-        std::lock_guard<std::mutex> guard(pendingMutex_);
-        pending.swap(pending_);
+        std::lock_guard<std::mutex> guard(appMutex_);
+        application_ = application;
+        if (adopted_)
+            running_.store(application != nullptr, std::memory_order_release);
+        if (application != nullptr)
+            pending.swap(pending_);
     }
     for (Pending_& entry : pending)
-        application.postEventOnLane(std::move(entry.task), entry.lane);
+        application->postEventOnLane(std::move(entry.task), entry.lane);
 }
 
 } // namespace zn::atomic

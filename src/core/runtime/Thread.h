@@ -61,8 +61,16 @@ public:
     /// Called by an application on its own thread when it comes (`application`) and goes (null).
     static void attachApplication(ZnCoreApplication* application);
 
-    /// Keeps a post for the time when the thread's runtime exists.
-    void addPending(ZnTask task, int lane);
+    /// As withApplication; without one, `task` is kept for the time when the thread's runtime exists and the result is
+    /// `fallback`.
+    template <typename Result, typename Function>
+    Result withApplicationOrPending(ZnTask& task, int lane, Result fallback, Function function) {
+        std::lock_guard<std::mutex> guard(appMutex_);
+        if (application_ != nullptr)
+            return function(*application_);
+        pending_.push_back({std::move(task), lane});
+        return fallback;
+    }
 
 private:
     struct Pending_ {
@@ -71,7 +79,7 @@ private:
     };
 
     void run_();
-    void postPending_(ZnCoreApplication& application);
+    void attach_(ZnCoreApplication* application);
     std::function<void()> copyOf_(const std::function<void()>& callback);
 
     const ZnString name_;
@@ -82,14 +90,13 @@ private:
     const bool adopted_;
 
     std::mutex appMutex_;
-    ZnCoreApplication* application_ = nullptr; // guarded by appMutex_
+    ZnCoreApplication* application_ = nullptr; // guarded by appMutex_, as is pending_
+    std::vector<Pending_> pending_;            // posts from before the application
 
+    std::mutex startOnceMutex_; // held by start(), before startMutex_
     std::mutex startMutex_;
     std::condition_variable startCondition_;
     bool started_ = false; // guarded by startMutex_
-
-    std::mutex pendingMutex_;
-    std::vector<Pending_> pending_; // guarded by pendingMutex_
 
     std::mutex callbackMutex_;
     std::function<void()> onStart_;  // guarded by callbackMutex_

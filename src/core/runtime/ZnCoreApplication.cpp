@@ -63,6 +63,7 @@ void ZnCoreApplication::initialise_() {
 
 ZnCoreApplication::~ZnCoreApplication() {
     ZnConsoleStop::remove(this);
+    zn::atomic::Thread::attachApplication(nullptr); // from here on posts from other threads are kept or go elsewhere
     while (!runningLoops_.empty()) // they may outlive this application, or go with their fibers' stacks
         runningLoops_.front()->leaveRunning_();
     destroyWaitingObjects_();
@@ -75,7 +76,6 @@ ZnCoreApplication::~ZnCoreApplication() {
         std::swap(dropped, timers_);
         dropped.cancelAll();
     }
-    zn::atomic::Thread::attachApplication(nullptr);
     ApplicationMap_& map = applicationMap();
     std::lock_guard<std::mutex> guard(map.mutex);
     map.byThread.erase(threadId_);
@@ -227,7 +227,7 @@ bool ZnCoreApplication::tryPostOnLane(ZnTask& task, int lane) {
 bool ZnCoreApplication::postEventOnLane(ZnTask task, int lane) {
     if (tryPostOnLane(task, lane))
         return true;
-    fiberPool_.reportRejected(lane);
+    ZnFiberPool::logRejected(lane, fiberPool_.countRejected(lane));
     return false;
 }
 
@@ -236,6 +236,22 @@ void ZnCoreApplication::postEvent(ZnObject* receiver, ZnEvent* event, int priori
     if (event == nullptr || receiver == nullptr || !ZnObject::isLive(receiver))
         return;
     QueuedEvent_ queued{zn::detail::controlOf(receiver), std::move(owned)};
+    // An object of another thread is served there.
+    zn::atomic::Thread* owner = queued.receiver->thread;
+    if (zn::atomic::Thread::isLive(owner) && owner->withApplication([&](ZnCoreApplication* application) {
+            if (application != nullptr && application != this)
+                application->queueEvent_(std::move(queued), priority);
+            return application != nullptr && application != this;
+        }))
+        return;
+    queueEvent_(std::move(queued), priority);
+}
+
+void ZnCoreApplication::queueDeletion(ZnObject* object) {
+    queueEvent_({zn::detail::controlOf(object), std::make_unique<ZnDeferredDeleteEvent>()}, 0);
+}
+
+void ZnCoreApplication::queueEvent_(QueuedEvent_ queued, int priority) {
     {
         ZnMutexLocker locker(loopMutex_);
         (priority >= 1 ? highEvents_ : normalEvents_).push_back(std::move(queued));
@@ -246,16 +262,17 @@ void ZnCoreApplication::postEvent(ZnObject* receiver, ZnEvent* event, int priori
 }
 
 bool postToThread(zn::atomic::Thread* target, ZnTask task, int lane) {
-    bool accepted = false;
-    const bool hasApplication = target->withApplication([&](ZnCoreApplication* application) {
-        accepted = application != nullptr && application->tryPostOnLane(task, lane);
-        if (application != nullptr && !accepted)
-            application->fiberPool().reportRejected(lane);
-        return application != nullptr;
-    });
-    if (!hasApplication)
-        target->addPending(std::move(task), lane);
-    return accepted; // a refused task is destroyed here, without the thread's lock
+    enum class Outcome { Accepted, Refused, Kept };
+    std::uint64_t refusalsToReport = 0;
+    const Outcome outcome =
+        target->withApplicationOrPending(task, lane, Outcome::Kept, [&](ZnCoreApplication& application) {
+            if (application.tryPostOnLane(task, lane))
+                return Outcome::Accepted;
+            refusalsToReport = application.fiberPool().countRejected(lane);
+            return Outcome::Refused;
+        });
+    ZnFiberPool::logRejected(lane, refusalsToReport);
+    return outcome == Outcome::Accepted; // a refused task is destroyed here, without the thread's lock
 }
 
 bool postToThreadOrFallback(zn::atomic::Thread* target, ZnTask task, int lane) {
@@ -301,8 +318,15 @@ bool ZnCoreApplication::deliverNormalEvent_() {
 }
 
 void ZnCoreApplication::deliver_(QueuedEvent_ queued) {
-    if (ZnObject* receiver = queued.receiver->get())
-        notify(receiver, queued.event.get());
+    // On the loop's own context, so that an exception would leave exec().
+    try {
+        if (ZnObject* receiver = queued.receiver->get())
+            notify(receiver, queued.event.get());
+    } catch (const std::exception& error) {
+        ZN_LOG_ERROR(kCategory, "ZnCoreApplication::deliver_") << "Unhandled exception in object event: " << error.what();
+    } catch (...) {
+        ZN_LOG_ERROR(kCategory, "ZnCoreApplication::deliver_") << "Unhandled unknown exception in object event";
+    }
 }
 
 bool ZnCoreApplication::notify(ZnObject* receiver, ZnEvent* event) {
@@ -407,32 +431,41 @@ void ZnCoreApplication::removeTimer(int id) {
 }
 
 void ZnCoreApplication::mirrorNextTimer_() {
-    const std::shared_ptr<ZnTimerRecord>* next = timers_.next();
-    nextTimerDueNs_.store(next == nullptr ? -1 : (*next)->dueNs, std::memory_order_release);
+    nextTimerDueNs_.store(timers_.nextDueNs(), std::memory_order_release);
 }
 
 long long ZnCoreApplication::timerPass_(long long nowNs) {
+    const long long dueNs = nextTimerDueNs_.load(std::memory_order_acquire);
+    if (dueNs < 0)
+        return -1;
+    if (dueNs > nowNs)
+        return dueNs - nowNs;
+    bool allPosted = true;
+    for (std::size_t group = 0; group < ZnTimerTable::kGroupCount; ++group)
+        allPosted = postDueTimers_(group, nowNs) && allPosted;
+    const long long nextDueNs = nextTimerDueNs_.load(std::memory_order_acquire);
+    if (!allPosted)
+        return kNoRoomRetryNs;
+    return nextDueNs < 0 ? -1 : std::max(nextDueNs - nowNs, 0LL);
+}
+
+bool ZnCoreApplication::postDueTimers_(std::size_t group, long long nowNs) {
     for (;;) {
-        const long long dueNs = nextTimerDueNs_.load(std::memory_order_acquire);
-        if (dueNs < 0)
-            return -1;
-        if (dueNs > nowNs)
-            return dueNs - nowNs;
         std::shared_ptr<ZnTimerRecord> record;
         {
             ZnMutexLocker locker(loopMutex_);
-            const std::shared_ptr<ZnTimerRecord>* next = timers_.next();
-            if (next == nullptr || (*next)->dueNs > nowNs)
-                continue;
-            if (!fiberPool_.canAccept((*next)->lane))
-                return kNoRoomRetryNs;
-            record = timers_.takeNext();
+            const ZnTimerRecord* next = timers_.next(group);
+            if (next == nullptr || next->dueNs > nowNs)
+                return true;
+            if (!fiberPool_.canAccept(next->lane))
+                return false;
+            record = timers_.takeNext(group);
             mirrorNextTimer_();
         }
         const int lane = record->lane;
         ZnTask fire(TimerFire_(*this, std::move(record)));
         if (!tryPostOnLane(fire, lane))
-            return kNoRoomRetryNs; // another thread took the room; the timer goes back in line
+            return false; // another thread took the room; the timer goes back in line
     }
 }
 

@@ -65,6 +65,8 @@ public:
     /// Queues an object event and takes it over. Priority 1 and above goes before timers and lanes 1 to 3. Never
     /// refused. Any thread.
     void postEvent(ZnObject* receiver, ZnEvent* event, int priority);
+    /// Queues the deferred deletion of an object of this thread. Any thread.
+    void queueDeletion(ZnObject* object);
     /// Delivers at once: filters of the application, of the receiver, then the receiver. The caller keeps the event.
     bool sendEvent(ZnObject* receiver, ZnEvent* event) { return notify(receiver, event); }
     bool notify(ZnObject* receiver, ZnEvent* event);
@@ -110,10 +112,13 @@ private:
     bool deliverHighEvent_();
     bool deliverNormalEvent_();
     void deliver_(QueuedEvent_ queued);
+    void queueEvent_(QueuedEvent_ queued, int priority);
     bool runFilters_(const std::vector<zn::detail::ZnPointerControlRef>& filters,
                      const zn::detail::ZnPointerControlRef& receiver, ZnEvent* event);
     /// Posts the timers that are due, as many as there is room for. Returns nanoseconds to the next look, or -1.
     long long timerPass_(long long nowNs);
+    /// False when there was no room for all of them.
+    bool postDueTimers_(std::size_t group, long long nowNs);
     class TimerFire_;
     void fireTimer_(const std::shared_ptr<ZnTimerRecord>& record);
     void putTimerBack_(const std::shared_ptr<ZnTimerRecord>& record, long long dueNs);

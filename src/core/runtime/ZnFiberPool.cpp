@@ -118,22 +118,24 @@ bool ZnFiberPool::submit(ZnTask& task, int lane) {
     return true;
 }
 
-void ZnFiberPool::reportRejected(int lane) {
-    std::uint64_t refusals = 0;
-    {
-        ZnMutexLocker locker(lock_);
-        ++rejectedCount_;
-        RejectLog_& log = rejectLog_[static_cast<std::size_t>(laneIndex_(lane))];
-        ++log.unreported;
-        const long long nowNs = monotonicNowNs();
-        if (log.lastReportNs != 0 && nowNs - log.lastReportNs < kReportIntervalNs)
-            return;
-        log.lastReportNs = nowNs;
-        refusals = std::exchange(log.unreported, 0);
-    }
+std::uint64_t ZnFiberPool::countRejected(int lane) {
+    ZnMutexLocker locker(lock_);
+    ++rejectedCount_;
+    RejectLog_& log = rejectLog_[static_cast<std::size_t>(laneIndex_(lane))];
+    ++log.unreported;
+    const long long nowNs = monotonicNowNs();
+    if (log.lastReportNs != 0 && nowNs - log.lastReportNs < kReportIntervalNs)
+        return 0;
+    log.lastReportNs = nowNs;
+    return std::exchange(log.unreported, 0);
+}
+
+void ZnFiberPool::logRejected(int lane, std::uint64_t refusalCount) {
+    if (refusalCount == 0)
+        return;
     ZN_LOG_WARNING("zn.core.runtime.zncoreapplication", "ZnCoreApplication::postEventOnLaneImpl_")
-        << "ZnFiberPool saturated; rejecting posted event on lane=" << lane << " (" << refusals
-        << (refusals == 1 ? " refusal)" : " refusals since the last report)");
+        << "ZnFiberPool saturated; rejecting posted event on lane=" << lane << " (" << refusalCount
+        << (refusalCount == 1 ? " refusal)" : " refusals since the last report)");
 }
 
 int ZnFiberPool::chooseLane_() {
@@ -171,10 +173,8 @@ ZnFiberPool::FiberSlot_* ZnFiberPool::createSpilloverSlotLocked_() {
     slot->ownStacks =
         std::make_unique<ZnFiberStacks>(1, static_cast<std::size_t>(config_.stackSize) * kStackFactor);
     slot->stacks = slot->ownStacks.get();
-    if (!slot->stacks->isValid()) {
-        ZN_LOG_ERROR(kCategory, "ZnFiberPool::createFiberSlotLocked_") << "Failed to create fiber. Error: " << errno;
-        return nullptr;
-    }
+    if (!slot->stacks->isValid())
+        return nullptr; // as with no slot
     ++spilloverSlotCount_;
     slots_.push_back(std::move(slot));
     return slots_.back().get();
@@ -251,13 +251,17 @@ bool ZnFiberPool::runNextWorkItem() {
         slot = readyQueues_[static_cast<std::size_t>(lane)].empty() ? takeTask_(lane, &dropped) : takeReady_(lane);
     }
     if (slot == nullptr) {
-        ZN_LOG_WARNING(kCategory, "ZnFiberPool::runNextWorkItem")
-            << "Dropping queued fiber task because no dispatch slot is available.";
+        logDropped_();
         return true;
     }
     if (slot->fiber != nullptr || makeContext_(*slot))
         switchTo_(*slot);
     return true;
+}
+
+void ZnFiberPool::logDropped_() {
+    ZN_LOG_WARNING(kCategory, "ZnFiberPool::runNextWorkItem")
+        << "Dropping queued fiber task because no dispatch slot is available.";
 }
 
 bool ZnFiberPool::makeContext_(FiberSlot_& slot) {
@@ -266,9 +270,11 @@ bool ZnFiberPool::makeContext_(FiberSlot_& slot) {
         return true;
     }
     ZN_LOG_ERROR(kCategory, "ZnFiberPool::createFiberSlotLocked_") << "Failed to create fiber. Error: " << errno;
-    const ZnTask dropped = std::move(slot.task); // destroyed without the lock; the slot stays out of use
+    logDropped_();
+    const ZnTask dropped = std::move(slot.task); // destroyed without the lock
     ZnMutexLocker locker(lock_);
     ++rejectedCount_;
+    freeSlot_(slot); // the next task may have more luck
     return false;
 }
 
@@ -290,10 +296,14 @@ void ZnFiberPool::fiberEntry_(void* argument) {
 void ZnFiberPool::runTask_(FiberSlot_& slot) {
     executeCallbackSafely_(slot.task);
     ZnMutexLocker locker(lock_);
-    slot.waitId = 0;
     slot.fresh = false;
-    slot.idle = true;
     ++completedCount_;
+    freeSlot_(slot);
+}
+
+void ZnFiberPool::freeSlot_(FiberSlot_& slot) {
+    slot.waitId = 0;
+    slot.idle = true;
     load_.fetch_sub(1, std::memory_order_relaxed);
     (slot.spillover ? idleSpillover_ : idleWarm_).push_back(&slot);
 }
@@ -365,9 +375,11 @@ FiberPoolStats ZnFiberPool::stats() const {
 }
 
 void ZnFiberPool::shutdown() {
-    std::array<std::deque<ZnTask>, kLaneCount> tasks;
-    std::vector<std::unique_ptr<FiberSlot_>> slots;
+    // Destroyed from the last to the first: queued tasks, what the slots hold, and the stacks at the very end, as
+    // captures may point into them.
     std::unique_ptr<ZnFiberStacks> stacks;
+    std::vector<std::unique_ptr<FiberSlot_>> slots;
+    std::array<std::deque<ZnTask>, kLaneCount> tasks;
     {
         ZnMutexLocker locker(lock_);
         tasks.swap(taskQueues_);
@@ -385,7 +397,6 @@ void ZnFiberPool::shutdown() {
         load_.store(0, std::memory_order_relaxed);
         warmedUp_.store(false, std::memory_order_release);
     }
-    // Contexts go before the stacks that they stand on, and everything without the lock.
     for (std::unique_ptr<FiberSlot_>& slot : slots)
-        slot->fiber.reset();
+        slot->task.reset();
 }

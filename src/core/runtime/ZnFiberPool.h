@@ -65,8 +65,10 @@ public:
     int roomFor(int lane) const;
     /// Queues the task, or leaves it with the caller and returns false.
     bool submit(ZnTask& task, int lane);
-    /// Counts and logs a refused post: at most once a second and lane, with the number of refusals.
-    void reportRejected(int lane);
+    /// Counts a refused post. Returns how many refusals to report now: at most once a second and lane not 0.
+    std::uint64_t countRejected(int lane);
+    /// Reports `refusalCount` refusals, if it is not 0; to be called without a lock.
+    static void logRejected(int lane, std::uint64_t refusalCount);
 
     bool hasQueuedWork() const { return queuedCount_.load(std::memory_order_acquire) > 0; }
     bool hasLaneZeroWork() const { return laneZeroCount_.load(std::memory_order_acquire) > 0; }
@@ -89,10 +91,10 @@ public:
 private:
     struct FiberSlot_ {
         ZnFiberPool* pool = nullptr;
-        std::unique_ptr<ZnFiberContext> fiber; // made at first use
+        std::unique_ptr<ZnFiberStacks> ownStacks; // spillover slots have a mapping of their own
         ZnFiberStacks* stacks = nullptr;
         std::size_t stackIndex = 0;
-        std::unique_ptr<ZnFiberStacks> ownStacks; // spillover slots have a mapping of their own
+        std::unique_ptr<ZnFiberContext> fiber; // made at first use
         ZnTask task;
         int resumeLane = kDefaultLane;
         int waitId = 0; // non-zero while parked
@@ -110,6 +112,8 @@ private:
     static void executeCallbackSafely_(ZnTask& task);
     void runTask_(FiberSlot_& slot);
     bool makeContext_(FiberSlot_& slot);
+    void freeSlot_(FiberSlot_& slot) ZN_REQUIRES(lock_);
+    static void logDropped_();
     int capacityOf_(int lane) const;
     int depthOf_(int lane) const ZN_REQUIRES(lock_);
     void noteDepth_(int lane) ZN_REQUIRES(lock_);

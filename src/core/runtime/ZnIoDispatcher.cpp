@@ -27,15 +27,28 @@ public:
         const std::shared_ptr<Entry_> entry = std::move(entry_);
         if (!entry->active.load(std::memory_order_acquire))
             return;
+        const EndOfRound_ endOfRound(entry); // also when the callback throws
         const unsigned mask = entry->pendingMask.exchange(0, std::memory_order_acq_rel);
         if (mask != 0)
             entry->callback(mask);
-        // Parks may lie behind: the dispatcher is touched only while the entry is still registered with it.
-        if (entry->active.load(std::memory_order_acquire))
-            entry->dispatcher->drainEnded_(entry);
     }
 
 private:
+    class EndOfRound_ {
+    public:
+        explicit EndOfRound_(const std::shared_ptr<Entry_>& entry) : entry_(entry) {}
+        ~EndOfRound_() {
+            // Parks may lie behind: the dispatcher is touched only while the entry is still registered with it.
+            if (entry_->active.load(std::memory_order_acquire))
+                entry_->dispatcher->drainEnded_(entry_);
+        }
+        EndOfRound_(const EndOfRound_&) = delete;
+        EndOfRound_& operator=(const EndOfRound_&) = delete;
+
+    private:
+        const std::shared_ptr<Entry_>& entry_;
+    };
+
     std::shared_ptr<Entry_> entry_;
 };
 
@@ -53,15 +66,19 @@ unsigned long long ZnIoDispatcher::watchHandle(std::shared_ptr<ZnWaitHandle> han
     entry->dispatcher = this;
     entry->handle = std::move(handle);
     entry->callback = std::move(callback);
+    const unsigned long long id = insert_(std::move(entry));
+    if (id == 0)
+        ZN_LOG_ERROR(kCategory, "ZnIoDispatcher::watchHandle")
+            << "[ZnIoDispatcher] RegisterWaitForSingleObject failed";
+    return id;
+}
+
+unsigned long long ZnIoDispatcher::insert_(std::shared_ptr<Entry_> entry) {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (shuttingDown_)
+    // Inside the lock, so that unwatch from another thread finds either nothing or a registered handle.
+    if (shuttingDown_ || !poller_.add(entry->handle->descriptor(), entry.get()))
         return 0;
     entry->id = nextId_++;
-    // Inside the lock, so that unwatch from another thread finds either nothing or a registered handle.
-    if (!poller_.add(entry->handle->descriptor(), entry.get())) {
-        ZN_LOG_ERROR(kCategory, "ZnIoDispatcher::watchHandle") << "[ZnIoDispatcher] registration of a handle failed";
-        return 0;
-    }
     return entries_.emplace(entry->id, std::move(entry)).first->first;
 }
 

@@ -59,6 +59,7 @@ private:
     };
     class Drain_;
 
+    unsigned long long insert_(std::shared_ptr<Entry_> entry);
     void dispatch_(const std::shared_ptr<Entry_>& entry, unsigned mask);
     void defer_(std::shared_ptr<Entry_> entry);
     void drainEnded_(const std::shared_ptr<Entry_>& entry);

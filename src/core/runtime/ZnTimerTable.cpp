@@ -26,13 +26,22 @@ std::shared_ptr<ZnTimerRecord> ZnTimerTable::remove(int id) {
     byId_.erase(at);
     record->cancelled.store(true, std::memory_order_release);
     if (record->waiting)
-        takeFromHeap_(record->heapIndex);
+        takeFromHeap_(heapOf_(*record), record->heapIndex);
     return record;
 }
 
-std::shared_ptr<ZnTimerRecord> ZnTimerTable::takeNext() {
-    std::shared_ptr<ZnTimerRecord> record = heap_.front();
-    takeFromHeap_(0);
+long long ZnTimerTable::nextDueNs() const {
+    long long dueNs = -1;
+    for (const Heap_& heap : heaps_) {
+        if (!heap.empty() && (dueNs < 0 || heap.front()->dueNs < dueNs))
+            dueNs = heap.front()->dueNs;
+    }
+    return dueNs;
+}
+
+std::shared_ptr<ZnTimerRecord> ZnTimerTable::takeNext(std::size_t group) {
+    std::shared_ptr<ZnTimerRecord> record = heaps_[group].front();
+    takeFromHeap_(heaps_[group], 0);
     return record;
 }
 
@@ -41,9 +50,10 @@ void ZnTimerTable::putBack(const std::shared_ptr<ZnTimerRecord>& record, long lo
         return;
     record->dueNs = dueNs;
     record->waiting = true;
-    heap_.push_back(record);
-    record->heapIndex = heap_.size() - 1;
-    siftUp_(record->heapIndex);
+    Heap_& heap = heapOf_(*record);
+    heap.push_back(record);
+    record->heapIndex = heap.size() - 1;
+    siftUp_(heap, record->heapIndex);
 }
 
 void ZnTimerTable::cancelAll() {
@@ -55,46 +65,46 @@ bool ZnTimerTable::isEarlier_(const ZnTimerRecord& left, const ZnTimerRecord& ri
     return left.dueNs != right.dueNs ? left.dueNs < right.dueNs : left.id < right.id;
 }
 
-void ZnTimerTable::place_(std::size_t index, std::shared_ptr<ZnTimerRecord> record) {
+void ZnTimerTable::place_(Heap_& heap, std::size_t index, std::shared_ptr<ZnTimerRecord> record) {
     record->heapIndex = index;
-    heap_[index] = std::move(record);
+    heap[index] = std::move(record);
 }
 
-void ZnTimerTable::siftUp_(std::size_t index) {
-    std::shared_ptr<ZnTimerRecord> record = std::move(heap_[index]);
+void ZnTimerTable::siftUp_(Heap_& heap, std::size_t index) {
+    std::shared_ptr<ZnTimerRecord> record = std::move(heap[index]);
     while (index > 0) {
         const std::size_t parent = (index - 1) / 2;
-        if (!isEarlier_(*record, *heap_[parent]))
+        if (!isEarlier_(*record, *heap[parent]))
             break;
-        place_(index, std::move(heap_[parent]));
+        place_(heap, index, std::move(heap[parent]));
         index = parent;
     }
-    place_(index, std::move(record));
+    place_(heap, index, std::move(record));
 }
 
-void ZnTimerTable::siftDown_(std::size_t index) {
-    std::shared_ptr<ZnTimerRecord> record = std::move(heap_[index]);
+void ZnTimerTable::siftDown_(Heap_& heap, std::size_t index) {
+    std::shared_ptr<ZnTimerRecord> record = std::move(heap[index]);
     for (;;) {
         std::size_t child = 2 * index + 1;
-        if (child >= heap_.size())
+        if (child >= heap.size())
             break;
-        if (child + 1 < heap_.size() && isEarlier_(*heap_[child + 1], *heap_[child]))
+        if (child + 1 < heap.size() && isEarlier_(*heap[child + 1], *heap[child]))
             ++child;
-        if (!isEarlier_(*heap_[child], *record))
+        if (!isEarlier_(*heap[child], *record))
             break;
-        place_(index, std::move(heap_[child]));
+        place_(heap, index, std::move(heap[child]));
         index = child;
     }
-    place_(index, std::move(record));
+    place_(heap, index, std::move(record));
 }
 
-void ZnTimerTable::takeFromHeap_(std::size_t index) {
-    heap_[index]->waiting = false;
-    std::shared_ptr<ZnTimerRecord> last = std::move(heap_.back());
-    heap_.pop_back();
-    if (index == heap_.size())
+void ZnTimerTable::takeFromHeap_(Heap_& heap, std::size_t index) {
+    heap[index]->waiting = false;
+    std::shared_ptr<ZnTimerRecord> last = std::move(heap.back());
+    heap.pop_back();
+    if (index == heap.size())
         return;
-    place_(index, std::move(last));
-    siftUp_(index);
-    siftDown_(index); // moves at most one of the two ways
+    place_(heap, index, std::move(last));
+    siftUp_(heap, index);
+    siftDown_(heap, index); // moves at most one of the two ways
 }

@@ -129,6 +129,36 @@ TEST_F(ZnObjectTest, ParentsOwnTheirChildren) {
     delete moved;
 }
 
+TEST_F(ZnObjectTest, TheEndOfOneChildMayDeleteAnother) {
+    auto* parent = new ZnObject;
+    auto* first = new ZnObject(parent);
+    auto* second = new ZnObject(parent);
+    first->connect(&ZnObject::destroyed, [second] { delete second; });
+    const ZnPointer<ZnObject> guard(second);
+    delete parent;
+    EXPECT_FALSE(guard);
+}
+
+TEST_F(ZnObjectTest, EventsOfAnObjectAreDeliveredOnItsOwnThread) {
+    class Target : public ZnObject {
+    public:
+        bool event(ZnEvent* event) override {
+            if (event->type == 100)
+                delivered.set_value(std::this_thread::get_id());
+            return ZnObject::event(event);
+        }
+        std::promise<std::thread::id> delivered;
+    };
+    zn::atomic::Thread thread("events");
+    std::promise<Target*> made;
+    thread.setOnStart([&] { made.set_value(new Target); });
+    ASSERT_TRUE(thread.start());
+    Target* target = made.get_future().get();
+    application_.postEvent(target, new ZnEvent(100), 0);
+    EXPECT_NE(target->delivered.get_future().get(), std::this_thread::get_id());
+    target->deleteLater();
+}
+
 TEST_F(ZnObjectTest, FiltersSeeEventsFirstAndTheLatestFilterWins) {
     class Filter : public ZnObject {
     public:

@@ -104,8 +104,11 @@ TEST_F(ZnCoreApplicationTest, TimersThatFindNoRoomWaitWithoutSpinning) {
     ASSERT_TRUE(runUntil([&] { return parkedCount() == 500; }));
     bool fired = false;
     application_.addTimer([&] { fired = true; }, 1, true, 2);
+    bool urgentFired = false;
+    application_.addTimer([&] { urgentFired = true; }, 2, true, 0); // due later, but its lane has room
     settle(200);
     EXPECT_FALSE(fired);
+    EXPECT_TRUE(urgentFired);
     EXPECT_LT(application_.load(), 0.5);
     for (auto& loop : loops)
         loop->quit();

@@ -4,6 +4,7 @@
 #include "support/LogCapture.h"
 #include "support/LoopFixture.h"
 
+#include <stdexcept>
 #include <sys/eventfd.h>
 #include <thread>
 #include <unistd.h>
@@ -69,6 +70,21 @@ TEST_F(ZnIoDispatcherTest, AParkedCallbackIsTheOnlyOneOfItsHandle) {
     settle();
     EXPECT_EQ(calls, 1);
     gate.quit();
+    EXPECT_TRUE(runUntil([&] { return calls == 2; }));
+    dispatcher().unwatch(id);
+}
+
+TEST_F(ZnIoDispatcherTest, AThrowingCallbackIsCalledAgain) {
+    LogCapture log;
+    const auto handle = std::make_shared<EventHandle>();
+    int calls = 0;
+    const unsigned long long id = dispatcher().watchHandle(handle, [&](unsigned) {
+        if (++calls == 1)
+            throw std::runtime_error("slot");
+    });
+    handle->set();
+    ASSERT_TRUE(runUntil([&] { return calls == 1; }));
+    handle->set();
     EXPECT_TRUE(runUntil([&] { return calls == 2; }));
     dispatcher().unwatch(id);
 }

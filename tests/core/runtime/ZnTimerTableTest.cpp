@@ -29,15 +29,15 @@ TEST(ZnTimerTable, AgreesWithASortedMapUnderRandomUse) {
             expected.erase({victim->second, victim->first});
             dueById.erase(victim);
         } else {
-            const std::shared_ptr<ZnTimerRecord> record = table.takeNext();
+            const std::shared_ptr<ZnTimerRecord> record = table.takeNext(1);
             ASSERT_EQ(record->id, expected.begin()->second);
             table.forget(record->id);
             dueById.erase(record->id);
             expected.erase(expected.begin());
         }
-        ASSERT_EQ(table.next() != nullptr, !expected.empty());
+        ASSERT_EQ(table.next(1) != nullptr, !expected.empty());
         if (!expected.empty()) {
-            ASSERT_EQ((*table.next())->id, expected.begin()->second);
+            ASSERT_EQ(table.next(1)->id, expected.begin()->second);
         }
         ASSERT_EQ(table.size(), dueById.size());
     }

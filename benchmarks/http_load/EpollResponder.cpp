@@ -33,17 +33,23 @@ public:
     Responder(std::string answer, unsigned short upstreamPort, std::string upstreamRequest)
         : answer_(std::move(answer)), upstreamPort_(upstreamPort), upstreamRequest_(std::move(upstreamRequest)) {}
 
+    /// Listens on loopback addresses from 127.0.0.1 on, all with the same port.
     bool listen() {
         epoll_ = ::epoll_create1(EPOLL_CLOEXEC);
-        listener_.fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-        sockaddr_in address = loopback(0);
-        socklen_t addressBytes = sizeof(address);
-        if (::bind(listener_.fd, reinterpret_cast<sockaddr*>(&address), addressBytes) != 0 ||
-            ::listen(listener_.fd, 65535) != 0 ||
-            ::getsockname(listener_.fd, reinterpret_cast<sockaddr*>(&address), &addressBytes) != 0)
-            return false;
-        watch(listener_, EPOLLIN);
-        std::printf("listening on port %d\n", ntohs(address.sin_port));
+        unsigned short port = 0;
+        for (unsigned i = 0; i <= kUpstreamAddresses; ++i) {
+            Connection& listener = listeners_[i];
+            listener.fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+            sockaddr_in address = loopback(port, i);
+            socklen_t addressBytes = sizeof(address);
+            if (::bind(listener.fd, reinterpret_cast<sockaddr*>(&address), addressBytes) != 0 ||
+                ::listen(listener.fd, 65535) != 0 ||
+                ::getsockname(listener.fd, reinterpret_cast<sockaddr*>(&address), &addressBytes) != 0)
+                return false;
+            port = ntohs(address.sin_port);
+            watch(listener, EPOLLIN);
+        }
+        std::printf("listening on port %d\n", port);
         std::fflush(stdout);
         return true;
     }
@@ -59,11 +65,11 @@ public:
     }
 
 private:
-    static sockaddr_in loopback(unsigned short port) {
+    static sockaddr_in loopback(unsigned short port, unsigned index) {
         sockaddr_in address = {};
         address.sin_family = AF_INET;
         address.sin_port = htons(port);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK + index);
         return address;
     }
 
@@ -75,8 +81,8 @@ private:
     }
 
     void serve(Connection& connection) {
-        if (&connection == &listener_)
-            acceptAll();
+        if (&connection >= listeners_ && &connection <= listeners_ + kUpstreamAddresses)
+            acceptAll(connection);
         else if (connection.fd < 0)
             return; // closed earlier in this batch
         else if (connection.connecting)
@@ -85,9 +91,9 @@ private:
             readSome(connection);
     }
 
-    void acceptAll() {
+    void acceptAll(const Connection& listener) {
         for (;;) {
-            const int fd = ::accept4(listener_.fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+            const int fd = ::accept4(listener.fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
             if (fd < 0)
                 return;
             const int on = 1;
@@ -158,7 +164,8 @@ private:
         upstream->fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
         const int on = 1;
         ::setsockopt(upstream->fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-        const sockaddr_in address = loopback(upstreamPort_);
+        // A new connection per call uses up the ports towards one address: loopback has many.
+        const sockaddr_in address = loopback(upstreamPort_, 1 + nextUpstream_++ % kUpstreamAddresses);
         ::connect(upstream->fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
         watch(*upstream, EPOLLIN | EPOLLOUT | EPOLLET);
     }
@@ -168,11 +175,14 @@ private:
         ::send(upstream.fd, upstreamRequest_.data(), upstreamRequest_.size(), MSG_NOSIGNAL);
     }
 
+    static constexpr unsigned kUpstreamAddresses = 16;
+
     const std::string answer_;
     const unsigned short upstreamPort_;
     const std::string upstreamRequest_;
     int epoll_ = -1;
-    Connection listener_;
+    Connection listeners_[1 + kUpstreamAddresses];
+    unsigned nextUpstream_ = 0;
     std::vector<std::unique_ptr<Connection>> closed_;
 };
 

@@ -28,6 +28,10 @@ namespace {
 constexpr int kLoadCpu = 0;
 constexpr int kServerCpu = 1;
 
+constexpr int kNoBound = 1 << 30;
+constexpr int kCallsInFlight = 400;     // the agent refuses more at a time
+constexpr int kUpstreamAddresses = 16;  // a new connection per call uses up the ports towards one address
+
 struct Options {
     std::string agent;
     std::string responder;
@@ -109,11 +113,21 @@ std::string initialize(unsigned short port) {
     return sessionId;
 }
 
-Sample measure(const ChildProcess& server, unsigned short port, const std::string& request,
+/// The same upstream under many loopback addresses.
+void writeServices(const char* path, unsigned short upstreamPort) {
+    std::ofstream file(path);
+    file << R"({"services": [)";
+    for (int i = 0; i < kUpstreamAddresses; ++i)
+        file << (i == 0 ? "" : ",") << R"({"id": "up)" << i << R"(", "endpoint": "http://127.0.0.)" << i + 2 << ":"
+             << upstreamPort << R"(/mcp"})";
+    file << "]}";
+}
+
+Sample measure(const ChildProcess& server, unsigned short port, const std::vector<std::string>& requests,
                const std::string& expectedText, int connectionCount, double seconds) {
     const long long cpuBefore = server.cpuNs();
     Sample sample;
-    sample.load = runLoad(port, request, expectedText, connectionCount, seconds);
+    sample.load = runLoad(port, requests, expectedText, connectionCount, seconds);
     if (sample.load.requestCount > 0)
         sample.cpuUs = static_cast<double>(server.cpuNs() - cpuBefore) / 1000.0 /
                        static_cast<double>(sample.load.requestCount);
@@ -135,15 +149,19 @@ void print(const char* what, const char* program, int connections, const Sample&
 
 /// One table: the limit and the agent by turns, for every number of connections. Returns the number of failures.
 long long compare(const char* what, const Options& options, const ChildProcess& limit, unsigned short limitPort,
-                  const ChildProcess& agent, unsigned short agentPort, const std::string& request,
-                  const std::string& expectedText) {
+                  const ChildProcess& agent, unsigned short agentPort, const std::vector<std::string>& requests,
+                  const std::string& expectedText, int maxConnections) {
     long long failures = 0;
     for (const int connections : options.connections) {
+        if (connections > maxConnections) {
+            std::printf("%-11s        %5d above the bound of calls in flight, left out\n", what, connections);
+            continue;
+        }
         std::vector<Sample> limitSamples;
         std::vector<Sample> agentSamples;
         for (int round = 0; round < options.rounds; ++round) {
-            limitSamples.push_back(measure(limit, limitPort, request, "", connections, options.seconds));
-            agentSamples.push_back(measure(agent, agentPort, request, expectedText, connections, options.seconds));
+            limitSamples.push_back(measure(limit, limitPort, requests, "", connections, options.seconds));
+            agentSamples.push_back(measure(agent, agentPort, requests, expectedText, connections, options.seconds));
             failures += agentSamples.back().load.failureCount;
         }
         const Sample limitMedian = median(limitSamples);
@@ -184,8 +202,7 @@ int main(int argc, char** argv) {
 
     char servicesFile[] = "http_load_services_XXXXXX";
     const int servicesFd = ::mkstemp(servicesFile);
-    std::ofstream(servicesFile) << R"({"services": [{"id": "up", "endpoint": "http://127.0.0.1:)" << upstreamPort
-                                << R"(/mcp"}]})";
+    writeServices(servicesFile, upstreamPort);
     const unsigned short agentPort = freePort();
     const ChildProcess agent({options.agent, "--port=" + std::to_string(agentPort),
                               std::string("--services_file=") + servicesFile},
@@ -196,10 +213,12 @@ int main(int argc, char** argv) {
 
     const std::string sessionId = initialize(agentPort);
     const std::string ping = post(R"({"jsonrpc":"2.0","id":1,"method":"ping"})", sessionId);
-    const std::string rpc =
-        post(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"bridge.rpc","arguments":)"
-             R"({"serviceId":"up","request":{"jsonrpc":"2.0","id":1,"method":"tools/list"}}}})",
-             sessionId);
+    std::vector<std::string> rpcs;
+    for (int i = 0; i < kUpstreamAddresses; ++i)
+        rpcs.push_back(post(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"bridge.rpc","arguments":)"
+                            R"({"serviceId":"up)" +
+                                std::to_string(i) + R"(","request":{"jsonrpc":"2.0","id":1,"method":"tools/list"}}}})",
+                            sessionId));
     const std::string forwarded = "POST /mcp HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(upstreamPort) +
                                   "\r\nAccept: application/json\r\nConnection: close\r\nUser-Agent: forwarder\r\n"
                                   "Content-Type: application/json\r\nContent-Length: 46\r\n\r\n"
@@ -208,16 +227,18 @@ int main(int argc, char** argv) {
     std::unique_ptr<ChildProcess> forwarder;
     const unsigned short limitPort = listeningPort({options.responder, askOnce(agentPort, ping)}, limit, kServerCpu);
     const unsigned short forwarderPort =
-        listeningPort({options.responder, askOnce(agentPort, rpc), std::to_string(upstreamPort), forwarded}, forwarder,
+        listeningPort({options.responder, askOnce(agentPort, rpcs[0]), std::to_string(upstreamPort), forwarded}, forwarder,
                       kServerCpu);
 
-    long long failures = compare("ping", options, *limit, limitPort, agent, agentPort, ping, R"("result": {})");
-    failures += compare("bridge.rpc", options, *forwarder, forwarderPort, agent, agentPort, rpc, "transportOk\": true");
+    long long failures = compare("ping", options, *limit, limitPort, agent, agentPort, {ping}, R"("result": {})",
+                                 kNoBound);
+    failures += compare("bridge.rpc", options, *forwarder, forwarderPort, agent, agentPort, rpcs,
+                        "transportOk\\\": true", kCallsInFlight);
     if (options.idleConnections > 0) {
         const IdleConnections idleLimit(limitPort, options.idleConnections);
         const IdleConnections idleAgent(agentPort, options.idleConnections);
         std::printf("with %d idle connections on each:\n", options.idleConnections);
-        failures += compare("ping", options, *limit, limitPort, agent, agentPort, ping, R"("result": {})");
+        failures += compare("ping", options, *limit, limitPort, agent, agentPort, {ping}, R"("result": {})", kNoBound);
     }
     std::printf("agent: %ld KiB resident at the end, %lld failures\n", agent.residentKib(), failures);
     return failures == 0 ? 0 : 1;

@@ -81,7 +81,7 @@ double percentile(std::vector<float>& latencies, double share) {
 
 } // namespace
 
-LoadResult runLoad(unsigned short port, const std::string& request, const std::string& expectedText,
+LoadResult runLoad(unsigned short port, const std::vector<std::string>& requests, const std::string& expectedText,
                    int connectionCount, double seconds) {
     const int epollFd = ::epoll_create1(EPOLL_CLOEXEC);
     std::vector<Connection> connections(static_cast<std::size_t>(connectionCount));
@@ -97,8 +97,11 @@ LoadResult runLoad(unsigned short port, const std::string& request, const std::s
     latencies.reserve(1 << 20);
     const Clock::time_point start = Clock::now();
     const Clock::time_point end = start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+    const auto requestOf = [&](const Connection& connection) -> const std::string& {
+        return requests[static_cast<std::size_t>(&connection - connections.data()) % requests.size()];
+    };
     for (Connection& connection : connections)
-        sendRequest(connection, request);
+        sendRequest(connection, requestOf(connection));
     epoll_event events[256];
     Clock::time_point now = start;
     while (now < end) {
@@ -120,7 +123,7 @@ LoadResult runLoad(unsigned short port, const std::string& request, const std::s
                 ++result.failureCount;
             connection.input.erase(0, connection.answerBytes);
             connection.answerBytes = 0;
-            sendRequest(connection, request);
+            sendRequest(connection, requestOf(connection));
         }
     }
     const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 /// What one run of the load generator saw.
 struct LoadResult {
@@ -13,8 +14,9 @@ struct LoadResult {
 };
 
 /// Keeps `connectionCount` connections to a loopback port busy for `seconds`, each sending its next request when
-/// the answer to the last has come. Single-threaded, bounded, stops by itself.
-LoadResult runLoad(unsigned short port, const std::string& request, const std::string& expectedText,
+/// the answer to the last has come; connection i sends request i modulo their number. Single-threaded, bounded,
+/// stops by itself.
+LoadResult runLoad(unsigned short port, const std::vector<std::string>& requests, const std::string& expectedText,
                    int connectionCount, double seconds);
 
 /// Connections that are opened and left idle until the object goes.

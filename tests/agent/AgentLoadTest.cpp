@@ -125,11 +125,11 @@ protected:
         return client.answer().find("\"result\": {}") != std::string::npos;
     }
     /// Ends both programs; their exit codes also tell what the leak check found.
-    void expectOrderlyEnd() {
-        agent_->terminate();
+    void expectOrderlyEnd(int signalNumber = SIGTERM) {
+        agent_->signal(signalNumber);
         EXPECT_EQ(agent_->exitCode(), 0);
         EXPECT_EQ(agent_->restOfOutput(), "");
-        service_->terminate();
+        service_->signal(signalNumber);
         EXPECT_EQ(service_->exitCode(), 0);
     }
 
@@ -198,7 +198,36 @@ TEST_F(AgentLoad, ThousandsOfConnectionsBecomingReadyAtOnceAreAllAnswered) {
     expectOrderlyEnd(); // without a line in the log
 }
 
-TEST_F(AgentLoad, AStopEndsParkedCallsFirst) {
+TEST_F(AgentLoad, LargeAndDeepValuesPassOrAreRefusedClearly) {
+    Client client(port_);
+    const std::string large(6 * 1024 * 1024, 'x');
+    client.post(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"bridge.rpc","arguments":{"serviceId":)"
+                R"("echo","request":{"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"echo","arguments":)"
+                R"({"text":")" +
+                    large + R"("}}}}}})",
+                session_);
+    EXPECT_NE(client.answer().find("\"text\": \"" + large + "\""), std::string::npos);
+
+    const auto nested = [](std::size_t depth) { return std::string(depth, '[') + "1" + std::string(depth, ']'); };
+    const auto call = [&](std::size_t depth) {
+        return R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"bridge.rpc","arguments":{"serviceId":)"
+               R"("echo","request":{"jsonrpc":"2.0","id":1,"method":"ping","params":)" +
+               nested(depth) + "}}}}";
+    };
+    client.post(call(252), session_); // with the four objects around it the deepest that is read
+    EXPECT_NE(client.answer().find("\"transportOk\": true"), std::string::npos);
+    for (const std::size_t depth : {253U, 1000000U}) {
+        client.post(call(depth), session_);
+        EXPECT_NE(client.answer().find(R"({"error": "Expected a single JSON-RPC object"})"), std::string::npos);
+    }
+    expectOrderlyEnd();
+}
+
+class AgentStop : public AgentLoad, public ::testing::WithParamInterface<int> {};
+
+INSTANTIATE_TEST_SUITE_P(Signals, AgentStop, ::testing::Values(SIGTERM, SIGINT));
+
+TEST_P(AgentStop, EndsParkedCallsFirst) {
     auto parked = connect(200);
     for (const auto& client : parked)
         client->post(slowCall(60000), session_);
@@ -208,7 +237,7 @@ TEST_F(AgentLoad, AStopEndsParkedCallsFirst) {
             client->post(kPing, session_);
     }
     EXPECT_TRUE(pingWorks());
-    expectOrderlyEnd();
+    expectOrderlyEnd(GetParam());
     std::size_t told = 0;
     for (const auto& client : parked)
         told += client->answer().find("\"errorCode\": -1002") != std::string::npos ? 1 : 0;

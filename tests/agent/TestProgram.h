@@ -29,7 +29,16 @@ public:
         for (const std::string& argument : arguments)
             argv.push_back(const_cast<char*>(argument.c_str()));
         argv.push_back(nullptr);
-        EXPECT_EQ(::posix_spawn(&pid_, path, &actions, nullptr, argv.data(), environ), 0);
+        // A test that runs in the background of a shell has SIGINT ignored, and would pass that on.
+        posix_spawnattr_t attributes;
+        ::posix_spawnattr_init(&attributes);
+        sigset_t interrupts;
+        sigemptyset(&interrupts);
+        sigaddset(&interrupts, SIGINT);
+        ::posix_spawnattr_setsigdefault(&attributes, &interrupts);
+        ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+        EXPECT_EQ(::posix_spawn(&pid_, path, &actions, &attributes, argv.data(), environ), 0);
+        ::posix_spawnattr_destroy(&attributes);
         ::posix_spawn_file_actions_destroy(&actions);
         ::close(pipes[1]);
     }

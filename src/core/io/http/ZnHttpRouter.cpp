@@ -225,15 +225,16 @@ void ZnHttpRouter::setFallback(Handler fallback) {
 ZnHttpRouter::Lookup_ ZnHttpRouter::find_(const ZnHttpRequest& request) const {
     Lookup_ lookup;
     for (const RouteRef_& route : routes_) {
-        if (!matchRoute(*route, request.path.view(), nullptr))
-            continue;
-        if (passesMethod(*route, request.method)) {
+        if (passesMethod(*route, request.method) && matchRoute(*route, request.path.view(), nullptr)) {
             lookup.route = route;
             return lookup;
         }
-        lookup.pathMatched = true;
-        lookup.allow.push_back(route->method.view()); // never "*", which passes every method
     }
+    for (const RouteRef_& route : routes_) { // for the 405 alone
+        if (matchRoute(*route, request.path.view(), nullptr))
+            lookup.allow.push_back(route->method.view()); // never "*", which passes every method
+    }
+    lookup.pathMatched = !lookup.allow.empty();
     return lookup;
 }
 

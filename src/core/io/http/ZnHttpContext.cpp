@@ -55,15 +55,15 @@ void ZnHttpContext::setStatus_(int status) {
     responded_ = true;
 }
 
-void ZnHttpContext::send(ZnByteArray bytes, const ZnString& contentType, int status) {
+void ZnHttpContext::send(ZnByteArray bytes, ZnString contentType, int status) {
     setStatus_(status);
     if (!contentType.isEmpty())
-        setHeader("content-type", contentType);
+        setHeader("content-type", std::move(contentType));
     response_.body = std::move(bytes);
 }
 
-void ZnHttpContext::sendString(const ZnString& text, const ZnString& contentType, int status) {
-    send(ZnByteArray(text), contentType, status);
+void ZnHttpContext::sendString(const ZnString& text, ZnString contentType, int status) {
+    send(ZnByteArray(text), std::move(contentType), status);
 }
 
 void ZnHttpContext::text(const ZnString& text, int status) {

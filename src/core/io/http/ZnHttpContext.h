@@ -26,8 +26,8 @@ public:
     /// that is no HTTP token and for a value with CR, LF or NUL; all but an empty name are logged.
     bool setHeader(const ZnString& name, ZnString value);
     /// The whole answer; an empty `contentType` leaves that header as it is.
-    void send(ZnByteArray bytes, const ZnString& contentType, int status = 200);
-    void sendString(const ZnString& text, const ZnString& contentType, int status = 200);
+    void send(ZnByteArray bytes, ZnString contentType, int status = 200);
+    void sendString(const ZnString& text, ZnString contentType, int status = 200);
     void text(const ZnString& text, int status = 200);
     void json(const ZnJsonValue& value, int status = 200, JsonFormat format = JsonFormat::Compact);
     /// An answer without a body.

@@ -55,7 +55,7 @@ public:
         std::string input;
         for (std::size_t wanted = 0; wanted == 0 || input.size() < wanted;) {
             pollfd waitFor = {fd_, POLLIN, 0};
-            char buffer[4096];
+            char buffer[65536];
             const ssize_t got = ::poll(&waitFor, 1, 20000) == 1 ? ::recv(fd_, buffer, sizeof(buffer), 0) : -1;
             if (got <= 0)
                 return {};
@@ -63,7 +63,7 @@ public:
             const std::size_t headEnd = input.find("\r\n\r\n");
             const std::size_t lengthAt = input.find("content-length: ");
             if (headEnd != std::string::npos && lengthAt < headEnd)
-                wanted = headEnd + 4 + std::stoul(input.substr(lengthAt + std::strlen("content-length: ")));
+                wanted = headEnd + 4 + std::stoul(input.substr(lengthAt + std::strlen("content-length: "), 20));
         }
         return input;
     }

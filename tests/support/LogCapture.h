@@ -3,6 +3,8 @@
 #include "core/types/ZnLogger.h"
 
 #include <mutex>
+#include <string>
+#include <utility>
 #include <vector>
 
 /// Collects the log lines of a scope and keeps them off the console.
@@ -28,6 +30,15 @@ public:
         for (const ZnString& line : lines_)
             count += line.contains(text) ? 1 : 0;
         return count;
+    }
+
+    /// The lines so far without their timestamps, which are forgotten.
+    std::vector<std::string> take() {
+        std::lock_guard<std::mutex> guard(mutex_);
+        std::vector<std::string> texts;
+        for (const ZnString& line : std::exchange(lines_, {}))
+            texts.push_back(line.str().substr(std::string_view("[hhmmss.uuuuuu] ").size()));
+        return texts;
     }
 
 private:

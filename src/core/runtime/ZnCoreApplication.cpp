@@ -185,12 +185,12 @@ long long ZnCoreApplication::processEvents_(long long nowNs) {
         serveTheStarved_();
     if (fiberPool_.hasLaneZeroWork() && fiberPool_.runNextWorkItem())
         return 0;
-    if (deliverHighEvent_())
+    if (deliverOneOf_(&ZnCoreApplication::highEvents_))
         return 0;
     const long long nextTimerNs = timerPass_(nowNs);
     if (fiberPool_.hasQueuedWork() && fiberPool_.runNextWorkItem())
         return 0;
-    if (deliverNormalEvent_())
+    if (deliverOneOf_(&ZnCoreApplication::normalEvents_))
         return 0;
     return nextTimerNs;
 }
@@ -200,7 +200,7 @@ void ZnCoreApplication::serveTheStarved_() {
     const int room = fiberPool_.roomFor(ZnFiberPool::kDefaultLane);
     if (room > 0)
         ioDispatcher_.pollAndDispatch(0, room);
-    for (unsigned i = 0; i < kWorkPerLook && deliverNormalEvent_(); ++i) {
+    for (unsigned i = 0; i < kWorkPerLook && deliverOneOf_(&ZnCoreApplication::normalEvents_); ++i) {
     }
 }
 
@@ -285,32 +285,17 @@ bool postToThreadOrFallback(zn::atomic::Thread* target, ZnTask task, int lane) {
 
 // --- object events
 
-bool ZnCoreApplication::deliverHighEvent_() {
+bool ZnCoreApplication::deliverOneOf_(std::deque<QueuedEvent_> ZnCoreApplication::*queue) {
     if (queuedEventCount_.load(std::memory_order_acquire) == 0)
         return false;
     QueuedEvent_ queued;
     {
         ZnMutexLocker locker(loopMutex_);
-        if (highEvents_.empty())
+        std::deque<QueuedEvent_>& events = this->*queue;
+        if (events.empty())
             return false;
-        queued = std::move(highEvents_.front());
-        highEvents_.pop_front();
-        queuedEventCount_.fetch_sub(1, std::memory_order_relaxed);
-    }
-    deliver_(std::move(queued));
-    return true;
-}
-
-bool ZnCoreApplication::deliverNormalEvent_() {
-    if (queuedEventCount_.load(std::memory_order_acquire) == 0)
-        return false;
-    QueuedEvent_ queued;
-    {
-        ZnMutexLocker locker(loopMutex_);
-        if (normalEvents_.empty())
-            return false;
-        queued = std::move(normalEvents_.front());
-        normalEvents_.pop_front();
+        queued = std::move(events.front());
+        events.pop_front();
         queuedEventCount_.fetch_sub(1, std::memory_order_relaxed);
     }
     deliver_(std::move(queued));

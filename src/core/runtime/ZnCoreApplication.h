@@ -109,8 +109,8 @@ private:
     bool runLoop_(const std::function<bool()>* isDone, long long deadlineNs);
     /// At most one unit of work. Returns nanoseconds until the next look: 0 at once, -1 when woken.
     long long processEvents_(long long nowNs);
-    bool deliverHighEvent_();
-    bool deliverNormalEvent_();
+    /// Delivers the front of normalEvents_ or highEvents_; false when it is empty.
+    bool deliverOneOf_(std::deque<QueuedEvent_> ZnCoreApplication::*queue);
     void deliver_(QueuedEvent_ queued);
     void queueEvent_(QueuedEvent_ queued, int priority);
     bool runFilters_(const std::vector<zn::detail::ZnPointerControlRef>& filters,

@@ -1,80 +1,26 @@
 #pragma once
 
-#include <algorithm>
-#include <cstddef>
-#include <initializer_list>
-#include <stdexcept>
-#include <utility>
-#include <vector>
+#include "core/types/ZnSequence.h"
 
-/// As ZnList, with signed 32-bit indices in removeAt, and removal by value.
+/// A sequence with signed 32-bit indices in removeAt, and removal by value.
 template <typename T>
-class ZnVector {
+class ZnVector : public ZnSequence<T> {
 public:
-    using value_type = T;
-    using const_reference = const T&;
-    using iterator = typename std::vector<T>::iterator;
-    using const_iterator = typename std::vector<T>::const_iterator;
+    using ZnSequence<T>::ZnSequence;
 
-    ZnVector() = default;
-    ZnVector(std::initializer_list<T> values) : values_(values) {}
-
-    std::size_t size() const noexcept { return values_.size(); }
-    bool isEmpty() const noexcept { return values_.empty(); }
-    void clear() noexcept { values_.clear(); }
-    void reserve(std::size_t count) { values_.reserve(count); }
-    void append(T value) { values_.push_back(std::move(value)); }
     /// Appends a T() and gives it.
-    T& appendNew() { return values_.emplace_back(); }
-    bool contains(const T& value) const { return std::find(values_.begin(), values_.end(), value) != values_.end(); }
-
-    /// std::runtime_error when empty.
-    T& first() { return requireFirst_(), values_.front(); }
-    const T& first() const { return requireFirst_(), values_.front(); }
-    T& last() { return requireLast_(), values_.back(); }
-    const T& last() const { return requireLast_(), values_.back(); }
-    T takeFirst() {
-        requireFirst_();
-        T value = std::move(values_.front());
-        values_.erase(values_.begin());
-        return value;
-    }
-    /// std::out_of_range above size().
-    void insert(std::size_t index, T value) {
-        if (index > values_.size())
-            throw std::out_of_range("Index out of range");
-        values_.insert(values_.begin() + static_cast<std::ptrdiff_t>(index), std::move(value));
-    }
+    T& appendNew() { return this->values_.emplace_back(); }
     /// std::out_of_range below 0, and at or above size().
     void removeAt(int index) {
-        if (index < 0 || static_cast<std::size_t>(index) >= values_.size())
+        if (index < 0 || static_cast<std::size_t>(index) >= this->size())
             throw std::out_of_range("ZnVector::removeAt index out of range");
-        values_.erase(values_.begin() + index);
+        this->values_.erase(this->begin() + index);
     }
     /// Removes the first equal element; does nothing without one.
     void removeOne(const T& value) {
-        auto at = std::find(values_.begin(), values_.end(), value);
-        if (at != values_.end())
-            values_.erase(at);
+        const auto at = std::find(this->begin(), this->end(), value);
+        if (at != this->end())
+            this->values_.erase(at);
     }
-    T& operator[](std::size_t index) noexcept { return values_[index]; } // index below size()
-    const T& operator[](std::size_t index) const noexcept { return values_[index]; }
-
-    auto begin() noexcept { return values_.begin(); }
-    auto end() noexcept { return values_.end(); }
-    auto begin() const noexcept { return values_.begin(); }
-    auto end() const noexcept { return values_.end(); }
     bool operator==(const ZnVector& other) const = default;
-
-private:
-    void requireFirst_() const {
-        if (values_.empty())
-            throw std::runtime_error("Cannot access first element of an empty container");
-    }
-    void requireLast_() const {
-        if (values_.empty())
-            throw std::runtime_error("Cannot access last element of an empty container");
-    }
-
-    std::vector<T> values_;
 };

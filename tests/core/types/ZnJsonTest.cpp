@@ -1,7 +1,7 @@
 #include "core/types/ZnJsonDocument.h"
 
 #include "core/types/ExpectThrows.h"
-#include "core/types/LogCapture.h"
+#include "support/LogCapture.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 #include "core/types/ZnLogger.h"
 
-#include "core/types/LogCapture.h"
+#include "support/LogCapture.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

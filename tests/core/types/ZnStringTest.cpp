@@ -1,6 +1,6 @@
 #include "core/types/ZnString.h"
 
-#include "core/types/LogCapture.h"
+#include "support/LogCapture.h"
 #include "core/types/ZnList.h"
 
 #include <gmock/gmock.h>

@@ -44,8 +44,8 @@ public:
     Client& operator=(const Client&) = delete;
 
     bool isConnected() const { return isConnected_; }
-    void post(const std::string& body, const std::string& session) {
-        const std::string request = "POST /mcp HTTP/1.1\r\nhost: x\r\n" +
+    void post(const std::string& body, const std::string& session, const std::string& moreHeaders = {}) {
+        const std::string request = "POST /mcp HTTP/1.1\r\nhost: x\r\n" + moreHeaders +
                                     (session.empty() ? "" : "mcp-session-id: " + session + "\r\n") +
                                     "content-length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
         EXPECT_EQ(::send(fd_, request.data(), request.size(), MSG_NOSIGNAL), static_cast<ssize_t>(request.size()));
@@ -242,6 +242,40 @@ TEST_P(AgentStop, EndsParkedCallsFirst) {
     for (const auto& client : parked)
         told += client->answer().find("\"errorCode\": -1002") != std::string::npos ? 1 : 0;
     EXPECT_EQ(told, parked.size());
+}
+
+TEST(AgentSecrets, StayOutOfEveryAnswerAndLogLine) {
+    const std::string servicesFile = "agent_secret_services_" + std::to_string(::getpid()) + ".json";
+    std::ofstream(servicesFile) << R"({"services":[{"id":"s","bearerToken":"hush-upstream","endpoint":"http://127.0.0.1:1/"}]})";
+    ::setenv("ZN_LOGGING_RULES", "*.all=true", 1);
+    const std::string port = freePort();
+    TestProgram agent(BRELT_AGENT_PROGRAM,
+                      {"--port=" + port, "--services_file=" + servicesFile, "--mcp_token=hush-client"});
+    ::unsetenv("ZN_LOGGING_RULES");
+    std::string seen = agent.readLine();
+    ::unlink(servicesFile.c_str());
+    Client client(port);
+    const std::string authorization = "authorization: Bearer hush-client\r\n";
+    client.post(R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18"}})", "",
+                authorization);
+    seen += client.answer();
+    const std::size_t at = seen.find("mcp-session-id: ");
+    ASSERT_NE(at, std::string::npos);
+    const std::string session = seen.substr(at + std::strlen("mcp-session-id: "), 48);
+    for (const char* tool : {"bridge.list_services", "bridge.get_service", "bridge.rpc"}) {
+        client.post(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":")" + std::string(tool) +
+                        R"(","arguments":{"serviceId":"s","request":{}}}})",
+                    session, authorization);
+        seen += client.answer();
+    }
+    EXPECT_NE(seen.find("\"errorCode\": 10061"), std::string::npos);
+    client.post(kPing, session, "authorization: Bearer hush-wrong\r\n");
+    seen += client.answer();
+    EXPECT_NE(seen.find("401"), std::string::npos);
+    agent.terminate();
+    EXPECT_EQ(agent.exitCode(), 0);
+    seen += agent.restOfOutput();
+    EXPECT_EQ(seen.find("hush"), std::string::npos) << seen;
 }
 
 } // namespace

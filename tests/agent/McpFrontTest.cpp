@@ -11,16 +11,16 @@ protected:
 TEST_F(McpFrontTest, OriginsAreRefusedUnlessAllowed) {
     EXPECT_EQ(get({}), 405);
     EXPECT_EQ(bodyOf(call("GET", "/mcp")), R"({"error": "SSE stream is not implemented on this endpoint"})");
-    const ZnHttpResponse refused = call("GET", "/mcp", {{"origin", "http://a"}});
+    const ZnHttpResponse refused = call("GET", "/mcp", {{"origin", "http://localhost"}});
     EXPECT_EQ(refused.status, 403);
     EXPECT_EQ(bodyOf(refused), R"({"error": "Origin not allowed"})");
     EXPECT_EQ(header(refused, "access-control-allow-origin"), "absent");
 
-    agent_.setAllowedOrigin(" http://a ");
+    agent_.setAllowedOrigin(" http://localhost ");
     peerAddress_ = "10.0.0.2";
-    const ZnHttpResponse allowed = call("OPTIONS", "/mcp", {{"origin", "http://a"}});
+    const ZnHttpResponse allowed = call("OPTIONS", "/mcp", {{"origin", "http://localhost"}});
     EXPECT_EQ(allowed.status, 204);
-    EXPECT_EQ(header(allowed, "access-control-allow-origin"), "http://a");
+    EXPECT_EQ(header(allowed, "access-control-allow-origin"), "http://localhost");
     EXPECT_EQ(header(allowed, "access-control-allow-credentials"), "true");
     EXPECT_EQ(header(allowed, "vary"), "origin");
     EXPECT_EQ(header(allowed, "allow"), "POST, GET, DELETE, OPTIONS");
@@ -31,8 +31,8 @@ TEST_F(McpFrontTest, OriginsAreRefusedUnlessAllowed) {
     const ZnHttpResponse plain = call("OPTIONS", "/mcp");
     EXPECT_EQ(plain.status, 204);
     EXPECT_EQ(header(plain, "access-control-allow-origin"), "absent");
-    EXPECT_EQ(call("OPTIONS", "/mcp", {{"origin", "http://A"}}).status, 403);
-    EXPECT_EQ(call("OPTIONS", "/mcp", {{"origin", "http://a"}}).status, 429) << "a pass of OPTIONS clears nothing";
+    EXPECT_EQ(call("OPTIONS", "/mcp", {{"origin", "http://LOCALHOST"}}).status, 403);
+    EXPECT_EQ(call("OPTIONS", "/mcp", {{"origin", "http://localhost"}}).status, 429) << "a pass of OPTIONS clears nothing";
 }
 
 TEST_F(McpFrontTest, TokensOpenTheGate) {
@@ -47,13 +47,13 @@ TEST_F(McpFrontTest, TokensOpenTheGate) {
         peerAddress_ += "x";
         EXPECT_EQ(get({{"authorization", row.authorization}}), row.status);
     }
-    agent_.setAllowedOrigin("http://a");
+    agent_.setAllowedOrigin("http://localhost");
     peerAddress_ = "10.0.0.3";
-    const ZnHttpResponse response = call("POST", "/mcp", {{"origin", "http://a"}}, "{}");
+    const ZnHttpResponse response = call("POST", "/mcp", {{"origin", "http://localhost"}}, "{}");
     EXPECT_EQ(response.status, 401);
     EXPECT_EQ(bodyOf(response), R"({"error": "Authentication required"})");
     EXPECT_EQ(header(response, "www-authenticate"), R"(Bearer realm="brelt-mcp-bridge")");
-    EXPECT_EQ(header(response, "access-control-allow-origin"), "http://a");
+    EXPECT_EQ(header(response, "access-control-allow-origin"), "http://localhost");
 }
 
 TEST_F(McpFrontTest, FailuresBlockForLongerUntilAPass) {
@@ -112,13 +112,13 @@ TEST(McpFailureTable, IsBoundedAndForgetsWhatExpiresFirst) {
 
 TEST_F(McpFrontTest, ServicesLeaveWithoutTheirSecrets) {
     EXPECT_EQ(bodyOf(call("GET", "/services")), "[]");
-    setServices(R"({"services":[5,{"id":"b b","url":"http://b"},
-        {"id":42,"endpoint":"http://a","bearerToken":"tok","tls_ca_file":"ca","timeoutMs":"250","enabled":0}]})");
+    setServices(R"({"services":[5,{"id":"b b","url":"http://127.0.0.1"},
+        {"id":42,"endpoint":"http://localhost","bearerToken":"tok","tls_ca_file":"ca","timeoutMs":"250","enabled":0}]})");
     const std::string first =
-        R"({"description": "","enabled": false,"endpoint": "http://a","hasBearerToken": true,"hasTlsCaFile": true,)"
+        R"({"description": "","enabled": false,"endpoint": "http://localhost","hasBearerToken": true,"hasTlsCaFile": true,)"
         R"("id": "42","timeoutMs": 250,"title": "","transport": "streamable-http"})";
     const std::string second =
-        R"({"description": "","enabled": true,"endpoint": "http://b","hasBearerToken": false,"hasTlsCaFile": false,)"
+        R"({"description": "","enabled": true,"endpoint": "http://127.0.0.1","hasBearerToken": false,"hasTlsCaFile": false,)"
         R"("id": "b b","timeoutMs": 15000,"title": "","transport": "streamable-http"})";
     EXPECT_EQ(bodyOf(call("GET", "/services")), "[" + first + "," + second + "]");
     EXPECT_EQ(bodyOf(call("GET", "/services/b b")), second);

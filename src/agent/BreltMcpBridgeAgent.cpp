@@ -64,17 +64,20 @@ bool BreltMcpBridgeAgent::start(const ZnString& bindAddress, std::uint16_t port,
                                 const ZnString& tlsKeyPath) {
     if (!loadServices_())
         return false;
-    if (!tlsCertPath.isEmpty() && !tlsKeyPath.isEmpty()) {
-        ZN_LOG_ERROR("zn.core.io.zntcpserver", "BreltMcpBridgeAgent::start") << "TLS is not available in this build";
-        return false;
-    }
     auto server = std::make_unique<ZnHttpApp>();
     ZnHttpLimits limits = server->limits();
     limits.maxBodyBytes = kMaxBodyBytes;
     server->setLimits(limits);
     registerRoutes_(*server);
-    const ZnString address = bindAddress.trimmed();
-    if (!server->tcpServer().listen(address.isEmpty() ? ZnString("127.0.0.1") : address, port))
+    const ZnString trimmed = bindAddress.trimmed();
+    const ZnString address = trimmed.isEmpty() ? ZnString("127.0.0.1") : trimmed;
+    const bool usesTls = !tlsCertPath.isEmpty() && !tlsKeyPath.isEmpty();
+    const bool isListening =
+        usesTls ? server->sslServer().reloadLocalCredentials(
+                      ZnSslServer::makeLocalCredentials_(tlsCertPath, tlsKeyPath)) &&
+                      server->sslServer().listen(address, port)
+                : server->tcpServer().listen(address, port);
+    if (!isListening)
         return false;
     server_ = std::move(server);
     return true;
@@ -94,5 +97,7 @@ void BreltMcpBridgeAgent::stop() {
 }
 
 std::uint16_t BreltMcpBridgeAgent::localPort() const {
-    return server_ ? server_->tcpServer().localPort() : static_cast<std::uint16_t>(0);
+    if (!server_)
+        return 0;
+    return server_->sslServer().isListening() ? server_->sslServer().localPort() : server_->tcpServer().localPort();
 }

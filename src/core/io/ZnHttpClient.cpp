@@ -1,6 +1,6 @@
 #include "core/io/ZnHttpClient.h"
 
-#include "core/io/ZnTcpSocket.h"
+#include "core/io/ZnSslSocket.h"
 #include "core/types/ZnJsonDocument.h"
 #include "core/types/ZnLogger.h"
 
@@ -131,7 +131,7 @@ bool ZnHttpClient::request(int method, const ZnString& url, ZnByteArray body, co
     state_ = State_::Connecting;
     const ZnPointer<ZnHttpClient> self(this);
     const unsigned serial = requestSerial_;
-    const bool hasBegun = socket_->connectToHost(target_.host, target_.port); // may park and emit
+    const bool hasBegun = connectSocket_();
     if (!self || serial != requestSerial_)
         return hasBegun; // aborted, or ended by a signal of its own
     if (!hasBegun)
@@ -140,18 +140,37 @@ bool ZnHttpClient::request(int method, const ZnString& url, ZnByteArray body, co
 }
 
 /// Null, with the reason in the log, when there can be no connection.
-ZnAbstractSocket* ZnHttpClient::createSocket_() {
-    if (target_.useTls() || !isSafeLineText(contentType_.view())) {
-        ZN_LOG_ERROR(kCategory, "ZnHttpClient::request")
-            << "[ZnHttpClient] " << (target_.useTls() ? "TLS is not available in this build" : "invalid content type");
+ZnTcpSocket* ZnHttpClient::createSocket_() {
+    if (!isSafeLineText(contentType_.view())) {
+        ZN_LOG_ERROR(kCategory, "ZnHttpClient::request") << "[ZnHttpClient] invalid content type";
         return nullptr;
     }
-    ZnAbstractSocket* socket = new ZnTcpSocket(this);
+    ZnTcpSocket* socket = target_.useTls() ? createTlsSocket_() : new ZnTcpSocket(this);
     socket->connect(&ZnAbstractSocket::errorOccurred, this, &ZnHttpClient::onSocketError_);
     socket->connect(&ZnAbstractSocket::disconnected, this, &ZnHttpClient::onDisconnected_);
     socket->connect(&ZnIODevice::readyRead, this, &ZnHttpClient::onReadyRead_);
+    // With TLS it comes behind the handshake.
     socket->connect(&ZnAbstractSocket::connected, this, &ZnHttpClient::onConnected_);
     return socket;
+}
+
+ZnTcpSocket* ZnHttpClient::createTlsSocket_() {
+    auto* socket = new ZnSslSocket(this);
+    socket->setPeerHostName(target_.host);
+    if (!caFile_.isEmpty())
+        socket->setCaFile(caFile_);
+    socket->connect(&ZnSslSocket::sslErrors, this, [](const ZnList<ZnString>& errors) {
+        if (!errors.isEmpty())
+            ZN_LOG_ERROR(kCategory, "ZnHttpClient::request") << "[ZnHttpClient] TLS error: " << errors.first();
+    });
+    return socket;
+}
+
+/// May park and emit.
+bool ZnHttpClient::connectSocket_() {
+    if (target_.useTls())
+        return static_cast<ZnSslSocket*>(socket_)->connectToHostEncrypted(target_.host, target_.port);
+    return socket_->connectToHost(target_.host, target_.port);
 }
 
 void ZnHttpClient::onConnected_() {

@@ -9,7 +9,7 @@
 #include <memory>
 #include <string_view>
 
-class ZnAbstractSocket;
+class ZnTcpSocket;
 
 /// One HTTP/1.1 request at a time, each on a connection of its own that is closed after it.
 ///
@@ -93,7 +93,9 @@ private:
 
     static bool parseUrl_(const ZnString& url, Target_* target);
     static bool parseAuthority_(std::string_view authority, Target_* target);
-    ZnAbstractSocket* createSocket_();
+    ZnTcpSocket* createSocket_();
+    ZnTcpSocket* createTlsSocket_();
+    bool connectSocket_();
     ZnString buildRequest_() const;
     void appendContentHeaders_(ZnString* head) const;
     bool hasHeader_(std::string_view name) const;
@@ -126,7 +128,7 @@ private:
     void resetResponse_();
     const Result_& resultOrNone_() const noexcept;
 
-    ZnAbstractSocket* socket_ = nullptr;   // child; null when idle
+    ZnTcpSocket* socket_ = nullptr;        // child; null when idle
     unsigned requestSerial_ = 0;           // changes when a request ends: tells what was parked or emitting that it is over
     State_ state_ = State_::Idle;
 

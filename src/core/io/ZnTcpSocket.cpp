@@ -145,6 +145,11 @@ void ZnTcpSocket::finishPeerClose_() {
         close();
 }
 
+void ZnTcpSocket::expectWriteEvent_() {
+    if (handle_)
+        handle_->expectWriteEvent();
+}
+
 // --- connecting
 
 bool ZnTcpSocket::connectToHost(const ZnString& host, unsigned short port) {

@@ -66,18 +66,29 @@ protected:
     /// One read from the system into `buffer`; 0 when nothing is there, at the end of stream and on errors.
     std::size_t receive_(char* buffer, std::size_t capacity);
 
+    /// Closes when the peer has closed and nothing is left to deliver.
+    void finishPeerClose_();
+
+    bool canTransfer_() const { return handle_ != nullptr && state_ == SocketState::Connected; }
+    // For a layer that reads and writes the descriptor itself.
+    bool hasHandle_() const noexcept { return handle_ != nullptr; }
+    /// Valid until the next close; -1 without a connection.
+    int descriptor_() const noexcept { return handle_ ? handle_->descriptor() : -1; }
+    /// Asks for a write event: a send by that layer would have blocked.
+    void expectWriteEvent_();
+    void countReceived_(std::size_t byteCount) noexcept { bytesReceived_ += byteCount; }
+    void countSent_(std::size_t byteCount) noexcept { bytesSent_ += byteCount; }
+
     ZnByteArray writeBuffer_; // accepted by write, not yet with the system; has no bound
     bool remoteClosed_ = false;
 
 private:
     class EventScope_;
 
-    bool canTransfer_() const { return handle_ != nullptr && state_ == SocketState::Connected; }
     bool registerWait_();
     void onNetworkEvents_();
     bool handleEvents_(const ZnNetworkEvents& events, const EventScope_& scope);
     bool onConnectEvent_(int error, const EventScope_& scope);
-    void finishPeerClose_();
     void requestAnotherRead_();
     /// The addresses of `host`. Nothing when the socket was closed, reused or deleted while the fiber was parked.
     std::optional<ZnResolver::Result> resolveHost_(const ZnString& host, unsigned short port);

@@ -75,6 +75,8 @@ public:
     ZnNetworkEvents takeEvents();
     /// Makes a read event pending again, for a reader that stopped before the end.
     void requestReadEvent() noexcept { pending_.mask |= ZnNetworkEvents::kRead; }
+    /// A write event is to come when there is room again, as after a send that would have blocked.
+    void expectWriteEvent() noexcept { wantsWriteEvent_ = true; }
     /// Whether a read may find something: false after one that came back short, until the next read event.
     bool maybeReadable() const noexcept { return maybeReadable_; }
 

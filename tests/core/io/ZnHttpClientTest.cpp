@@ -1,6 +1,7 @@
 #include "core/io/ZnHttpClient.h"
 
 #include "core/io/ScriptedPeer.h"
+#include "core/io/ZnSslSocket.h"
 #include "core/platform/ZnResolver.h"
 #include "core/platform/ZnSocketError.h"
 #include "support/LogCapture.h"
@@ -272,9 +273,13 @@ TEST_F(ZnHttpClientTest, EveryFailureIsOneSignal) {
         const char* contentType;
         int code;
     };
+    ScriptedPeer noTls([](ScriptedPeer::Connection& connection) {
+        connection.send("HTTP/1.1 400 Bad Request\r\n\r\n");
+        connection.waitForClose();
+    });
     const Row rows[] = {
         {"ftp://host/", "", ZnHttpClient::kUrlNotAccepted},
-        {"https://127.0.0.1/", "", ZnHttpClient::kConnectNotBegun},
+        {"https" + noTls.url().substr(4), "", ZnSslSocket::kHandshakeFailed},
         {resetting.url(), "a/b\r\nX: y", ZnHttpClient::kConnectNotBegun},
         {"http://127.0.0.1:" + std::to_string(closedPort) + "/", "", ZnSocketError::kConnectionRefused},
         {"http://name.test/", "", ZnSocketError::kHostNotFound},
@@ -291,7 +296,7 @@ TEST_F(ZnHttpClientTest, EveryFailureIsOneSignal) {
         EXPECT_EQ(outcome.signalCount, 1);
         EXPECT_EQ(client.statusCode(), 0);
     }
-    EXPECT_EQ(log.countOf("TLS"), 1);
+    EXPECT_EQ(log.countOf("[ZnHttpClient] TLS error: [ZnSslSocket] OpenSSL handshake failed: "), 1);
 }
 
 TEST_F(ZnHttpClientTest, AbortIsSilentAndClosesTheConnection) {

@@ -104,6 +104,9 @@ struct ZnHttpServer::InFlight_ {
 
 ZnHttpServer::ZnHttpServer(ZnObject* parent) : ZnObject(parent), counters_(std::make_shared<Counters_>()) {
     tcpServer_.connect(&ZnTcpServer::newConnection, this, &ZnHttpServer::onNewConnection_);
+    sslServer_.connect(&ZnTcpServer::newConnection, this, &ZnHttpServer::onNewConnection_);
+    setTimeouts(timeouts_);
+    setLimits(limits_);
     router_.setFallback(
         [](const ZnHttpRequest& request) { return ZnHttpResponse::plain(404, "Not Found", request.keepAlive); });
 }
@@ -115,6 +118,8 @@ ZnHttpServer::~ZnHttpServer() {
 void ZnHttpServer::stop() {
     const ZnPointer<ZnHttpServer> self(this);
     tcpServer_.close();
+    sslServer_.close();
+    sslServer_.abortHandshakes();
     while (self && !sessions_.empty()) {
         // Out of the set before the close, which may call out, and so come back to stop().
         ZnHttpSession* session = *sessions_.begin();
@@ -127,26 +132,43 @@ ZnHttpServerStats ZnHttpServer::stats() const {
     return counters_->snapshot();
 }
 
+void ZnHttpServer::setLimits(const ZnHttpLimits& limits) {
+    limits_ = limits;
+    sslServer_.setMaxHandshakes(static_cast<std::size_t>(limits.maxConnections));
+}
+
+void ZnHttpServer::setTimeouts(const ZnHttpTimeouts& timeouts) {
+    timeouts_ = timeouts;
+    sslServer_.setHandshakeTimeoutMs(timeouts.headerTimeoutMs);
+}
+
 void ZnHttpServer::onNewConnection_() {
     const ZnPointer<ZnHttpServer> self(this);
+    admitAll_(tcpServer_, false);
+    if (self)
+        admitAll_(sslServer_, true);
+}
+
+void ZnHttpServer::admitAll_(ZnTcpServer& listener, bool isTls) {
+    const ZnPointer<ZnHttpServer> self(this);
     while (self) {
-        ZnTcpSocket* socket = tcpServer_.nextPendingConnection();
+        ZnTcpSocket* socket = listener.nextPendingConnection();
         if (socket == nullptr)
             return;
-        admit_(socket);
+        admit_(socket, isTls, listener.localPort());
     }
 }
 
 /// Runs inside the listener's accept pass, so no handler may run here: one that parks would stop the accepting.
 /// The first bytes are announced by an event of the connection's own.
-void ZnHttpServer::admit_(ZnTcpSocket* socket) {
+void ZnHttpServer::admit_(ZnTcpSocket* socket, bool isTls, unsigned short localPort) {
     if (limits_.maxConnections > 0 && sessions_.size() >= limits_.maxConnections) {
         counters_->refuseConnection();
         socket->deleteLater();
         socket->close();
         return;
     }
-    auto* session = new ZnHttpSession(socket, &router_, limits_, timeouts_, false, tcpServer_.localPort());
+    auto* session = new ZnHttpSession(socket, &router_, limits_, timeouts_, isTls, localPort);
     const ZnPointer<ZnHttpServer> self(this);
     session->setRequestHandler(
         [self](const std::shared_ptr<ZnHttpRequest>& request, ZnHttpResponseCallback completion) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/io/ZnSslServer.h"
 #include "core/io/ZnTcpServer.h"
 #include "core/io/http/ZnHttpLimits.h"
 #include "core/io/http/ZnHttpRouter.h"
@@ -28,12 +29,14 @@ public:
     ~ZnHttpServer() override;
 
     ZnTcpServer& tcpServer() noexcept { return tcpServer_; }
+    /// Its handshakes are bounded by headerTimeoutMs and, together with the sessions, by maxConnections.
+    ZnSslServer& sslServer() noexcept { return sslServer_; }
     ZnHttpRouter& router() noexcept { return router_; }
     const ZnHttpLimits& limits() const noexcept { return limits_; }
     const ZnHttpTimeouts& timeouts() const noexcept { return timeouts_; }
     /// Both reach new connections only; maxConnections and maxInflightRequests hold at once.
-    void setLimits(const ZnHttpLimits& limits) { limits_ = limits; }
-    void setTimeouts(const ZnHttpTimeouts& timeouts) { timeouts_ = timeouts; }
+    void setLimits(const ZnHttpLimits& limits);
+    void setTimeouts(const ZnHttpTimeouts& timeouts);
 
     /// Stops listening and closes every session, with unsent answers dropped.
     void stop();
@@ -46,10 +49,12 @@ private:
     struct InFlight_;
 
     void onNewConnection_();
-    void admit_(ZnTcpSocket* socket);
+    void admitAll_(ZnTcpServer& listener, bool isTls);
+    void admit_(ZnTcpSocket* socket, bool isTls, unsigned short localPort);
     void handleRequest_(const std::shared_ptr<ZnHttpRequest>& request, ZnHttpResponseCallback completion);
 
     ZnTcpServer tcpServer_;
+    ZnSslServer sslServer_;
     ZnHttpRouter router_;
     std::unordered_set<ZnHttpSession*> sessions_;
     ZnHttpLimits limits_;

@@ -1,0 +1,168 @@
+#include "core/io/ZnSslEngine_.h"
+
+#include "core/platform/ZnSocketError.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+
+namespace {
+
+constexpr std::uint64_t kMaxSocketHandle = 0x7fffffff; // SSL_set_fd takes an int
+
+int intSize(std::size_t byteCount) {
+    return static_cast<int>(std::min<std::size_t>(byteCount, std::numeric_limits<int>::max()));
+}
+
+} // namespace
+
+ZnSslEngine_::~ZnSslEngine_() {
+    if (ssl_ != nullptr && api_->SSL_free != nullptr)
+        api_->SSL_free(ssl_);
+}
+
+bool ZnSslEngine_::initClient(const ZnString& host, std::uint64_t socketHandle, const ZnString& caFile) {
+    if (!bind_())
+        return false;
+    if (api_->TLS_client_method == nullptr)
+        return fail_("OpenSSL TLS_client_method missing");
+    if (host.isEmpty())
+        return fail_("TLS peer hostname is required");
+    if (api_->SSL_CTX_set_verify == nullptr)
+        return fail_("SSL_CTX_set_verify missing");
+    if (api_->SSL_set1_host == nullptr)
+        return fail_("SSL_set1_host missing");
+    clientContext_ = ZnSslTrust_::clientContext(*api_, caFile, &lastError_);
+    if (!clientContext_)
+        return false;
+    ssl_ = api_->SSL_new(clientContext_->get());
+    if (ssl_ == nullptr)
+        return fail_("SSL_new failed");
+    if (!attachSocket_(socketHandle))
+        return false;
+    if (api_->SSL_set1_host(ssl_, host.data()) != 1)
+        return fail_("SSL_set1_host failed");
+    if (api_->SSL_ctrl != nullptr)
+        api_->SSL_ctrl(ssl_, SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name, const_cast<char*>(host.data()));
+    if (api_->SSL_set_connect_state != nullptr)
+        api_->SSL_set_connect_state(ssl_);
+    return true;
+}
+
+bool ZnSslEngine_::initServer(std::shared_ptr<const ZnSslServerContext> serverContext, std::uint64_t socketHandle) {
+    if (!serverContext || serverContext->defaultContext() == nullptr)
+        return fail_("Null server SSL_CTX");
+    if (!bind_())
+        return false;
+    if (api_->SSL_set_accept_state == nullptr)
+        return fail_("SSL_set_accept_state not available");
+    ssl_ = api_->SSL_new(serverContext->defaultContext());
+    if (ssl_ == nullptr)
+        return fail_("SSL_new (server) failed");
+    serverContext_ = std::move(serverContext);
+    if (!attachSocket_(socketHandle))
+        return false;
+    api_->SSL_set_accept_state(ssl_);
+    return true;
+}
+
+bool ZnSslEngine_::bind_() {
+    ZnString errorText;
+    if (!ZnOpenSslApi_::instance().ensureLoaded(&errorText))
+        return fail_(errorText.isEmpty() ? ZnString("OpenSSL libraries not found") : errorText);
+    api_ = &ZnOpenSslApi_::instance();
+    return true;
+}
+
+bool ZnSslEngine_::attachSocket_(std::uint64_t socketHandle) {
+    if (socketHandle > kMaxSocketHandle)
+        return fail_("Socket handle out of range for SSL_set_fd");
+    if (api_->SSL_set_fd(ssl_, static_cast<int>(socketHandle)) != 1)
+        return fail_("SSL_set_fd failed");
+    return true;
+}
+
+bool ZnSslEngine_::fail_(const ZnString& errorText) {
+    lastError_ = errorText;
+    return false;
+}
+
+ZnSslEngine_::Outcome ZnSslEngine_::handshake() {
+    begin_();
+    return classify_(api_->SSL_do_handshake(ssl_));
+}
+
+ZnSslEngine_::Outcome ZnSslEngine_::read(char* buffer, std::size_t capacity, std::size_t* byteCount) {
+    begin_();
+    const int result = api_->SSL_read(ssl_, buffer, intSize(capacity));
+    *byteCount = result > 0 ? static_cast<std::size_t>(result) : 0;
+    return result > 0 ? Outcome::None : classify_(result);
+}
+
+ZnSslEngine_::Outcome ZnSslEngine_::write(const char* bytes, std::size_t size, std::size_t* byteCount) {
+    begin_();
+    const int result = api_->SSL_write(ssl_, bytes, intSize(size));
+    *byteCount = result > 0 ? static_cast<std::size_t>(result) : 0;
+    return result > 0 ? Outcome::None : classify_(result);
+}
+
+void ZnSslEngine_::shutdown() {
+    if (ssl_ == nullptr)
+        return;
+    begin_();
+    api_->SSL_shutdown(ssl_);
+    api_->clearErrors();
+}
+
+/// errno is cleared as well: it tells a socket that had nothing more from a stop of OpenSSL's own.
+void ZnSslEngine_::begin_() const {
+    api_->clearErrors();
+    errno = 0;
+}
+
+ZnSslEngine_::Outcome ZnSslEngine_::classify_(int result) {
+    const int errnoValue = errno;
+    const int code = api_->SSL_get_error(ssl_, result);
+    socketWasDrained_ = errnoValue == EAGAIN;
+    switch (code) {
+    case SSL_ERROR_NONE:
+        return result > 0 ? Outcome::None : Outcome::Failure;
+    case SSL_ERROR_WANT_READ:
+        return Outcome::WantRead;
+    case SSL_ERROR_WANT_WRITE:
+        return Outcome::WantWrite;
+    case SSL_ERROR_ZERO_RETURN:
+        return Outcome::Closed;
+    default:
+        break;
+    }
+    lastError_ = "SSL error code " + ZnString::number(code) + " sys=" +
+                 ZnString::number(errnoValue == 0 ? 0 : ZnSocketError::fromErrno(errnoValue));
+    const ZnString detail = sslDetail_();
+    if (!detail.isEmpty())
+        lastError_ += " " + detail;
+    api_->clearErrors();
+    return Outcome::Failure;
+}
+
+ZnString ZnSslEngine_::sslDetail_() const {
+    ZnString detail;
+    const long verifyCode = api_->SSL_get_verify_result != nullptr ? api_->SSL_get_verify_result(ssl_) : X509_V_OK;
+    if (verifyCode != X509_V_OK) {
+        detail += "verify=" + ZnString::number(static_cast<long long>(verifyCode));
+        const char* text =
+            api_->X509_verify_cert_error_string != nullptr ? api_->X509_verify_cert_error_string(verifyCode) : nullptr;
+        if (text != nullptr)
+            detail += ZnString(" (") + text + ")";
+    }
+    const unsigned long code = api_->ERR_get_error != nullptr ? api_->ERR_get_error() : 0;
+    if (code == 0)
+        return detail;
+    detail += (detail.isEmpty() ? "openssl=" : " openssl=") + ZnString::number(static_cast<unsigned long long>(code));
+    char text[256] = {};
+    if (api_->ERR_error_string_n != nullptr)
+        api_->ERR_error_string_n(code, text, sizeof(text));
+    if (text[0] != '\0')
+        detail += ZnString(" (") + text + ")";
+    return detail;
+}

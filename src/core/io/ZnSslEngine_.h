@@ -1,0 +1,56 @@
+#pragma once
+
+#include "core/io/ZnSslServerContext.h"
+#include "core/io/ZnSslTrust_.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+/// The OpenSSL side of one connection: it reads and writes the socket itself, and never waits.
+///
+/// Thread: that of its socket. Owner: ZnSslSocket, by pointer; it goes before the socket's descriptor does.
+/// Every operation clears OpenSSL's error queue first and reads it before it returns, so that no error of one
+/// connection shows in another; nothing in between parks or calls out.
+class ZnSslEngine_ {
+public:
+    enum class Outcome { None, WantRead, WantWrite, Closed, Failure };
+
+    ZnSslEngine_() = default;
+    ~ZnSslEngine_();
+    ZnSslEngine_(const ZnSslEngine_&) = delete;
+    ZnSslEngine_& operator=(const ZnSslEngine_&) = delete;
+
+    /// Prepares the client's side of a handshake with `host`, whose name the certificate must carry. An empty `caFile`
+    /// stands for the discovered roots. False with the reason in lastError().
+    bool initClient(const ZnString& host, std::uint64_t socketHandle, const ZnString& caFile);
+    /// Prepares the server's side. False with the reason in lastError().
+    bool initServer(std::shared_ptr<const ZnSslServerContext> serverContext, std::uint64_t socketHandle);
+
+    // After None the operation is done; the byte counts are above 0. After Failure lastError() tells the reason.
+    Outcome handshake();
+    Outcome read(char* buffer, std::size_t capacity, std::size_t* byteCount);
+    Outcome write(const char* bytes, std::size_t size, std::size_t* byteCount);
+    /// Tells the peer that nothing more comes; does not wait for its answer.
+    void shutdown();
+
+    /// Whether the last operation ended because the socket had nothing more. After a WantRead without this there may
+    /// be more: OpenSSL stops behind a message of the protocol's own, such as a key update.
+    bool socketWasDrained() const noexcept { return socketWasDrained_; }
+    const ZnString& lastError() const noexcept { return lastError_; }
+
+private:
+    bool bind_();
+    bool attachSocket_(std::uint64_t socketHandle);
+    bool fail_(const ZnString& errorText);
+    void begin_() const;
+    Outcome classify_(int result);
+    ZnString sslDetail_() const;
+
+    ZnOpenSslApi_* api_ = nullptr;
+    std::shared_ptr<const ZnSslContextHandle_> clientContext_;   // null on the server's side
+    std::shared_ptr<const ZnSslServerContext> serverContext_;    // null on the client's side
+    SSL* ssl_ = nullptr;
+    bool socketWasDrained_ = false;
+    ZnString lastError_;
+};

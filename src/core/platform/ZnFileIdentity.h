@@ -1,0 +1,28 @@
+#pragma once
+
+#include "core/types/ZnString.h"
+
+/// What tells one state of a file or directory from another without reading it. Links are followed.
+///
+/// Thread: a value.
+struct ZnFileIdentity {
+    enum class Kind { Missing, File, Directory, Other };
+
+    static ZnFileIdentity of(const ZnString& path);
+    /// The time by which files are stamped, in nanoseconds since 1970.
+    static long long stampNowNs();
+
+    bool operator==(const ZnFileIdentity& other) const noexcept = default;
+    /// When it was last changed in any way, in nanoseconds since 1970; 0 for a missing one.
+    long long lastChangeNs() const noexcept { return statusNs > writeNs ? statusNs : writeNs; }
+
+    Kind kind = Kind::Missing;
+    unsigned long long device = 0;
+    unsigned long long inode = 0;
+    unsigned long long sizeBytes = 0;
+    long long writeNs = 0;  // content
+    long long statusNs = 0; // content or attributes
+};
+
+/// The directory of the running program, ending in "/"; empty when the system does not tell.
+ZnString programDirectory();

@@ -1,0 +1,436 @@
+#include "core/io/ZnSslSocket.h"
+
+#include "core/io/TlsPeers.h"
+#include "core/io/ZnSslServer.h"
+#include "core/runtime/ZnEventLoop.h"
+#include "core/runtime/ZnTimer.h"
+#include "support/LogCapture.h"
+#include "support/LoopFixture.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <openssl/ssl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <thread>
+
+namespace {
+
+/// A blocking socket that is connected to a port of 127.0.0.1.
+int connectTo(unsigned short port) {
+    const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(::connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    const int on = 1;
+    ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    return descriptor;
+}
+
+/// Passes one connection on to `port`, every byte by itself.
+class ByteProxy {
+public:
+    explicit ByteProxy(unsigned short port) : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t addressBytes = sizeof(address);
+        EXPECT_EQ(::bind(listener_, reinterpret_cast<sockaddr*>(&address), addressBytes), 0);
+        EXPECT_EQ(::listen(listener_, 1), 0);
+        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &addressBytes);
+        port_ = ntohs(address.sin_port);
+        thread_ = std::thread([this, port] { run_(port); });
+    }
+    ~ByteProxy() {
+        ::shutdown(listener_, SHUT_RDWR);
+        thread_.join();
+        ::close(listener_);
+    }
+    unsigned short port() const { return port_; }
+
+private:
+    void run_(unsigned short port) {
+        const int client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (client < 0)
+            return;
+        const int on = 1;
+        ::setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+        const int server = connectTo(port);
+        pollfd ends[2] = {{client, POLLIN, 0}, {server, POLLIN, 0}};
+        for (bool isOpen = true; isOpen && ::poll(ends, 2, 10000) > 0;) {
+            for (int i = 0; i < 2 && isOpen; ++i) {
+                char byte = 0;
+                if (ends[i].revents != 0)
+                    isOpen = ::recv(ends[i].fd, &byte, 1, 0) == 1 &&
+                             ::send(ends[1 - i].fd, &byte, 1, MSG_NOSIGNAL) == 1;
+            }
+        }
+        ::close(client);
+        ::close(server);
+    }
+
+    int listener_;
+    unsigned short port_ = 0;
+    std::thread thread_;
+};
+
+std::string pattern(std::size_t byteCount, unsigned seed) {
+    std::string text(byteCount, '\0');
+    for (char& c : text)
+        c = static_cast<char>((seed = seed * 1664525U + 1013904223U) >> 24);
+    return text;
+}
+
+class ZnSslSocketTest : public LoopFixture {
+protected:
+    ZnSslSocketTest() { ticker_.start(2); }
+
+    ZnSslLocalCredential credential(const std::string& name, const ZnString& hostName = {}, bool isDefault = false) {
+        return {hostName, files_.path(name + ".pem"), files_.path(name + ".key"), isDefault};
+    }
+    void listen(const ZnList<ZnSslLocalCredential>& credentials) {
+        server_.connect(&ZnTcpServer::newConnection, &server_, [this] {
+            accepted_ = server_.nextPendingConnection();
+            accepted_->setParent(&server_);
+        });
+        ASSERT_TRUE(server_.reloadLocalCredentials(credentials));
+        ASSERT_TRUE(server_.listen("127.0.0.1", 0));
+    }
+    /// Has the server send back what it reads.
+    void echo() {
+        server_.connect(&ZnTcpServer::newConnection, &server_, [this] {
+            ZnTcpSocket* socket = accepted_;
+            socket->connect(&ZnIODevice::readyRead, socket, [socket] { socket->write(socket->read(0)); });
+        });
+    }
+    std::vector<std::string> clientArguments(const std::string& version, const std::string& more = "-noservername") {
+        return {"s_client", "-connect", "127.0.0.1:" + std::to_string(server_.localPort()), "-CAfile",
+                files_.path("ca.pem").str(), "-verify_return_error", version, more};
+    }
+    /// A client that trusts the authority of the tests, and the server's socket.
+    bool connectPair(unsigned short port = 0) {
+        client_.setCaFile(files_.path("ca.pem"));
+        runOnFiber([&] { client_.connectToHostEncrypted("localhost", port == 0 ? server_.localPort() : port); });
+        return runUntil([&] { return client_.isOpen() && accepted_ != nullptr; });
+    }
+    /// Gathers what `socket` reads from now on.
+    static void gather(ZnTcpSocket& socket, std::string* text) {
+        socket.connect(&ZnIODevice::readyRead, &socket, [&socket, text] {
+            for (ZnString piece = socket.read(0); !piece.isEmpty(); piece = socket.read(0))
+                *text += piece.str();
+        });
+    }
+
+    ZnTimer ticker_; // conditions on other programs are no events of the loop
+    LogCapture log_;
+    const TlsFiles& files_ = TlsFiles::instance();
+    ZnSslServer server_;
+    ZnTcpSocket* accepted_ = nullptr;
+    ZnSslSocket client_;
+};
+
+TEST_F(ZnSslSocketTest, ServesRealClients) {
+    listen({credential("good"), credential("second", "Second.TEST. "), credential("a", "a.test")});
+    echo();
+    struct Row {
+        const char* version;
+        const char* serverName;
+        const char* subject;
+        const char* command; // a key update, or a renegotiation, which a server refuses
+    };
+    const Row rows[] = {
+        {"-tls1_2", "-noservername", "CN = good\n", "R\n"}, {"-tls1_3", "-noservername", "CN = good\n", "K\n"},
+        {"-tls1_3", "a.test", "CN = a\n", "k\n"},           {"-tls1_2", "A.test", "CN = a\n", nullptr},
+        {"-tls1_3", "second.test.", "CN = second\n", "K\n"}, {"-tls1_3", "other.test", "CN = good\n", nullptr},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(std::string(row.version) + " " + row.serverName);
+        std::vector<std::string> arguments = clientArguments(row.version, row.serverName);
+        if (row.serverName[0] != '-')
+            arguments.insert(arguments.end() - 1, "-servername");
+        OpensslProgram client(arguments);
+        client.type("hello\n");
+        ASSERT_TRUE(runUntil([&] { return client.hasWritten("\nhello\n"); })) << client.output();
+        EXPECT_TRUE(client.hasWritten("Verify return code: 0 (ok)") || client.hasWritten("Verification: OK"));
+        EXPECT_TRUE(client.hasWritten(std::string("subject=") + row.subject)) << client.output();
+        const bool isRefused = row.command != nullptr && row.command[0] == 'R'; // the client then gives up
+        if (row.command != nullptr)
+            client.type(row.command);
+        if (row.command != nullptr && !isRefused) {
+            ASSERT_TRUE(runUntil([&] { return client.hasWritten("KEYUPDATE\n"); })) << client.output();
+            client.type("again\n");
+            ASSERT_TRUE(runUntil([&] { return client.hasWritten("\nagain\n"); })) << client.output();
+        }
+        if (!isRefused)
+            client.type("Q\n"); // with a close alert, which is no failure
+        ASSERT_TRUE(runUntil([&] { return accepted_->state() == SocketState::Unconnected; }));
+        EXPECT_EQ(log_.take().size(), isRefused ? 1U : 0U);
+    }
+    EXPECT_EQ(server_.handshakeCount(), 0U);
+}
+
+TEST_F(ZnSslSocketTest, AFloodOfKeyUpdatesStopsNobody) {
+    listen({credential("good")});
+    const int descriptor = connectTo(server_.localPort());
+    SSL_CTX* context = SSL_CTX_new(TLS_client_method());
+    SSL* ssl = SSL_new(context);
+    SSL_set_fd(ssl, descriptor);
+    std::thread handshake([&] { EXPECT_EQ(SSL_connect(ssl), 1); });
+    EXPECT_TRUE(runUntil([&] { return accepted_ != nullptr; }));
+    handshake.join();
+    for (int i = 0; i < 4000; ++i) // they wait in the system's buffers: the loop does not run meanwhile
+        ASSERT_TRUE(SSL_key_update(ssl, SSL_KEY_UPDATE_NOT_REQUESTED) == 1 && SSL_do_handshake(ssl) == 1);
+    EXPECT_EQ(SSL_write(ssl, "hello", 5), 5);
+
+    std::string text;
+    gather(*accepted_, &text);
+    int passCount = 0;
+    std::function<void()> pass = [&] {
+        ++passCount;
+        if (text.empty())
+            ZnTimer::singleShot(0, pass);
+    };
+    pass();
+    EXPECT_TRUE(runUntil([&] { return text == "hello"; }));
+    EXPECT_GT(passCount, 4);
+    SSL_free(ssl);
+    SSL_CTX_free(context);
+    ::close(descriptor);
+}
+
+TEST_F(ZnSslSocketTest, VerifiesRealServers) {
+    struct Row {
+        const char* certificate;
+        const char* version;
+        const char* host;
+        const char* logText; // null: the connection works
+    };
+    const Row rows[] = {
+        {"good", "-tls1_3", "localhost", nullptr},
+        {"good", "-tls1_2", "localhost", nullptr},
+        {"good", "-tls1_3", "127.0.0.1", nullptr},
+        {"good", "-tls1_3", "other.test", "verify=62 (hostname mismatch) openssl="},
+        {"a", "-tls1_2", "localhost", "verify=62 (hostname mismatch) openssl="},
+        {"expired", "-tls1_3", "localhost", "verify=10 (certificate has expired) openssl="},
+        {"selfsigned", "-tls1_3", "localhost", "verify=18 (self-signed certificate) openssl="},
+        {"wrongca", "-tls1_2", "localhost", "verify=20 (unable to get local issuer certificate) openssl="},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(std::string(row.certificate) + " " + row.version + " " + row.host);
+        OpensslProgram peer({"s_server", "-4", "-accept", "0", row.version, "-cert",
+                             files_.path(std::string(row.certificate) + ".pem").str(), "-key",
+                             files_.path(std::string(row.certificate) + ".key").str()});
+        const unsigned short port = peer.port();
+        ZnSslSocket client;
+        std::string signalTexts;
+        std::string text;
+        client.connect(&ZnAbstractSocket::connected, &client, [&] { signalTexts += "connected "; });
+        client.connect(&ZnSslSocket::encrypted, &client, [&] { signalTexts += "encrypted "; });
+        client.connect(&ZnSslSocket::sslErrors, &client, [&](const ZnList<ZnString>& errors) {
+            signalTexts += "sslErrors " + errors.first().str().substr(0, 46);
+        });
+        client.connect(&ZnAbstractSocket::errorOccurred, &client,
+                       [&](int code) { signalTexts += " error " + std::to_string(code); });
+        client.connect(&ZnAbstractSocket::disconnected, &client, [&] { signalTexts += " disconnected"; });
+        gather(client, &text);
+        client.setPeerHostName(row.host);
+        client.setCaFile(files_.path("ca.pem"));
+        runOnFiber([&] { client.connectToHostEncrypted("127.0.0.1", port); });
+        EXPECT_FALSE(client.write(ZnString("too early"))); // nothing is queued during the handshake
+        ASSERT_TRUE(runUntil([&] { return client.isOpen() || client.state() == SocketState::Unconnected; }));
+        if (row.logText != nullptr) {
+            EXPECT_EQ(signalTexts,
+                      "sslErrors [ZnSslSocket] OpenSSL handshake failed: SSL er error -2146893048 disconnected");
+            EXPECT_EQ(log_.countOf(row.logText), 1);
+            log_.take();
+            continue;
+        }
+        EXPECT_EQ(signalTexts, "connected encrypted ");
+        const bool isOld = std::string(row.version) == "-tls1_2";
+        EXPECT_TRUE(client.write(ZnString("from the client\n")));
+        ASSERT_TRUE(runUntil([&] { return peer.hasWritten("from the client\n"); })) << peer.output();
+        peer.type("one\n");
+        ASSERT_TRUE(runUntil([&] { return text == "one\n"; })) << text;
+        peer.type(isOld ? "r\n" : "K\n"); // the server asks for new keys
+        settle(50);
+        peer.type("two\n");
+        ASSERT_TRUE(runUntil([&] { return text == "one\ntwo\n"; })) << text;
+        EXPECT_TRUE(client.write(ZnString("to the end\n")));
+        ASSERT_TRUE(runUntil([&] { return peer.hasWritten("to the end\n"); })) << peer.output();
+        peer.type("Q\n"); // closes without an alert
+        ASSERT_TRUE(runUntil([&] { return client.state() == SocketState::Unconnected; }));
+        EXPECT_EQ(signalTexts, "connected encrypted sslErrors [ZnSslSocket] OpenSSL read failed: SSL error c error -7 "
+                               "disconnected");
+        EXPECT_EQ(log_.countOf("unexpected eof while reading"), 1);
+        log_.take();
+    }
+}
+
+TEST_F(ZnSslSocketTest, MovesMegabytesBothWaysAtOnce) {
+    listen({credential("good")});
+    ASSERT_TRUE(connectPair());
+    const std::string up = pattern(16 * 1024 * 1024, 1);
+    const std::string down = pattern(16 * 1024 * 1024 + 1, 2);
+    std::string atServer;
+    std::string atClient;
+    gather(*accepted_, &atServer);
+    gather(client_, &atClient);
+    int finishedCount = 0;
+    client_.connect(&ZnAbstractSocket::writeFinished, &client_, [&] { ++finishedCount; });
+    EXPECT_TRUE(client_.write(ZnString(up)));
+    EXPECT_TRUE(accepted_->writeGathered(ZnString(down.substr(0, 100)), ZnByteArray(down.substr(100))));
+    ASSERT_TRUE(runUntil([&] { return atServer.size() == up.size() && atClient.size() == down.size(); }, 60000));
+    EXPECT_TRUE(atServer == up && atClient == down);
+    EXPECT_EQ(finishedCount, 1);
+    EXPECT_EQ(client_.bytesSent(), up.size());
+    EXPECT_EQ(client_.bytesReceived(), down.size());
+}
+
+TEST_F(ZnSslSocketTest, EveryByteMayComeByItself) {
+    listen({credential("good")});
+    const ByteProxy proxy(server_.localPort());
+    ASSERT_TRUE(connectPair(proxy.port()));
+    std::string atServer;
+    std::string atClient;
+    gather(*accepted_, &atServer);
+    gather(client_, &atClient);
+    const std::string text = pattern(200, 3);
+    for (const char c : text)
+        EXPECT_TRUE(client_.write(ZnString(&c, 1)));
+    EXPECT_TRUE(accepted_->write(ZnString(text)));
+    ASSERT_TRUE(runUntil([&] { return atServer.size() >= 200 && atClient.size() >= 200; }));
+    EXPECT_TRUE(atServer == text && atClient == text);
+    client_.close();
+    EXPECT_TRUE(runUntil([&] { return accepted_->state() == SocketState::Unconnected; }));
+}
+
+TEST_F(ZnSslSocketTest, TheLastReadClosesBehindACloseAlert) {
+    listen({credential("good")});
+    ASSERT_TRUE(connectPair());
+    int closedCount = 0;
+    client_.connect(&ZnAbstractSocket::disconnected, &client_, [&] { ++closedCount; });
+    EXPECT_TRUE(accepted_->write(ZnString("last words")));
+    accepted_->close();
+    ASSERT_TRUE(runUntil([&] { return client_.isRemoteClosed(); }));
+    settle();
+    EXPECT_TRUE(client_.isOpen());
+    EXPECT_EQ(client_.read(5), "last ");
+    EXPECT_EQ(closedCount, 0);
+    EXPECT_EQ(client_.read(0), "words");
+    EXPECT_EQ(closedCount, 1);
+    EXPECT_EQ(client_.state(), SocketState::Unconnected);
+}
+
+TEST_F(ZnSslSocketTest, AReaderThatDoesNotReadStopsTheInput) {
+    listen({credential("good")});
+    ASSERT_TRUE(connectPair());
+    const std::string text = pattern(8 * 1024 * 1024, 4);
+    EXPECT_TRUE(client_.write(ZnString(text)));
+    settle(200);
+    EXPECT_LE(accepted_->bytesReceived(), ZnTcpSocket::kReadBudgetBytes + 16384);
+    std::string got;
+    ASSERT_TRUE(runUntil([&] {
+        got += accepted_->read(100000).str();
+        return got.size() == text.size();
+    }));
+    EXPECT_TRUE(got == text);
+}
+
+TEST_F(ZnSslSocketTest, AParkedReceiverHoldsNothingUp) {
+    listen({credential("good")});
+    ASSERT_TRUE(connectPair());
+    ZnEventLoop wait;
+    bool hasEnded = false;
+    accepted_->connect(&ZnIODevice::readyRead, accepted_, [&, isFirst = true]() mutable {
+        accepted_->write(accepted_->read(0));
+        if (!std::exchange(isFirst, false))
+            return;
+        wait.exec();
+        hasEnded = true;
+    });
+    std::string echoed;
+    gather(client_, &echoed);
+    client_.write(ZnString("one"));
+    ASSERT_TRUE(runUntil([&] { return echoed == "one"; }));
+    client_.write(ZnString("two"));
+    ASSERT_TRUE(runUntil([&] { return echoed == "onetwo"; }));
+    EXPECT_FALSE(hasEnded);
+    client_.close();
+    ASSERT_TRUE(runUntil([&] { return accepted_->state() == SocketState::Unconnected; }));
+    EXPECT_FALSE(hasEnded);
+    wait.quit();
+    EXPECT_TRUE(runUntil([&] { return hasEnded; }));
+}
+
+TEST_F(ZnSslSocketTest, HandshakesThatDoNotFinishEnd) {
+    listen({credential("good")});
+    server_.setMaxHandshakes(301);
+    server_.setHandshakeTimeoutMs(400);
+    std::vector<int> peers;
+    const char* openings[] = {"", "\x16\x03\x01", "GET / HTTP/1.1\r\n\r\n"}; // silent, half a record, no TLS
+    for (int i = 0; i < 300; ++i) {
+        peers.push_back(connectTo(server_.localPort()));
+        const std::string opening = openings[i % 3];
+        EXPECT_EQ(::send(peers.back(), opening.data(), opening.size(), 0), static_cast<ssize_t>(opening.size()));
+        if (i % 10 == 0)
+            ::close(std::exchange(peers.back(), -1));
+    }
+    ASSERT_TRUE(runUntil([&] { return server_.handshakeCount() == 180; }, 300)) << server_.handshakeCount();
+    EXPECT_TRUE(connectPair()); // others are served meanwhile
+    EXPECT_TRUE(runUntil([&] { return server_.handshakeCount() == 0; }));
+    EXPECT_EQ(log_.countOf("TLS handshake failed or socket closed before encryption"), 300);
+    EXPECT_TRUE(client_.isOpen());
+    for (const int peer : peers)
+        ::close(peer);
+
+    server_.setMaxHandshakes(1);
+    const int first = connectTo(server_.localPort());
+    const int second = connectTo(server_.localPort());
+    char byte = 0;
+    EXPECT_TRUE(runUntil([&] { return ::recv(second, &byte, 1, MSG_DONTWAIT) == 0; })); // above the limit
+    EXPECT_EQ(server_.handshakeCount(), 1U);
+    server_.abortHandshakes();
+    EXPECT_EQ(server_.handshakeCount(), 0U);
+    ::close(first);
+    ::close(second);
+}
+
+TEST_F(ZnSslSocketTest, CredentialsAreReloadedUnderConnections) {
+    EXPECT_FALSE(server_.listen("127.0.0.1", 0));
+    EXPECT_EQ(log_.countOf("TLS credentials not configured"), 1);
+    listen(ZnSslServer::makeLocalCredentials_(" " + files_.path("good.pem") + "\n", files_.path("good.key")));
+    echo();
+    ASSERT_TRUE(connectPair());
+
+    struct Row {
+        ZnList<ZnSslLocalCredential> credentials;
+        ZnString errorText;
+    };
+    const ZnString missing = files_.path("missing");
+    const Row failures[] = {
+        {{}, "no certificate configured"},
+        {{{"", " ", files_.path("good.key"), true}}, "no certificate configured"},
+        {{{"", missing, files_.path("good.key"), true}}, "Failed to load certificate: " + missing},
+        {{{"", files_.path("good.pem"), missing, true}}, "Failed to load private key: " + missing},
+        {{{"", files_.path("good.pem"), files_.path("a.key"), true}}, "Failed to load private key: "},
+    };
+    for (const Row& row : failures) {
+        EXPECT_FALSE(server_.reloadLocalCredentials(row.credentials));
+        EXPECT_EQ(log_.countOf("TLS init failed: " + row.errorText.str()), 1) << row.errorText;
+        log_.take();
+    }
+    EXPECT_TRUE(ZnSslServer::makeLocalCredentials_("a", " ").isEmpty());
+
+    ASSERT_TRUE(server_.reloadLocalCredentials({credential("good"), credential("a", {}, true), credential("second")}));
+    OpensslProgram client(clientArguments("-tls1_3"));
+    EXPECT_TRUE(runUntil([&] { return client.hasWritten("subject=CN = a\n"); })) << client.output();
+    std::string echoed;
+    gather(client_, &echoed);
+    client_.write(ZnString("old"));
+    EXPECT_TRUE(runUntil([&] { return echoed == "old"; }));
+}
+
+} // namespace

@@ -23,7 +23,8 @@ std::string part(const std::string& params, const std::string& data, const std::
     return "--b\r\n" + kDisposition + params + "\r\n" + more + "\r\n" + data + "\r\n";
 }
 
-std::string request(const std::string& body, bool chunked = false, const std::string& type = "Multipart/form-data; boundary=b") {
+std::string request(const std::string& body, bool chunked = false,
+                    const std::string& type = "multipart/form-data; boundary=b") {
     const std::string head = "POST / HTTP/1.1\r\ncontent-type: " + type + "\r\n";
     if (!chunked)
         return head + "content-length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
@@ -154,7 +155,11 @@ TEST_F(ZnHttpMultipart, ContentTypesThatAreRead) {
             EXPECT_EQ(outcomeOf({request(kEnd, false, type)}), expected) << type;
         }
     }
+    ASSERT_TRUE(limits_.streamMultipart);
     EXPECT_EQ(outcomeOf({request("")}), "400 Malformed multipart body") << "no body, nothing to stream";
+    limits_.maxBodyBytes = 10;
+    EXPECT_EQ(outcomeOf({request(kEnd + "12345", true)}), ".") << "the bytes behind the end count";
+    EXPECT_EQ(outcomeOf({request(kEnd + "123456", true)}), "413 Body too large");
 }
 
 TEST_F(ZnHttpMultipart, FilesArePrivateAndNeverWrittenThroughALink) {
@@ -216,7 +221,7 @@ TEST_F(ZnHttpMultipart, FilesGoWithWhoeverOwnsThem) {
 
 TEST_F(ZnHttpMultipart, ADiskThatRefusesEndsTheUpload) {
     limits_.streamMultipart = true;
-    const std::string wire = request(part("; filename=f", std::string(20000, 'x')) + kEnd);
+    const std::string wire = request(part("; filename=f", std::string(6000, 'x')) + kEnd);
     const auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
     rlimit previous{};
     ::getrlimit(RLIMIT_FSIZE, &previous);

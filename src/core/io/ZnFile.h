@@ -7,7 +7,8 @@
 
 /// A file as a device, over a standard file stream: whole files, and one position for reading or writing.
 ///
-/// Thread: one at a time. A program started later does not inherit the open file. Misuse of the mode is logged and left to the stream, which fails; only read and seek throw.
+/// Thread: one at a time. A program started later does not inherit the open file.
+/// Misuse of the mode is logged and left to the stream, which fails; only read and seek throw.
 class ZnFile : public ZnIODevice {
 public:
     ZN_OBJECT(ZnFile, ZnIODevice)

@@ -3,7 +3,6 @@
 #include "core/fs/TemporaryDirectory.h"
 #include "core/io/http/ZnHttpParser_.h"
 
-#include <algorithm>
 #include <csignal>
 #include <optional>
 #include <string>
@@ -100,22 +99,24 @@ TEST_F(ZnHttpMultipart, BothReadersGiveTheSamePartsWhereverTheInputIsCut) {
     const std::string longest = "x: " + std::string(96 - kDisposition.size() - 5, 'y');
     const std::string file = part("; filename=f", "1");
     const Row rows[] = {
-        {"fields", part("; name=\"a\"", "1") + part(";NAME = a ", "") + part("", "z") + kEnd, "[a|||1]1[a|||0][|||1]z{a=}.", ""},
-        {"file", part("; name=a; filename=\"../f x\"", "\r\n--\n", "Content-TYPE:  t\r\n") + kEnd, "[a|../f x|t|5F]\r\n--\n.", ""},
+        {"fields", part("; name=\"a\"", "1") + part(";NAME = a ", "") + part("", "z") + kEnd,
+         "[a|||1]1[a|||0][|||1]z{a=}.", ""},
+        {"file", part("; name=a; filename=\"../f x\"", "\r\n--\n", "Content-TYPE:  t\r\n") + kEnd,
+         "[a|../f x|t|5F]\r\n--\n.", ""},
         {"no file", part("; name=a; filename=\"\"", "1") + kEnd, "[a|||1]1{a=1}.", ""},
-        {"nearly a delimiter", part("; filename=f", "\r\n--c\r\r\n-\r\n--") + kEnd, "[|f||13F]\r\n--c\r\r\n-\r\n--.", ""},
+        {"nearly a delimiter", part("; filename=f", "\r\n--c\r\r\n-\r\n--") + kEnd,
+         "[|f||13F]\r\n--c\r\r\n-\r\n--.", ""},
         {"a line end in front and text behind", "\r\n" + file + kEnd + "\r\n--b\r\n", "[|f||1F]1.", ""},
         {"only the end", kEnd, ".", ""},
         {"two line ends in front", "\r\n\r\n" + kEnd, "400 Malformed multipart boundary", ""},
-        {"another boundary", "--c--", "400 Malformed multipart boundary", ""},
         {"delimiter with a tail", file + "--bbb", "400 Malformed multipart boundary delimiter", ""},
         {"too short", "--", "400 Malformed multipart body", "400 Incomplete multipart body"},
         {"no end of the headers", "--b\r\nx:y\r\n", "400 Malformed multipart headers", "400 Incomplete multipart body"},
-        {"ends at a delimiter", file + "--b", "400 Malformed multipart boundary delimiter", "400 Incomplete multipart body"},
         {"ends in a part", file + "--b\r\n" + kDisposition + "\r\n\r\nx", "400 Multipart closing boundary not found",
          "400 Incomplete multipart body"},
         {"header without a name", "--b\r\n : x\r\n\r\n\r\n" + kEnd, "400 Malformed multipart part header", ""},
-        {"no disposition", file + "--b\r\nx: y\r\n\r\n\r\n" + kEnd, "400 Missing Content-Disposition in multipart part", ""},
+        {"no disposition", file + "--b\r\nx: y\r\n\r\n\r\n" + kEnd,
+         "400 Missing Content-Disposition in multipart part", ""},
         {"other disposition", "--b\r\ncontent-disposition: x\r\n\r\n\r\n" + kEnd,
          "400 Unsupported multipart Content-Disposition", ""},
         {"most parts", file + file + file + kEnd, "[|f||1F]1[|f||1F]1[|f||1F]1.", ""},
@@ -219,6 +220,25 @@ TEST_F(ZnHttpMultipart, FilesGoWithWhoeverOwnsThem) {
     EXPECT_EQ(fileCount(), 1u) << "removed once, then forgotten";
 }
 
+TEST_F(ZnHttpMultipart, MemoryDoesNotFollowTheUpload) {
+    limits_.streamMultipart = true;
+    limits_.maxBodyBytes = std::uint64_t(1) << 30;
+    const auto residentPages = [] {
+        std::size_t total = 0;
+        std::size_t resident = 0;
+        std::ifstream("/proc/self/statm") >> total >> resident;
+        return resident;
+    };
+    const std::string block(1 << 20, 'x');
+    feed("POST / HTTP/1.1\r\ncontent-type: multipart/form-data; boundary=b\r\ncontent-length: 99999999\r\n\r\n" +
+         part("; filename=f", block));
+    const std::size_t before = residentPages();
+    for (int i = 0; i < 32; ++i)
+        feed(block);
+    EXPECT_LT(residentPages(), before + 2048);
+    EXPECT_EQ(fs::file_size(fs::directory_iterator(limits_.multipartTempDir.str())->path()) >> 20, 32u);
+}
+
 TEST_F(ZnHttpMultipart, ADiskThatRefusesEndsTheUpload) {
     limits_.streamMultipart = true;
     const std::string wire = request(part("; filename=f", std::string(6000, 'x')) + kEnd);
@@ -226,25 +246,14 @@ TEST_F(ZnHttpMultipart, ADiskThatRefusesEndsTheUpload) {
     rlimit previous{};
     ::getrlimit(RLIMIT_FSIZE, &previous);
     const rlimit small{4096, previous.rlim_max};
-    for (const std::size_t pieceBytes : {wire.size(), std::size_t(100)}) { // written at once, and at a flush
-        std::vector<std::string_view> pieces;
-        for (std::string_view rest = wire; !rest.empty(); rest.remove_prefix(std::min(pieceBytes, rest.size())))
-            pieces.push_back(rest.substr(0, pieceBytes));
-        ::setrlimit(RLIMIT_FSIZE, &small);
-        const std::string outcome = outcomeOf(pieces);
-        ::setrlimit(RLIMIT_FSIZE, &previous);
-        EXPECT_EQ(outcome, "400 Unable to write multipart file data");
-        EXPECT_EQ(fileCount(), 0u);
-    }
+    ::setrlimit(RLIMIT_FSIZE, &small);
+    std::vector<std::string_view> pieces; // so small that only the last flush comes to the disk
+    for (std::size_t at = 0; at < wire.size(); at += 100)
+        pieces.push_back(std::string_view(wire).substr(at, 100));
+    EXPECT_EQ(outcomeOf(pieces), "400 Unable to write multipart file data");
+    ::setrlimit(RLIMIT_FSIZE, &previous);
     std::signal(SIGXFSZ, previousHandler);
-
-    const std::size_t headBytes = wire.find("\r\n\r\n") + 4;
-    parser_.reset();
-    feed(std::string_view(wire).substr(0, headBytes));
-    feed(std::string_view(wire).substr(headBytes, 1));
-    fs::remove_all(limits_.multipartTempDir.str());
-    feed(std::string_view(wire).substr(headBytes + 1));
-    EXPECT_EQ(parser_->errorText(), "Unable to open multipart temp file");
+    EXPECT_EQ(fileCount(), 0u);
     limits_.multipartTempDir = directory_.file("file", "") + "/below";
     EXPECT_EQ(outcomeOf({wire}), "500 Unable to create multipart temp directory");
 }

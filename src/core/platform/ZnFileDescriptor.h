@@ -20,6 +20,8 @@ public:
     int get() const noexcept { return descriptor_; }
     explicit operator bool() const noexcept { return descriptor_ >= 0; }
     void reset() noexcept;
+    /// Leaves the descriptor to the caller, who closes it.
+    int release() noexcept { return std::exchange(descriptor_, -1); }
 
 private:
     int descriptor_ = -1;

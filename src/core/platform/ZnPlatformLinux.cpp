@@ -40,6 +40,16 @@ std::optional<struct stat> statusOf(const ZnString& path) {
 
 // --- Files ---------------------------------------------------------------------------------------------------------
 
+int openFlags(ZnFilePlatform::Access access) {
+    switch (access) {
+    case ZnFilePlatform::Access::Read: return O_RDONLY;
+    case ZnFilePlatform::Access::Write: return O_WRONLY | O_CREAT | O_TRUNC;
+    case ZnFilePlatform::Access::Append: return O_WRONLY | O_CREAT | O_APPEND;
+    case ZnFilePlatform::Access::CreateNew: return O_WRONLY | O_CREAT | O_EXCL;
+    }
+    return O_RDONLY;
+}
+
 int transferAll(int from, int to) {
     constexpr std::size_t kPassBytes = std::size_t(1) << 30;
     for (;;) {
@@ -251,6 +261,11 @@ ZnDirPlatform* znDirPlatform() {
     return &instance;
 }
 
+ZnFileDescriptor ZnLinuxFilePlatform::open(const ZnString& path, Access access) {
+    const mode_t permissions = access == Access::CreateNew ? 0600 : 0666;
+    return ZnFileDescriptor(::open(systemPath(path).data(), openFlags(access) | O_CLOEXEC | O_NOCTTY, permissions));
+}
+
 bool ZnLinuxFilePlatform::isFile(const ZnString& path) {
     const auto status = statusOf(path);
     return status && S_ISREG(status->st_mode);
@@ -261,6 +276,10 @@ bool ZnLinuxFilePlatform::copy(const ZnString& source, const ZnString& destinati
     if (error != 0)
         ZN_LOG_ERROR(kCategory, "ZnLinuxFilePlatform::copy") << "Failed to copy file. Error: " << error;
     return error == 0;
+}
+
+bool ZnLinuxFilePlatform::remove(const ZnString& path) {
+    return ::unlink(systemPath(path).data()) == 0;
 }
 
 bool ZnLinuxFilePlatform::getFileMetadata(const ZnString& path, long long* creation, long long* lastAccess,

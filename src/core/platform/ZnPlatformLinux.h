@@ -7,8 +7,10 @@
 /// "user.<name>" with UTF-8 values.
 class ZnLinuxFilePlatform final : public ZnFilePlatform {
 public:
+    ZnFileDescriptor open(const ZnString& path, Access access) override;
     bool isFile(const ZnString& path) override;
     bool copy(const ZnString& source, const ZnString& destination, bool overwrite) override;
+    bool remove(const ZnString& path) override;
     bool getFileMetadata(const ZnString& path, long long* creation, long long* lastAccess,
                          long long* lastWrite) override;
     bool setCreationTime(const ZnString& path, long long seconds) override;

@@ -2,6 +2,7 @@
 
 #include "core/fs/TemporaryDirectory.h"
 
+#include <cstdlib>
 #include <stdexcept>
 
 namespace {
@@ -52,6 +53,18 @@ TEST(ZnFile, OpensOnlyFiles) {
         EXPECT_EQ(file.isOpen(), row.opens);
         EXPECT_EQ(file.readAll(), row.opens ? "content" : "");
     }
+}
+
+TEST(ZnFile, ANewFileIsMadeOnceAndNoChildProcessInheritsIt) {
+    const TemporaryDirectory directory;
+    ZnFile file(directory.path("file"));
+    ASSERT_TRUE(file.createNew());
+    EXPECT_TRUE(file.writeBuffered("abc") && file.flush());
+    EXPECT_FALSE(ZnFile(directory.path("file")).createNew());
+    const std::string list = directory.path("list").str();
+    ASSERT_EQ(std::system(("ls -l /proc/self/fd > " + list).c_str()), 0);
+    EXPECT_EQ(contentOf(list).find(directory.path("file").str()), std::string::npos);
+    EXPECT_EQ(contentOf(directory.path("file")), "abc");
 }
 
 TEST(ZnFile, MisuseOfTheModeFailsInTheStream) {

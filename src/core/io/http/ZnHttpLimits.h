@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/types/ZnString.h"
+
 #include <cstdint>
 
 /// What one server lets a peer send. Copied into every session when the connection is made.
@@ -14,4 +16,9 @@ struct ZnHttpLimits {
     std::uint64_t maxPipelinedRequests = 16;   // complete requests that may wait in a session
     std::uint64_t maxConnections = 0;          // sessions of a server, 0: no limit
     std::uint64_t maxInflightRequests = 0;     // requests being handled, 0: no limit
+    std::uint64_t maxMultipartParts = 256;     // parts of one body
+    std::uint64_t maxMultipartHeaderBytes = 16384;   // header lines of one part
+    std::uint64_t maxMultipartFieldBytes = 2097152;  // one streamed part that is no file
+    bool streamMultipart = false;              // multipart bodies are read as they come, their files go to the disk
+    ZnString multipartTempDir = "http_multipart_tmp"; // of those files; made when it is missing
 };

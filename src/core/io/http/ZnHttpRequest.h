@@ -1,10 +1,14 @@
 #pragma once
 
+#include "core/io/http/ZnHttpMultipartPart.h"
+#include "core/io/http/ZnHttpTempFiles.h"
 #include "core/types/ZnByteArray.h"
+#include "core/types/ZnList.h"
 #include "core/types/ZnMap.h"
 #include "core/types/ZnString.h"
 
 #include <cstdint>
+#include <memory>
 
 /// One request, complete with its body.
 ///
@@ -19,11 +23,15 @@ struct ZnHttpRequest {
     ZnMap<ZnString, ZnString> headers;          // names in lower case; a repeated name keeps its last value
     ZnMap<ZnString, ZnString> queryParams;      // decoded; a repeated key keeps its last value
     ZnMap<ZnString, ZnString> pathParams;       // filled by the router
-    ZnByteArray body;                           // decoded
+    ZnByteArray body;                           // decoded; empty when a multipart body was read as it came
     bool keepAlive = true;
     bool chunked = false;                       // the body came in chunks
+    bool multipartParsed = false;               // multipartParts and formFields are complete
     bool isTls = false;                         // this and the next three are filled by the session
     std::uint16_t localPort = 0;
     ZnString peerAddress;
     std::uint16_t peerPort = 0;
+    ZnList<ZnHttpMultipartPart> multipartParts; // in the order of the body
+    ZnMap<ZnString, ZnString> formFields;       // the named parts that are no files; the last one of a name
+    std::shared_ptr<ZnHttpTempFiles> tempFiles; // owns the files of multipartParts; null without any
 };

@@ -7,6 +7,7 @@
 
 #include "ChildProcess.h"
 #include "LoadClient.h"
+#include "McpRequests.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -70,47 +71,6 @@ Options parse(int argc, char** argv) {
         }
     }
     return options;
-}
-
-unsigned short freePort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t addressBytes = sizeof(address);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), addressBytes);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &addressBytes);
-    ::close(fd);
-    return ntohs(address.sin_port);
-}
-
-std::string post(const std::string& body, const std::string& sessionId) {
-    std::string head = "POST /mcp HTTP/1.1\r\nhost: 127.0.0.1\r\ncontent-type: application/json\r\n"
-                       "accept: application/json, text/event-stream\r\nmcp-protocol-version: 2025-06-18\r\n";
-    if (!sessionId.empty())
-        head += "mcp-session-id: " + sessionId + "\r\n";
-    return head + "content-length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-}
-
-std::string headerOf(const std::string& answer, const std::string& name) {
-    const std::size_t at = answer.find("\r\n" + name + ": ");
-    if (at == std::string::npos)
-        return {};
-    const std::size_t begin = at + name.size() + 4;
-    return answer.substr(begin, answer.find("\r\n", begin) - begin);
-}
-
-std::string initialize(unsigned short port) {
-    const std::string answer = askOnce(
-        port, post(R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18",)"
-                   R"("capabilities":{},"clientInfo":{"name":"http_load","version":"1"}}})",
-                   ""));
-    const std::string sessionId = headerOf(answer, "mcp-session-id");
-    if (sessionId.empty()) {
-        std::fprintf(stderr, "initialize failed: %s\n", answer.c_str());
-        std::exit(1);
-    }
-    return sessionId;
 }
 
 /// The same upstream under many loopback addresses.

@@ -7,7 +7,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <netinet/tcp.h>
+#include <openssl/ssl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -19,6 +21,7 @@ using Clock = std::chrono::steady_clock;
 
 struct Connection {
     int fd = -1;
+    SSL* ssl = nullptr; // null without TLS
     std::string input;
     std::size_t answerBytes = 0; // 0 until the head of the answer is there
     Clock::time_point sentAt;
@@ -39,6 +42,53 @@ int openConnection(unsigned short port) {
     return fd;
 }
 
+/// TLS on a connected socket; null when the handshake fails.
+SSL* startTls(int fd) {
+    static SSL_CTX* const context = SSL_CTX_new(TLS_client_method());
+    SSL* ssl = SSL_new(context);
+    SSL_set_fd(ssl, fd);
+    if (SSL_connect(ssl) == 1)
+        return ssl;
+    SSL_free(ssl);
+    return nullptr;
+}
+
+Connection connectTo(unsigned short port, bool overTls) {
+    Connection connection;
+    connection.fd = openConnection(port);
+    if (overTls && (connection.ssl = startTls(connection.fd)) == nullptr) {
+        std::fprintf(stderr, "TLS handshake failed\n");
+        std::exit(1);
+    }
+    return connection;
+}
+
+void disconnect(const Connection& connection) {
+    if (connection.ssl != nullptr) {
+        SSL_shutdown(connection.ssl);
+        SSL_free(connection.ssl);
+    }
+    ::close(connection.fd);
+}
+
+ssize_t sendBytes(const Connection& connection, const std::string& bytes) {
+    if (connection.ssl != nullptr)
+        return SSL_write(connection.ssl, bytes.data(), static_cast<int>(bytes.size()));
+    return ::send(connection.fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+}
+
+/// As recv; nothing yet is -1 with EAGAIN.
+ssize_t receiveBytes(const Connection& connection, char* buffer, std::size_t capacity) {
+    if (connection.ssl == nullptr)
+        return ::recv(connection.fd, buffer, capacity, 0);
+    const int got = SSL_read(connection.ssl, buffer, static_cast<int>(capacity));
+    if (got <= 0 && SSL_get_error(connection.ssl, got) == SSL_ERROR_WANT_READ) {
+        errno = EAGAIN;
+        return -1;
+    }
+    return std::max(got, 0);
+}
+
 /// Size of head and body once the head is complete, else 0.
 std::size_t answerSize(const std::string& input) {
     const std::size_t headEnd = input.find("\r\n\r\n");
@@ -53,14 +103,14 @@ std::size_t answerSize(const std::string& input) {
 void sendRequest(Connection& connection, const std::string& request) {
     connection.sentAt = Clock::now();
     // The answer to the last request has come, so that there is always room for a small one.
-    if (::send(connection.fd, request.data(), request.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(request.size()))
+    if (sendBytes(connection, request) != static_cast<ssize_t>(request.size()))
         connection.sentAt = {};
 }
 
 /// Takes what has come; true when an answer is complete, which then stands at the front of `input`.
 bool receiveAnswer(Connection& connection, bool* lost) {
     char buffer[16384];
-    const ssize_t got = ::recv(connection.fd, buffer, sizeof(buffer), MSG_DONTWAIT);
+    const ssize_t got = receiveBytes(connection, buffer, sizeof(buffer));
     if (got <= 0) {
         *lost = got == 0 || (errno != EAGAIN && errno != EINTR);
         return false;
@@ -82,11 +132,12 @@ double percentile(std::vector<float>& latencies, double share) {
 } // namespace
 
 LoadResult runLoad(unsigned short port, const std::vector<std::string>& requests, const std::string& expectedText,
-                   int connectionCount, double seconds) {
+                   int connectionCount, double seconds, bool overTls) {
     const int epollFd = ::epoll_create1(EPOLL_CLOEXEC);
     std::vector<Connection> connections(static_cast<std::size_t>(connectionCount));
     for (Connection& connection : connections) {
-        connection.fd = openConnection(port);
+        connection = connectTo(port, overTls);
+        ::fcntl(connection.fd, F_SETFL, O_NONBLOCK);
         epoll_event event = {};
         event.events = EPOLLIN;
         event.data.ptr = &connection;
@@ -128,7 +179,7 @@ LoadResult runLoad(unsigned short port, const std::vector<std::string>& requests
     }
     const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
     for (const Connection& connection : connections)
-        ::close(connection.fd);
+        disconnect(connection);
     ::close(epollFd);
     result.requestCount = static_cast<long long>(latencies.size());
     result.requestsPerSecond = static_cast<double>(latencies.size()) / elapsed;
@@ -149,18 +200,28 @@ IdleConnections::~IdleConnections() {
     delete[] fds_;
 }
 
-std::string askOnce(unsigned short port, const std::string& request) {
-    Connection connection;
-    connection.fd = openConnection(port);
+double runHandshakes(unsigned short port, double seconds) {
+    const Clock::time_point start = Clock::now();
+    int count = 0;
+    double elapsed = 0.0;
+    for (; elapsed < seconds; ++count) {
+        disconnect(connectTo(port, true));
+        elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+    }
+    return count / elapsed;
+}
+
+std::string askOnce(unsigned short port, const std::string& request, bool overTls) {
+    Connection connection = connectTo(port, overTls);
     sendRequest(connection, request);
     char buffer[16384];
     while (connection.answerBytes == 0 || connection.input.size() < connection.answerBytes) {
-        const ssize_t got = ::recv(connection.fd, buffer, sizeof(buffer), 0);
+        const ssize_t got = receiveBytes(connection, buffer, sizeof(buffer));
         if (got <= 0)
             break;
         connection.input.append(buffer, static_cast<std::size_t>(got));
         connection.answerBytes = answerSize(connection.input);
     }
-    ::close(connection.fd);
+    disconnect(connection);
     return connection.input;
 }

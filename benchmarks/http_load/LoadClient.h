@@ -16,8 +16,12 @@ struct LoadResult {
 /// Keeps `connectionCount` connections to a loopback port busy for `seconds`, each sending its next request when
 /// the answer to the last has come; connection i sends request i modulo their number. Single-threaded, bounded,
 /// stops by itself.
+/// With `overTls` the connections are encrypted; certificates are not verified.
 LoadResult runLoad(unsigned short port, const std::vector<std::string>& requests, const std::string& expectedText,
-                   int connectionCount, double seconds);
+                   int connectionCount, double seconds, bool overTls = false);
+
+/// Full TLS handshakes per second, one connection after the other for `seconds`.
+double runHandshakes(unsigned short port, double seconds);
 
 /// Connections that are opened and left idle until the object goes.
 class IdleConnections {
@@ -33,4 +37,4 @@ private:
 };
 
 /// One request over a connection of its own; the whole answer, head and body.
-std::string askOnce(unsigned short port, const std::string& request);
+std::string askOnce(unsigned short port, const std::string& request, bool overTls = false);

@@ -1,4 +1,5 @@
-// A small MCP service over streamable HTTP with JSON answers. Options: --bind, --port.
+// A small MCP service over streamable HTTP with JSON answers. Options: --bind, --port; --tls_cert_path and
+// --tls_key_path for https.
 
 #include "core/io/http/ZnHttpApp.h"
 #include "core/runtime/ZnCoreApplication.h"
@@ -151,11 +152,16 @@ int main(int argc, char** argv) {
     const int port = application.getArgument("port", "9020").toInt();
     ZnHttpApp app;
     app.post("/mcp", handlePost);
-    if (port < 1 || port > 65535 || !app.tcpServer().listen(address, static_cast<unsigned short>(port))) {
+    const ZnList<ZnSslLocalCredential> credentials = ZnSslServer::makeLocalCredentials_(
+        application.getArgument("tls_cert_path", ""), application.getArgument("tls_key_path", ""));
+    const bool usesTls = !credentials.isEmpty();
+    ZnTcpServer& listener = usesTls ? app.sslServer() : app.tcpServer();
+    if ((usesTls && !app.sslServer().reloadLocalCredentials(credentials)) || port < 1 || port > 65535 ||
+        !listener.listen(address, static_cast<unsigned short>(port))) {
         std::cerr << "echo-service: unable to listen on " << address << ":" << port << std::endl;
         return 2;
     }
-    std::cout << "echo-service: listening on http://" << address << ":" << port << "/mcp" << std::endl;
+    std::cout << "echo-service: listening on " << (usesTls ? "https://" : "http://") << address << ":" << port << "/mcp" << std::endl;
     const int exitCode = application.exec(); // SIGINT and SIGTERM end it
     application.endWaits(kEndMs);            // what waits in "slow" is answered
     return exitCode;

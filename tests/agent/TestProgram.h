@@ -37,7 +37,7 @@ public:
         sigaddset(&interrupts, SIGINT);
         ::posix_spawnattr_setsigdefault(&attributes, &interrupts);
         ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
-        EXPECT_EQ(::posix_spawn(&pid_, path, &actions, &attributes, argv.data(), environ), 0);
+        EXPECT_EQ(::posix_spawnp(&pid_, path, &actions, &attributes, argv.data(), environ), 0);
         ::posix_spawnattr_destroy(&attributes);
         ::posix_spawn_file_actions_destroy(&actions);
         ::close(pipes[1]);

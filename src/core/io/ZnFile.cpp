@@ -1,11 +1,12 @@
 #include "core/io/ZnFile.h"
 
-#include "core/fs/ZnPath.h"
 #include "core/platform/ZnDirPlatform.h"
 #include "core/types/ZnLogger.h"
 
 #include <algorithm>
+#include <ext/stdio_filebuf.h>
 #include <stdexcept>
+#include <utility>
 
 namespace {
 
@@ -22,6 +23,12 @@ std::ios_base::openmode streamFlags(ZnFile::OpenMode mode) {
     }
     ZN_LOG_ERROR(kCategory, "ZnFile::open") << "Mode d'ouverture invalide.";
     return static_cast<std::ios_base::openmode>(mode);
+}
+
+ZnFilePlatform::Access accessFor(std::ios_base::openmode flags) {
+    if ((flags & std::ios_base::app) != 0)
+        return ZnFilePlatform::Access::Append;
+    return (flags & std::ios_base::out) != 0 ? ZnFilePlatform::Access::Write : ZnFilePlatform::Access::Read;
 }
 
 /// The system would open a directory for reading, and cut a path at a NUL byte.
@@ -51,16 +58,37 @@ bool ZnFile::openBinary(OpenMode mode) {
     return openStream_(mode, std::ios_base::binary);
 }
 
+bool ZnFile::createNew() {
+    if (!openBuffer_(ZnFilePlatform::Access::CreateNew, std::ios_base::out | std::ios_base::binary))
+        return false;
+    mode_ = OpenMode::Write;
+    return true;
+}
+
 bool ZnFile::openStream_(OpenMode mode, std::ios_base::openmode extraFlags) {
     const std::ios_base::openmode flags = streamFlags(mode) | extraFlags;
-    if (canBeFile(path_) && stream_.rdbuf()->open(withForwardSlashes(path_).str(), flags) != nullptr) {
-        stream_.clear();
+    if (canBeFile(path_) && openBuffer_(accessFor(flags), flags))
         mode_ = mode;
-        open_ = true;
-    } else {
+    else
         stream_.setstate(std::ios_base::failbit);
-    }
     return stream_.is_open();
+}
+
+/// The standard buffer opens files that a child process inherits, so it gets an open one.
+bool ZnFile::openBuffer_(ZnFilePlatform::Access access, std::ios_base::openmode flags) {
+    if (stream_.is_open())
+        return false; // as the standard buffer does: what is open stays
+    ZnFileDescriptor descriptor = znFilePlatform()->open(path_, access);
+    if (!descriptor)
+        return false;
+    __gnu_cxx::stdio_filebuf<char> buffer(descriptor.get(), flags);
+    if (!buffer.is_open())
+        return false;
+    descriptor.release(); // the buffer closes it
+    *stream_.rdbuf() = std::move(buffer);
+    stream_.clear();
+    open_ = true;
+    return true;
 }
 
 void ZnFile::close() {
@@ -122,18 +150,22 @@ void ZnFile::seek(long long position) {
 bool ZnFile::write(ZnByteArray bytes) {
     if (!isWritable_())
         ZN_LOG_ERROR(kCategory, "ZnFile::write") << "Fichier non ouvert en mode ecriture.";
-    return writeBytes_(bytes.view());
+    return writeBuffered(bytes.view()) && flush();
 }
 
 bool ZnFile::write(ZnString bytes) {
     if (!isWritable_())
         ZN_LOG_ERROR(kCategory, "ZnFile::write") << "Fichier non ouvert en mode écriture.";
-    return writeBytes_(bytes.view());
+    return writeBuffered(bytes.view()) && flush();
 }
 
-bool ZnFile::writeBytes_(std::string_view bytes) {
+bool ZnFile::writeBuffered(std::string_view bytes) {
     if (!bytes.empty())
         stream_.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    return stream_.good();
+}
+
+bool ZnFile::flush() {
     stream_.flush();
     return stream_.good();
 }

@@ -1,12 +1,13 @@
 #pragma once
 
 #include "core/io/ZnIODevice.h"
+#include "core/platform/ZnFilePlatform.h"
 
 #include <fstream>
 
 /// A file as a device, over a standard file stream: whole files, and one position for reading or writing.
 ///
-/// Thread: one at a time. Misuse of the mode is logged and left to the stream, which fails; only read and seek throw.
+/// Thread: one at a time. A program started later does not inherit the open file. Misuse of the mode is logged and left to the stream, which fails; only read and seek throw.
 class ZnFile : public ZnIODevice {
 public:
     ZN_OBJECT(ZnFile, ZnIODevice)
@@ -23,6 +24,9 @@ public:
     /// Returns whether a file is open afterwards.
     bool open(OpenMode mode);
     bool openBinary(OpenMode mode);
+    /// Makes the file, for its owner alone, and opens it for writing. False when anything has the name already: a link
+    /// that someone has put there leads nowhere.
+    bool createNew();
     void close() override;
     bool isOpen() const override { return stream_.is_open(); }
 
@@ -38,11 +42,14 @@ public:
     /// Both write through to the system and give whether that went well.
     bool write(ZnByteArray bytes) override;
     bool write(ZnString bytes) override;
+    /// Writes too, but small pieces wait in the stream for more; flush() tells whether they have gone well.
+    bool writeBuffered(std::string_view bytes);
+    bool flush();
 
 private:
     bool openStream_(OpenMode mode, std::ios_base::openmode extraFlags);
+    bool openBuffer_(ZnFilePlatform::Access access, std::ios_base::openmode flags);
     bool isWritable_() const noexcept { return mode_ == OpenMode::Write || mode_ == OpenMode::Append; }
-    bool writeBytes_(std::string_view bytes);
 
     std::fstream stream_;
     OpenMode mode_ = OpenMode::Read;

@@ -2,6 +2,7 @@
 
 #include "core/fs/TemporaryDirectory.h"
 
+#include <fcntl.h>
 #include <stdexcept>
 
 namespace {
@@ -52,6 +53,29 @@ TEST(ZnFile, OpensOnlyFiles) {
         EXPECT_EQ(file.isOpen(), row.opens);
         EXPECT_EQ(file.readAll(), row.opens ? "content" : "");
     }
+}
+
+TEST(ZnFile, ChildProcessesInheritNoFileAndANewOneIsMadeOnce) {
+    const TemporaryDirectory directory;
+    const ZnString path = directory.path("file");
+    ZnFile file(path);
+    ASSERT_TRUE(file.createNew());
+    EXPECT_TRUE(file.writeBuffered("abc"));
+    EXPECT_TRUE(file.flush());
+    EXPECT_EQ(contentOf(path), "abc");
+    EXPECT_FALSE(ZnFile(path).createNew());
+    ZnFile reader(path);
+    ASSERT_TRUE(reader.open(OpenMode::Read));
+    int openCount = 0;
+    for (int descriptor = 0; descriptor < 256; ++descriptor) {
+        const std::filesystem::path link = "/proc/self/fd/" + std::to_string(descriptor);
+        std::error_code error;
+        if (std::filesystem::read_symlink(link, error) != path.str())
+            continue;
+        ++openCount;
+        EXPECT_NE(::fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0);
+    }
+    EXPECT_EQ(openCount, 2);
 }
 
 TEST(ZnFile, MisuseOfTheModeFailsInTheStream) {

@@ -1,5 +1,7 @@
 #include "core/io/http/ZnHttpParser_.h"
 
+#include "core/io/http/ZnHttpMultipart.h"
+
 #include <algorithm>
 #include <cstring>
 #include <limits>
@@ -202,10 +204,12 @@ bool ZnHttpParser_::readLine_(Input_& input, std::string_view* line) {
     }
 }
 
-bool ZnHttpParser_::fail_(int status, const char* text) {
+bool ZnHttpParser_::fail_(int status, ZnString text) {
+    if (std::exchange(multipartActive_, false))
+        multipart_->abort();
     state_ = State::Failed;
     errorStatus_ = status;
-    errorText_ = text;
+    errorText_ = std::move(text);
     return false;
 }
 
@@ -297,6 +301,25 @@ bool ZnHttpParser_::finishHeaders_() {
         return fail_(413, "Body too large");
     current_->chunked = chunked;
     state_ = chunked ? State::ChunkSize : bodyRemaining_ > 0 ? State::FixedBody : State::Complete;
+    return state_ == State::Complete || prepareBody_();
+}
+
+/// Decides where the body goes.
+bool ZnHttpParser_::prepareBody_() {
+    if (!limits_.streamMultipart)
+        return true;
+    const auto contentType = current_->headers.find("content-type");
+    if (contentType == current_->headers.end() || !zn::http::isMultipartForm(contentType->second.view()))
+        return true;
+    ZnString boundary;
+    if (!zn::http::parseBoundary(contentType->second.view(), &boundary))
+        return fail_(400, "Missing multipart boundary");
+    if (!multipart_)
+        multipart_ = std::make_unique<ZnHttpMultipartStream_>();
+    ZnString errorText;
+    if (!multipart_->begin(boundary, limits_, limits_.multipartTempDir, &errorText))
+        return fail_(500, std::move(errorText));
+    multipartActive_ = true;
     return true;
 }
 
@@ -319,24 +342,35 @@ bool ZnHttpParser_::parseContentLength_(std::string_view text) {
 bool ZnHttpParser_::takeBody_(Input_& input, std::uint64_t* remainingBytes) {
     const std::size_t byteCount =
         static_cast<std::size_t>(std::min<std::uint64_t>(*remainingBytes, input.rest.size()));
-    ZnByteArray& body = current_->body;
-    if (body.size() + byteCount > limits_.maxBodyBytes)
+    if (byteCount > limits_.maxBodyBytes - bodyBytes_)
         return fail_(413, "Body too large");
-    body.append(input.rest.substr(0, byteCount));
+    const std::string_view bytes = input.rest.substr(0, byteCount);
     input.skip(byteCount);
+    bodyBytes_ += byteCount;
     *remainingBytes -= byteCount;
+    ZnString errorText;
+    if (!multipartActive_)
+        current_->body.append(bytes);
+    else if (!multipart_->feed(bytes, &errorText))
+        return fail_(400, std::move(errorText));
     return true;
 }
 
 bool ZnHttpParser_::onFixedBody_(Input_& input) {
     if (input.rest.empty())
         return false;
-    if (current_->body.isNull())
+    if (!multipartActive_ && current_->body.isNull())
         current_->body.reserve(static_cast<std::size_t>(std::min(bodyRemaining_, kTrustedBodyBytes)));
-    if (!takeBody_(input, &bodyRemaining_))
+    if (!takeBody_(input, &bodyRemaining_) || bodyRemaining_ > 0)
         return false;
-    if (bodyRemaining_ > 0)
-        return false;
+    return finishBody_();
+}
+
+bool ZnHttpParser_::finishBody_() {
+    ZnString errorText;
+    if (multipartActive_ && !multipart_->finish(*current_, &errorText))
+        return fail_(400, std::move(errorText));
+    multipartActive_ = false;
     state_ = State::Complete;
     return true;
 }
@@ -351,8 +385,7 @@ bool ZnHttpParser_::onChunkSize_(Input_& input) {
         return fail_(400, "Invalid chunk size");
     if (chunkRemaining_ > limits_.maxChunkBytes)
         return fail_(413, "Chunk too large");
-    const std::uint64_t bodyBytes = current_->body.size();
-    if (bodyBytes > limits_.maxBodyBytes || chunkRemaining_ > limits_.maxBodyBytes - bodyBytes)
+    if (chunkRemaining_ > limits_.maxBodyBytes - bodyBytes_)
         return fail_(413, "Body too large");
     state_ = chunkRemaining_ == 0 ? State::Trailers : State::ChunkData;
     return true;
@@ -398,9 +431,7 @@ bool ZnHttpParser_::onTrailerLine_(Input_& input) {
     headerBytes_ += line.size() + 2;
     if (headerBytes_ > limits_.maxHeaderBytes)
         return fail_(431, "Trailers too large");
-    if (line.empty())
-        state_ = State::Complete;
-    return true;
+    return line.empty() ? finishBody_() : true;
 }
 
 bool ZnHttpParser_::commit_(ZnList<RequestRef>& out) {
@@ -408,7 +439,7 @@ bool ZnHttpParser_::commit_(ZnList<RequestRef>& out) {
     current_.reset();
     if (out.size() > limits_.maxPipelinedRequests)
         return fail_(400, "Too many pipelined requests");
-    headerBytes_ = headerCount_ = bodyRemaining_ = chunkRemaining_ = 0;
+    headerBytes_ = headerCount_ = bodyBytes_ = bodyRemaining_ = chunkRemaining_ = 0;
     state_ = State::RequestLine;
     return true;
 }

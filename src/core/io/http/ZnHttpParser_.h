@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/io/http/ZnHttpLimits.h"
+#include "core/io/http/ZnHttpMultipartStream_.h"
 #include "core/io/http/ZnHttpRequest.h"
 #include "core/types/ZnByteArray.h"
 #include "core/types/ZnList.h"
@@ -21,6 +22,8 @@
 /// Thread: that of its session. Nothing here parks or calls out.
 /// Invariant: buffer_ holds only what cannot be used yet, an unfinished line or half a CRLF behind a chunk: bytes of
 /// a body never stay in it, and complete input is parsed where it lies.
+/// Temporary files of a multipart body belong to the parser until its request is complete, then to the request: a
+/// parser that fails or goes, and a request that nobody takes, leave none behind.
 /// Failed is final.
 class ZnHttpParser_ {
 public:
@@ -58,7 +61,7 @@ private:
     std::size_t run_(std::string_view bytes, ZnList<RequestRef>& out);
     bool step_(Input_& input, ZnList<RequestRef>& out);
     bool readLine_(Input_& input, std::string_view* line);
-    bool fail_(int status, const char* text);
+    bool fail_(int status, ZnString text);
 
     bool onRequestLine_(Input_& input);
     bool parseRequestLine_(std::string_view line);
@@ -73,8 +76,11 @@ private:
     bool onChunkData_(Input_& input);
     bool onChunkEnd_(Input_& input);
     bool onTrailerLine_(Input_& input);
+    bool prepareBody_();
+    bool finishBody_();
     bool commit_(ZnList<RequestRef>& out);
-    /// Moves up to `*remainingBytes` bytes of the input to the body. False: it would grow beyond its limit.
+    /// Moves up to `*remainingBytes` bytes of the input to the body. False: it would grow beyond its limit, or its
+    /// parts are malformed.
     bool takeBody_(Input_& input, std::uint64_t* remainingBytes);
 
     const ZnHttpLimits limits_;
@@ -82,10 +88,13 @@ private:
     std::size_t scannedBytes_ = 0;     // of buffer_, known to hold no CRLF: one-byte input stays linear
     State state_ = State::RequestLine;
     RequestRef current_;               // null until its request line is complete
-    std::uint64_t headerBytes_ = 0;    // this and the next three: of the current message
+    std::uint64_t headerBytes_ = 0;    // this and the next four: of the current message
     std::uint64_t headerCount_ = 0;
+    std::uint64_t bodyBytes_ = 0;      // decoded so far
     std::uint64_t bodyRemaining_ = 0;  // of a body with a length
     std::uint64_t chunkRemaining_ = 0;
+    bool multipartActive_ = false;     // the body goes to multipart_
+    std::unique_ptr<ZnHttpMultipartStream_> multipart_; // made for the first such body, kept for the names of files
     int errorStatus_ = 0;
     ZnString errorText_;
 };

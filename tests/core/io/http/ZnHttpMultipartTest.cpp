@@ -1,0 +1,247 @@
+#include "core/io/http/ZnHttpMultipart.h"
+
+#include "core/fs/TemporaryDirectory.h"
+#include "core/io/http/ZnHttpParser_.h"
+
+#include <algorithm>
+#include <csignal>
+#include <optional>
+#include <string>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kDisposition = "content-disposition: form-data";
+const std::string kEnd = "--b--";
+
+/// A part whose headers are the disposition with `params` and the lines `more`.
+std::string part(const std::string& params, const std::string& data, const std::string& more = "") {
+    return "--b\r\n" + kDisposition + params + "\r\n" + more + "\r\n" + data + "\r\n";
+}
+
+std::string request(const std::string& body, bool chunked = false, const std::string& type = "Multipart/form-data; boundary=b") {
+    const std::string head = "POST / HTTP/1.1\r\ncontent-type: " + type + "\r\n";
+    if (!chunked)
+        return head + "content-length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+    std::string wire = head + "transfer-encoding: chunked\r\n\r\n";
+    for (std::size_t at = 0; at < body.size(); at += 10) {
+        const std::string chunk = body.substr(at, 10);
+        wire += (chunk.size() == 10 ? "a" : std::to_string(chunk.size())) + "\r\n" + chunk + "\r\n";
+    }
+    return wire + "0\r\n\r\n";
+}
+
+std::string describe(const ZnHttpRequest& request) {
+    std::string text;
+    for (const ZnHttpMultipartPart& part : request.multipartParts) {
+        text += "[" + part.name.str() + "|" + part.fileName.str() + "|" + part.contentType.str() + "|" +
+                std::to_string(part.size) + (part.isFile ? "F" : "") + "]";
+        text += part.isTempFile ? contentOf(part.tempFilePath) : std::string(part.data.view());
+    }
+    for (const auto& [name, value] : request.formFields)
+        text += "{" + name.str() + "=" + value.str() + "}";
+    return text + (request.multipartParsed ? "." : "unread");
+}
+
+/// Files into a directory of its own, and limits that a table row can reach.
+class ZnHttpMultipart : public testing::Test {
+protected:
+    ZnHttpMultipart() {
+        limits_.maxMultipartParts = 3;
+        limits_.maxMultipartHeaderBytes = 96;
+        limits_.maxMultipartFieldBytes = 20;
+        limits_.multipartTempDir = directory_.path("up/loads");
+    }
+
+    void feed(std::string_view wire) {
+        if (!parser_)
+            parser_.emplace(limits_);
+        parser_->feed(wire, requests_);
+    }
+
+    /// What the session would make of it: the parts, or the error answer.
+    std::string outcomeOf(const std::vector<std::string_view>& pieces) {
+        parser_.reset();
+        requests_.clear();
+        for (const std::string_view piece : pieces)
+            feed(piece);
+        if (parser_->state() == ZnHttpParser_::State::Failed)
+            return std::to_string(parser_->errorStatus()) + " " + parser_->errorText().str();
+        ZnString errorText;
+        if (requests_.isEmpty())
+            return "unfinished";
+        return zn::http::parseMultipart(*requests_[0], limits_, &errorText) ? describe(*requests_[0])
+                                                                           : "400 " + errorText.str();
+    }
+
+    std::size_t fileCount() const {
+        const fs::path path = limits_.multipartTempDir.str();
+        return fs::exists(path) ? static_cast<std::size_t>(std::distance(fs::directory_iterator(path), {})) : 0;
+    }
+
+    const TemporaryDirectory directory_;
+    ZnHttpLimits limits_;
+    std::optional<ZnHttpParser_> parser_;
+    ZnList<ZnHttpParser_::RequestRef> requests_;
+};
+
+TEST_F(ZnHttpMultipart, BothReadersGiveTheSamePartsWhereverTheInputIsCut) {
+    struct Row {
+        const char* name;
+        std::string body;
+        std::string buffered;
+        std::string streamed; // when it differs
+    };
+    const std::string longest = "x: " + std::string(96 - kDisposition.size() - 5, 'y');
+    const std::string file = part("; filename=f", "1");
+    const Row rows[] = {
+        {"fields", part("; name=\"a\"", "1") + part(";NAME = a ", "") + part("", "z") + kEnd, "[a|||1]1[a|||0][|||1]z{a=}.", ""},
+        {"file", part("; name=a; filename=\"../f x\"", "\r\n--\n", "Content-TYPE:  t\r\n") + kEnd, "[a|../f x|t|5F]\r\n--\n.", ""},
+        {"no file", part("; name=a; filename=\"\"", "1") + kEnd, "[a|||1]1{a=1}.", ""},
+        {"nearly a delimiter", part("; filename=f", "\r\n--c\r\r\n-\r\n--") + kEnd, "[|f||13F]\r\n--c\r\r\n-\r\n--.", ""},
+        {"a line end in front and text behind", "\r\n" + file + kEnd + "\r\n--b\r\n", "[|f||1F]1.", ""},
+        {"only the end", kEnd, ".", ""},
+        {"two line ends in front", "\r\n\r\n" + kEnd, "400 Malformed multipart boundary", ""},
+        {"another boundary", "--c--", "400 Malformed multipart boundary", ""},
+        {"delimiter with a tail", file + "--bbb", "400 Malformed multipart boundary delimiter", ""},
+        {"too short", "--", "400 Malformed multipart body", "400 Incomplete multipart body"},
+        {"no end of the headers", "--b\r\nx:y\r\n", "400 Malformed multipart headers", "400 Incomplete multipart body"},
+        {"ends at a delimiter", file + "--b", "400 Malformed multipart boundary delimiter", "400 Incomplete multipart body"},
+        {"ends in a part", file + "--b\r\n" + kDisposition + "\r\n\r\nx", "400 Multipart closing boundary not found",
+         "400 Incomplete multipart body"},
+        {"header without a name", "--b\r\n : x\r\n\r\n\r\n" + kEnd, "400 Malformed multipart part header", ""},
+        {"no disposition", file + "--b\r\nx: y\r\n\r\n\r\n" + kEnd, "400 Missing Content-Disposition in multipart part", ""},
+        {"other disposition", "--b\r\ncontent-disposition: x\r\n\r\n\r\n" + kEnd,
+         "400 Unsupported multipart Content-Disposition", ""},
+        {"most parts", file + file + file + kEnd, "[|f||1F]1[|f||1F]1[|f||1F]1.", ""},
+        {"too many parts", file + file + file + file + kEnd, "400 Too many multipart parts", ""},
+        {"longest headers", part("", "", longest + "\r\n") + kEnd, "[|||0].", ""},
+        {"too long headers", part("", "", longest + "y\r\n") + kEnd, "400 Multipart part headers too large", ""},
+        {"longest field", part("", std::string(20, 'x')) + kEnd, "[|||20]" + std::string(20, 'x') + ".", ""},
+        {"too long field", part("", std::string(21, 'x')) + kEnd, "[|||21]" + std::string(21, 'x') + ".",
+         "400 Multipart form field too large"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        limits_.streamMultipart = false;
+        EXPECT_EQ(outcomeOf({request(row.body)}), row.buffered);
+        limits_.streamMultipart = true;
+        for (const std::string& wire : {request(row.body), request(row.body, true)}) {
+            for (std::size_t cut = 1; cut <= wire.size(); ++cut)
+                ASSERT_EQ(outcomeOf({std::string_view(wire).substr(0, cut), std::string_view(wire).substr(cut)}),
+                          row.streamed.empty() ? row.buffered : row.streamed) << "cut at " << cut;
+        }
+    }
+    requests_.clear();
+    EXPECT_EQ(fileCount(), 0u);
+}
+
+TEST_F(ZnHttpMultipart, ContentTypesThatAreRead) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"multipart/form-data", "400 Missing multipart boundary"},
+        {"multipart/form-data; boundary=\"\"", "400 Missing multipart boundary"},
+        {"multipart/form-data-x; boundary=b", "400 Missing multipart boundary"},
+        {"MULTIPART/FORM-DATA; charset=x; Boundary=\"b\"", "."},
+        {"multipart/mixed; boundary=b", "unread"},
+    };
+    for (const auto& [type, expected] : rows) {
+        for (const bool streams : {false, true}) {
+            limits_.streamMultipart = streams;
+            EXPECT_EQ(outcomeOf({request(kEnd, false, type)}), expected) << type;
+        }
+    }
+    EXPECT_EQ(outcomeOf({request("")}), "400 Malformed multipart body") << "no body, nothing to stream";
+}
+
+TEST_F(ZnHttpMultipart, FilesArePrivateAndNeverWrittenThroughALink) {
+    limits_.streamMultipart = true;
+    const auto pathOf = [&](std::size_t requestIndex, std::size_t index) {
+        return requests_[requestIndex]->multipartParts[index].tempFilePath.str();
+    };
+    const auto numbered = [&](int number) {
+        const std::string first = pathOf(0, 0);
+        return first.substr(0, first.rfind('_') + 1) + std::to_string(number) + ".part";
+    };
+    const std::string wire = request(part("; filename=f", "first") + part("; filename=g", "second") + kEnd);
+    feed(wire);
+    struct stat status {};
+    ASSERT_EQ(::stat(pathOf(0, 0).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600u);
+    EXPECT_EQ(pathOf(0, 0), numbered(0));
+    EXPECT_EQ(pathOf(0, 1), numbered(1));
+    EXPECT_TRUE(pathOf(0, 0).starts_with((limits_.multipartTempDir + "/multipart_").str()));
+
+    const ZnString precious = directory_.file("precious", "kept");
+    fs::create_symlink(precious.str(), numbered(2));
+    fs::create_symlink(directory_.path("nowhere").str(), numbered(3));
+    feed(wire); // while the first request waits
+    EXPECT_EQ(pathOf(1, 0), numbered(4));
+    EXPECT_EQ(describe(*requests_[1]), "[|f||5F]first[|g||6F]second.");
+    EXPECT_EQ(contentOf(precious), "kept");
+    EXPECT_FALSE(fs::exists(directory_.path("nowhere").str()));
+}
+
+TEST_F(ZnHttpMultipart, FilesGoWithWhoeverOwnsThem) {
+    limits_.streamMultipart = true;
+    const std::string wire = request(part("; filename=f", "1") + part("; filename=g", std::string(9000, 'x')) + kEnd);
+    const auto feedHalf = [&] {
+        feed(std::string_view(wire).substr(0, wire.size() - 100));
+        ASSERT_EQ(fileCount(), 2u);
+    };
+    feedHalf();
+    parser_.reset();
+    EXPECT_EQ(fileCount(), 0u) << "the connection ended in the middle";
+    feedHalf();
+    feed(std::string(100, 'x'));
+    EXPECT_EQ(parser_->errorText(), "Incomplete multipart body");
+    EXPECT_EQ(fileCount(), 0u) << "the upload failed";
+
+    parser_.reset();
+    feed(wire);
+    parser_.reset();
+    EXPECT_EQ(fileCount(), 2u) << "a complete request outlives its parser";
+    requests_.clear();
+    EXPECT_EQ(fileCount(), 0u) << "nobody took the request";
+    feed(wire);
+    requests_[0]->tempFiles->removeAll();
+    EXPECT_EQ(fileCount(), 0u) << "the answer has left";
+    std::ofstream(requests_[0]->multipartParts[0].tempFilePath.str()) << "of someone else";
+    requests_.clear();
+    EXPECT_EQ(fileCount(), 1u) << "removed once, then forgotten";
+}
+
+TEST_F(ZnHttpMultipart, ADiskThatRefusesEndsTheUpload) {
+    limits_.streamMultipart = true;
+    const std::string wire = request(part("; filename=f", std::string(20000, 'x')) + kEnd);
+    const auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit previous{};
+    ::getrlimit(RLIMIT_FSIZE, &previous);
+    const rlimit small{4096, previous.rlim_max};
+    for (const std::size_t pieceBytes : {wire.size(), std::size_t(100)}) { // written at once, and at a flush
+        std::vector<std::string_view> pieces;
+        for (std::string_view rest = wire; !rest.empty(); rest.remove_prefix(std::min(pieceBytes, rest.size())))
+            pieces.push_back(rest.substr(0, pieceBytes));
+        ::setrlimit(RLIMIT_FSIZE, &small);
+        const std::string outcome = outcomeOf(pieces);
+        ::setrlimit(RLIMIT_FSIZE, &previous);
+        EXPECT_EQ(outcome, "400 Unable to write multipart file data");
+        EXPECT_EQ(fileCount(), 0u);
+    }
+    std::signal(SIGXFSZ, previousHandler);
+
+    const std::size_t headBytes = wire.find("\r\n\r\n") + 4;
+    parser_.reset();
+    feed(std::string_view(wire).substr(0, headBytes));
+    feed(std::string_view(wire).substr(headBytes, 1));
+    fs::remove_all(limits_.multipartTempDir.str());
+    feed(std::string_view(wire).substr(headBytes + 1));
+    EXPECT_EQ(parser_->errorText(), "Unable to open multipart temp file");
+    limits_.multipartTempDir = directory_.file("file", "") + "/below";
+    EXPECT_EQ(outcomeOf({wire}), "500 Unable to create multipart temp directory");
+}
+
+} // namespace

@@ -5,6 +5,7 @@
 #include "core/io/http/ZnHttpSession.h"
 #include "core/platform/ZnMonotonicClock.h"
 #include "core/runtime/Thread.h"
+#include "core/runtime/ZnThreadPool.h"
 #include "core/types/ZnLogger.h"
 #include "core/types/ZnMutex.h"
 #include "core/types/ZnThreadAnnotations.h"
@@ -73,6 +74,22 @@ public:
         ++statusCounts_[response.status];
     }
 
+    /// False: `maxQueued` requests, if that is not 0, are with the thread pool already.
+    bool enterPool(std::uint64_t maxQueued) {
+        ZnMutexLocker lock(statsLock_);
+        if (maxQueued > 0 && static_cast<std::uint64_t>(threadPoolQueued_) >= maxQueued) {
+            ++stats_.poolRefused;
+            return false;
+        }
+        ++threadPoolQueued_;
+        return true;
+    }
+
+    void leavePool() {
+        ZnMutexLocker lock(statsLock_);
+        --threadPoolQueued_;
+    }
+
     ZnHttpServerStats snapshot() {
         ZnMutexLocker lock(statsLock_);
         ZnHttpServerStats copy = stats_;
@@ -84,6 +101,7 @@ public:
 private:
     ZnMutex statsLock_; // leaf lock
     ZnHttpServerStats stats_ ZN_GUARDED_BY(statsLock_);
+    std::int64_t threadPoolQueued_ ZN_GUARDED_BY(statsLock_) = 0; // handed to the pool, not answered yet
     std::map<int, std::uint64_t> statusCounts_ ZN_GUARDED_BY(statsLock_); // becomes stats_.statusCounts
 };
 
@@ -127,6 +145,46 @@ struct ZnHttpServer::InFlight_ {
     const ZnHttpResponseCallback completion;
     const long long startedNs;
     std::atomic<bool> isFinished{false};
+};
+
+/// One request with the thread pool. Holds all that it needs: the server may go meanwhile.
+///
+/// Thread: one of the pool's; a job that the pool drops answers where it is destroyed.
+class ZnHttpServer::PoolJob_ {
+public:
+    /// Counted already, by enterPool.
+    PoolJob_(std::shared_ptr<InFlight_> inFlight, std::shared_ptr<const ZnHttpRequest> request,
+             std::shared_ptr<const FilterList_> filters, ZnHttpRouter::Target target)
+        : inFlight_(std::move(inFlight)), request_(std::move(request)), filters_(std::move(filters)),
+          target_(std::move(target)) {}
+    PoolJob_(PoolJob_&& other) = default;
+    PoolJob_& operator=(PoolJob_&&) = delete;
+    ~PoolJob_() {
+        if (inFlight_)
+            end_(ZnHttpResponse::plain(503, "ThreadPool unavailable", request_->keepAlive));
+    }
+
+    void operator()() {
+        const std::shared_ptr<InFlight_> inFlight = inFlight_;
+        inFlight->run_([this] {
+            ZnHttpResponse response;
+            if (!filters_ || !runFilters(*filters_, *request_, &response))
+                response = target_.answer(*request_);
+            end_(std::move(response));
+        });
+    }
+
+private:
+    void end_(ZnHttpResponse response) {
+        const std::shared_ptr<InFlight_> inFlight = std::move(inFlight_);
+        inFlight->counters->leavePool(); // before the answer: who has it may come again
+        inFlight->finishRequest_(std::move(response));
+    }
+
+    std::shared_ptr<InFlight_> inFlight_; // null when the job has ended
+    std::shared_ptr<const ZnHttpRequest> request_;
+    std::shared_ptr<const FilterList_> filters_;
+    ZnHttpRouter::Target target_;
 };
 
 /// One request on its way through the middleware, each of which may keep it for a while.
@@ -200,6 +258,10 @@ void ZnHttpServer::stop() {
     }
 }
 
+void ZnHttpServer::setThreadPool(ZnThreadPool* pool) {
+    threadPool_ = pool;
+}
+
 void ZnHttpServer::addRequestFilter(RequestFilter filter) {
     if (filter)
         requestFilters_ = withOneMore(requestFilters_, std::move(filter));
@@ -259,11 +321,38 @@ void ZnHttpServer::handleRequest_(const std::shared_ptr<ZnHttpRequest>& request,
     }
     const auto inFlight = std::make_shared<InFlight_>(counters_, std::move(completion), startedNs);
     inFlight->run_([&] {
+        if (usesThreadPool_()) {
+            ZnHttpRouter::Target target = router_.find(*request);
+            if (!target.isAsync()) {
+                submitToPool_(request, inFlight, std::move(target));
+                return;
+            }
+        }
         if (requestFilters_ || middleware_)
             runPipeline_(request, inFlight);
         else
             runRoute_(request, inFlight);
     });
+}
+
+bool ZnHttpServer::usesThreadPool_() const {
+    return dispatchMode_ == DispatchMode::ThreadPool && threadPool_ && !middleware_;
+}
+
+void ZnHttpServer::submitToPool_(const std::shared_ptr<ZnHttpRequest>& request,
+                                 const std::shared_ptr<InFlight_>& inFlight, ZnHttpRouter::Target target) {
+    if (!counters_->enterPool(limits_.maxThreadPoolRequests)) {
+        inFlight->finishRequest_(ZnHttpResponse::plain(503, "ThreadPool saturated", request->keepAlive));
+        return;
+    }
+    auto task = std::make_unique<ZnCallableRunnable<PoolJob_>>(
+        PoolJob_(inFlight, request, requestFilters_, std::move(target)));
+    bool isSaturated = false;
+    if (threadPool_->tryStart(task.get(), 0, &isSaturated))
+        static_cast<void>(task.release()); // the pool's; it may have run by now
+    else if (isSaturated)
+        inFlight->finishRequest_(ZnHttpResponse::plain(503, "ThreadPool saturated", request->keepAlive));
+    // Else the job, which goes here, answers.
 }
 
 // From here on user code runs inside each call and may park: behind it the server may be gone, and only locals are used.

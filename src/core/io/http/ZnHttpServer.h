@@ -15,6 +15,7 @@
 #include <vector>
 
 class ZnHttpSession;
+class ZnThreadPool;
 
 /// Listens, makes a session per connection, admits or refuses each request, runs filters and middleware and hands the
 /// request to the router.
@@ -52,6 +53,12 @@ public:
     void addRequestFilter(RequestFilter filter);
     void addMiddleware(Middleware middleware);
 
+    /// With ThreadPool and a pool, filters and routes run on the pool's threads, but for routes that answer through a callback
+    /// and for servers with middleware. A request then waits for its answer off the loop, in the pool's queue at first.
+    void setDispatchMode(DispatchMode mode) noexcept { dispatchMode_ = mode; }
+    /// Borrowed; a pool that goes first is no longer used, and what it has dropped from its queue is answered with a 503.
+    void setThreadPool(ZnThreadPool* pool);
+
     /// Stops listening and closes every session, with unsent answers dropped.
     void stop();
 
@@ -62,12 +69,16 @@ private:
     class Counters_;
     struct InFlight_;
     class Pipeline_;
+    class PoolJob_;
     using FilterList_ = std::vector<RequestFilter>;
     using MiddlewareList_ = std::vector<Middleware>;
 
     void onNewConnection_();
     void admit_(ZnTcpSocket* socket);
     void handleRequest_(const std::shared_ptr<ZnHttpRequest>& request, ZnHttpResponseCallback completion);
+    bool usesThreadPool_() const;
+    void submitToPool_(const std::shared_ptr<ZnHttpRequest>& request, const std::shared_ptr<InFlight_>& inFlight,
+                       ZnHttpRouter::Target target);
     void runPipeline_(const std::shared_ptr<ZnHttpRequest>& request, const std::shared_ptr<InFlight_>& inFlight);
     void runRoute_(const std::shared_ptr<ZnHttpRequest>& request, const std::shared_ptr<InFlight_>& inFlight);
 
@@ -79,5 +90,7 @@ private:
     // Null when empty; replaced, never changed: a request keeps the lists that it began with.
     std::shared_ptr<const FilterList_> requestFilters_;
     std::shared_ptr<const MiddlewareList_> middleware_;
+    ZnPointer<ZnThreadPool> threadPool_;
+    DispatchMode dispatchMode_ = DispatchMode::Inline;
     const std::shared_ptr<Counters_> counters_; // shared with the requests in flight, which may outlive the server
 };

@@ -258,7 +258,8 @@ void ZnHttpSession::sendStream_(ZnHttpResponse&& response) {
         writeBytes_(ZnString(std::move(head)), std::move(bytes));
         return;
     }
-    ZN_LOG_ERROR(kCategory, "ZnHttpSession::sendResponse_") << "[ZnHttpSession] " << errorText << ": " << response.filePath;
+    ZN_LOG_ERROR(kCategory, "ZnHttpSession::sendResponse_")
+        << "[ZnHttpSession] " << errorText << ": " << zn::http::encodedPath(response.filePath.view()); // on one line
     bodyStream_.reset();
     responseInProgress_ = false;
     sendError_(500, errorText);

@@ -17,8 +17,8 @@ public:
     bool isOpen() const noexcept { return static_cast<bool>(file_); }
     /// Length of the file when it was opened.
     std::uint64_t sizeBytes() const noexcept { return sizeBytes_; }
-    /// Up to `capacity` bytes from `offset` on, less only at the end of the file. Returns their number; 0 at the end and
-    /// on errors.
+    /// Up to `capacity` bytes from `offset` on, less only at the end of the file. Returns their number; 0 at the end
+    /// and on errors.
     std::size_t readAt(std::uint64_t offset, char* buffer, std::size_t capacity) const;
 
 private:

@@ -19,7 +19,8 @@ public:
     ZN_OBJECT(ZnHttpApp, ZnHttpServer)
 
     using ContextHandler = std::function<void(ZnHttpContext&)>;
-    /// Calls `next` for the rest of the line, on the same fiber and before it returns; without that call the line ends here.
+    /// Calls `next` for the rest of the line, on the same fiber and before it returns; without that call the line
+    /// ends here.
     using ContextMiddleware = std::function<void(ZnHttpContext&, const std::function<void()>& next)>;
     /// Gets the text of the exception, which is for the log and not for the peer.
     using ErrorHandler = std::function<void(ZnHttpContext&, const ZnString& errorText)>;

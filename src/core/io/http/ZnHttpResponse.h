@@ -15,8 +15,8 @@ class ZnAbstractSocket;
 
 /// One response. Handed on by move from the handler to the socket.
 ///
-/// Its body is `body`, or `chunks` when it is chunked, or a part of a file. A file and the chunks leave piece by piece, the
-/// next piece when the peer has taken the last one.
+/// Its body is `body`, or `chunks` when it is chunked, or a part of a file. A file and the chunks leave piece by
+/// piece, the next piece when the peer has taken the last one.
 /// Thread: a value.
 struct ZnHttpResponse {
     std::int32_t status = 200;
@@ -46,8 +46,8 @@ struct ZnHttpResponse {
     /// Bytes of the body, wherever it comes from, without chunk framing.
     std::uint64_t bodyBytes() const noexcept;
     /// The status line, the headers and the empty line behind them, as they go out. "content-length" or
-    /// "transfer-encoding", and "connection" are added when the headers lack them; headers and a reason that could break
-    /// the head are left out, as is a length beside chunked framing. The text has room for `spareBytes` more.
+    /// "transfer-encoding", and "connection" are added when the headers lack them; headers and a reason that could
+    /// break the head are left out, as is a length beside chunked framing. The text has room for `spareBytes` more.
     ZnString head(bool closeAfterResponse, std::size_t spareBytes = 0) const;
 };
 

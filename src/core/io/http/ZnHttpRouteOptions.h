@@ -9,6 +9,6 @@
 /// Thread: a value.
 struct ZnHttpRouteOptions {
     ZnString name;              // for ZnHttpRouter::namedPattern; may be empty
-    std::int32_t timeoutMs = 0; // below 1: none. A handler is not interrupted; one that took longer is told of in a header
-    bool enforceTimeout = false; // and its answer is replaced by a 504
+    std::int32_t timeoutMs = 0;  // below 1: none. A handler that took longer, uninterrupted, is told of in a header,
+    bool enforceTimeout = false; // and with this its answer is replaced by a 504
 };

@@ -242,7 +242,7 @@ ZnHttpRouter::Target ZnHttpRouter::find(ZnHttpRequest& request) const {
     return target;
 }
 
-/// The parser has decoded the path, so it may hold anything: it is encoded anew, and cannot break the head or lead away.
+/// The path was decoded, so it may hold anything: it is encoded anew, and cannot break the head or lead away.
 std::unique_ptr<ZnHttpResponse> ZnHttpRouter::trailingSlashRedirect_(const ZnHttpRequest& request) const {
     std::string_view path = request.path.view();
     const bool hasSlash = path.ends_with('/');

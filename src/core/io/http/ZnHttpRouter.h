@@ -12,8 +12,8 @@
 ///
 /// Patterns: "/a/:id", "/a/:id(int)" (int, alpha, alnum, hex, slug, uuid), "/files/*rest". The most specific route
 /// of those that match the path and the method answers; a GET route also answers HEAD.
-/// Thread: the loop of its server; a Target runs anywhere. A handler may park, and meanwhile the router may go: a dispatch
-/// holds what it runs and touches the router only before it runs it.
+/// Thread: the loop of its server; a Target runs anywhere. A handler may park, and meanwhile the router may go: a
+/// dispatch holds what it runs and touches the router only before it runs it.
 class ZnHttpRouter {
 public:
     using Handler = ZnHttpRoute::Handler;
@@ -22,8 +22,8 @@ public:
     /// What becomes of a path that ends in "/", or of one that does not: a redirect to the other form. "/" stays.
     enum class TrailingSlash : std::int32_t { Leave = 0, Strip = 1, Add = 2 };
 
-    /// What answers one request: a route, the fallback, or a refusal or redirect that is ready. Holds all that it needs,
-    /// so it may outlive the router and run on another thread. Call answer or answerAsync once.
+    /// What answers one request: a route, the fallback, or a refusal or redirect that is ready. Holds all that it
+    /// needs, so it may outlive the router and run on another thread. Call answer or answerAsync once.
     class Target {
     public:
         /// False: nothing answers.

@@ -355,7 +355,7 @@ void ZnHttpServer::submitToPool_(const std::shared_ptr<ZnHttpRequest>& request,
     // Else the job, which goes here, answers.
 }
 
-// From here on user code runs inside each call and may park: behind it the server may be gone, and only locals are used.
+// From here on user code runs inside each call and may park: behind it only locals are used, the server may be gone.
 
 void ZnHttpServer::runPipeline_(const std::shared_ptr<ZnHttpRequest>& request,
                                 const std::shared_ptr<InFlight_>& inFlight) {

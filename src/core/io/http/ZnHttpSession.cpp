@@ -297,7 +297,7 @@ void ZnHttpSession::sendSwitch_(ZnHttpResponse&& response) {
         writeBytes_(response.head(false), ZnByteArray());
 }
 
-/// The socket leaves the session, which ends before the new owner hears of it: that one may go on for as long as it likes.
+/// The socket leaves the session, which ends before the new owner hears of it: that one may keep the fiber for long.
 void ZnHttpSession::switchOver_() {
     const std::function<void(ZnAbstractSocket*)> onSwitch = std::exchange(onSwitch_, nullptr);
     const ZnPointer<ZnAbstractSocket> socket = std::exchange(socket_, nullptr);

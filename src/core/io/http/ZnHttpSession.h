@@ -20,8 +20,8 @@ class ZnTimer;
 
 /// One HTTP connection: reads requests, has them answered one at a time and in order, enforces the time-outs.
 ///
-/// A file or a chunked body leaves piece by piece: the next piece is made when the socket has emptied its buffer, so a slow
-/// reader stops the reading of the file, and memory holds one piece.
+/// A file or a chunked body leaves piece by piece: the next piece is made when the socket has emptied its buffer, so
+/// a slow reader stops the reading of the file, and memory holds one piece.
 /// A handler runs inline and may park for as long as it likes. Meanwhile anything may happen to the session: a
 /// time-out answers for the handler, the peer leaves, the server stops, the object is deleted. So every frame that
 /// calls out holds a ZnPointer to the session from before the call, and behind the call tests it and closed_ first.
@@ -46,8 +46,8 @@ public:
     /// Called once, when the connection has ended; it is to delete the session later.
     void setClosedHandler(ClosedHandler handler) { onClosed_ = std::move(handler); }
 
-    /// Ends the session if its connection is gone already. Bytes that came before the handlers were set are announced by
-    /// the socket's first readiness event, which the loop delivers after the caller has returned.
+    /// Ends the session if its connection is gone already. Bytes that came before the handlers were set are announced
+    /// by the socket's first readiness event, which the loop delivers after the caller has returned.
     void start();
     /// Ends the connection at once; an answer that has not left is dropped. Nothing when it has ended.
     void close() { closeSession_(); }

@@ -17,8 +17,8 @@ bool isToken(std::string_view name) noexcept;
 /// taken from a request could end its line and add headers, or a whole response, of its own.
 bool isSafeLineText(std::string_view text) noexcept;
 
-/// A decoded path as it may stand in a "location": what has a meaning there or no place there is percent-encoded, and so
-/// is "\", which browsers take for "/". It begins with exactly one "/", so that no browser reads the name of a host in it.
+/// A decoded path as it may stand in a "location": what has a meaning there or no place there is percent-encoded, and
+/// so is "\", which browsers take for "/". It begins with exactly one "/": with two it would name a host.
 ZnString encodedPath(std::string_view path);
 /// A query as it was sent, with whatever has no place in one percent-encoded. Percent signs stay as they are.
 ZnString encodedQuery(std::string_view query);

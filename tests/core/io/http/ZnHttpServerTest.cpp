@@ -6,8 +6,7 @@
 #include "core/runtime/ZnTimer.h"
 #include "support/LoopFixture.h"
 
-#include <condition_variable>
-#include <mutex>
+#include <future>
 #include <stdexcept>
 #include <thread>
 
@@ -327,31 +326,6 @@ TEST_F(ZnHttpServerTest, ContextMiddlewareStandsInFrontOfLaterRoutes) {
     EXPECT_EQ(callCount, 4);
 }
 
-/// Tasks of a pool wait until the gate is opened.
-class Gate {
-public:
-    void pass() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        ++waitingCount_;
-        changed_.wait(lock, [this] { return isOpen_; });
-    }
-    void open() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        isOpen_ = true;
-        changed_.notify_all();
-    }
-    int waitingCount() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return waitingCount_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool isOpen_ = false;
-    int waitingCount_ = 0;
-};
-
 class ZnHttpServerPoolTest : public ZnHttpServerTest {
 protected:
     void SetUp() override {
@@ -361,7 +335,8 @@ protected:
             context.text(context.pathParam("word"));
         });
         app_->get("/gate", [this](ZnHttpContext& context) {
-            gate_.pass();
+            ++waitingCount_;
+            opened_.wait();
             context.text("through");
         });
         app_->get("/poolthrow", [](ZnHttpContext&) { throw std::runtime_error("x"); });
@@ -374,9 +349,11 @@ protected:
         app_->setThreadPool(pool_.get());
     }
     void TearDown() override {
-        gate_.open();
+        if (opened_.wait_for(std::chrono::seconds(0)) != std::future_status::ready)
+            openGate();
         pool_.reset();
     }
+    void openGate() { gate_.set_value(); }
 
     /// For a condition that comes true on another thread, which does not wake the loop.
     bool pollUntil(const std::function<bool()>& condition) {
@@ -388,7 +365,9 @@ protected:
 
     const std::thread::id loopThread_ = std::this_thread::get_id();
     std::unique_ptr<ZnThreadPool> pool_ = std::make_unique<ZnThreadPool>();
-    Gate gate_;
+    std::promise<void> gate_; // tasks of the pool wait for it
+    std::shared_future<void> opened_ = gate_.get_future().share();
+    std::atomic<int> waitingCount_{0};
 };
 
 TEST_F(ZnHttpServerPoolTest, RoutesRunOnThePool) {
@@ -423,7 +402,7 @@ TEST_F(ZnHttpServerPoolTest, AFullPoolIsNotWaitedFor) {
     pool_->setMaxThreadCount(1);
     pool_->setMaxQueuedTaskCount(1);
     const auto running = send("GET /gate HTTP/1.1\r\n\r\n");
-    ASSERT_TRUE(pollUntil([&] { return gate_.waitingCount() == 1; }));
+    ASSERT_TRUE(pollUntil([&] { return waitingCount_ == 1; }));
     const auto queued = send("GET /pool/queued HTTP/1.1\r\n\r\n");
     ASSERT_TRUE(pollUntil([&] { return pool_->queuedTaskCount() == 1; }));
     EXPECT_NE(firstAnswer("/pool/x").find("\r\n\r\nThreadPool saturated"), std::string::npos);
@@ -433,7 +412,7 @@ TEST_F(ZnHttpServerPoolTest, AFullPoolIsNotWaitedFor) {
     EXPECT_NE(firstAnswer("/pool/x").find("503 Service Unavailable"), std::string::npos);
     EXPECT_EQ(app_->stats().poolRefused, 1);
     EXPECT_NE(firstAnswer("/async").find("async"), std::string::npos);
-    gate_.open();
+    openGate();
     EXPECT_TRUE(runUntil([&] { return running->answerCount() + queued->answerCount() == 2; }));
     EXPECT_TRUE(queued->received.ends_with("queued"));
     EXPECT_NE(firstAnswer("/pool/x").find("200 OK"), std::string::npos);
@@ -443,13 +422,13 @@ TEST_F(ZnHttpServerPoolTest, AFullPoolIsNotWaitedFor) {
 TEST_F(ZnHttpServerPoolTest, WhatThePoolDropsIsAnswered) {
     pool_->setMaxThreadCount(1);
     const auto running = send("GET /gate HTTP/1.1\r\n\r\n");
-    ASSERT_TRUE(pollUntil([&] { return gate_.waitingCount() == 1; }));
+    ASSERT_TRUE(pollUntil([&] { return waitingCount_ == 1; }));
     const auto queued = send("GET /pool/queued HTTP/1.1\r\n\r\n");
     ASSERT_TRUE(pollUntil([&] { return pool_->queuedTaskCount() == 1; }));
     std::thread opener([&] {
         while (app_->stats().responsesFinished == 0) // dropped first, then what runs is waited for
             std::this_thread::yield();
-        gate_.open();
+        openGate();
     });
     pool_.reset();
     opener.join();
@@ -470,13 +449,13 @@ TEST_F(ZnHttpServerPoolTest, JobsOutliveTheirConnections) {
     }
     const auto leaving = send("GET /gate HTTP/1.1\r\n\r\n");
     const auto staying = send("GET /gate HTTP/1.1\r\n\r\n");
-    ASSERT_TRUE(pollUntil([&] { return gate_.waitingCount() == 2; }));
+    ASSERT_TRUE(pollUntil([&] { return waitingCount_ == 2; }));
     const auto queued = send("GET /pool/x HTTP/1.1\r\n\r\n");
     ASSERT_TRUE(pollUntil([&] { return pool_->queuedTaskCount() == 1; }));
     leaving->socket.close();
     ASSERT_TRUE(runUntil([&] { return app_->activeSessionCount() <= 42; }));
     app_.reset();
-    gate_.open();
+    openGate();
     EXPECT_TRUE(pool_->waitForDone());
     settle();
     EXPECT_EQ(staying->received + queued->received, "");

@@ -182,7 +182,8 @@ TEST_F(ZnHttpSessionTest, BodiesLeavePieceByPiece) {
     ZnHttpResponse chunks;
     chunks.chunked = true;
     chunks.headers.insert("content-length", "3"); // would be taken for the length
-    for (const std::string& text : {std::string("ab"), std::string(), std::string(16 * 1024 + 1, 'x'), std::string("c")})
+    const std::string large(16 * 1024 + 1, 'x');
+    for (const std::string& text : {std::string("ab"), std::string(), large, std::string("c")})
         chunks.chunks.append(ZnByteArray(text));
     ZnHttpResponse oneChunk = ZnHttpResponse::text(200, "body");
     ZnHttpResponse noChunk;
@@ -201,21 +202,20 @@ TEST_F(ZnHttpSessionTest, BodiesLeavePieceByPiece) {
         {"empty", fileResponse(path, 0, 0), "content-length: 0", "", {0}},
         {"head", head, "content-length: 10", "", {0}},
         {"chunks", chunks, "transfer-encoding: chunked",
-         "2\r\nab\r\n4001\r\n" + std::string(16 * 1024 + 1, 'x') + "\r\n1\r\nc\r\n0\r\n\r\n",
-         {5 + 2 + 6 + 16 * 1024 + 1, 5 + 2 + 6 + 16 * 1024 + 1 + 2 + 4 + 2 + 5}},
+         "2\r\nab\r\n4001\r\n" + large + "\r\n1\r\nc\r\n0\r\n\r\n", {13 + large.size(), 26 + large.size()}},
         {"one", oneChunk, "transfer-encoding: chunked", "4\r\nbody\r\n0\r\n\r\n", {14}},
         {"none", noChunk, "transfer-encoding: chunked", "0\r\n\r\n", {5}},
     };
     for (const auto& row : kRows) {
         for (const bool stalls : {false, true}) {
             SCOPED_TRACE(row.name);
-            Link& link = open([&](const std::shared_ptr<ZnHttpRequest>& request, const ZnHttpResponseCallback& callback) {
+            Link& link = open([&](const auto& request, const ZnHttpResponseCallback& callback) {
                 callback(request->path == "/next" ? echoOf(*request) : row.response);
             });
             link.socket->stallsWrites = stalls;
             link.socket->receive(getOf("/") + getOf("/next"));
             const std::size_t headBytes = link.output.find("\r\n\r\n") + 4;
-            EXPECT_NE(link.output.substr(0, headBytes).find(std::string("\r\n") + row.framing + "\r\n"), std::string::npos);
+            EXPECT_NE(link.output.find(std::string("\r\n") + row.framing + "\r\n"), std::string::npos);
             for (std::size_t i = 0; stalls && i < row.pieces.size(); ++i) {
                 settle(1);
                 EXPECT_EQ(link.output.size() - headBytes, row.pieces[i]); // and no more before the peer has taken it
@@ -368,7 +368,7 @@ TEST_F(ZnHttpSessionTest, AnswersFromOtherThreadsWaitForRoom) {
             callback(ZnHttpResponse::text(200, "/x"));
     }).join();
     EXPECT_TRUE(runUntil([&] {
-        return std::all_of(links_.begin(), links_.end(), [](const Link& link) { return link.output == answerTo("/x"); });
+        return std::all_of(links_.begin(), links_.end(), [](const Link& l) { return l.output == answerTo("/x"); });
     }));
 }
 

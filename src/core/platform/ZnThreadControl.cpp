@@ -6,10 +6,6 @@
 #include <unistd.h>
 
 namespace ZnThreadControl {
-namespace {
-constexpr int kRaisedNice = -2;
-} // namespace
-
 std::uint32_t currentThreadId() noexcept {
     thread_local const std::uint32_t threadId = static_cast<std::uint32_t>(::syscall(SYS_gettid));
     return threadId;
@@ -19,8 +15,8 @@ void usePreciseTimers() noexcept {
     ::prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
 }
 
-void raisePriority() noexcept {
-    ::setpriority(PRIO_PROCESS, currentThreadId(), kRaisedNice);
+void setPriority(int priority) noexcept {
+    ::setpriority(PRIO_PROCESS, currentThreadId(), -priority); // the higher the nice value, the lower
 }
 
 void raiseDescriptorLimit() noexcept {

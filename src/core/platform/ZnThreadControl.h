@@ -8,8 +8,11 @@ namespace ZnThreadControl {
 std::uint32_t currentThreadId() noexcept;
 /// Lets the calling thread's sleeps end on time, not up to 50 microseconds late as is usual.
 void usePreciseTimers() noexcept;
-/// Asks for somewhat more than normal priority for the calling thread. Silent when that is not permitted.
-void raisePriority() noexcept;
+/// Gives the calling thread a priority: 0 is normal, -2 to 2 around it, -15 idle, 15 time-critical. Silent when that
+/// is not permitted.
+void setPriority(int priority) noexcept;
+/// Asks for somewhat more than normal priority for the calling thread.
+inline void raisePriority() noexcept { setPriority(2); }
 /// Lets the process open as many descriptors as it may: the usual soft limit of 1024 is for programs that use select().
 void raiseDescriptorLimit() noexcept;
 } // namespace ZnThreadControl

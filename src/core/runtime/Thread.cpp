@@ -22,6 +22,22 @@ LiveThreads_& liveThreads() {
     return *set;
 }
 
+/// Ends an application's loop when it has had its turn, or when it is refused or dropped.
+class QuitAtEnd_ {
+public:
+    explicit QuitAtEnd_(ZnCoreApplication* application) : application_(application) {}
+    QuitAtEnd_(QuitAtEnd_&& other) noexcept : application_(std::exchange(other.application_, nullptr)) {}
+    QuitAtEnd_& operator=(QuitAtEnd_&&) = delete;
+    ~QuitAtEnd_() {
+        if (application_ != nullptr)
+            application_->quit();
+    }
+    void operator()() {}
+
+private:
+    ZnCoreApplication* application_;
+};
+
 thread_local Thread* currentRecord = nullptr;
 /// An adopted record goes with its thread.
 thread_local std::unique_ptr<Thread> adoptedRecord;
@@ -69,6 +85,7 @@ bool Thread::start() {
     std::unique_lock<std::mutex> lock(startMutex_);
     started_ = false;
     try {
+        std::lock_guard<std::mutex> guard(joinMutex_);
         handle_ = std::thread([this] { run_(); });
     } catch (const std::system_error& error) {
         ZN_LOG_ERROR("zn.core.runtime.znthread", "Thread::start") << "Failed to start thread: " << error.what();
@@ -83,14 +100,21 @@ void Thread::requestStop() {
         return;
     stopRequested_.store(true, std::memory_order_release);
     withApplication([](ZnCoreApplication* application) {
-        if (application != nullptr)
-            application->quit();
+        if (application == nullptr)
+            return;
+        ZnTask quit{QuitAtEnd_(application)};
+        application->tryPostOnLane(quit, ZnFiberPool::kFirstLane);
     });
 }
 
 void Thread::join() {
+    std::lock_guard<std::mutex> guard(joinMutex_);
     if (handle_.joinable())
         handle_.join();
+}
+
+void Thread::deleteAtEnd() {
+    deleteAtEnd_ = true;
 }
 
 void Thread::run_() {
@@ -113,6 +137,10 @@ void Thread::run_() {
     if (const std::function<void()> onFinish = copyOf_(onFinish_))
         onFinish();
     currentRecord = nullptr;
+    if (deleteAtEnd_) {
+        handle_.detach();
+        delete this;
+    }
 }
 
 std::function<void()> Thread::copyOf_(const std::function<void()>& callback) {

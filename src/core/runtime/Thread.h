@@ -33,9 +33,12 @@ public:
 
     /// Starts the thread and returns once its runtime accepts posts; true when it runs (also if it already did).
     bool start();
-    /// Asks the thread's loop to end; nothing when it does not run.
+    /// Asks the thread's loop to end behind what is queued on lane 0; nothing when it does not run.
     void requestStop();
+    /// Any thread but this one.
     void join();
+    /// On this thread itself: the record takes itself over and is deleted at the thread's end.
+    void deleteAtEnd();
     bool isRunning() const noexcept { return running_.load(std::memory_order_acquire); }
     /// The system's id of the thread, 0 before it has run.
     std::uint32_t threadId() const noexcept { return threadId_.load(std::memory_order_acquire); }
@@ -83,7 +86,9 @@ private:
     std::function<void()> copyOf_(const std::function<void()>& callback);
 
     const ZnString name_;
-    std::thread handle_;
+    std::mutex joinMutex_; // held while joining, for several waiters
+    std::thread handle_;   // guarded by joinMutex_
+    bool deleteAtEnd_ = false; // on the thread itself
     std::atomic<std::uint32_t> threadId_{0}; // set on the thread itself; pairs with threadId()
     std::atomic<bool> running_{false};
     std::atomic<bool> stopRequested_{false};
@@ -93,7 +98,7 @@ private:
     ZnCoreApplication* application_ = nullptr; // guarded by appMutex_, as is pending_
     std::vector<Pending_> pending_;            // posts from before the application
 
-    std::mutex startOnceMutex_; // held by start(), before startMutex_
+    std::mutex startOnceMutex_; // held by start(), before joinMutex_ and startMutex_
     std::mutex startMutex_;
     std::condition_variable startCondition_;
     bool started_ = false; // guarded by startMutex_

@@ -55,11 +55,18 @@ void ZnHttpContext::setStatus_(int status) {
     responded_ = true;
 }
 
+/// The whole body: what was to come from a file or in chunks is off.
+void ZnHttpContext::setBody_(ZnByteArray bytes) {
+    response_.body = std::move(bytes);
+    response_.useFile = response_.chunked = false;
+    response_.chunks.clear();
+}
+
 void ZnHttpContext::send(ZnByteArray bytes, ZnString contentType, int status) {
     setStatus_(status);
     if (!contentType.isEmpty())
         setHeader("content-type", std::move(contentType));
-    response_.body = std::move(bytes);
+    setBody_(std::move(bytes));
 }
 
 void ZnHttpContext::sendString(const ZnString& text, ZnString contentType, int status) {
@@ -76,7 +83,7 @@ void ZnHttpContext::json(const ZnJsonValue& value, int status, JsonFormat format
 
 void ZnHttpContext::sendStatus(int status) {
     setStatus_(status);
-    response_.body = ZnByteArray();
+    setBody_(ZnByteArray());
     response_.headers.insert("content-length", "0");
 }
 

@@ -4,6 +4,7 @@
 #include "core/io/http/ZnHttpResponse.h"
 #include "core/types/ZnJsonDocument.h"
 
+#include <any>
 #include <string_view>
 
 /// A route handler's view of one request and of the response that it fills.
@@ -16,6 +17,8 @@ public:
     ZnHttpContext(const ZnHttpContext&) = delete;
     ZnHttpContext& operator=(const ZnHttpContext&) = delete;
 
+    /// Values that middleware leaves for the handler.
+    ZnMap<ZnString, std::any>& locals() noexcept { return locals_; }
     const ZnHttpRequest& request() const noexcept { return request_; }
     ZnHttpResponse& response() noexcept { return response_; }
     const ZnHttpResponse& response() const noexcept { return response_; }
@@ -46,8 +49,10 @@ public:
 
 private:
     void setStatus_(int status);
+    void setBody_(ZnByteArray bytes);
 
     const ZnHttpRequest& request_;
     ZnHttpResponse response_;
+    ZnMap<ZnString, std::any> locals_;
     bool responded_ = false;
 };

@@ -1,12 +1,13 @@
 #include "core/io/http/ZnHttpResponse.h"
 
 #include <algorithm>
+#include <numeric>
 #include <string>
 #include <utility>
 
 // HTTP/1.1 <status> <reason> CRLF
 // *( name ": " value CRLF )               names in lower case, in their order
-// [ "content-length: " bytes CRLF ]
+// [ "content-length: " bytes CRLF / "transfer-encoding: chunked" CRLF ]
 // [ "connection: " ( "keep-alive" / "close" ) CRLF ]
 // CRLF
 
@@ -66,11 +67,22 @@ ZnHttpResponse ZnHttpResponse::plain(int status, std::string_view body, bool kee
     return response;
 }
 
+std::uint64_t ZnHttpResponse::bodyBytes() const noexcept {
+    if (useFile)
+        return fileLength;
+    if (!chunked || chunks.isEmpty())
+        return body.size();
+    return std::accumulate(chunks.begin(), chunks.end(), std::uint64_t(0),
+                           [](std::uint64_t sum, const ZnByteArray& chunk) { return sum + chunk.size(); });
+}
+
 ZnString ZnHttpResponse::head(bool closeAfterResponse, std::size_t spareBytes) const {
     std::string out;
     out.reserve(kUsualHeadBytes + spareBytes);
     appendStatusLine(&out, *this);
-    bool hasLength = false;
+    const bool isFramed = chunked && !useFile;
+    bool hasLength = isFramed;
+    bool hasEncoding = !isFramed;
     bool hasConnection = false;
     for (const auto& [name, value] : headers) {
         if (!zn::http::isSafeLineText(value.view()))
@@ -82,15 +94,21 @@ ZnString ZnHttpResponse::head(bool closeAfterResponse, std::size_t spareBytes) c
                 continue;
         }
         const std::string_view sent = cleaned.isEmpty() ? name.view() : cleaned.view();
-        hasLength |= sent == "content-length";
+        const bool isLength = sent == "content-length";
+        if (isLength && isFramed)
+            continue; // a peer that believed it would take what follows for the next response
+        hasLength |= isLength;
+        hasEncoding |= sent == "transfer-encoding";
         hasConnection |= sent == "connection";
         appendHeader(&out, sent, value.view());
     }
     if (!hasLength) {
         out += "content-length: ";
-        appendNumber(&out, body.size());
+        appendNumber(&out, bodyBytes());
         out += "\r\n";
     }
+    if (!hasEncoding)
+        out += "transfer-encoding: chunked\r\n";
     if (!hasConnection)
         out += closeAfterResponse ? "connection: close\r\n" : "connection: keep-alive\r\n";
     out += "\r\n";

@@ -19,15 +19,6 @@ bool nextSegment(std::string_view* rest, std::string_view* segment) noexcept {
     return true;
 }
 
-ZnString normalizedPattern(const ZnString& pattern) {
-    std::string text = "/";
-    text += trimmedView(pattern.view());
-    text.erase(std::unique(text.begin(), text.end(), [](char a, char b) { return a == '/' && b == '/'; }), text.end());
-    if (text.size() > 1 && text.back() == '/')
-        text.pop_back();
-    return ZnString(std::move(text));
-}
-
 bool paramTypeOf(const ZnString& name, Segment::ParamType* type) {
     static constexpr struct {
         const char* name;
@@ -180,38 +171,49 @@ ZnHttpResponse methodNotAllowed(const ZnHttpRequest& request, std::vector<std::s
             allow += ", ";
         allow += method;
     }
-    if (!allow.empty())
-        response.headers.insert("allow", ZnString(std::move(allow)));
+    response.headers.insert("allow", ZnString(std::move(allow)));
     return response;
 }
 
 } // namespace
 
-bool ZnHttpRouter::addRoute(const ZnString& method, const ZnString& pattern, Handler handler) {
+ZnString ZnHttpRouter::normalizePattern(const ZnString& pattern) {
+    std::string text = "/";
+    text += trimmedView(pattern.view());
+    text.erase(std::unique(text.begin(), text.end(), [](char a, char b) { return a == '/' && b == '/'; }), text.end());
+    if (text.size() > 1 && text.back() == '/')
+        text.pop_back();
+    return ZnString(std::move(text));
+}
+
+bool ZnHttpRouter::addRoute(const ZnString& method, const ZnString& pattern, Handler handler, const ZnString& name) {
     ZnHttpRoute route;
     route.method = method;
     route.pattern = pattern;
     route.handler = std::move(handler);
-    return add_(std::move(route));
+    return add_(std::move(route), name);
 }
 
-bool ZnHttpRouter::addAsyncRoute(const ZnString& method, const ZnString& pattern, AsyncHandler handler) {
+bool ZnHttpRouter::addAsyncRoute(const ZnString& method, const ZnString& pattern, AsyncHandler handler,
+                                 const ZnString& name) {
     ZnHttpRoute route;
     route.method = method;
     route.pattern = pattern;
     route.asyncHandler = std::move(handler);
-    return add_(std::move(route));
+    return add_(std::move(route), name);
 }
 
-bool ZnHttpRouter::add_(ZnHttpRoute route) {
+bool ZnHttpRouter::add_(ZnHttpRoute route, const ZnString& name) {
     if (!route.handler && !route.asyncHandler)
         return false;
     route.method = route.method.trimmed().toUpper();
     if (route.method.isEmpty())
         route.method = "*";
-    route.pattern = normalizedPattern(route.pattern);
+    route.pattern = normalizePattern(route.pattern);
     if (!compilePattern(&route))
         return false;
+    if (!name.isEmpty())
+        namedRoutes_.insert(name, route.pattern);
     const auto at = std::find_if(routes_.begin(), routes_.end(),
                                  [&route](const RouteRef_& other) { return other->score < route.score; });
     routes_.insert(at, std::make_shared<const ZnHttpRoute>(std::move(route)));
@@ -222,66 +224,91 @@ void ZnHttpRouter::setFallback(Handler fallback) {
     fallback_ = fallback ? std::make_shared<const Handler>(std::move(fallback)) : nullptr;
 }
 
-ZnHttpRouter::Lookup_ ZnHttpRouter::find_(const ZnHttpRequest& request) const {
-    Lookup_ lookup;
+ZnHttpRouter::Target ZnHttpRouter::find(ZnHttpRequest& request) const {
+    Target target;
+    if (trailingSlash_ != TrailingSlash::Leave && (target.ready_ = trailingSlashRedirect_(request)))
+        return target;
     for (const RouteRef_& route : routes_) {
         if (passesMethod(*route, request.method) && matchRoute(*route, request.path.view(), nullptr)) {
-            lookup.route = route;
-            return lookup;
+            if (route->hasParams)
+                matchRoute(*route, request.path.view(), &request.pathParams);
+            target.route_ = route;
+            return target;
         }
     }
-    for (const RouteRef_& route : routes_) { // for the 405 alone
-        if (matchRoute(*route, request.path.view(), nullptr))
-            lookup.allow.push_back(route->method.view()); // never "*", which passes every method
-    }
-    lookup.pathMatched = !lookup.allow.empty();
-    return lookup;
+    target.ready_ = methodNotAllowed_(request);
+    if (!target.ready_)
+        target.fallback_ = fallback_;
+    return target;
 }
 
-/// For a request that no route passes. `find_` has just run, so the views of the lookup are valid; the fallback, as
-/// the handlers, may outlive the router.
-bool ZnHttpRouter::answerWithoutRoute_(const ZnHttpRequest& request, const Lookup_& lookup,
-                                       ZnHttpResponse* response) const {
-    if (lookup.pathMatched) {
-        *response = methodNotAllowed(request, lookup.allow);
-        return true;
-    }
-    const std::shared_ptr<const Handler> fallback = fallback_;
-    if (!fallback)
-        return false;
-    *response = (*fallback)(request);
-    return true;
+/// The path was decoded, so it may hold anything: it is encoded anew, and cannot break the head or lead away.
+std::unique_ptr<ZnHttpResponse> ZnHttpRouter::trailingSlashRedirect_(const ZnHttpRequest& request) const {
+    std::string_view path = request.path.view();
+    const bool hasSlash = path.ends_with('/');
+    if (path == "/" || hasSlash != (trailingSlash_ == TrailingSlash::Strip))
+        return nullptr;
+    if (hasSlash)
+        path.remove_suffix(1);
+    ZnString location = zn::http::encodedPath(path);
+    if (!hasSlash)
+        location += '/';
+    if (!request.queryString.isEmpty())
+        location += "?" + zn::http::encodedQuery(request.queryString.view());
+    auto response = std::make_unique<ZnHttpResponse>();
+    response->status = 308;
+    response->reason = zn::http::reasonPhrase(308);
+    response->headers.insert("location", std::move(location));
+    response->headers.insert("content-length", "0");
+    response->closeConnection = !request.keepAlive;
+    return response;
 }
+
+/// For a request that no route passes: null when no route matches its path either.
+std::unique_ptr<ZnHttpResponse> ZnHttpRouter::methodNotAllowed_(const ZnHttpRequest& request) const {
+    std::vector<std::string_view> methods;
+    for (const RouteRef_& route : routes_) {
+        if (matchRoute(*route, request.path.view(), nullptr))
+            methods.push_back(route->method.view()); // never "*", which passes every method
+    }
+    if (methods.empty())
+        return nullptr;
+    return std::make_unique<ZnHttpResponse>(methodNotAllowed(request, std::move(methods)));
+}
+
+ZnHttpResponse ZnHttpRouter::Target::answer(const ZnHttpRequest& request) const {
+    if (route_ && route_->handler)
+        return route_->handler(request);
+    if (route_)
+        return ZnHttpResponse::plain(500, "Async route requires async dispatch", request.keepAlive);
+    if (ready_)
+        return std::move(*ready_);
+    return fallback_ ? (*fallback_)(request) : ZnHttpResponse::plain(404, "Not Found", request.keepAlive);
+}
+
+void ZnHttpRouter::Target::answerAsync(const std::shared_ptr<const ZnHttpRequest>& request,
+                                       const ZnHttpResponseCallback& callback) const {
+    if (isAsync())
+        route_->asyncHandler(request, callback);
+    else
+        callback(answer(*request));
+}
+
+// The handlers may park, and behind them the router may be gone: the target keeps them.
 
 bool ZnHttpRouter::dispatch(ZnHttpRequest& request, ZnHttpResponse* response) const {
-    const Lookup_ lookup = find_(request);
-    if (!lookup.route)
-        return answerWithoutRoute_(request, lookup, response);
-    if (lookup.route->hasParams)
-        matchRoute(*lookup.route, request.path.view(), &request.pathParams);
-    // From here on `this` may go: the handler may park. lookup.route keeps the handler.
-    *response = lookup.route->handler
-                    ? lookup.route->handler(request)
-                    : ZnHttpResponse::plain(500, "Async route requires async dispatch", request.keepAlive);
+    const Target target = find(request);
+    if (!target)
+        return false;
+    *response = target.answer(request);
     return true;
 }
 
 bool ZnHttpRouter::dispatchAsync(const std::shared_ptr<ZnHttpRequest>& request,
                                  const ZnHttpResponseCallback& callback) const {
-    const Lookup_ lookup = find_(*request);
-    ZnHttpResponse response;
-    if (!lookup.route) {
-        if (!answerWithoutRoute_(*request, lookup, &response))
-            return false;
-        callback(std::move(response));
-        return true;
-    }
-    if (lookup.route->hasParams)
-        matchRoute(*lookup.route, request->path.view(), &request->pathParams);
-    // From here on `this` may go, as in dispatch.
-    if (lookup.route->asyncHandler)
-        lookup.route->asyncHandler(request, callback);
-    else
-        callback(lookup.route->handler(*request));
+    const Target target = find(*request);
+    if (!target)
+        return false;
+    target.answerAsync(request, callback);
     return true;
 }

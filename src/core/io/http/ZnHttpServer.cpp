@@ -1,8 +1,11 @@
 #include "core/io/http/ZnHttpServer.h"
 
 #include "core/io/ZnTcpSocket.h"
+#include "core/io/http/ZnHttpHandoff_.h"
 #include "core/io/http/ZnHttpSession.h"
 #include "core/platform/ZnMonotonicClock.h"
+#include "core/runtime/Thread.h"
+#include "core/runtime/ZnThreadPool.h"
 #include "core/types/ZnLogger.h"
 #include "core/types/ZnMutex.h"
 #include "core/types/ZnThreadAnnotations.h"
@@ -16,6 +19,19 @@
 namespace {
 
 constexpr const char* kCategory = "zn.core.io.znhttpserver";
+
+template <typename T>
+std::shared_ptr<const std::vector<T>> withOneMore(const std::shared_ptr<const std::vector<T>>& list, T added) {
+    auto longer = list ? std::make_shared<std::vector<T>>(*list) : std::make_shared<std::vector<T>>();
+    longer->push_back(std::move(added));
+    return longer;
+}
+
+bool runFilters(const std::vector<ZnHttpServer::RequestFilter>& filters, const ZnHttpRequest& request,
+                ZnHttpResponse* response) {
+    return std::any_of(filters.begin(), filters.end(),
+                       [&](const ZnHttpServer::RequestFilter& filter) { return filter(request, *response); });
+}
 
 } // namespace
 
@@ -54,8 +70,24 @@ public:
         ++stats_.responsesFinished;
         stats_.totalLatencyMs += latencyMs;
         stats_.maxLatencyMs = std::max(stats_.maxLatencyMs, latencyMs);
-        stats_.bytesOut += static_cast<std::int64_t>(response.body.size());
+        stats_.bytesOut += static_cast<std::int64_t>(response.bodyBytes());
         ++statusCounts_[response.status];
+    }
+
+    /// False: `maxQueued` requests, if that is not 0, are with the thread pool already.
+    bool enterPool(std::uint64_t maxQueued) {
+        ZnMutexLocker lock(statsLock_);
+        if (maxQueued > 0 && static_cast<std::uint64_t>(threadPoolQueued_) >= maxQueued) {
+            ++stats_.poolRefused;
+            return false;
+        }
+        ++threadPoolQueued_;
+        return true;
+    }
+
+    void leavePool() {
+        ZnMutexLocker lock(statsLock_);
+        --threadPoolQueued_;
     }
 
     ZnHttpServerStats snapshot() {
@@ -69,6 +101,7 @@ public:
 private:
     ZnMutex statsLock_; // leaf lock
     ZnHttpServerStats stats_ ZN_GUARDED_BY(statsLock_);
+    std::int64_t threadPoolQueued_ ZN_GUARDED_BY(statsLock_) = 0; // handed to the pool, not answered yet
     std::map<int, std::uint64_t> statusCounts_ ZN_GUARDED_BY(statsLock_); // becomes stats_.statusCounts
 };
 
@@ -84,7 +117,7 @@ struct ZnHttpServer::InFlight_ {
             counters->abandon();
     }
 
-    void finishRequest_(ZnHttpResponse response) {
+    void finishRequest_(ZnHttpResponse&& response) {
         if (isFinished.exchange(true, std::memory_order_relaxed)) // only tells one caller from another
             return;
         counters->record(response, startedNs, true);
@@ -96,10 +129,112 @@ struct ZnHttpServer::InFlight_ {
         finishRequest_(ZnHttpResponse::plain(500, "Internal Server Error", false));
     }
 
+    /// Calls `step` and answers for it when it throws.
+    template <typename Step>
+    void run_(Step step) {
+        try {
+            step();
+        } catch (const std::exception& error) {
+            failRequest_(error.what());
+        } catch (...) {
+            failRequest_("Unhandled non-std exception");
+        }
+    }
+
     const std::shared_ptr<Counters_> counters;
     const ZnHttpResponseCallback completion;
     const long long startedNs;
     std::atomic<bool> isFinished{false};
+};
+
+/// One request with the thread pool. Holds all that it needs: the server may go meanwhile.
+///
+/// Thread: one of the pool's; a job that the pool drops answers where it is destroyed.
+class ZnHttpServer::PoolJob_ {
+public:
+    /// Counted already, by enterPool.
+    PoolJob_(std::shared_ptr<InFlight_> inFlight, std::shared_ptr<const ZnHttpRequest> request,
+             std::shared_ptr<const FilterList_> filters, ZnHttpRouter::Target target)
+        : inFlight_(std::move(inFlight)), request_(std::move(request)), filters_(std::move(filters)),
+          target_(std::move(target)) {}
+    PoolJob_(PoolJob_&& other) = default;
+    PoolJob_& operator=(PoolJob_&&) = delete;
+    ~PoolJob_() {
+        if (inFlight_)
+            end_(ZnHttpResponse::plain(503, "ThreadPool unavailable", request_->keepAlive));
+    }
+
+    void operator()() {
+        const std::shared_ptr<InFlight_> inFlight = inFlight_;
+        inFlight->run_([this] {
+            ZnHttpResponse response;
+            if (!filters_ || !runFilters(*filters_, *request_, &response))
+                response = target_.answer(*request_);
+            end_(std::move(response));
+        });
+    }
+
+private:
+    void end_(ZnHttpResponse response) {
+        const std::shared_ptr<InFlight_> inFlight = std::move(inFlight_);
+        inFlight->counters->leavePool(); // before the answer: who has it may come again
+        inFlight->finishRequest_(std::move(response));
+    }
+
+    std::shared_ptr<InFlight_> inFlight_; // null when the job has ended
+    std::shared_ptr<const ZnHttpRequest> request_;
+    std::shared_ptr<const FilterList_> filters_;
+    ZnHttpRouter::Target target_;
+};
+
+/// One request on its way through the middleware, each of which may keep it for a while.
+///
+/// Thread: the server's; next() brings a call from elsewhere there. Owner: the `next` callables.
+class ZnHttpServer::Pipeline_ : public std::enable_shared_from_this<Pipeline_> {
+public:
+    Pipeline_(ZnHttpServer* server, std::shared_ptr<ZnHttpRequest> request, std::shared_ptr<InFlight_> inFlight)
+        : server_(server), thread_(zn::atomic::Thread::currentThread()), request_(std::move(request)),
+          inFlight_(std::move(inFlight)), middleware_(server->middleware_) {}
+
+    void step() {
+        const std::size_t index = stepIndex_;
+        if (index < middleware_->size()) {
+            (*middleware_)[index](*request_, [self = shared_from_this(), index](bool isHandled,
+                                                                                const ZnHttpResponse& response) {
+                const std::shared_ptr<Pipeline_> kept = self; // this callable may be dropped while it runs
+                kept->next_(index, isHandled, response);
+            });
+        } else if (ZnHttpServer* server = server_.get()) {
+            server->runRoute_(request_, inFlight_);
+        }
+    }
+
+private:
+    void next_(std::size_t index, bool isHandled, const ZnHttpResponse& response) {
+        if (isHandled) {
+            inFlight_->finishRequest_(ZnHttpResponse(response));
+            return;
+        }
+        if (thread_ == zn::atomic::Thread::currentThread())
+            leave_(index);
+        else
+            zn::http::handOver(thread_, [self = shared_from_this(), index] { self->leave_(index); });
+    }
+
+    /// Goes on behind the middleware at `index`, unless that has been done or the request was answered.
+    void leave_(std::size_t index) {
+        if (index != stepIndex_ || inFlight_->isFinished.load(std::memory_order_relaxed))
+            return;
+        ++stepIndex_;
+        inFlight_->run_([this] { step(); });
+    }
+
+    const ZnPointer<ZnHttpServer> server_;
+    zn::atomic::Thread* const thread_;
+    const std::shared_ptr<ZnHttpRequest> request_;
+    const std::shared_ptr<InFlight_> inFlight_;
+    const std::shared_ptr<const MiddlewareList_> middleware_;
+    std::size_t stepIndex_ = 0;
 };
 
 ZnHttpServer::ZnHttpServer(ZnObject* parent) : ZnObject(parent), counters_(std::make_shared<Counters_>()) {
@@ -126,6 +261,20 @@ void ZnHttpServer::stop() {
         sessions_.erase(sessions_.begin());
         session->close();
     }
+}
+
+void ZnHttpServer::setThreadPool(ZnThreadPool* pool) {
+    threadPool_ = pool;
+}
+
+void ZnHttpServer::addRequestFilter(RequestFilter filter) {
+    if (filter)
+        requestFilters_ = withOneMore(requestFilters_, std::move(filter));
+}
+
+void ZnHttpServer::addMiddleware(Middleware middleware) {
+    if (middleware)
+        middleware_ = withOneMore(middleware_, std::move(middleware));
 }
 
 ZnHttpServerStats ZnHttpServer::stats() const {
@@ -193,15 +342,66 @@ void ZnHttpServer::handleRequest_(const std::shared_ptr<ZnHttpRequest>& request,
         return;
     }
     const auto inFlight = std::make_shared<InFlight_>(counters_, std::move(completion), startedNs);
-    const bool keepAlive = request->keepAlive;
-    // The handler runs inside this call and may park: behind it the server may be gone, and only locals are used.
-    try {
-        const auto finish = [inFlight](ZnHttpResponse response) { inFlight->finishRequest_(std::move(response)); };
-        if (!router_.dispatchAsync(request, finish))
-            inFlight->finishRequest_(ZnHttpResponse::plain(404, "Not Found", keepAlive));
-    } catch (const std::exception& error) {
-        inFlight->failRequest_(error.what());
-    } catch (...) {
-        inFlight->failRequest_("Unhandled non-std exception");
+    inFlight->run_([&] {
+        if (usesThreadPool_()) {
+            ZnHttpRouter::Target target = router_.find(*request);
+            if (!target.isAsync()) {
+                submitToPool_(request, inFlight, std::move(target));
+                return;
+            }
+        }
+        if (requestFilters_ || middleware_)
+            runPipeline_(request, inFlight);
+        else
+            runRoute_(request, inFlight);
+    });
+}
+
+bool ZnHttpServer::usesThreadPool_() const {
+    return dispatchMode_ == DispatchMode::ThreadPool && threadPool_ && !middleware_;
+}
+
+void ZnHttpServer::submitToPool_(const std::shared_ptr<ZnHttpRequest>& request,
+                                 const std::shared_ptr<InFlight_>& inFlight, ZnHttpRouter::Target target) {
+    if (!counters_->enterPool(limits_.maxThreadPoolRequests)) {
+        inFlight->finishRequest_(ZnHttpResponse::plain(503, "ThreadPool saturated", request->keepAlive));
+        return;
     }
+    auto task = std::make_unique<ZnCallableRunnable<PoolJob_>>(
+        PoolJob_(inFlight, request, requestFilters_, std::move(target)));
+    bool isSaturated = false;
+    if (threadPool_->tryStart(task.get(), 0, &isSaturated))
+        static_cast<void>(task.release()); // the pool's; it may have run by now
+    else if (isSaturated)
+        inFlight->finishRequest_(ZnHttpResponse::plain(503, "ThreadPool saturated", request->keepAlive));
+    // Else the job, which goes here, answers.
+}
+
+// From here on user code runs inside each call and may park: behind it only locals are used, the server may be gone.
+
+void ZnHttpServer::runPipeline_(const std::shared_ptr<ZnHttpRequest>& request,
+                                const std::shared_ptr<InFlight_>& inFlight) {
+    const ZnPointer<ZnHttpServer> self(this);
+    ZnHttpResponse response;
+    const std::shared_ptr<const FilterList_> filters = requestFilters_;
+    if (filters && runFilters(*filters, *request, &response)) {
+        inFlight->finishRequest_(std::move(response));
+        return;
+    }
+    if (!self)
+        return;
+    if (middleware_)
+        std::make_shared<Pipeline_>(this, request, inFlight)->step();
+    else
+        runRoute_(request, inFlight);
+}
+
+void ZnHttpServer::runRoute_(const std::shared_ptr<ZnHttpRequest>& request,
+                             const std::shared_ptr<InFlight_>& inFlight) {
+    const ZnHttpRouter::Target target = router_.find(*request);
+    if (target.isAsync())
+        target.answerAsync(
+            request, [inFlight](ZnHttpResponse response) { inFlight->finishRequest_(std::move(response)); });
+    else
+        inFlight->finishRequest_(target.answer(*request));
 }

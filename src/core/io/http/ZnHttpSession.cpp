@@ -1,6 +1,9 @@
 #include "core/io/http/ZnHttpSession.h"
 
 #include "core/io/ZnTcpSocket.h"
+#include "core/io/http/ZnHttpBodyStream_.h"
+#include "core/io/http/ZnHttpHandoff_.h"
+#include "core/io/http/ZnHttpMultipart.h"
 #include "core/io/http/ZnHttpRouter.h"
 #include "core/platform/ZnMonotonicClock.h"
 #include "core/runtime/Thread.h"
@@ -9,6 +12,7 @@
 #include "core/types/ZnLogger.h"
 
 #include <algorithm>
+#include <exception>
 #include <limits>
 #include <utility>
 
@@ -83,8 +87,8 @@ void ZnHttpSession::start() {
 // ---- Input
 
 void ZnHttpSession::onReadyRead_() {
-    if (closed_ || !socket_)
-        return;
+    if (closed_ || !socket_ || onSwitch_)
+        return; // what comes behind a switch belongs to who takes the socket over
     if (inputRefused_)
         discardInput_();
     else if (readInput_())
@@ -173,6 +177,11 @@ void ZnHttpSession::startNextRequest_() {
     currentRequest_ = request;
     const unsigned long long serial = ++requestSerial_;
     requestStartNs_ = asyncStartNs_ = monotonicNowNs();
+    ZnString errorText;
+    if (!zn::http::parseMultipart(*request, parser_.limits(), &errorText)) {
+        sendError_(400, errorText.isEmpty() ? ZnString("Invalid multipart/form-data") : errorText);
+        return;
+    }
     asyncPending_ = true;
     armTimeout_(); // now: once the handler is parked, nobody else would
     if (const std::shared_ptr<const RequestHandler> handler = requestHandler_) {
@@ -190,27 +199,22 @@ void ZnHttpSession::startNextRequest_() {
 /// Carries an answer to the session's thread and there into the session, if it still lives.
 ZnHttpResponseCallback ZnHttpSession::responseCallback_() {
     return [self = ZnPointer<ZnHttpSession>(this), thread = zn::atomic::Thread::currentThread(),
-            serial = requestSerial_](ZnHttpResponse response) mutable {
+            serial = requestSerial_](ZnHttpResponse&& response) {
         if (thread == nullptr || thread == zn::atomic::Thread::currentThread()) {
             if (ZnHttpSession* session = self.get())
                 session->answer_(serial, std::move(response));
             return;
         }
         // On another thread the session may die between a test and its use, so the test is left to its own thread.
-        if (!zn::atomic::Thread::isLive(thread))
-            return;
-        postToThread(
-            thread,
-            [self, serial, answer = std::make_unique<ZnHttpResponse>(std::move(response))]() {
-                if (ZnHttpSession* session = self.get())
-                    session->answer_(serial, std::move(*answer));
-            },
-            ZnFiberPool::kFirstLane);
+        zn::http::handOver(thread, [self, serial, answer = std::make_unique<ZnHttpResponse>(std::move(response))]() {
+            if (ZnHttpSession* session = self.get())
+                session->answer_(serial, std::move(*answer));
+        });
     };
 }
 
 /// Drops a second answer, one that comes after a time-out has answered, and one of an earlier request.
-void ZnHttpSession::answer_(unsigned long long requestSerial, ZnHttpResponse response) {
+void ZnHttpSession::answer_(unsigned long long requestSerial, ZnHttpResponse&& response) {
     if (closed_ || !socket_ || !asyncPending_ || responseInProgress_ || requestSerial != requestSerial_)
         return;
     const bool isHead = currentRequest_->method == "HEAD";
@@ -219,18 +223,101 @@ void ZnHttpSession::answer_(unsigned long long requestSerial, ZnHttpResponse res
 
 // ---- Responses
 
-void ZnHttpSession::sendResponse_(ZnHttpResponse response, bool keepAlive, bool isHead) {
+void ZnHttpSession::sendResponse_(ZnHttpResponse&& response, bool keepAlive, bool isHead) {
     responseInProgress_ = true;
     asyncPending_ = false;
     closeAfterResponse_ = response.closeConnection || !keepAlive;
+    if (response.switchProtocols && response.onSwitch) {
+        sendSwitch_(std::move(response));
+        return;
+    }
+    const bool isHeadOnly = isHead || response.headOnly;
+    if ((response.useFile || response.chunked) && !isHeadOnly) {
+        sendStream_(std::move(response));
+        return;
+    }
     // The head never leaves alone: a small packet in front of the body costs the peer's delayed acknowledgement.
     const bool isJoined = response.body.size() <= kJoinedBodyBytes;
     ZnString head = response.head(closeAfterResponse_, isJoined ? response.body.size() : 0);
-    if (isHead || response.headOnly)
+    if (isHeadOnly)
         response.body = ZnByteArray();
     else if (isJoined)
         head.append(response.body.view());
     writeBytes_(std::move(head), isJoined ? ZnByteArray() : std::move(response.body));
+}
+
+/// The first piece leaves with the head, so that a file that cannot be read is found out before a head has promised it.
+void ZnHttpSession::sendStream_(ZnHttpResponse&& response) {
+    bodyStream_ = ZnHttpBodyStream_::open(response, parser_.limits().maxChunkBytes);
+    std::string head = response.head(closeAfterResponse_).takeStr();
+    ZnByteArray bytes;
+    const char* const errorText = !bodyStream_                 ? "Unable to open file"
+                                  : !takePiece_(&head, &bytes) ? "File stream read failure"
+                                                               : nullptr;
+    if (errorText == nullptr) {
+        writeBytes_(ZnString(std::move(head)), std::move(bytes));
+        return;
+    }
+    ZN_LOG_ERROR(kCategory, "ZnHttpSession::sendResponse_")
+        << "[ZnHttpSession] " << errorText << ": " << zn::http::encodedPath(response.filePath.view()); // on one line
+    bodyStream_.reset();
+    responseInProgress_ = false;
+    sendError_(500, errorText);
+}
+
+/// False: the file has no more. True also when there was nothing left to take.
+bool ZnHttpSession::takePiece_(std::string* text, ZnByteArray* bytes) {
+    if (!bodyStream_->isAtEnd() && !bodyStream_->take(text, bytes))
+        return false;
+    if (bodyStream_->isAtEnd())
+        bodyStream_.reset(); // the end of this write is the end of the response
+    return true;
+}
+
+void ZnHttpSession::sendNextPiece_() {
+    std::string text;
+    ZnByteArray bytes;
+    if (takePiece_(&text, &bytes)) {
+        writeBytes_(ZnString(std::move(text)), std::move(bytes));
+        return;
+    }
+    ZN_LOG_ERROR(kCategory, "ZnHttpSession::sendNextPiece_") << "[ZnHttpSession] File stream read failure";
+    closeSession_(); // the head is out, so that is all the peer can be told
+}
+
+/// What is behind the head of a switch is not HTTP: no body goes out, and no more input is read.
+void ZnHttpSession::sendSwitch_(ZnHttpResponse&& response) {
+    onSwitch_ = std::move(response.onSwitch);
+    closeAfterResponse_ = false;
+    response.useFile = response.chunked = false;
+    response.body = ZnByteArray();
+    if (response.switchWithoutHead)
+        finishResponse_();
+    else
+        writeBytes_(response.head(false), ZnByteArray());
+}
+
+/// The socket leaves the session, which ends before the new owner hears of it: that one may keep the fiber for long.
+void ZnHttpSession::switchOver_() {
+    const std::function<void(ZnAbstractSocket*)> onSwitch = std::exchange(onSwitch_, nullptr);
+    const ZnPointer<ZnAbstractSocket> socket = std::exchange(socket_, nullptr);
+    const ZnPointer<ZnHttpSession> self(this);
+    socket->disconnectReceiver(this);
+    socket->setParent(nullptr);
+    if (self)
+        closeSession_();
+    if (!socket)
+        return;
+    try {
+        onSwitch(socket.get());
+        return;
+    } catch (const std::exception& error) {
+        ZN_LOG_ERROR(kCategory, "ZnHttpSession::switchOver_") << "[ZnHttpSession] onSwitch failed: " << error.what();
+    } catch (...) {
+        ZN_LOG_ERROR(kCategory, "ZnHttpSession::switchOver_") << "[ZnHttpSession] onSwitch failed";
+    }
+    if (socket)
+        socket->deleteLater();
 }
 
 /// The socket may emit from inside write: the end of the write, which is acted upon behind it, but also an error,
@@ -253,6 +340,12 @@ void ZnHttpSession::writeBytes_(ZnString head, ZnByteArray body) {
         armTimeout_();
         return;
     }
+    if (bodyStream_) {
+        nextPieceDue_ = true; // from the loop: a peer that takes all at once would hold up the others
+        armTimeout_();
+        scheduleResume_();
+        return;
+    }
     finishResponse_();
     // What waits is begun from the loop, not here: below this frame there may be the one of a handler that has
     // answered and goes on. When it is processNextRequest_, that is quicker, and this finds nothing left to do.
@@ -268,6 +361,11 @@ void ZnHttpSession::onWriteFinished_() {
         return;
     }
     lastWriteNs_ = monotonicNowNs();
+    if (bodyStream_) {
+        nextPieceDue_ = false;
+        sendNextPiece_();
+        return;
+    }
     const ZnPointer<ZnHttpSession> self(this);
     finishResponse_();
     if (self)
@@ -279,13 +377,22 @@ void ZnHttpSession::finishResponse_() {
     if (!responseInProgress_)
         return;
     responseInProgress_ = false;
-    currentRequest_.reset();
-    if (!closeAfterResponse_)
+    forgetRequest_();
+    if (onSwitch_)
+        switchOver_();
+    else if (!closeAfterResponse_)
         armTimeout_();
     else if (inputRefused_)
         beginDrain_();
     else
         closeSession_();
+}
+
+/// Its files go now, even if a handler still holds the request.
+void ZnHttpSession::forgetRequest_() {
+    if (currentRequest_ && currentRequest_->tempFiles)
+        currentRequest_->tempFiles->removeAll();
+    currentRequest_.reset();
 }
 
 void ZnHttpSession::scheduleResume_() {
@@ -296,7 +403,10 @@ void ZnHttpSession::scheduleResume_() {
 
 void ZnHttpSession::resume_() {
     resumeScheduled_ = false;
-    processNextRequest_();
+    if (std::exchange(nextPieceDue_, false))
+        sendNextPiece_();
+    else
+        processNextRequest_();
 }
 
 void ZnHttpSession::postWeakly_(void (ZnHttpSession::*step)()) {
@@ -348,9 +458,11 @@ void ZnHttpSession::closeSession_() {
     if (std::exchange(closed_, true))
         return;
     const ZnPointer<ZnHttpSession> self(this);
-    asyncPending_ = responseInProgress_ = false;
+    asyncPending_ = responseInProgress_ = nextPieceDue_ = false;
+    bodyStream_.reset();
+    onSwitch_ = nullptr;
     pendingRequests_.clear();
-    currentRequest_.reset();
+    forgetRequest_();
     timeoutTimer_->stop();
     releaseSocket_();
     if (!self)

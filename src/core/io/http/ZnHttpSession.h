@@ -11,13 +11,17 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 #include <string_view>
 
+class ZnHttpBodyStream_;
 class ZnHttpRouter;
 class ZnTimer;
 
 /// One HTTP connection: reads requests, has them answered one at a time and in order, enforces the time-outs.
 ///
+/// A file or a chunked body leaves piece by piece: the next piece is made when the socket has emptied its buffer, so
+/// a slow reader stops the reading of the file, and memory holds one piece.
 /// A handler runs inline and may park for as long as it likes. Meanwhile anything may happen to the session: a
 /// time-out answers for the handler, the peer leaves, the server stops, the object is deleted. So every frame that
 /// calls out holds a ZnPointer to the session from before the call, and behind the call tests it and closed_ first.
@@ -42,8 +46,8 @@ public:
     /// Called once, when the connection has ended; it is to delete the session later.
     void setClosedHandler(ClosedHandler handler) { onClosed_ = std::move(handler); }
 
-    /// Ends the session if its connection is gone already. Bytes that came before the handlers were set are announced by
-    /// the socket's first readiness event, which the loop delivers after the caller has returned.
+    /// Ends the session if its connection is gone already. Bytes that came before the handlers were set are announced
+    /// by the socket's first readiness event, which the loop delivers after the caller has returned.
     void start();
     /// Ends the connection at once; an answer that has not left is dropped. Nothing when it has ended.
     void close() { closeSession_(); }
@@ -65,12 +69,18 @@ private:
     void processNextRequest_();
     void startNextRequest_();
     ZnHttpResponseCallback responseCallback_();
-    void answer_(unsigned long long requestSerial, ZnHttpResponse response);
+    void answer_(unsigned long long requestSerial, ZnHttpResponse&& response);
 
     // Responses. Each of these may be the end of the session; its caller tests for that.
-    void sendResponse_(ZnHttpResponse response, bool keepAlive, bool isHead);
+    void sendResponse_(ZnHttpResponse&& response, bool keepAlive, bool isHead);
+    void sendStream_(ZnHttpResponse&& response);
+    bool takePiece_(std::string* text, ZnByteArray* bytes);
+    void sendNextPiece_();
+    void sendSwitch_(ZnHttpResponse&& response);
+    void switchOver_();
     void writeBytes_(ZnString head, ZnByteArray body);
     void finishResponse_();
+    void forgetRequest_();
     void sendError_(int status, const ZnString& text);
     void beginDrain_();
     void closeSession_();
@@ -100,6 +110,7 @@ private:
     bool responseInProgress_ = false;          // a head was written, the response has not left yet
     bool asyncPending_ = false;                // the request is with its handler
     bool closeAfterResponse_ = false;
+    bool nextPieceDue_ = false;                // the last piece has left from inside write, resume_() sends the next
     bool closed_ = false;                      // final
     bool insideWrite_ = false;                 // keeps a writeFinished from inside write out of the session
     bool resumeDeferred_ = false;              // one came
@@ -107,6 +118,9 @@ private:
     bool inputRefused_ = false;                // an error answer is the last one: what still comes is discarded
     bool draining_ = false;                    // that answer has left
     unsigned long long discardedBytes_ = 0;
+
+    std::unique_ptr<ZnHttpBodyStream_> bodyStream_; // what is left of the response's body; null when all was written
+    std::function<void(ZnAbstractSocket*)> onSwitch_; // set: the connection leaves HTTP when the response has left
 
     // The handler is shared with the frame that calls it, which may outlive the session.
     std::shared_ptr<const RequestHandler> requestHandler_;

@@ -1,22 +1,41 @@
 #include "core/io/http/ZnHttpText.h"
 
+#include <algorithm>
 #include <array>
+#include <string>
+#include <utility>
 
 namespace zn::http {
 namespace {
 
-constexpr std::array<bool, 256> makeTokenTable() {
-    std::array<bool, 256> table{};
+using ByteTable = std::array<bool, 256>;
+
+/// Letters, digits and `others`.
+constexpr ByteTable makeTable(std::string_view others) {
+    ByteTable table{};
     for (unsigned c = '0'; c <= '9'; ++c)
         table[c] = true;
     for (unsigned c = 'a'; c <= 'z'; ++c)
         table[c] = table[c - 'a' + 'A'] = true;
-    for (const char c : std::string_view("!#$%&'*+-.^_`|~"))
+    for (const char c : others)
         table[static_cast<unsigned char>(c)] = true;
     return table;
 }
 
-constexpr std::array<bool, 256> kTokenTable = makeTokenTable();
+constexpr ByteTable kTokenTable = makeTable("!#$%&'*+-.^_`|~");
+constexpr ByteTable kPathTable = makeTable("-._~!$&'()*+,;=:@/");
+constexpr ByteTable kQueryTable = makeTable("-._~!$&'()*+,;=:@/?%");
+
+void appendEncoded(std::string* out, std::string_view text, const ByteTable& allowed) {
+    constexpr const char* kDigits = "0123456789ABCDEF";
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (allowed[byte])
+            *out += c;
+        else
+            (*out += '%').append({kDigits[byte >> 4], kDigits[byte & 15]});
+    }
+}
 
 } // namespace
 
@@ -35,6 +54,18 @@ bool isSafeLineText(std::string_view text) noexcept {
             return false;
     }
     return true;
+}
+
+ZnString encodedPath(std::string_view path) {
+    std::string out = "/";
+    appendEncoded(&out, path.substr(std::min(path.find_first_not_of('/'), path.size())), kPathTable);
+    return ZnString(std::move(out));
+}
+
+ZnString encodedQuery(std::string_view query) {
+    std::string out;
+    appendEncoded(&out, query, kQueryTable);
+    return ZnString(std::move(out));
 }
 
 const char* reasonPhrase(int status) noexcept {

@@ -14,6 +14,8 @@ TEST(ZnHttpContext, AnswersInOneWord) {
                                               "content-type: application/json; charset=utf-8\r\n"
                                               "content-length: 18\r\nconnection: keep-alive\r\n\r\n");
     EXPECT_EQ(context.response().body.view(), R"({"a": true,"b": 1})");
+    context.response().chunks.append(ZnByteArray());
+    context.response().chunked = context.response().useFile = true;
     context.text("x", 404);
     EXPECT_EQ(context.response().head(true), "HTTP/1.1 404 Not Found\r\ncontent-type: text/plain; charset=utf-8\r\n"
                                              "content-length: 1\r\nconnection: close\r\n\r\n");

@@ -103,6 +103,61 @@ TEST(ZnHttpRouter, UnknownMethodsAndPaths) {
     });
 }
 
+// The path was decoded, so it may hold anything that a browser or the head would read something else into.
+TEST(ZnHttpRouter, TrailingSlashRedirects) {
+    using Mode = ZnHttpRouter::TrailingSlash;
+    const struct {
+        Mode mode;
+        ZnString path;
+        ZnString query;
+        const char* location; // null: none
+    } kRows[] = {
+        {Mode::Leave, "/a/", "", nullptr},
+        {Mode::Strip, "/", "", nullptr},
+        {Mode::Strip, "/a", "", nullptr},
+        {Mode::Strip, "/a/", "x=1&y=%41", "/a?x=1&y=%41"},
+        {Mode::Strip, "//evil.test/", "", "/evil.test"},
+        {Mode::Strip, "/\\evil.test/", "", "/%5Cevil.test"},
+        {Mode::Strip, "/\t/evil.test/", "", "/%09/evil.test"},
+        {Mode::Strip, ZnString("/a\r\nset-cookie: x\0/", 19), "", "/a%0D%0Aset-cookie:%20x%00"},
+        {Mode::Strip, "/100%?#\xC3\xA4/", "", "/100%25%3F%23%C3%A4"},
+        {Mode::Strip, "/a/", "x=\n\"<#", "/a?x=%0A%22%3C%23"},
+        {Mode::Strip, "//", "", "/"},
+        {Mode::Add, "/", "", nullptr},
+        {Mode::Add, "/a/", "", nullptr},
+        {Mode::Add, "/a/b c", "q", "/a/b%20c/?q"},
+        {Mode::Add, "//evil.test", "", "/evil.test/"},
+    };
+    for (const auto& row : kRows) {
+        ZnHttpRouter router;
+        router.addRoute("GET", "/*", named("route"));
+        router.setTrailingSlash(row.mode);
+        ZnHttpRequest request;
+        request.method = "GET";
+        request.path = row.path;
+        request.queryString = row.query;
+        request.keepAlive = false;
+        ZnHttpResponse response;
+        ASSERT_TRUE(router.dispatch(request, &response));
+        EXPECT_EQ(response.status, row.location == nullptr ? 200 : 308);
+        if (row.location == nullptr)
+            continue;
+        EXPECT_TRUE(response.closeConnection);
+        EXPECT_EQ(response.head(true), "HTTP/1.1 308 Permanent Redirect\r\ncontent-length: 0\r\nlocation: " +
+                                           ZnString(row.location) + "\r\nconnection: close\r\n\r\n");
+    }
+}
+
+TEST(ZnHttpRouter, NamesStandForPatterns) {
+    ZnHttpRouter router;
+    router.addRoute("GET", "a//:id/", named("a"), "item");
+    router.addRoute("GET", "/:bad(", named("bad"), "bad");
+    router.addAsyncRoute("GET", "/b", [](const auto&, const auto&) {}, "later");
+    EXPECT_EQ(router.namedPattern("item"), "/a/:id");
+    EXPECT_EQ(router.namedPattern("later"), "/b");
+    EXPECT_EQ(router.namedPattern("bad"), "");
+}
+
 TEST(ZnHttpRouter, CallbackRoutes) {
     ZnHttpRouter router;
     router.addRoute("GET", "/now", named("now"));

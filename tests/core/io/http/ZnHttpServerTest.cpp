@@ -1,10 +1,14 @@
 #include "core/io/ZnTcpSocket.h"
 #include "core/io/http/ZnHttpApp.h"
+#include "core/platform/ZnMonotonicClock.h"
 #include "core/runtime/ZnEventLoop.h"
+#include "core/runtime/ZnThreadPool.h"
 #include "core/runtime/ZnTimer.h"
 #include "support/LoopFixture.h"
 
+#include <future>
 #include <stdexcept>
+#include <thread>
 
 namespace {
 
@@ -212,6 +216,249 @@ TEST_F(ZnHttpServerTest, AdmissionLimits) {
     busy->socket.write(ZnString("GET /echo/x HTTP/1.1\r\n\r\n"));
     EXPECT_TRUE(runUntil([&] { return busy->received.ends_with("\r\n\r\nx"); }));
     EXPECT_EQ(app_->stats().busyRefused, 1);
+}
+
+// What the peer of one route sees, by what stands in front of it.
+TEST_F(ZnHttpServerTest, FiltersAndMiddleware) {
+    ZnHttpServer::Next kept;
+    ZnHttpServer::Next keptAgain;
+    app_->addRequestFilter(nullptr);
+    app_->addRequestFilter([](const ZnHttpRequest& request, ZnHttpResponse& response) {
+        response.headers.insert("x-filter", "1");
+        return request.queryString == "filter";
+    });
+    app_->addMiddleware([&](const ZnHttpRequest& request, const ZnHttpServer::Next& next) {
+        const ZnString query = request.queryString; // a later call may outlive the request
+        if (query == "later")
+            kept = next;
+        else if (query == "throw")
+            throw std::runtime_error("x");
+        else if (query != "lost")
+            next(query == "first", ZnHttpResponse::text(200, "from the first"));
+        if (query == "twice")
+            next(false, {});
+    });
+    app_->addMiddleware([&](const ZnHttpRequest& request, const ZnHttpServer::Next& next) {
+        keptAgain = next;
+        next(request.queryString == "second", ZnHttpResponse::text(200, "from the second"));
+    });
+    const struct {
+        const char* query;
+        const char* body;
+    } kRows[] = {{"", "\r\n\r\nx"},          {"filter", "\r\nx-filter: 1\r\n"}, {"first", "from the first"},
+                 {"second", "from the second"}, {"throw", "Internal Server Error"},  {"twice", "\r\n\r\nx"}};
+    for (const auto& row : kRows) {
+        const std::string answer = firstAnswer(std::string("/echo/x?") + row.query);
+        EXPECT_NE(answer.find(row.body), std::string::npos) << answer;
+    }
+    const auto client = send("GET /echo/later?later HTTP/1.1\r\n\r\n");
+    ASSERT_TRUE(runUntil([&] { return kept != nullptr; }));
+    std::thread([&] { kept(false, {}); }).join(); // goes on here all the same
+    EXPECT_TRUE(runUntil([&] { return client->received.ends_with("\r\n\r\nlater"); }));
+    EXPECT_EQ(app_->stats().inFlight, 0);
+    const auto late = send("GET /echo/later?later HTTP/1.1\r\n\r\n");
+    kept = nullptr;
+    ASSERT_TRUE(runUntil([&] { return kept != nullptr; }));
+    app_.reset();
+    kept(false, {});
+    keptAgain(false, {});
+}
+
+TEST_F(ZnHttpServerTest, ContextMiddlewareStandsInFrontOfLaterRoutes) {
+    std::function<void()> kept;
+    app_->addContextMiddleware([&](ZnHttpContext& context, const std::function<void()>& next) {
+        kept = next;
+        context.locals()["user"] = std::string(context.request().queryString.view());
+        if (context.request().queryString == "stop")
+            return;
+        next();
+        next(); // only once
+    });
+    app_->addContextMiddleware([](ZnHttpContext& context, const std::function<void()>& next) {
+        if (context.request().queryString == "answer")
+            context.text("middleware");
+        else
+            next();
+    });
+    app_->setErrorHandler([](ZnHttpContext& context, const ZnString& errorText) {
+        if (context.request().queryString == "again")
+            throw 1;
+        context.text("caught " + errorText, 502);
+    });
+    app_->setRoutePrefix(" api//v1/ ");
+    int callCount = 0;
+    const ZnHttpRouteOptions options{" user ", 5, true};
+    app_->get("/", [&](ZnHttpContext& context) {
+        ++callCount;
+        const auto user = std::any_cast<std::string>(context.locals()["user"]);
+        if (user == "throw" || user == "again")
+            throw std::runtime_error("it");
+        ZnEventLoop().exec(user == "slow" ? 20 : 1);
+        context.text(ZnString(user));
+    }, options);
+    app_->get("slow", [](ZnHttpContext& context) {
+        ZnEventLoop().exec(20);
+        context.response().closeConnection = true;
+        context.text("done");
+    }, {"", 5, false});
+    EXPECT_EQ(app_->router().namedPattern("user"), "/api/v1");
+    const struct {
+        const char* path;
+        const char* status;
+        const char* body;
+        const char* header;
+    } kRows[] = {{"/api/v1?me", "200 OK", "me", "connection: keep-alive"},
+                 {"/api/v1?stop", "500 Internal Server Error", "Route handler produced no response", ""},
+                 {"/api/v1?answer", "200 OK", "middleware", ""},
+                 {"/api/v1?throw", "502 Bad Gateway", "caught it", ""},
+                 {"/api/v1?again", "500 Internal Server Error", "Internal Server Error", "connection: close"},
+                 {"/api/v1?slow", "504 Gateway Timeout", "Route timeout", "\r\nx-route-timeout-ms: "},
+                 {"/api/v1/slow", "200 OK", "done", "\r\nx-route-timeout-ms: "},
+                 {"/echo/x", "200 OK", "x", ""}};
+    for (const auto& row : kRows) {
+        const std::string answer = firstAnswer(row.path);
+        EXPECT_EQ(answer.find(std::string("HTTP/1.1 ") + row.status + "\r\n"), 0U) << answer;
+        EXPECT_TRUE(answer.ends_with(std::string("\r\n\r\n") + row.body)) << answer;
+        EXPECT_NE(answer.find(row.header), std::string::npos) << answer;
+        if (kept)
+            kept(); // its route has ended
+    }
+    EXPECT_EQ(callCount, 4);
+}
+
+class ZnHttpServerPoolTest : public ZnHttpServerTest {
+protected:
+    void SetUp() override {
+        ZnHttpServerTest::SetUp();
+        app_->get("/pool/:word", [this](ZnHttpContext& context) {
+            EXPECT_NE(std::this_thread::get_id(), loopThread_);
+            context.text(context.pathParam("word"));
+        });
+        app_->get("/gate", [this](ZnHttpContext& context) {
+            ++waitingCount_;
+            opened_.wait();
+            context.text("through");
+        });
+        app_->get("/poolthrow", [](ZnHttpContext&) { throw std::runtime_error("x"); });
+        app_->router().addAsyncRoute("GET", "/async", [this](const auto&, const ZnHttpResponseCallback& answer) {
+            EXPECT_EQ(std::this_thread::get_id(), loopThread_);
+            answer(ZnHttpResponse::text(200, "async"));
+        });
+        app_->setDispatchMode(ZnHttpServer::DispatchMode::ThreadPool);
+        pool_->setMaxThreadCount(2);
+        app_->setThreadPool(pool_.get());
+    }
+    void TearDown() override {
+        if (opened_.wait_for(std::chrono::seconds(0)) != std::future_status::ready)
+            openGate();
+        pool_.reset();
+    }
+    void openGate() { gate_.set_value(); }
+
+    /// For a condition that comes true on another thread, which does not wake the loop.
+    bool pollUntil(const std::function<bool()>& condition) {
+        const long long deadlineNs = monotonicNowNs() + 10'000'000'000;
+        while (!condition() && monotonicNowNs() < deadlineNs)
+            settle(1);
+        return condition();
+    }
+
+    const std::thread::id loopThread_ = std::this_thread::get_id();
+    std::unique_ptr<ZnThreadPool> pool_ = std::make_unique<ZnThreadPool>();
+    std::promise<void> gate_; // tasks of the pool wait for it
+    std::shared_future<void> opened_ = gate_.get_future().share();
+    std::atomic<int> waitingCount_{0};
+};
+
+TEST_F(ZnHttpServerPoolTest, RoutesRunOnThePool) {
+    app_->addRequestFilter([this](const ZnHttpRequest& request, ZnHttpResponse&) {
+        EXPECT_EQ(std::this_thread::get_id() == loopThread_, request.path == "/async");
+        return request.queryString == "filter";
+    });
+    app_->router().setTrailingSlash(ZnHttpRouter::TrailingSlash::Strip);
+    const struct {
+        const char* path;
+        const char* answer;
+    } kRows[] = {{"/pool/a", "\r\n\r\na"},      {"/async", "async"}, {"/poolthrow", "Internal Server Error"},
+                 {"/pool/a?filter", "200 OK"}, {"/none", "404"},    {"/pool/a/", "308"}};
+    for (const auto& row : kRows)
+        EXPECT_NE(firstAnswer(row.path).find(row.answer), std::string::npos) << row.path;
+    std::string burst;
+    for (int i = 0; i < 10; ++i)
+        burst += "GET /pool/" + std::to_string(i) + " HTTP/1.1\r\n\r\n";
+    const auto client = send(burst);
+    ASSERT_TRUE(runUntil([&] { return client->answerCount() == 10; }));
+    std::string words;
+    for (std::size_t at = 0; (at = client->received.find("\r\n\r\n", at)) != std::string::npos; at += 4)
+        words += client->received[at + 4];
+    EXPECT_EQ(words, "0123456789"); // in order, though on two threads
+    EXPECT_EQ(app_->stats().inFlight, 0);
+}
+
+TEST_F(ZnHttpServerPoolTest, AFullPoolIsNotWaitedFor) {
+    ZnHttpLimits limits;
+    limits.maxThreadPoolRequests = 3;
+    app_->setLimits(limits);
+    pool_->setMaxThreadCount(1);
+    pool_->setMaxQueuedTaskCount(1);
+    const auto running = send("GET /gate HTTP/1.1\r\n\r\n");
+    ASSERT_TRUE(pollUntil([&] { return waitingCount_ == 1; }));
+    const auto queued = send("GET /pool/queued HTTP/1.1\r\n\r\n");
+    ASSERT_TRUE(pollUntil([&] { return pool_->queuedTaskCount() == 1; }));
+    EXPECT_NE(firstAnswer("/pool/x").find("\r\n\r\nThreadPool saturated"), std::string::npos);
+    EXPECT_EQ(app_->stats().poolRefused, 0); // by the pool
+    limits.maxThreadPoolRequests = 2;
+    app_->setLimits(limits);
+    EXPECT_NE(firstAnswer("/pool/x").find("503 Service Unavailable"), std::string::npos);
+    EXPECT_EQ(app_->stats().poolRefused, 1);
+    EXPECT_NE(firstAnswer("/async").find("async"), std::string::npos);
+    openGate();
+    EXPECT_TRUE(runUntil([&] { return running->answerCount() + queued->answerCount() == 2; }));
+    EXPECT_TRUE(queued->received.ends_with("queued"));
+    EXPECT_NE(firstAnswer("/pool/x").find("200 OK"), std::string::npos);
+    EXPECT_EQ(app_->stats().statusCounts.value("503"), 2U);
+}
+
+TEST_F(ZnHttpServerPoolTest, WhatThePoolDropsIsAnswered) {
+    pool_->setMaxThreadCount(1);
+    const auto running = send("GET /gate HTTP/1.1\r\n\r\n");
+    ASSERT_TRUE(pollUntil([&] { return waitingCount_ == 1; }));
+    const auto queued = send("GET /pool/queued HTTP/1.1\r\n\r\n");
+    ASSERT_TRUE(pollUntil([&] { return pool_->queuedTaskCount() == 1; }));
+    std::thread opener([&] {
+        while (app_->stats().responsesFinished == 0) // dropped first, then what runs is waited for
+            std::this_thread::yield();
+        openGate();
+    });
+    pool_.reset();
+    opener.join();
+    EXPECT_TRUE(runUntil([&] { return running->answerCount() + queued->answerCount() == 2; }));
+    EXPECT_TRUE(queued->received.ends_with("\r\n\r\nThreadPool unavailable")) << queued->received;
+    EXPECT_NE(firstAnswer("/echo/x").find("200 OK"), std::string::npos); // inline
+}
+
+// Answers of sessions, and of a server, that are gone; the thread sanitizer is the judge.
+TEST_F(ZnHttpServerPoolTest, JobsOutliveTheirConnections) {
+    std::vector<std::unique_ptr<Client>> clients;
+    for (int round = 0; round < 40; ++round) {
+        clients.push_back(send("GET /pool/a HTTP/1.1\r\n\r\nGET /pool/b HTTP/1.1\r\n\r\n"));
+        if (round % 3 == 0)
+            clients.back()->socket.close();
+        if (round % 4 == 0)
+            settle(1);
+    }
+    const auto leaving = send("GET /gate HTTP/1.1\r\n\r\n");
+    const auto staying = send("GET /gate HTTP/1.1\r\n\r\n");
+    ASSERT_TRUE(pollUntil([&] { return waitingCount_ == 2; }));
+    const auto queued = send("GET /pool/x HTTP/1.1\r\n\r\n");
+    ASSERT_TRUE(pollUntil([&] { return pool_->queuedTaskCount() == 1; }));
+    leaving->socket.close();
+    ASSERT_TRUE(runUntil([&] { return app_->activeSessionCount() <= 42; }));
+    app_.reset();
+    openGate();
+    EXPECT_TRUE(pool_->waitForDone());
+    settle();
+    EXPECT_EQ(staying->received + queued->received, "");
 }
 
 // What nobody can answer any more does not count as being handled.

@@ -2,10 +2,12 @@
 #include "core/io/http/ZnHttpSession.h"
 #include "core/platform/ZnMonotonicClock.h"
 #include "core/runtime/ZnEventLoop.h"
+#include "core/fs/TemporaryDirectory.h"
 #include "core/runtime/ZnTimer.h"
 #include "support/LoopFixture.h"
 
 #include <list>
+#include <sys/stat.h>
 #include <thread>
 
 namespace {
@@ -159,6 +161,215 @@ TEST_F(ZnHttpSessionTest, NextRequestWaitsForTheWrite) {
     EXPECT_EQ(link.output, answerTo("/1"));
     link.socket->writeFinished();
     EXPECT_EQ(link.output, answerTo("/1") + answerTo("/2"));
+}
+
+ZnHttpResponse fileResponse(const ZnString& path, std::uint64_t offset, std::uint64_t length) {
+    ZnHttpResponse response;
+    response.useFile = true;
+    response.filePath = path;
+    response.fileOffset = offset;
+    response.fileLength = length;
+    response.fileChunkBytes = 1; // the smallest block: 4096
+    return response;
+}
+
+TEST_F(ZnHttpSessionTest, BodiesLeavePieceByPiece) {
+    const TemporaryDirectory directory;
+    std::string content;
+    while (content.size() < 10'000)
+        content += std::to_string(content.size()) + ",";
+    const ZnString path = directory.file("f", content);
+    ZnHttpResponse chunks;
+    chunks.chunked = true;
+    chunks.headers.insert("content-length", "3"); // would be taken for the length
+    const std::string large(16 * 1024 + 1, 'x');
+    for (const std::string& text : {std::string("ab"), std::string(), large, std::string("c")})
+        chunks.chunks.append(ZnByteArray(text));
+    ZnHttpResponse oneChunk = ZnHttpResponse::text(200, "body");
+    ZnHttpResponse noChunk;
+    oneChunk.chunked = noChunk.chunked = true;
+    ZnHttpResponse head = fileResponse(path, 0, 10);
+    head.headOnly = true;
+    const struct {
+        const char* name;
+        const ZnHttpResponse& response;
+        const char* framing;
+        std::string body;
+        std::vector<std::size_t> pieces; // bytes behind the head after each write
+    } kRows[] = {
+        {"part", fileResponse(path, 3, 9000), "content-length: 9000", content.substr(3, 9000), {4096, 8192, 9000}},
+        {"block", fileResponse(path, 0, 4096), "content-length: 4096", content.substr(0, 4096), {4096}},
+        {"empty", fileResponse(path, 0, 0), "content-length: 0", "", {0}},
+        {"head", head, "content-length: 10", "", {0}},
+        {"chunks", chunks, "transfer-encoding: chunked",
+         "2\r\nab\r\n4001\r\n" + large + "\r\n1\r\nc\r\n0\r\n\r\n", {13 + large.size(), 26 + large.size()}},
+        {"one", oneChunk, "transfer-encoding: chunked", "4\r\nbody\r\n0\r\n\r\n", {14}},
+        {"none", noChunk, "transfer-encoding: chunked", "0\r\n\r\n", {5}},
+    };
+    for (const auto& row : kRows) {
+        for (const bool stalls : {false, true}) {
+            SCOPED_TRACE(row.name);
+            Link& link = open([&](const auto& request, const ZnHttpResponseCallback& callback) {
+                callback(request->path == "/next" ? echoOf(*request) : row.response);
+            });
+            link.socket->stallsWrites = stalls;
+            link.socket->receive(getOf("/") + getOf("/next"));
+            const std::size_t headBytes = link.output.find("\r\n\r\n") + 4;
+            EXPECT_NE(link.output.find(std::string("\r\n") + row.framing + "\r\n"), std::string::npos);
+            for (std::size_t i = 0; stalls && i < row.pieces.size(); ++i) {
+                settle(1);
+                EXPECT_EQ(link.output.size() - headBytes, row.pieces[i]); // and no more before the peer has taken it
+                link.socket->writeFinished();
+            }
+            EXPECT_TRUE(runUntil([&] { return link.output.ends_with(answerTo("/next")); }));
+            EXPECT_EQ(link.output.substr(headBytes), row.body + answerTo("/next"));
+        }
+    }
+}
+
+TEST_F(ZnHttpSessionTest, AFileThatCannotBeSentIsAnsweredOrCutShort) {
+    const TemporaryDirectory directory;
+    const ZnString pipe = directory.path("pipe");
+    ASSERT_EQ(::mkfifo(pipe.data(), 0600), 0);
+    const ZnString file = directory.file("f", std::string(5000, 'x'));
+    const struct {
+        ZnHttpResponse response;
+        const char* body;
+    } kRows[] = {
+        {fileResponse(directory.path("none"), 0, 1), "Unable to open file"},
+        {fileResponse(directory.path(), 0, 1), "Unable to open file"},
+        {fileResponse(pipe, 0, 1), "Unable to open file"}, // nor does it wait for a writer
+        {fileResponse(ZnString((file.str() + '\0').data(), file.size() + 2), 0, 1), "Unable to open file"},
+        {fileResponse(file, 5000, 1), "File stream read failure"},
+        {fileResponse(file, ~0ULL - 4, 10), "File stream read failure"},
+    };
+    for (const auto& row : kRows) {
+        router_.setFallback([&row](const ZnHttpRequest&) { return row.response; });
+        Link& link = open();
+        link.socket->receive(getOf("/"));
+        EXPECT_EQ(link.output.find("HTTP/1.1 500 Internal Server Error\r\n"), 0U);
+        EXPECT_TRUE(link.output.ends_with(std::string("connection: close\r\n\r\n") + row.body));
+        EXPECT_NE(link.closedNs, 0);
+    }
+    router_.setFallback([&](const ZnHttpRequest&) { return fileResponse(file, 0, 9000); });
+    Link& link = open();
+    link.socket->receive(getOf("/"));
+    EXPECT_TRUE(runUntil([&] { return link.closedNs != 0; }));
+    EXPECT_TRUE(link.output.ends_with("\r\n\r\n" + std::string(5000, 'x')));
+}
+
+// A descriptor that leaked would stay open with the connection.
+TEST_F(ZnHttpSessionTest, AStreamEndsWithItsConnection) {
+    const TemporaryDirectory directory;
+    const ZnString file = directory.file("f", std::string(100'000, 'x'));
+    router_.setFallback([&](const ZnHttpRequest&) { return fileResponse(file, 0, 100'000); });
+    const std::function<void(Link&)> kEnds[] = {
+        [](Link& link) { delete link.session.get(); }, [](Link& link) { link.socket->close(); },
+        [](Link& link) { link.socket->errorOccurred(10054); },
+    };
+    const auto openFiles = [&] {
+        const std::filesystem::directory_iterator files("/proc/self/fd");
+        return std::count_if(begin(files), end(files), [&](const auto& entry) {
+            std::error_code error;
+            return std::filesystem::read_symlink(entry, error) == file.str();
+        });
+    };
+    for (const auto& end : kEnds) {
+        for (const bool stalls : {false, true}) {
+            Link& link = open();
+            link.socket->stallsWrites = stalls;
+            link.socket->receive(getOf("/"));
+            EXPECT_EQ(openFiles(), 1);
+            end(link);
+            EXPECT_EQ(openFiles(), 0);
+            settle(1);
+            EXPECT_LT(link.output.size(), 4096U + 200U);
+        }
+    }
+}
+
+TEST_F(ZnHttpSessionTest, ASwitchHandsTheSocketOver) {
+    const std::string head = "HTTP/1.1 101 Switching Protocols\r\nconnection: upgrade\r\ncontent-length: 0\r\n\r\n";
+    for (const bool hasHead : {true, false}) {
+        for (const bool throws : {false, true}) {
+            ZnPointer<ZnAbstractSocket> taken;
+            bool wasClosed = false;
+            Link* current = nullptr;
+            Link& link = open([&](const std::shared_ptr<ZnHttpRequest>&, const ZnHttpResponseCallback& callback) {
+                ZnHttpResponse response = ZnHttpResponse::text(101, "no part of it");
+                response.headers = {{"connection", "upgrade"}};
+                response.closeConnection = response.switchProtocols = true;
+                response.switchWithoutHead = !hasHead;
+                response.onSwitch = [&](ZnAbstractSocket* socket) {
+                    taken = socket;
+                    wasClosed = current->session->isClosed();
+                    park(10);
+                    if (throws)
+                        throw 1;
+                };
+                callback(std::move(response));
+            });
+            current = &link;
+            link.socket->stallsWrites = hasHead;
+            application_.postEvent([&] { link.socket->receive(getOf("/")); });
+            settle(1);
+            if (hasHead) {
+                EXPECT_FALSE(taken);
+                application_.postEvent([&] {
+                    link.socket->receive("\x81\x01"); // not HTTP any more, and not the session's
+                    link.socket->writeFinished();
+                });
+            }
+            EXPECT_TRUE(runUntil([&] { return taken.get() != nullptr; }));
+            EXPECT_TRUE(wasClosed);
+            EXPECT_TRUE(runUntil([&] { return !link.session; }));
+            settle(20);
+            EXPECT_EQ(link.output, hasHead ? head : "");
+            EXPECT_EQ(!link.socket, throws);
+            if (link.socket) {
+                char bytes[8];
+                EXPECT_TRUE(link.socket->isOpen());
+                EXPECT_EQ(link.socket->readInto(bytes, sizeof(bytes)), hasHead ? 2U : 0U);
+                delete link.socket.get();
+            }
+        }
+    }
+}
+
+TEST_F(ZnHttpSessionTest, FormsAreTakenApartOrRefused) {
+    router_.addRoute("POST", "/", [](const ZnHttpRequest& request) {
+        return ZnHttpResponse::text(200, request.formFields.value("a").view());
+    });
+    const auto form = [](const std::string& type, const std::string& body) {
+        return "POST / HTTP/1.1\r\ncontent-type: multipart/form-data" + type +
+               "\r\ncontent-length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+    };
+    const std::string body = "--b\r\ncontent-disposition: form-data; name=a\r\n\r\nvalue\r\n--b--";
+    Link& link = open();
+    link.socket->receive(form("; boundary=b", body));
+    EXPECT_TRUE(link.output.ends_with("\r\n\r\nvalue"));
+    link.socket->receive(form("", body) + getOf("/"));
+    EXPECT_TRUE(link.output.ends_with("connection: close\r\n\r\nMissing multipart boundary"));
+    EXPECT_NE(link.closedNs, 0);
+}
+
+// With the pool full to the last place the posts are refused.
+TEST_F(ZnHttpSessionTest, AnswersFromOtherThreadsWaitForRoom) {
+    std::vector<ZnHttpResponseCallback> callbacks;
+    for (int i = 0; i < 20; ++i) {
+        open([&](const std::shared_ptr<ZnHttpRequest>&, const ZnHttpResponseCallback& callback) {
+            callbacks.push_back(callback);
+        }).socket->receive(getOf("/"));
+    }
+    for (ZnTask task = [] {}; application_.tryPostOnLane(task, ZnFiberPool::kFirstLane); task = [] {}) {
+    }
+    std::thread([&] {
+        for (const ZnHttpResponseCallback& callback : callbacks)
+            callback(ZnHttpResponse::text(200, "/x"));
+    }).join();
+    EXPECT_TRUE(runUntil([&] {
+        return std::all_of(links_.begin(), links_.end(), [](const Link& l) { return l.output == answerTo("/x"); });
+    }));
 }
 
 TEST_F(ZnHttpSessionTest, OnlyTheFirstAnswerToTheRequestCounts) {

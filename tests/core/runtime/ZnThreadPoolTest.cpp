@@ -346,21 +346,16 @@ TEST(ZnThreadPool, ItsEndDropsWhatIsQueuedAndWaitsForWhatRuns) {
 TEST(ZnThreadPool, ATaskMayDeleteItsPool) {
     for (const bool withApplication : {false, true}) {
         const auto application = withApplication ? std::make_unique<ZnCoreApplication>() : nullptr;
-        Counts counts;
-        std::binary_semaphore ended{0};
+        const auto ended = std::make_shared<std::binary_semaphore>(0);
+        std::shared_ptr<void> endOfTask(nullptr, [ended](void*) { ended->release(); });
         auto* pool = new ZnThreadPool;
         pool->setMaxThreadCount(2);
-        Gate gate(*pool);
-        struct Deleter {
-            ZnThreadPool* pool;
-            std::binary_semaphore* ended;
-            ~Deleter() { ended->release(); } // with the task, after run()
-        };
-        pool->start(task([pool, &gate, deleter = std::make_shared<Deleter>(pool, &ended)] {
-            gate.open(); // else its end would wait for ever
+        auto gate = std::make_shared<Gate>(*pool);
+        pool->start(task([pool, gate, endOfTask = std::move(endOfTask)] {
+            gate->open(); // else the pool's end would wait for ever
             delete pool;
         }));
-        EXPECT_TRUE(ended.try_acquire_for(kLong));
+        EXPECT_TRUE(ended->try_acquire_for(kLong));
     }
 }
 

@@ -56,27 +56,23 @@ TEST(ZnThread, IsEndedByItsDestructorAlsoOnItself) {
     for (const Row& row : {Row{"plain", false, false}, Row{"saturated", false, true}, Row{"on itself", true, false}}) {
         SCOPED_TRACE(row.name);
         std::counting_semaphore<> ended{0};
-        struct Ending {
-            std::counting_semaphore<>* ended;
-            ~Ending() { ended->release(); }
-        };
+        std::counting_semaphore<> prepared{0};
         auto* thread = new ZnThread("thread");
         ASSERT_TRUE(thread->start());
-        // Destroyed with the thread's loop, which never runs it.
-        zn::atomic::Thread& handle = thread->handle();
-        std::binary_semaphore filled{0};
-        postToThread(&handle, [&, onItself = row.onItself, saturated = row.saturated] {
+        postToThread(&thread->handle(), [&, row] {
             ZnCoreApplication& application = *ZnCoreApplication::instance();
-            application.addTimer([ending = std::make_shared<Ending>(&ended)] {}, 1000000000, true, 2);
-            if (onItself)
-                delete thread;
-            for (bool more = saturated; more;) {
-                ZnTask nothing([&application] { application.fiberPool().yieldCurrent(nextFiberWaitId()); });
-                more = application.tryPostOnLane(nothing, 0);
+            // Goes with the thread's application, in which it never fires.
+            const std::shared_ptr<void> atEnd(nullptr, [&ended](void*) { ended.release(); });
+            application.addTimer([atEnd] {}, 1000000000, true, 2);
+            for (bool more = row.saturated; more;) {
+                ZnTask parked([&application] { application.fiberPool().yieldCurrent(nextFiberWaitId()); });
+                more = application.tryPostOnLane(parked, 0);
             }
-            filled.release();
+            if (row.onItself)
+                delete thread;
+            prepared.release();
         });
-        ASSERT_TRUE(filled.try_acquire_for(kLong));
+        ASSERT_TRUE(prepared.try_acquire_for(kLong));
         if (!row.onItself)
             delete thread;
         EXPECT_TRUE(ended.try_acquire_for(kLong));

@@ -15,6 +15,8 @@ namespace {
 constexpr const char* kCategory = "zn.core.runtime.znthreadpool";
 constexpr long long kNsPerMs = 1000000;
 constexpr int kQueuedTasksPerThread = 32;
+/// So long a worker runs tasks in one go, at least one. Its timers and sockets are that much late at most.
+constexpr long long kTurnNs = 50000;
 
 long long nowMs() {
     return monotonicNowNs() / kNsPerMs;
@@ -217,7 +219,7 @@ void ZnThreadPool::postDrainOn_(ZnCoreApplication& application, Worker_* worker)
     constexpr int kRetryUs = 1000;
     const auto drain = [this, worker, alive = std::weak_ptr<bool>(aliveToken_)] {
         if (!alive.expired())
-            drainOneTaskOnWorker_(worker, alive);
+            drainWorker_(worker, alive);
     };
     ZnTask task(drain);
     if (!application.tryPostOnLane(task, kLane))
@@ -226,23 +228,24 @@ void ZnThreadPool::postDrainOn_(ZnCoreApplication& application, Worker_* worker)
 
 // --- on a worker's thread
 
-void ZnThreadPool::drainOneTaskOnWorker_(Worker_* worker, const std::weak_ptr<bool>& alive) {
-    const std::uint32_t workerId = worker->id;
+void ZnThreadPool::drainWorker_(Worker_* worker, const std::weak_ptr<bool>& alive) {
     ZnRunnable* task = takeTask_(worker);
-    if (task == nullptr)
-        return;
-    const bool autoDelete = worker->orphan != nullptr;
-    runSafely_(*task, workerId);
-    // The task may have deleted the pool; no other thread can before this one has ended.
-    if (!alive.expired())
-        worker->orphan = nullptr;
-    if (autoDelete)
-        delete task;
-    if (!alive.expired())
-        finishTask_(worker);
+    const long long untilNs = worker->lastActivityNs + kTurnNs;
+    while (task != nullptr) {
+        const bool autoDelete = worker->orphan != nullptr;
+        runSafely_(*task, worker->id);
+        // The task may have deleted the pool; no other thread can before this one has ended.
+        if (!alive.expired())
+            worker->orphan = nullptr;
+        if (autoDelete)
+            delete task;
+        if (alive.expired())
+            return;
+        task = finishTask_(worker, untilNs);
+    }
 }
 
-void ZnThreadPool::runSafely_(ZnRunnable& task, std::uint32_t workerId) {
+void ZnThreadPool::runSafely_(ZnRunnable& task, const std::uint32_t workerId) {
     try {
         task.run();
     } catch (const std::exception& error) {
@@ -260,18 +263,25 @@ ZnRunnable* ZnThreadPool::takeTask_(Worker_* worker) {
     worker->scheduled = false;
     if (worker->retiring || worker->running || worker->tasks.empty())
         return nullptr;
-    ZnRunnable* task = worker->tasks.front().runnable;
-    worker->tasks.pop_front();
+    worker->lastActivityNs = monotonicNowNs();
+    return beginFirst_(*worker);
+}
+
+ZnRunnable* ZnThreadPool::beginFirst_(Worker_& worker) {
+    ZnRunnable* task = worker.tasks.front().runnable;
+    worker.tasks.pop_front();
     --queuedTaskCount_;
     ++activeCount_;
-    worker->running = true;
-    worker->orphan = task->autoDelete ? task : nullptr;
-    ++worker->generation;
-    worker->lastActivityNs = monotonicNowNs();
+    worker.running = true;
+    worker.orphan = task->autoDelete ? task : nullptr;
+    ++worker.generation;
     return task;
 }
 
-void ZnThreadPool::finishTask_(Worker_* worker) {
+ZnRunnable* ZnThreadPool::finishTask_(Worker_* worker, long long untilNs) {
+    ZnCoreApplication& application = *ZnCoreApplication::instance();
+    // Short tasks follow each other without a way through the loop, while nothing there waits for its turn.
+    const bool mayGoOn = !application.fiberPool().hasQueuedWork() && !application.isQuitRequested();
     bool drain = false;
     bool arm = false;
     bool wakeWaiters = false;
@@ -281,6 +291,8 @@ void ZnThreadPool::finishTask_(Worker_* worker) {
         --activeCount_;
         worker->running = false;
         worker->lastActivityNs = monotonicNowNs();
+        if (mayGoOn && !worker->tasks.empty() && worker->lastActivityNs < untilNs)
+            return beginFirst_(*worker);
         drain = needsDrain_(*worker);
         if (!drain) {
             generation = ++worker->generation;
@@ -291,11 +303,12 @@ void ZnThreadPool::finishTask_(Worker_* worker) {
     }
     // The worker and the pool stay: this thread has to end before they go.
     if (drain)
-        postDrainOn_(*ZnCoreApplication::instance(), worker);
+        postDrainOn_(application, worker);
     if (arm)
         armExpiry_(worker, generation, worker->expiryMs * kNsPerMs);
     if (wakeWaiters)
         broadcast_();
+    return nullptr;
 }
 
 void ZnThreadPool::armExpiry_(Worker_* worker, std::uint32_t generation, long long delayNs) {

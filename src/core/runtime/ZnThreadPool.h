@@ -124,10 +124,12 @@ private:
     void postDrainOn_(ZnCoreApplication& application, Worker_* worker);
 
     // On the worker's thread.
-    void drainOneTaskOnWorker_(Worker_* worker, const std::weak_ptr<bool>& alive);
+    void drainWorker_(Worker_* worker, const std::weak_ptr<bool>& alive);
     ZnRunnable* takeTask_(Worker_* worker);
+    ZnRunnable* beginFirst_(Worker_& worker) ZN_REQUIRES(lock_);
     static void runSafely_(ZnRunnable& task, std::uint32_t workerId);
-    void finishTask_(Worker_* worker);
+    /// Returns the task to go on with, or null when the fiber has to end.
+    ZnRunnable* finishTask_(Worker_* worker, long long untilNs);
     void armExpiry_(Worker_* worker, std::uint32_t generation, long long delayNs);
     void expire_(Worker_* worker, std::uint32_t generation);
     void workerEnded_(Worker_* worker);

@@ -117,13 +117,13 @@ bool ZnThreadPool::tryStart(ZnRunnable* task, int priority, bool* saturated) {
 
 ZnThreadPool::Outcome_ ZnThreadPool::submit_(ZnRunnable* task, int priority) {
     std::vector<WorkerRef_> ended; // joined and deleted without the lock
-    WorkerRef_ worker;
+    WorkerRef_ toDrain;
     {
         ZnMutexLocker locker(lock_);
         takeEnded_(&ended);
         if (shuttingDown_ || waitingForDone_)
             return {};
-        worker = chooseWorker_();
+        Worker_* worker = chooseWorker_();
         if (worker == nullptr)
             return {};
         if (isBusy_(*worker) && queuedTaskCount_ >= queueLimit_()) {
@@ -132,8 +132,9 @@ ZnThreadPool::Outcome_ ZnThreadPool::submit_(ZnRunnable* task, int priority) {
         }
         if (!insert_(*worker, {task, priority}))
             return {Verdict_::Accepted};
+        toDrain = worker->shared_from_this();
     }
-    postDrain_(worker.get());
+    postDrain_(toDrain.get()); // without the lock: it may have to wake a sleeping thread
     return {Verdict_::Accepted};
 }
 
@@ -148,26 +149,26 @@ int ZnThreadPool::queueLimit_() const {
     return threads > INT_MAX / kQueuedTasksPerThread ? INT_MAX : threads * kQueuedTasksPerThread;
 }
 
-ZnThreadPool::WorkerRef_ ZnThreadPool::chooseWorker_() {
+ZnThreadPool::Worker_* ZnThreadPool::chooseWorker_() {
     const int cap = std::max(maxThreadCount_ - reservedThreadCount_, 1);
-    WorkerRef_ best = leastLoaded_();
+    Worker_* best = leastLoaded_();
     if ((best != nullptr && !isBusy_(*best)) || workers_.size() >= static_cast<std::size_t>(cap))
         return best;
-    WorkerRef_ created = createWorker_();
+    Worker_* created = createWorker_();
     return created != nullptr ? created : best;
 }
 
-ZnThreadPool::WorkerRef_ ZnThreadPool::leastLoaded_() const {
+ZnThreadPool::Worker_* ZnThreadPool::leastLoaded_() const {
     const auto load = [](const Worker_& worker) {
         return worker.tasks.size() + (worker.running || worker.scheduled ? 1 : 0);
     };
     const auto best = std::min_element(workers_.begin(), workers_.end(), [&](const auto& left, const auto& right) {
         return std::pair(load(*left), left->lastActivityNs) < std::pair(load(*right), right->lastActivityNs);
     });
-    return best == workers_.end() ? nullptr : *best;
+    return best == workers_.end() ? nullptr : best->get();
 }
 
-ZnThreadPool::WorkerRef_ ZnThreadPool::createWorker_() {
+ZnThreadPool::Worker_* ZnThreadPool::createWorker_() {
     const auto worker = std::make_shared<Worker_>();
     worker->id = ++workerIdCounter_;
     worker->expiryMs = expiryTimeoutMs_;
@@ -189,7 +190,7 @@ ZnThreadPool::WorkerRef_ ZnThreadPool::createWorker_() {
         &thread.handle(), [priority = threadPriority(priority_, priorityHint_)] { ZnThreadControl::setPriority(priority); },
         ZnFiberPool::kFirstLane);
     workers_.push_back(worker);
-    return worker;
+    return worker.get();
 }
 
 bool ZnThreadPool::insert_(Worker_& worker, Task_ task) {
@@ -245,7 +246,7 @@ void ZnThreadPool::drainWorker_(Worker_* worker, const std::weak_ptr<bool>& aliv
     }
 }
 
-void ZnThreadPool::runSafely_(ZnRunnable& task, const std::uint32_t workerId) {
+void ZnThreadPool::runSafely_(ZnRunnable& task, std::uint32_t workerId) {
     try {
         task.run();
     } catch (const std::exception& error) {
@@ -380,11 +381,11 @@ void ZnThreadPool::workerEnded_(Worker_* worker) {
 void ZnThreadPool::rescue_(std::deque<Task_> tasks, std::vector<WorkerRef_>* toDrain, std::vector<ZnRunnable*>* lost) {
     queuedTaskCount_ -= static_cast<int>(tasks.size());
     for (const Task_& task : tasks) {
-        const WorkerRef_ worker = chooseWorker_();
+        Worker_* worker = chooseWorker_();
         if (worker == nullptr)
             lost->push_back(task.runnable);
         else if (insert_(*worker, task))
-            toDrain->push_back(worker);
+            toDrain->push_back(worker->shared_from_this());
     }
 }
 

@@ -203,8 +203,8 @@ TEST(ZnThreadPool, AParkedTaskKeepsItsWorkerAndOtherClosuresRun) {
         order.push_back(1);
         loop.exec();
         order.push_back(3);
-        ZnCoreApplication::instance()->postEventOnLane([&] { order.push_back(4); }, 1);
     }));
+    pool.start(task([&] { ZnCoreApplication::instance()->postEventOnLane([&] { order.push_back(4); }, 1); }));
     pool.start(task([&] { order.push_back(5); }));
     EXPECT_TRUE(ends(pool));
     EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4, 5}));
@@ -324,14 +324,15 @@ TEST(ZnThreadPool, TasksOfAWorkerWhoseLoopWasEndedMoveToAnother) {
     pool.setMaxThreadCount(1);
     Counts counts;
     auto gate = std::make_unique<Gate>(pool);
-    pool.start(task([] {
+    const auto token = std::make_shared<int>(0);
+    pool.start(task([token] {
         ZnCoreApplication::instance()->quit();
-        ZnEventLoop().exec(); // never goes on
+        ZnCoreApplication::instance()->fiberPool().yieldCurrent(nextFiberWaitId()); // never goes on
     }));
     for (int i = 0; i < 10; ++i)
         pool.start(new Counted(counts));
     gate.reset();
-    EXPECT_TRUE(eventually([&] { return counts.ran == 10; }));
+    EXPECT_TRUE(eventually([&] { return counts.ran == 10 && token.use_count() == 1; }));
     EXPECT_TRUE(ends(pool));
     EXPECT_EQ(pool.threadCount(), 1);
 }

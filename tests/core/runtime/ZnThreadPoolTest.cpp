@@ -230,8 +230,11 @@ TEST(ZnThreadPool, IdleWorkersLeaveAfterTheirTimeAndWorkKeepsThem) {
     EXPECT_EQ(runAndName(), "ZnThreadPoolWorker_1");
     EXPECT_TRUE(eventually([&] { return pool.threadCount() == 0; }));
     EXPECT_GE(monotonicNowNs() - lastNs, 200000000);
-    pool.setExpiryTimeoutMs(0);
+    pool.setExpiryTimeoutMs(30);
     EXPECT_EQ(runAndName(), "ZnThreadPoolWorker_2");
+    pool.start(task([] { ZnEventLoop().exec(60); })); // its time is up while it has work
+    EXPECT_TRUE(ends(pool));
+    EXPECT_EQ(pool.threadCount(), 1);
     EXPECT_TRUE(eventually([&] { return pool.threadCount() == 0; }));
     pool.setExpiryTimeoutMs(-1);
     EXPECT_EQ(runAndName(), "ZnThreadPoolWorker_3");

@@ -38,8 +38,11 @@ TEST(ZnThread, SignalsSurroundItsRunAndItMayBeStartedAgain) {
         EXPECT_TRUE(thread.onFiber);
         EXPECT_FALSE(thread.start());
         bool ranBeforeQuit = false;
+        std::counting_semaphore<> told{0};
+        postToThread(&thread.handle(), [&] { EXPECT_TRUE(told.try_acquire_for(kLong)); });
         postToThread(&thread.handle(), [&] { ranBeforeQuit = true; }, ZnFiberPool::kFirstLane);
         thread.quit();
+        told.release();
         thread.wait();
         EXPECT_TRUE(ranBeforeQuit);
         EXPECT_FALSE(thread.isRunning());

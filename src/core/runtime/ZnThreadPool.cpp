@@ -15,6 +15,8 @@ namespace {
 constexpr const char* kCategory = "zn.core.runtime.znthreadpool";
 constexpr long long kNsPerMs = 1000000;
 constexpr int kQueuedTasksPerThread = 32;
+/// So long a worker runs tasks in one go, at least one. Its timers and sockets are that much late at most.
+constexpr long long kTurnNs = 50000;
 
 long long nowMs() {
     return monotonicNowNs() / kNsPerMs;
@@ -115,13 +117,13 @@ bool ZnThreadPool::tryStart(ZnRunnable* task, int priority, bool* saturated) {
 
 ZnThreadPool::Outcome_ ZnThreadPool::submit_(ZnRunnable* task, int priority) {
     std::vector<WorkerRef_> ended; // joined and deleted without the lock
-    WorkerRef_ worker;
+    WorkerRef_ toDrain;
     {
         ZnMutexLocker locker(lock_);
         takeEnded_(&ended);
         if (shuttingDown_ || waitingForDone_)
             return {};
-        worker = chooseWorker_();
+        Worker_* worker = chooseWorker_();
         if (worker == nullptr)
             return {};
         if (isBusy_(*worker) && queuedTaskCount_ >= queueLimit_()) {
@@ -130,8 +132,9 @@ ZnThreadPool::Outcome_ ZnThreadPool::submit_(ZnRunnable* task, int priority) {
         }
         if (!insert_(*worker, {task, priority}))
             return {Verdict_::Accepted};
+        toDrain = worker->shared_from_this();
     }
-    postDrain_(worker.get());
+    postDrain_(toDrain.get()); // without the lock: it may have to wake a sleeping thread
     return {Verdict_::Accepted};
 }
 
@@ -146,26 +149,26 @@ int ZnThreadPool::queueLimit_() const {
     return threads > INT_MAX / kQueuedTasksPerThread ? INT_MAX : threads * kQueuedTasksPerThread;
 }
 
-ZnThreadPool::WorkerRef_ ZnThreadPool::chooseWorker_() {
+ZnThreadPool::Worker_* ZnThreadPool::chooseWorker_() {
     const int cap = std::max(maxThreadCount_ - reservedThreadCount_, 1);
-    WorkerRef_ best = leastLoaded_();
+    Worker_* best = leastLoaded_();
     if ((best != nullptr && !isBusy_(*best)) || workers_.size() >= static_cast<std::size_t>(cap))
         return best;
-    WorkerRef_ created = createWorker_();
+    Worker_* created = createWorker_();
     return created != nullptr ? created : best;
 }
 
-ZnThreadPool::WorkerRef_ ZnThreadPool::leastLoaded_() const {
+ZnThreadPool::Worker_* ZnThreadPool::leastLoaded_() const {
     const auto load = [](const Worker_& worker) {
         return worker.tasks.size() + (worker.running || worker.scheduled ? 1 : 0);
     };
     const auto best = std::min_element(workers_.begin(), workers_.end(), [&](const auto& left, const auto& right) {
         return std::pair(load(*left), left->lastActivityNs) < std::pair(load(*right), right->lastActivityNs);
     });
-    return best == workers_.end() ? nullptr : *best;
+    return best == workers_.end() ? nullptr : best->get();
 }
 
-ZnThreadPool::WorkerRef_ ZnThreadPool::createWorker_() {
+ZnThreadPool::Worker_* ZnThreadPool::createWorker_() {
     const auto worker = std::make_shared<Worker_>();
     worker->id = ++workerIdCounter_;
     worker->expiryMs = expiryTimeoutMs_;
@@ -187,7 +190,7 @@ ZnThreadPool::WorkerRef_ ZnThreadPool::createWorker_() {
         &thread.handle(), [priority = threadPriority(priority_, priorityHint_)] { ZnThreadControl::setPriority(priority); },
         ZnFiberPool::kFirstLane);
     workers_.push_back(worker);
-    return worker;
+    return worker.get();
 }
 
 bool ZnThreadPool::insert_(Worker_& worker, Task_ task) {
@@ -217,7 +220,7 @@ void ZnThreadPool::postDrainOn_(ZnCoreApplication& application, Worker_* worker)
     constexpr int kRetryUs = 1000;
     const auto drain = [this, worker, alive = std::weak_ptr<bool>(aliveToken_)] {
         if (!alive.expired())
-            drainOneTaskOnWorker_(worker, alive);
+            drainWorker_(worker, alive);
     };
     ZnTask task(drain);
     if (!application.tryPostOnLane(task, kLane))
@@ -226,20 +229,21 @@ void ZnThreadPool::postDrainOn_(ZnCoreApplication& application, Worker_* worker)
 
 // --- on a worker's thread
 
-void ZnThreadPool::drainOneTaskOnWorker_(Worker_* worker, const std::weak_ptr<bool>& alive) {
-    const std::uint32_t workerId = worker->id;
+void ZnThreadPool::drainWorker_(Worker_* worker, const std::weak_ptr<bool>& alive) {
     ZnRunnable* task = takeTask_(worker);
-    if (task == nullptr)
-        return;
-    const bool autoDelete = worker->orphan != nullptr;
-    runSafely_(*task, workerId);
-    // The task may have deleted the pool; no other thread can before this one has ended.
-    if (!alive.expired())
-        worker->orphan = nullptr;
-    if (autoDelete)
-        delete task;
-    if (!alive.expired())
-        finishTask_(worker);
+    const long long untilNs = worker->lastActivityNs + kTurnNs;
+    while (task != nullptr) {
+        const bool autoDelete = worker->orphan != nullptr;
+        runSafely_(*task, worker->id);
+        // The task may have deleted the pool; no other thread can before this one has ended.
+        if (!alive.expired())
+            worker->orphan = nullptr;
+        if (autoDelete)
+            delete task;
+        if (alive.expired())
+            return;
+        task = finishTask_(worker, untilNs);
+    }
 }
 
 void ZnThreadPool::runSafely_(ZnRunnable& task, std::uint32_t workerId) {
@@ -260,18 +264,25 @@ ZnRunnable* ZnThreadPool::takeTask_(Worker_* worker) {
     worker->scheduled = false;
     if (worker->retiring || worker->running || worker->tasks.empty())
         return nullptr;
-    ZnRunnable* task = worker->tasks.front().runnable;
-    worker->tasks.pop_front();
+    worker->lastActivityNs = monotonicNowNs();
+    return beginFirst_(*worker);
+}
+
+ZnRunnable* ZnThreadPool::beginFirst_(Worker_& worker) {
+    ZnRunnable* task = worker.tasks.front().runnable;
+    worker.tasks.pop_front();
     --queuedTaskCount_;
     ++activeCount_;
-    worker->running = true;
-    worker->orphan = task->autoDelete ? task : nullptr;
-    ++worker->generation;
-    worker->lastActivityNs = monotonicNowNs();
+    worker.running = true;
+    worker.orphan = task->autoDelete ? task : nullptr;
+    ++worker.generation;
     return task;
 }
 
-void ZnThreadPool::finishTask_(Worker_* worker) {
+ZnRunnable* ZnThreadPool::finishTask_(Worker_* worker, long long untilNs) {
+    ZnCoreApplication& application = *ZnCoreApplication::instance();
+    // Short tasks follow each other without a way through the loop, while nothing there waits for its turn.
+    const bool mayGoOn = !application.fiberPool().hasQueuedWork() && !application.isQuitRequested();
     bool drain = false;
     bool arm = false;
     bool wakeWaiters = false;
@@ -281,6 +292,8 @@ void ZnThreadPool::finishTask_(Worker_* worker) {
         --activeCount_;
         worker->running = false;
         worker->lastActivityNs = monotonicNowNs();
+        if (mayGoOn && !worker->tasks.empty() && worker->lastActivityNs < untilNs)
+            return beginFirst_(*worker);
         drain = needsDrain_(*worker);
         if (!drain) {
             generation = ++worker->generation;
@@ -291,11 +304,12 @@ void ZnThreadPool::finishTask_(Worker_* worker) {
     }
     // The worker and the pool stay: this thread has to end before they go.
     if (drain)
-        postDrainOn_(*ZnCoreApplication::instance(), worker);
+        postDrainOn_(application, worker);
     if (arm)
         armExpiry_(worker, generation, worker->expiryMs * kNsPerMs);
     if (wakeWaiters)
         broadcast_();
+    return nullptr;
 }
 
 void ZnThreadPool::armExpiry_(Worker_* worker, std::uint32_t generation, long long delayNs) {
@@ -367,11 +381,11 @@ void ZnThreadPool::workerEnded_(Worker_* worker) {
 void ZnThreadPool::rescue_(std::deque<Task_> tasks, std::vector<WorkerRef_>* toDrain, std::vector<ZnRunnable*>* lost) {
     queuedTaskCount_ -= static_cast<int>(tasks.size());
     for (const Task_& task : tasks) {
-        const WorkerRef_ worker = chooseWorker_();
+        Worker_* worker = chooseWorker_();
         if (worker == nullptr)
             lost->push_back(task.runnable);
         else if (insert_(*worker, task))
-            toDrain->push_back(worker);
+            toDrain->push_back(worker->shared_from_this());
     }
 }
 

@@ -87,7 +87,7 @@ private:
         int priority = 0;
     };
     /// All but `id`, `thread`, `expiryMs` and `orphan` is guarded by lock_.
-    struct Worker_ {
+    struct Worker_ : std::enable_shared_from_this<Worker_> {
         std::uint32_t id = 0;
         std::unique_ptr<ZnThread> thread;
         std::deque<Task_> tasks; // higher priorities first, then in order of arrival
@@ -112,9 +112,9 @@ private:
     int get_(int ZnThreadPool::*field) const;
     static void release_(ZnRunnable* task);
     Outcome_ submit_(ZnRunnable* task, int priority);
-    WorkerRef_ chooseWorker_() ZN_REQUIRES(lock_);
-    WorkerRef_ leastLoaded_() const ZN_REQUIRES(lock_);
-    WorkerRef_ createWorker_() ZN_REQUIRES(lock_);
+    Worker_* chooseWorker_() ZN_REQUIRES(lock_);
+    Worker_* leastLoaded_() const ZN_REQUIRES(lock_);
+    Worker_* createWorker_() ZN_REQUIRES(lock_);
     static bool isBusy_(const Worker_& worker);
     int queueLimit_() const ZN_REQUIRES(lock_);
     /// Returns whether the caller has to post a drain, when it has released the lock.
@@ -124,10 +124,12 @@ private:
     void postDrainOn_(ZnCoreApplication& application, Worker_* worker);
 
     // On the worker's thread.
-    void drainOneTaskOnWorker_(Worker_* worker, const std::weak_ptr<bool>& alive);
+    void drainWorker_(Worker_* worker, const std::weak_ptr<bool>& alive);
     ZnRunnable* takeTask_(Worker_* worker);
+    ZnRunnable* beginFirst_(Worker_& worker) ZN_REQUIRES(lock_);
     static void runSafely_(ZnRunnable& task, std::uint32_t workerId);
-    void finishTask_(Worker_* worker);
+    /// Returns the task to go on with, or null when the fiber has to end.
+    ZnRunnable* finishTask_(Worker_* worker, long long untilNs);
     void armExpiry_(Worker_* worker, std::uint32_t generation, long long delayNs);
     void expire_(Worker_* worker, std::uint32_t generation);
     void workerEnded_(Worker_* worker);

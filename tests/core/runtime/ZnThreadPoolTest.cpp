@@ -1,0 +1,368 @@
+#include "core/runtime/ZnThreadPool.h"
+
+#include "core/platform/ZnMonotonicClock.h"
+#include "core/runtime/ZnCoreApplication.h"
+#include "core/runtime/ZnEventLoop.h"
+#include "core/runtime/ZnTimer.h"
+#include "support/LogCapture.h"
+
+#include <gtest/gtest.h>
+#include <semaphore>
+#include <stdexcept>
+#include <sys/resource.h>
+#include <thread>
+
+namespace {
+
+template <typename F>
+ZnRunnable* task(F body) {
+    return new ZnCallableRunnable<F>(std::move(body));
+}
+
+template <typename Condition>
+bool eventually(Condition condition) {
+    const long long endNs = monotonicNowNs() + 30000000000LL;
+    while (!condition() && monotonicNowNs() < endNs)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return condition();
+}
+
+bool ends(ZnThreadPool& pool) {
+    return pool.waitForDone(ZnThreadPool::Deadline::inMs(30000));
+}
+
+/// Occupies a worker from its construction to open().
+class Gate {
+public:
+    explicit Gate(ZnThreadPool& pool) {
+        pool.start(task([ways = ways_] {
+            ways->entered = true;
+            ways->left.acquire();
+        }));
+        EXPECT_TRUE(eventually([this] { return ways_->entered.load(); }));
+    }
+    ~Gate() { open(); }
+    void open() { ways_->left.release(); }
+
+private:
+    struct Ways_ {
+        std::atomic<bool> entered{false};
+        std::counting_semaphore<> left{0};
+    };
+    const std::shared_ptr<Ways_> ways_ = std::make_shared<Ways_>();
+};
+
+struct Counts {
+    std::atomic<int> ran{0};
+    std::atomic<int> deleted{0};
+};
+class Counted final : public ZnRunnable {
+public:
+    explicit Counted(Counts& counts) : counts_(counts) {}
+    ~Counted() override { ++counts_.deleted; }
+    void run() override { ++counts_.ran; }
+
+private:
+    Counts& counts_;
+};
+
+TEST(ZnThreadPool, AWorkersQueueIsOrderedByPriorityThenArrivalAndSurvivesExceptions) {
+    LogCapture log;
+    ZnThreadPool pool;
+    pool.setMaxThreadCount(1);
+    std::vector<int> order;
+    auto gate = std::make_unique<Gate>(pool);
+    pool.start(task([] { throw std::runtime_error("boom"); }), 100);
+    pool.start(task([] { throw 5; }), 100);
+    int number = 0;
+    for (const int priority : {1, 5, 1, -3, 5, 0, 9}) {
+        pool.start(task([&order, id = priority * 10 + number] { order.push_back(id); }), priority);
+        ++number;
+    }
+    EXPECT_EQ(pool.activeCount(), 1);
+    gate.reset();
+    EXPECT_TRUE(ends(pool));
+    EXPECT_EQ(order, (std::vector<int>{96, 51, 54, 10, 12, 5, -27}));
+    EXPECT_EQ(pool.activeCount(), 0);
+    EXPECT_EQ(log.countOf("ZnRunnable::run() threw exception on worker 1: boom — continuing execution"), 1);
+    EXPECT_EQ(log.countOf("ZnRunnable::run() threw unknown exception on worker 1 — continuing execution"), 1);
+}
+
+TEST(ZnThreadPool, TheLeastLoadedThenLongestIdleWorkerTakesTheTask) {
+    ZnThreadPool pool;
+    pool.setMaxThreadCount(2);
+    const auto runOne = [&pool](bool alone = true) {
+        std::atomic<unsigned> id{0};
+        pool.start(task([&id] { id = zn::atomic::Thread::currentThread()->threadId(); }));
+        EXPECT_TRUE(alone ? ends(pool) : eventually([&] { return id != 0 && pool.activeCount() == 1; }));
+        return id.load();
+    };
+    const unsigned first = runOne();
+    EXPECT_EQ(runOne(), first); // an idle worker is better than a new one
+    auto gate = std::make_unique<Gate>(pool);
+    const unsigned second = runOne(false);
+    gate.reset();
+    EXPECT_TRUE(ends(pool));
+    EXPECT_NE(second, first);
+    EXPECT_EQ(pool.threadCount(), 2);
+    EXPECT_EQ(runOne(), second); // the gate's worker was busy last
+    EXPECT_EQ(runOne(), first);
+}
+
+TEST(ZnThreadPool, AFullQueueRefusesUnlessAWorkerIsIdle) {
+    struct Row {
+        const char* name;
+        int threads, reserved, limit;
+        int workers, accepted; // accepted behind busy workers
+    };
+    constexpr int kTries = 200;
+    constexpr Row kRows[] = {{"automatic", 4, 0, 0, 4, 128},  {"automatic, reserved", 4, 3, 0, 1, 128},
+                             {"all reserved", 2, 9, 3, 1, 3}, {"no threads", 0, 0, 0, 1, 32},
+                             {"unlimited", 1, 0, -1, 1, kTries}};
+    for (const Row& row : kRows) {
+        SCOPED_TRACE(row.name);
+        LogCapture log;
+        ZnThreadPool pool;
+        pool.setMaxThreadCount(row.threads);
+        pool.setReservedThreadCount(row.reserved);
+        pool.setMaxQueuedTaskCount(row.limit);
+        std::vector<std::unique_ptr<Gate>> gates;
+        for (int i = 0; i < row.workers; ++i)
+            gates.push_back(std::make_unique<Gate>(pool));
+        Counts counts;
+        for (int i = 0; i < kTries; ++i)
+            pool.start(new Counted(counts));
+        const int refused = kTries - row.accepted;
+        EXPECT_EQ(pool.threadCount(), row.workers);
+        EXPECT_EQ(counts.deleted, refused);
+        const ZnString number = ZnString::number(row.accepted);
+        EXPECT_EQ(log.countOf(("ZnThreadPool saturated; rejecting task because queuedTaskCount=" + number +
+                               " reached maxQueuedTaskCount=" + number).view()), refused);
+        pool.setMaxQueuedTaskCount(1);
+        bool saturated = false;
+        Counted kept(counts);
+        EXPECT_FALSE(pool.tryStart(&kept, 0, &saturated));
+        EXPECT_TRUE(saturated);
+        EXPECT_EQ(pool.rejectedCount(), refused + 1);
+        EXPECT_EQ(log.countOf(""), refused); // tryStart does not log
+        pool.setMaxThreadCount(row.workers + row.reserved + 1);
+        for (int ran = 1; ran <= 2; ++ran) { // a new worker, then an idle one
+            EXPECT_TRUE(pool.tryStart(new Counted(counts)));
+            EXPECT_TRUE(eventually([&] { return counts.ran == ran && pool.activeCount() == row.workers; }));
+        }
+        gates.clear();
+        EXPECT_TRUE(ends(pool));
+        EXPECT_EQ(counts.ran, row.accepted + 2);
+    }
+}
+
+TEST(ZnThreadPool, WaitForDoneInAllItsCases) {
+    LogCapture log;
+    ZnThreadPool pool;
+    EXPECT_TRUE(pool.waitForDone({false, 0})); // nothing to wait for: also with a past deadline
+    std::atomic<int> answer{-1};
+    pool.start(task([&] { answer = pool.waitForDone() ? 1 : 0; }));
+    EXPECT_TRUE(eventually([&] { return answer == 0; }));
+    EXPECT_EQ(log.countOf("waitForDone() called from a ZnThreadPool worker; refusing to self-block"), 1);
+
+    Gate gate(pool);
+    EXPECT_FALSE(pool.waitForDone({false, 0}));
+    const long long startNs = monotonicNowNs();
+    EXPECT_FALSE(pool.waitForDone(ZnThreadPool::Deadline::inMs(30)));
+    EXPECT_GE(monotonicNowNs() - startNs, 29000000);
+    Counts counts;
+    EXPECT_TRUE(pool.tryStart(new Counted(counts))); // the wait is over
+    EXPECT_TRUE(eventually([&] { return counts.deleted == 1; }));
+
+    bool done = false;
+    std::thread waiter([&] { done = pool.waitForDone(); });
+    Counted kept(counts);
+    kept.autoDelete = false;
+    bool saturated = true;
+    EXPECT_TRUE(eventually([&] { return !pool.tryStart(&kept, 0, &saturated); }));
+    EXPECT_FALSE(saturated);
+    pool.start(new Counted(counts));
+    EXPECT_EQ(counts.deleted, 2);     // refused without a line
+    EXPECT_FALSE(pool.waitForDone()); // somebody waits already
+    gate.open();
+    waiter.join();
+    EXPECT_TRUE(done);
+    EXPECT_EQ(log.countOf(""), 1);
+}
+
+TEST(ZnThreadPool, AParkedTaskKeepsItsWorkerAndOtherClosuresRun) {
+    ZnThreadPool pool;
+    pool.setMaxThreadCount(1);
+    std::vector<int> order;
+    pool.start(task([&] {
+        ZnEventLoop loop;
+        ZnTimer::singleShot(30, [&] {
+            order.push_back(2);
+            loop.quit();
+        });
+        order.push_back(1);
+        loop.exec();
+        order.push_back(3);
+    }));
+    pool.start(task([&] { ZnCoreApplication::instance()->postEventOnLane([&] { order.push_back(4); }, 1); }));
+    pool.start(task([&] { order.push_back(5); }));
+    EXPECT_TRUE(ends(pool));
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4, 5}));
+}
+
+TEST(ZnThreadPool, IdleWorkersLeaveAfterTheirTimeAndWorkKeepsThem) {
+    ZnThreadPool pool;
+    pool.setMaxThreadCount(1);
+    const auto runAndName = [&pool] {
+        ZnString name;
+        pool.start(task([&] { name = ZnString(zn::atomic::Thread::currentThread()->name()); }));
+        EXPECT_TRUE(ends(pool));
+        return name;
+    };
+    pool.setExpiryTimeoutMs(200);
+    const long long startNs = monotonicNowNs();
+    long long lastNs = startNs;
+    while (lastNs - startNs < 400000000) {
+        runAndName();
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        lastNs = monotonicNowNs();
+    }
+    EXPECT_EQ(runAndName(), "ZnThreadPoolWorker_1");
+    EXPECT_TRUE(eventually([&] { return pool.threadCount() == 0; }));
+    EXPECT_GE(monotonicNowNs() - lastNs, 200000000);
+    pool.setExpiryTimeoutMs(30);
+    EXPECT_EQ(runAndName(), "ZnThreadPoolWorker_2");
+    pool.start(task([] { ZnEventLoop().exec(60); })); // its time is up while it has work
+    EXPECT_TRUE(ends(pool));
+    EXPECT_EQ(pool.threadCount(), 1);
+    EXPECT_TRUE(eventually([&] { return pool.threadCount() == 0; }));
+    pool.setExpiryTimeoutMs(-1);
+    EXPECT_EQ(runAndName(), "ZnThreadPoolWorker_3");
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(pool.threadCount(), 1);
+}
+
+TEST(ZnThreadPool, WorkersHaveThePriorityAndTheStackThatWasAskedFor) {
+    struct Row {
+        int priority, hint, nice; // only what needs no permission
+    };
+    constexpr Row kRows[] = {{0, 0, 15}, {1, 0, 2}, {2, 0, 1}, {3, 0, 0}, {7, 0, 0}, {7, 2, 1}, {8, 2, 0}, {-1, 1, 0}};
+    LogCapture log;
+    for (const Row& row : kRows) {
+        ZnThreadPool pool;
+        pool.setPriority(row.priority);
+        pool.setPriorityHint(row.hint);
+        pool.setStackSize(1 << 20);
+        int nice = 99;
+        pool.start(task([&nice] {
+            char large[800000]; // more than the usual stack
+            volatile char* lowest = large;
+            *lowest = 1;
+            nice = getpriority(PRIO_PROCESS, 0);
+        }));
+        EXPECT_TRUE(ends(pool));
+        EXPECT_EQ(nice, row.nice) << row.priority;
+    }
+    EXPECT_EQ(log.countOf(""), 0);
+}
+
+TEST(ZnThreadPool, ItsEndDropsWhatIsQueuedAndWaitsForWhatRunsOrIsParked) {
+    for (const bool withApplication : {false, true}) {
+        const auto application = withApplication ? std::make_unique<ZnCoreApplication>() : nullptr;
+        Counts counts;
+        Counted kept(counts);
+        kept.autoDelete = false;
+        bool refusedInTask = false;
+        auto* pool = new ZnThreadPool;
+        pool->setMaxThreadCount(2);
+        Gate gate(*pool);
+        pool->start(task([&] {
+            ZnEventLoop loop;
+            ZnTimer::singleShot(50, [&] { loop.quit(); });
+            loop.exec();
+            refusedInTask = !pool->tryStart(&kept);
+        }));
+        for (int i = 0; i < 10; ++i)
+            pool->start(new Counted(counts));
+        EXPECT_TRUE(pool->tryStart(&kept));
+        EXPECT_TRUE(eventually([&] { return pool->activeCount() == 2; }));
+        std::thread opener([&] {
+            EXPECT_TRUE(eventually([&] { return counts.deleted == 10; })); // the end has begun
+            gate.open();
+        });
+        delete pool;
+        EXPECT_TRUE(refusedInTask);
+        EXPECT_EQ(counts.ran, 0);
+        EXPECT_EQ(counts.deleted, 10);
+        opener.join();
+    }
+}
+
+TEST(ZnThreadPool, FinishingTasksAndThePoolsEndMeet) {
+    for (int round = 0; round < 200; ++round) {
+        std::atomic<int> ran{0};
+        const auto application = round % 2 == 0 ? std::make_unique<ZnCoreApplication>() : nullptr;
+        ZnThreadPool pool;
+        pool.setMaxThreadCount(2);
+        pool.setExpiryTimeoutMs(0);
+        for (int i = 0; i < 1 + round % 5; ++i)
+            pool.start(task([&ran] { ++ran; }));
+        while (round % 3 == 0 && ran.load() == 0) {
+        }
+    }
+}
+
+TEST(ZnThreadPool, ATaskMayDeleteItsPool) {
+    auto ended = std::make_shared<std::binary_semaphore>(0);
+    std::shared_ptr<void> endOfTask(nullptr, [ended](void*) { ended->release(); });
+    auto* pool = new ZnThreadPool;
+    pool->setMaxThreadCount(2);
+    pool->start(task([] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); }));
+    pool->start(task([pool, endOfTask = std::move(endOfTask)] { delete pool; }));
+    EXPECT_TRUE(ended->try_acquire_for(std::chrono::seconds(30)));
+}
+
+TEST(ZnThreadPool, TasksOfAWorkerWhoseLoopWasEndedMoveToAnother) {
+    ZnThreadPool pool;
+    pool.setMaxThreadCount(1);
+    Counts counts;
+    auto gate = std::make_unique<Gate>(pool);
+    const auto token = std::make_shared<int>(0);
+    pool.start(task([token] {
+        ZnCoreApplication::instance()->quit();
+        ZnCoreApplication::instance()->fiberPool().yieldCurrent(nextFiberWaitId()); // never goes on
+    }));
+    for (int i = 0; i < 10; ++i)
+        pool.start(new Counted(counts));
+    gate.reset();
+    EXPECT_TRUE(eventually([&] { return counts.ran == 10 && token.use_count() == 1; }));
+    EXPECT_TRUE(ends(pool));
+    EXPECT_EQ(pool.threadCount(), 1);
+}
+
+TEST(ZnThreadPool, ManyShortTasksFromManyThreads) {
+    constexpr int kThreads = 4;
+    constexpr int kTasks = 3000;
+    Counts counts;
+    ZnThreadPool pool;
+    pool.setMaxThreadCount(3);
+    pool.setMaxQueuedTaskCount(64);
+    pool.setExpiryTimeoutMs(0);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&] {
+            for (int n = 0; n < kTasks; ++n) {
+                ZnRunnable* next = new Counted(counts);
+                while (!pool.tryStart(next, n % 3))
+                    std::this_thread::yield();
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_TRUE(ends(pool));
+    EXPECT_EQ(counts.ran, kThreads * kTasks);
+    EXPECT_EQ(counts.deleted, kThreads * kTasks);
+}
+
+} // namespace

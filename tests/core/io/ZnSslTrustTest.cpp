@@ -1,0 +1,188 @@
+#include "core/io/ZnSslTrust_.h"
+
+#include "core/io/TlsPeers.h"
+
+#include <chrono>
+#include <openssl/pem.h>
+#include <sys/stat.h>
+#include <thread>
+
+namespace {
+
+using Context = std::shared_ptr<const ZnSslContextHandle_>;
+
+X509* readCertificate(const ZnString& path) {
+    BIO* file = BIO_new_file(path.data(), "r");
+    X509* certificate = PEM_read_bio_X509(file, nullptr, nullptr, nullptr);
+    BIO_free(file);
+    return certificate;
+}
+
+/// Each test begins with no authorities but those it places, in a current directory of its own.
+class ZnSslTrustTest : public ::testing::Test {
+protected:
+    ZnSslTrustTest() {
+        EXPECT_TRUE(ZnOpenSslApi_::instance().ensureLoaded(&errorText_));
+        std::filesystem::current_path(directory_.path().str());
+        set("SSL_CERT_FILE", "none");
+        set("SSL_CERT_DIR", "none");
+    }
+    ~ZnSslTrustTest() override {
+        for (const char* name : {"SSL_CERT_FILE", "SSL_CERT_DIR", "ZN_SSL_CA_FILE", "ZN_SSL_CA_DIR"})
+            ::unsetenv(name);
+        ZnSslTrust_::setFallbackCaFile({});
+        ZnSslTrust_::setFallbackCaDir({});
+        ZnSslTrust_::setKeepsContexts(true); // forgets those of this test
+        std::filesystem::current_path("/");
+    }
+
+    static void set(const char* name, const ZnString& value) { ::setenv(name, value.data(), 1); }
+    Context context(const ZnString& caFile = {}) {
+        Context found = ZnSslTrust_::clientContext(ZnOpenSslApi_::instance(), caFile, &errorText_);
+        EXPECT_NE(found, nullptr) << errorText_;
+        return found;
+    }
+    /// A context is kept when its sources have not been changed for a while.
+    Context keptContext(const ZnString& caFile = {}) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (context(caFile) != context(caFile)) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                ADD_FAILURE() << "never kept";
+                break;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        return context(caFile);
+    }
+    /// Whether the certificate `name` passes with the context's authorities.
+    bool trusts(const Context& context, const std::string& name) {
+        X509* certificate = readCertificate(files_.path(name));
+        X509_STORE_CTX* check = X509_STORE_CTX_new();
+        X509_STORE_CTX_init(check, SSL_CTX_get_cert_store(context->get()), certificate, nullptr);
+        const bool isTrusted = X509_verify_cert(check) == 1;
+        X509_STORE_CTX_free(check);
+        X509_free(certificate);
+        return isTrusted;
+    }
+    /// Puts an authority at `path`, or in the place of the one that is there: the same file with other bytes.
+    void place(const std::string& path, const char* authority = "ca.pem") {
+        directory_.file(path, contentOf(files_.path(authority)));
+    }
+    /// The name under which the authority of the tests is looked for in a directory.
+    std::string hashedName() {
+        X509* certificate = readCertificate(files_.path("ca.pem"));
+        char name[16];
+        std::snprintf(name, sizeof(name), "%08lx.0", X509_subject_name_hash(certificate));
+        X509_free(certificate);
+        return name;
+    }
+
+    const TlsFiles& files_ = TlsFiles::instance();
+    TemporaryDirectory directory_;
+    ZnString errorText_;
+};
+
+TEST_F(ZnSslTrustTest, ACaFileThatIsNoneIsNamed) {
+    ASSERT_EQ(::mkfifo("pipe", 0600), 0);
+    directory_.file("empty", "");
+    struct Row {
+        const char* path;
+        const char* text;
+    };
+    const Row rows[] = {{"none", "Failed to load CA file: none (file not found)"},
+                        {".", "Failed to load CA file: . (file not found)"},
+                        {"empty", "Failed to load CA file: empty"},
+                        {"pipe", "Failed to load CA file: pipe"}};
+    ::alarm(30); // a pipe that is opened waits for ever
+    for (const Row& row : rows) {
+        EXPECT_EQ(ZnSslTrust_::clientContext(ZnOpenSslApi_::instance(), row.path, &errorText_), nullptr);
+        EXPECT_EQ(errorText_, row.text);
+        EXPECT_EQ(ERR_peek_error(), 0U);
+    }
+    set("ZN_SSL_CA_FILE", "pipe");
+    EXPECT_FALSE(trusts(context(), "good.pem"));
+    ::alarm(0);
+    place("ca");
+    EXPECT_TRUE(trusts(context("ca"), "good.pem"));
+}
+
+TEST_F(ZnSslTrustTest, EverySourceIsFound) {
+    const std::string hashed = hashedName();
+    struct Row {
+        const char* variable; // null: nothing to set
+        const char* value;
+        std::string path; // of the authority
+    };
+    const Row rows[] = {{"SSL_CERT_FILE", "file", "file"},     {"SSL_CERT_DIR", "none:dir", "dir/" + hashed},
+                        {"ZN_SSL_CA_FILE", "file", "file"},    {"ZN_SSL_CA_DIR", "dir", "dir/" + hashed},
+                        {"fallback file", "file", "file"},     {"fallback dir", "dir", "dir/" + hashed},
+                        {nullptr, "", "certs/ca-bundle.pem"},  {nullptr, "", "certs/ca-bundle.crt"},
+                        {nullptr, "", "certs/cacert.pem"},     {nullptr, "", "certs/cert.pem"},
+                        {nullptr, "", "ssl/cert.pem"},         {nullptr, "", "ca-bundle.pem"},
+                        {nullptr, "", "ca-bundle.crt"},        {nullptr, "", "cacert.pem"},
+                        {nullptr, "", "cert.pem"},             {nullptr, "", "certs/" + hashed},
+                        {nullptr, "", "ssl/certs/" + hashed}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.path);
+        EXPECT_FALSE(trusts(context(), "good.pem"));
+        place(row.path);
+        const std::string variable = row.variable == nullptr ? "" : row.variable;
+        if (variable == "fallback file")
+            ZnSslTrust_::setFallbackCaFile(row.value);
+        else if (variable == "fallback dir")
+            ZnSslTrust_::setFallbackCaDir(row.value);
+        else if (!variable.empty())
+            set(row.variable, row.value);
+        set("ZN_SSL_CA_DIR", variable == "ZN_SSL_CA_DIR" ? row.value : "file"); // one that is none does no harm
+        EXPECT_TRUE(trusts(context(), "good.pem"));
+        EXPECT_FALSE(trusts(context(), "wrongca.pem"));
+        std::filesystem::remove(row.path);
+    }
+}
+
+TEST_F(ZnSslTrustTest, AContextIsGivenAgainUntilASourceChanges) {
+    const std::string hashed = "dir/" + hashedName();
+    place("one");
+    place("two");
+    place(hashed);
+    set("ZN_SSL_CA_FILE", "one");
+    set("ZN_SSL_CA_DIR", "dir");
+    const Context first = keptContext();
+    EXPECT_EQ(keptContext("two"), context("two"));
+    EXPECT_NE(context("two"), first);
+    set("ZN_SSL_CA_FILE", "two");
+    EXPECT_NE(context(), first);
+    EXPECT_EQ(context(), context());
+
+    set("ZN_SSL_CA_FILE", "");
+    const Context fromDirectory = context();
+    EXPECT_TRUE(trusts(fromDirectory, "good.pem")); // reads the file in the directory
+    EXPECT_EQ(context(), fromDirectory);
+    place(hashed, "otherca.pem");
+    EXPECT_FALSE(trusts(context(), "good.pem"));
+
+    set("ZN_SSL_CA_DIR", "");
+    const Context withoutDirectory = context();
+    EXPECT_EQ(context(), withoutDirectory);
+    place("cert.pem");
+    EXPECT_TRUE(trusts(context(), "good.pem"));
+    EXPECT_TRUE(trusts(context("two"), "good.pem"));
+    place("two", "otherca.pem");
+    EXPECT_FALSE(trusts(context("two"), "good.pem"));
+    EXPECT_TRUE(trusts(context("two"), "wrongca.pem"));
+}
+
+TEST_F(ZnSslTrustTest, OnlySoManyContextsAreKept) {
+    std::vector<std::weak_ptr<const ZnSslContextHandle_>> contexts;
+    for (std::size_t i = 0; i < ZnSslTrust_::kMaxKeptContexts + 6; ++i)
+        place("ca" + std::to_string(i));
+    keptContext("ca69");
+    for (std::size_t i = 0; i < ZnSslTrust_::kMaxKeptContexts + 6; ++i)
+        contexts.push_back(context(ZnString("ca" + std::to_string(i))));
+    const auto isKept = [](const auto& context) { return !context.expired(); };
+    EXPECT_EQ(std::count_if(contexts.begin(), contexts.end(), isKept),
+              static_cast<std::ptrdiff_t>(ZnSslTrust_::kMaxKeptContexts));
+    EXPECT_FALSE(isKept(contexts.front()));
+}
+
+} // namespace

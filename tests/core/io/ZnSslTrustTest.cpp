@@ -145,6 +145,7 @@ TEST_F(ZnSslTrustTest, AContextIsGivenAgainUntilASourceChanges) {
     place("one");
     place("two");
     place(hashed);
+    place("elsewhere/cert.pem");
     set("ZN_SSL_CA_FILE", "one");
     set("ZN_SSL_CA_DIR", "dir");
     const Context first = keptContext();
@@ -164,6 +165,10 @@ TEST_F(ZnSslTrustTest, AContextIsGivenAgainUntilASourceChanges) {
     set("ZN_SSL_CA_DIR", "");
     const Context withoutDirectory = context();
     EXPECT_EQ(context(), withoutDirectory);
+    std::filesystem::current_path("elsewhere");
+    EXPECT_TRUE(trusts(context(), "good.pem"));
+    std::filesystem::current_path("..");
+    EXPECT_FALSE(trusts(context(), "good.pem"));
     place("cert.pem");
     EXPECT_TRUE(trusts(context(), "good.pem"));
     EXPECT_TRUE(trusts(context("two"), "good.pem"));

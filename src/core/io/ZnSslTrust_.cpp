@@ -119,7 +119,8 @@ private:
         sources_.addPath(places_.defaultFile);
         for (const std::string_view rest = places_.defaultDir.view(); const ZnString& directory : splitList_(rest))
             sources_.addHashedDirectory(directory);
-        if (api_.SSL_CTX_set_default_verify_paths(context_) == 1)
+        const bool isReadable = ZnFileIdentity::of(places_.defaultFile).kind != ZnFileIdentity::Kind::Pipe;
+        if (isReadable && api_.SSL_CTX_set_default_verify_paths(context_) == 1)
             return note_("openssl-defaults");
         api_.clearErrors();
         return note_("openssl-defaults", " failed");
@@ -154,7 +155,7 @@ private:
             sources_.addHashedDirectory(path);
         if (api_.SSL_CTX_load_verify_locations == nullptr)
             return note_(label, " unavailable");
-        const bool isReadable = kind != ZnFileIdentity::Kind::Other; // a pipe could block the loop
+        const bool isReadable = kind != ZnFileIdentity::Kind::Pipe;
         if (isReadable && api_.SSL_CTX_load_verify_locations(context_, file.isEmpty() ? nullptr : file.data(),
                                                              directory.isEmpty() ? nullptr : directory.data()) == 1)
             return note_(label);
@@ -197,8 +198,7 @@ bool loadCaFile(const ZnOpenSslApi_& api, SSL_CTX* context, const ZnString& caFi
         *errorText += " (file not found)";
         return false;
     }
-    // Anything else that is no regular file could block the loop when it is opened.
-    const bool isLoaded = kind == ZnFileIdentity::Kind::File && api.SSL_CTX_load_verify_locations != nullptr &&
+    const bool isLoaded = kind != ZnFileIdentity::Kind::Pipe && api.SSL_CTX_load_verify_locations != nullptr &&
                           api.SSL_CTX_load_verify_locations(context, caFile.data(), nullptr) == 1;
     if (isLoaded)
         errorText->clear();
@@ -329,7 +329,7 @@ bool ZnSslTrustSources_::areUnchanged_(const std::vector<Path_>& paths) {
 
 bool ZnSslTrustSources_::areSettled() const {
     const auto isSettled = [this](const Path_& entry) {
-        return entry.identity.lastChangeNs() < builtNs_ - kStampResolutionNs;
+        return entry.identity.statusNs < builtNs_ - kStampResolutionNs;
     };
     return std::all_of(paths_.begin(), paths_.end(), isSettled) &&
            std::all_of(hashedFiles_.begin(), hashedFiles_.end(), isSettled);

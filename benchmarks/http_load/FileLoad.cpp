@@ -3,7 +3,8 @@
 //
 //   file_load FILE_DROP PLAIN_TRANSFER [--seconds S] [--rounds N] [--mib SIZE] [--directory D]
 //
-// The two take turns; the figures are the medians of the rounds. Everything goes over loopback, is bounded and stops by
+// The two take turns; the figures are the medians of the rounds: the rate, and the processor time that the server's main
+// thread used for a GiB, which other work on the machine disturbs less. Everything goes over loopback, is bounded and stops by
 // itself. The files are in a directory of their own below D, the directory for temporary files without it.
 
 #include "ChildProcess.h"
@@ -133,11 +134,17 @@ void downloadHttp(unsigned short port) {
     expect(head.starts_with("HTTP/1.1 200 ") && byteCount == head.find("\r\n\r\n") + 4 + mib * kMiB, "download");
 }
 
-/// MiB per second of transfers one after the other; `undo` is not timed.
-double rateOf(const std::function<void()>& transfer, const std::function<void()>& undo) {
+struct Figures {
+    double mibPerSecond;
+    double cpuMsPerGib;
+};
+
+/// Transfers one after the other; `undo` is not timed.
+Figures measure(const ChildProcess& server, const std::function<void()>& transfer, const std::function<void()>& undo) {
     using Clock = std::chrono::steady_clock;
     std::chrono::duration<double> spent(0);
     std::size_t transferCount = 0;
+    const long long cpuBeforeNs = server.cpuNs();
     do {
         const auto start = Clock::now();
         transfer();
@@ -145,23 +152,29 @@ double rateOf(const std::function<void()>& transfer, const std::function<void()>
         ++transferCount;
         undo();
     } while (spent.count() < seconds && failures == 0);
-    return static_cast<double>(transferCount * mib) / spent.count();
+    const auto sumMib = static_cast<double>(transferCount * mib);
+    return {sumMib / spent.count(), static_cast<double>(server.cpuNs() - cpuBeforeNs) / 1e6 / sumMib * 1024};
 }
 
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
+double median(std::vector<Figures> all, double Figures::*field) {
+    std::sort(all.begin(), all.end(), [&](const Figures& a, const Figures& b) { return a.*field < b.*field; });
+    return all[all.size() / 2].*field;
 }
 
-void compare(const char* what, const std::function<double()>& plain, const std::function<double()>& http) {
-    std::vector<double> plainRates;
-    std::vector<double> httpRates;
+void compare(const char* what, const std::function<Figures()>& plain, const std::function<Figures()>& http) {
+    std::vector<Figures> ofPlain;
+    std::vector<Figures> ofHttp;
     for (int round = 0; round < rounds && failures == 0; ++round) {
-        plainRates.push_back(plain());
-        httpRates.push_back(http());
+        ofPlain.push_back(plain());
+        ofHttp.push_back(http());
     }
-    std::printf("%-9s plain loop %6.0f MiB/s   file-drop %6.0f MiB/s   ratio %.2f\n", what, median(plainRates),
-                median(httpRates), median(httpRates) / median(plainRates));
+    const double plainRate = median(ofPlain, &Figures::mibPerSecond);
+    const double httpRate = median(ofHttp, &Figures::mibPerSecond);
+    const double plainCpu = median(ofPlain, &Figures::cpuMsPerGib);
+    const double httpCpu = median(ofHttp, &Figures::cpuMsPerGib);
+    std::printf("%-9s plain loop %6.0f MiB/s %5.0f ms/GiB   file-drop %6.0f MiB/s %5.0f ms/GiB   "
+                "ratio %.2f, by processor time %.2f\n",
+                what, plainRate, plainCpu, httpRate, httpCpu, httpRate / plainRate, plainCpu / httpCpu);
     std::fflush(stdout);
 }
 
@@ -212,10 +225,10 @@ int main(int argc, char** argv) {
         const unsigned short port = drop.announcedPort();
         const auto remove = [&](const char* name) { return [path = directory / name] { fs::remove(path); }; };
         const auto nothing = [] {};
-        compare("upload", [&] { return rateOf([&] { uploadPlain(plainPort); }, remove("plain")); },
-                [&] { return rateOf([&] { uploadHttp(port); }, remove("up")); });
-        compare("download", [&] { return rateOf([&] { downloadPlain(plainPort); }, nothing); },
-                [&] { return rateOf([&] { downloadHttp(port); }, nothing); });
+        compare("upload", [&] { return measure(plain, [&] { uploadPlain(plainPort); }, remove("plain")); },
+                [&] { return measure(drop, [&] { uploadHttp(port); }, remove("up")); });
+        compare("download", [&] { return measure(plain, [&] { downloadPlain(plainPort); }, nothing); },
+                [&] { return measure(drop, [&] { downloadHttp(port); }, nothing); });
         std::printf("file-drop: %ld KiB resident at the end, %lld failures\n", drop.residentKib(), failures);
     }
     std::error_code error;

@@ -161,6 +161,10 @@ TEST_F(ZnHttpMultipart, ContentTypesThatAreRead) {
     limits_.maxBodyBytes = 10;
     EXPECT_EQ(outcomeOf({request(kEnd + "12345", true)}), ".") << "the bytes behind the end count";
     EXPECT_EQ(outcomeOf({request(kEnd + "123456", true)}), "413 Body too large");
+    limits_.maxStreamedBodyBytes = 11;
+    EXPECT_EQ(outcomeOf({request(kEnd + "123456", true)}), ".");
+    EXPECT_EQ(outcomeOf({request(kEnd + "1234567")}), "413 Body too large");
+    EXPECT_EQ(outcomeOf({request(kEnd + "123456", false, "text/plain")}), "413 Body too large") << "not streamed";
 }
 
 TEST_F(ZnHttpMultipart, FilesArePrivateAndNeverWrittenThroughALink) {

@@ -214,9 +214,11 @@ TEST_F(ZnHttpMultipart, FilesGoWithWhoeverOwnsThem) {
     feed(wire);
     parser_.reset();
     EXPECT_EQ(fileCount(), 2u) << "a complete request outlives its parser";
+    const ZnString earlier = requests_[0]->multipartParts[0].tempFilePath;
     requests_.clear();
     EXPECT_EQ(fileCount(), 0u) << "nobody took the request";
     feed(wire);
+    EXPECT_NE(requests_[0]->multipartParts[0].tempFilePath, earlier) << "a handler may be at work with that name";
     requests_[0]->tempFiles->removeAll();
     EXPECT_EQ(fileCount(), 0u) << "the answer has left";
     std::ofstream(requests_[0]->multipartParts[0].tempFilePath.str()) << "of someone else";

@@ -15,6 +15,16 @@ namespace {
 /// The records that may be used; a thread_ pointer counts only while it is in here. A record leaves before it goes, so
 /// who holds the mutex shared keeps every record that he finds.
 struct LiveThreads_ {
+    std::shared_lock<std::shared_mutex> lockForUse() {
+        const std::lock_guard<std::mutex> guard(entrance);
+        return std::shared_lock<std::shared_mutex>(mutex);
+    }
+    std::unique_lock<std::shared_mutex> lockForChange() {
+        const std::lock_guard<std::mutex> guard(entrance);
+        return std::unique_lock<std::shared_mutex>(mutex);
+    }
+
+    std::mutex entrance; // taken on the way to the other one only: else a stream of posts would keep a change out
     std::shared_mutex mutex;
     std::unordered_set<const Thread*> threads; // guarded by mutex
 };
@@ -48,7 +58,7 @@ thread_local std::unique_ptr<Thread> adoptedRecord;
 
 Thread::Thread(ZnString name) : name_(std::move(name)), adopted_(false) {
     LiveThreads_& live = liveThreads();
-    std::lock_guard<std::shared_mutex> guard(live.mutex);
+    const auto guard = live.lockForChange();
     live.threads.insert(this);
 }
 
@@ -56,7 +66,7 @@ Thread::Thread(ZnCoreApplication* application, ZnString name, bool adopted)
     : name_(std::move(name)), threadId_(ZnThreadControl::currentThreadId()), running_(adopted), adopted_(adopted),
       application_(application) {
     LiveThreads_& live = liveThreads();
-    std::lock_guard<std::shared_mutex> guard(live.mutex);
+    const auto guard = live.lockForChange();
     live.threads.insert(this);
 }
 
@@ -64,7 +74,7 @@ Thread::~Thread() {
     requestStop();
     join();
     LiveThreads_& live = liveThreads();
-    std::lock_guard<std::shared_mutex> guard(live.mutex);
+    const auto guard = live.lockForChange();
     live.threads.erase(this);
     if (currentRecord == this)
         currentRecord = nullptr;
@@ -78,7 +88,7 @@ bool Thread::callIfLive_(Thread* thread, void (*call)(void*, Thread&), void* fun
     if (thread == nullptr)
         return false;
     LiveThreads_& live = liveThreads();
-    const std::shared_lock<std::shared_mutex> guard(live.mutex);
+    const auto guard = live.lockForUse();
     if (live.threads.count(thread) == 0)
         return false;
     call(function, *thread);

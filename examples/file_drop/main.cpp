@@ -169,8 +169,9 @@ void handleDelete(const Store& store, ZnHttpContext& context) {
 
 /// Web pages of other sites may make a browser send forms here. It tells where a request comes from.
 bool refuseOtherSites(const ZnHttpRequest& request, ZnHttpResponse& response) {
+    const bool isReading = request.method == "GET" || request.method == "HEAD";
     const ZnString site = request.headers.value("sec-fetch-site", "none");
-    if (site == "same-origin" || site == "none")
+    if (isReading || site == "same-origin" || site == "none")
         return false;
     response = ZnHttpResponse::plain(403, "Forbidden", request.keepAlive);
     return true;
@@ -205,7 +206,7 @@ int main(int argc, char** argv) {
     const ZnString address = application.getArgument("bind", "127.0.0.1");
     const int port = application.getArgument("port", "9030").toInt();
     const Store store(application.getArgument("directory", "file-drop"));
-    ZnThreadPool pool; // behind the store and in front of the app, so that neither goes while a handler runs
+    ZnThreadPool pool; // its end waits for the handlers that still run: before the end of the store, which they use
     pool.setMaxThreadCount(std::max(1, application.getArgument("threads", "4").toInt()));
     ZnHttpApp app;
     configure(app, store);

@@ -40,7 +40,7 @@ McpForwardCall::McpForwardCall(const McpBridgeServiceRecord& record, const ZnJso
         requestId_ = request.object()->value("id");
     client_.setMaxResponseBytes(kMaxAnswerBytes);
     client_.setBodyObserver([this](const ZnMap<ZnString, ZnString>& headers, std::string_view bytes) {
-        return takeAnswer_(headers.value("content-type").view(), bytes);
+        return takeAnswer_(headers, bytes);
     });
 }
 
@@ -63,8 +63,8 @@ void McpForwardCall::end(int errorCode) {
 }
 
 /// Returns whether the answer is there.
-bool McpForwardCall::takeAnswer_(std::string_view contentType, std::string_view bytes) {
-    if (!stream_ && McpAnswerStream::isEventStream(contentType))
+bool McpForwardCall::takeAnswer_(const ZnMap<ZnString, ZnString>& headers, std::string_view bytes) {
+    if (!stream_ && McpAnswerStream::isEventStream(headers.value("content-type").view()))
         stream_.emplace(requestId_, static_cast<std::size_t>(kMaxAnswerBytes));
     return stream_ && stream_->take(bytes);
 }

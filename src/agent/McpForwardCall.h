@@ -36,7 +36,7 @@ public:
     void end(int errorCode);
 
 private:
-    bool takeAnswer_(std::string_view contentType, std::string_view bytes);
+    bool takeAnswer_(const ZnMap<ZnString, ZnString>& headers, std::string_view bytes);
     void finishForward_(bool transportOk, int errorCode);
     void readBody_();
 

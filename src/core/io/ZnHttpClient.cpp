@@ -85,6 +85,10 @@ bool ZnHttpClient::setHeader(const ZnString& name, const ZnString& value) {
     return true;
 }
 
+void ZnHttpClient::setBodyObserver(BodyObserver observer) {
+    observer_ = std::make_shared<const BodyObserver>(std::move(observer));
+}
+
 // --- the request
 
 bool ZnHttpClient::parseUrl_(const ZnString& url, Target_* target) {
@@ -265,7 +269,7 @@ void ZnHttpClient::takeBytes_(std::string_view bytes) {
 
 bool ZnHttpClient::isTooLarge_(Progress_ progress) const noexcept {
     const std::int64_t announcedBytes = method_ == Head ? 0 : contentLength_;
-    // Only a head can fill the buffer: a chunk size line has a limit of its own, and behind a whole response is surplus.
+    // Only a head can fill the buffer: a chunk size line has a limit of its own, and surplus does not count.
     const std::size_t headBytes = progress == Progress_::Finished ? 0 : rxBuffer_.size();
     const auto largestBytes = static_cast<std::int64_t>(std::max(headBytes, bodyBuffer_.size()));
     return maxResponseBytes_ > 0 && std::max(largestBytes, announcedBytes) > maxResponseBytes_;

@@ -43,14 +43,14 @@ public:
     /// A bundle of certificate authorities in place of the default trust; used from the next request on.
     void setCaFile(const ZnString& path) { caFile_ = path; }
 
-    /// The largest response head, and the largest body, of all later requests; 0: no limit.
+    /// The largest body of all later requests, and about the largest head; 0: no limit.
     void setMaxResponseBytes(std::int64_t maxBytes) { maxResponseBytes_ = maxBytes; }
 
-    /// Sees the headers of the response and the bytes that its body has grown by. Returns whether the response is to end
-    /// here, as if it had been complete. It may abort or delete the client; both arguments are gone then.
+    /// Sees the headers of the response and the bytes that its body has grown by. Returns whether the response is to
+    /// end here, as if it had been complete. It may abort or delete the client; both arguments are gone then.
     using BodyObserver = std::function<bool(const ZnMap<ZnString, ZnString>& headers, std::string_view bytes)>;
     /// For all later requests. The body is kept all the same.
-    void setBodyObserver(BodyObserver observer) { observer_ = std::make_shared<const BodyObserver>(std::move(observer)); }
+    void setBodyObserver(BodyObserver observer);
 
     /// Begins a request, after an abort of the one before. Parks the calling fiber while a name is resolved. Returns
     /// whether the connection attempt has begun; when not, a signal has said why unless it was aborted.

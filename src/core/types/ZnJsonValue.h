@@ -76,9 +76,10 @@ public:
     /// The text itself, without a copy; empty for any other type than String.
     const ZnString& string() const noexcept { return isString() ? stringValue_ : noText_(); }
 
-    /// The text of the value; with a non-empty `key` scalars are enciphered. A Double that keeps no digits has the "%g"
-    /// form with a fraction; without one it is written in decimal within the signed 64-bit range and outside it with as many digits as
-    /// reading it back takes, and an exponent. Infinities and not-a-number are written as null.
+    /// The text of the value; with a non-empty `key` scalars are enciphered. A Double is written with the digits it
+    /// keeps. Without any, it has the "%g" form if it has a fraction, else it is written in decimal within the signed
+    /// 64-bit range and outside it with as many digits as reading it back takes, and an exponent. Infinities and
+    /// not-a-number are written as null.
     ZnString toJson(JsonFormat format = JsonFormat::Compact, const ZnString& key = ZnString()) const;
 
     /// Type and content, of the whole subtree: the Integer 1 and the Double 1.0 differ.

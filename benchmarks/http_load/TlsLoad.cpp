@@ -11,6 +11,7 @@
 #include "McpRequests.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -18,6 +19,7 @@
 #include <functional>
 #include <sched.h>
 #include <string>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -148,12 +150,18 @@ int main(int argc, char** argv) {
     // Roots from a file that has just changed are not kept: it could change again under the same time stamp.
     compare("bridge.rpc to https", "roots read anew",
             [&] {
-                fs::last_write_time(tls.file("bundle.pem"), fs::file_time_type::clock::now() + std::chrono::hours(1));
-                return loadRpc(plainPort);
+                std::atomic<bool> isOver{false};
+                std::thread changes([&] {
+                    for (; !isOver; ::usleep(100'000))
+                        fs::last_write_time(tls.file("bundle.pem"), fs::file_time_type::clock::now());
+                });
+                const double result = loadRpc(plainPort);
+                isOver = true;
+                changes.join();
+                return result;
             },
             "roots kept",
             [&] {
-                fs::last_write_time(tls.file("bundle.pem"), fs::file_time_type::clock::now() - std::chrono::hours(1));
                 ::usleep(2'200'000);
                 return loadRpc(plainPort);
             });

@@ -153,6 +153,9 @@ TEST_F(McpForwardTest, OutcomesOfTheCall) {
     });
     setService("https" + plain.url().substr(4));
     EXPECT_EQ(rpc(), failed(ZnSslSocket::kHandshakeFailed));
+    ScriptedPeer stalled(ScriptedPeer::silent()); // in the handshake
+    setService("https" + stalled.url().substr(4), R"(,"timeoutMs":200)");
+    EXPECT_EQ(rpc(), failed(-1001));
     ZnResolver::setLookupForTests([](const ZnString&) { return ZnResolver::Result(); });
     setService("http://name.test/");
     EXPECT_EQ(rpc(), failed(11001));

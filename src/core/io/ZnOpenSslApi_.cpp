@@ -58,9 +58,14 @@ bool ZnOpenSslApi_::ensureLoaded(ZnString* errorText) {
 }
 
 bool ZnOpenSslApi_::bindSymbols_() {
+    // What libssl itself uses comes first: with another libcrypto in the process, the error queue would be a wrong one.
+    const auto find = [this](void* library, const char* name) {
+        void* symbol = ZnSharedLibrary::symbol(sslLibrary, name);
+        return symbol != nullptr ? symbol : ZnSharedLibrary::symbol(library, name);
+    };
     bool isComplete = true;
 #define ZN_OPENSSL_BIND(name, library, isRequired)                                                               \
-    name = reinterpret_cast<decltype(name)>(ZnSharedLibrary::symbol(library##Library, #name));                  \
+    name = reinterpret_cast<decltype(name)>(find(library##Library, #name));                                        \
     isComplete = isComplete && (name != nullptr || !(isRequired));
     ZN_OPENSSL_SYMBOLS(ZN_OPENSSL_BIND)
 #undef ZN_OPENSSL_BIND
@@ -78,4 +83,6 @@ void ZnOpenSslApi_::applyModes(SSL_CTX* context) const {
     // One system call brings a record's head and body, and the records behind it.
     SSL_CTX_ctrl(context, SSL_CTRL_SET_READ_AHEAD, 1, nullptr);
     SSL_CTX_ctrl(context, SSL_CTRL_SET_MIN_PROTO_VERSION, TLS1_2_VERSION, nullptr);
+    // Clients that come again have a ticket; sessions of the others would only use up memory.
+    SSL_CTX_ctrl(context, SSL_CTRL_SET_SESS_CACHE_MODE, SSL_SESS_CACHE_OFF, nullptr);
 }

@@ -1,11 +1,13 @@
 #include "core/io/ZnSslServer.h"
 
+#include "core/platform/ZnMonotonicClock.h"
 #include "core/runtime/ZnTimer.h"
 #include "core/types/ZnLogger.h"
 
 namespace {
 
 constexpr const char* kCategory = "zn.core.io.zntcpserver";
+constexpr long long kReportIntervalNs = 1'000'000'000LL;
 
 } // namespace
 
@@ -60,8 +62,19 @@ bool ZnSslServer::listen(const ZnString& address, unsigned short port) {
 }
 
 ZnTcpSocket* ZnSslServer::createSocket_() {
-    const bool isFull = maxHandshakes_ > 0 && handshakes_.size() >= maxHandshakes_;
-    return isFull ? nullptr : new ZnSslSocket;
+    if (handshakes_.size() < maxHandshakes_)
+        return new ZnSslSocket;
+    reportRefusal_();
+    return nullptr;
+}
+
+void ZnSslServer::reportRefusal_() {
+    const long long nowNs = monotonicNowNs();
+    if (lastRefusalReportNs_ != 0 && nowNs - lastRefusalReportNs_ < kReportIntervalNs)
+        return;
+    lastRefusalReportNs_ = nowNs;
+    ZN_LOG_WARNING(kCategory, "ZnSslServer::createSocket_")
+        << "[ZnSslServer] " << handshakes_.size() << " TLS handshakes under way, refusing connections";
 }
 
 bool ZnSslServer::finalizeAcceptedSocket_(ZnTcpSocket* socket) {

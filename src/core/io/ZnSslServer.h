@@ -17,6 +17,8 @@ class ZnSslServer : public ZnTcpServer {
 public:
     ZN_OBJECT(ZnSslServer, ZnTcpServer)
 
+    static constexpr std::size_t kMaxHandshakes = 2000;
+
     explicit ZnSslServer(ZnObject* parent = nullptr) : ZnTcpServer(parent) {}
     ~ZnSslServer() override;
 
@@ -31,7 +33,7 @@ public:
 
     /// How long a handshake may take; below 1: for ever. For new connections.
     void setHandshakeTimeoutMs(int ms) noexcept { handshakeTimeoutMs_ = ms; }
-    /// Connections above this many handshakes at a time are closed at once; 0: no limit.
+    /// Connections above this many handshakes at a time are closed at once: each takes some 45 KiB.
     void setMaxHandshakes(std::size_t count) noexcept { maxHandshakes_ = count; }
     std::size_t handshakeCount() const noexcept { return handshakes_.size(); }
     /// Ends the handshakes that have not finished.
@@ -47,10 +49,12 @@ private:
     void onEncrypted_(ZnSslSocket* socket);
     void onHandshakeFailed_(ZnSslSocket* socket);
     bool takeHandshake_(ZnSslSocket* socket);
+    void reportRefusal_();
 
     std::shared_ptr<const ZnSslServerContext> context_; // null: no credentials
     /// Sockets whose fate is open, with the timer that ends them (a child of the socket) or null.
     std::unordered_map<ZnSslSocket*, ZnTimer*> handshakes_;
     int handshakeTimeoutMs_ = 10000;
-    std::size_t maxHandshakes_ = 10000;
+    std::size_t maxHandshakes_ = kMaxHandshakes;
+    long long lastRefusalReportNs_ = 0;
 };

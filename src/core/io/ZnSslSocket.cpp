@@ -28,10 +28,16 @@ ZnSslSocket::~ZnSslSocket() {
 // --- starting
 
 bool ZnSslSocket::connectToHostEncrypted(const ZnString& host, unsigned short port) {
+    const ZnPointer<ZnSslSocket> self(this);
+    const ZnString hostCopy = host; // the caller's text may go with what a receiver deletes
+    close();
+    // The wish is noted when nothing can cancel it any more: what follows must not go on without TLS.
+    if (!self || hasHandle_())
+        return false; // a receiver has deleted it, or uses it for something else
     if (peerHostName_.isEmpty())
-        peerHostName_ = host;
+        peerHostName_ = hostCopy;
     startOnConnect_ = keepStartOnConnect_ = true;
-    return connectToHost(host, port);
+    return connectToHost(hostCopy, port);
 }
 
 bool ZnSslSocket::connectToHost(const ZnString& host, unsigned short port) {
@@ -81,7 +87,7 @@ void ZnSslSocket::close() {
     if (!std::exchange(keepStartOnConnect_, false))
         startOnConnect_ = false;
     ++connectionSerial_;
-    insideDelivery_ = false;
+    insideDelivery_ = insideWriteFinished_ = readHasFailed_ = false;
     readReady_ = writeReady_ = false;
     phase_ = Phase_::Plain;
     settle_();
@@ -123,7 +129,7 @@ bool ZnSslSocket::canFinishClose_() const {
     if (phase_ == Phase_::Plain)
         return ZnTcpSocket::canFinishClose_();
     return remoteClosed_ && plainBuffer_.isEmpty() && writeBuffer_.isEmpty() && pendingOp_ == Operation_::None &&
-           !readReady_ && !insideDelivery_;
+           !readReady_ && !readHasFailed_ && !insideDelivery_;
 }
 
 // --- the pump
@@ -171,6 +177,8 @@ ZnSslSocket::Operation_ ZnSslSocket::nextOperation_() const {
         return Operation_::None;
     if (phase_ == Phase_::Handshaking)
         return pendingOp_ == Operation_::None || hasWantedIo_() ? Operation_::Handshake : Operation_::None;
+    if (readHasFailed_)
+        return plainBuffer_.isEmpty() ? Operation_::Read : Operation_::None; // nothing else is possible any more
     switch (pendingOp_) {
     case Operation_::Read:
         if (hasWantedIo_() && plainBuffer_.size() < kMaxPlainBytes)
@@ -222,6 +230,8 @@ ZnSslSocket::News_ ZnSslSocket::doHandshake_() {
 }
 
 ZnSslSocket::News_ ZnSslSocket::doRead_() {
+    if (readHasFailed_)
+        return News_::ReadFailed;
     bool dataCame = false;
     for (;;) {
         if (plainBuffer_.size() >= kMaxPlainBytes) {
@@ -239,7 +249,9 @@ ZnSslSocket::News_ ZnSslSocket::doRead_() {
         }
         if (outcome == Outcome::Failure) {
             settle_();
-            return News_::ReadFailed;
+            readReady_ = false;
+            readHasFailed_ = true; // many peers close without an alert: what they have sent counts
+            return dataCame || !plainBuffer_.isEmpty() ? News_::DataCame : News_::ReadFailed;
         }
         if (outcome == Outcome::Closed) {
             settle_();
@@ -321,9 +333,12 @@ void ZnSslSocket::announce_(News_ news) {
         deliver_();
         return;
     case News_::WritesDone:
+        insideWriteFinished_ = true;
         writeFinished();
-        if (isSame())
+        if (isSame()) {
+            insideWriteFinished_ = false;
             finishPeerClose_();
+        }
         return;
     case News_::HandshakeFailed:
         failSsl_(kHandshakeFailed, "[ZnSslSocket] OpenSSL handshake failed: " + engine_->lastError());
@@ -404,8 +419,8 @@ std::size_t ZnSslSocket::readInto(char* buffer, std::size_t capacity) {
 void ZnSslSocket::afterRead_() {
     if (plainBuffer_.isEmpty())
         plainBuffer_.release(); // an idle connection keeps no memory
-    if (canRead_())
-        schedulePump_(); // the input had stopped because nobody read
+    if (canRead_() || readHasFailed_)
+        schedulePump_(); // it had stopped because nobody read
     else
         finishPeerClose_();
 }
@@ -415,9 +430,10 @@ void ZnSslSocket::flushWrites_() {
         ZnTcpSocket::flushWrites_();
         return;
     }
-    // At once, unless a read would have to come first: a caller of write does not expect readyRead.
-    const bool canWriteNow = phase_ == Phase_::Encrypted && pendingOp_ != Operation_::Write &&
-                             wantIo_ != WantIo_::WantWrite && !writeBuffer_.isEmpty();
+    // At once, unless a read would have to come first: a caller of write does not expect readyRead. Nor from inside
+    // writeFinished, where a chain of writes would use up the stack.
+    const bool canWriteNow = phase_ == Phase_::Encrypted && pendingOp_ != Operation_::Write && !readHasFailed_ &&
+                             wantIo_ != WantIo_::WantWrite && !insideWriteFinished_ && !writeBuffer_.isEmpty();
     if (!canWriteNow) {
         schedulePump_();
         return;

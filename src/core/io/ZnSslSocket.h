@@ -98,5 +98,7 @@ private:
     bool pumpScheduled_ = false;
     unsigned connectionSerial_ = 0;           // tells a frame that was parked that the connection is another one
     bool insideDelivery_ = false;             // a receiver of readyRead runs
+    bool insideWriteFinished_ = false;        // a receiver of that one runs
+    bool readHasFailed_ = false;              // to be announced when what came before has been read
     ZnByteArray plainBuffer_;                 // decrypted, not read yet; at most about kMaxPlainBytes
 };

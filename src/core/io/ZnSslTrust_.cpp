@@ -2,6 +2,7 @@
 
 #include "core/fs/ZnPath.h"
 #include "core/platform/ZnDirPlatform.h"
+#include "core/platform/ZnSharedLibrary.h"
 #include "core/types/ZnMutex.h"
 
 #include <algorithm>
@@ -118,7 +119,8 @@ private:
         sources_.addPath(places_.defaultFile);
         for (const std::string_view rest = places_.defaultDir.view(); const ZnString& directory : splitList_(rest))
             sources_.addHashedDirectory(directory);
-        if (api_.SSL_CTX_set_default_verify_paths(context_) == 1)
+        const bool isReadable = ZnFileIdentity::of(places_.defaultFile).kind != ZnFileIdentity::Kind::Pipe;
+        if (isReadable && api_.SSL_CTX_set_default_verify_paths(context_) == 1)
             return note_("openssl-defaults");
         api_.clearErrors();
         return note_("openssl-defaults", " failed");
@@ -153,7 +155,7 @@ private:
             sources_.addHashedDirectory(path);
         if (api_.SSL_CTX_load_verify_locations == nullptr)
             return note_(label, " unavailable");
-        const bool isReadable = kind != ZnFileIdentity::Kind::Other; // a pipe could block the loop
+        const bool isReadable = kind != ZnFileIdentity::Kind::Pipe;
         if (isReadable && api_.SSL_CTX_load_verify_locations(context_, file.isEmpty() ? nullptr : file.data(),
                                                              directory.isEmpty() ? nullptr : directory.data()) == 1)
             return note_(label);
@@ -196,8 +198,7 @@ bool loadCaFile(const ZnOpenSslApi_& api, SSL_CTX* context, const ZnString& caFi
         *errorText += " (file not found)";
         return false;
     }
-    // Anything else that is no regular file could block the loop when it is opened.
-    const bool isLoaded = kind == ZnFileIdentity::Kind::File && api.SSL_CTX_load_verify_locations != nullptr &&
+    const bool isLoaded = kind != ZnFileIdentity::Kind::Pipe && api.SSL_CTX_load_verify_locations != nullptr &&
                           api.SSL_CTX_load_verify_locations(context, caFile.data(), nullptr) == 1;
     if (isLoaded)
         errorText->clear();
@@ -207,13 +208,57 @@ bool loadCaFile(const ZnOpenSslApi_& api, SSL_CTX* context, const ZnString& caFi
 
 using Context_ = std::shared_ptr<const ZnSslContextHandle_>;
 
+/// Counts the certificates of a context. Its functions are those of the libcrypto that libssl itself uses.
+class CertificateCounter_ {
+public:
+    explicit CertificateCounter_(const ZnOpenSslApi_& api) : storeOf_(api.SSL_CTX_get_cert_store) {
+        bind_(api, "X509_STORE_lock", &lock_);
+        bind_(api, "X509_STORE_unlock", &unlock_);
+        bind_(api, "X509_STORE_get0_objects", &objectsOf_);
+        bind_(api, "OPENSSL_sk_num", &sizeOf_);
+    }
+
+    /// -1 when OpenSSL does not tell.
+    int count(SSL_CTX* context) const {
+        if (!storeOf_ || !lock_ || !unlock_ || !objectsOf_ || !sizeOf_)
+            return -1;
+        X509_STORE* store = storeOf_(context);
+        lock_(store); // a handshake on another thread may be about to add one
+        const int certificateCount = sizeOf_(reinterpret_cast<const OPENSSL_STACK*>(objectsOf_(store)));
+        unlock_(store);
+        return certificateCount;
+    }
+
+private:
+    template <typename Function> static void bind_(const ZnOpenSslApi_& api, const char* name, Function* function) {
+        *function = reinterpret_cast<Function>(ZnSharedLibrary::symbol(api.sslLibrary, name));
+    }
+
+    decltype(&::SSL_CTX_get_cert_store) storeOf_;
+    decltype(&::X509_STORE_lock) lock_ = nullptr;
+    decltype(&::X509_STORE_unlock) unlock_ = nullptr;
+    decltype(&::X509_STORE_get0_objects) objectsOf_ = nullptr;
+    decltype(&::OPENSSL_sk_num) sizeOf_ = nullptr;
+};
+
+int certificateCount(const ZnOpenSslApi_& api, const Context_& context) {
+    static const CertificateCounter_ counter(api);
+    return counter.count(context->get());
+}
+
 struct Kept_ {
     ZnString caFile;
     Context_ context;
     ZnSslTrustSources_ sources;
+    int builtCount; // of certificates; what is more has been read from a directory since
+
+    bool isUpToDate(const ZnOpenSslApi_& api) const {
+        const int count = certificateCount(api, context);
+        return sources.areUnchanged(count < 0 || count != builtCount);
+    }
 };
 
-ZnMutex keptLock; // leaf lock
+ZnMutex keptLock; // leaf lock but for OpenSSL's own
 bool keepsContexts ZN_GUARDED_BY(keptLock) = true;
 /// Newest last. Never destroyed: OpenSSL tears itself down at the end of the process, before or after.
 std::vector<Kept_>& kept() ZN_REQUIRES(keptLock) {
@@ -221,7 +266,7 @@ std::vector<Kept_>& kept() ZN_REQUIRES(keptLock) {
     return *contexts;
 }
 
-Context_ findKept(const ZnString& caFile, const ZnSslTrustSources_& wanted) {
+Context_ findKept(const ZnOpenSslApi_& api, const ZnString& caFile, const ZnSslTrustSources_& wanted) {
     ZnMutexLocker lock(keptLock);
     std::vector<Kept_>& all = kept();
     const auto found = std::find_if(all.begin(), all.end(), [&](const Kept_& entry) {
@@ -229,13 +274,13 @@ Context_ findKept(const ZnString& caFile, const ZnSslTrustSources_& wanted) {
     });
     if (found == all.end())
         return nullptr;
-    if (found->sources.areUnchanged())
+    if (found->isUpToDate(api))
         return found->context;
     all.erase(found);
     return nullptr;
 }
 
-void keep(const ZnString& caFile, const Context_& context, ZnSslTrustSources_ sources) {
+void keep(const ZnOpenSslApi_& api, const ZnString& caFile, const Context_& context, ZnSslTrustSources_ sources) {
     if (!sources.areSettled())
         return;
     ZnMutexLocker lock(keptLock);
@@ -245,7 +290,7 @@ void keep(const ZnString& caFile, const Context_& context, ZnSslTrustSources_ so
     std::erase_if(all, [&](const Kept_& entry) { return entry.caFile == caFile; });
     if (all.size() >= ZnSslTrust_::kMaxKeptContexts)
         all.erase(all.begin());
-    all.push_back({caFile, context, std::move(sources)});
+    all.push_back({caFile, context, std::move(sources), certificateCount(api, context)});
 }
 
 /// Null when OpenSSL has no memory left.
@@ -269,19 +314,25 @@ void ZnSslTrustSources_::addHashedDirectory(const ZnString& path) {
     const ZnString root = path.endsWith("/") ? path : path + "/";
     for (const ZnString& name : znDirPlatform()->entryList(path, ZnDirPlatform::kFiles)) {
         if (isHashedName(name.view()))
-            addPath(root + name);
+            hashedFiles_.push_back({root + name, ZnFileIdentity::of(root + name)});
     }
 }
 
-bool ZnSslTrustSources_::areUnchanged() const {
-    return std::all_of(paths_.begin(), paths_.end(),
+bool ZnSslTrustSources_::areUnchanged(bool withHashedFiles) const {
+    return areUnchanged_(paths_) && (!withHashedFiles || areUnchanged_(hashedFiles_));
+}
+
+bool ZnSslTrustSources_::areUnchanged_(const std::vector<Path_>& paths) {
+    return std::all_of(paths.begin(), paths.end(),
                        [](const Path_& entry) { return ZnFileIdentity::of(entry.path) == entry.identity; });
 }
 
 bool ZnSslTrustSources_::areSettled() const {
-    return std::all_of(paths_.begin(), paths_.end(), [this](const Path_& entry) {
-        return entry.identity.lastChangeNs() < builtNs_ - kStampResolutionNs;
-    });
+    const auto isSettled = [this](const Path_& entry) {
+        return entry.identity.statusNs < builtNs_ - kStampResolutionNs;
+    };
+    return std::all_of(paths_.begin(), paths_.end(), isSettled) &&
+           std::all_of(hashedFiles_.begin(), hashedFiles_.end(), isSettled);
 }
 
 std::shared_ptr<const ZnSslContextHandle_> ZnSslTrust_::clientContext(const ZnOpenSslApi_& api, const ZnString& caFile,
@@ -292,7 +343,7 @@ std::shared_ptr<const ZnSslContextHandle_> ZnSslTrust_::clientContext(const ZnOp
         for (const ZnString& setting : places.settings())
             sources.addSetting(setting);
     }
-    if (Context_ keptContext = findKept(caFile, sources))
+    if (Context_ keptContext = findKept(api, caFile, sources))
         return keptContext;
     Context_ context = newContext(api);
     if (!context) {
@@ -305,7 +356,7 @@ std::shared_ptr<const ZnSslContextHandle_> ZnSslTrust_::clientContext(const ZnOp
         return nullptr;
     api.applyModes(context->get());
     if (places.areComplete || !caFile.isEmpty())
-        keep(caFile, context, std::move(sources));
+        keep(api, caFile, context, std::move(sources));
     return context;
 }
 

@@ -38,8 +38,9 @@ public:
     /// As addPath, with the certificates that OpenSSL may take from the directory later on, one by one.
     void addHashedDirectory(const ZnString& path);
 
-    /// Whether every path is as it was.
-    bool areUnchanged() const;
+    /// Whether every path is as it was. Certificates in directories are looked at if asked for only: as long as OpenSSL
+    /// has read none of them, it will find their present state by itself.
+    bool areUnchanged(bool withHashedFiles) const;
     bool hasSameSettings(const ZnSslTrustSources_& other) const { return settings_ == other.settings_; }
     /// False while a source is so new that a further change could leave it with the same time stamp.
     bool areSettled() const;
@@ -50,9 +51,12 @@ private:
         ZnFileIdentity identity;
     };
 
+    static bool areUnchanged_(const std::vector<Path_>& paths);
+
     long long builtNs_;
     std::vector<ZnString> settings_;
     std::vector<Path_> paths_;
+    std::vector<Path_> hashedFiles_;
 };
 
 /// Contexts of TLS clients: peer verification on, trusted roots in place.

@@ -240,25 +240,34 @@ void ZnObject::deleteLater() {
         if (ZnObject* object = control->get())
             delete object;
     });
-    owner->withApplicationOrPending(whenStarted, ZnFiberPool::kDefaultLane, false,
-                                    [this](ZnCoreApplication& remote) {
-                                        remote.queueDeletion(this);
-                                        return true;
-                                    });
+    const bool isTaken = zn::atomic::Thread::withLive(owner, [&](zn::atomic::Thread& record) {
+        record.withApplicationOrPending(whenStarted, ZnFiberPool::kDefaultLane, true, [this](ZnCoreApplication& remote) {
+            remote.queueDeletion(this);
+            return true;
+        });
+    });
+    if (!isTaken) // its thread has gone since
+        postToThreadOrFallback(nullptr, std::move(whenStarted));
 }
 
 void ZnObject::executeBlockingOnThread(zn::atomic::Thread* target, ZnTask function) {
     zn::atomic::Thread* from = thread();
     if (from == nullptr)
         from = zn::atomic::Thread::currentThread();
-    if (!zn::atomic::Thread::isLive(target) || !target->isRunning() ||
-        (from != nullptr && isSameThread(target, from))) {
+    bool isElsewhere = false;
+    zn::atomic::Thread::withLive(target, [&](zn::atomic::Thread& record) {
+        isElsewhere = record.isRunning() && (from == nullptr || !isSameThread(&record, from));
+    });
+    if (!isElsewhere) {
         function();
         return;
     }
     auto context = std::make_shared<BlockingContext_>();
-    postToThread(target, [function = std::move(function), finish = FinishAtEnd_(context)]() mutable { function(); });
-    context->wait();
+    ZnTask task([function = std::move(function), finish = FinishAtEnd_(context)]() mutable { function(); });
+    if (postToThreadIfLive(target, task, ZnFiberPool::kDefaultLane))
+        context->wait();
+    else
+        task(); // the thread has gone meanwhile
 }
 
 // --- connections

@@ -14,6 +14,8 @@ long long nanoseconds(const timespec& time) {
 ZnFileIdentity::Kind kindOf(mode_t mode) {
     if (S_ISREG(mode))
         return ZnFileIdentity::Kind::File;
+    if (S_ISFIFO(mode) || S_ISSOCK(mode))
+        return ZnFileIdentity::Kind::Pipe;
     return S_ISDIR(mode) ? ZnFileIdentity::Kind::Directory : ZnFileIdentity::Kind::Other;
 }
 

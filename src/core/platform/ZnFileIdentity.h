@@ -6,22 +6,19 @@
 ///
 /// Thread: a value.
 struct ZnFileIdentity {
-    enum class Kind { Missing, File, Directory, Other };
+    enum class Kind { Missing, File, Directory, Pipe, Other }; // Pipe: opening it could block (also: socket)
 
     static ZnFileIdentity of(const ZnString& path);
     /// The time by which files are stamped, in nanoseconds since 1970.
     static long long stampNowNs();
 
     bool operator==(const ZnFileIdentity& other) const noexcept = default;
-    /// When it was last changed in any way, in nanoseconds since 1970; 0 for a missing one.
-    long long lastChangeNs() const noexcept { return statusNs > writeNs ? statusNs : writeNs; }
-
     Kind kind = Kind::Missing;
     unsigned long long device = 0;
     unsigned long long inode = 0;
     unsigned long long sizeBytes = 0;
-    long long writeNs = 0;  // content
-    long long statusNs = 0; // content or attributes
+    long long writeNs = 0;  // last change of the content, as programs may set it
+    long long statusNs = 0; // last change in any way, by the system's clock; 0 for a missing one
 };
 
 /// The directory of the running program, ending in "/"; empty when the system does not tell.

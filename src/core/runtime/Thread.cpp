@@ -5,15 +5,27 @@
 #include "core/types/ZnLogger.h"
 
 #include <memory>
+#include <shared_mutex>
 #include <system_error>
 #include <unordered_set>
 
 namespace zn::atomic {
 namespace {
 
-/// The records that may be used; a thread_ pointer counts only while it is in here.
+/// The records that may be used; a thread_ pointer counts only while it is in here. A record leaves before it goes, so
+/// who holds the mutex shared keeps every record that he finds.
 struct LiveThreads_ {
-    std::mutex mutex;
+    std::shared_lock<std::shared_mutex> lockForUse() {
+        const std::lock_guard<std::mutex> guard(entrance);
+        return std::shared_lock<std::shared_mutex>(mutex);
+    }
+    std::unique_lock<std::shared_mutex> lockForChange() {
+        const std::lock_guard<std::mutex> guard(entrance);
+        return std::unique_lock<std::shared_mutex>(mutex);
+    }
+
+    std::mutex entrance; // taken on the way to the other one only: else a stream of posts would keep a change out
+    std::shared_mutex mutex;
     std::unordered_set<const Thread*> threads; // guarded by mutex
 };
 
@@ -46,7 +58,7 @@ thread_local std::unique_ptr<Thread> adoptedRecord;
 
 Thread::Thread(ZnString name) : name_(std::move(name)), adopted_(false) {
     LiveThreads_& live = liveThreads();
-    std::lock_guard<std::mutex> guard(live.mutex);
+    const auto guard = live.lockForChange();
     live.threads.insert(this);
 }
 
@@ -54,7 +66,7 @@ Thread::Thread(ZnCoreApplication* application, ZnString name, bool adopted)
     : name_(std::move(name)), threadId_(ZnThreadControl::currentThreadId()), running_(adopted), adopted_(adopted),
       application_(application) {
     LiveThreads_& live = liveThreads();
-    std::lock_guard<std::mutex> guard(live.mutex);
+    const auto guard = live.lockForChange();
     live.threads.insert(this);
 }
 
@@ -62,18 +74,25 @@ Thread::~Thread() {
     requestStop();
     join();
     LiveThreads_& live = liveThreads();
-    std::lock_guard<std::mutex> guard(live.mutex);
+    const auto guard = live.lockForChange();
     live.threads.erase(this);
     if (currentRecord == this)
         currentRecord = nullptr;
 }
 
 bool Thread::isLive(const Thread* thread) {
+    return withLive(const_cast<Thread*>(thread), [](Thread&) {});
+}
+
+bool Thread::callIfLive_(Thread* thread, void (*call)(void*, Thread&), void* function) {
     if (thread == nullptr)
         return false;
     LiveThreads_& live = liveThreads();
-    std::lock_guard<std::mutex> guard(live.mutex);
-    return live.threads.count(thread) != 0;
+    const auto guard = live.lockForUse();
+    if (live.threads.count(thread) == 0)
+        return false;
+    call(function, *thread);
+    return true;
 }
 
 bool Thread::start() {

@@ -20,7 +20,7 @@ namespace zn::atomic {
 ///
 /// Thread: any, unless a member says otherwise. Owner: whoever made it; adopted records and the fallback record
 /// belong to the process and live to its end.
-/// Invariant: a record in the live set may be used; check isLive() for one that may have gone.
+/// Invariant: a record in the live set may be used; one that may be going on another thread, in withLive() only.
 class Thread {
 public:
     /// A record that start() gives a thread of its own.
@@ -52,7 +52,14 @@ public:
     static Thread* currentThread();
     /// The thread of objects and posts that have none of their own; started on first need, null if that fails.
     static Thread* fallbackThread();
+    /// For the thread itself, or where someone keeps the record; else the answer is old when it arrives.
     static bool isLive(const Thread* thread);
+    /// Runs `function` with the record while that cannot go away; false, and nothing run, when it has gone. The function
+    /// may post; it must not do anything that waits, and must not make or end a record.
+    template <typename Function>
+    static bool withLive(Thread* thread, Function function) {
+        return callIfLive_(thread, [](void* call, Thread& record) { (*static_cast<Function*>(call))(record); }, &function);
+    }
 
     /// Runs `function` with the thread's application, or null, while the application cannot go away. The function
     /// may post; it must not do anything that waits.
@@ -81,6 +88,7 @@ private:
         int lane;
     };
 
+    static bool callIfLive_(Thread* thread, void (*call)(void*, Thread&), void* function);
     void run_();
     void attach_(ZnCoreApplication* application);
     std::function<void()> copyOf_(const std::function<void()>& callback);

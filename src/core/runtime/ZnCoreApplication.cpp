@@ -237,14 +237,16 @@ void ZnCoreApplication::postEvent(ZnObject* receiver, ZnEvent* event, int priori
         return;
     QueuedEvent_ queued{zn::detail::controlOf(receiver), std::move(owned)};
     // An object of another thread is served there.
-    zn::atomic::Thread* owner = queued.receiver->thread;
-    if (zn::atomic::Thread::isLive(owner) && owner->withApplication([&](ZnCoreApplication* application) {
-            if (application != nullptr && application != this)
+    bool isServedElsewhere = false;
+    zn::atomic::Thread::withLive(queued.receiver->thread, [&](zn::atomic::Thread& owner) {
+        owner.withApplication([&](ZnCoreApplication* application) {
+            isServedElsewhere = application != nullptr && application != this;
+            if (isServedElsewhere)
                 application->queueEvent_(std::move(queued), priority);
-            return application != nullptr && application != this;
-        }))
-        return;
-    queueEvent_(std::move(queued), priority);
+        });
+    });
+    if (!isServedElsewhere)
+        queueEvent_(std::move(queued), priority);
 }
 
 void ZnCoreApplication::queueDeletion(ZnObject* object) {
@@ -261,23 +263,48 @@ void ZnCoreApplication::queueEvent_(QueuedEvent_ queued, int priority) {
         poller_.wake();
 }
 
-bool postToThread(zn::atomic::Thread* target, ZnTask task, int lane) {
-    enum class Outcome { Accepted, Refused, Kept };
+namespace {
+
+struct PostOutcome_ {
+    bool isAccepted = false; // else the task is kept for later, or refused and still the caller's
     std::uint64_t refusalsToReport = 0;
-    const Outcome outcome =
-        target->withApplicationOrPending(task, lane, Outcome::Kept, [&](ZnCoreApplication& application) {
-            if (application.tryPostOnLane(task, lane))
-                return Outcome::Accepted;
-            refusalsToReport = application.fiberPool().countRejected(lane);
-            return Outcome::Refused;
-        });
-    ZnFiberPool::logRejected(lane, refusalsToReport);
-    return outcome == Outcome::Accepted; // a refused task is destroyed here, without the thread's lock
+};
+
+PostOutcome_ offer(zn::atomic::Thread& target, ZnTask& task, int lane) {
+    return target.withApplicationOrPending(task, lane, PostOutcome_(), [&](ZnCoreApplication& application) {
+        if (application.tryPostOnLane(task, lane))
+            return PostOutcome_{true, 0};
+        return PostOutcome_{false, application.fiberPool().countRejected(lane)};
+    });
+}
+
+} // namespace
+
+bool postToThread(zn::atomic::Thread* target, ZnTask task, int lane) {
+    const PostOutcome_ outcome = offer(*target, task, lane);
+    ZnFiberPool::logRejected(lane, outcome.refusalsToReport);
+    return outcome.isAccepted; // a refused task is destroyed here, without the thread's lock
+}
+
+bool postToThreadIfLive(zn::atomic::Thread* target, ZnTask& task, int lane, bool* isAccepted) {
+    PostOutcome_ outcome;
+    ZnTask offered = std::move(task);
+    if (!zn::atomic::Thread::withLive(
+            target, [&](zn::atomic::Thread& record) { outcome = offer(record, offered, lane); })) {
+        task = std::move(offered);
+        return false;
+    }
+    ZnFiberPool::logRejected(lane, outcome.refusalsToReport);
+    if (isAccepted != nullptr)
+        *isAccepted = outcome.isAccepted;
+    return true;
 }
 
 bool postToThreadOrFallback(zn::atomic::Thread* target, ZnTask task, int lane) {
-    if (!zn::atomic::Thread::isLive(target))
-        target = zn::atomic::Thread::currentThread();
+    bool isAccepted = false;
+    if (postToThreadIfLive(target, task, lane, &isAccepted))
+        return isAccepted;
+    target = zn::atomic::Thread::currentThread();
     if (target == nullptr)
         target = zn::atomic::Thread::fallbackThread();
     return target != nullptr && postToThread(target, std::move(task), lane);

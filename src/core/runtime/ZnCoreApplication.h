@@ -154,6 +154,10 @@ private:
 /// queued; a task refused by a saturated pool is destroyed. Any thread.
 bool postToThread(zn::atomic::Thread* target, ZnTask task, int lane = ZnFiberPool::kDefaultLane);
 
+/// As postToThread for a target that may be null or going on another thread. False, with the task as it was, when it has
+/// gone; else true, and `*isAccepted` (may be null) is what postToThread gives.
+bool postToThreadIfLive(zn::atomic::Thread* target, ZnTask& task, int lane, bool* isAccepted = nullptr);
+
 /// As postToThread for a target that may be null or gone: then the current thread, the fallback thread.
 bool postToThreadOrFallback(zn::atomic::Thread* target, ZnTask task, int lane = ZnFiberPool::kDefaultLane);
 

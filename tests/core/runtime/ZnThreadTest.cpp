@@ -51,6 +51,30 @@ TEST(ZnThread, SignalsSurroundItsRunAndItMayBeStartedAgain) {
     EXPECT_EQ(log.countOf("start() called on already-running ZnThread 'runner'"), 2);
 }
 
+// The record goes while others post to it; the sanitizers are the judges.
+TEST(ZnThread, APostReachesAThreadOrFindsItGone) {
+    LogCapture log; // of the refusals of a full queue
+    for (int round = 0; round < 30; ++round) {
+        auto* record = new zn::atomic::Thread("thread");
+        ASSERT_TRUE(record->start());
+        std::atomic<int> postCount{0};
+        std::vector<std::thread> posters;
+        for (int i = 0; i < 2; ++i)
+            posters.emplace_back([&] {
+                for (bool isThere = true; isThere; ++postCount) {
+                    ZnTask task([] {});
+                    isThere = postToThreadIfLive(record, task, ZnFiberPool::kDefaultLane);
+                    EXPECT_EQ(static_cast<bool>(task), !isThere);
+                }
+            });
+        while (postCount < 2)
+            std::this_thread::yield();
+        delete record;
+        for (std::thread& poster : posters)
+            poster.join();
+    }
+}
+
 TEST(ZnThread, IsEndedByItsDestructorAlsoOnItself) {
     struct Row {
         const char* name;

@@ -8,13 +8,13 @@
 
 void zn::http::handOver(zn::atomic::Thread* thread, ZnTask task) {
     constexpr int kLane = ZnFiberPool::kFirstLane;
-    if (!zn::atomic::Thread::isLive(thread))
-        return;
-    thread->withApplicationOrPending(task, kLane, true, [&task](ZnCoreApplication& application) {
-        if (application.tryPostOnLane(task, kLane))
+    zn::atomic::Thread::withLive(thread, [&task](zn::atomic::Thread& record) {
+        record.withApplicationOrPending(task, kLane, true, [&task](ZnCoreApplication& application) {
+            if (application.tryPostOnLane(task, kLane))
+                return true;
+            // Timers that find no room fire later.
+            application.addTimer([late = std::make_shared<ZnTask>(std::move(task))] { (*late)(); }, 1, true, kLane);
             return true;
-        // Timers that find no room fire later.
-        application.addTimer([late = std::make_shared<ZnTask>(std::move(task))] { (*late)(); }, 1, true, kLane);
-        return true;
+        });
     });
 }

@@ -12,6 +12,7 @@ struct ZnHttpLimits {
     std::uint64_t maxHeaderBytes = 32768;      // header lines with their CRLF, trailers included
     std::uint64_t maxHeaderCount = 100;        // header lines of one request
     std::uint64_t maxBodyBytes = 8388608;      // decoded
+    std::uint64_t maxStreamedBodyBytes = 0;    // of a body that streamMultipart keeps out of memory, 0: maxBodyBytes
     std::uint64_t maxChunkBytes = 2097152;     // declared size of one chunk
     std::uint64_t maxPipelinedRequests = 16;   // complete requests that may wait in a session
     std::uint64_t maxConnections = 0;          // sessions of a server, 0: no limit

@@ -3,18 +3,37 @@
 #include "core/fs/ZnDir.h"
 #include "core/io/http/ZnHttpMultipart.h"
 #include "core/platform/ZnDirPlatform.h"
+#include "core/platform/ZnMonotonicClock.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cstring>
 #include <utility>
 
 namespace {
 
 constexpr std::string_view kHeaderEnd = "\r\n\r\n";
 
+/// As bytes.find(text), which stops at every CR of a file: the system's search goes ahead by the length of the text.
+std::size_t indexOf(std::string_view bytes, std::string_view text) noexcept {
+    const void* found = ::memmem(bytes.data(), bytes.size(), text.data(), text.size());
+    return found == nullptr ? std::string_view::npos
+                            : static_cast<std::size_t>(static_cast<const char*>(found) - bytes.data());
+}
+
+/// Unlike an address, never the same for two readers of the process: the handler of a request whose connection and files
+/// are gone must not find another connection's upload under a name that it still has. The clock tells processes apart.
+unsigned long long nextReaderNumber() {
+    static std::atomic<unsigned long long> next{static_cast<unsigned long long>(monotonicNowNs())};
+    return next.fetch_add(1, std::memory_order_relaxed); // only tells one reader from another
+}
+
 // A taken name is what another process has left or someone has put there; many in a row are no accident.
 constexpr int kMaxNameAttempts = 16;
 
 } // namespace
+
+ZnHttpMultipartStream_::ZnHttpMultipartStream_() : readerNumber_(nextReaderNumber()) {}
 
 bool ZnHttpMultipartStream_::begin(const ZnString& boundary, const ZnHttpLimits& limits, const ZnString& tempDir,
                                    ZnString* errorText) {
@@ -32,7 +51,7 @@ bool ZnHttpMultipartStream_::begin(const ZnString& boundary, const ZnHttpLimits&
     if (!ZnDir::mkpathAt(directory, false))
         return fail_("Unable to create multipart temp directory", errorText);
     filePrefix_ = directory + (directory.endsWith("/") ? "multipart_" : "/multipart_") +
-                  ZnString::number(static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(this))) + "_";
+                  ZnString::number(readerNumber_) + "_";
     return true;
 }
 
@@ -162,7 +181,7 @@ bool ZnHttpMultipartStream_::openFile_(ZnString* errorText) {
 bool ZnHttpMultipartStream_::onPartData_(ZnString* errorText) {
     const std::string_view bytes = buffer_.view();
     const std::size_t delimiterBytes = crlfDelimiter_.size();
-    const std::size_t found = bytes.find(crlfDelimiter_.view());
+    const std::size_t found = indexOf(bytes, crlfDelimiter_.view());
     // Without a delimiter the last bytes may be its beginning.
     const std::size_t undecidedBytes = std::min(bytes.size(), delimiterBytes - 1);
     const std::size_t partBytes = found != std::string_view::npos ? found : bytes.size() - undecidedBytes;

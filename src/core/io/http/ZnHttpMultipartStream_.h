@@ -27,6 +27,7 @@ public:
         Failed = 4
     };
 
+    ZnHttpMultipartStream_();
     /// Prepares for a body; drops what is left of the one before. With limits.streamMultipart file parts go to files in
     /// `tempDir` (empty: the default one), which is made if necessary; else they stay in memory.
     bool begin(const ZnString& boundary, const ZnHttpLimits& limits, const ZnString& tempDir, ZnString* errorText);
@@ -53,6 +54,7 @@ private:
     bool fail_(const char* text, ZnString* errorText);
     std::string_view delimiter_() const noexcept { return crlfDelimiter_.view().substr(2); }
 
+    const unsigned long long readerNumber_; // in the names of its files; no other reader has it
     State state_ = State::Preamble;
     ZnHttpLimits limits_;
     ZnString filePrefix_;              // of every temporary file: absolute directory, first half of the name

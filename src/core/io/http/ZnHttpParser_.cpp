@@ -297,22 +297,20 @@ bool ZnHttpParser_::finishHeaders_() {
         return fail_(400, "Invalid Content-Length");
     if (chunked && length != none)
         return fail_(400, "Conflicting body framing");
-    if (bodyRemaining_ > limits_.maxBodyBytes)
+    const auto contentType = headers.find("content-type");
+    const bool isStreamed = limits_.streamMultipart && contentType != none &&
+                            zn::http::isMultipartForm(contentType->second.view());
+    maxBodyBytes_ = isStreamed && limits_.maxStreamedBodyBytes > 0 ? limits_.maxStreamedBodyBytes : limits_.maxBodyBytes;
+    if (bodyRemaining_ > maxBodyBytes_)
         return fail_(413, "Body too large");
     current_->chunked = chunked;
     state_ = chunked ? State::ChunkSize : bodyRemaining_ > 0 ? State::FixedBody : State::Complete;
-    return state_ == State::Complete || prepareBody_();
+    return state_ == State::Complete || !isStreamed || beginMultipart_(contentType->second.view());
 }
 
-/// Decides where the body goes.
-bool ZnHttpParser_::prepareBody_() {
-    if (!limits_.streamMultipart)
-        return true;
-    const auto contentType = current_->headers.find("content-type");
-    if (contentType == current_->headers.end() || !zn::http::isMultipartForm(contentType->second.view()))
-        return true;
+bool ZnHttpParser_::beginMultipart_(std::string_view contentType) {
     ZnString boundary;
-    if (!zn::http::parseBoundary(contentType->second.view(), &boundary))
+    if (!zn::http::parseBoundary(contentType, &boundary))
         return fail_(400, "Missing multipart boundary");
     if (!multipart_)
         multipart_ = std::make_unique<ZnHttpMultipartStream_>();
@@ -342,7 +340,7 @@ bool ZnHttpParser_::parseContentLength_(std::string_view text) {
 bool ZnHttpParser_::takeBody_(Input_& input, std::uint64_t* remainingBytes) {
     const std::size_t byteCount =
         static_cast<std::size_t>(std::min<std::uint64_t>(*remainingBytes, input.rest.size()));
-    if (byteCount > limits_.maxBodyBytes - bodyBytes_)
+    if (byteCount > maxBodyBytes_ - bodyBytes_)
         return fail_(413, "Body too large");
     const std::string_view bytes = input.rest.substr(0, byteCount);
     input.skip(byteCount);
@@ -385,7 +383,7 @@ bool ZnHttpParser_::onChunkSize_(Input_& input) {
         return fail_(400, "Invalid chunk size");
     if (chunkRemaining_ > limits_.maxChunkBytes)
         return fail_(413, "Chunk too large");
-    if (chunkRemaining_ > limits_.maxBodyBytes - bodyBytes_)
+    if (chunkRemaining_ > maxBodyBytes_ - bodyBytes_)
         return fail_(413, "Body too large");
     state_ = chunkRemaining_ == 0 ? State::Trailers : State::ChunkData;
     return true;

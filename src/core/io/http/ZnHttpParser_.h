@@ -76,7 +76,7 @@ private:
     bool onChunkData_(Input_& input);
     bool onChunkEnd_(Input_& input);
     bool onTrailerLine_(Input_& input);
-    bool prepareBody_();
+    bool beginMultipart_(std::string_view contentType);
     bool finishBody_();
     bool commit_(ZnList<RequestRef>& out);
     /// Moves up to `*remainingBytes` bytes of the input to the body. False: it would grow beyond its limit, or its
@@ -90,6 +90,7 @@ private:
     RequestRef current_;               // null until its request line is complete
     std::uint64_t headerBytes_ = 0;    // this and the next four: of the current message
     std::uint64_t headerCount_ = 0;
+    std::uint64_t maxBodyBytes_ = 0;   // of this body
     std::uint64_t bodyBytes_ = 0;      // decoded so far
     std::uint64_t bodyRemaining_ = 0;  // of a body with a length
     std::uint64_t chunkRemaining_ = 0;

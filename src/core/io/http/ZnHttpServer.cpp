@@ -283,7 +283,8 @@ ZnHttpServerStats ZnHttpServer::stats() const {
 
 void ZnHttpServer::setLimits(const ZnHttpLimits& limits) {
     limits_ = limits;
-    sslServer_.setMaxHandshakes(static_cast<std::size_t>(limits.maxConnections));
+    const std::uint64_t maxConnections = limits.maxConnections > 0 ? limits.maxConnections : ZnSslServer::kMaxHandshakes;
+    sslServer_.setMaxHandshakes(std::min<std::uint64_t>(maxConnections, ZnSslServer::kMaxHandshakes));
 }
 
 void ZnHttpServer::setTimeouts(const ZnHttpTimeouts& timeouts) {

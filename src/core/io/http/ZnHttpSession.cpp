@@ -20,7 +20,7 @@ namespace {
 
 constexpr const char* kCategory = "zn.core.io.znhttpsession";
 
-constexpr std::size_t kReadBytes = 16 * 1024;
+constexpr std::size_t kReadBytes = 64 * 1024;
 // A body up to this size is copied behind its head and leaves with it in one write; a larger one is handed over.
 constexpr std::size_t kJoinedBodyBytes = 16 * 1024;
 // A peer that sends many requests at once is served this many, then the other connections have their turn.

@@ -161,6 +161,10 @@ TEST_F(ZnHttpMultipart, ContentTypesThatAreRead) {
     limits_.maxBodyBytes = 10;
     EXPECT_EQ(outcomeOf({request(kEnd + "12345", true)}), ".") << "the bytes behind the end count";
     EXPECT_EQ(outcomeOf({request(kEnd + "123456", true)}), "413 Body too large");
+    limits_.maxStreamedBodyBytes = 11;
+    EXPECT_EQ(outcomeOf({request(kEnd + "123456", true)}), ".");
+    EXPECT_EQ(outcomeOf({request(kEnd + "1234567")}), "413 Body too large");
+    EXPECT_EQ(outcomeOf({request(kEnd + "123456", false, "text/plain")}), "413 Body too large") << "not streamed";
 }
 
 TEST_F(ZnHttpMultipart, FilesArePrivateAndNeverWrittenThroughALink) {
@@ -210,9 +214,11 @@ TEST_F(ZnHttpMultipart, FilesGoWithWhoeverOwnsThem) {
     feed(wire);
     parser_.reset();
     EXPECT_EQ(fileCount(), 2u) << "a complete request outlives its parser";
+    const ZnString earlier = requests_[0]->multipartParts[0].tempFilePath;
     requests_.clear();
     EXPECT_EQ(fileCount(), 0u) << "nobody took the request";
     feed(wire);
+    EXPECT_NE(requests_[0]->multipartParts[0].tempFilePath, earlier) << "a handler may be at work with that name";
     requests_[0]->tempFiles->removeAll();
     EXPECT_EQ(fileCount(), 0u) << "the answer has left";
     std::ofstream(requests_[0]->multipartParts[0].tempFilePath.str()) << "of someone else";

@@ -1,3 +1,4 @@
+#include "core/fs/TemporaryDirectory.h"
 #include "core/io/ZnTcpSocket.h"
 #include "core/io/http/ZnHttpApp.h"
 #include "core/platform/ZnMonotonicClock.h"
@@ -459,6 +460,63 @@ TEST_F(ZnHttpServerPoolTest, JobsOutliveTheirConnections) {
     EXPECT_TRUE(pool_->waitForDone());
     settle();
     EXPECT_EQ(staying->received + queued->received, "");
+}
+
+// Who removes the file of an upload: whoever has it when the request ends.
+TEST_F(ZnHttpServerPoolTest, FilesOfUploadsGoWithTheirRequest) {
+    const TemporaryDirectory directory;
+    const ZnString taken = directory.path("taken");
+    ZnHttpLimits limits;
+    limits.streamMultipart = true;
+    limits.multipartTempDir = directory.path("incoming");
+    app_->setLimits(limits);
+    app_->post("/upload", [&](ZnHttpContext& context) {
+        const ZnHttpMultipartPart& part = context.request().multipartParts[0];
+        EXPECT_EQ(contentOf(part.tempFilePath), "content");
+        ++waitingCount_;
+        if (context.request().queryString == "wait")
+            opened_.wait();
+        if (context.request().queryString == "take")
+            std::filesystem::rename(part.tempFilePath.str(), taken.str());
+        context.text("done");
+    });
+    const auto fileCount = [&] {
+        const std::filesystem::directory_iterator files(limits.multipartTempDir.str());
+        return std::distance(begin(files), end(files));
+    };
+    const struct {
+        const char* query;
+        std::size_t withheldBytes; // of the end of the body
+        bool isAnswered;
+        bool isTaken;
+    } kRows[] = {{"", 0, true, false}, {"take", 0, true, true}, {"", 5, false, false}, {"wait", 0, false, false}};
+    const std::string body =
+        "--b\r\ncontent-disposition: form-data; name=f; filename=x\r\n\r\ncontent\r\n--b--\r\n";
+    for (const auto& row : kRows) {
+        const int waitingBefore = waitingCount_;
+        const auto client = send(std::string("POST /upload?") + row.query +
+                                 " HTTP/1.1\r\ncontent-type: multipart/form-data; boundary=b\r\ncontent-length: " +
+                                 std::to_string(body.size()) + "\r\n\r\n" +
+                                 body.substr(0, body.size() - row.withheldBytes));
+        if (row.isAnswered) {
+            EXPECT_TRUE(runUntil([&] { return client->received.ends_with("done"); })) << client->received;
+        } else {
+            ASSERT_TRUE(pollUntil([&] {
+                return row.withheldBytes > 0 ? fileCount() == 1 : waitingCount_ > waitingBefore;
+            }));
+            client->socket.close();
+            EXPECT_TRUE(runUntil([&] { return app_->activeSessionCount() == 0; }));
+            if (row.withheldBytes == 0)
+                openGate();
+            EXPECT_TRUE(pool_->waitForDone());
+            settle();
+        }
+        EXPECT_EQ(fileCount(), 0) << row.query;
+        EXPECT_EQ(std::filesystem::remove(taken.str()), row.isTaken) << row.query;
+        client->socket.close();
+        EXPECT_TRUE(runUntil([&] { return app_->activeSessionCount() == 0; }));
+    }
+    EXPECT_EQ(app_->stats().inFlight, 0);
 }
 
 // What nobody can answer any more does not count as being handled.

@@ -1,0 +1,177 @@
+#include "core/fs/TemporaryDirectory.h"
+#include "core/io/ZnSslEngine_.h"
+#include "core/types/ZnCrypto.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <dlfcn.h>
+
+// Texts can be encrypted, so every program has libcrypto. Not this one, so that it can be missing.
+ZnString ZnCrypto::encryptAES(const ZnString&, const ZnString&) { return {}; }
+ZnString ZnCrypto::decryptAES(const ZnString&, const ZnString&) { return {}; }
+
+namespace {
+
+constexpr const char* kNotLoaded = "Unable to load OpenSSL (searched PATH and fallbacks)";
+
+ZnString load() {
+    ZnString errorText;
+    return ZnOpenSslApi_::instance().ensureLoaded(&errorText) ? ZnString("loaded") : errorText;
+}
+
+/// Runs in a process of its own, since a library stays loaded.
+ZnString runProbe(const std::string& name) {
+    ZnSslEngine_ engine;
+    if (name == "load")
+        return load();
+    if (name == "load-twice") { // the library comes in between
+        const ZnString first = load();
+        std::filesystem::rename("later.so", "libssl.so.3");
+        return first + ", then " + load();
+    }
+    ZnString errorText;
+    if (name != "server")
+        return engine.initClient("localhost", name == "far" ? 0x80000000U : 0U, {}) ? "ready" : engine.lastError();
+    const auto context = ZnSslServerContext::buildServerContext_({{"a.test", "a.pem", "a.key", false}}, &errorText);
+    if (context)
+        errorText = engine.initServer(context, 0) ? "ready" : engine.lastError();
+    return errorText;
+}
+
+class ZnSslBindingTest : public ::testing::Test {
+protected:
+    /// A library without the functions in `missing`: a name with another first letter is not found.
+    void place(const std::string& fileName, const std::vector<std::string>& missing = {}) {
+        std::string library = contentOf(ZN_FAKE_SSL);
+        for (const std::string& name : missing) {
+            const std::size_t at = library.find('\0' + name + '\0');
+            ASSERT_NE(at, std::string::npos) << name;
+            library[at + 1] = '_';
+        }
+        directory_.file(fileName, library);
+    }
+    /// Hides the system's libraries of these names: the search ends at a file that is none.
+    void hide(const std::vector<std::string>& fileNames) {
+        for (const std::string& fileName : fileNames)
+            directory_.file(fileName, "");
+    }
+    /// What a probe says that finds the directory's libraries first, with `environment`.
+    std::string probe(const std::string& name, const std::string& environment = {}) const {
+        const std::string command = "cd '" + here_ + "' && LD_LIBRARY_PATH='" + here_ + "' " + environment + " exec '" +
+                                    std::filesystem::read_symlink("/proc/self/exe").string() + "' --probe " + name;
+        FILE* output = ::popen(command.c_str(), "r");
+        char buffer[1024];
+        const std::string text(buffer, std::fread(buffer, 1, sizeof(buffer), output));
+        EXPECT_EQ(::pclose(output), 0) << command;
+        return text;
+    }
+
+    TemporaryDirectory directory_;
+    const std::string here_ = directory_.path().str();
+};
+
+TEST_F(ZnSslBindingTest, TheNewestNameWinsWhereverItLies) {
+    hide({"libssl.so.3", "libssl.so"});
+    EXPECT_EQ(probe("load"), kNotLoaded);
+    place("later.so");
+    EXPECT_EQ(probe("load-twice"), std::string(kNotLoaded) + ", then loaded");
+    hide({"libssl.so.3"});
+    place("libssl.so.1.1");
+    place("apart/libssl.so.3", {"TLS_server_method"});
+    EXPECT_EQ(probe("server"), "ready");
+    EXPECT_EQ(probe("server", "ZN_SSL_PATH=./apart"), "ready"); // no "/" at its end: part of the file's name
+    EXPECT_EQ(probe("server", "ZN_SSL_PATH=./apart/"), "TLS_server_method not available");
+}
+
+TEST_F(ZnSslBindingTest, EitherLibraryMayBeTheOldOne) {
+    if (::dlopen("libcrypto.so.3", RTLD_LAZY | RTLD_NOLOAD) != nullptr)
+        GTEST_SKIP() << "this program is linked with libcrypto";
+    place("libssl.so.3");
+    hide({"libcrypto.so.3", "libcrypto.so.1.1", "libcrypto.so"});
+    EXPECT_EQ(probe("load"), kNotLoaded);
+    place("apart/libcrypto.so.1.1");
+    EXPECT_EQ(probe("load", "ZN_SSL_PATH=apart/"), "loaded");
+    hide({"libssl.so.3", "libssl.so"});
+    place("apart/libssl.so.1.1");
+    EXPECT_EQ(probe("client", "ZN_SSL_PATH=apart/"), "ready"); // with no function of libcrypto at all
+}
+
+TEST_F(ZnSslBindingTest, OnlyTheRequiredFunctionsMustBeThere) {
+    const std::vector<std::string> required = {"TLS_client_method", "SSL_CTX_new",   "SSL_new",
+                                               "SSL_set_fd",        "SSL_read",      "SSL_do_handshake",
+                                               "SSL_write",         "SSL_get_error", "SSL_shutdown"};
+    for (const std::string& name : required) {
+        place("libssl.so.3", {name});
+        EXPECT_EQ(probe("load"), "Missing required OpenSSL symbols") << name;
+    }
+    std::vector<std::string> others;
+#define NOTE(name, library, isRequired)                                                                             \
+    if (std::string(#library) == "ssl" && std::count(required.begin(), required.end(), std::string(#name)) == 0)     \
+        others.push_back(#name);
+    ZN_OPENSSL_SYMBOLS(NOTE)
+#undef NOTE
+    place("libssl.so.3", others);
+    EXPECT_EQ(probe("client"), "SSL_CTX_set_verify missing");
+}
+
+TEST_F(ZnSslBindingTest, WhatIsMissingOrFailsIsNamed) {
+    struct Row {
+        const char* probe;
+        std::vector<std::string> missing; // functions that the library lacks
+        const char* failing;              // one that gives 0
+        const char* text;
+    };
+    const Row rows[] = {
+        {"client", {"SSL_ctrl", "SSL_CTX_ctrl", "SSL_set_connect_state", "SSL_CTX_get_cert_store"}, "", "ready"},
+        {"far", {}, "", "Socket handle out of range for SSL_set_fd"},
+        {"client", {"SSL_set1_host"}, "", "SSL_set1_host missing"},
+        {"client", {}, "SSL_CTX_new", "SSL_CTX_new failed"},
+        {"client", {}, "SSL_new", "SSL_new failed"},
+        {"client", {}, "SSL_set_fd", "SSL_set_fd failed"},
+        {"server", {"TLS_server_method"}, "", "TLS_server_method not available"},
+        {"server", {}, "SSL_CTX_new", "SSL_CTX_new (server) failed"},
+        {"server", {"SSL_CTX_check_private_key"}, "SSL_CTX_use_certificate_chain_file", "ready"},
+        {"server", {"SSL_CTX_use_certificate_file"}, "SSL_CTX_use_certificate_chain_file",
+         "Failed to load certificate: a.pem"},
+        {"server", {"SSL_CTX_use_PrivateKey_file"}, "", "Failed to load private key: a.key"},
+        {"server", {}, "SSL_CTX_check_private_key", "Private key does not match certificate"},
+        {"server", {"SSL_CTX_callback_ctrl"}, "", "OpenSSL SNI symbols are not available"},
+        {"server", {"SSL_get_servername"}, "", "OpenSSL SNI symbols are not available"},
+        {"server", {"SSL_set_SSL_CTX"}, "", "OpenSSL SNI symbols are not available"},
+        {"server", {}, "SSL_CTX_callback_ctrl", "Unable to install TLS SNI callback"},
+        {"server", {}, "SSL_CTX_ctrl", "Unable to install TLS SNI callback context"},
+        {"server", {"SSL_set_accept_state"}, "", "SSL_set_accept_state not available"},
+        {"server", {}, "SSL_new", "SSL_new (server) failed"},
+        {"server", {}, "SSL_set_fd", "SSL_set_fd failed"},
+    };
+    for (const Row& row : rows) {
+        place("libssl.so.3", row.missing);
+        EXPECT_EQ(probe(row.probe, std::string("FAKE_SSL_FAILS=") + row.failing), row.text) << row.failing;
+    }
+}
+
+TEST_F(ZnSslBindingTest, TheTextOfMissingRootsListsWhatWasTried) {
+    const std::string none = "No trusted CA certificates available (openssl-defaults ";
+    const std::string noStore = "; windows-system-store unavailable";
+    place("libssl.so.3", {"SSL_CTX_set_default_verify_paths"});
+    EXPECT_EQ(probe("client", "ZN_SSL_CA_FILE=none ZN_SSL_CA_DIR=libssl.so.3"), none + "unavailable" + noStore + ")");
+    EXPECT_EQ(probe("client", "ZN_SSL_CA_FILE=libssl.so.3"), "ready");
+    directory_.file("certs/cert.pem", "");
+    const auto details = [&](const std::string& how) {
+        return noStore + "; env ZN_SSL_CA_FILE" + how + "; env ZN_SSL_CA_DIR" + how + "; bundle:" + here_ +
+               "/certs/cert.pem" + how + "; bundle-dir:" + here_ + "/certs" + how + ")";
+    };
+    const std::string setting = "ZN_SSL_CA_FILE=libssl.so.3 ZN_SSL_CA_DIR=certs FAKE_SSL_FAILS=SSL_CTX_";
+    EXPECT_EQ(probe("client", setting + "load_verify_locations"), none + "unavailable" + details(" failed"));
+    place("libssl.so.3", {"SSL_CTX_load_verify_locations"});
+    EXPECT_EQ(probe("client", setting + "set_default_verify_paths"), none + "failed" + details(" unavailable"));
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc == 3 && std::string(argv[1]) == "--probe")
+        return std::printf("%s", runProbe(argv[2]).data()) < 0;
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

@@ -6,76 +6,12 @@
 #include "core/runtime/ZnTimer.h"
 #include "support/LogCapture.h"
 #include "support/LoopFixture.h"
+#include "support/Loopback.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <openssl/ssl.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <thread>
 
 namespace {
-
-/// A blocking socket that is connected to a port of 127.0.0.1.
-int connectTo(unsigned short port) {
-    const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(::connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    const int on = 1;
-    ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-    return descriptor;
-}
-
-/// Passes one connection on to `port`, every byte by itself.
-class ByteProxy {
-public:
-    explicit ByteProxy(unsigned short port) : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t addressBytes = sizeof(address);
-        EXPECT_EQ(::bind(listener_, reinterpret_cast<sockaddr*>(&address), addressBytes), 0);
-        EXPECT_EQ(::listen(listener_, 1), 0);
-        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &addressBytes);
-        port_ = ntohs(address.sin_port);
-        thread_ = std::thread([this, port] { run_(port); });
-    }
-    ~ByteProxy() {
-        ::shutdown(listener_, SHUT_RDWR);
-        thread_.join();
-        ::close(listener_);
-    }
-    unsigned short port() const { return port_; }
-
-private:
-    void run_(unsigned short port) {
-        const int client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (client < 0)
-            return;
-        const int on = 1;
-        ::setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-        const int server = connectTo(port);
-        pollfd ends[2] = {{client, POLLIN, 0}, {server, POLLIN, 0}};
-        for (bool isOpen = true; isOpen && ::poll(ends, 2, 10000) > 0;) {
-            for (int i = 0; i < 2 && isOpen; ++i) {
-                char byte = 0;
-                if (ends[i].revents != 0)
-                    isOpen = ::recv(ends[i].fd, &byte, 1, 0) == 1 &&
-                             ::send(ends[1 - i].fd, &byte, 1, MSG_NOSIGNAL) == 1;
-            }
-        }
-        ::close(client);
-        ::close(server);
-    }
-
-    int listener_;
-    unsigned short port_ = 0;
-    std::thread thread_;
-};
 
 std::string pattern(std::size_t byteCount, unsigned seed) {
     std::string text(byteCount, '\0');
@@ -112,6 +48,8 @@ protected:
     }
     /// A client that trusts the authority of the tests, and the server's socket.
     bool connectPair(unsigned short port = 0) {
+        if (server_.localPort() == 0)
+            listen({credential("good")});
         client_.setCaFile(files_.path("ca.pem"));
         runOnFiber([&] { client_.connectToHostEncrypted("localhost", port == 0 ? server_.localPort() : port); });
         return runUntil([&] { return client_.isOpen() && accepted_ != nullptr; });
@@ -130,51 +68,43 @@ protected:
     ZnSslServer server_;
     ZnTcpSocket* accepted_ = nullptr;
     ZnSslSocket client_;
+    std::string atServer_;
+    std::string atClient_;
 };
 
 TEST_F(ZnSslSocketTest, ServesRealClients) {
     listen({credential("good"), credential("second", "Second.TEST. "), credential("a", "a.test")});
     echo();
-    struct Row {
-        const char* version;
-        const char* serverName;
-        const char* subject;
-        const char* command; // a key update, or a renegotiation, which a server refuses
-    };
-    const Row rows[] = {
-        {"-tls1_2", "-noservername", "CN = good\n", "R\n"}, {"-tls1_3", "-noservername", "CN = good\n", "K\n"},
-        {"-tls1_3", "a.test", "CN = a\n", "k\n"},           {"-tls1_2", "A.test", "CN = a\n", nullptr},
-        {"-tls1_3", "second.test.", "CN = second\n", "K\n"}, {"-tls1_3", "other.test", "CN = good\n", nullptr},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(std::string(row.version) + " " + row.serverName);
-        std::vector<std::string> arguments = clientArguments(row.version, row.serverName);
-        if (row.serverName[0] != '-')
+    constexpr const char* kRows[][4] = { // the last: a key update, or a renegotiation, which a server refuses
+        {"-tls1_2", "-noservername", "good", "R\n"}, {"-tls1_3", "a.test", "a", "k\n"},
+        {"-tls1_2", "A.test", "a", "Q\n"},           {"-tls1_3", "second.test.", "second", "K\n"},
+        {"-tls1_3", "other.test", "good", "Q\n"}};
+    for (const auto& [version, serverName, subject, command] : kRows) {
+        SCOPED_TRACE(std::string(version) + " " + serverName);
+        std::vector<std::string> arguments = clientArguments(version, serverName);
+        if (serverName[0] != '-')
             arguments.insert(arguments.end() - 1, "-servername");
         OpensslProgram client(arguments);
         client.type("hello\n");
         ASSERT_TRUE(runUntil([&] { return client.hasWritten("\nhello\n"); })) << client.output();
         EXPECT_TRUE(client.hasWritten("Verify return code: 0 (ok)") || client.hasWritten("Verification: OK"));
-        EXPECT_TRUE(client.hasWritten(std::string("subject=") + row.subject)) << client.output();
-        const bool isRefused = row.command != nullptr && row.command[0] == 'R'; // the client then gives up
-        if (row.command != nullptr)
-            client.type(row.command);
-        if (row.command != nullptr && !isRefused) {
+        EXPECT_TRUE(client.hasWritten(std::string("subject=CN = ") + subject + "\n")) << client.output();
+        client.type(command);
+        if (command[0] == 'k' || command[0] == 'K') {
             ASSERT_TRUE(runUntil([&] { return client.hasWritten("KEYUPDATE\n"); })) << client.output();
             client.type("again\n");
             ASSERT_TRUE(runUntil([&] { return client.hasWritten("\nagain\n"); })) << client.output();
-        }
-        if (!isRefused)
             client.type("Q\n"); // with a close alert, which is no failure
+        }
         ASSERT_TRUE(runUntil([&] { return accepted_->state() == SocketState::Unconnected; }));
-        EXPECT_EQ(log_.take().size(), isRefused ? 1U : 0U);
+        EXPECT_EQ(log_.take().size(), command[0] == 'R' ? 1U : 0U);
     }
     EXPECT_EQ(server_.handshakeCount(), 0U);
 }
 
 TEST_F(ZnSslSocketTest, AFloodOfKeyUpdatesStopsNobody) {
     listen({credential("good")});
-    const int descriptor = connectTo(server_.localPort());
+    const int descriptor = connectToLoopback(server_.localPort());
     SSL_CTX* context = SSL_CTX_new(TLS_client_method());
     SSL* ssl = SSL_new(context);
     SSL_set_fd(ssl, descriptor);
@@ -185,16 +115,15 @@ TEST_F(ZnSslSocketTest, AFloodOfKeyUpdatesStopsNobody) {
         ASSERT_TRUE(SSL_key_update(ssl, SSL_KEY_UPDATE_NOT_REQUESTED) == 1 && SSL_do_handshake(ssl) == 1);
     EXPECT_EQ(SSL_write(ssl, "hello", 5), 5);
 
-    std::string text;
-    gather(*accepted_, &text);
+    gather(*accepted_, &atServer_);
     int passCount = 0;
     std::function<void()> pass = [&] {
         ++passCount;
-        if (text.empty())
+        if (atServer_.empty())
             ZnTimer::singleShot(0, pass);
     };
     pass();
-    EXPECT_TRUE(runUntil([&] { return text == "hello"; }));
+    EXPECT_TRUE(runUntil([&] { return atServer_ == "hello"; }));
     EXPECT_GT(passCount, 4);
     SSL_free(ssl);
     SSL_CTX_free(context);
@@ -209,11 +138,9 @@ TEST_F(ZnSslSocketTest, VerifiesRealServers) {
         const char* logText; // null: the connection works
     };
     const Row rows[] = {
-        {"good", "-tls1_3", "localhost", nullptr},
-        {"good", "-tls1_2", "localhost", nullptr},
         {"good", "-tls1_3", "127.0.0.1", nullptr},
+        {"good", "-tls1_2", "localhost", nullptr},
         {"good", "-tls1_3", "other.test", "verify=62 (hostname mismatch) openssl="},
-        {"a", "-tls1_2", "localhost", "verify=62 (hostname mismatch) openssl="},
         {"expired", "-tls1_3", "localhost", "verify=10 (certificate has expired) openssl="},
         {"selfsigned", "-tls1_3", "localhost", "verify=18 (self-signed certificate) openssl="},
         {"wrongca", "-tls1_2", "localhost", "verify=20 (unable to get local issuer certificate) openssl="},
@@ -226,15 +153,16 @@ TEST_F(ZnSslSocketTest, VerifiesRealServers) {
         const unsigned short port = peer.port();
         ZnSslSocket client;
         std::string signalTexts;
-        std::string text;
-        client.connect(&ZnAbstractSocket::connected, &client, [&] { signalTexts += "connected "; });
-        client.connect(&ZnSslSocket::encrypted, &client, [&] { signalTexts += "encrypted "; });
+        const auto note = [&](const char* text) { return [&signalTexts, text] { signalTexts += text; }; };
+        client.connect(&ZnAbstractSocket::connected, &client, note("connected "));
+        client.connect(&ZnSslSocket::encrypted, &client, note("encrypted "));
         client.connect(&ZnSslSocket::sslErrors, &client, [&](const ZnList<ZnString>& errors) {
-            signalTexts += "sslErrors " + errors.first().str().substr(0, 46);
+            signalTexts += errors.first().str().substr(0, 36) + " ";
         });
         client.connect(&ZnAbstractSocket::errorOccurred, &client,
-                       [&](int code) { signalTexts += " error " + std::to_string(code); });
-        client.connect(&ZnAbstractSocket::disconnected, &client, [&] { signalTexts += " disconnected"; });
+                       [&](int code) { signalTexts += "error " + std::to_string(code); });
+        client.connect(&ZnAbstractSocket::disconnected, &client, note(" disconnected"));
+        std::string text;
         gather(client, &text);
         client.setPeerHostName(row.host);
         client.setCaFile(files_.path("ca.pem"));
@@ -242,19 +170,17 @@ TEST_F(ZnSslSocketTest, VerifiesRealServers) {
         EXPECT_FALSE(client.write(ZnString("too early"))); // nothing is queued during the handshake
         ASSERT_TRUE(runUntil([&] { return client.isOpen() || client.state() == SocketState::Unconnected; }));
         if (row.logText != nullptr) {
-            EXPECT_EQ(signalTexts,
-                      "sslErrors [ZnSslSocket] OpenSSL handshake failed: SSL er error -2146893048 disconnected");
+            EXPECT_EQ(signalTexts, "[ZnSslSocket] OpenSSL handshake fail error -2146893048 disconnected");
             EXPECT_EQ(log_.countOf(row.logText), 1);
             log_.take();
             continue;
         }
         EXPECT_EQ(signalTexts, "connected encrypted ");
-        const bool isOld = std::string(row.version) == "-tls1_2";
         EXPECT_TRUE(client.write(ZnString("from the client\n")));
         ASSERT_TRUE(runUntil([&] { return peer.hasWritten("from the client\n"); })) << peer.output();
         peer.type("one\n");
         ASSERT_TRUE(runUntil([&] { return text == "one\n"; })) << text;
-        peer.type(isOld ? "r\n" : "K\n"); // the server asks for new keys
+        peer.type(std::string(row.version) == "-tls1_2" ? "r\n" : "K\n"); // the server asks for new keys
         settle(50);
         peer.type("two\n");
         ASSERT_TRUE(runUntil([&] { return text == "one\ntwo\n"; })) << text;
@@ -262,53 +188,28 @@ TEST_F(ZnSslSocketTest, VerifiesRealServers) {
         ASSERT_TRUE(runUntil([&] { return peer.hasWritten("to the end\n"); })) << peer.output();
         peer.type("Q\n"); // closes without an alert
         ASSERT_TRUE(runUntil([&] { return client.state() == SocketState::Unconnected; }));
-        EXPECT_EQ(signalTexts, "connected encrypted sslErrors [ZnSslSocket] OpenSSL read failed: SSL error c error -7 "
-                               "disconnected");
+        EXPECT_EQ(signalTexts, "connected encrypted [ZnSslSocket] OpenSSL read failed: S error -7 disconnected");
         EXPECT_EQ(log_.countOf("unexpected eof while reading"), 1);
         log_.take();
     }
 }
 
 TEST_F(ZnSslSocketTest, MovesMegabytesBothWaysAtOnce) {
-    listen({credential("good")});
     ASSERT_TRUE(connectPair());
     const std::string up = pattern(16 * 1024 * 1024, 1);
     const std::string down = pattern(16 * 1024 * 1024 + 1, 2);
-    std::string atServer;
-    std::string atClient;
-    gather(*accepted_, &atServer);
-    gather(client_, &atClient);
+    gather(*accepted_, &atServer_);
+    gather(client_, &atClient_);
     int finishedCount = 0;
     client_.connect(&ZnAbstractSocket::writeFinished, &client_, [&] { ++finishedCount; });
     EXPECT_TRUE(client_.write(ZnString(up)));
     EXPECT_TRUE(accepted_->writeGathered(ZnString(down.substr(0, 100)), ZnByteArray(down.substr(100))));
-    ASSERT_TRUE(runUntil([&] { return atServer.size() == up.size() && atClient.size() == down.size(); }, 60000));
-    EXPECT_TRUE(atServer == up && atClient == down);
+    ASSERT_TRUE(runUntil([&] { return atServer_.size() == up.size() && atClient_.size() == down.size(); }, 60000));
+    EXPECT_TRUE(atServer_ == up && atClient_ == down);
     EXPECT_EQ(finishedCount, 1);
-    EXPECT_EQ(client_.bytesSent(), up.size());
-    EXPECT_EQ(client_.bytesReceived(), down.size());
-}
-
-TEST_F(ZnSslSocketTest, EveryByteMayComeByItself) {
-    listen({credential("good")});
-    const ByteProxy proxy(server_.localPort());
-    ASSERT_TRUE(connectPair(proxy.port()));
-    std::string atServer;
-    std::string atClient;
-    gather(*accepted_, &atServer);
-    gather(client_, &atClient);
-    const std::string text = pattern(200, 3);
-    for (const char c : text)
-        EXPECT_TRUE(client_.write(ZnString(&c, 1)));
-    EXPECT_TRUE(accepted_->write(ZnString(text)));
-    ASSERT_TRUE(runUntil([&] { return atServer.size() >= 200 && atClient.size() >= 200; }));
-    EXPECT_TRUE(atServer == text && atClient == text);
-    client_.close();
-    EXPECT_TRUE(runUntil([&] { return accepted_->state() == SocketState::Unconnected; }));
 }
 
 TEST_F(ZnSslSocketTest, TheLastReadClosesBehindACloseAlert) {
-    listen({credential("good")});
     ASSERT_TRUE(connectPair());
     int closedCount = 0;
     client_.connect(&ZnAbstractSocket::disconnected, &client_, [&] { ++closedCount; });
@@ -326,8 +227,7 @@ TEST_F(ZnSslSocketTest, TheLastReadClosesBehindACloseAlert) {
 
 TEST_F(ZnSslSocketTest, BytesInFrontOfAnEndWithoutAlertAreDelivered) {
     listen({credential("good")});
-    std::string text;
-    server_.connect(&ZnTcpServer::newConnection, &server_, [&] { gather(*accepted_, &text); });
+    server_.connect(&ZnTcpServer::newConnection, &server_, [&] { gather(*accepted_, &atServer_); });
     OpensslProgram client(clientArguments("-tls1_3"));
     ASSERT_TRUE(runUntil([&] { return accepted_ != nullptr; })) << client.output();
     settle(100);
@@ -336,12 +236,11 @@ TEST_F(ZnSslSocketTest, BytesInFrontOfAnEndWithoutAlertAreDelivered) {
     client.leave();
     ::usleep(50000);
     EXPECT_TRUE(runUntil([&] { return accepted_->state() == SocketState::Unconnected; }));
-    EXPECT_EQ(text, "bye\n");
+    EXPECT_EQ(atServer_, "bye\n");
     EXPECT_EQ(log_.countOf("OpenSSL read failed"), 1);
 }
 
 TEST_F(ZnSslSocketTest, ReceiversMayWriteAndCloseAndTlsStays) {
-    listen({credential("good")});
     ASSERT_TRUE(connectPair());
     int writeCount = 0;
     client_.connect(&ZnAbstractSocket::writeFinished, &client_, [&] {
@@ -359,7 +258,6 @@ TEST_F(ZnSslSocketTest, ReceiversMayWriteAndCloseAndTlsStays) {
 }
 
 TEST_F(ZnSslSocketTest, AReaderThatDoesNotReadStopsTheInput) {
-    listen({credential("good")});
     ASSERT_TRUE(connectPair());
     const std::string text = pattern(8 * 1024 * 1024, 4);
     EXPECT_TRUE(client_.write(ZnString(text)));
@@ -374,7 +272,6 @@ TEST_F(ZnSslSocketTest, AReaderThatDoesNotReadStopsTheInput) {
 }
 
 TEST_F(ZnSslSocketTest, OthersMayWriteWhileAReceiverIsParked) {
-    listen({credential("good")});
     ASSERT_TRUE(connectPair());
     ZnEventLoop wait;
     bool hasEnded = false;
@@ -383,12 +280,11 @@ TEST_F(ZnSslSocketTest, OthersMayWriteWhileAReceiverIsParked) {
         wait.exec();
         hasEnded = true;
     });
-    std::string echoed;
-    gather(client_, &echoed);
+    gather(client_, &atClient_);
     client_.write(ZnString("one"));
-    ASSERT_TRUE(runUntil([&] { return echoed == "one"; }));
+    ASSERT_TRUE(runUntil([&] { return atClient_ == "one"; }));
     accepted_->write(ZnString("two"));
-    ASSERT_TRUE(runUntil([&] { return echoed == "onetwo"; }));
+    ASSERT_TRUE(runUntil([&] { return atClient_ == "onetwo"; }));
     client_.close();
     settle();
     EXPECT_FALSE(hasEnded);
@@ -400,11 +296,10 @@ TEST_F(ZnSslSocketTest, HandshakesThatDoNotFinishEnd) {
     listen({credential("good")});
     server_.setHandshakeTimeoutMs(3000);
     std::vector<int> peers;
-    const char* openings[] = {"", "\x16\x03\x01", "GET / HTTP/1.1\r\n\r\n"}; // silent, half a record, no TLS
+    const std::string openings[] = {"", "\x16\x03\x01", "GET / HTTP/1.1\r\n\r\n"}; // silent, half a record, no TLS
     for (int i = 0; i < 1110; ++i) {
-        peers.push_back(connectTo(server_.localPort()));
-        const std::string opening = openings[i % 3];
-        EXPECT_EQ(::send(peers.back(), opening.data(), opening.size(), 0), static_cast<ssize_t>(opening.size()));
+        peers.push_back(connectToLoopback(server_.localPort()));
+        EXPECT_GE(::send(peers.back(), openings[i % 3].data(), openings[i % 3].size(), 0), 0);
         if (i % 10 == 0)
             ::close(std::exchange(peers.back(), -1));
     }
@@ -418,8 +313,8 @@ TEST_F(ZnSslSocketTest, HandshakesThatDoNotFinishEnd) {
         ::close(peer);
 
     server_.setMaxHandshakes(1);
-    const int first = connectTo(server_.localPort());
-    const int second = connectTo(server_.localPort());
+    const int first = connectToLoopback(server_.localPort());
+    const int second = connectToLoopback(server_.localPort());
     char byte = 0;
     EXPECT_TRUE(runUntil([&] { return ::recv(second, &byte, 1, MSG_DONTWAIT) == 0; })); // above the limit
     EXPECT_EQ(server_.handshakeCount(), 1U);
@@ -436,21 +331,13 @@ TEST_F(ZnSslSocketTest, CredentialsAreReloadedUnderConnections) {
     echo();
     ASSERT_TRUE(connectPair());
 
-    struct Row {
-        ZnList<ZnSslLocalCredential> credentials;
-        ZnString errorText;
-    };
-    const ZnString missing = files_.path("missing");
-    const Row failures[] = {
-        {{}, "no certificate configured"},
-        {{{"", " ", files_.path("good.key"), true}}, "no certificate configured"},
-        {{{"", missing, files_.path("good.key"), true}}, "Failed to load certificate: " + missing},
-        {{{"", files_.path("good.pem"), missing, true}}, "Failed to load private key: " + missing},
-        {{{"", files_.path("good.pem"), files_.path("a.key"), true}}, "Failed to load private key: "},
-    };
-    for (const Row& row : failures) {
-        EXPECT_FALSE(server_.reloadLocalCredentials(row.credentials));
-        EXPECT_EQ(log_.countOf("TLS init failed: " + row.errorText.str()), 1) << row.errorText;
+    const ZnString rows[][3] = {{" ", files_.path("good.key"), "no certificate configured"},
+                                {"missing", files_.path("good.key"), "Failed to load certificate: missing"},
+                                {files_.path("good.pem"), "missing", "Failed to load private key: missing"},
+                                {files_.path("good.pem"), files_.path("a.key"), "Failed to load private key: "}};
+    for (const auto& [certificate, key, errorText] : rows) {
+        EXPECT_FALSE(server_.reloadLocalCredentials({{"", certificate, key, true}}));
+        EXPECT_EQ(log_.countOf("TLS init failed: " + errorText.str()), 1) << errorText;
         log_.take();
     }
     EXPECT_TRUE(ZnSslServer::makeLocalCredentials_("a", " ").isEmpty());
@@ -458,10 +345,9 @@ TEST_F(ZnSslSocketTest, CredentialsAreReloadedUnderConnections) {
     ASSERT_TRUE(server_.reloadLocalCredentials({credential("good"), credential("a", {}, true), credential("second")}));
     OpensslProgram client(clientArguments("-tls1_3"));
     EXPECT_TRUE(runUntil([&] { return client.hasWritten("subject=CN = a\n"); })) << client.output();
-    std::string echoed;
-    gather(client_, &echoed);
+    gather(client_, &atClient_);
     client_.write(ZnString("old"));
-    EXPECT_TRUE(runUntil([&] { return echoed == "old"; }));
+    EXPECT_TRUE(runUntil([&] { return atClient_ == "old"; }));
 }
 
 } // namespace

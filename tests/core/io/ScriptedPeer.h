@@ -1,14 +1,13 @@
 #pragma once
 
-#include <arpa/inet.h>
+#include "support/Loopback.h"
+
 #include <atomic>
 #include <cstdlib>
 #include <functional>
 #include <gtest/gtest.h>
 #include <mutex>
-#include <netinet/in.h>
 #include <string>
-#include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -70,18 +69,9 @@ public:
     };
     using Script = std::function<void(Connection&)>;
 
-    explicit ScriptedPeer(Script script) : script_(std::move(script)) {
-        listenDescriptor_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t addressBytes = sizeof(address);
-        EXPECT_EQ(::bind(listenDescriptor_, reinterpret_cast<sockaddr*>(&address), addressBytes), 0);
-        EXPECT_EQ(::listen(listenDescriptor_, 1024), 0);
-        ::getsockname(listenDescriptor_, reinterpret_cast<sockaddr*>(&address), &addressBytes);
-        port_ = ntohs(address.sin_port);
-        acceptThread_ = std::thread([this] { acceptAll_(); });
-    }
+    explicit ScriptedPeer(Script script)
+        : script_(std::move(script)), listenDescriptor_(listenOnLoopback(&port_, 1024)),
+          acceptThread_([this] { acceptAll_(); }) {}
     ~ScriptedPeer() {
         ::shutdown(listenDescriptor_, SHUT_RDWR);
         acceptThread_.join();
@@ -135,11 +125,11 @@ private:
     }
 
     const Script script_;
-    int listenDescriptor_ = -1;
     unsigned short port_ = 0;
+    const int listenDescriptor_;
     std::atomic<int> connectionCount_{0};
-    std::thread acceptThread_;
     std::mutex mutex_;
     std::vector<int> openDescriptors_; // guarded by mutex_
     std::vector<std::thread> threads_; // grown by acceptThread_ only
+    std::thread acceptThread_;         // last: it uses the others
 };

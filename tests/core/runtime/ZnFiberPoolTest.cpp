@@ -37,31 +37,24 @@ TEST_F(ZnFiberPoolTest, LanesShareByCreditsAndLaneZeroGoesFirst) {
             submit(lane, [&order, lane] { order.push_back(lane); });
     }
     submit(0, [&] { order.push_back(0); });
-    for (int i = 0; i < 14; ++i)
+    for (int i = 0; i < 27; ++i)
         pool_.runNextWorkItem();
-    EXPECT_EQ(order, (std::vector<int>{0, 1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 3}));
-    runAll();
-    submit(99, [&] { order.push_back(99); }); // an unknown lane is lane 3
-    EXPECT_EQ(pool_.stats().laneDepth[3], 1);
-    runAll();
-    EXPECT_EQ(order.back(), 99);
-    EXPECT_EQ(pool_.stats().completed, 62U);
+    EXPECT_EQ(order, (std::vector<int>{0, 1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 3,
+                                       1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 3}));
 }
 
 TEST_F(ZnFiberPoolTest, ParkedFiberResumesBeforeNewWork) {
-    std::vector<ZnString> order;
+    std::vector<int> order;
     submit(2, [&] {
-        order.push_back("park");
         pool_.yieldCurrent(-1);
-        order.push_back("resumed");
+        order.push_back(1);
     });
     runAll();
-    EXPECT_EQ(pool_.stats().blockedCount, 1);
-    submit(2, [&] { order.push_back("new"); });
-    EXPECT_TRUE(pool_.unblock(-1, 0));
-    EXPECT_FALSE(pool_.unblock(-1, 0)); // no longer parked
+    submit(2, [&] { order.push_back(2); });
+    EXPECT_TRUE(pool_.unblock(-1, 2));
+    EXPECT_FALSE(pool_.unblock(-1, 2)); // no longer parked
     runAll();
-    EXPECT_EQ(order, (std::vector<ZnString>{"park", "resumed", "new"}));
+    EXPECT_EQ(order, (std::vector<int>{1, 2}));
     pool_.yieldCurrent(-2); // off a fiber: returns at once
 }
 
@@ -73,33 +66,31 @@ TEST_F(ZnFiberPoolTest, AWakeUpFromAnotherThreadIsNeverLost) {
             woken.store(true, std::memory_order_release);
             pool_.unblock(-5, 0);
         });
+        if (round % 2 == 0)
+            waker.join(); // the wake-up comes first
         submit(2, [&] {
             pool_.yieldCurrent(-5, &woken);
             ended = true;
         });
         while (!ended)
             pool_.runNextWorkItem();
-        waker.join();
+        if (waker.joinable())
+            waker.join();
     }
     EXPECT_EQ(pool_.stats().blockedCount, 0);
 }
 
 TEST_F(ZnFiberPoolTest, CapacityCountsQueuedAndParkedWork) {
     configure(2, 1);
-    int ran = 0;
-    const auto park = [&](int waitId) {
-        return [this, &ran, waitId] {
-            ++ran;
-            pool_.yieldCurrent(waitId);
-        };
+    const auto submitPark = [&](int lane, int waitId) {
+        return submit(lane, [this, waitId] { pool_.yieldCurrent(waitId); });
     };
-    EXPECT_TRUE(submit(2, park(-1)));
-    EXPECT_TRUE(submit(2, park(-2)));
-    EXPECT_FALSE(submit(2, park(-3)));
-    EXPECT_TRUE(submit(1, park(-4))); // spillover
-    EXPECT_FALSE(submit(0, park(-5)));
+    EXPECT_TRUE(submitPark(2, -1));
+    EXPECT_TRUE(submitPark(2, -2));
+    EXPECT_FALSE(submitPark(2, -3));
+    EXPECT_TRUE(submitPark(1, -4)); // spillover
+    EXPECT_FALSE(submitPark(0, -5));
     runAll();
-    EXPECT_EQ(ran, 3);
     EXPECT_EQ(pool_.stats().spilloverSlotCount, 1);
     EXPECT_FALSE(pool_.canAccept(1));
     for (const int waitId : {-1, -2, -4})
@@ -116,9 +107,6 @@ TEST_F(ZnFiberPoolTest, LaterWorkOfHigherLanesTakesNoSlotFromAcceptedWork) {
     submit(0, [&] { pool_.yieldCurrent(-1); }); // goes first, on a spillover slot
     runAll();
     EXPECT_TRUE(ranLow);
-    EXPECT_EQ(pool_.stats().rejected, 0U);
-    EXPECT_TRUE(pool_.unblock(-1, 0));
-    runAll();
 }
 
 TEST_F(ZnFiberPoolTest, ExceptionsEndAtTheFiber) {
@@ -141,15 +129,6 @@ TEST_F(ZnFiberPoolTest, ShutdownDestroysWhatNeverRan) {
     submit(2, [token] {});
     pool_.shutdown();
     EXPECT_EQ(token.use_count(), 1);
-}
-
-TEST_F(ZnFiberPoolTest, WithoutAMainFiberTasksAreDropped) {
-    LogCapture log;
-    pool_.setMainFiber(nullptr);
-    EXPECT_TRUE(submit(2, [] { FAIL(); }));
-    EXPECT_TRUE(pool_.runNextWorkItem());
-    EXPECT_EQ(pool_.stats().rejected, 1U);
-    EXPECT_EQ(log.countOf("Dropping queued fiber task because no dispatch slot is available."), 1);
 }
 
 } // namespace

@@ -1,7 +1,5 @@
 #include "core/types/ExpectThrows.h"
 #include "core/types/ZnList.h"
-#include "core/types/ZnMap.h"
-#include "core/types/ZnString.h"
 #include "core/types/ZnTask.h"
 #include "core/types/ZnVector.h"
 
@@ -15,69 +13,36 @@
 namespace {
 
 using testing::ElementsAre;
-using testing::Pair;
-
-TEST(ZnList, KeepsOrderThroughEdits) {
-    ZnList<int> list{1, 2};
-    list.insert(list.size(), 4);
-    list.insert(2, 3);
-    EXPECT_THAT(list, ElementsAre(1, 2, 3, 4));
-    list.removeAt(1);
-    EXPECT_EQ(list.takeFirst(), 1);
-    EXPECT_THAT(list, ElementsAre(3, 4));
-    EXPECT_EQ(list.first(), 3);
-    EXPECT_EQ(list.last(), 4);
-    list.removeAt(list.size() - 1);
-    list.removeAt(list.size() - 1);
-    EXPECT_TRUE(list.isEmpty());
-}
 
 template <typename Sequence>
 void expectEmptyAccessThrows() {
+    using Error = std::runtime_error;
     Sequence empty;
-    expectThrows<std::runtime_error>("Cannot access first element of an empty container",
-                                     [&] { empty.first(); });
-    expectThrows<std::runtime_error>("Cannot access first element of an empty container",
-                                     [&] { empty.takeFirst(); });
-    expectThrows<std::runtime_error>("Cannot access last element of an empty container",
-                                     [&] { empty.last(); });
+    expectThrows<Error>("Cannot access first element of an empty container", [&] { empty.first(); });
+    expectThrows<Error>("Cannot access first element of an empty container", [&] { empty.takeFirst(); });
+    expectThrows<Error>("Cannot access last element of an empty container", [&] { empty.last(); });
 }
 
-TEST(ZnList, MisuseThrowsWithItsText) {
+TEST(ZnList, EditsInPlaceAndItsMisuseThrows) {
     expectEmptyAccessThrows<ZnList<int>>();
-    ZnList<int> list{1};
-    expectThrows<std::out_of_range>("Index out of range", [&] { list.removeAt(1); });
-    expectThrows<std::out_of_range>("Index out of range", [&] { list.insert(2, 9); });
-    EXPECT_THAT(list, ElementsAre(1));
+    ZnList<int> list{1, 2};
+    list.insert(list.size(), 4);
+    list.insert(2, 3);
+    list.removeAt(1);
+    EXPECT_EQ(list.takeFirst(), 1);
+    expectThrows<std::out_of_range>("Index out of range", [&] { list.removeAt(2); });
+    expectThrows<std::out_of_range>("Index out of range", [&] { list.insert(3, 9); });
+    EXPECT_THAT(list, ElementsAre(3, 4));
 }
 
 TEST(ZnVector, RemovesByIndexAndValue) {
     expectEmptyAccessThrows<ZnVector<int>>();
     ZnVector<int> vector{5, 6, 5};
     vector.removeOne(7);
-    EXPECT_THAT(vector, ElementsAre(5, 6, 5));
     vector.removeOne(5);
     EXPECT_THAT(vector, ElementsAre(6, 5));
     for (int index : {-1, 2})
-        expectThrows<std::out_of_range>("ZnVector::removeAt index out of range",
-                                        [&] { vector.removeAt(index); });
-    vector.removeAt(0);
-    EXPECT_THAT(vector, ElementsAre(5));
-}
-
-TEST(ZnMap, FindsByViewAndKeepsByteOrder) {
-    ZnMap<ZnString, int> map;
-    map.insert("b", 1);
-    map["ab"] = 2;
-    map.insert("b", 3);
-    map.slotNearEnd("c") = 4;
-    map.slotNearEnd("a") = 5;
-    EXPECT_THAT(map, ElementsAre(Pair("a", 5), Pair("ab", 2), Pair("b", 3), Pair("c", 4)));
-    EXPECT_TRUE(map.contains(std::string_view("ab")));
-    EXPECT_EQ(map.value(std::string_view("b"), -1), 3);
-    EXPECT_EQ(map.value("x", -1), -1);
-    EXPECT_TRUE(map.remove("ab"));
-    EXPECT_FALSE(map.remove("ab"));
+        expectThrows<std::out_of_range>("ZnVector::removeAt index out of range", [&] { vector.removeAt(index); });
 }
 
 TEST(ZnTask, OwnsItsCallableInsideAndOnTheHeap) {
@@ -89,10 +54,9 @@ TEST(ZnTask, OwnsItsCallableInsideAndOnTheHeap) {
         ZnTask moved(std::move(small));
         EXPECT_FALSE(static_cast<bool>(small));
         moved();
-        large();
         moved = std::move(large);
         moved();
-        EXPECT_EQ(*token, 21);
+        EXPECT_EQ(*token, 11);
         EXPECT_EQ(token.use_count(), 2);
     }
     EXPECT_EQ(token.use_count(), 1);

@@ -7,6 +7,7 @@
 #include "core/runtime/ZnTimer.h"
 #include "support/LoopFixture.h"
 
+#include <algorithm>
 #include <future>
 #include <stdexcept>
 #include <thread>
@@ -448,11 +449,15 @@ TEST_F(ZnHttpServerPoolTest, JobsOutliveTheirConnections) {
         if (round % 4 == 0)
             settle(1);
     }
+    const auto isServed = [](const auto& client) { return !client->socket.isOpen() || client->answerCount() == 2; };
+    ASSERT_TRUE(pollUntil([&] { return std::all_of(clients.begin(), clients.end(), isServed); }));
+    ASSERT_TRUE(pollUntil([&] { return pool_->waitForDone(); })); // else both gates could end up with one worker
     const auto leaving = send("GET /gate HTTP/1.1\r\n\r\n");
+    ASSERT_TRUE(pollUntil([&] { return waitingCount_ == 1; }));
     const auto staying = send("GET /gate HTTP/1.1\r\n\r\n");
     ASSERT_TRUE(pollUntil([&] { return waitingCount_ == 2; }));
     const auto queued = send("GET /pool/x HTTP/1.1\r\n\r\n");
-    ASSERT_TRUE(pollUntil([&] { return pool_->queuedTaskCount() >= 1; }));
+    ASSERT_TRUE(pollUntil([&] { return pool_->queuedTaskCount() == 1; }));
     leaving->socket.close();
     ASSERT_TRUE(runUntil([&] { return app_->activeSessionCount() <= 42; }));
     app_.reset();

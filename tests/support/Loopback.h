@@ -1,0 +1,33 @@
+#pragma once
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+/// Blocking sockets of 127.0.0.1, which the caller closes.
+inline int listenOnLoopback(unsigned short* port, int backlog = 8) {
+    const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t addressBytes = sizeof(address);
+    EXPECT_EQ(::bind(descriptor, reinterpret_cast<sockaddr*>(&address), addressBytes), 0);
+    EXPECT_EQ(::listen(descriptor, backlog), 0);
+    EXPECT_EQ(::getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &addressBytes), 0);
+    *port = ntohs(address.sin_port);
+    return descriptor;
+}
+
+inline int connectToLoopback(unsigned short port) {
+    const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(::connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    const int on = 1;
+    ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    return descriptor;
+}

@@ -10,7 +10,6 @@
 #include "core/types/ZnJsonDocument.h"
 
 #include <algorithm>
-#include <cmath>
 #include <iostream>
 #include <utility>
 
@@ -40,7 +39,7 @@ ZnJsonObject toolResult(const ZnString& text, bool isError = false) {
 
 ZnJsonObject echo(const ZnJsonObject& arguments) {
     const ZnJsonValue& text = arguments.value("text");
-    return toolResult(text.isString() ? text.string() : text.toJson()); // "12" arrives as the number 12
+    return toolResult(text.isString() ? text.string() : text.toJson());
 }
 
 ZnJsonObject add(const ZnJsonObject& arguments) {
@@ -95,9 +94,10 @@ ZnJsonObject callTool(const ZnJsonObject& params) {
 
 // --- the protocol
 
-/// The version "2.0" is read as a number.
+/// An agent without interoperability sends the version as a number.
 bool isJsonRpc20(const ZnJsonObject& message) {
-    return std::fabs(message.value("jsonrpc").toDouble(0.0) - 2.0) < 0.0001;
+    const ZnJsonValue& version = message.value("jsonrpc");
+    return version.string() == "2.0" || version.toDouble(0.0) == 2.0;
 }
 
 ZnJsonObject initializeResult() {
@@ -134,7 +134,7 @@ ZnJsonObject answer(ZnHttpContext& context, const ZnJsonObject& request) {
 void handlePost(ZnHttpContext& context) {
     ZnJsonDocument document;
     ZnString parseError;
-    if (!context.parseJsonBody(&document, &parseError))
+    if (!context.parseJsonBody(&document, &parseError, JsonReading::Exact))
         return context.json(error(ZnJsonValue(), -32700, "Parse error"), 400);
     const ZnJsonObject* message = std::as_const(document).root().object();
     if (message == nullptr || !isJsonRpc20(*message))

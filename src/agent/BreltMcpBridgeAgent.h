@@ -28,6 +28,7 @@ class BreltMcpBridgeAgent {
 public:
     static constexpr std::uint64_t kMaxBodyBytes = 16777216; // of one request
     static constexpr const char* kProtocolVersion = "2025-06-18";
+    static constexpr const char* kVersion = "0.1.0"; // of the agent
 
     BreltMcpBridgeAgent();
     /// Stops.
@@ -42,6 +43,11 @@ public:
     void setMcpToken(const ZnString& token);
     /// The browser origin that may call the MCP routes; empty: none.
     void setAllowedOrigin(const ZnString& origin);
+
+    /// Interoperability with clients and services that expect more of the protocol than the agent speaks without it:
+    /// exact JSON values, any version in `initialize`, a session header that browsers may read. For services it is the
+    /// default, which the allowlist may change.
+    void setInterop(bool isOn) { interop_ = isOn; }
 
     /// Loads the allowlist and listens; port 0 lets the system choose. Returns false, with the reason on standard error
     /// or in the log, when it does not listen.
@@ -93,7 +99,7 @@ private:
     void handleSessionRequest_(ZnHttpContext& context, const ZnJsonObject& request, std::string_view headerVersion);
     void answerInitialize_(ZnHttpContext& context, const ZnJsonObject& request);
     ZnString handleInitialize_(const ZnJsonObject& request, ZnString* sessionIdOut);
-    ZnString dispatchRequest_(const ZnJsonObject& request);
+    ZnString dispatchRequest_(const ZnHttpContext& context, const ZnJsonObject& request);
     SessionRef_ createSession_(const ZnString& protocolVersion, const ZnString& clientName,
                                const ZnString& clientVersion);
     SessionRef_ findSession_(std::string_view id);
@@ -101,12 +107,13 @@ private:
     /// Finds the session that the request names; null when it has answered that there is none.
     SessionRef_ requireSession_(ZnHttpContext& context);
 
-    // Tools: McpTools.cpp. The results are texts of tool results; see McpJson.h.
-    ZnString handleToolsCall_(const ZnJsonObject& request);
-    ZnString callTool_(const ZnString& name, const ZnJsonObject& arguments);
+    // Tools: McpTools.cpp. The results are texts of tool results; see McpJson.h. The context holds the message as text.
+    ZnString handleToolsCall_(const ZnHttpContext& context, const ZnJsonObject& request);
+    ZnString callTool_(const ZnHttpContext& context, const ZnString& name, const ZnJsonObject& arguments);
     ZnString getServiceTool_(const ZnJsonObject& arguments);
-    ZnString callRpcTool_(const ZnJsonObject& arguments);
-    ZnString forwardTool_(const McpBridgeServiceRecord& record, const ZnJsonObject& arguments);
+    ZnString callRpcTool_(const ZnHttpContext& context, const ZnJsonObject& arguments);
+    ZnString forwardTool_(const McpBridgeServiceRecord& record, const ZnJsonValue& request,
+                          const ZnJsonObject& arguments);
     /// Parks the calling fiber; the agent may be gone when it returns.
     McpForwardResult forwardToService_(const McpBridgeServiceRecord& record, const ZnJsonValue& request,
                                        const ZnString& protocolVersion, const ZnString& sessionId);
@@ -116,6 +123,7 @@ private:
     ZnString mcpPath_;
     ZnString mcpToken_;
     ZnString allowedOrigin_;
+    bool interop_ = false;
     ZnMutex servicesMutex_;
     ServiceMap_ services_ ZN_GUARDED_BY(servicesMutex_);
     ZnMutex sessionsMutex_;

@@ -32,7 +32,7 @@ void sendError(ZnHttpContext& context, int status, const char* message) {
 bool isJsonRpc20_(const ZnJsonObject& object) {
     const ZnJsonValue& version = object.value("jsonrpc");
     if (version.type() == JsonType::Integer || version.type() == JsonType::Double)
-        return std::fabs(version.toDouble(0.0) - 2.0) < 0.0001; // the usual case: "2.0" is read as a number
+        return std::fabs(version.toDouble(0.0) - 2.0) < 0.0001; // the usual case: the dialect reads "2.0" as a number
     return mcp::textMember_(object, "jsonrpc") == "2.0";
 }
 
@@ -99,7 +99,7 @@ ZnJsonObject initializeResult(const ZnString& protocolVersion) {
             {"capabilities", ZnJsonObject{{"tools", ZnJsonObject{{"listChanged", false}}}}},
             {"serverInfo", ZnJsonObject{{"name", "brelt-mcp-bridge-agent"},
                                         {"title", "Brelt MCP Bridge Agent"},
-                                        {"version", "0.1.0"}}},
+                                        {"version", BreltMcpBridgeAgent::kVersion}}},
             {"instructions",
              "Bridge to explicitly configured private MCP services reachable from this BRELT client. Use "
              "bridge.list_services first. bridge.rpc only calls services listed in the local allowlist."}};
@@ -110,8 +110,9 @@ ZnJsonObject initializeResult(const ZnString& protocolVersion) {
 void BreltMcpBridgeAgent::handlePost_(ZnHttpContext& context) {
     ZnJsonDocument document;
     ZnString error;
+    const JsonReading reading = interop_ ? JsonReading::Exact : JsonReading::Dialect;
     const ZnJsonObject* message =
-        context.parseJsonBody(&document, &error) ? std::as_const(document).root().object() : nullptr;
+        context.parseJsonBody(&document, &error, reading) ? std::as_const(document).root().object() : nullptr;
     if (message == nullptr)
         sendError(context, 400, "Expected a single JSON-RPC object");
     else
@@ -159,7 +160,7 @@ void BreltMcpBridgeAgent::handleSessionRequest_(ZnHttpContext& context, const Zn
     const std::string_view version = headerVersion.empty() ? session->protocolVersion.view() : headerVersion;
     if (!isSupportedProtocol_(version) || version != session->protocolVersion.view())
         return sendError(context, 400, "MCP protocol version mismatch");
-    sendJsonText(context, dispatchRequest_(request)); // may park: the agent is not used behind it
+    sendJsonText(context, dispatchRequest_(context, request)); // may park: the agent is not used behind it
 }
 
 BreltMcpBridgeAgent::SessionRef_ BreltMcpBridgeAgent::requireSession_(ZnHttpContext& context) {
@@ -189,6 +190,8 @@ ZnString BreltMcpBridgeAgent::handleInitialize_(const ZnJsonObject& request, ZnS
     ZnString requested = mcp::textMember_(*params, "protocolVersion");
     if (requested.isEmpty())
         return mcp::jsonRpcError_(id, kInvalidParams, "Missing params.protocolVersion");
+    if (interop_)
+        requested = kProtocolVersion; // a client that cannot speak it ends the connection itself
     if (!isSupportedProtocol_(requested.view()))
         return mcp::jsonRpcError_(id, kInvalidParams, "Unsupported protocol version",
                                   unsupportedVersionData(std::move(requested)));
@@ -200,7 +203,7 @@ ZnString BreltMcpBridgeAgent::handleInitialize_(const ZnJsonObject& request, ZnS
     return mcp::jsonRpcResult_(id, ZnJsonValue(initializeResult(requested)).toJson().view());
 }
 
-ZnString BreltMcpBridgeAgent::dispatchRequest_(const ZnJsonObject& request) {
+ZnString BreltMcpBridgeAgent::dispatchRequest_(const ZnHttpContext& context, const ZnJsonObject& request) {
     const std::string_view method = methodOf(request);
     const ZnJsonValue& id = request.value("id");
     if (method == "ping")
@@ -208,7 +211,7 @@ ZnString BreltMcpBridgeAgent::dispatchRequest_(const ZnJsonObject& request) {
     if (method == "tools/list")
         return mcp::jsonRpcResult_(id, mcp::toolCatalogue_().view());
     if (method == "tools/call")
-        return handleToolsCall_(request);
+        return handleToolsCall_(context, request);
     return mcp::jsonRpcError_(id, kMethodNotFound, "Method not found");
 }
 

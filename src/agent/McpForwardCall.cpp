@@ -8,19 +8,20 @@ namespace {
 
 constexpr long long kUsPerMs = 1000;
 
-ZnJsonValue parseBody(std::string_view text) {
+ZnJsonValue parseBody(std::string_view text, JsonReading reading) {
     ZnString error; // a body that is no JSON is handed on as it is
-    ZnJsonDocument document = ZnJsonDocument::fromJson(text, &error);
+    ZnJsonDocument document = ZnJsonDocument::fromJson(text, &error, reading);
     return error.isEmpty() ? std::move(document.root()) : ZnJsonValue();
 }
 
 } // namespace
 
-McpForwardCall::McpForwardCall(const McpBridgeServiceRecord& record, const ZnString& protocolVersion,
-                               const ZnString& sessionId)
+McpForwardCall::McpForwardCall(const McpBridgeServiceRecord& record, const ZnJsonValue& request,
+                               const ZnString& protocolVersion, const ZnString& sessionId)
     : endpoint_(record.endpoint),
-      timeoutUs_((record.timeoutMs < 1 ? McpBridgeServiceRecord::kDefaultTimeoutMs : record.timeoutMs) * kUsPerMs) {
-    client_.setHeader("Accept", "application/json");
+      timeoutUs_((record.timeoutMs < 1 ? McpBridgeServiceRecord::kDefaultTimeoutMs : record.timeoutMs) * kUsPerMs),
+      reading_(record.interop ? JsonReading::Exact : JsonReading::Dialect), requestBody_(request.toJson()) {
+    client_.setHeader("Accept", record.interop ? "application/json, text/event-stream" : "application/json");
     if (!protocolVersion.isEmpty())
         client_.setHeader("Mcp-Protocol-Version", protocolVersion);
     if (!sessionId.isEmpty())
@@ -33,11 +34,19 @@ McpForwardCall::McpForwardCall(const McpBridgeServiceRecord& record, const ZnStr
     client_.connect(&ZnHttpClient::errorOccurred, &loop_, [this](int code) { finishForward_(false, code); });
     timer_.connect(&ZnTimer::timeout, &loop_, [this] { end(kTimedOut); });
     timer_.setSingleShot(true);
+    if (!record.interop)
+        return;
+    if (request.object()->contains("id"))
+        requestId_ = request.object()->value("id");
+    client_.setMaxResponseBytes(kMaxAnswerBytes);
+    client_.setBodyObserver([this](const ZnMap<ZnString, ZnString>& headers, std::string_view bytes) {
+        return takeAnswer_(headers, bytes);
+    });
 }
 
-McpForwardResult McpForwardCall::run(ZnByteArray body) {
+McpForwardResult McpForwardCall::run() {
     timer_.startUs(timeoutUs_);
-    const bool hasBegun = client_.request(ZnHttpClient::Post, endpoint_, std::move(body), "application/json");
+    const bool hasBegun = client_.request(ZnHttpClient::Post, endpoint_, std::move(requestBody_), "application/json");
     if (!hasBegun)
         finishForward_(false, ZnHttpClient::kUrlNotAccepted); // nothing when a signal has said more already
     if (!hasEnded_)
@@ -53,6 +62,13 @@ void McpForwardCall::end(int errorCode) {
     finishForward_(false, errorCode);
 }
 
+/// Returns whether the answer is there.
+bool McpForwardCall::takeAnswer_(const ZnMap<ZnString, ZnString>& headers, std::string_view bytes) {
+    if (!stream_ && McpAnswerStream::isEventStream(headers.value("content-type").view()))
+        stream_.emplace(requestId_, static_cast<std::size_t>(kMaxAnswerBytes));
+    return stream_ && stream_->take(bytes);
+}
+
 void McpForwardCall::finishForward_(bool transportOk, int errorCode) {
     if (std::exchange(hasEnded_, true))
         return;
@@ -63,11 +79,20 @@ void McpForwardCall::finishForward_(bool transportOk, int errorCode) {
     result_.reason = client_.reasonPhrase();
     result_.mcpSessionId = client_.responseHeaders().value("mcp-session-id");
     result_.rawBody = client_.takeBody();
-    if (!trimmedView(result_.rawBody.view()).empty())
-        result_.body = parseBody(result_.rawBody.view());
+    if (transportOk)
+        readBody_();
     if (!result_.body.isNull())
         result_.rawBody.release();
     loop_.quit();
+}
+
+void McpForwardCall::readBody_() {
+    if (stream_) {
+        result_.body = std::move(stream_->answer());
+        result_.notifications = std::move(stream_->others());
+    } else if (!trimmedView(result_.rawBody.view()).empty()) {
+        result_.body = parseBody(result_.rawBody.view(), reading_);
+    }
 }
 
 ZnJsonObject forwardResultToJson_(McpForwardResult result) {
@@ -80,5 +105,7 @@ ZnJsonObject forwardResultToJson_(McpForwardResult result) {
         object["rawBody"] = result.rawBody.toZnString();
     else
         object["body"] = std::move(result.body);
+    if (!result.notifications.isEmpty())
+        object["notifications"] = std::move(result.notifications);
     return object;
 }

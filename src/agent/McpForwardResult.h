@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/types/ZnByteArray.h"
+#include "core/types/ZnJsonArray.h"
 #include "core/types/ZnJsonObject.h"
 #include "core/types/ZnJsonValue.h"
 #include "core/types/ZnString.h"
@@ -15,8 +16,9 @@ struct McpForwardResult {
     ZnString reason;
     ZnString mcpSessionId;       // header of the response
     ZnJsonValue body;            // the parsed body; Null when there is none or it does not parse
+    ZnJsonArray notifications;   // what an event stream brought besides `body`
     ZnByteArray rawBody;         // the body itself, while `body` is Null
 };
 
-/// The record that a client sees, with exactly one of "body" and "rawBody".
+/// The record that a client sees, with exactly one of "body" and "rawBody", and "notifications" if there are any.
 ZnJsonObject forwardResultToJson_(McpForwardResult result);

@@ -52,6 +52,8 @@ void BreltMcpBridgeAgent::applySecurityHeaders_(ZnHttpContext& context) const {
     context.setHeader("access-control-allow-origin", allowedOrigin_);
     context.setHeader("access-control-allow-credentials", "true");
     context.setHeader("vary", "origin");
+    if (interop_)
+        context.setHeader("access-control-expose-headers", "mcp-session-id");
 }
 
 bool BreltMcpBridgeAgent::rejectIfThrottled_(ZnHttpContext& context) {

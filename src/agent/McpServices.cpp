@@ -16,7 +16,7 @@ ZnString eitherMember(const ZnJsonObject& object, std::string_view name, std::st
     return text.isEmpty() ? mcp::textMember_(object, otherName) : text;
 }
 
-McpBridgeServiceRecord readService(const ZnJsonObject& object) {
+McpBridgeServiceRecord readService(const ZnJsonObject& object, bool interopDefault) {
     McpBridgeServiceRecord record;
     record.id = mcp::textMember_(object, "id");
     record.title = mcp::textMember_(object, "title");
@@ -28,6 +28,8 @@ McpBridgeServiceRecord readService(const ZnJsonObject& object) {
     record.tlsCaFile = eitherMember(object, "tlsCaFile", "tls_ca_file");
     if (const ZnJsonValue& enabled = object.value("enabled"); !enabled.isNull())
         record.enabled = enabled.toBool(false);
+    const ZnJsonValue& interop = object.value("interop");
+    record.interop = interop.isNull() ? interopDefault : interop.toBool(false);
     if (const int timeoutMs = object.value("timeoutMs").toInt(0); timeoutMs >= 1)
         record.timeoutMs = timeoutMs;
     return record;
@@ -69,7 +71,7 @@ bool BreltMcpBridgeAgent::parseServices_(const ZnString& text, ZnString* errorOu
             const ZnJsonObject* object = entry.object();
             if (object == nullptr)
                 continue;
-            const auto record = std::make_shared<McpBridgeServiceRecord>(readService(*object));
+            const auto record = std::make_shared<McpBridgeServiceRecord>(readService(*object, interop_));
             if (isUsable(*record))
                 services.insert(record->id, record);
         }

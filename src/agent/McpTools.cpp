@@ -3,6 +3,7 @@
 #include "agent/BreltMcpBridgeAgent.h"
 #include "agent/McpHeaders.h"
 #include "agent/McpJson.h"
+#include "core/types/ZnJsonDocument.h"
 
 #include <utility>
 
@@ -15,13 +16,20 @@ ZnString stringMember(const ZnJsonObject& object, std::string_view name) {
     return object.value(name).string().trimmed();
 }
 
+/// The arguments of a "tools/call" that has been read before; null when it cannot be read in that way.
+const ZnJsonObject* argumentsOf(const ZnJsonDocument& message) {
+    const ZnJsonObject* root = message.root().object();
+    const ZnJsonObject* params = root == nullptr ? nullptr : root->value("params").object();
+    return params == nullptr ? nullptr : params->value("arguments").object();
+}
+
 bool isSuccess(const McpForwardResult& result) {
     return result.transportOk && result.statusCode >= 200 && result.statusCode <= 299;
 }
 
 } // namespace
 
-ZnString BreltMcpBridgeAgent::handleToolsCall_(const ZnJsonObject& request) {
+ZnString BreltMcpBridgeAgent::handleToolsCall_(const ZnHttpContext& context, const ZnJsonObject& request) {
     static const ZnJsonObject kNoArguments;
     const ZnJsonValue& id = request.value("id");
     const ZnJsonObject* params = request.value("params").object();
@@ -33,17 +41,18 @@ ZnString BreltMcpBridgeAgent::handleToolsCall_(const ZnJsonObject& request) {
     const ZnJsonValue& arguments = params->value("arguments");
     if (!arguments.isNull() && !arguments.isObject())
         return mcp::jsonRpcError_(id, kInvalidParams, "tools/call params.arguments must be an object");
-    const ZnString result = callTool_(name, arguments.isNull() ? kNoArguments : *arguments.object());
+    const ZnString result = callTool_(context, name, arguments.isNull() ? kNoArguments : *arguments.object());
     return mcp::jsonRpcResult_(id, result.view());
 }
 
-ZnString BreltMcpBridgeAgent::callTool_(const ZnString& name, const ZnJsonObject& arguments) {
+ZnString BreltMcpBridgeAgent::callTool_(const ZnHttpContext& context, const ZnString& name,
+                                        const ZnJsonObject& arguments) {
     if (name == "bridge.list_services")
         return mcp::toolResult_(ZnJsonObject{{"services", publicServiceViews_()}}, false);
     if (name == "bridge.get_service")
         return getServiceTool_(arguments);
     if (name == "bridge.rpc")
-        return callRpcTool_(arguments);
+        return callRpcTool_(context, arguments);
     return mcp::toolError_("Unknown tool: " + name, 404);
 }
 
@@ -57,7 +66,7 @@ ZnString BreltMcpBridgeAgent::getServiceTool_(const ZnJsonObject& arguments) {
     return mcp::toolResult_(publicServiceView_(*record), false);
 }
 
-ZnString BreltMcpBridgeAgent::callRpcTool_(const ZnJsonObject& arguments) {
+ZnString BreltMcpBridgeAgent::callRpcTool_(const ZnHttpContext& context, const ZnJsonObject& arguments) {
     const ZnString serviceId = mcp::textMember_(arguments, "serviceId");
     if (serviceId.isEmpty())
         return mcp::toolError_("Field 'serviceId' is required", 400);
@@ -70,10 +79,20 @@ ZnString BreltMcpBridgeAgent::callRpcTool_(const ZnJsonObject& arguments) {
         return mcp::toolError_("Service is disabled", 403);
     if (record->transport.toLower() != "streamable-http")
         return mcp::toolError_("Only streamable-http MCP services are supported by this bridge", 400);
-    return forwardTool_(*record, arguments);
+    if (record->interop == interop_)
+        return forwardTool_(*record, arguments.value("request"), arguments);
+    // The service wants the request in the other reading. Texts that the exact one has kept stay usable.
+    ZnJsonDocument message;
+    ZnString error;
+    const JsonReading reading = record->interop ? JsonReading::Exact : JsonReading::Dialect;
+    const ZnJsonObject* reread = context.parseJsonBody(&message, &error, reading) ? argumentsOf(message) : nullptr;
+    if (reread == nullptr)
+        return mcp::toolError_("Field 'request' holds a number that this service cannot take", 400);
+    return forwardTool_(*record, reread->value("request"), record->interop ? *reread : arguments);
 }
 
-ZnString BreltMcpBridgeAgent::forwardTool_(const McpBridgeServiceRecord& record, const ZnJsonObject& arguments) {
+ZnString BreltMcpBridgeAgent::forwardTool_(const McpBridgeServiceRecord& record, const ZnJsonValue& request,
+                                           const ZnJsonObject& arguments) {
     const ZnString protocolVersion = stringMember(arguments, "protocolVersion");
     const ZnString sessionId = stringMember(arguments, "sessionId");
     if (!mcp::isHeaderValue(protocolVersion.view()))
@@ -86,7 +105,7 @@ ZnString BreltMcpBridgeAgent::forwardTool_(const McpBridgeServiceRecord& record,
         return mcp::toolError_("Agent is stopping", 503);
     if (calls_->isFull())
         return mcp::toolError_("Too many bridge calls in flight", 503);
-    McpForwardResult result = forwardToService_(record, arguments.value("request"), protocolVersion, sessionId);
+    McpForwardResult result = forwardToService_(record, request, protocolVersion, sessionId);
     const bool isError = !isSuccess(result);
     return mcp::toolResult_(forwardResultToJson_(std::move(result)), isError);
 }
@@ -95,8 +114,7 @@ McpForwardResult BreltMcpBridgeAgent::forwardToService_(const McpBridgeServiceRe
                                                         const ZnJsonValue& request, const ZnString& protocolVersion,
                                                         const ZnString& sessionId) {
     const std::shared_ptr<McpForwardCalls> calls = calls_;
-    McpForwardCall call(record, protocolVersion, sessionId);
+    McpForwardCall call(record, request, protocolVersion, sessionId);
     const McpForwardCalls::Entry entry(*calls, call);
-    ZnByteArray body(request.toJson());
-    return call.run(std::move(body));
+    return call.run();
 }

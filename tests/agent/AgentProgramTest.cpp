@@ -20,6 +20,8 @@ TEST(AgentProgram, LinesAndExitCodes) {
          "[McpBridge] listening on :" + port + " path mcp/", 0},
         {"one TLS path alone means none", {"--tls_cert_path=a.pem", "--port", port, "--services_file=", "--duration_ms=1"},
          "[McpBridge] listening on 127.0.0.1:" + port + " path /mcp", 0},
+        {"help", {"--port=1", "--help", "bind"}, "Usage: brelt-mcp-bridge-agent [--option=value]...", 0},
+        {"version", {"--version=1"}, "brelt-mcp-bridge-agent 0.1.0", 0},
         {"no services file", {"--port=" + port, "--services_file=none.json"},
          "[McpBridge] Cannot load services file none.json: Unable to open file", 2},
         {"port out of range", {"--port=70000", "--bind=999.0.0.1", "--services_file="},

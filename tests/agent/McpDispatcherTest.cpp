@@ -13,6 +13,7 @@ TEST_F(McpDispatcherTest, EveryOutcomeOfAPost) {
         const char* body;
         int status;
         const char* answer;
+        bool interop = false;
     };
     const Row rows[] = {
         {"empty body", "", "", "", 400, R"({"error": "Expected a single JSON-RPC object"})"},
@@ -63,9 +64,24 @@ TEST_F(McpDispatcherTest, EveryOutcomeOfAPost) {
         {"call of an unknown tool", "good", "",
          R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"BRIDGE.RPC","arguments":null}})", 200,
          R"({"id": 1,"jsonrpc": "2.0","result": {"content": [{"text": "{\"error\": \"Unknown tool: BRIDGE.RPC\",\"statusCode\": 404}","type": "text"}],"isError": true,"structuredContent": {"error": "Unknown tool: BRIDGE.RPC","statusCode": 404}}})"},
+        {"exact text id", "good", "", R"({"jsonrpc":"2.0","id":"7","method":"ping"})", 200,
+         R"({"id": "7","jsonrpc": "2.0","result": {}})", true},
+        {"exact whole id", "good", "", R"({"jsonrpc":2,"id":2.0,"method":"ping"})", 200,
+         R"({"id": 2.0,"jsonrpc": "2.0","result": {}})", true},
+        {"exact large id", "good", "", R"({"jsonrpc":2.0,"id":12345678901234567890,"method":"ping"})", 200,
+         R"({"id": 12345678901234567890,"jsonrpc": "2.0","result": {}})", true},
+        {"exact fractional id", "good", "", R"({"jsonrpc":"2.0","id":1.5,"method":"ping"})", 200,
+         R"({"error": {"code": -32600,"message": "Invalid Request"},"id": null,"jsonrpc": "2.0"})", true},
+        {"exact wrong version", "", "", R"({"jsonrpc":"2.1","id":"1"})", 200,
+         R"({"error": {"code": -32600,"message": "Invalid Request"},"id": "1","jsonrpc": "2.0"})", true},
+        {"a method with a scalar's name", "good", "", R"({"jsonrpc":"2.0","id":1,"method":"true"})", 200,
+         R"({"error": {"code": -32601,"message": "Method not found"},"id": 1,"jsonrpc": "2.0"})", true},
+        {"newer version header", "", "2025-11-25", R"({"jsonrpc":"2.0","id":1,"method":"initialize"})", 400,
+         R"({"error": "Unsupported MCP protocol version"})", true},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
+        agent_.setInterop(row.interop);
         Headers headers;
         std::string sessionHeader = row.session;
         if (const std::size_t at = sessionHeader.find("good"); at != std::string::npos)
@@ -96,6 +112,11 @@ TEST_F(McpDispatcherTest, InitializeOpensASessionAndDeleteEndsIt) {
               R"(Use bridge.list_services first. bridge.rpc only calls services listed in the local allowlist.",)"
               R"("protocolVersion": "2025-06-18","serverInfo": {"name": "brelt-mcp-bridge-agent",)"
               R"("title": "Brelt MCP Bridge Agent","version": "0.1.0"}}})");
+    agent_.setInterop(true);
+    const ZnHttpResponse newer =
+        call("POST", "/mcp", {}, R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-11-25"}})");
+    EXPECT_EQ(bodyOf(newer), bodyOf(response)) << "another version gets the same result";
+    EXPECT_EQ(header(newer, "mcp-session-id").size(), 48u);
     EXPECT_EQ(call("DELETE", "/mcp").status, 400);
     EXPECT_EQ(call("DELETE", "/mcp", {{"mcp-session-id", "x"}}).status, 404);
     EXPECT_EQ(call("DELETE", "/mcp", {{"mcp-session-id", id}}).status, 204);

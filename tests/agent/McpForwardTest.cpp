@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <future>
+#include <sstream>
 #include <thread>
 
 namespace {
@@ -176,6 +177,103 @@ TEST_F(McpForwardTest, TheRequestIsRewrittenAndCarriesItsHeaders) {
                   "Connection: close\r\nUser-Agent: ZnHttpClient/1.0\r\nContent-Type: application/json\r\n"
                   "Content-Length: 36\r\n\r\n"
                   R"({"id": 7,"jsonrpc": 2,"method": "m"})");
+}
+
+TEST_F(McpForwardTest, AnswersOfAServiceWithInterop) {
+    const auto stream = [](const std::string& events) {
+        return "HTTP/1.1 200 OK\r\nContent-Type: Text/Event-Stream; charset=utf-8\r\nMcp-Session-Id: 12\r\n"
+               "Transfer-Encoding: chunked\r\n\r\n" +
+               (std::ostringstream() << std::hex << events.size()).str() + "\r\n" + events + "\r\n";
+    };
+    const auto result = [](const std::string& body, const std::string& others = {}) {
+        return "{" + body + R"(,"errorCode": 0,"mcpSessionId": "12",)" + others +
+               R"("reason": "OK","statusCode": 200,"transportOk": true})";
+    };
+    const std::string json = R"({"v": "1.10","jsonrpc": "2.0","n": 1.10,"big": 12345678901234567890})";
+    const std::string progress = R"({"jsonrpc":"2.0","method":"notifications/progress","id":"7","params":{"p":1.0}})";
+    const std::string answer = "data: {\"id\":\"7\",\ndata: \"result\":{\"n\":1.50}}\n\n";
+    struct Row {
+        const char* name;
+        const char* request;
+        std::string response;
+        bool isEnded; // the stream ends
+        std::string result;
+    };
+    const Row rows[] = {
+        {"JSON", R"({"id":"7"})",
+         "HTTP/1.1 200 OK\r\nMcp-Session-Id: 12\r\nContent-Length: " + std::to_string(json.size()) + "\r\n\r\n" + json, false,
+         result(R"("body": {"big": 12345678901234567890,"jsonrpc": "2.0","n": 1.10,"v": "1.10"})")},
+        {"no answer to a notification", R"({"method":"m"})",
+         "HTTP/1.1 200 OK\r\nMcp-Session-Id: 12\r\nContent-Length: 0\r\n\r\n", false, 
+         R"({"errorCode": 0,"mcpSessionId": "12","rawBody": "","reason": "OK","statusCode": 200,"transportOk": true})"},
+        {"the answer ends an open stream", R"({"id":"7"})", stream(answer), false,
+         result(R"("body": {"id": "7","result": {"n": 1.50}})")},
+        {"others come first", R"({"id":"7"})",
+         stream("id: 1\ndata:\n\n: ping\n\ndata: " + progress + "\n\ndata: {\"id\":7,\"result\":{}}\n\ndata: oops\n\n" +
+                "event: other\ndata: {\"id\":\"7\"}\n\n" + answer + "data: unread\n\n"), false,
+         result(R"("body": {"id": "7","result": {"n": 1.50}})",
+                R"("notifications": [{"id": "7","jsonrpc": "2.0","method": "notifications/progress","params": {"p": 1.0}},)"
+                R"({"id": 7,"result": {}},"oops"],)")},
+        {"ids by their digits", R"({"id":1.0})", stream("data: [{\"id\":1},{\"id\":1.0,\"error\":{}},{\"id\":2}]\n\n"), false,
+         result(R"("body": {"error": {},"id": 1.0})", R"("notifications": [{"id": 1},{"id": 2}],)")},
+        {"no answer", R"({"id":1})", stream("data: {\"id\":2}\n\ndata: {\"id\":1}\n") + "0\r\n\r\n", true,
+         R"({"errorCode": 0,"mcpSessionId": "12","notifications": [{"id": 2}],"rawBody": )"
+         R"("data: {\"id\":2}\n\ndata: {\"id\":1}\n","reason": "OK","statusCode": 200,"transportOk": true})"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        ScriptedPeer peer([&row](ScriptedPeer::Connection& connection) {
+            connection.receiveRequest();
+            connection.send(row.response);
+            if (!row.isEnded)
+                connection.waitForClose();
+        });
+        setService(peer.url(), R"(,"interop":true)");
+        EXPECT_EQ(rpc(R"({"serviceId":"s","request":)" + std::string(row.request) + "}"), row.result);
+    }
+}
+
+TEST_F(McpForwardTest, AnAnswerWithoutAnEndIsCutOffWithInterop) {
+    ScriptedPeer peer([](ScriptedPeer::Connection& connection) {
+        connection.receiveRequest();
+        connection.send("HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\n\r\ndata: ");
+        for (int piece = 0; piece <= 64; ++piece)
+            connection.send(std::string(1048576, 'x'));
+        connection.waitForClose();
+    });
+    setService(peer.url(), R"(,"interop":true)");
+    EXPECT_EQ(rpc(), failed(-6));
+}
+
+TEST_F(McpForwardTest, EachServiceGetsTheRequestInItsReading) {
+    struct Row {
+        bool agent;
+        const char* service;
+        bool isExact;
+        bool keepsSession;
+    };
+    for (const Row& row : {Row{false, "", false, false}, {true, R"(,"interop":null)", true, true},
+                           {false, R"(,"interop":true)", true, true}, {true, R"(,"interop":false)", false, true}}) {
+        SCOPED_TRACE(std::string(row.agent ? "on" : "off") + row.service);
+        std::promise<std::string> received;
+        ScriptedPeer peer([&](ScriptedPeer::Connection& connection) {
+            received.set_value(connection.receiveRequest());
+            connection.send("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n{\"v\":1.0}");
+        });
+        agent_.setInterop(row.agent);
+        setService(peer.url(), row.service);
+        const std::string result = rpc(
+            R"({"serviceId":"s","sessionId":"12","request":{"jsonrpc":"2.0","id":"7","a":{"t":"12","n":1.10}}})");
+        EXPECT_NE(result.find(row.isExact ? R"("body": {"v": 1.0})" : R"("body": {"v": 1})"), std::string::npos) << result;
+        const std::string request = received.get_future().get();
+        const auto holds = [&](const std::string& text) { return request.find(text) != std::string::npos; };
+        EXPECT_TRUE(holds(row.isExact ? R"({"a": {"n": 1.10,"t": "12"},"id": "7","jsonrpc": "2.0"})"
+                                      : R"({"a": {"n": 1.1,"t": 12},"id": 7,"jsonrpc": 2})")) << request;
+        EXPECT_TRUE(holds(row.isExact ? "Accept: application/json, text/event-stream\r\n" : "Accept: application/json\r\n"));
+        EXPECT_EQ(holds("Mcp-Session-Id: 12\r\n"), row.keepsSession);
+    }
+    EXPECT_EQ(rpc(R"({"serviceId":"s","request":{"n":1e999}})"),
+              R"(error: {"error": "Field 'request' holds a number that this service cannot take","statusCode": 400})");
 }
 
 TEST_F(McpForwardTest, TheTimeLimitAlsoEndsTheLookUpOfAName) {

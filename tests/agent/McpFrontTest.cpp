@@ -28,6 +28,10 @@ TEST_F(McpFrontTest, OriginsAreRefusedUnlessAllowed) {
     EXPECT_EQ(header(allowed, "access-control-allow-headers"),
               "authorization, content-type, accept, mcp-protocol-version, mcp-session-id");
     EXPECT_EQ(header(allowed, "content-length"), "0");
+    EXPECT_EQ(header(allowed, "access-control-expose-headers"), "absent");
+    agent_.setInterop(true);
+    EXPECT_EQ(header(call("GET", "/mcp", {{"origin", "http://localhost"}}), "access-control-expose-headers"), "mcp-session-id");
+    EXPECT_EQ(header(call("OPTIONS", "/mcp"), "access-control-expose-headers"), "absent");
     const ZnHttpResponse plain = call("OPTIONS", "/mcp");
     EXPECT_EQ(plain.status, 204);
     EXPECT_EQ(header(plain, "access-control-allow-origin"), "absent");

@@ -39,11 +39,11 @@ const std::string& longTextText() {
 
 using Source = const std::string& (*)();
 
-void parse(benchmark::State& state, Source source) {
+void parse(benchmark::State& state, Source source, JsonReading reading = JsonReading::Dialect) {
     const std::string& text = source();
     ZnString error;
     for (auto _ : state) {
-        ZnJsonDocument document = ZnJsonDocument::fromJson(text, &error);
+        ZnJsonDocument document = ZnJsonDocument::fromJson(text, &error, reading);
         benchmark::DoNotOptimize(document);
     }
     if (!error.isEmpty())
@@ -74,6 +74,8 @@ void copy(benchmark::State& state, Source source) {
 BENCHMARK_CAPTURE(parse, message, messageText);
 BENCHMARK_CAPTURE(parse, document, documentText);
 BENCHMARK_CAPTURE(parse, longText, longTextText);
+BENCHMARK_CAPTURE(parse, exactMessage, messageText, JsonReading::Exact);
+BENCHMARK_CAPTURE(parse, exactDocument, documentText, JsonReading::Exact);
 BENCHMARK_CAPTURE(write, message, messageText);
 BENCHMARK_CAPTURE(write, document, documentText);
 BENCHMARK_CAPTURE(write, longText, longTextText);

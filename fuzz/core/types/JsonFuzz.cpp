@@ -7,11 +7,24 @@
 
 namespace {
 
-ZnJsonDocument parseOwnOutput(const ZnString& text) {
+ZnJsonDocument parseOwnOutput(const ZnString& text, JsonReading reading = JsonReading::Dialect) {
     ZnString error;
-    ZnJsonDocument document = ZnJsonDocument::fromJson(text.view(), &error);
+    ZnJsonDocument document = ZnJsonDocument::fromJson(text.view(), &error, reading);
     ZN_ASSERT(error.isEmpty()); // what the writer writes, the parser reads
     return document;
+}
+
+/// Exact reading loses nothing: what is written is read as the same, at the first time. It takes all that the dialect
+/// takes, and the dialect reads its output as it reads the text itself.
+void checkExactReading(std::string_view text, const ZnJsonDocument* dialect) {
+    ZnString error;
+    const ZnJsonDocument document = ZnJsonDocument::fromJson(text, &error, JsonReading::Exact);
+    ZN_ASSERT(dialect == nullptr || error.isEmpty());
+    if (!error.isEmpty())
+        return;
+    const ZnString written = document.toJson();
+    ZN_ASSERT(parseOwnOutput(written, JsonReading::Exact).root() == document.root());
+    ZN_ASSERT(dialect == nullptr || parseOwnOutput(written).root() == dialect->root());
 }
 
 } // namespace
@@ -24,6 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t byte
     const ZnJsonDocument document = ZnJsonDocument::fromJson(text, &error);
     const ZnJsonValue copy = document.root();
     ZN_ASSERT(copy == document.root());
+    checkExactReading(text, error.isEmpty() ? &document : nullptr);
     if (!error.isEmpty())
         return 0;
     // The first writing rounds numbers and sorts members; from then on reading and writing change nothing.

@@ -85,6 +85,10 @@ bool ZnHttpClient::setHeader(const ZnString& name, const ZnString& value) {
     return true;
 }
 
+void ZnHttpClient::setBodyObserver(BodyObserver observer) {
+    observer_ = std::make_shared<const BodyObserver>(std::move(observer));
+}
+
 // --- the request
 
 bool ZnHttpClient::parseUrl_(const ZnString& url, Target_* target) {
@@ -239,6 +243,7 @@ void ZnHttpClient::onReadyRead_() {
 
 void ZnHttpClient::takeBytes_(std::string_view bytes) {
     Progress_ progress;
+    const std::size_t seenBytes = bodyBuffer_.size();
     if (rxBuffer_.isEmpty()) { // the usual case: a body goes straight to its place
         progress = processBuffer_(&bytes);
         rxBuffer_.append(bytes);
@@ -248,12 +253,42 @@ void ZnHttpClient::takeBytes_(std::string_view bytes) {
         progress = processBuffer_(&rest);
         rxBuffer_.consumeFront(rxBuffer_.size() - rest.size());
     }
+    if (isTooLarge_(progress))
+        progress = Progress_::TooLarge;
+    if (observer_ && !observeBody_(seenBytes, &progress))
+        return;
     if (progress == Progress_::Finished)
         finish_();
     else if (progress == Progress_::InvalidChunkSize)
         fail_(kInvalidChunkSize);
     else if (progress == Progress_::InvalidChunkEnd)
         fail_(kInvalidChunkEnd);
+    else if (progress == Progress_::TooLarge)
+        fail_(kResponseTooLarge);
+}
+
+bool ZnHttpClient::isTooLarge_(Progress_ progress) const noexcept {
+    const std::int64_t announcedBytes = method_ == Head ? 0 : contentLength_;
+    // Only a head can fill the buffer: a chunk size line has a limit of its own, and surplus does not count.
+    const std::size_t headBytes = progress == Progress_::Finished ? 0 : rxBuffer_.size();
+    const auto largestBytes = static_cast<std::int64_t>(std::max(headBytes, bodyBuffer_.size()));
+    return maxResponseBytes_ > 0 && std::max(largestBytes, announcedBytes) > maxResponseBytes_;
+}
+
+/// Shows the observer what the body has grown by, also in front of a failure. False when the request is over.
+bool ZnHttpClient::observeBody_(std::size_t seenBytes, Progress_* progress) {
+    const std::string_view bytes = bodyBuffer_.view().substr(seenBytes);
+    if (bytes.empty())
+        return true;
+    const std::shared_ptr<const BodyObserver> observer = observer_; // it may delete the client
+    const ZnPointer<ZnHttpClient> self(this);
+    const unsigned serial = requestSerial_;
+    const bool isEnough = (*observer)(rxHeaders_, bytes);
+    if (!self || serial != requestSerial_)
+        return false;
+    if (isEnough)
+        *progress = Progress_::Finished;
+    return true;
 }
 
 /// Takes as many steps as the input allows. Emits nothing.

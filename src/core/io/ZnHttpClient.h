@@ -6,6 +6,7 @@
 #include "core/types/ZnString.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string_view>
 
@@ -13,7 +14,8 @@ class ZnTcpSocket;
 
 /// One HTTP/1.1 request at a time, each on a connection of its own that is closed after it.
 ///
-/// Follows no redirect and has no limit of time or size: a caller that needs one arms a timer and calls abort().
+/// Follows no redirect and has no limit of time: a caller that needs one arms a timer and calls abort(). It has a limit
+/// of size if the caller sets one.
 /// Exactly one of `finished` and `errorOccurred` ends a request, with two exceptions that leave it to that timer: an
 /// abort, and a connection that closes without an error before its response is complete.
 /// Thread: the owning thread. A slot may delete the client, and abort() or the destructor may come at any time, also
@@ -30,6 +32,7 @@ public:
     static constexpr int kWriteFailed = -3;
     static constexpr int kInvalidChunkSize = -4;
     static constexpr int kInvalidChunkEnd = -5;
+    static constexpr int kResponseTooLarge = -6; // larger than setMaxResponseBytes() permits
 
     explicit ZnHttpClient(ZnObject* parent = nullptr);
     ~ZnHttpClient() override;
@@ -39,6 +42,15 @@ public:
     bool setHeader(const ZnString& name, const ZnString& value);
     /// A bundle of certificate authorities in place of the default trust; used from the next request on.
     void setCaFile(const ZnString& path) { caFile_ = path; }
+
+    /// The largest body of all later requests, and about the largest head; 0: no limit.
+    void setMaxResponseBytes(std::int64_t maxBytes) { maxResponseBytes_ = maxBytes; }
+
+    /// Sees the headers of the response and the bytes that its body has grown by. Returns whether the response is to
+    /// end here, as if it had been complete. It may abort or delete the client; both arguments are gone then.
+    using BodyObserver = std::function<bool(const ZnMap<ZnString, ZnString>& headers, std::string_view bytes)>;
+    /// For all later requests. The body is kept all the same.
+    void setBodyObserver(BodyObserver observer);
 
     /// Begins a request, after an abort of the one before. Parks the calling fiber while a name is resolved. Returns
     /// whether the connection attempt has begun; when not, a signal has said why unless it was aborted.
@@ -74,7 +86,7 @@ private:
         ReadingChunkEnd,
         ReadingToClose
     };
-    enum class Progress_ { GoOn, NeedMore, Finished, InvalidChunkSize, InvalidChunkEnd };
+    enum class Progress_ { GoOn, NeedMore, Finished, InvalidChunkSize, InvalidChunkEnd, TooLarge };
 
     struct Target_ {
         ZnString scheme;
@@ -109,6 +121,8 @@ private:
     // The response. The steps take what they understand off the front of `*input`.
     void takeBytes_(std::string_view bytes);
     Progress_ processBuffer_(std::string_view* input);
+    bool isTooLarge_(Progress_ progress) const noexcept;
+    bool observeBody_(std::size_t seenBytes, Progress_* progress);
     Progress_ step_(std::string_view* input);
     Progress_ takeHead_(std::string_view* input);
     Progress_ takeCounted_(std::string_view* input);
@@ -132,6 +146,8 @@ private:
     unsigned requestSerial_ = 0;           // changes when a request ends: tells what was parked or emitting that it is over
     State_ state_ = State_::Idle;
 
+    std::int64_t maxResponseBytes_ = 0;                // 0: no limit
+    std::shared_ptr<const BodyObserver> observer_;     // shared with its running call; null without one
     ZnString caFile_;
     int method_ = Get;
     Target_ target_;

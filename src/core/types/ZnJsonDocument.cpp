@@ -4,9 +4,17 @@
 #include "core/types/ZnLogger.h"
 
 ZnJsonDocument ZnJsonDocument::fromJson(std::string_view text, ZnString* error, const ZnString& key) {
+    return parse_(ZnJsonParser_(text, key, JsonReading::Dialect), error);
+}
+
+ZnJsonDocument ZnJsonDocument::fromJson(std::string_view text, ZnString* error, JsonReading reading) {
+    return parse_(ZnJsonParser_(text, ZnString(), reading), error);
+}
+
+ZnJsonDocument ZnJsonDocument::parse_(ZnJsonParser_&& parser, ZnString* error) {
     ZnJsonDocument document;
     ZnString reason;
-    ZnJsonParser_(text, key).parseJsonText_(document.root_, reason);
+    parser.parseJsonText_(document.root_, reason);
     if (error != nullptr)
         *error = std::move(reason);
     return document;

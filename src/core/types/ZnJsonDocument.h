@@ -6,11 +6,18 @@
 
 #include <string_view>
 
+class ZnJsonParser_;
+
+/// How scalars are read. Both accept the same grammar, but for numbers that fit in no 64 bits: only Exact takes them.
+enum class JsonReading {
+    Dialect, // a string that reads as a boolean, null, integer or simple decimal becomes that scalar
+    Exact    // strings stay strings; numbers are written back with the digits that they came with
+};
+
 /// A parsed JSON text.
 ///
-/// The dialect: a string that reads as a boolean, null, integer or simple decimal becomes that scalar;
-/// a comma may stand before a closing bracket; a repeated key keeps its last value; output is sorted by key.
-/// With a key, scalars are stored enciphered in the same text syntax.
+/// A comma may stand before a closing bracket; a repeated key keeps its last value; output is sorted by key.
+/// With a key, scalars are stored enciphered in the same text syntax, and read in the dialect.
 /// Thread: a value.
 class ZnJsonDocument {
 public:
@@ -23,6 +30,7 @@ public:
     /// `*error` is empty on success; on failure it says what is wrong and where, and the root is Null
     /// (except for text behind a complete value, which leaves the value in place).
     static ZnJsonDocument fromJson(std::string_view text, ZnString* error, const ZnString& key = ZnString());
+    static ZnJsonDocument fromJson(std::string_view text, ZnString* error, JsonReading reading);
 
     const ZnJsonValue& root() const noexcept { return root_; }
     ZnJsonValue& root() noexcept { return root_; }
@@ -31,6 +39,8 @@ public:
     ZnString toJson(JsonFormat format = JsonFormat::Compact, const ZnString& key = ZnString()) const;
 
 private:
+    static ZnJsonDocument parse_(ZnJsonParser_&& parser, ZnString* error);
+
     ZnJsonValue root_;
 };
 

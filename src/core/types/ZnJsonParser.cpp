@@ -264,7 +264,7 @@ bool ZnJsonParser_::parseStringValue_(ZnJsonValue& slot) {
         }
         text = unescaped;
     }
-    if (readScalar_(text, slot))
+    if (!isExact_ && readScalar_(text, slot))
         return true;
     slot.stringValue_ = unescaped.empty() ? ZnString(text) : ZnString(std::move(unescaped));
     slot.type_ = JsonType::String;
@@ -364,6 +364,10 @@ bool ZnJsonParser_::scanDigits_(const char* message) {
 
 bool ZnJsonParser_::finishNumber_(ZnJsonValue& slot, std::size_t start, bool isFloating) {
     const std::string_view literal = text_.substr(start, pos_ - start);
+    if (isExact_) {
+        keepNumber_(slot, literal, isFloating);
+        return true;
+    }
     if (isFloating) {
         if (!zn::detail::parseDecimal(literal, &slot.doubleValue_))
             return failAt_(start, "Invalid floating-point number");
@@ -374,6 +378,18 @@ bool ZnJsonParser_::finishNumber_(ZnJsonValue& slot, std::size_t start, bool isF
         return failAt_(start, "Invalid integer number");
     slot.type_ = JsonType::Integer;
     return true;
+}
+
+/// An Integer that is written as `literal`, or a Double that keeps it; the grammar has been checked.
+void ZnJsonParser_::keepNumber_(ZnJsonValue& slot, std::string_view literal, bool isFloating) {
+    const char* end = literal.data() + literal.size();
+    const bool isPlain = !isFloating && literal != "-0";
+    if (isPlain && std::from_chars(literal.data(), end, slot.intValue_).ec == std::errc()) {
+        slot.type_ = JsonType::Integer;
+        return;
+    }
+    slot.stringValue_ = ZnString(literal);
+    slot.type_ = JsonType::Double;
 }
 
 /// Reads a string literal from its opening quote on. `*text` is its content: a part of the parsed text, or of

@@ -13,7 +13,9 @@
 /// the use of stack is fixed. The first failure stops the parse.
 class ZnJsonParser_ {
 public:
-    ZnJsonParser_(std::string_view text, const ZnString& key) noexcept : text_(text), key_(key) {}
+    /// `key` may be a temporary of the expression that parses.
+    ZnJsonParser_(std::string_view text, const ZnString& key, JsonReading reading) noexcept
+        : text_(text), key_(key), isExact_(reading == JsonReading::Exact) {}
 
     /// As ZnJsonDocument::fromJson.
     bool parseJsonText_(ZnJsonValue& root, ZnString& error);
@@ -36,6 +38,7 @@ private:
     bool parseNumber_(ZnJsonValue& slot);
     bool scanDigits_(const char* message);
     bool finishNumber_(ZnJsonValue& slot, std::size_t start, bool isFloating);
+    static void keepNumber_(ZnJsonValue& slot, std::string_view literal, bool isFloating);
     bool parseString_(std::string* unescaped, std::string_view* text);
     bool parseEscape_(std::string& out);
     bool parseUnicodeEscape_(std::string& out);
@@ -48,6 +51,7 @@ private:
 
     const std::string_view text_;
     const ZnString& key_; // empty: nothing is enciphered
+    const bool isExact_;
     std::size_t pos_ = 0;
     std::size_t depth_ = 0;     // open containers
     bool isJustOpened_ = false; // the innermost one has no child yet

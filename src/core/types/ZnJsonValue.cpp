@@ -102,7 +102,7 @@ bool ZnJsonTree_::equalShallow_(const ZnJsonValue& left, const ZnJsonValue& righ
     case JsonType::Integer:
         return left.intValue_ == right.intValue_;
     case JsonType::Double:
-        return left.doubleValue_ == right.doubleValue_;
+        return left.doubleValue_ == right.doubleValue_ && left.stringValue_ == right.stringValue_;
     case JsonType::String:
         return left.stringValue_ == right.stringValue_;
     case JsonType::Object:
@@ -210,6 +210,8 @@ ZnString ZnJsonValue::toStringOr(const ZnString& fallback) const {
     case JsonType::Integer:
         return ZnString::number(static_cast<long long>(intValue_));
     case JsonType::Double:
+        if (keepsDigits_())
+            return stringValue_;
         zn::detail::appendFixed(text, doubleValue_);
         return text;
     case JsonType::String:
@@ -228,7 +230,7 @@ bool ZnJsonValue::toBool(bool fallback) const {
     case JsonType::Integer:
         return intValue_ != 0;
     case JsonType::Double:
-        return doubleValue_ != 0;
+        return double_() != 0;
     default:
         return fallback;
     }
@@ -241,7 +243,7 @@ int ZnJsonValue::toInt(int fallback) const {
     case JsonType::Integer:
         return static_cast<int>(static_cast<std::uint32_t>(intValue_));
     case JsonType::Double:
-        return truncated<int>(doubleValue_);
+        return truncated<int>(double_());
     default:
         return fallback;
     }
@@ -254,7 +256,7 @@ long long ZnJsonValue::toLongLong() const {
     case JsonType::Integer:
         return intValue_;
     case JsonType::Double:
-        return truncated<long long>(doubleValue_);
+        return truncated<long long>(double_());
     default:
         return 0;
     }
@@ -271,12 +273,22 @@ double ZnJsonValue::toDouble(double fallback, int decimals) const {
     default:
         return fallback;
     }
+    const double value = double_();
     if (decimals <= 0)
-        return doubleValue_;
+        return value;
     const double scale = std::pow(10.0, decimals);
-    const double scaled = doubleValue_ * scale;
+    const double scaled = value * scale;
     // A value that does not survive scaling has no decimal places to round off.
-    return std::isfinite(scaled) && std::isfinite(scale) ? std::round(scaled) / scale : doubleValue_;
+    return std::isfinite(scaled) && std::isfinite(scale) ? std::round(scaled) / scale : value;
+}
+
+double ZnJsonValue::keptDouble_() const {
+    return zn::detail::nearestDouble(stringValue_.view());
+}
+
+const ZnString& ZnJsonValue::noText_() noexcept {
+    static const ZnString* const kNone = new ZnString; // never destroyed: threads may read it while the process ends
+    return *kNone;
 }
 
 ZnJsonObject ZnJsonValue::toObject() const {

@@ -17,6 +17,8 @@ enum class JsonFormat : std::int32_t { Compact = 0, Indented = 1 };
 /// One JSON value, with its whole subtree, as a value: two values never share one.
 ///
 /// Copying, comparing, writing and destroying use a bounded amount of stack, whatever the depth of the tree.
+/// A number that was read exactly, and that no Integer holds, is a Double that keeps its digits and is written with
+/// them; its value is the nearest double, or infinity. Two such numbers are equal if their digits are.
 /// A moved-from value is Null.
 /// Thread: a value.
 class ZnJsonValue {
@@ -51,7 +53,8 @@ public:
     bool isObject() const noexcept { return type_ == JsonType::Object; }
     bool isArray() const noexcept { return type_ == JsonType::Array; }
 
-    /// String: its text. Boolean, Integer, Double ("%f"), Null ("null"): their text. Object, Array: `fallback`.
+    /// String: its text. Boolean, Integer, Double ("%f", or the digits it keeps), Null ("null"): their text.
+    /// Object, Array: `fallback`.
     ZnString toStringOr(const ZnString& fallback) const;
     /// A debug text: strings quoted and escaped, containers as "ZnJsonValue(Object)" and "ZnJsonValue(Array)".
     ZnString toDisplayString() const;
@@ -71,11 +74,12 @@ public:
     const ZnJsonArray* array() const noexcept { return arrayValue_.get(); }
     ZnJsonArray* array() noexcept { return arrayValue_.get(); }
     /// The text itself, without a copy; empty for any other type than String.
-    const ZnString& string() const noexcept { return stringValue_; }
+    const ZnString& string() const noexcept { return isString() ? stringValue_ : noText_(); }
 
-    /// The text of the value; with a non-empty `key` scalars are enciphered. A Double with a fraction has the "%g"
-    /// form, one without is written in decimal within the signed 64-bit range and outside it with as many digits as
-    /// reading it back takes, and an exponent. Infinities and not-a-number are written as null.
+    /// The text of the value; with a non-empty `key` scalars are enciphered. A Double is written with the digits it
+    /// keeps. Without any, it has the "%g" form if it has a fraction, else it is written in decimal within the signed
+    /// 64-bit range and outside it with as many digits as reading it back takes, and an exponent. Infinities and
+    /// not-a-number are written as null.
     ZnString toJson(JsonFormat format = JsonFormat::Compact, const ZnString& key = ZnString()) const;
 
     /// Type and content, of the whole subtree: the Integer 1 and the Double 1.0 differ.
@@ -92,6 +96,11 @@ private:
         void operator()(ZnJsonArray* array) const noexcept;
     };
 
+    static const ZnString& noText_() noexcept;
+    /// Of a Double.
+    bool keepsDigits_() const noexcept { return !stringValue_.isEmpty(); }
+    double double_() const { return keepsDigits_() ? keptDouble_() : doubleValue_; }
+    double keptDouble_() const;
     bool isContainer_() const noexcept { return type_ == JsonType::Object || type_ == JsonType::Array; }
     void copyFrom_(const ZnJsonValue& other); // onto a Null
     void releaseTree_() noexcept;             // leaves a Null
@@ -100,7 +109,7 @@ private:
     bool boolValue_ = false;
     std::int64_t intValue_ = 0;
     double doubleValue_ = 0.0;
-    ZnString stringValue_;                                        // empty unless String
+    ZnString stringValue_; // String: the text; Double: the digits it keeps; else empty
     std::unique_ptr<ZnJsonObject, DeleteContainer_> objectValue_; // null unless Object
     std::unique_ptr<ZnJsonArray, DeleteContainer_> arrayValue_;   // null unless Array
 };

@@ -140,6 +140,7 @@ void ZnJsonWriter_::writeValue_(const ZnJsonValue& value) {
 }
 
 void ZnJsonWriter_::writeScalar_(const ZnJsonValue& value) {
+    // A number that keeps digits has the value 0 here.
     if (value.isNull() || (value.type_ == JsonType::Double && !std::isfinite(value.doubleValue_))) {
         out_.append("null");
         return;
@@ -149,6 +150,8 @@ void ZnJsonWriter_::writeScalar_(const ZnJsonValue& value) {
         out_.append(value.boolValue_ ? "true" : "false");
     else if (value.type_ == JsonType::Integer)
         zn::detail::appendInteger(out_, value.intValue_);
+    else if (value.keepsDigits_())
+        out_.append(value.stringValue_.view());
     else
         appendDouble(out_, value.doubleValue_);
     if (!key_.isEmpty()) {
@@ -197,6 +200,8 @@ ZnString ZnJsonValue::toDisplayString() const {
     case JsonType::Array:
         return "ZnJsonValue(Array)";
     case JsonType::Double:
+        if (keepsDigits_())
+            return stringValue_;
         zn::detail::appendGeneral(text, doubleValue_);
         return text;
     case JsonType::String:

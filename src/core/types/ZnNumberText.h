@@ -10,6 +10,9 @@ namespace zn::detail {
 /// for overflow and for underflow to 0. Subnormal values pass.
 bool parseDecimal(std::string_view text, double* out);
 
+/// The double nearest to a number of the JSON grammar; beyond the range of doubles infinity, or 0.
+double nearestDouble(std::string_view text);
+
 /// The C forms "%g" and "%f", each with precision 6.
 void appendGeneral(std::string& out, double value);
 void appendFixed(std::string& out, double value);

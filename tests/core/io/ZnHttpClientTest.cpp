@@ -125,6 +125,46 @@ TEST_F(ZnHttpClientTest, ResponsesAreTheSameInAnySplit) {
     }
 }
 
+TEST_F(ZnHttpClientTest, AnObserverSeesTheBodyGrowAndMayEndIt) {
+    const std::string_view response =
+        "HTTP/1.1 200 OK\r\nx: 1\r\ntransfer-encoding: chunked\r\n\r\n3\r\nabc\r\n4\r\nde!f\r\nno size";
+    for (const char* act : {"finish", "abort", "delete"})
+        for (std::size_t pieceBytes = 1; pieceBytes <= response.size(); ++pieceBytes) {
+            SCOPED_TRACE(act);
+            auto client = std::make_unique<ZnHttpClient>();
+            const Outcome outcome(*client);
+            std::string seen;
+            client->setBodyObserver([&](const ZnMap<ZnString, ZnString>& headers, std::string_view bytes) {
+                seen += headers.value("x") == "1" ? bytes : "no header";
+                if (bytes.find('!') != std::string_view::npos && *act == 'a')
+                    client->abort();
+                if (seen.find('!') != std::string::npos && *act == 'd')
+                    client.reset();
+                return seen.find('!') != std::string::npos;
+            });
+            Peer::expectResponse(*client, ZnHttpClient::Post);
+            for (std::size_t at = 0; at < response.size() && seen.find('!') == std::string::npos; at += pieceBytes)
+                Peer::feed(*client, response.substr(at, pieceBytes));
+            EXPECT_EQ(seen.substr(0, 6), "abcde!");
+            EXPECT_EQ(outcome.code, *act == 'f' ? kFinished : kNothing);
+            EXPECT_EQ(outcome.body, *act == 'f' ? seen : "");
+        }
+}
+
+TEST_F(ZnHttpClientTest, TheLimitCoversHeadAndBody) {
+    for (const auto& [response, code] :
+         {std::pair{"\r\n\r\n12345678901234567890", kNothing}, {"\r\n\r\n123456789012345678901", -6}, {"\r\na: 678", -6},
+          {"\r\ncontent-length: 21\r\n\r\n", -6}, {"\r\ncontent-length: 1\r\n\r\n12345678901234567890123", kFinished}}) {
+        SCOPED_TRACE(response);
+        ZnHttpClient client;
+        client.setMaxResponseBytes(20);
+        const Outcome outcome(client);
+        Peer::expectResponse(client, ZnHttpClient::Get);
+        Peer::feed(client, std::string("HTTP/1.1 200 OK") + response);
+        EXPECT_EQ(outcome.code, code);
+    }
+}
+
 TEST_F(ZnHttpClientTest, HeadersKeepTheirLastValue) {
     ZnHttpClient client;
     Peer::expectResponse(client, ZnHttpClient::Get);

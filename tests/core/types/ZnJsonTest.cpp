@@ -175,6 +175,48 @@ TEST(ZnJson, ReadsAndRewrites) {
     }
 }
 
+TEST(ZnJson, ExactReadingKeepsDigitsAndTexts) {
+    struct Row {
+        const char* text; // is written as it stands
+        double value;     // -1: a text
+        int asInt;
+        const char* inDialect = "fails";
+    };
+    const double infinity = std::numeric_limits<double>::infinity();
+    const Row kRows[] = {
+        {R"("2.0")", -1, -1, "2"},
+        {R"("null")", -1, -1, "null"},
+        {R"("010")", -1, -1, "8"},
+        {"-9223372036854775808", -9223372036854775808.0, 0, "-9223372036854775808"},
+        {"9223372036854775808", 9223372036854775808.0, 2147483647},
+        {"-0", 0, 0, "0"},
+        {"1.10", 1.1, 1, "1.1"},
+        {"1E+2", 100, 100, "100"},
+        {"-1e999", -infinity, -2147483647 - 1},
+        {"0.001e+999", infinity, 2147483647},
+        {"1e-99999999999999999999", 0, 0},
+    };
+    ZnString error;
+    for (const Row& row : kRows) {
+        SCOPED_TRACE(row.text);
+        const ZnJsonValue value = ZnJsonDocument::fromJson(row.text, &error, JsonReading::Exact).root();
+        EXPECT_EQ(error, "");
+        EXPECT_EQ(ZnJsonValue(value).toJson(), row.text);
+        EXPECT_EQ(value.toStringOr("x"), value.isString() ? value.string() : ZnString(row.text));
+        EXPECT_EQ(value.string().isEmpty(), row.value != -1);
+        EXPECT_EQ(value.toDouble(-1), row.value);
+        EXPECT_EQ(value.toInt(-1), row.asInt);
+        const ZnString written = ZnJsonDocument::fromJson(row.text, &error).toJson();
+        EXPECT_EQ(error.isEmpty() ? written : ZnString("fails"), row.inDialect);
+        const std::string longer = std::string(row.text) + "0";
+        EXPECT_EQ(value == ZnJsonDocument::fromJson(longer, &error, JsonReading::Exact).root(), value.isString());
+    }
+    for (const char* text : {"01", "+1", "1.", ".5", "1e", "-", "0x1", "1e+", "NaN", "--1", "1.5.2"}) {
+        ZnJsonDocument::fromJson(text, &error, JsonReading::Exact);
+        EXPECT_NE(error, "") << text;
+    }
+}
+
 TEST(ZnJson, RepeatedKeyLeavesNothingOfTheEarlierValue) {
     const ZnJsonValue object = parsed(R"({"a":[1],"b":"text","a":1,"b":{}})");
     EXPECT_EQ(object.object()->value("a").array(), nullptr);

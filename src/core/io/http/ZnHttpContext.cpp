@@ -104,13 +104,13 @@ const ZnString& ZnHttpContext::pathParam(std::string_view name) const {
     return value == nullptr ? kNone : *value;
 }
 
-bool ZnHttpContext::parseJsonBody(ZnJsonDocument* document, ZnString* errorText) const {
+bool ZnHttpContext::parseJsonBody(ZnJsonDocument* document, ZnString* errorText, JsonReading reading) const {
     const std::string_view body = request_.body.view();
     ZnString error;
     ZnJsonDocument parsed =
         body.find('\0') == std::string_view::npos // nearly always: then the body is parsed where it lies
-            ? ZnJsonDocument::fromJson(withoutByteOrderMark(body), &error)
-            : ZnJsonDocument::fromJson(withoutByteOrderMark(withoutNul(body)), &error);
+            ? ZnJsonDocument::fromJson(withoutByteOrderMark(body), &error, reading)
+            : ZnJsonDocument::fromJson(withoutByteOrderMark(withoutNul(body)), &error, reading);
     if (!error.isEmpty()) {
         *errorText = std::move(error);
         return false;

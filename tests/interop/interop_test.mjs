@@ -34,12 +34,13 @@ const clientSdks = {
         options: { versionNegotiation: { mode: 'auto' } },
     },
 };
+
 /// What each upstream server does, by service id.
 const sdkServices = { '2.x handler': { stateful: false, json: false } };
 for (const sdk of Object.keys(serverSdks))
-    for (const stateful of [true, false])
-        for (const json of [true, false])
-            sdkServices[`${sdk} ${stateful ? 'stateful' : 'stateless'} ${json ? 'json' : 'events'}`] = { sdk, stateful, json };
+    for (const state of ['stateful', 'stateless'])
+        for (const form of ['json', 'events'])
+            sdkServices[`${sdk} ${state} ${form}`] = { sdk, stateful: state === 'stateful', json: form === 'json' };
 
 async function freePort() {
     const server = net.createServer().listen(0, '127.0.0.1');
@@ -111,7 +112,8 @@ async function converseWithSdkServer(client, serviceId, { stateful, json }) {
     const rpc = upstream(client, serviceId);
     assert.deepEqual(await begin(rpc, stateful), ['values', 'fail', 'slow']);
 
-    const values = { text: '123', number: 1e21, nested: { a: ['1.10', 'true', 'ü€😀\n', 0.1, -0.5e-7, null], o: {}, l: [] } };
+    const nested = { a: ['1.10', 'true', 'ü€😀\n', 0.1, -0.5e-7, null], o: {}, l: [] };
+    const values = { text: '123', number: 1e21, nested };
     const tool = (id, name, args, _meta) => rpc(id, 'tools/call', { name, arguments: args, _meta });
     assert.deepEqual((await tool('7', 'values', values)).body.result.structuredContent, values);
 
@@ -174,10 +176,25 @@ const exactValues = [
 ];
 
 /// Posts text to the agent; the answer's text, and the session.
-async function post(session, text) {
-    const response = await fetch(url.on, { method: 'POST', headers: session ? { 'mcp-session-id': session } : {}, body: text });
+async function post(text, headers = {}) {
+    const response = await fetch(url.on, { method: 'POST', headers, body: text });
     assert.equal(response.status, 200);
     return [await response.text(), response.headers.get('mcp-session-id')];
+}
+
+async function compareBytes(id, form, value) {
+    const [, session] = await post('{"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"x"}}');
+    const request = `{"id": ${id},"jsonrpc": "2.0","params": {"arguments": {"v": ${value}},"name": "${form}"}}`;
+    const call = `{"name":"bridge.rpc","arguments":{"serviceId":"exact","request":${request}}}`;
+    const [answer] = await post(`{"jsonrpc":"2.0","id":${id},"method":"tools/call","params":${call}}`,
+        { 'mcp-session-id': session });
+    assert.equal(received.at(-1).text, request);
+    const notes = form === 'stream' ? `,"notifications": [{"method": "note","params": ${value}}]` : '';
+    const structured = `{"body": {"id": ${id},"jsonrpc": "2.0","result": {"v": ${value}}},"errorCode": 0,` +
+        `"mcpSessionId": ""${notes},"reason": "OK","statusCode": 200,"transportOk": true}`;
+    const content = `[{"text": ${JSON.stringify(structured)},"type": "text"}]`;
+    assert.equal(answer,
+        `{"id": ${id},"jsonrpc": "2.0","result": {"content": ${content},"structuredContent": ${structured}}}`);
 }
 
 const received = [];
@@ -222,16 +239,5 @@ describe('exact values', () => {
     for (const id of ['"7"', '7', '7.0'])
         for (const form of ['stream', 'json'])
             for (const value of exactValues)
-                test(`id ${id}, ${form}: ${value}`, async () => {
-                    const [, session] = await post('', `{"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"x"}}`);
-                    const request = `{"id": ${id},"jsonrpc": "2.0","params": {"arguments": {"v": ${value}},"name": "${form}"}}`;
-                    const [answer] = await post(session, `{"jsonrpc":"2.0","id":${id},"method":"tools/call","params":` +
-                        `{"name":"bridge.rpc","arguments":{"serviceId":"exact","request":${request}}}}`);
-                    assert.equal(received.at(-1).text, request);
-                    const notes = form === 'stream' ? `,"notifications": [{"method": "note","params": ${value}}]` : '';
-                    const structured = `{"body": {"id": ${id},"jsonrpc": "2.0","result": {"v": ${value}}},"errorCode": 0,` +
-                        `"mcpSessionId": ""${notes},"reason": "OK","statusCode": 200,"transportOk": true}`;
-                    const content = `[{"text": ${JSON.stringify(structured)},"type": "text"}]`;
-                    assert.equal(answer, `{"id": ${id},"jsonrpc": "2.0","result": {"content": ${content},"structuredContent": ${structured}}}`);
-                });
+                test(`id ${id}, ${form}: ${value}`, () => compareBytes(id, form, value));
 });

@@ -288,13 +288,13 @@ TEST_F(ZnHttpServerTest, ContextMiddlewareStandsInFrontOfLaterRoutes) {
     });
     app_->setRoutePrefix(" api//v1/ ");
     int callCount = 0;
-    const ZnHttpRouteOptions options{" user ", 5, true};
+    const ZnHttpRouteOptions options{" user ", 200, true}; // of which a busy machine takes a part
     app_->get("/", [&](ZnHttpContext& context) {
         ++callCount;
         const auto user = std::any_cast<std::string>(context.locals()["user"]);
         if (user == "throw" || user == "again")
             throw std::runtime_error("it");
-        ZnEventLoop().exec(user == "slow" ? 20 : 1);
+        ZnEventLoop().exec(user == "slow" ? 250 : 1);
         context.text(ZnString(user));
     }, options);
     app_->get("slow", [](ZnHttpContext& context) {
@@ -452,7 +452,7 @@ TEST_F(ZnHttpServerPoolTest, JobsOutliveTheirConnections) {
     const auto staying = send("GET /gate HTTP/1.1\r\n\r\n");
     ASSERT_TRUE(pollUntil([&] { return waitingCount_ == 2; }));
     const auto queued = send("GET /pool/x HTTP/1.1\r\n\r\n");
-    ASSERT_TRUE(pollUntil([&] { return pool_->queuedTaskCount() == 1; }));
+    ASSERT_TRUE(pollUntil([&] { return pool_->queuedTaskCount() >= 1; }));
     leaving->socket.close();
     ASSERT_TRUE(runUntil([&] { return app_->activeSessionCount() <= 42; }));
     app_.reset();

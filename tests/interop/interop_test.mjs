@@ -1,0 +1,243 @@
+// MCP clients of three SDK generations, through the agent, to servers made with the same SDKs: with interoperability
+// on and off. Usage: node interop_test.mjs AGENT        (after npm ci in this folder)
+
+import assert from 'node:assert/strict';
+import { spawn } from 'node:child_process';
+import { once } from 'node:events';
+import { mkdtempSync, rmSync, writeFileSync } from 'node:fs';
+import net from 'node:net';
+import { tmpdir } from 'node:os';
+import { join } from 'node:path';
+import { after, before, describe, test } from 'node:test';
+
+import * as client2 from '@modelcontextprotocol/client';
+import { Client as ClientNewest1 } from '@modelcontextprotocol/sdk/client/index.js';
+import { StreamableHTTPClientTransport as TransportNewest1 } from '@modelcontextprotocol/sdk/client/streamableHttp.js';
+import { Client as Client1_18 } from 'sdk-1-18/client/index.js';
+import { StreamableHTTPClientTransport as Transport1_18 } from 'sdk-1-18/client/streamableHttp.js';
+
+import { serverSdks, startEverything, startExactServer, startSdk2Handler, startSdkServer } from './servers.mjs';
+
+const deadlineMs = 50000; // of everything, this process included
+setTimeout(() => { console.error('not done in time'); process.exit(1); }, deadlineMs).unref();
+const closers = [];
+const closeAll = () => closers.splice(0).forEach(close => close());
+process.on('exit', closeAll);
+
+const clientSdks = {
+    '1.18.2': { Client: Client1_18, Transport: Transport1_18, connectsAlways: true },
+    'newest 1.x': { Client: ClientNewest1, Transport: TransportNewest1 },
+    '2.x': { Client: client2.Client, Transport: client2.StreamableHTTPClientTransport },
+    '2.x that probes': {
+        Client: client2.Client,
+        Transport: client2.StreamableHTTPClientTransport,
+        options: { versionNegotiation: { mode: 'auto' } },
+    },
+};
+
+/// What each upstream server does, by service id.
+const sdkServices = { '2.x handler': { stateful: false, json: false } };
+for (const sdk of Object.keys(serverSdks))
+    for (const state of ['stateful', 'stateless'])
+        for (const form of ['json', 'events'])
+            sdkServices[`${sdk} ${state} ${form}`] = { sdk, stateful: state === 'stateful', json: form === 'json' };
+
+async function freePort() {
+    const server = net.createServer().listen(0, '127.0.0.1');
+    await once(server, 'listening');
+    const { port } = server.address();
+    await new Promise(done => server.close(done));
+    return port;
+}
+
+async function startAgent(options, attemptsLeft = 3) {
+    const port = await freePort();
+    const agent = spawn(process.argv[2], [`--port=${port}`, `--duration_ms=${deadlineMs}`, ...options],
+        { stdio: ['ignore', 'pipe', 'inherit'] });
+    closers.push(() => agent.kill('SIGKILL'));
+    await Promise.race([once(agent.stdout, 'data'), once(agent, 'exit')]); // a line as soon as it listens
+    if (agent.exitCode === null)
+        return `http://127.0.0.1:${port}/mcp`;
+    assert.ok(attemptsLeft > 0, 'the agent starts');
+    return startAgent(options, attemptsLeft - 1); // another program has taken the port
+}
+
+async function connected({ Client, Transport, options }, url, use) {
+    const client = new Client({ name: 'test', version: '1' }, options);
+    try {
+        await client.connect(new Transport(new URL(url)));
+        await use(client);
+        await client.transport.terminateSession();
+    } finally {
+        await client.close();
+    }
+}
+
+/// One call of a bridge tool: "structuredContent" and "content" say the same.
+async function call(client, name, args) {
+    const result = await client.callTool({ name, arguments: args });
+    assert.deepEqual(JSON.parse(result.content[0].text), result.structuredContent);
+    return result.structuredContent;
+}
+
+/// Hands requests on to a service, with the session that its "initialize" has given.
+function upstream(client, serviceId) {
+    let more = {};
+    return async (id, method, params) => {
+        const request = { jsonrpc: '2.0', id, method, params };
+        const answer = await call(client, 'bridge.rpc', { serviceId, request, ...more });
+        if (method === 'initialize')
+            more = { sessionId: answer.mcpSessionId, protocolVersion: answer.body.result.protocolVersion };
+        assert.equal(answer.transportOk, true);
+        if (id !== undefined)
+            assert.deepEqual([answer.body?.jsonrpc, answer.body?.id], ['2.0', id], JSON.stringify(answer));
+        return answer;
+    };
+}
+
+async function begin(rpc, stateful) {
+    const initialize = await rpc('7', 'initialize',
+        { protocolVersion: '2025-06-18', capabilities: {}, clientInfo: { name: 'test', version: '1.10' } });
+    assert.equal(initialize.body.result.protocolVersion, '2025-06-18');
+    assert.equal(initialize.mcpSessionId !== '', stateful);
+    assert.equal((await rpc(undefined, 'notifications/initialized')).statusCode, 202);
+    const { body } = await rpc(7, 'tools/list');
+    return body.result.tools.map(tool => tool.name);
+}
+
+const progressOf = answer => answer.notifications?.map(({ method, params }) =>
+    method === 'notifications/progress' && [params.progressToken, params.progress]);
+
+async function converseWithSdkServer(client, serviceId, { stateful, json }) {
+    const rpc = upstream(client, serviceId);
+    assert.deepEqual(await begin(rpc, stateful), ['values', 'fail', 'slow']);
+
+    const nested = { a: ['1.10', 'true', 'ü€😀\n', 0.1, -0.5e-7, null], o: {}, l: [] };
+    const values = { text: '123', number: 1e21, nested };
+    const tool = (id, name, args, _meta) => rpc(id, 'tools/call', { name, arguments: args, _meta });
+    assert.deepEqual((await tool('7', 'values', values)).body.result.structuredContent, values);
+
+    const refused = (await tool(8, 'values', { ...values, text: 123 })).body; // an error or a result, by SDK
+    assert.match(refused.error?.message ?? refused.result.content[0].text, /text/);
+    assert.ok(refused.error ?? refused.result.isError);
+    assert.equal((await tool(9, 'fail', {})).body.result.isError, true);
+    assert.equal((await rpc(10, 'no/such')).body.error.code, -32601);
+
+    const slow = await tool(11, 'slow', {}, { progressToken: '5' });
+    assert.equal(slow.body.result.content[0].text, 'done');
+    assert.deepEqual(progressOf(slow), json ? undefined : [['5', 1], ['5', 2], ['5', 3]]);
+}
+
+async function converseWithEverything(client) {
+    const rpc = upstream(client, 'everything');
+    const tools = await begin(rpc, true);
+    const rows = [
+        ['echo', { message: '1.10' }, /^Echo: 1\.10$/],
+        ['get-sum', { a: 1.5, b: 2 }, /\b3\.5\b/],
+        ['get-sum', { a: '1.5', b: 2 }, /expected number/],
+        ['get-structured-content', { location: 'New York' }, /"temperature":\s*33/],
+    ];
+    for (const [name, args, text] of rows) {
+        assert.ok(tools.includes(name));
+        assert.match((await rpc(name, 'tools/call', { name, arguments: args })).body.result.content[0].text, text);
+    }
+    const slow = await rpc(1, 'tools/call', { name: 'trigger-long-running-operation',
+        arguments: { duration: 0.1, steps: 2 }, _meta: { progressToken: 5 } });
+    assert.deepEqual(progressOf(slow), [[5, 1], [5, 2]]);
+}
+
+async function useBridgeTools(client) {
+    assert.equal(client.getServerVersion().name, 'brelt-mcp-bridge-agent');
+    const { tools } = await client.listTools();
+    assert.deepEqual(tools.map(tool => tool.name), ['bridge.list_services', 'bridge.get_service', 'bridge.rpc']);
+    const { services } = await call(client, 'bridge.list_services');
+    assert.ok(services.some(service => service.id === 'everything'));
+    assert.deepEqual(await call(client, 'bridge.get_service', { serviceId: 'everything' }),
+        services.find(service => service.id === 'everything'));
+}
+
+/// Without interoperability: the bridge's own tools work, and official servers refuse its form of a request.
+async function refuseBaseForm(client) {
+    await useBridgeTools(client);
+    for (const serviceId of Object.keys(endpoints).filter(id => id !== 'exact')) {
+        const request = { jsonrpc: '2.0', id: '7', method: 'ping' };
+        const { transportOk, statusCode } = await call(client, 'bridge.rpc', { serviceId, request });
+        assert.deepEqual([transportOk, statusCode], [true, serviceId === '2.x handler' ? 400 : 406], serviceId);
+    }
+    assert.equal(received.at(-1).text, '{"id": 7,"jsonrpc": 2,"method": "ping"}');
+    assert.equal(received.at(-1).headers.accept, 'application/json');
+}
+
+/// Whole numbers that no double holds, digits that a double forgets, texts that look like something else.
+const exactValues = [
+    '["123","1.10","true","null","","7",1.10,1e21,1E+2,-0,-0.0,12345678901234567890,0.1000000000000000055,true,null]',
+    '{"a": {},"b": [],"c": [{},[]],"é": "ü€😀"}',
+    '"\\" \\\\ \\n \\u0001"',
+];
+
+/// Posts text to the agent; the answer's text, and the session.
+async function post(text, headers = {}) {
+    const response = await fetch(url.on, { method: 'POST', headers, body: text });
+    assert.equal(response.status, 200);
+    return [await response.text(), response.headers.get('mcp-session-id')];
+}
+
+async function compareBytes(id, form, value) {
+    const [, session] = await post('{"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"x"}}');
+    const request = `{"id": ${id},"jsonrpc": "2.0","params": {"arguments": {"v": ${value}},"name": "${form}"}}`;
+    const call = `{"name":"bridge.rpc","arguments":{"serviceId":"exact","request":${request}}}`;
+    const [answer] = await post(`{"jsonrpc":"2.0","id":${id},"method":"tools/call","params":${call}}`,
+        { 'mcp-session-id': session });
+    assert.equal(received.at(-1).text, request);
+    const notes = form === 'stream' ? `,"notifications": [{"method": "note","params": ${value}}]` : '';
+    const structured = `{"body": {"id": ${id},"jsonrpc": "2.0","result": {"v": ${value}}},"errorCode": 0,` +
+        `"mcpSessionId": ""${notes},"reason": "OK","statusCode": 200,"transportOk": true}`;
+    const content = `[{"text": ${JSON.stringify(structured)},"type": "text"}]`;
+    assert.equal(answer,
+        `{"id": ${id},"jsonrpc": "2.0","result": {"content": ${content},"structuredContent": ${structured}}}`);
+}
+
+const received = [];
+const endpoints = {};
+let url; // of the agent, with interoperability on and off
+
+before(async () => {
+    const start = async (id, starting) => {
+        const server = await starting;
+        closers.push(server.close);
+        endpoints[id] = server.url;
+    };
+    for (const [id, form] of Object.entries(sdkServices))
+        await start(id, form.sdk ? startSdkServer(serverSdks[form.sdk], form, received) : startSdk2Handler(received));
+    await start('exact', startExactServer(received));
+    await start('everything', startEverything());
+    const directory = mkdtempSync(join(tmpdir(), 'interop-'));
+    closers.push(() => rmSync(directory, { recursive: true }));
+    const services = Object.entries(endpoints).map(([id, endpoint]) => ({ id, endpoint, timeoutMs: 10000 }));
+    writeFileSync(join(directory, 'services.json'), JSON.stringify({ services }));
+    const options = [`--services_file=${directory}/services.json`];
+    url = { on: await startAgent([...options, '--mcp_interop']), off: await startAgent(options) };
+});
+after(closeAll);
+
+for (const [clientName, sdk] of Object.entries(clientSdks)) {
+    describe(`client ${clientName}`, () => {
+        test('bridge tools', () => connected(sdk, url.on, useBridgeTools));
+        test('server-everything', () => connected(sdk, url.on, converseWithEverything));
+        for (const [serviceId, form] of Object.entries(sdkServices))
+            test(`server ${serviceId}`, () =>
+                connected(sdk, url.on, client => converseWithSdkServer(client, serviceId, form)));
+        test('interoperability off', async () => {
+            if (!sdk.connectsAlways)
+                return assert.rejects(connected(sdk, url.off, () => {}), { code: -32602 });
+            await connected(sdk, url.off, refuseBaseForm);
+        });
+    });
+}
+
+describe('exact values', () => {
+    for (const id of ['"7"', '7', '7.0'])
+        for (const form of ['stream', 'json'])
+            for (const value of exactValues)
+                test(`id ${id}, ${form}: ${value}`, () => compareBytes(id, form, value));
+});

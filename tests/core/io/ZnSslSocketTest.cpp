@@ -6,42 +6,18 @@
 #include "core/runtime/ZnTimer.h"
 #include "support/LogCapture.h"
 #include "support/LoopFixture.h"
+#include "support/Loopback.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <openssl/ssl.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <thread>
 
 namespace {
 
-/// A blocking socket that is connected to a port of 127.0.0.1.
-int connectTo(unsigned short port) {
-    const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(::connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    const int on = 1;
-    ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-    return descriptor;
-}
-
 /// Passes one connection on to `port`, every byte by itself.
 class ByteProxy {
 public:
-    explicit ByteProxy(unsigned short port) : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t addressBytes = sizeof(address);
-        EXPECT_EQ(::bind(listener_, reinterpret_cast<sockaddr*>(&address), addressBytes), 0);
-        EXPECT_EQ(::listen(listener_, 1), 0);
-        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &addressBytes);
-        port_ = ntohs(address.sin_port);
+    explicit ByteProxy(unsigned short port) : listener_(listenOnLoopback(&port_)) {
         thread_ = std::thread([this, port] { run_(port); });
     }
     ~ByteProxy() {
@@ -58,7 +34,7 @@ private:
             return;
         const int on = 1;
         ::setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-        const int server = connectTo(port);
+        const int server = connectToLoopback(port);
         pollfd ends[2] = {{client, POLLIN, 0}, {server, POLLIN, 0}};
         for (bool isOpen = true; isOpen && ::poll(ends, 2, 10000) > 0;) {
             for (int i = 0; i < 2 && isOpen; ++i) {
@@ -72,8 +48,8 @@ private:
         ::close(server);
     }
 
-    int listener_;
     unsigned short port_ = 0;
+    int listener_;
     std::thread thread_;
 };
 
@@ -174,7 +150,7 @@ TEST_F(ZnSslSocketTest, ServesRealClients) {
 
 TEST_F(ZnSslSocketTest, AFloodOfKeyUpdatesStopsNobody) {
     listen({credential("good")});
-    const int descriptor = connectTo(server_.localPort());
+    const int descriptor = connectToLoopback(server_.localPort());
     SSL_CTX* context = SSL_CTX_new(TLS_client_method());
     SSL* ssl = SSL_new(context);
     SSL_set_fd(ssl, descriptor);
@@ -402,7 +378,7 @@ TEST_F(ZnSslSocketTest, HandshakesThatDoNotFinishEnd) {
     std::vector<int> peers;
     const char* openings[] = {"", "\x16\x03\x01", "GET / HTTP/1.1\r\n\r\n"}; // silent, half a record, no TLS
     for (int i = 0; i < 1110; ++i) {
-        peers.push_back(connectTo(server_.localPort()));
+        peers.push_back(connectToLoopback(server_.localPort()));
         const std::string opening = openings[i % 3];
         EXPECT_EQ(::send(peers.back(), opening.data(), opening.size(), 0), static_cast<ssize_t>(opening.size()));
         if (i % 10 == 0)
@@ -418,8 +394,8 @@ TEST_F(ZnSslSocketTest, HandshakesThatDoNotFinishEnd) {
         ::close(peer);
 
     server_.setMaxHandshakes(1);
-    const int first = connectTo(server_.localPort());
-    const int second = connectTo(server_.localPort());
+    const int first = connectToLoopback(server_.localPort());
+    const int second = connectToLoopback(server_.localPort());
     char byte = 0;
     EXPECT_TRUE(runUntil([&] { return ::recv(second, &byte, 1, MSG_DONTWAIT) == 0; })); // above the limit
     EXPECT_EQ(server_.handshakeCount(), 1U);

@@ -51,6 +51,8 @@ public:
     /// Between two requests, with no byte of the next one.
     bool isIdle() const noexcept { return state_ == State::RequestLine && buffer_.isEmpty(); }
     const ZnHttpLimits& limits() const noexcept { return limits_; }
+    /// Whether the peer still owes bytes of a body; also behind a failure.
+    bool isInsideBody() const noexcept { return bodyRemaining_ > 0 || chunkRemaining_ > 0; }
     /// The HTTP status and the text of the failure; 0 and empty without one.
     int errorStatus() const noexcept { return errorStatus_; }
     const ZnString& errorText() const noexcept { return errorText_; }

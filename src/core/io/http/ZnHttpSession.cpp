@@ -34,7 +34,7 @@ constexpr long long kLongestSleepNs = 1'000'000 * kNsPerMs; // within what a tim
 // How long a refused peer may still send before the connection is closed under it; see beginDrain_.
 constexpr long long kDrainNs = 1000 * kNsPerMs;
 constexpr long long kDrainQuietNs = 200 * kNsPerMs;
-constexpr unsigned long long kMaxDiscardedBytes = 1024 * 1024;
+constexpr unsigned long long kMaxDiscardedBytes = 32 * 1024 * 1024; // well above what the system's buffers may hold
 
 // Shared by all sessions of a thread. Its content is used up before anything that could park.
 thread_local char readBuffer[kReadBytes];
@@ -447,7 +447,7 @@ void ZnHttpSession::beginDrain_() {
     if (!self || closed_)
         return;
     const int status = parser_.errorStatus();
-    const bool isCutShort = status == 413 || status == 414 || status == 431;
+    const bool isCutShort = status == 413 || status == 414 || status == 431 || (status != 0 && parser_.isInsideBody());
     if (isCutShort || discardedBytes_ > discardedBefore)
         armTimeout_();
     else

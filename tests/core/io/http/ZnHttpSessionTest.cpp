@@ -461,8 +461,8 @@ TEST_F(ZnHttpSessionTest, RefusedInputIsAnsweredAndTheRestDiscarded) {
     Link& slow = links_.back();
     Link& flood = open();
     flood.socket->receive(kRows[1].input);
-    for (int i = 0; i < 20 && flood.closedNs == 0; ++i)
-        flood.socket->receive(std::string(64 * 1024, 'x'));
+    for (int i = 0; i < 40 && flood.closedNs == 0; ++i)
+        flood.socket->receive(std::string(1024 * 1024, 'x'));
     EXPECT_NE(flood.closedNs, 0);
     slow.socket->receive("GET / HTTP/1.1\r\n\r\n");
     EXPECT_TRUE(runUntil([&] { return slow.closedNs != 0; }, 2000));

@@ -223,7 +223,7 @@ TEST_F(ZnHttpClientTest, RequestHeads) {
         {ZnHttpClient::Get, "http://host:70000/", "", "", "refused"},
         {ZnHttpClient::Get, "http://host:/", "", "", "refused"},
         {ZnHttpClient::Get, "http://[::1]/", "", "", "refused"},
-        {ZnHttpClient::Get, "http://local host/", "", "", "refused"},
+        {ZnHttpClient::Get, "http://localhost a/", "", "", "refused"},
         {ZnHttpClient::Get, "http://host/a b", "", "", "refused"},
         {ZnHttpClient::Get, "http://host/\r\nX: y", "", "", "refused"},
         {ZnHttpClient::Get, "http://host\n/", "", "", "refused"},

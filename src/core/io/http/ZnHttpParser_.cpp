@@ -308,6 +308,15 @@ bool ZnHttpParser_::finishHeaders_() {
     return state_ == State::Complete || !isStreamed || beginMultipart_(contentType->second.view());
 }
 
+bool ZnHttpParser_::expectsContinue() const {
+    const bool isInFrontOfBody =
+        (state_ == State::FixedBody || state_ == State::ChunkSize) && bodyBytes_ == 0 && buffer_.isEmpty();
+    if (!isInFrontOfBody || current_->httpVersion != "HTTP/1.1")
+        return false;
+    const auto expect = current_->headers.find("expect");
+    return expect != current_->headers.end() && containsToken(expect->second.view(), "100-continue");
+}
+
 bool ZnHttpParser_::beginMultipart_(std::string_view contentType) {
     ZnString boundary;
     if (!zn::http::parseBoundary(contentType, &boundary))

@@ -51,6 +51,9 @@ public:
     /// Between two requests, with no byte of the next one.
     bool isIdle() const noexcept { return state_ == State::RequestLine && buffer_.isEmpty(); }
     const ZnHttpLimits& limits() const noexcept { return limits_; }
+    /// Whether the peer waits for an interim answer before it sends the body. True only between the end of the headers
+    /// and the first byte behind them.
+    bool expectsContinue() const;
     /// Whether the peer still owes bytes of a body; also behind a failure.
     bool isInsideBody() const noexcept { return bodyRemaining_ > 0 || chunkRemaining_ > 0; }
     /// The HTTP status and the text of the failure; 0 and empty without one.

@@ -114,7 +114,21 @@ bool ZnHttpSession::readInput_() {
         }
         describePeer_(waitingCount);
         armTimeout_();
+        if (parser_.expectsContinue() && !sendContinue_())
+            return false;
     }
+}
+
+/// The interim answer for which a client holds a large body back, at most for a second or so. In front of answers that
+/// the same client still waits for it would come out of turn, and is left out. False: the session has ended.
+bool ZnHttpSession::sendContinue_() {
+    if (responseInProgress_ || asyncPending_ || !pendingRequests_.isEmpty())
+        return true;
+    const ZnPointer<ZnHttpSession> self(this);
+    const bool isAccepted = socket_->write(ZnString("HTTP/1.1 100 Continue\r\n\r\n"));
+    if (self && !closed_ && !isAccepted)
+        closeSession_();
+    return self && !closed_;
 }
 
 void ZnHttpSession::describePeer_(std::size_t firstNewRequest) {

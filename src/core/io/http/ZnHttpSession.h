@@ -62,6 +62,7 @@ private:
     // Input.
     bool readInput_();
     void describePeer_(std::size_t firstNewRequest);
+    bool sendContinue_();
     void discardInput_();
 
     // Requests.

@@ -62,7 +62,7 @@ protected:
         const std::size_t at = body.find(mark);
         if (at == std::string::npos)
             return body;
-        const bool isError = body.find("\"isError\": true,\"structuredContent\"") != std::string::npos;
+        const bool isError = holds(body, "\"isError\": true,\"structuredContent\"");
         return (isError ? "error: " : "") + body.substr(at + mark.size(), body.size() - at - mark.size() - 2);
     }
 

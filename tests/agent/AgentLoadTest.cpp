@@ -24,9 +24,6 @@ constexpr bool kIsSanitized = true;
 constexpr bool kIsSanitized = false;
 #endif
 
-/// Whether `text` holds `part`.
-bool holds(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
 /// One keep-alive connection; reads block for at most 20 seconds.
 class Client {
 public:

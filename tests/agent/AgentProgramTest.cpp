@@ -30,7 +30,7 @@ TEST(AgentProgram, LinesAndExitCodes) {
         SCOPED_TRACE(row.name);
         TestProgram agent(BRELT_AGENT_PROGRAM, row.arguments);
         std::string line = agent.readLine();
-        while (line.find("[ERROR]") != std::string::npos)
+        while (holds(line, "[ERROR]"))
             line = agent.readLine();
         EXPECT_EQ(line, row.lastLine);
         EXPECT_EQ(agent.exitCode(), row.exitCode);
@@ -73,9 +73,9 @@ TEST(AgentProgram, SpeaksTlsWithCurlAndWithServices) {
     struct Row { const char* version; const char* service; const char* part; };
     for (const Row& row : {Row{"1.3", "own", R"("transportOk": true)"}, {"1.2", "found", R"("transportOk": true)"},
                            {"1.3", "wrong", R"("errorCode": -2146893048)"}})
-        EXPECT_NE(curl(row.version, bridgeCall(row.service, kPing)).find(row.part), std::string::npos) << row.service;
+        EXPECT_TRUE(holds(curl(row.version, bridgeCall(row.service, kPing)), row.part)) << row.service;
     EXPECT_EQ(agent.exitCodeAfter(SIGTERM), 0);
-    EXPECT_NE(agent.restOfOutput().find("verify=20 (unable to get local issuer certificate)"), std::string::npos);
+    EXPECT_TRUE(holds(agent.restOfOutput(), "verify=20 (unable to get local issuer certificate)"));
     EXPECT_EQ(service.exitCodeAfter(SIGTERM), 0);
 }
 

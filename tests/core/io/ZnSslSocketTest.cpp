@@ -133,9 +133,9 @@ TEST_F(ZnSslSocketTest, AFloodOfKeyUpdatesStopsNobody) {
     SSL_CTX* context = SSL_CTX_new(TLS_client_method());
     SSL* ssl = SSL_new(context);
     SSL_set_fd(ssl, descriptor);
-    std::thread handshake([&] { EXPECT_EQ(SSL_connect(ssl), 1); });
-    EXPECT_TRUE(runUntil([&] { return accepted_ != nullptr; }));
-    handshake.join();
+    const auto handshake = std::async(std::launch::async, [&] { EXPECT_EQ(SSL_connect(ssl), 1); });
+    ASSERT_TRUE(runUntil([&] { return accepted_ != nullptr; }));
+    handshake.wait();
     for (int i = 0; i < 4000; ++i) // they wait in the system's buffers: the loop does not run meanwhile
         ASSERT_TRUE(SSL_key_update(ssl, SSL_KEY_UPDATE_NOT_REQUESTED) == 1 && SSL_do_handshake(ssl) == 1);
     EXPECT_EQ(SSL_write(ssl, "hello", 5), 5);
@@ -164,10 +164,10 @@ TEST_F(ZnSslSocketTest, VerifiesRealServers) {
         {"a", "-tls1_2", "localhost", "verify=62 (hostname mismatch) openssl="},
         {"expired", "-tls1_3", "localhost", "verify=10 (certificate has expired) openssl="},
         {"selfsigned", "-tls1_3", "localhost", "verify=18 (self-signed certificate) openssl="},
-        {"wrongca", "-tls1_2", "localhost", "verify=20 (unable to get local issuer certificate) openssl="},
-    };
+        {"wrongca", "-tls1_2", "localhost", "verify=20 (unable to get local issuer certificate) openssl="}};
     for (const Row& row : rows) {
         SCOPED_TRACE(row.certificate + " " + row.version + " " + row.host);
+        log_.take();
         OpensslProgram peer({"s_server", "-4", "-accept", "0", row.version, "-cert",
                              files_.path(row.certificate + ".pem").str(), "-key",
                              files_.path(row.certificate + ".key").str()});
@@ -177,9 +177,8 @@ TEST_F(ZnSslSocketTest, VerifiesRealServers) {
         std::string text;
         client.connect(&ZnAbstractSocket::connected, &client, [&] { signalTexts += "connected "; });
         client.connect(&ZnSslSocket::encrypted, &client, [&] { signalTexts += "encrypted "; });
-        client.connect(&ZnSslSocket::sslErrors, &client, [&](const ZnList<ZnString>& errors) {
-            signalTexts += "sslErrors " + errors.first().str().substr(0, 46);
-        });
+        client.connect(&ZnSslSocket::sslErrors, &client,
+                       [&](const ZnList<ZnString>& errors) { signalTexts += errors.first().str().substr(14, 32); });
         client.connect(&ZnAbstractSocket::errorOccurred, &client,
                        [&](int code) { signalTexts += " error " + std::to_string(code); });
         client.connect(&ZnAbstractSocket::disconnected, &client, [&] { signalTexts += " disconnected"; });
@@ -190,15 +189,11 @@ TEST_F(ZnSslSocketTest, VerifiesRealServers) {
         EXPECT_FALSE(client.write(ZnString("too early"))); // nothing is queued during the handshake
         ASSERT_TRUE(runUntil([&] { return client.isOpen() || client.state() == SocketState::Unconnected; }));
         if (row.logText != nullptr) {
-            EXPECT_EQ(signalTexts,
-                      "sslErrors [ZnSslSocket] OpenSSL handshake failed: SSL er error -2146893048 disconnected");
+            EXPECT_EQ(signalTexts, "OpenSSL handshake failed: SSL er error -2146893048 disconnected");
             EXPECT_EQ(log_.countOf(row.logText), 1);
-            log_.take();
             continue;
         }
         EXPECT_EQ(signalTexts, "connected encrypted ");
-        EXPECT_TRUE(client.write(ZnString("from the client\n")));
-        ASSERT_TRUE(runUntil([&] { return peer.hasWritten("from the client\n"); })) << peer.output();
         peer.type("one\n");
         ASSERT_TRUE(runUntil([&] { return text == "one\n"; })) << text;
         peer.type(row.version == "-tls1_2" ? "r\n" : "K\n"); // the server asks for new keys
@@ -209,10 +204,8 @@ TEST_F(ZnSslSocketTest, VerifiesRealServers) {
         ASSERT_TRUE(runUntil([&] { return peer.hasWritten("to the end\n"); })) << peer.output();
         peer.type("Q\n"); // closes without an alert
         ASSERT_TRUE(runUntil([&] { return client.state() == SocketState::Unconnected; }));
-        EXPECT_EQ(signalTexts, "connected encrypted sslErrors [ZnSslSocket] OpenSSL read failed: SSL error c error -7 "
-                               "disconnected");
+        EXPECT_EQ(signalTexts, "connected encrypted OpenSSL read failed: SSL error c error -7 disconnected");
         EXPECT_EQ(log_.countOf("unexpected eof while reading"), 1);
-        log_.take();
     }
 }
 
@@ -345,19 +338,17 @@ TEST_F(ZnSslSocketTest, HandshakesThatDoNotFinishEnd) {
     EXPECT_TRUE(runUntil([&] { return server_.handshakeCount() == 0; }));
     EXPECT_EQ(log_.countOf("TLS handshake failed or socket closed before encryption"), 1110);
     EXPECT_TRUE(client_.isOpen());
-    for (const int peer : peers)
-        ::close(peer);
 
     server_.setMaxHandshakes(1);
-    const int first = connectToLoopback(server_.localPort());
-    const int second = connectToLoopback(server_.localPort());
+    peers.push_back(connectToLoopback(server_.localPort()));
+    peers.push_back(connectToLoopback(server_.localPort())); // above the limit
     char byte = 0;
-    EXPECT_TRUE(runUntil([&] { return ::recv(second, &byte, 1, MSG_DONTWAIT) == 0; })); // above the limit
+    EXPECT_TRUE(runUntil([&] { return ::recv(peers.back(), &byte, 1, MSG_DONTWAIT) == 0; }));
     EXPECT_EQ(server_.handshakeCount(), 1U);
     server_.abortHandshakes();
     EXPECT_EQ(server_.handshakeCount(), 0U);
-    ::close(first);
-    ::close(second);
+    for (const int peer : peers)
+        ::close(peer);
 }
 
 TEST_F(ZnSslSocketTest, CredentialsAreReloadedUnderConnections) {
@@ -365,11 +356,11 @@ TEST_F(ZnSslSocketTest, CredentialsAreReloadedUnderConnections) {
     EXPECT_EQ(log_.countOf("TLS credentials not configured"), 1);
     const ZnString certificate = files_.path("good.pem");
     const ZnString key = files_.path("good.key");
+    const ZnString missing = files_.path("missing");
     ASSERT_TRUE(server_.reloadLocalCredentials(ZnSslServer::makeLocalCredentials_(" " + certificate + "\n", key)));
     echo();
     ASSERT_TRUE(connectPair());
 
-    const ZnString missing = files_.path("missing");
     const std::pair<ZnSslLocalCredential, ZnString> failures[] = {
         {{"", " ", key, true}, "no certificate configured"},
         {{"", missing, key, true}, "Failed to load certificate: " + missing},

@@ -2,13 +2,14 @@
 
 #include "core/io/TlsPeers.h"
 
-#include <algorithm>
+#include <memory>
 #include <openssl/pem.h>
 #include <sys/stat.h>
 
 namespace {
 
 using Context = std::shared_ptr<const ZnSslContextHandle_>;
+using Certificate = std::unique_ptr<X509, decltype(&X509_free)>;
 
 /// Each test begins with no authorities but those it places, in a current directory of its own.
 class ZnSslTrustTest : public ::testing::Test {
@@ -43,13 +44,11 @@ protected:
     }
     /// Whether the certificate `name` passes with the context's authorities.
     bool trusts(const Context& context, const std::string& name) {
-        X509* certificate = read_(name);
-        X509_STORE_CTX* check = X509_STORE_CTX_new();
-        X509_STORE_CTX_init(check, SSL_CTX_get_cert_store(context->get()), certificate, nullptr);
-        const bool isTrusted = X509_verify_cert(check) == 1;
-        X509_STORE_CTX_free(check);
-        X509_free(certificate);
-        return isTrusted;
+        const Certificate certificate = read_(name);
+        const std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> check(X509_STORE_CTX_new(),
+                                                                                   &X509_STORE_CTX_free);
+        X509_STORE_CTX_init(check.get(), SSL_CTX_get_cert_store(context->get()), certificate.get(), nullptr);
+        return X509_verify_cert(check.get()) == 1;
     }
     /// Puts an authority at `path`, or in the place of the one that is there: the same file with other bytes.
     void place(const std::string& path, const char* authority = "ca.pem") {
@@ -57,17 +56,13 @@ protected:
     }
     /// The name under which the authority of the tests is looked for in a directory.
     std::string hashedName() {
-        X509* certificate = read_("ca.pem");
         char name[16];
-        std::snprintf(name, sizeof(name), "%08lx.0", X509_subject_name_hash(certificate));
-        X509_free(certificate);
+        std::snprintf(name, sizeof(name), "%08lx.0", X509_subject_name_hash(read_("ca.pem").get()));
         return name;
     }
-    X509* read_(const std::string& name) {
-        BIO* file = BIO_new_file(files_.path(name).data(), "r");
-        X509* certificate = PEM_read_bio_X509(file, nullptr, nullptr, nullptr);
-        BIO_free(file);
-        return certificate;
+    Certificate read_(const std::string& name) {
+        const std::unique_ptr<BIO, decltype(&BIO_free)> file(BIO_new_file(files_.path(name).data(), "r"), &BIO_free);
+        return {PEM_read_bio_X509(file.get(), nullptr, nullptr, nullptr), &X509_free};
     }
 
     const TlsFiles& files_ = TlsFiles::instance();

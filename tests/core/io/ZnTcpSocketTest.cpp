@@ -1,7 +1,6 @@
 #include "core/io/ZnTcpServer.h"
 #include "core/io/ZnTcpSocket.h"
 #include "core/platform/ZnResolver.h"
-#include "core/platform/ZnSocketError.h"
 #include "core/runtime/ZnEventLoop.h"
 #include "support/LogCapture.h"
 #include "support/LoopFixture.h"
@@ -110,20 +109,6 @@ TEST_F(ZnTcpSocketTest, AnswersReachAPeerThatHasClosedItsSideOnly) {
     });
     EXPECT_TRUE(runUntil([&] { return closed; }, 30000));
     EXPECT_TRUE(answer.get() == large.str());
-}
-
-TEST_F(ZnTcpSocketTest, RefusedConnectionsAndUnknownNamesAreErrors) {
-    int code = 0;
-    client_->connect(&ZnAbstractSocket::errorOccurred, [&](int error) { code = error; });
-    const unsigned short port = server_.localPort();
-    server_.close();
-    client_->connectToHost("127.0.0.1", port);
-    ASSERT_TRUE(runUntil([&] { return code != 0; }));
-    EXPECT_EQ(code, ZnSocketError::kConnectionRefused);
-    EXPECT_EQ(client_->state(), SocketState::Unconnected);
-    ZnResolver::setLookupForTests([](const ZnString&) { return ZnResolver::Result{}; });
-    runOnFiber([&] { EXPECT_FALSE(client_->connectToHost("unknown.test", 80)); });
-    EXPECT_EQ(code, ZnSocketError::kHostNotFound);
 }
 
 TEST_F(ZnTcpSocketTest, NamesAreResolvedWhileTheLoopGoesOnAndACloseEndsTheWait) {

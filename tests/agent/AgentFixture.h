@@ -27,6 +27,7 @@ protected:
 
     void SetUp() override {
         Peer::setClock(agent_, [this] { return nowNs_; });
+        agent_.setMcpPath(" mcp// "); // means "/mcp"
         Peer::registerRoutes(agent_, routes_);
     }
 

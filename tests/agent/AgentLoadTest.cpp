@@ -8,7 +8,6 @@
 #include <cstring>
 #include <memory>
 #include <optional>
-#include <poll.h>
 #include <sys/resource.h>
 
 #if !defined(__has_feature)
@@ -27,8 +26,10 @@ constexpr bool kIsSanitized = false;
 /// One keep-alive connection; reads block for at most 20 seconds.
 class Client {
 public:
-    explicit Client(const std::string& port)
-        : fd_(connectToLoopback(static_cast<unsigned short>(std::stoi(port)))) {}
+    explicit Client(const std::string& port) : fd_(connectToLoopback(static_cast<unsigned short>(std::stoi(port)))) {
+        const timeval limit = {20, 0};
+        ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    }
     ~Client() { ::close(fd_); }
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
@@ -47,9 +48,8 @@ public:
     std::string answer() {
         std::string input;
         for (std::size_t wanted = 0; wanted == 0 || input.size() < wanted;) {
-            pollfd waitFor = {fd_, POLLIN, 0};
             char buffer[65536];
-            const ssize_t got = ::poll(&waitFor, 1, 20000) == 1 ? ::recv(fd_, buffer, sizeof(buffer), 0) : -1;
+            const ssize_t got = ::recv(fd_, buffer, sizeof(buffer), 0);
             if (got <= 0)
                 return {};
             input.append(buffer, static_cast<std::size_t>(got));
@@ -61,8 +61,8 @@ public:
         return input;
     }
     bool hasAnswer() const {
-        pollfd waitFor = {fd_, POLLIN, 0};
-        return ::poll(&waitFor, 1, 0) == 1;
+        char byte = 0;
+        return ::recv(fd_, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 1;
     }
 
 private:
@@ -109,9 +109,9 @@ protected:
     }
     /// Ends both programs; their exit codes also tell what the leak check found.
     void expectOrderlyEnd(int signalNumber = SIGTERM) {
-        EXPECT_EQ(agent_->exitCodeAfter(signalNumber), 0);
+        EXPECT_EQ(agent_->exitCode(signalNumber), 0);
         EXPECT_EQ(agent_->restOfOutput(), "");
-        EXPECT_EQ(service_->exitCodeAfter(signalNumber), 0);
+        EXPECT_EQ(service_->exitCode(signalNumber), 0);
     }
 
     std::size_t descriptorLimit_ = 0;
@@ -127,24 +127,19 @@ TEST_F(AgentLoad, CallsBeyondTheBoundAreRefusedAndTheAgentStaysResponsive) {
     for (const auto& client : clients)
         client->post(slowCall(4000), session_);
     // Refusals come at once, and pings are answered, while the calls within the bound are still waiting.
-    std::size_t refused = 0;
-    for (int round = 0; round < 100 && refused < 300; ++round) {
+    std::vector<std::unique_ptr<Client>> refused;
+    for (int round = 0; round < 100 && refused.size() < 300; ++round) {
         EXPECT_TRUE(pingWorks());
-        refused = 0;
-        for (const auto& client : clients)
-            refused += client->hasAnswer() ? 1 : 0;
-        ::poll(nullptr, 0, 20);
+        for (auto& client : clients) {
+            if (client->hasAnswer())
+                refused.push_back(std::exchange(client, nullptr));
+        }
+        std::erase(clients, nullptr);
+        ::usleep(20000);
     }
-    std::size_t served = 0;
-    std::size_t tooMany = 0;
-    for (const auto& client : clients) {
-        const std::string answer = client->answer();
-        served += holds(answer, "\"transportOk\": true") ? 1 : 0;
-        tooMany += holds(answer, R"("structuredContent": {"error": "Too many bridge calls in flight","statusCode": 503})") ? 1 : 0;
-    }
-    EXPECT_EQ(refused, 300U);
-    EXPECT_EQ(served, 400U);
-    EXPECT_EQ(tooMany, 300U);
+    EXPECT_EQ(clients.size(), 400U);
+    EXPECT_EQ(countAnswers(refused, R"(: {"error": "Too many bridge calls in flight","statusCode": 503})"), 300U);
+    EXPECT_EQ(countAnswers(clients, "\"transportOk\": true"), 400U);
     EXPECT_TRUE(holds(clients[0]->call(slowCall(0), session_), "\"transportOk\": true"));
     expectOrderlyEnd();
 }
@@ -203,30 +198,6 @@ TEST_P(AgentStop, EndsParkedCallsFirst) {
     EXPECT_TRUE(pingWorks());
     expectOrderlyEnd(GetParam());
     EXPECT_EQ(countAnswers(parked, "\"errorCode\": -1002"), parked.size());
-}
-
-TEST(AgentSecrets, StayOutOfEveryAnswerAndLogLine) {
-    const TemporaryDirectory directory;
-    const ZnString services = directory.file(
-        "services.json", R"({"services":[{"id":"s","bearerToken":"hush-upstream","endpoint":"http://127.0.0.1:1/"}]})");
-    const std::string port = freePort();
-    ::setenv("ZN_LOGGING_RULES", "*.all=true", 1);
-    TestProgram agent(BRELT_AGENT_PROGRAM,
-                      {"--port=" + port, "--services_file=" + services.str(), "--mcp_token=hush-client"});
-    ::unsetenv("ZN_LOGGING_RULES");
-    std::string seen = agent.readLine();
-    Client client(port);
-    const std::string authorization = "authorization: Bearer hush-client\r\n";
-    seen += client.call(kInitialize, "", authorization);
-    const std::string session = sessionOf(seen);
-    for (const char* tool : {"bridge.list_services", "bridge.get_service", "bridge.rpc"})
-        seen += client.call(toolCall(tool, R"({"serviceId":"s","request":{}})"), session, authorization);
-    EXPECT_TRUE(holds(seen, "\"errorCode\": 10061"));
-    seen += client.call(kPing, session, "authorization: Bearer hush-wrong\r\n");
-    EXPECT_TRUE(holds(seen, "401"));
-    EXPECT_EQ(agent.exitCodeAfter(SIGTERM), 0);
-    seen += agent.restOfOutput();
-    EXPECT_FALSE(holds(seen, "hush")) << seen;
 }
 
 } // namespace

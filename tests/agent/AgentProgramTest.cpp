@@ -14,7 +14,7 @@ TEST(AgentProgram, LinesAndExitCodes) {
         {"raw values are shown",
          {"--port=" + port, "--bind=", "--mcp_path", "mcp/", "--services_file=", "--duration_ms=1"},
          "[McpBridge] listening on :" + port + " path mcp/", 0},
-        {"one TLS path alone means none", {"--tls_cert_path=a.pem", "--port", port, "--services_file=", "--duration_ms=1"},
+        {"one TLS path means none", {"--tls_cert_path=a.pem", "--port", port, "--services_file=", "--duration_ms=1"},
          "[McpBridge] listening on 127.0.0.1:" + port + " path /mcp", 0},
         {"help", {"--port=1", "--help", "bind"}, "Usage: brelt-mcp-bridge-agent [--option=value]...", 0},
         {"version", {"--version=1"}, "brelt-mcp-bridge-agent 0.1.0", 0},
@@ -38,45 +38,65 @@ TEST(AgentProgram, LinesAndExitCodes) {
     ::close(taken);
 }
 
-TEST(AgentProgram, SpeaksTlsWithCurlAndWithServices) {
+TEST(AgentProgram, SpeaksTlsWithCurlAndWithServicesAndKeepsItsSecrets) {
     const TlsFiles& files = TlsFiles::instance();
     const std::string authority = files.path("ca.pem").str();
-    const auto tls = [&](const std::string& name, const std::string& port, const std::string& more) {
+    const auto tls = [&](const std::string& name, const std::string& port) {
         return std::vector<std::string>{"--port=" + port, "--tls_cert_path=" + files.path(name + ".pem").str(),
-                                        "--tls_key_path=" + files.path(name + ".key").str(), more};
+                                        "--tls_key_path=" + files.path(name + ".key").str()};
     };
     const std::string servicePort = freePort();
-    TestProgram service(ECHO_SERVICE_PROGRAM, tls("good", servicePort, ""));
+    TestProgram service(ECHO_SERVICE_PROGRAM, tls("good", servicePort));
     EXPECT_EQ(service.readLine(), "echo-service: listening on https://127.0.0.1:" + servicePort + "/mcp");
-    const auto entry = [&](const std::string& id, const std::string& caFile) {
-        return R"({"id":")" + id + R"(","endpoint":"https://localhost:)" + servicePort + R"(/mcp","tlsCaFile":")" + caFile + "\"}";
+    const auto entry = [](const std::string& id, const std::string& url, const std::string& caFile) {
+        return R"({"id":")" + id + R"(","endpoint":")" + url + R"(","tlsCaFile":")" + caFile +
+               R"(","bearerToken":"hush-upstream"})";
     };
+    const std::string url = "https://localhost:" + servicePort + "/mcp";
     const TemporaryDirectory directory;
     const ZnString services = directory.file(
-        "services.json", R"({"services":[)" + entry("own", authority) + "," +
-                             entry("wrong", files.path("otherca.pem").str()) + "," + entry("found", "") + "]}");
+        "services.json", R"({"services":[)" + entry("own", url, authority) + "," + entry("found", url, "") + "," +
+                             entry("wrong", url, files.path("otherca.pem").str()) + "," +
+                             entry("refused", "http://127.0.0.1:1/", "") + "]}");
     const std::string port = freePort();
+    std::vector<std::string> options = tls("second", port);
+    options.insert(options.end(), {"--services_file=" + services.str(), "--mcp_token=hush-client"});
     ::setenv("ZN_SSL_CA_FILE", authority.c_str(), 1);
-    TestProgram agent(BRELT_AGENT_PROGRAM, tls("second", port, "--services_file=" + services.str()));
+    ::setenv("ZN_LOGGING_RULES", "*.all=true", 1);
+    TestProgram agent(BRELT_AGENT_PROGRAM, options);
     ::unsetenv("ZN_SSL_CA_FILE");
-    EXPECT_EQ(agent.readLine(), "[McpBridge] listening on 127.0.0.1:" + port + " path /mcp");
+    ::unsetenv("ZN_LOGGING_RULES");
+    std::string seen;
+    const std::string ready = "[McpBridge] listening on 127.0.0.1:" + port + " path /mcp";
+    for (std::string line = ready; !line.empty() && !holds(seen, ready); seen += line) // in between are log lines
+        line = agent.readLine();
 
     std::string session;
-    const auto curl = [&](const std::string& version, const std::string& message) {
-        TestProgram program("curl", {"-s", "-i", "--tls-max", version, "--cacert", authority, "-H",
-                                     "mcp-session-id: " + session, "-d", message, "https://localhost:" + port + "/mcp"});
+    const auto curl = [&](const std::string& version, const std::string& token, const std::string& message) {
+        TestProgram program("curl", {"-s", "-i", "--tls-max", version, "--cacert", authority, "-d", message, "-H",
+                                     "mcp-session-id: " + session, "-H", "authorization: Bearer " + token,
+                                     "https://localhost:" + port + "/mcp"});
         const std::string answer = program.restOfOutput();
         EXPECT_EQ(program.exitCode(), 0);
+        seen += answer;
         return answer;
     };
-    session = sessionOf(curl("1.3", kInitialize));
-    struct Row { const char* version; const char* service; const char* part; };
-    for (const Row& row : {Row{"1.3", "own", R"("transportOk": true)"}, {"1.2", "found", R"("transportOk": true)"},
-                           {"1.3", "wrong", R"("errorCode": -2146893048)"}})
-        EXPECT_TRUE(holds(curl(row.version, bridgeCall(row.service, kPing)), row.part)) << row.service;
-    EXPECT_EQ(agent.exitCodeAfter(SIGTERM), 0);
-    EXPECT_TRUE(holds(agent.restOfOutput(), "verify=20 (unable to get local issuer certificate)"));
-    EXPECT_EQ(service.exitCodeAfter(SIGTERM), 0);
+    session = sessionOf(curl("1.3", "hush-client", kInitialize));
+    struct Row { const char* version; std::string message; const char* part; };
+    for (const Row& row : {Row{"1.3", bridgeCall("own", kPing), R"("transportOk": true)"},
+                           {"1.2", bridgeCall("found", kPing), R"("transportOk": true)"},
+                           {"1.3", bridgeCall("wrong"), R"("errorCode": -2146893048)"},
+                           {"1.3", bridgeCall("refused"), R"("errorCode": 10061)"},
+                           {"1.3", toolCall("bridge.list_services", "{}"), R"("hasBearerToken": true)"},
+                           {"1.3", toolCall("bridge.get_service", R"({"serviceId":"own"})"), R"("hasBearerToken")"}})
+        EXPECT_TRUE(holds(curl(row.version, "hush-client", row.message), row.part)) << row.message;
+    EXPECT_TRUE(holds(curl("1.3", "hush-wrong", kPing), "401"));
+    agent.signal(SIGTERM);
+    seen += agent.restOfOutput();
+    EXPECT_TRUE(holds(seen, "verify=20 (unable to get local issuer certificate)"));
+    EXPECT_FALSE(holds(seen, "hush")) << seen;
+    EXPECT_EQ(agent.exitCode(), 0);
+    EXPECT_EQ(service.exitCode(SIGTERM), 0);
 }
 
 } // namespace

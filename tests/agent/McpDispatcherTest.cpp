@@ -118,20 +118,12 @@ TEST_F(McpDispatcherTest, ASessionInUseNeverMakesRoom) {
     EXPECT_EQ(post(kPing, first).status, 200);
 }
 
-TEST_F(McpDispatcherTest, ToolsList) {
-    const std::string serviceId = R"("serviceId": {"description": "Configured service id.","type": "string"})";
-    EXPECT_EQ(
-        bodyOf(post(rpcMessage("tools/list", "{}"), newSession())),
-        R"({"id": 1,"jsonrpc": "2.0","result": {"tools": [{"description": "List MCP services explicitly configured in this )"
-        R"(local bridge allowlist.","inputSchema": {"properties": {},"type": "object"},"name": "bridge.list_services",)"
-        R"("title": "List private MCP services"},{"description": "Return one configured MCP service without leaking its )"
-        R"(bearer token.","inputSchema": {"properties": {)" + serviceId + R"(},"required": ["serviceId"],"type": "object"},)"
-        R"("name": "bridge.get_service","title": "Get private MCP service"},{"description": "Forward one JSON-RPC request )"
-        R"(to a configured private Streamable HTTP MCP service.","inputSchema": {"properties": {"protocolVersion": )"
-        R"({"description": "Optional MCP protocol version header.","type": "string"},"request": {"additionalProperties": )"
-        R"(true,"description": "Single JSON-RPC MCP request to forward.","type": "object"},)" + serviceId +
-        R"(,"sessionId": {"description": "Optional upstream MCP session id.","type": "string"}},"required": )"
-        R"(["serviceId","request"],"type": "object"},"name": "bridge.rpc","title": "Call private MCP service"}]}})");
+TEST_F(McpDispatcherTest, ToolsListNamesTheToolsAndWhatTheyRequire) {
+    const std::string list = bodyOf(post(rpcMessage("tools/list", "{}"), newSession()));
+    for (const char* part : {R"("inputSchema": {"properties": {},"type": "object"},"name": "bridge.list_services")",
+                             R"("required": ["serviceId"],"type": "object"},"name": "bridge.get_service")",
+                             R"("required": ["serviceId","request"],"type": "object"},"name": "bridge.rpc")"})
+        EXPECT_TRUE(holds(list, part)) << list;
 }
 
 } // namespace

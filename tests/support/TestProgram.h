@@ -72,12 +72,9 @@ public:
         ::waitpid(pid_, nullptr, WUNTRACED);
     }
     void resume() { signal(SIGCONT); }
-    /// Waits for its end, which the signal asks for.
-    int exitCodeAfter(int signalNumber) {
+    /// Waits for its end, which the signal asks for if there is one.
+    int exitCode(int signalNumber = 0) {
         signal(signalNumber);
-        return exitCode();
-    }
-    int exitCode() {
         int status = 0;
         ::waitpid(std::exchange(pid_, -1), &status, 0);
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;

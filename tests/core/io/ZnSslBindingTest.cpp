@@ -93,7 +93,7 @@ TEST_F(ZnSslBindingTest, TheOtherLibraryMayBeTheOldOne) {
 }
 
 TEST_F(ZnSslBindingTest, WhatIsMissingOrFailsIsNamed) {
-    for (const char* name : {"TLS_client_method", "SSL_CTX_new", "SSL_new", "SSL_set_fd", "SSL_read", "SSL_do_handshake",
+    for (const char* name : {"TLS_client_method", "SSL_CTX_new", "SSL_new", "SSL_set_fd", "SSL_do_handshake", "SSL_read",
                              "SSL_write", "SSL_get_error", "SSL_shutdown"}) {
         place("libssl.so.3", {name});
         EXPECT_EQ(probe("load"), "Missing required OpenSSL symbols") << name;

@@ -213,12 +213,16 @@ TEST_F(ZnSslSocketTest, MovesMegabytesBothWaysAtOnce) {
     ASSERT_TRUE(connectPair());
     const std::string up = pattern(16 * 1024 * 1024, 1);
     const std::string down = pattern(16 * 1024 * 1024 + 1, 2);
-    gather(*accepted_, &atServer_);
-    gather(client_, &atClient_);
     int finishedCount = 0;
     client_.connect(&ZnAbstractSocket::writeFinished, &client_, [&] { ++finishedCount; });
     EXPECT_TRUE(client_.write(ZnString(up)));
     EXPECT_TRUE(accepted_->writeGathered(ZnString(down.substr(0, 100)), ZnByteArray(down.substr(100))));
+    settle(200); // nobody reads
+    EXPECT_LE(accepted_->bytesReceived(), ZnTcpSocket::kReadBudgetBytes + 16384);
+    gather(*accepted_, &atServer_);
+    gather(client_, &atClient_);
+    atServer_ = accepted_->read(100).str(); // and the input goes on
+    atClient_ = client_.read(100).str();
     ASSERT_TRUE(runUntil([&] { return atServer_.size() == up.size() && atClient_.size() == down.size(); }, 60000));
     EXPECT_TRUE(atServer_ == up && atClient_ == down);
     EXPECT_EQ(finishedCount, 1);
@@ -290,16 +294,6 @@ TEST_F(ZnSslSocketTest, ReceiversMayWriteAndCloseAndTlsStays) {
     EXPECT_EQ(encryptedCount, 1);
 }
 
-TEST_F(ZnSslSocketTest, AReaderThatDoesNotReadStopsTheInput) {
-    ASSERT_TRUE(connectPair());
-    const std::string text = pattern(8 * 1024 * 1024, 4);
-    EXPECT_TRUE(client_.write(ZnString(text)));
-    settle(200);
-    EXPECT_LE(accepted_->bytesReceived(), ZnTcpSocket::kReadBudgetBytes + 16384);
-    ASSERT_TRUE(runUntil([&] { return (atServer_ += accepted_->read(100000).str()).size() == text.size(); }));
-    EXPECT_TRUE(atServer_ == text);
-}
-
 TEST_F(ZnSslSocketTest, OthersMayWriteWhileAReceiverIsParked) {
     ASSERT_TRUE(connectPair());
     ZnEventLoop wait;
@@ -364,7 +358,6 @@ TEST_F(ZnSslSocketTest, CredentialsAreReloadedUnderConnections) {
     const std::pair<ZnSslLocalCredential, ZnString> failures[] = {
         {{"", " ", key, true}, "no certificate configured"},
         {{"", missing, key, true}, "Failed to load certificate: " + missing},
-        {{"", certificate, missing, true}, "Failed to load private key: " + missing},
         {{"", certificate, files_.path("a.key"), true}, "Failed to load private key: "}};
     for (const auto& [unusable, errorText] : failures) {
         EXPECT_FALSE(server_.reloadLocalCredentials({unusable}));

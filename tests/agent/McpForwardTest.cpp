@@ -28,10 +28,10 @@ protected:
         ASSERT_TRUE(runUntil([&] { return application_.tryPostOnLane(task, 2); }));
     }
     std::string rpc(const std::string& arguments = kToService) {
-        std::string result;
-        beginRpc(arguments, [&](std::string text) { result = std::move(text); });
-        EXPECT_TRUE(runUntil([&] { return !result.empty(); }));
-        return result;
+        const auto result = std::make_shared<std::string>(); // the call may last longer in a test that fails
+        beginRpc(arguments, [result](std::string text) { *result = std::move(text); });
+        EXPECT_TRUE(runUntil([&] { return !result->empty(); }));
+        return *result;
     }
     static std::string failed(int code) {
         return R"(error: {"errorCode": )" + std::to_string(code) +

@@ -11,7 +11,6 @@
 #include <future>
 #include <openssl/ssl.h>
 #include <poll.h>
-#include <thread>
 
 namespace {
 

@@ -8,7 +8,6 @@
 
 #include <future>
 #include <memory>
-#include <thread>
 #include <unistd.h>
 
 namespace {

@@ -1,11 +1,11 @@
 #pragma once
 
 #include "agent/BreltMcpBridgeAgent.h"
+#include "agent/McpMessages.h"
 #include "core/io/ScriptedPeer.h"
 #include "support/LogCapture.h"
 #include "support/LoopFixture.h"
 
-#include <string>
 #include <utility>
 #include <vector>
 
@@ -17,8 +17,6 @@ struct BreltMcpBridgeAgentTestPeer {
     static void setClock(BreltMcpBridgeAgent& agent, std::function<long long()> clock) {
         agent.clock_ = std::move(clock);
     }
-    static void stopCalls(BreltMcpBridgeAgent& agent) { agent.calls_->stop(); }
-    static bool hasCalls(const BreltMcpBridgeAgent& agent) { return !agent.calls_->isEmpty(); }
 };
 
 /// An agent whose routes are called with values, without a socket, and a clock that stands still.
@@ -29,6 +27,7 @@ protected:
 
     void SetUp() override {
         Peer::setClock(agent_, [this] { return nowNs_; });
+        agent_.setMcpPath(" mcp// "); // means "/mcp"
         Peer::registerRoutes(agent_, routes_);
     }
 
@@ -49,26 +48,22 @@ protected:
     static std::string header(const ZnHttpResponse& response, const char* name) {
         return response.headers.value(name, "absent").str();
     }
-    std::string newSession() {
-        return header(call("POST", "/mcp", {},
-                           R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18"}})"),
-                      "mcp-session-id");
+    ZnHttpResponse post(const std::string& body, const std::string& session = {}) {
+        return call("POST", "/mcp", session.empty() ? Headers() : Headers{{"mcp-session-id", session}}, body);
     }
+    std::string newSession() { return header(post(kInitialize), "mcp-session-id"); }
     void setServices(const std::string& text) {
         ZnString error;
         EXPECT_TRUE(Peer::parseServices(agent_, ZnString(text), &error)) << error;
     }
     /// The result of one tool, without what stands around it; "error: " in front when it is one.
     std::string callTool(const std::string& name, const std::string& arguments, const std::string& session) {
-        const std::string body =
-            bodyOf(call("POST", "/mcp", {{"mcp-session-id", session}},
-                        R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":")" + name +
-                            R"(","arguments":)" + arguments + "}}"));
+        const std::string body = bodyOf(post(toolCall(name, arguments), session));
         const std::string mark = "\"structuredContent\": ";
         const std::size_t at = body.find(mark);
         if (at == std::string::npos)
             return body;
-        const bool isError = body.find("\"isError\": true,\"structuredContent\"") != std::string::npos;
+        const bool isError = holds(body, "\"isError\": true,\"structuredContent\"");
         return (isError ? "error: " : "") + body.substr(at + mark.size(), body.size() - at - mark.size() - 2);
     }
 

@@ -8,50 +8,30 @@
 #include "support/LoopFixture.h"
 #include "support/Loopback.h"
 
+#include <future>
 #include <openssl/ssl.h>
 #include <poll.h>
-#include <thread>
 
 namespace {
 
-/// Passes one connection on to `port`, every byte by itself.
-class ByteProxy {
-public:
-    explicit ByteProxy(unsigned short port) : listener_(listenOnLoopback(&port_)) {
-        thread_ = std::thread([this, port] { run_(port); });
-    }
-    ~ByteProxy() {
-        ::shutdown(listener_, SHUT_RDWR);
-        thread_.join();
-        ::close(listener_);
-    }
-    unsigned short port() const { return port_; }
-
-private:
-    void run_(unsigned short port) {
-        const int client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (client < 0)
-            return;
-        const int on = 1;
-        ::setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-        const int server = connectToLoopback(port);
-        pollfd ends[2] = {{client, POLLIN, 0}, {server, POLLIN, 0}};
-        for (bool isOpen = true; isOpen && ::poll(ends, 2, 10000) > 0;) {
-            for (int i = 0; i < 2 && isOpen; ++i) {
-                char byte = 0;
-                if (ends[i].revents != 0)
-                    isOpen = ::recv(ends[i].fd, &byte, 1, 0) == 1 &&
-                             ::send(ends[1 - i].fd, &byte, 1, MSG_NOSIGNAL) == 1;
-            }
+/// Passes the next connection of `listener` on to `port`, every byte by itself.
+void passOnBytes(int listener, unsigned short port) {
+    pollfd ends[2] = {{listener, POLLIN, 0}, {-1, POLLIN, 0}};
+    EXPECT_EQ(::poll(ends, 1, 10000), 1);
+    ends[0].fd = ::accept(listener, nullptr, nullptr);
+    ends[1].fd = connectToLoopback(port);
+    const int on = 1;
+    ::setsockopt(ends[0].fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    for (bool isOpen = true; isOpen && ::poll(ends, 2, 10000) > 0;) {
+        for (int i = 0; i < 2 && isOpen; ++i) {
+            char byte = 0;
+            if (ends[i].revents != 0)
+                isOpen = ::recv(ends[i].fd, &byte, 1, 0) == 1 && ::send(ends[1 - i].fd, &byte, 1, MSG_NOSIGNAL) == 1;
         }
-        ::close(client);
-        ::close(server);
     }
-
-    unsigned short port_ = 0;
-    int listener_;
-    std::thread thread_;
-};
+    ::close(ends[0].fd);
+    ::close(ends[1].fd);
+}
 
 std::string pattern(std::size_t byteCount, unsigned seed) {
     std::string text(byteCount, '\0');
@@ -60,20 +40,21 @@ std::string pattern(std::size_t byteCount, unsigned seed) {
     return text;
 }
 
+/// A server with the certificate "good", which takes over what it accepts, and a client that trusts its authority.
 class ZnSslSocketTest : public LoopFixture {
 protected:
-    ZnSslSocketTest() { ticker_.start(2); }
-
-    ZnSslLocalCredential credential(const std::string& name, const ZnString& hostName = {}, bool isDefault = false) {
-        return {hostName, files_.path(name + ".pem"), files_.path(name + ".key"), isDefault};
-    }
-    void listen(const ZnList<ZnSslLocalCredential>& credentials) {
+    void SetUp() override {
+        ticker_.start(2);
+        client_.setCaFile(files_.path("ca.pem"));
         server_.connect(&ZnTcpServer::newConnection, &server_, [this] {
             accepted_ = server_.nextPendingConnection();
             accepted_->setParent(&server_);
         });
-        ASSERT_TRUE(server_.reloadLocalCredentials(credentials));
+        ASSERT_TRUE(server_.reloadLocalCredentials({credential("good")}));
         ASSERT_TRUE(server_.listen("127.0.0.1", 0));
+    }
+    ZnSslLocalCredential credential(const std::string& name, const ZnString& hostName = {}, bool isDefault = false) {
+        return {hostName, files_.path(name + ".pem"), files_.path(name + ".key"), isDefault};
     }
     /// Has the server send back what it reads.
     void echo() {
@@ -86,9 +67,8 @@ protected:
         return {"s_client", "-connect", "127.0.0.1:" + std::to_string(server_.localPort()), "-CAfile",
                 files_.path("ca.pem").str(), "-verify_return_error", version, more};
     }
-    /// A client that trusts the authority of the tests, and the server's socket.
     bool connectPair(unsigned short port = 0) {
-        client_.setCaFile(files_.path("ca.pem"));
+        accepted_ = nullptr;
         runOnFiber([&] { client_.connectToHostEncrypted("localhost", port == 0 ? server_.localPort() : port); });
         return runUntil([&] { return client_.isOpen() && accepted_ != nullptr; });
     }
@@ -99,29 +79,29 @@ protected:
                 *text += piece.str();
         });
     }
+    bool runUntilAcceptedIsClosed() {
+        return runUntil([&] { return accepted_->state() == SocketState::Unconnected; });
+    }
 
     ZnTimer ticker_; // conditions on other programs are no events of the loop
     LogCapture log_;
     const TlsFiles& files_ = TlsFiles::instance();
+    std::string atServer_;
+    std::string atClient_;
     ZnSslServer server_;
     ZnTcpSocket* accepted_ = nullptr;
     ZnSslSocket client_;
 };
 
 TEST_F(ZnSslSocketTest, ServesRealClients) {
-    listen({credential("good"), credential("second", "Second.TEST. "), credential("a", "a.test")});
+    ASSERT_TRUE(server_.reloadLocalCredentials(
+        {credential("good"), credential("second", "Second.TEST. "), credential("a", "a.test")}));
     echo();
-    struct Row {
-        const char* version;
-        const char* serverName;
-        const char* subject;
-        const char* command; // a key update, or a renegotiation, which a server refuses
-    };
-    const Row rows[] = {
-        {"-tls1_2", "-noservername", "CN = good\n", "R\n"}, {"-tls1_3", "-noservername", "CN = good\n", "K\n"},
-        {"-tls1_3", "a.test", "CN = a\n", "k\n"},           {"-tls1_2", "A.test", "CN = a\n", nullptr},
-        {"-tls1_3", "second.test.", "CN = second\n", "K\n"}, {"-tls1_3", "other.test", "CN = good\n", nullptr},
-    };
+    // The command is a key update, or a renegotiation, which a server refuses.
+    struct Row { const char* version; const char* serverName; const char* subject; std::string command; };
+    const Row rows[] = {{"-tls1_2", "-noservername", "CN = good\n", "R\n"}, {"-tls1_3", "a.test", "CN = a\n", "k\n"},
+                        {"-tls1_2", "A.test", "CN = a\n", ""}, {"-tls1_3", "second.test.", "CN = second\n", "K\n"},
+                        {"-tls1_3", "other.test", "CN = good\n", ""}};
     for (const Row& row : rows) {
         SCOPED_TRACE(std::string(row.version) + " " + row.serverName);
         std::vector<std::string> arguments = clientArguments(row.version, row.serverName);
@@ -132,45 +112,42 @@ TEST_F(ZnSslSocketTest, ServesRealClients) {
         ASSERT_TRUE(runUntil([&] { return client.hasWritten("\nhello\n"); })) << client.output();
         EXPECT_TRUE(client.hasWritten("Verify return code: 0 (ok)") || client.hasWritten("Verification: OK"));
         EXPECT_TRUE(client.hasWritten(std::string("subject=") + row.subject)) << client.output();
-        const bool isRefused = row.command != nullptr && row.command[0] == 'R'; // the client then gives up
-        if (row.command != nullptr)
-            client.type(row.command);
-        if (row.command != nullptr && !isRefused) {
+        const bool isRefused = row.command == "R\n"; // the client then gives up
+        client.type(row.command);
+        if (!row.command.empty() && !isRefused) {
             ASSERT_TRUE(runUntil([&] { return client.hasWritten("KEYUPDATE\n"); })) << client.output();
             client.type("again\n");
             ASSERT_TRUE(runUntil([&] { return client.hasWritten("\nagain\n"); })) << client.output();
         }
         if (!isRefused)
             client.type("Q\n"); // with a close alert, which is no failure
-        ASSERT_TRUE(runUntil([&] { return accepted_->state() == SocketState::Unconnected; }));
+        ASSERT_TRUE(runUntilAcceptedIsClosed());
         EXPECT_EQ(log_.take().size(), isRefused ? 1U : 0U);
     }
     EXPECT_EQ(server_.handshakeCount(), 0U);
 }
 
 TEST_F(ZnSslSocketTest, AFloodOfKeyUpdatesStopsNobody) {
-    listen({credential("good")});
     const int descriptor = connectToLoopback(server_.localPort());
     SSL_CTX* context = SSL_CTX_new(TLS_client_method());
     SSL* ssl = SSL_new(context);
     SSL_set_fd(ssl, descriptor);
-    std::thread handshake([&] { EXPECT_EQ(SSL_connect(ssl), 1); });
-    EXPECT_TRUE(runUntil([&] { return accepted_ != nullptr; }));
-    handshake.join();
+    const auto handshake = std::async(std::launch::async, [&] { EXPECT_EQ(SSL_connect(ssl), 1); });
+    ASSERT_TRUE(runUntil([&] { return accepted_ != nullptr; }));
+    handshake.wait();
     for (int i = 0; i < 4000; ++i) // they wait in the system's buffers: the loop does not run meanwhile
         ASSERT_TRUE(SSL_key_update(ssl, SSL_KEY_UPDATE_NOT_REQUESTED) == 1 && SSL_do_handshake(ssl) == 1);
     EXPECT_EQ(SSL_write(ssl, "hello", 5), 5);
 
-    std::string text;
-    gather(*accepted_, &text);
+    gather(*accepted_, &atServer_);
     int passCount = 0;
     std::function<void()> pass = [&] {
         ++passCount;
-        if (text.empty())
+        if (atServer_.empty())
             ZnTimer::singleShot(0, pass);
     };
     pass();
-    EXPECT_TRUE(runUntil([&] { return text == "hello"; }));
+    EXPECT_TRUE(runUntil([&] { return atServer_ == "hello"; }));
     EXPECT_GT(passCount, 4);
     SSL_free(ssl);
     SSL_CTX_free(context);
@@ -178,36 +155,29 @@ TEST_F(ZnSslSocketTest, AFloodOfKeyUpdatesStopsNobody) {
 }
 
 TEST_F(ZnSslSocketTest, VerifiesRealServers) {
-    struct Row {
-        const char* certificate;
-        const char* version;
-        const char* host;
-        const char* logText; // null: the connection works
-    };
-    const Row rows[] = {
-        {"good", "-tls1_3", "localhost", nullptr},
+    struct Row { std::string certificate; std::string version; const char* host; const char* logText; };
+    const Row rows[] = { // null: the connection works
         {"good", "-tls1_2", "localhost", nullptr},
         {"good", "-tls1_3", "127.0.0.1", nullptr},
         {"good", "-tls1_3", "other.test", "verify=62 (hostname mismatch) openssl="},
         {"a", "-tls1_2", "localhost", "verify=62 (hostname mismatch) openssl="},
         {"expired", "-tls1_3", "localhost", "verify=10 (certificate has expired) openssl="},
         {"selfsigned", "-tls1_3", "localhost", "verify=18 (self-signed certificate) openssl="},
-        {"wrongca", "-tls1_2", "localhost", "verify=20 (unable to get local issuer certificate) openssl="},
-    };
+        {"wrongca", "-tls1_2", "localhost", "verify=20 (unable to get local issuer certificate) openssl="}};
     for (const Row& row : rows) {
-        SCOPED_TRACE(std::string(row.certificate) + " " + row.version + " " + row.host);
+        SCOPED_TRACE(row.certificate + " " + row.version + " " + row.host);
+        log_.take();
         OpensslProgram peer({"s_server", "-4", "-accept", "0", row.version, "-cert",
-                             files_.path(std::string(row.certificate) + ".pem").str(), "-key",
-                             files_.path(std::string(row.certificate) + ".key").str()});
+                             files_.path(row.certificate + ".pem").str(), "-key",
+                             files_.path(row.certificate + ".key").str()});
         const unsigned short port = peer.port();
-        ZnSslSocket client;
         std::string signalTexts;
         std::string text;
+        ZnSslSocket client; // last: its end may still tell something
         client.connect(&ZnAbstractSocket::connected, &client, [&] { signalTexts += "connected "; });
         client.connect(&ZnSslSocket::encrypted, &client, [&] { signalTexts += "encrypted "; });
-        client.connect(&ZnSslSocket::sslErrors, &client, [&](const ZnList<ZnString>& errors) {
-            signalTexts += "sslErrors " + errors.first().str().substr(0, 46);
-        });
+        client.connect(&ZnSslSocket::sslErrors, &client,
+                       [&](const ZnList<ZnString>& errors) { signalTexts += errors.first().str().substr(14, 32); });
         client.connect(&ZnAbstractSocket::errorOccurred, &client,
                        [&](int code) { signalTexts += " error " + std::to_string(code); });
         client.connect(&ZnAbstractSocket::disconnected, &client, [&] { signalTexts += " disconnected"; });
@@ -218,19 +188,14 @@ TEST_F(ZnSslSocketTest, VerifiesRealServers) {
         EXPECT_FALSE(client.write(ZnString("too early"))); // nothing is queued during the handshake
         ASSERT_TRUE(runUntil([&] { return client.isOpen() || client.state() == SocketState::Unconnected; }));
         if (row.logText != nullptr) {
-            EXPECT_EQ(signalTexts,
-                      "sslErrors [ZnSslSocket] OpenSSL handshake failed: SSL er error -2146893048 disconnected");
+            EXPECT_EQ(signalTexts, "OpenSSL handshake failed: SSL er error -2146893048 disconnected");
             EXPECT_EQ(log_.countOf(row.logText), 1);
-            log_.take();
             continue;
         }
         EXPECT_EQ(signalTexts, "connected encrypted ");
-        const bool isOld = std::string(row.version) == "-tls1_2";
-        EXPECT_TRUE(client.write(ZnString("from the client\n")));
-        ASSERT_TRUE(runUntil([&] { return peer.hasWritten("from the client\n"); })) << peer.output();
         peer.type("one\n");
         ASSERT_TRUE(runUntil([&] { return text == "one\n"; })) << text;
-        peer.type(isOld ? "r\n" : "K\n"); // the server asks for new keys
+        peer.type(row.version == "-tls1_2" ? "r\n" : "K\n"); // the server asks for new keys
         settle(50);
         peer.type("two\n");
         ASSERT_TRUE(runUntil([&] { return text == "one\ntwo\n"; })) << text;
@@ -238,53 +203,51 @@ TEST_F(ZnSslSocketTest, VerifiesRealServers) {
         ASSERT_TRUE(runUntil([&] { return peer.hasWritten("to the end\n"); })) << peer.output();
         peer.type("Q\n"); // closes without an alert
         ASSERT_TRUE(runUntil([&] { return client.state() == SocketState::Unconnected; }));
-        EXPECT_EQ(signalTexts, "connected encrypted sslErrors [ZnSslSocket] OpenSSL read failed: SSL error c error -7 "
-                               "disconnected");
+        EXPECT_EQ(signalTexts, "connected encrypted OpenSSL read failed: SSL error c error -7 disconnected");
         EXPECT_EQ(log_.countOf("unexpected eof while reading"), 1);
-        log_.take();
     }
 }
 
 TEST_F(ZnSslSocketTest, MovesMegabytesBothWaysAtOnce) {
-    listen({credential("good")});
     ASSERT_TRUE(connectPair());
     const std::string up = pattern(16 * 1024 * 1024, 1);
     const std::string down = pattern(16 * 1024 * 1024 + 1, 2);
-    std::string atServer;
-    std::string atClient;
-    gather(*accepted_, &atServer);
-    gather(client_, &atClient);
     int finishedCount = 0;
     client_.connect(&ZnAbstractSocket::writeFinished, &client_, [&] { ++finishedCount; });
     EXPECT_TRUE(client_.write(ZnString(up)));
     EXPECT_TRUE(accepted_->writeGathered(ZnString(down.substr(0, 100)), ZnByteArray(down.substr(100))));
-    ASSERT_TRUE(runUntil([&] { return atServer.size() == up.size() && atClient.size() == down.size(); }, 60000));
-    EXPECT_TRUE(atServer == up && atClient == down);
+    settle(200); // nobody reads
+    EXPECT_LE(accepted_->bytesReceived(), ZnTcpSocket::kReadBudgetBytes + 16384);
+    gather(*accepted_, &atServer_);
+    gather(client_, &atClient_);
+    atServer_ = accepted_->read(100).str(); // and the input goes on
+    atClient_ = client_.read(100).str();
+    ASSERT_TRUE(runUntil([&] { return atServer_.size() == up.size() && atClient_.size() == down.size(); }, 60000));
+    EXPECT_TRUE(atServer_ == up && atClient_ == down);
     EXPECT_EQ(finishedCount, 1);
     EXPECT_EQ(client_.bytesSent(), up.size());
     EXPECT_EQ(client_.bytesReceived(), down.size());
 }
 
 TEST_F(ZnSslSocketTest, EveryByteMayComeByItself) {
-    listen({credential("good")});
-    const ByteProxy proxy(server_.localPort());
-    ASSERT_TRUE(connectPair(proxy.port()));
-    std::string atServer;
-    std::string atClient;
-    gather(*accepted_, &atServer);
-    gather(client_, &atClient);
+    unsigned short port = 0;
+    const int listener = listenOnLoopback(&port);
+    const auto proxy = std::async(std::launch::async, [&] { passOnBytes(listener, server_.localPort()); });
+    ASSERT_TRUE(connectPair(port));
+    gather(*accepted_, &atServer_);
+    gather(client_, &atClient_);
     const std::string text = pattern(200, 3);
     for (const char c : text)
         EXPECT_TRUE(client_.write(ZnString(&c, 1)));
     EXPECT_TRUE(accepted_->write(ZnString(text)));
-    ASSERT_TRUE(runUntil([&] { return atServer.size() >= 200 && atClient.size() >= 200; }));
-    EXPECT_TRUE(atServer == text && atClient == text);
+    ASSERT_TRUE(runUntil([&] { return atServer_.size() >= 200 && atClient_.size() >= 200; }));
+    EXPECT_TRUE(atServer_ == text && atClient_ == text);
     client_.close();
-    EXPECT_TRUE(runUntil([&] { return accepted_->state() == SocketState::Unconnected; }));
+    EXPECT_TRUE(runUntilAcceptedIsClosed());
+    ::close(listener);
 }
 
 TEST_F(ZnSslSocketTest, TheLastReadClosesBehindACloseAlert) {
-    listen({credential("good")});
     ASSERT_TRUE(connectPair());
     int closedCount = 0;
     client_.connect(&ZnAbstractSocket::disconnected, &client_, [&] { ++closedCount; });
@@ -301,23 +264,20 @@ TEST_F(ZnSslSocketTest, TheLastReadClosesBehindACloseAlert) {
 }
 
 TEST_F(ZnSslSocketTest, BytesInFrontOfAnEndWithoutAlertAreDelivered) {
-    listen({credential("good")});
-    std::string text;
-    server_.connect(&ZnTcpServer::newConnection, &server_, [&] { gather(*accepted_, &text); });
+    server_.connect(&ZnTcpServer::newConnection, &server_, [&] { gather(*accepted_, &atServer_); });
     OpensslProgram client(clientArguments("-tls1_3"));
     ASSERT_TRUE(runUntil([&] { return accepted_ != nullptr; })) << client.output();
     settle(100);
     client.type("bye\n");
     ::usleep(100000); // the loop finds both at once
-    client.leave();
+    client.signal(SIGKILL);
     ::usleep(50000);
-    EXPECT_TRUE(runUntil([&] { return accepted_->state() == SocketState::Unconnected; }));
-    EXPECT_EQ(text, "bye\n");
+    EXPECT_TRUE(runUntilAcceptedIsClosed());
+    EXPECT_EQ(atServer_, "bye\n");
     EXPECT_EQ(log_.countOf("OpenSSL read failed"), 1);
 }
 
 TEST_F(ZnSslSocketTest, ReceiversMayWriteAndCloseAndTlsStays) {
-    listen({credential("good")});
     ASSERT_TRUE(connectPair());
     int writeCount = 0;
     client_.connect(&ZnAbstractSocket::writeFinished, &client_, [&] {
@@ -329,28 +289,11 @@ TEST_F(ZnSslSocketTest, ReceiversMayWriteAndCloseAndTlsStays) {
     int encryptedCount = 0;
     client_.connect(&ZnAbstractSocket::disconnected, &client_, [&] { client_.close(); });
     client_.connect(&ZnSslSocket::encrypted, &client_, [&] { ++encryptedCount; });
-    accepted_ = nullptr;
     ASSERT_TRUE(connectPair()); // closes the old connection, whose receiver closes again
     EXPECT_EQ(encryptedCount, 1);
 }
 
-TEST_F(ZnSslSocketTest, AReaderThatDoesNotReadStopsTheInput) {
-    listen({credential("good")});
-    ASSERT_TRUE(connectPair());
-    const std::string text = pattern(8 * 1024 * 1024, 4);
-    EXPECT_TRUE(client_.write(ZnString(text)));
-    settle(200);
-    EXPECT_LE(accepted_->bytesReceived(), ZnTcpSocket::kReadBudgetBytes + 16384);
-    std::string got;
-    ASSERT_TRUE(runUntil([&] {
-        got += accepted_->read(100000).str();
-        return got.size() == text.size();
-    }));
-    EXPECT_TRUE(got == text);
-}
-
 TEST_F(ZnSslSocketTest, OthersMayWriteWhileAReceiverIsParked) {
-    listen({credential("good")});
     ASSERT_TRUE(connectPair());
     ZnEventLoop wait;
     bool hasEnded = false;
@@ -359,12 +302,11 @@ TEST_F(ZnSslSocketTest, OthersMayWriteWhileAReceiverIsParked) {
         wait.exec();
         hasEnded = true;
     });
-    std::string echoed;
-    gather(client_, &echoed);
+    gather(client_, &atClient_);
     client_.write(ZnString("one"));
-    ASSERT_TRUE(runUntil([&] { return echoed == "one"; }));
+    ASSERT_TRUE(runUntil([&] { return atClient_ == "one"; }));
     accepted_->write(ZnString("two"));
-    ASSERT_TRUE(runUntil([&] { return echoed == "onetwo"; }));
+    ASSERT_TRUE(runUntil([&] { return atClient_ == "onetwo"; }));
     client_.close();
     settle();
     EXPECT_FALSE(hasEnded);
@@ -373,7 +315,6 @@ TEST_F(ZnSslSocketTest, OthersMayWriteWhileAReceiverIsParked) {
 }
 
 TEST_F(ZnSslSocketTest, HandshakesThatDoNotFinishEnd) {
-    listen({credential("good")});
     server_.setHandshakeTimeoutMs(3000);
     std::vector<int> peers;
     const char* openings[] = {"", "\x16\x03\x01", "GET / HTTP/1.1\r\n\r\n"}; // silent, half a record, no TLS
@@ -390,43 +331,36 @@ TEST_F(ZnSslSocketTest, HandshakesThatDoNotFinishEnd) {
     EXPECT_TRUE(runUntil([&] { return server_.handshakeCount() == 0; }));
     EXPECT_EQ(log_.countOf("TLS handshake failed or socket closed before encryption"), 1110);
     EXPECT_TRUE(client_.isOpen());
-    for (const int peer : peers)
-        ::close(peer);
 
     server_.setMaxHandshakes(1);
-    const int first = connectToLoopback(server_.localPort());
-    const int second = connectToLoopback(server_.localPort());
+    peers.push_back(connectToLoopback(server_.localPort()));
+    peers.push_back(connectToLoopback(server_.localPort())); // above the limit
     char byte = 0;
-    EXPECT_TRUE(runUntil([&] { return ::recv(second, &byte, 1, MSG_DONTWAIT) == 0; })); // above the limit
+    EXPECT_TRUE(runUntil([&] { return ::recv(peers.back(), &byte, 1, MSG_DONTWAIT) == 0; }));
     EXPECT_EQ(server_.handshakeCount(), 1U);
     server_.abortHandshakes();
     EXPECT_EQ(server_.handshakeCount(), 0U);
-    ::close(first);
-    ::close(second);
+    for (const int peer : peers)
+        ::close(peer);
 }
 
 TEST_F(ZnSslSocketTest, CredentialsAreReloadedUnderConnections) {
-    EXPECT_FALSE(server_.listen("127.0.0.1", 0));
+    EXPECT_FALSE(ZnSslServer().listen("127.0.0.1", 0));
     EXPECT_EQ(log_.countOf("TLS credentials not configured"), 1);
-    listen(ZnSslServer::makeLocalCredentials_(" " + files_.path("good.pem") + "\n", files_.path("good.key")));
+    const ZnString certificate = files_.path("good.pem");
+    const ZnString key = files_.path("good.key");
+    const ZnString missing = files_.path("missing");
+    ASSERT_TRUE(server_.reloadLocalCredentials(ZnSslServer::makeLocalCredentials_(" " + certificate + "\n", key)));
     echo();
     ASSERT_TRUE(connectPair());
 
-    struct Row {
-        ZnList<ZnSslLocalCredential> credentials;
-        ZnString errorText;
-    };
-    const ZnString missing = files_.path("missing");
-    const Row failures[] = {
-        {{}, "no certificate configured"},
-        {{{"", " ", files_.path("good.key"), true}}, "no certificate configured"},
-        {{{"", missing, files_.path("good.key"), true}}, "Failed to load certificate: " + missing},
-        {{{"", files_.path("good.pem"), missing, true}}, "Failed to load private key: " + missing},
-        {{{"", files_.path("good.pem"), files_.path("a.key"), true}}, "Failed to load private key: "},
-    };
-    for (const Row& row : failures) {
-        EXPECT_FALSE(server_.reloadLocalCredentials(row.credentials));
-        EXPECT_EQ(log_.countOf("TLS init failed: " + row.errorText.str()), 1) << row.errorText;
+    const std::pair<ZnSslLocalCredential, ZnString> failures[] = {
+        {{"", " ", key, true}, "no certificate configured"},
+        {{"", missing, key, true}, "Failed to load certificate: " + missing},
+        {{"", certificate, files_.path("a.key"), true}, "Failed to load private key: "}};
+    for (const auto& [unusable, errorText] : failures) {
+        EXPECT_FALSE(server_.reloadLocalCredentials({unusable}));
+        EXPECT_EQ(log_.countOf("TLS init failed: " + errorText.str()), 1) << errorText;
         log_.take();
     }
     EXPECT_TRUE(ZnSslServer::makeLocalCredentials_("a", " ").isEmpty());
@@ -434,10 +368,9 @@ TEST_F(ZnSslSocketTest, CredentialsAreReloadedUnderConnections) {
     ASSERT_TRUE(server_.reloadLocalCredentials({credential("good"), credential("a", {}, true), credential("second")}));
     OpensslProgram client(clientArguments("-tls1_3"));
     EXPECT_TRUE(runUntil([&] { return client.hasWritten("subject=CN = a\n"); })) << client.output();
-    std::string echoed;
-    gather(client_, &echoed);
+    gather(client_, &atClient_);
     client_.write(ZnString("old"));
-    EXPECT_TRUE(runUntil([&] { return echoed == "old"; }));
+    EXPECT_TRUE(runUntil([&] { return atClient_ == "old"; }));
 }
 
 } // namespace

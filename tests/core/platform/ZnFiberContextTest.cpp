@@ -16,30 +16,25 @@ constexpr std::size_t kStackBytes = 512 * 1024;
 /// A few contexts that take turns with the test's own.
 class Fibers {
 public:
-    explicit Fibers(std::size_t count) : stacks_(count, kStackBytes) {}
+    explicit Fibers(std::size_t count) : stacks_(count, kStackBytes), fibers_(count) {}
 
     void add(std::function<void()> body) {
-        auto fiber = std::make_unique<Fiber>();
-        fiber->owner = this;
-        fiber->body = std::move(body);
-        void* stack = stacks_.prepare(fibers_.size());
+        Fiber& fiber = fibers_[count_];
+        fiber.owner = this;
+        fiber.body = std::move(body);
+        void* stack = stacks_.prepare(count_++);
         ASSERT_NE(stack, nullptr);
-        fiber->context = std::make_unique<ZnFiberContext>(stack, stacks_.stackBytes(), &enter, fiber.get());
-        fibers_.push_back(std::move(fiber));
+        fiber.context = std::make_unique<ZnFiberContext>(stack, stacks_.stackBytes(), &enter, &fiber);
     }
     void resume(std::size_t index) {
         running_ = index;
-        main_.switchTo(*fibers_[index]->context);
+        main_.switchTo(*fibers_[index].context);
     }
     /// From inside a fiber.
-    void park() { fibers_[running_]->context->switchTo(main_); }
+    void park() { fibers_[running_].context->switchTo(main_); }
 
 private:
-    struct Fiber {
-        Fibers* owner = nullptr;
-        std::function<void()> body;
-        std::unique_ptr<ZnFiberContext> context;
-    };
+    struct Fiber { Fibers* owner = nullptr; std::function<void()> body; std::unique_ptr<ZnFiberContext> context; };
 
     static void enter(void* argument) {
         auto* fiber = static_cast<Fiber*>(argument);
@@ -50,7 +45,8 @@ private:
 
     ZnFiberStacks stacks_;
     ZnFiberContext main_;
-    std::vector<std::unique_ptr<Fiber>> fibers_;
+    std::vector<Fiber> fibers_;
+    std::size_t count_ = 0;
     std::size_t running_ = 0;
 };
 
@@ -107,14 +103,11 @@ __attribute__((noinline)) void burnStack(std::size_t frames) {
 
 TEST(ZnFiberContextDeathTest, OverflowHitsTheGuardPageAndNotTheNeighbour) {
     ::testing::FLAGS_gtest_death_test_style = "threadsafe";
-    EXPECT_DEATH(
-        {
-            Fibers fibers(2);
-            fibers.add([] {}); // the neighbour below
-            fibers.add([&] { burnStack(800); }); // would end in the neighbour
-            fibers.resume(1);
-        },
-        "");
+    Fibers fibers(2);
+    fibers.add([] { burnStack(100); }); // deep but legal; the neighbour below
+    fibers.resume(0);
+    fibers.add([&] { burnStack(800); }); // would end in the neighbour
+    EXPECT_DEATH(fibers.resume(1), "");
 }
 
 } // namespace

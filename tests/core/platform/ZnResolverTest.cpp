@@ -11,8 +11,8 @@ namespace {
 using namespace std::chrono_literals;
 
 TEST(ZnResolver, ADeadNameServerHoldsUpItsOwnNamesOnly) {
-    auto release = std::make_shared<std::promise<void>>();
-    const std::shared_future<void> released = release->get_future().share();
+    std::promise<void> release;
+    const std::shared_future<void> released = release.get_future().share();
     auto deadLookups = std::make_shared<std::atomic<int>>(0);
     ZnResolver::setLookupForTests([released, deadLookups](const ZnString& host) -> ZnResolver::Result {
         if (!host.startsWith("dead"))
@@ -31,7 +31,7 @@ TEST(ZnResolver, ADeadNameServerHoldsUpItsOwnNamesOnly) {
     EXPECT_EQ(liveAnswer.get(), 1U);
     EXPECT_LE(deadLookups->load(), 2); // equal names share one lookup
     EXPECT_EQ(deadAnswers->load(), 0);
-    release->set_value();
+    release.set_value();
     for (int i = 0; i < 1000 && deadAnswers->load() < 101; ++i)
         std::this_thread::sleep_for(10ms);
     EXPECT_EQ(deadAnswers->load(), 101);

@@ -14,11 +14,7 @@ protected:
     ZnFiberPoolTest() { pool_.setMainFiber(&main_); }
 
     void configure(int warm, int spillover) {
-        ZnFiberPool::Config config;
-        config.warmMinimum = warm;
-        config.warmMaximum = warm;
-        config.spilloverLimit = spillover;
-        pool_.configure(config);
+        pool_.configure({.warmMinimum = warm, .warmMaximum = warm, .spilloverLimit = spillover});
     }
     bool submit(int lane, ZnTask task) { return pool_.submit(task, lane); }
     void runAll() {
@@ -85,8 +81,7 @@ TEST_F(ZnFiberPoolTest, CapacityCountsQueuedAndParkedWork) {
     const auto submitPark = [&](int lane, int waitId) {
         return submit(lane, [this, waitId] { pool_.yieldCurrent(waitId); });
     };
-    EXPECT_TRUE(submitPark(2, -1));
-    EXPECT_TRUE(submitPark(2, -2));
+    EXPECT_TRUE(submitPark(2, -1) && submitPark(2, -2));
     EXPECT_FALSE(submitPark(2, -3));
     EXPECT_TRUE(submitPark(1, -4)); // spillover
     EXPECT_FALSE(submitPark(0, -5));
@@ -122,10 +117,8 @@ TEST_F(ZnFiberPoolTest, ExceptionsEndAtTheFiber) {
 
 TEST_F(ZnFiberPoolTest, ShutdownDestroysWhatNeverRan) {
     auto token = std::make_shared<int>(1);
-    submit(2, [token] {});
     submit(2, [this, token] { pool_.yieldCurrent(-1); });
-    pool_.runNextWorkItem();
-    pool_.runNextWorkItem();
+    runAll();
     submit(2, [token] {});
     pool_.shutdown();
     EXPECT_EQ(token.use_count(), 1);

@@ -14,11 +14,7 @@ constexpr auto kLong = std::chrono::seconds(30);
 
 class RunningThread final : public ZnThread {
 public:
-    RunningThread() : ZnThread("runner") {}
-    ~RunningThread() override {
-        quit();
-        wait();
-    }
+    using ZnThread::ZnThread;
     void run() override {
         EXPECT_TRUE(ZnCoreApplication::instance()->fiberPool().isOnFiber());
         ran.release();
@@ -28,15 +24,16 @@ public:
 
 TEST(ZnThread, SignalsSurroundItsRunAndItMayBeStartedAgain) {
     LogCapture log;
-    RunningThread thread;
+    RunningThread thread("runner");
     std::vector<int> order;
-    thread.connect(&ZnThread::started, [&] { order.push_back(ZnCoreApplication::instance() != nullptr ? 1 : -1); });
-    thread.connect(&ZnThread::finished, [&] { order.push_back(ZnCoreApplication::instance() == nullptr ? 3 : -3); });
+    const auto hasLoop = [] { return ZnCoreApplication::instance() != nullptr; };
+    thread.connect(&ZnThread::started, [&] { order.push_back(hasLoop() ? 1 : -1); });
+    thread.connect(&ZnThread::finished, [&] { order.push_back(hasLoop() ? -3 : 3); });
     for (int round = 0; round < 2; ++round) {
         ASSERT_TRUE(thread.start());
         ASSERT_TRUE(thread.ran.try_acquire_for(kLong));
         EXPECT_FALSE(thread.start());
-        std::counting_semaphore<> told{0};
+        std::binary_semaphore told{0};
         postToThread(&thread.handle(), [&] { EXPECT_TRUE(told.try_acquire_for(kLong)); });
         postToThread(&thread.handle(), [&] { order.push_back(2); }, ZnFiberPool::kFirstLane); // also when it is to end
         thread.quit();
@@ -78,10 +75,10 @@ TEST(ZnThread, IsEndedByItsDestructorAlsoWhenSaturated) {
     ASSERT_TRUE(thread->start());
     postToThread(&thread->handle(), [&prepared, token] {
         ZnCoreApplication& application = *ZnCoreApplication::instance();
-        for (bool more = true; more;) {
-            ZnTask parked([&application, token] { application.fiberPool().yieldCurrent(nextFiberWaitId()); });
-            more = application.tryPostOnLane(parked, 0);
-        }
+        ZnTask parked;
+        do {
+            parked = ZnTask([&application, token] { application.fiberPool().yieldCurrent(nextFiberWaitId()); });
+        } while (application.tryPostOnLane(parked, 0));
         prepared.release();
     });
     ASSERT_TRUE(prepared.try_acquire_for(kLong));

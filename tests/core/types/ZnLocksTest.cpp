@@ -112,13 +112,12 @@ TEST(ZnReadWriteLock, UnlockKnowsItsSideForManyLocks) {
     for (int round = 0; round < 3; ++round) {
         for (std::size_t index = 0; index < locks.size(); index += 2) {
             locks[index].lockForWrite();
-            locks[index + 1].lockForRead();
-            locks[index + 1].lockForRead();
+            for (int reader = 0; reader < 2; ++reader)
+                locks[index + 1].lockForRead();
         }
-        for (std::size_t index = 0; index < locks.size(); index += 2) {
-            locks[index].unlock();
-            locks[index + 1].unlock();
-            locks[index + 1].unlock();
+        for (std::size_t index = 0; index < locks.size(); ++index) {
+            for (std::size_t count = 0; count <= index % 2; ++count)
+                locks[index].unlock();
         }
     }
     onThreads(1, [&] { // a side released wrongly would leave one of them taken

@@ -21,10 +21,10 @@ TEST(ZnResolver, ADeadNameServerHoldsUpItsOwnNamesOnly) {
         released.wait();
         return {};
     });
-    std::promise<std::size_t> live;
-    auto deadAnswers = std::make_shared<std::atomic<int>>(0);
+    const auto deadAnswers = std::make_shared<std::atomic<int>>(0);
     for (int i = 0; i < 101; ++i)
         ZnResolver::resolve(i == 0 ? "dead2.test" : "dead.test", [deadAnswers](const auto&) { ++*deadAnswers; });
+    std::promise<std::size_t> live;
     ZnResolver::resolve("live.test", [&live](const ZnResolver::Result& addresses) { live.set_value(addresses.size()); });
     auto liveAnswer = live.get_future();
     ASSERT_EQ(liveAnswer.wait_for(10s), std::future_status::ready);

@@ -7,7 +7,6 @@
 #include "support/LogCapture.h"
 #include "support/LoopFixture.h"
 
-#include <csignal>
 #include <thread>
 #include <vector>
 
@@ -145,15 +144,6 @@ TEST_F(ZnCoreApplicationTest, ATimerMayBeDeletedByItsOwnSlot) {
     timer->connect(&ZnTimer::timeout, [&] { delete timer.get(); });
     timer->start();
     EXPECT_TRUE(runUntil([&] { return !timer; }));
-}
-
-TEST_F(ZnCoreApplicationTest, AStopSignalReachesARunningCallbackAndEveryApplication) {
-    zn::atomic::Thread second("second");
-    ASSERT_TRUE(second.start());
-    application_.postEvent([] { ::raise(SIGTERM); });
-    EXPECT_EQ(application_.exec(), 0);
-    second.join();
-    EXPECT_FALSE(second.isRunning());
 }
 
 TEST_F(ZnCoreApplicationTest, PostsBeforeAThreadHasStartedRunWhenItDoes) {

@@ -2,6 +2,7 @@
 
 #include "support/LogCapture.h"
 
+#include <array>
 #include <gtest/gtest.h>
 #include <stdexcept>
 #include <thread>
@@ -117,9 +118,11 @@ TEST_F(ZnFiberPoolTest, ExceptionsEndAtTheFiber) {
 
 TEST_F(ZnFiberPoolTest, ShutdownDestroysWhatNeverRan) {
     auto token = std::make_shared<int>(1);
-    submit(2, [this, token] { pool_.yieldCurrent(-1); });
+    const std::array<char, 100> bulk{}; // more than a task holds inside
+    submit(2, [this, token, bulk] { pool_.yieldCurrent(-1 - bulk[0]); });
     runAll();
     submit(2, [token] {});
+    submit(2, [token, bulk] {});
     pool_.shutdown();
     EXPECT_EQ(token.use_count(), 1);
 }

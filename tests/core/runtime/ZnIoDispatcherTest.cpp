@@ -68,18 +68,6 @@ TEST_F(ZnIoDispatcherTest, UnwatchKeepsAQueuedCallbackFromRunning) {
     EXPECT_EQ(calls_, 0);
 }
 
-TEST_F(ZnIoDispatcherTest, ThousandsReadyAtOnceAreAllServedWithoutALine) {
-    LogCapture log;
-    constexpr int kHandles = 3000;
-    for (int i = 0; i < kHandles; ++i) {
-        const auto handle = std::make_shared<EventHandle>();
-        dispatcher_.watchHandle(handle, [&](unsigned) { ++calls_; });
-        handle->set();
-    }
-    EXPECT_TRUE(runUntil([&] { return calls_ == kHandles; }, 60000));
-    EXPECT_EQ(log.countOf(""), 0);
-}
-
 TEST_F(ZnIoDispatcherTest, ARefusedPostIsMadeAgainWhenThereIsRoom) {
     const unsigned long long id = dispatcher_.watchHandle(handle_, [&](unsigned) { ++calls_; });
     LogCapture log;

@@ -5,6 +5,7 @@
 #include "core/runtime/ZnEventLoop.h"
 #include "core/runtime/ZnTimer.h"
 #include "support/LogCapture.h"
+#include "support/OnThreads.h"
 
 #include <gtest/gtest.h>
 #include <semaphore>
@@ -306,18 +307,13 @@ TEST(ZnThreadPool, ManyShortTasksFromManyThreads) {
     pool.setMaxThreadCount(3);
     pool.setMaxQueuedTaskCount(64);
     pool.setExpiryTimeoutMs(0);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&] {
-            for (int n = 0; n < kTasks; ++n) {
-                ZnRunnable* next = new Counted(counts);
-                while (!pool.tryStart(next, n % 3))
-                    std::this_thread::yield();
-            }
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
+    onThreads(kThreads, [&](int) {
+        for (int n = 0; n < kTasks; ++n) {
+            ZnRunnable* next = new Counted(counts);
+            while (!pool.tryStart(next, n % 3))
+                std::this_thread::yield();
+        }
+    });
     EXPECT_TRUE(ends(pool));
     EXPECT_EQ(counts.ran, kThreads * kTasks);
     EXPECT_EQ(counts.deleted, kThreads * kTasks);

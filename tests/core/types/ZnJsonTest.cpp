@@ -2,7 +2,6 @@
 
 #include "support/LogCapture.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <bit>
@@ -10,7 +9,6 @@
 #include <cstring>
 #include <limits>
 #include <random>
-#include <stdexcept>
 #include <string>
 
 #include <sys/mman.h>
@@ -40,41 +38,30 @@ ZnJsonValue parsed(std::string_view text) {
 }
 
 TEST(ZnJson, FailuresNameReasonAndPlace) {
-    const std::pair<const char*, const char*> kRows[] = {
-        {"", R"(Unexpected end of JSON input (index 0) near "")"},
-        {"[,]", R"(Invalid JSON token (index 1) near "[,]")"},
-        {"[true,trux]", R"(Invalid boolean literal (index 10) near "[true,trux]")"},
-        {"nul", R"(Invalid literal, expected 'null' (index 3) near "nul")"},
-        {"{", R"(Unterminated JSON object (index 1) near "{")"},
-        {R"({"a":1)", R"(Unterminated JSON object (index 6) near "{"a":1")"},
-        {R"({"a":1,,})", R"(Expected string key in object (index 7) near "{"a":1,,}")"},
-        {R"({"a" 1})", R"(Expected ':' after object key (index 5) near "{"a" 1}")"},
-        {R"({"a")", R"(Expected ':' after object key (index 4) near "{"a"")"},
-        {R"({"a":1 "b"})", R"(Expected ',' or '}' in object (index 7) near "{"a":1 "b"}")"},
-        {"[", R"(Unterminated JSON array (index 1) near "[")"},
-        {"[1", R"(Unterminated JSON array (index 2) near "[1")"},
-        {"[1}", R"(Expected ',' or ']' in array (index 2) near "[1}")"},
-        {R"({"ab)", R"(Unterminated string literal (index 4) near "{"ab")"},
-        {"\"a\nb\"", "Unescaped control character in string (index 2) near \"\"a\nb\"\""},
-        {R"("ab\)", R"(Invalid escape sequence in string (index 4) near ""ab\")"},
-        {R"("\x")", R"(Invalid escape character in string (index 2) near ""\x"")"},
-        {R"("\u12")", R"(Incomplete Unicode escape sequence (index 3) near ""\u12"")"},
-        {R"("\u12g4")", R"(Invalid hex digit in Unicode escape (index 5) near ""\u12g4"")"},
-        {R"("\ud83d\n")", R"(Missing low surrogate after high surrogate (index 7) near ""\ud83d\n"")"},
-        {R"("\ud83d\u0041")", R"(Invalid low surrogate in Unicode escape (index 13) near ""\ud83d\u0041"")"},
-        {R"("\ude00")", R"(Unexpected low surrogate without leading high surrogate (index 7) near ""\ude00"")"},
-        {"-a", R"(Expected digit in number literal (index 1) near "-a")"},
-        {"-00", R"(Leading zeros are not allowed in JSON numbers (index 2) near "-00")"},
-        {"1.e5", R"(Expected digit after decimal point (index 2) near "1.e5")"},
-        {"1e+", R"(Expected digit in exponent (index 3) near "1e+")"},
-        {"[9223372036854775808]", R"(Invalid integer number (index 1) near "[9223372036854775808]")"},
-        {"-9223372036854775809", R"(Invalid integer number (index 0) near "-9223372036854775809")"},
-        {"[1e400]", R"(Invalid floating-point number (index 1) near "[1e400]")"},
-        {"1e-400", R"(Invalid floating-point number (index 0) near "1e-400")"}};
-    for (const auto& [text, reason] : kRows) {
+    struct Row { const char* text; int index; const char* reason; };
+    constexpr Row kRows[] = {
+        {"", 0, "Unexpected end of JSON input"}, {"[,]", 1, "Invalid JSON token"},
+        {"[true,trux]", 10, "Invalid boolean literal"}, {"nul", 3, "Invalid literal, expected 'null'"},
+        {"{", 1, "Unterminated JSON object"}, {R"({"a":1)", 6, "Unterminated JSON object"},
+        {"[", 1, "Unterminated JSON array"}, {"[1", 2, "Unterminated JSON array"},
+        {R"({"a":1,,})", 7, "Expected string key in object"}, {R"({"a" 1})", 5, "Expected ':' after object key"},
+        {R"({"a")", 4, "Expected ':' after object key"}, {R"({"a":1 "b"})", 7, "Expected ',' or '}' in object"},
+        {"[1}", 2, "Expected ',' or ']' in array"}, {R"({"ab)", 4, "Unterminated string literal"},
+        {"\"a\nb\"", 2, "Unescaped control character in string"}, {R"("ab\)", 4, "Invalid escape sequence in string"},
+        {R"("\x")", 2, "Invalid escape character in string"}, {R"("\u12")", 3, "Incomplete Unicode escape sequence"},
+        {R"("\u12g4")", 5, "Invalid hex digit in Unicode escape"},
+        {R"("\ud83d\n")", 7, "Missing low surrogate after high surrogate"},
+        {R"("\ud83d\u0041")", 13, "Invalid low surrogate in Unicode escape"},
+        {R"("\ude00")", 7, "Unexpected low surrogate without leading high surrogate"},
+        {"-a", 1, "Expected digit in number literal"}, {"-00", 2, "Leading zeros are not allowed in JSON numbers"},
+        {"1.e5", 2, "Expected digit after decimal point"}, {"1e+", 3, "Expected digit in exponent"},
+        {"[9223372036854775808]", 1, "Invalid integer number"}, {"-9223372036854775809", 0, "Invalid integer number"},
+        {"[1e400]", 1, "Invalid floating-point number"}, {"1e-400", 0, "Invalid floating-point number"}};
+    for (const Row& row : kRows) {
         ZnString error("stale");
-        EXPECT_TRUE(ZnJsonDocument::fromJson(text, &error).root().isNull());
-        EXPECT_EQ(error, reason);
+        EXPECT_TRUE(ZnJsonDocument::fromJson(row.text, &error).root().isNull());
+        const std::string place = " (index " + std::to_string(row.index) + ") near \"" + row.text + "\"";
+        EXPECT_EQ(error.str(), row.reason + place);
     }
 }
 
@@ -90,9 +77,8 @@ TEST(ZnJson, FailuresShowTwentyBytesOnEitherSide) {
 
 TEST(ZnJson, TextBehindTheValueLeavesItInPlace) {
     ZnString error;
-    const ZnJsonDocument document = ZnJsonDocument::fromJson("[1] x", &error);
+    EXPECT_EQ(ZnJsonDocument::fromJson("[1] x", &error).toJson(), "[1]");
     EXPECT_EQ(error, "Unexpected characters at the end of JSON.");
-    EXPECT_EQ(document.toJson(), "[1]");
 }
 
 TEST(ZnJson, ReadsAndRewrites) {
@@ -206,15 +192,8 @@ TEST(ZnJson, FindsSpecialBytesAtEveryOffset) {
 }
 
 TEST(ZnJson, IndentsByDepth) {
-    EXPECT_EQ(parsed(R"({"a":[1,{"b":[]}],"c":{}})").toJson(JsonFormat::Indented), R"({
-  "a": [
-    1,
-    {
-      "b": []
-    }
-  ],
-  "c": {}
-})");
+    EXPECT_EQ(parsed(R"({"a":[1,{"b":[]}],"c":{}})").toJson(JsonFormat::Indented),
+              "{\n  \"a\": [\n    1,\n    {\n      \"b\": []\n    }\n  ],\n  \"c\": {}\n}");
 }
 
 TEST(ZnJson, NumbersHaveTheCForms) {
@@ -294,16 +273,6 @@ TEST(ZnJson, ComparesTypeAndContent) {
     }
     EXPECT_NE(ZnJsonValue(1), ZnJsonValue(1.0));
     EXPECT_EQ(ZnJsonValue(1).toJson(), ZnJsonValue(1.0).toJson());
-}
-
-TEST(ZnJson, ContainersAnswerForMissingMembers) {
-    const ZnJsonObject object{{"present", ZnJsonValue()}};
-    EXPECT_TRUE(object.value("absent").isNull());
-    EXPECT_EQ(object.size(), 1u);
-    EXPECT_THAT([] { ZnJsonArray().at(0); }, testing::ThrowsMessage<std::out_of_range>("Index out of bounds"));
-    LogCapture log;
-    EXPECT_TRUE(ZnJsonDocument(ZnJsonValue(1)).object().isEmpty());
-    EXPECT_EQ(log.countOf("[ERROR] [zn.core.types.znjsondocument] Root is not a JSON object."), 1);
 }
 
 TEST(ZnJson, KeysEncipherScalars) {

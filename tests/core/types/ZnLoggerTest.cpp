@@ -3,6 +3,7 @@
 #include "core/fs/TemporaryDirectory.h"
 #include "support/LogCapture.h"
 #include "support/Loopback.h"
+#include "support/OnThreads.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -46,7 +47,7 @@ TEST_F(ZnLoggerTest, RulesDecidePerCategoryAndLevel) {
         {"", "zn.core.io.a", "WE"}, {"zn.core.*=true", "zn.core.io.a", "DWE"}, {"zn.core.*=true", "zn.core", "WE"},
         {"zn.core.io.*.all=false", "zn.core.io.a", ""}, {"zn.core.io.a.Warning=off", "zn.core.io.a", "E"},
         {"ZN.core.io.a.warning=off", "zn.core.io.a", "WE"}, {"*.critical=no", "zn.core.io.a", "W"},
-        {"zn.a.trace=1", "zn.a.trace", "DWE"}, {"*=true;*=false", "zn.a", "WE"}, {"*=false;zn.*=true", "zn.a", "DWE"},
+        {"zn.a.trace=1", "zn.a.trace", "DWE"}, {"*=Yes;*=false", "zn.a", "WE"}, {"*=false;zn.*=true", "zn.a", "DWE"},
         {"  zn.a = TRUE \n # *.all=0\n#;junk;=1;x=maybe;*.error = 0 ", "zn.a", "DW"}, {".warning=0", "", "DWE"},
         {"*a*b*=1", "xxaxbx", "DWE"}, {"*a*b*=1", "xxbxa", "WE"}, {"a*ab=1", "aaab", "DWE"}, {"a*ab=1", "ab", "WE"}};
     for (const Row& row : kRows) {
@@ -106,10 +107,9 @@ TEST_F(ZnLoggerTest, ConsoleLinesHaveTheirFormAndStream) {
 
 TEST_F(ZnLoggerTest, MessagesLoseAHeadOfTheirOwn) {
     constexpr const char* kRows[][2] = {
-        {" \r\n\t text \n", "text \n"}, {"[010203.123456] [ERROR]  text", "text"},
-        {"010203.123456 \t[WARNING] text", "text"}, {"[ERROR] [DEBUG]text", "[DEBUG]text"},
-        {"[010203.1234567] text", "[010203.1234567] text"}, {"010203,123456 text", "010203,123456 text"},
-        {"[010203.123456", "[010203.123456"}, {"", ""}};
+        {" \r\n\t[010203.123456] [ERROR]  text \n", "text \n"}, {"010203.123456 \t[WARNING] text", "text"},
+        {"[ERROR] [DEBUG]text", "[DEBUG]text"}, {"[010203.1234567] text", "[010203.1234567] text"},
+        {"010203,123456 text", "010203,123456 text"}, {"[010203.123456", "[010203.123456"}, {"", ""}};
     LogCapture log;
     for (const auto& [message, shown] : kRows) {
         writeLine(ZnLogger::kError, nullptr, message);
@@ -178,18 +178,13 @@ TEST_F(ZnLoggerTest, LinesOfManyThreadsStayWhole) {
     constexpr int kLines = 200;
     const auto textOf = [](int index) { return std::string(100, static_cast<char>('a' + index)); };
     std::latch start(kThreads);
-    std::vector<std::thread> threads;
-    for (int index = 0; index < kThreads; ++index) {
-        threads.emplace_back([&start, text = textOf(index)] {
-            start.arrive_and_wait();
-            for (int line = 0; line < kLines; ++line) {
-                writeLine(ZnLogger::kError, kCategory, ZnString(text));
-                ZnLogger::instance().parseRules(line % 2 == 0 ? "zn.*=1" : "");
-            }
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
+    onThreads(kThreads, [&](int index) {
+        start.arrive_and_wait();
+        for (int line = 0; line < kLines; ++line) {
+            writeLine(ZnLogger::kError, kCategory, ZnString(textOf(index)));
+            logger_.parseRules(line % 2 == 0 ? "zn.*=1" : "");
+        }
+    });
     for (int index = 0; index < kThreads; ++index)
         EXPECT_EQ(log.countOf("] [ERROR] [zn.test] " + textOf(index) + "\n"), kLines);
 }

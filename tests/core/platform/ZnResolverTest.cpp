@@ -25,7 +25,7 @@ TEST(ZnResolver, ADeadNameServerHoldsUpItsOwnNamesOnly) {
     for (int i = 0; i < 101; ++i)
         ZnResolver::resolve(i == 0 ? "dead2.test" : "dead.test", [deadAnswers](const auto&) { ++*deadAnswers; });
     std::promise<std::size_t> live;
-    ZnResolver::resolve("live.test", [&live](const ZnResolver::Result& addresses) { live.set_value(addresses.size()); });
+    ZnResolver::resolve("live.test", [&live](const auto& addresses) { live.set_value(addresses.size()); });
     auto liveAnswer = live.get_future();
     ASSERT_EQ(liveAnswer.wait_for(10s), std::future_status::ready);
     EXPECT_EQ(liveAnswer.get(), 1U);

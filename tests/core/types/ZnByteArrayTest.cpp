@@ -60,7 +60,8 @@ TEST(ZnByteArray, StreamsLikeAString) {
     for (int step = 0; step < 20000; ++step) {
         const std::size_t at = random() % (model.size() + 1);
         const bool isOwn = random() % 4 == 0; // what is put in comes from the array itself
-        const std::string chunk = isOwn ? model.substr(at, 40) : std::string(random() % 40, static_cast<char>('a' + step % 26));
+        const auto letter = static_cast<char>('a' + step % 26);
+        const std::string chunk = isOwn ? model.substr(at, 40) : std::string(random() % 40, letter);
         const char* const from = isOwn ? bytes.data() + at : chunk.data();
         const auto action = random() % 8;
         if (action == 0) {

@@ -80,8 +80,8 @@ TEST(ZnCrypto, FailuresNameTheirReason) {
     for (const auto& [cipherText, reason] : kRows) {
         LogCapture log;
         EXPECT_EQ(ZnString(cipherText).decryptAES("key"), "");
-        EXPECT_THAT(log.take(), testing::ElementsAre(
-                                    std::string("[ERROR] [zn.core.types.znstring] Decryption error: ") + reason + "\n"));
+        const std::string head = "[ERROR] [zn.core.types.znstring] Decryption error: ";
+        EXPECT_THAT(log.take(), testing::ElementsAre(head + reason + "\n"));
     }
 }
 

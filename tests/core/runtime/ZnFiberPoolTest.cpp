@@ -3,6 +3,7 @@
 #include "support/LogCapture.h"
 
 #include <array>
+#include <cerrno>
 #include <gtest/gtest.h>
 #include <stdexcept>
 #include <thread>
@@ -103,6 +104,62 @@ TEST_F(ZnFiberPoolTest, LaterWorkOfHigherLanesTakesNoSlotFromAcceptedWork) {
     submit(0, [&] { pool_.yieldCurrent(-1); }); // goes first, on a spillover slot
     runAll();
     EXPECT_TRUE(ranLow);
+}
+
+TEST_F(ZnFiberPoolTest, ExceptionsAndErrnoBelongToTheFiberThatHandlesThem) {
+    std::vector<std::string> caught(3);
+    for (int i = 0; i < 3; ++i)
+        submit(2, [this, &caught, i] {
+            try {
+                try {
+                    throw std::runtime_error("from " + std::to_string(i));
+                } catch (...) {
+                    errno = ENOENT + i;
+                    pool_.yieldCurrent(-1 - i); // the others throw, catch and rethrow meanwhile
+                    EXPECT_EQ(errno, ENOENT + i);
+                    try {
+                        throw std::logic_error("inner");
+                    } catch (const std::logic_error&) {
+                        pool_.yieldCurrent(-1 - i);
+                    }
+                    throw;
+                }
+            } catch (const std::runtime_error& error) {
+                caught[static_cast<std::size_t>(i)] = error.what();
+            }
+        });
+    runAll();
+    for (const int i : {2, 0, 1, 1, 0, 2}) {
+        errno = EPERM;
+        EXPECT_TRUE(pool_.unblock(-1 - i, 2));
+        runAll();
+        EXPECT_EQ(errno, EPERM);
+    }
+    EXPECT_EQ(caught, (std::vector<std::string>{"from 0", "from 1", "from 2"}));
+}
+
+/// Each frame has a kilobyte, which the barriers keep the compiler from leaving out.
+__attribute__((noinline)) void burnStack(std::size_t frames) {
+    char block[1024];
+    asm volatile("" : : "r"(block) : "memory");
+    if (frames > 0)
+        burnStack(frames - 1);
+    asm volatile("" : : "r"(block) : "memory");
+}
+
+using ZnFiberPoolDeathTest = ZnFiberPoolTest;
+
+TEST_F(ZnFiberPoolDeathTest, OverflowHitsTheGuardPageAndNotTheNeighbour) {
+    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+    for (int i = 0; i < 10; ++i) // neighbours: enough room below for all that is burnt
+        submit(2, [this, i] {
+            burnStack(90); // deep but legal
+            pool_.yieldCurrent(-1 - i);
+        });
+    runAll();
+    EXPECT_EQ(pool_.stats().blockedCount, 10);
+    submit(2, [] { burnStack(800); });
+    EXPECT_DEATH(runAll(), "");
 }
 
 TEST_F(ZnFiberPoolTest, ExceptionsEndAtTheFiber) {

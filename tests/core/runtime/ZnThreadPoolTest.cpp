@@ -177,12 +177,8 @@ TEST(ZnThreadPool, AParkedTaskKeepsItsWorkerAndOtherClosuresRun) {
     std::vector<int> order;
     pool.start(task([&] {
         order.push_back(1);
-        ZnEventLoop loop;
-        ZnTimer::singleShot(30, [&] {
-            order.push_back(2);
-            loop.quit();
-        });
-        loop.exec();
+        ZnTimer::singleShot(0, [&] { order.push_back(2); });
+        ZnEventLoop().exec(30);
         order.push_back(3);
     }));
     pool.start(task([&] { ZnCoreApplication::instance()->postEventOnLane([&] { order.push_back(4); }, 1); }));

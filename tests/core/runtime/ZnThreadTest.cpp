@@ -79,7 +79,9 @@ TEST(ZnThread, IsEndedByItsDestructorAlsoWhenSaturated) {
         do {
             parked = ZnTask([&application, token] { application.fiberPool().yieldCurrent(nextFiberWaitId()); });
         } while (application.tryPostOnLane(parked, 0));
+        parked.reset(); // what lies on a dropped fiber's stack is not destroyed
         prepared.release();
+        application.fiberPool().yieldCurrent(nextFiberWaitId()); // leaves no room for the request to stop
     });
     ASSERT_TRUE(prepared.try_acquire_for(kLong));
     delete thread;

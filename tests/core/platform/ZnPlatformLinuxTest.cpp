@@ -31,9 +31,7 @@ TEST_F(ZnLinuxPlatformTest, NormalPathsAreAbsoluteAndPlain) {
                                         {"/../..", "/"}, {"/a/..b/...", "/a/..b/..."}};
     for (const auto& [path, normal] : kRows)
         EXPECT_EQ(dirs_.normalizePath(path), normal) << path;
-    const ZnString current = dirs_.currentPath();
-    EXPECT_EQ(dirs_.normalizePath("x/./y"), current + "x/y");
-    EXPECT_EQ(dirs_.absolutePath(".") + "/", current);
+    EXPECT_EQ(dirs_.normalizePath("x/./y"), dirs_.currentPath() + "x/y");
 }
 
 TEST_F(ZnLinuxPlatformTest, ListsByKindAndFilter) {
@@ -45,7 +43,6 @@ TEST_F(ZnLinuxPlatformTest, ListsByKindAndFilter) {
 
     EXPECT_EQ(sorted(dirs_.entryList(directory_.path(), kBoth)), (Names{"One.sst", "sub", "two.sst.tmp"}));
     EXPECT_EQ(sorted(dirs_.entryList(directory_.path(), ZnDirPlatform::kDirectories)), Names{"sub"});
-    EXPECT_EQ(sorted(dirs_.entryList(directory_.path("sub"), ZnDirPlatform::kFiles)), Names{"three.SST"});
     EXPECT_EQ(sorted(dirs_.entryList(directory_.path(), {"*.SST", "[broken"}, kBoth)), Names{"One.sst"});
     EXPECT_TRUE(dirs_.entryList(directory_.path("none"), kBoth).isEmpty());
     EXPECT_EQ(sorted(dirs_.findFiles(directory_.path(), {"*.sst"})),

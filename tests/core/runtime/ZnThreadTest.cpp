@@ -2,6 +2,7 @@
 
 #include "core/runtime/ZnCoreApplication.h"
 #include "support/LogCapture.h"
+#include "support/OnThreads.h"
 
 #include <atomic>
 #include <gtest/gtest.h>
@@ -51,20 +52,17 @@ TEST(ZnThread, APostReachesAThreadOrFindsItGone) {
         auto* record = new zn::atomic::Thread("thread");
         ASSERT_TRUE(record->start());
         std::atomic<int> postCount{0};
-        std::vector<std::thread> posters;
-        for (int i = 0; i < 2; ++i)
-            posters.emplace_back([&] {
-                for (bool isThere = true; isThere; ++postCount) {
-                    ZnTask task([] {});
-                    isThere = postToThreadIfLive(record, task, ZnFiberPool::kDefaultLane);
-                    EXPECT_EQ(static_cast<bool>(task), !isThere);
-                }
-            });
-        while (postCount < 2)
-            std::this_thread::yield();
-        delete record;
-        for (std::thread& poster : posters)
-            poster.join();
+        onThreads(3, [&](int index) {
+            while (index == 0 && postCount < 2)
+                std::this_thread::yield();
+            if (index == 0)
+                delete record;
+            for (bool isThere = index != 0; isThere; ++postCount) {
+                ZnTask task([] {});
+                isThere = postToThreadIfLive(record, task, ZnFiberPool::kDefaultLane);
+                EXPECT_EQ(static_cast<bool>(task), !isThere);
+            }
+        });
     }
 }
 

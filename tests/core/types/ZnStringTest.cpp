@@ -79,6 +79,8 @@ TEST(ZnString, CutsTrimsReplacesSplitsAndWritesNumbers) {
     EXPECT_EQ(ZnString("aXbXX").replace("X", "YX"), "aYXbYXYX");
     EXPECT_EQ(ZnString("abc").replace("", "x"), "abc");
     EXPECT_THAT(ZnString(",a,,").split(','), ElementsAre("", "a", "", ""));
+    const char* none = nullptr;
+    EXPECT_EQ(ZnString(none) + none + ZnString("b"), "b");
     EXPECT_EQ(ZnString::number(35ULL, 36) + ZnString::number(42ULL, 37), "z42");
     EXPECT_EQ(ZnString::number(~0ULL, 2).str(), std::string(64, '1'));
 }

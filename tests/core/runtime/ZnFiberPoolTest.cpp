@@ -178,8 +178,9 @@ TEST_F(ZnFiberPoolTest, ShutdownDestroysWhatNeverRan) {
     const std::array<char, 100> bulk{}; // more than a task holds inside
     submit(2, [this, token, bulk] { pool_.yieldCurrent(-1 - bulk[0]); });
     runAll();
-    submit(2, [token] {});
-    submit(2, [token, bulk] {});
+    ZnTask neverRun([token] {});
+    neverRun = ZnTask([token, bulk] { ADD_FAILURE() << bulk.size(); }); // lets go of what it held
+    submit(2, std::move(neverRun));
     pool_.shutdown();
     EXPECT_EQ(token.use_count(), 1);
 }

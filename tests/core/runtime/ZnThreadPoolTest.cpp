@@ -7,7 +7,9 @@
 #include "support/LogCapture.h"
 #include "support/OnThreads.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <semaphore>
 #include <stdexcept>
 #include <sys/resource.h>
@@ -215,8 +217,8 @@ TEST(ZnThreadPool, WorkersHaveThePriorityAndTheStackThatWasAskedFor) {
         int nice = 99;
         pool.start(task([&nice] {
             char large[800000]; // more than the usual stack
-            volatile char* lowest = large;
-            *lowest = 1;
+            std::fill(std::begin(large), std::end(large), '\1'); // comes across any guard page
+            asm volatile("" : : "r"(large) : "memory");
             nice = getpriority(PRIO_PROCESS, 0);
         }));
         EXPECT_TRUE(ends(pool));

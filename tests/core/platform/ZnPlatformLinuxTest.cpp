@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 #include <vector>
 
 namespace {
@@ -28,14 +27,11 @@ protected:
 };
 
 TEST_F(ZnLinuxPlatformTest, NormalPathsAreAbsoluteAndPlain) {
-    constexpr const char* kRows[][2] = {{"", ""},           {"///", "/"},       {"\\a\\b\\", "/a/b"},
-                                        {"/a//./b/", "/a/b"}, {"/a/../b", "/b"}, {"/../..", "/"},
-                                        {"/a/..b/...", "/a/..b/..."}};
+    constexpr const char* kRows[][2] = {{"", ""}, {"///", "/"}, {"\\a\\b\\", "/a/b"}, {"/a//./b/../c/", "/a/c"},
+                                        {"/../..", "/"}, {"/a/..b/...", "/a/..b/..."}};
     for (const auto& [path, normal] : kRows)
         EXPECT_EQ(dirs_.normalizePath(path), normal) << path;
-    const ZnString current = dirs_.currentPath();
-    EXPECT_EQ(dirs_.normalizePath("x/./y"), current + "x/y");
-    EXPECT_EQ(dirs_.absolutePath(".") + "/", current);
+    EXPECT_EQ(dirs_.normalizePath("x/./y"), dirs_.currentPath() + "x/y");
 }
 
 TEST_F(ZnLinuxPlatformTest, ListsByKindAndFilter) {
@@ -47,7 +43,6 @@ TEST_F(ZnLinuxPlatformTest, ListsByKindAndFilter) {
 
     EXPECT_EQ(sorted(dirs_.entryList(directory_.path(), kBoth)), (Names{"One.sst", "sub", "two.sst.tmp"}));
     EXPECT_EQ(sorted(dirs_.entryList(directory_.path(), ZnDirPlatform::kDirectories)), Names{"sub"});
-    EXPECT_EQ(sorted(dirs_.entryList(directory_.path("sub"), ZnDirPlatform::kFiles)), Names{"three.SST"});
     EXPECT_EQ(sorted(dirs_.entryList(directory_.path(), {"*.SST", "[broken"}, kBoth)), Names{"One.sst"});
     EXPECT_TRUE(dirs_.entryList(directory_.path("none"), kBoth).isEmpty());
     EXPECT_EQ(sorted(dirs_.findFiles(directory_.path(), {"*.sst"})),
@@ -55,12 +50,9 @@ TEST_F(ZnLinuxPlatformTest, ListsByKindAndFilter) {
 }
 
 TEST_F(ZnLinuxPlatformTest, MakesPaths) {
-    directory_.file("file", "content");
-    constexpr std::pair<const char*, bool> kRows[] = {
-        {"a/b/c", true}, {"a/b/c", true}, {"a\\d", true}, {"file/below", false}};
-    for (const auto& [name, isMade] : kRows) {
-        EXPECT_EQ(dirs_.mkpath(directory_.path(name)), isMade) << name;
-        EXPECT_EQ(dirs_.isDirectory(directory_.path(name)), isMade) << name;
+    for (const char* name : {"a/b/c", "a/b/c", "a\\d"}) {
+        EXPECT_TRUE(dirs_.mkpath(directory_.path(name)));
+        EXPECT_TRUE(dirs_.isDirectory(directory_.path(name)));
     }
     EXPECT_FALSE(dirs_.mkpath(ZnString((directory_.path("nul").str() + '\0') + "x")));
     EXPECT_FALSE(dirs_.exists(directory_.path("nul")));
@@ -107,29 +99,6 @@ TEST_F(ZnLinuxPlatformTest, CopiesFilesWithoutLosingThem) {
     EXPECT_EQ(contentOf(source), content);
     EXPECT_EQ(contentOf(target), content);
     EXPECT_FALSE(files_.isFile(directory_.path("pipe")));
-}
-
-TEST_F(ZnLinuxPlatformTest, SetsTimesButThatOfCreation) {
-    const ZnString file = directory_.file("file", "");
-    long long creation = -1;
-    long long lastAccess = -1;
-    long long lastWrite = -1;
-    EXPECT_TRUE(files_.setLastWriteTime(file, -5));
-    EXPECT_TRUE(files_.setLastAccessTime(file, 1100000000));
-    EXPECT_FALSE(files_.setAllFileTimes(file, 1000, 1, 1));
-    ASSERT_TRUE(files_.getFileMetadata(file, &creation, &lastAccess, &lastWrite));
-    EXPECT_EQ(lastWrite, -5);
-    EXPECT_EQ(lastAccess, 1100000000);
-}
-
-TEST_F(ZnLinuxPlatformTest, KeepsSoManyCharactersOfMetadataWhereTheVolumeCan) {
-    const ZnString file = directory_.file("file", "");
-    std::string manyChars;
-    for (int i = 0; i < 1500; ++i)
-        manyChars += "ö";
-    const bool isSupported = ::setxattr(file.data(), "user.probe", "", 0, 0) == 0;
-    EXPECT_EQ(files_.writeMetadata(file, "note", manyChars), isSupported);
-    EXPECT_EQ(files_.readMetadata(file, "note"), isSupported ? manyChars.substr(0, 2048) : "");
 }
 
 } // namespace

@@ -11,8 +11,8 @@ namespace {
 using namespace std::chrono_literals;
 
 TEST(ZnResolver, ADeadNameServerHoldsUpItsOwnNamesOnly) {
-    auto release = std::make_shared<std::promise<void>>();
-    const std::shared_future<void> released = release->get_future().share();
+    std::promise<void> release;
+    const std::shared_future<void> released = release.get_future().share();
     auto deadLookups = std::make_shared<std::atomic<int>>(0);
     ZnResolver::setLookupForTests([released, deadLookups](const ZnString& host) -> ZnResolver::Result {
         if (!host.startsWith("dead"))
@@ -21,17 +21,17 @@ TEST(ZnResolver, ADeadNameServerHoldsUpItsOwnNamesOnly) {
         released.wait();
         return {};
     });
-    std::promise<std::size_t> live;
-    auto deadAnswers = std::make_shared<std::atomic<int>>(0);
+    const auto deadAnswers = std::make_shared<std::atomic<int>>(0);
     for (int i = 0; i < 101; ++i)
         ZnResolver::resolve(i == 0 ? "dead2.test" : "dead.test", [deadAnswers](const auto&) { ++*deadAnswers; });
-    ZnResolver::resolve("live.test", [&live](const ZnResolver::Result& addresses) { live.set_value(addresses.size()); });
+    std::promise<std::size_t> live;
+    ZnResolver::resolve("live.test", [&live](const auto& addresses) { live.set_value(addresses.size()); });
     auto liveAnswer = live.get_future();
     ASSERT_EQ(liveAnswer.wait_for(10s), std::future_status::ready);
     EXPECT_EQ(liveAnswer.get(), 1U);
     EXPECT_LE(deadLookups->load(), 2); // equal names share one lookup
     EXPECT_EQ(deadAnswers->load(), 0);
-    release->set_value();
+    release.set_value();
     for (int i = 0; i < 1000 && deadAnswers->load() < 101; ++i)
         std::this_thread::sleep_for(10ms);
     EXPECT_EQ(deadAnswers->load(), 101);

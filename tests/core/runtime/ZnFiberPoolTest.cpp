@@ -2,6 +2,8 @@
 
 #include "support/LogCapture.h"
 
+#include <array>
+#include <cerrno>
 #include <gtest/gtest.h>
 #include <stdexcept>
 #include <thread>
@@ -14,11 +16,7 @@ protected:
     ZnFiberPoolTest() { pool_.setMainFiber(&main_); }
 
     void configure(int warm, int spillover) {
-        ZnFiberPool::Config config;
-        config.warmMinimum = warm;
-        config.warmMaximum = warm;
-        config.spilloverLimit = spillover;
-        pool_.configure(config);
+        pool_.configure({.warmMinimum = warm, .warmMaximum = warm, .spilloverLimit = spillover});
     }
     bool submit(int lane, ZnTask task) { return pool_.submit(task, lane); }
     void runAll() {
@@ -37,10 +35,10 @@ TEST_F(ZnFiberPoolTest, LanesShareByCreditsAndLaneZeroGoesFirst) {
             submit(lane, [&order, lane] { order.push_back(lane); });
     }
     submit(0, [&] { order.push_back(0); });
-    for (int i = 0; i < 27; ++i)
+    for (int i = 0; i < 28; ++i)
         pool_.runNextWorkItem();
     EXPECT_EQ(order, (std::vector<int>{0, 1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 3,
-                                       1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 3}));
+                                       1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 3, 1}));
 }
 
 TEST_F(ZnFiberPoolTest, ParkedFiberResumesBeforeNewWork) {
@@ -85,8 +83,7 @@ TEST_F(ZnFiberPoolTest, CapacityCountsQueuedAndParkedWork) {
     const auto submitPark = [&](int lane, int waitId) {
         return submit(lane, [this, waitId] { pool_.yieldCurrent(waitId); });
     };
-    EXPECT_TRUE(submitPark(2, -1));
-    EXPECT_TRUE(submitPark(2, -2));
+    EXPECT_TRUE(submitPark(2, -1) && submitPark(2, -2));
     EXPECT_FALSE(submitPark(2, -3));
     EXPECT_TRUE(submitPark(1, -4)); // spillover
     EXPECT_FALSE(submitPark(0, -5));
@@ -109,6 +106,62 @@ TEST_F(ZnFiberPoolTest, LaterWorkOfHigherLanesTakesNoSlotFromAcceptedWork) {
     EXPECT_TRUE(ranLow);
 }
 
+TEST_F(ZnFiberPoolTest, ExceptionsAndErrnoBelongToTheFiberThatHandlesThem) {
+    std::vector<std::string> caught(3);
+    for (int i = 0; i < 3; ++i)
+        submit(2, [this, &caught, i] {
+            try {
+                try {
+                    throw std::runtime_error("from " + std::to_string(i));
+                } catch (...) {
+                    errno = ENOENT + i;
+                    pool_.yieldCurrent(-1 - i); // the others throw, catch and rethrow meanwhile
+                    EXPECT_EQ(errno, ENOENT + i);
+                    try {
+                        throw std::logic_error("inner");
+                    } catch (const std::logic_error&) {
+                        pool_.yieldCurrent(-1 - i);
+                    }
+                    throw;
+                }
+            } catch (const std::runtime_error& error) {
+                caught[static_cast<std::size_t>(i)] = error.what();
+            }
+        });
+    runAll();
+    for (const int i : {2, 0, 1, 1, 0, 2}) {
+        errno = EPERM;
+        EXPECT_TRUE(pool_.unblock(-1 - i, 2));
+        runAll();
+        EXPECT_EQ(errno, EPERM);
+    }
+    EXPECT_EQ(caught, (std::vector<std::string>{"from 0", "from 1", "from 2"}));
+}
+
+/// Each frame has a kilobyte, which the barriers keep the compiler from leaving out.
+__attribute__((noinline)) void burnStack(std::size_t frames) {
+    char block[1024];
+    asm volatile("" : : "r"(block) : "memory");
+    if (frames > 0)
+        burnStack(frames - 1);
+    asm volatile("" : : "r"(block) : "memory");
+}
+
+using ZnFiberPoolDeathTest = ZnFiberPoolTest;
+
+TEST_F(ZnFiberPoolDeathTest, OverflowHitsTheGuardPageAndNotTheNeighbour) {
+    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+    for (int i = 0; i < 10; ++i) // neighbours: enough room below for all that is burnt
+        submit(2, [this, i] {
+            burnStack(90); // deep but legal
+            pool_.yieldCurrent(-1 - i);
+        });
+    runAll();
+    EXPECT_EQ(pool_.stats().blockedCount, 10);
+    submit(2, [] { burnStack(800); });
+    EXPECT_DEATH(runAll(), "");
+}
+
 TEST_F(ZnFiberPoolTest, ExceptionsEndAtTheFiber) {
     LogCapture log;
     submit(2, [] { throw std::runtime_error("boom"); });
@@ -122,11 +175,12 @@ TEST_F(ZnFiberPoolTest, ExceptionsEndAtTheFiber) {
 
 TEST_F(ZnFiberPoolTest, ShutdownDestroysWhatNeverRan) {
     auto token = std::make_shared<int>(1);
-    submit(2, [token] {});
-    submit(2, [this, token] { pool_.yieldCurrent(-1); });
-    pool_.runNextWorkItem();
-    pool_.runNextWorkItem();
-    submit(2, [token] {});
+    const std::array<char, 100> bulk{}; // more than a task holds inside
+    submit(2, [this, token, bulk] { pool_.yieldCurrent(-1 - bulk[0]); });
+    runAll();
+    ZnTask neverRun([token] {});
+    neverRun = ZnTask([token, bulk] { ADD_FAILURE() << bulk.size(); }); // lets go of what it held
+    submit(2, std::move(neverRun));
     pool_.shutdown();
     EXPECT_EQ(token.use_count(), 1);
 }

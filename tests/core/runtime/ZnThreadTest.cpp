@@ -2,6 +2,7 @@
 
 #include "core/runtime/ZnCoreApplication.h"
 #include "support/LogCapture.h"
+#include "support/OnThreads.h"
 
 #include <atomic>
 #include <gtest/gtest.h>
@@ -14,11 +15,7 @@ constexpr auto kLong = std::chrono::seconds(30);
 
 class RunningThread final : public ZnThread {
 public:
-    RunningThread() : ZnThread("runner") {}
-    ~RunningThread() override {
-        quit();
-        wait();
-    }
+    using ZnThread::ZnThread;
     void run() override {
         EXPECT_TRUE(ZnCoreApplication::instance()->fiberPool().isOnFiber());
         ran.release();
@@ -28,15 +25,16 @@ public:
 
 TEST(ZnThread, SignalsSurroundItsRunAndItMayBeStartedAgain) {
     LogCapture log;
-    RunningThread thread;
+    RunningThread thread("runner");
     std::vector<int> order;
-    thread.connect(&ZnThread::started, [&] { order.push_back(ZnCoreApplication::instance() != nullptr ? 1 : -1); });
-    thread.connect(&ZnThread::finished, [&] { order.push_back(ZnCoreApplication::instance() == nullptr ? 3 : -3); });
+    const auto hasLoop = [] { return ZnCoreApplication::instance() != nullptr; };
+    thread.connect(&ZnThread::started, [&] { order.push_back(hasLoop() ? 1 : -1); });
+    thread.connect(&ZnThread::finished, [&] { order.push_back(hasLoop() ? -3 : 3); });
     for (int round = 0; round < 2; ++round) {
         ASSERT_TRUE(thread.start());
         ASSERT_TRUE(thread.ran.try_acquire_for(kLong));
         EXPECT_FALSE(thread.start());
-        std::counting_semaphore<> told{0};
+        std::binary_semaphore told{0};
         postToThread(&thread.handle(), [&] { EXPECT_TRUE(told.try_acquire_for(kLong)); });
         postToThread(&thread.handle(), [&] { order.push_back(2); }, ZnFiberPool::kFirstLane); // also when it is to end
         thread.quit();
@@ -54,20 +52,17 @@ TEST(ZnThread, APostReachesAThreadOrFindsItGone) {
         auto* record = new zn::atomic::Thread("thread");
         ASSERT_TRUE(record->start());
         std::atomic<int> postCount{0};
-        std::vector<std::thread> posters;
-        for (int i = 0; i < 2; ++i)
-            posters.emplace_back([&] {
-                for (bool isThere = true; isThere; ++postCount) {
-                    ZnTask task([] {});
-                    isThere = postToThreadIfLive(record, task, ZnFiberPool::kDefaultLane);
-                    EXPECT_EQ(static_cast<bool>(task), !isThere);
-                }
-            });
-        while (postCount < 2)
-            std::this_thread::yield();
-        delete record;
-        for (std::thread& poster : posters)
-            poster.join();
+        onThreads(3, [&](int index) {
+            while (index == 0 && postCount < 2)
+                std::this_thread::yield();
+            if (index == 0)
+                delete record;
+            for (bool isThere = index != 0; isThere; ++postCount) {
+                ZnTask task([] {});
+                isThere = postToThreadIfLive(record, task, ZnFiberPool::kDefaultLane);
+                EXPECT_EQ(static_cast<bool>(task), !isThere);
+            }
+        });
     }
 }
 
@@ -78,11 +73,13 @@ TEST(ZnThread, IsEndedByItsDestructorAlsoWhenSaturated) {
     ASSERT_TRUE(thread->start());
     postToThread(&thread->handle(), [&prepared, token] {
         ZnCoreApplication& application = *ZnCoreApplication::instance();
-        for (bool more = true; more;) {
-            ZnTask parked([&application, token] { application.fiberPool().yieldCurrent(nextFiberWaitId()); });
-            more = application.tryPostOnLane(parked, 0);
-        }
+        ZnTask parked;
+        do {
+            parked = ZnTask([&application, token] { application.fiberPool().yieldCurrent(nextFiberWaitId()); });
+        } while (application.tryPostOnLane(parked, 0));
+        parked.reset(); // what lies on a dropped fiber's stack is not destroyed
         prepared.release();
+        application.fiberPool().yieldCurrent(nextFiberWaitId()); // leaves no room for the request to stop
     });
     ASSERT_TRUE(prepared.try_acquire_for(kLong));
     delete thread;

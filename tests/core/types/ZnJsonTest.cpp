@@ -1,9 +1,7 @@
 #include "core/types/ZnJsonDocument.h"
 
-#include "core/types/ExpectThrows.h"
 #include "support/LogCapture.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <bit>
@@ -11,7 +9,6 @@
 #include <cstring>
 #include <limits>
 #include <random>
-#include <stdexcept>
 #include <string>
 
 #include <sys/mman.h>
@@ -19,31 +16,19 @@
 
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-
-/// A text whose end is the end of the readable memory, so that reading past it faults.
-class GuardedText {
-public:
-    explicit GuardedText(std::string_view text)
-        : pageBytes_(static_cast<std::size_t>(::sysconf(_SC_PAGESIZE))) {
-        pages_ = ::mmap(nullptr, 2 * pageBytes_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        EXPECT_NE(pages_, MAP_FAILED);
-        char* const end = static_cast<char*>(pages_) + pageBytes_;
-        EXPECT_EQ(::mprotect(end, pageBytes_, PROT_NONE), 0);
-        std::memcpy(end - text.size(), text.data(), text.size());
-        view_ = std::string_view(end - text.size(), text.size());
-    }
-    ~GuardedText() { ::munmap(pages_, 2 * pageBytes_); }
-    GuardedText(const GuardedText&) = delete;
-    GuardedText& operator=(const GuardedText&) = delete;
-    std::string_view view() const { return view_; }
-
-private:
-    std::size_t pageBytes_;
-    void* pages_;
-    std::string_view view_;
-};
+/// `text` at the end of the readable memory, so that reading past it faults. Holds until the next call.
+std::string_view guarded(std::string_view text) {
+    static char* const end = [] {
+        const auto pageBytes = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+        void* pages = ::mmap(nullptr, 2 * pageBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        EXPECT_NE(pages, MAP_FAILED);
+        char* const guard = static_cast<char*>(pages) + pageBytes;
+        EXPECT_EQ(::mprotect(guard, pageBytes, PROT_NONE), 0);
+        return guard;
+    }();
+    std::memcpy(end - text.size(), text.data(), text.size());
+    return {end - text.size(), text.size()};
+}
 
 ZnJsonValue parsed(std::string_view text) {
     ZnString error;
@@ -52,150 +37,76 @@ ZnJsonValue parsed(std::string_view text) {
     return std::move(document.root());
 }
 
-std::string rewritten(std::string_view text) {
-    return parsed(text).toJson().str();
-}
-
 TEST(ZnJson, FailuresNameReasonAndPlace) {
-    struct Row {
-        std::string text;
-        const char* error;
-    };
-    const Row kRows[] = {
-        {"", R"(Unexpected end of JSON input (index 0) near "")"},
-        {" ", R"(Unexpected end of JSON input (index 1) near " ")"},
-        {R"({"a":)", R"(Unexpected end of JSON input (index 5) near "{"a":")"},
-        {"[,]", R"(Invalid JSON token (index 1) near "[,]")"},
-        {"[1,\xEF\xBB\xBF"
-         "2]",
-         "Invalid JSON token (index 3) near \"[1,\xEF\xBB\xBF"
-         "2]\""},
-        {"+1", R"(Invalid JSON token (index 0) near "+1")"},
-        {"[true,trux]", R"(Invalid boolean literal (index 10) near "[true,trux]")"},
-        {"f", R"(Invalid boolean literal (index 1) near "f")"},
-        {"truefalse", R"(Invalid boolean literal (index 9) near "truefalse")"},
-        {"nul", R"(Invalid literal, expected 'null' (index 3) near "nul")"},
-        {"[nullx]", R"(Invalid literal, expected 'null' (index 6) near "[nullx]")"},
-        {"{", R"(Unterminated JSON object (index 1) near "{")"},
-        {R"({"a":1)", R"(Unterminated JSON object (index 6) near "{"a":1")"},
-        {R"({"a":1,)", R"(Unterminated JSON object (index 7) near "{"a":1,")"},
-        {"{,}", R"(Expected string key in object (index 1) near "{,}")"},
-        {R"({"a":1,,})", R"(Expected string key in object (index 7) near "{"a":1,,}")"},
-        {R"({"a" 1})", R"(Expected ':' after object key (index 5) near "{"a" 1}")"},
-        {R"({"a")", R"(Expected ':' after object key (index 4) near "{"a"")"},
-        {R"({"a":1 "b"})", R"(Expected ',' or '}' in object (index 7) near "{"a":1 "b"}")"},
-        {"[", R"(Unterminated JSON array (index 1) near "[")"},
-        {"[1", R"(Unterminated JSON array (index 2) near "[1")"},
-        {"[1,", R"(Unterminated JSON array (index 3) near "[1,")"},
-        {"[1}", R"(Expected ',' or ']' in array (index 2) near "[1}")"},
-        {R"("ab)", R"(Unterminated string literal (index 3) near ""ab")"},
-        {R"({"ab)", R"(Unterminated string literal (index 4) near "{"ab")"},
-        {"\"a\nb\"", "Unescaped control character in string (index 2) near \"\"a\nb\"\""},
-        {R"("ab\)", R"(Invalid escape sequence in string (index 4) near ""ab\")"},
-        {R"("\x")", R"(Invalid escape character in string (index 2) near ""\x"")"},
-        {R"("\u12")", R"(Incomplete Unicode escape sequence (index 3) near ""\u12"")"},
-        {R"("\u12g4")", R"(Invalid hex digit in Unicode escape (index 5) near ""\u12g4"")"},
-        {R"("\ud83d")", R"(Missing low surrogate after high surrogate (index 7) near ""\ud83d"")"},
-        {R"("\ud83d\n")", R"(Missing low surrogate after high surrogate (index 7) near ""\ud83d\n"")"},
-        {R"("\ud83d\u0041")", R"(Invalid low surrogate in Unicode escape (index 13) near ""\ud83d\u0041"")"},
-        {R"("\ude00")",
-         R"(Unexpected low surrogate without leading high surrogate (index 7) near ""\ude00"")"},
-        {"-", R"(Expected digit in number literal (index 1) near "-")"},
-        {"-a", R"(Expected digit in number literal (index 1) near "-a")"},
-        {"010", R"(Leading zeros are not allowed in JSON numbers (index 1) near "010")"},
-        {"-00", R"(Leading zeros are not allowed in JSON numbers (index 2) near "-00")"},
-        {"1.", R"(Expected digit after decimal point (index 2) near "1.")"},
-        {"1.e5", R"(Expected digit after decimal point (index 2) near "1.e5")"},
-        {"1e+", R"(Expected digit in exponent (index 3) near "1e+")"},
-        {"[99999999999999999999]", R"(Invalid integer number (index 1) near "[99999999999999999999")"},
-        {"-9223372036854775809", R"(Invalid integer number (index 0) near "-9223372036854775809")"},
-        {"[1e400]", R"(Invalid floating-point number (index 1) near "[1e400]")"},
-        {"1e-400", R"(Invalid floating-point number (index 0) near "1e-400")"}};
+    struct Row { const char* text; int index; const char* reason; };
+    constexpr Row kRows[] = {
+        {"", 0, "Unexpected end of JSON input"}, {"[,]", 1, "Invalid JSON token"},
+        {"[true,trux]", 10, "Invalid boolean literal"}, {"nul", 3, "Invalid literal, expected 'null'"},
+        {"{", 1, "Unterminated JSON object"}, {R"({"a":1)", 6, "Unterminated JSON object"},
+        {"[", 1, "Unterminated JSON array"}, {"[1", 2, "Unterminated JSON array"},
+        {R"({"a":1,,})", 7, "Expected string key in object"}, {R"({"a" 1})", 5, "Expected ':' after object key"},
+        {R"({"a")", 4, "Expected ':' after object key"}, {R"({"a":1 "b"})", 7, "Expected ',' or '}' in object"},
+        {"[1}", 2, "Expected ',' or ']' in array"}, {R"({"ab)", 4, "Unterminated string literal"},
+        {"\"a\nb\"", 2, "Unescaped control character in string"}, {R"("ab\)", 4, "Invalid escape sequence in string"},
+        {R"("\x")", 2, "Invalid escape character in string"}, {R"("\u12")", 3, "Incomplete Unicode escape sequence"},
+        {R"("\u12g4")", 5, "Invalid hex digit in Unicode escape"},
+        {R"("\ud83d\n")", 7, "Missing low surrogate after high surrogate"},
+        {R"("\ud83d\u0041")", 13, "Invalid low surrogate in Unicode escape"},
+        {R"("\ude00")", 7, "Unexpected low surrogate without leading high surrogate"},
+        {"-a", 1, "Expected digit in number literal"}, {"-00", 2, "Leading zeros are not allowed in JSON numbers"},
+        {"1.e5", 2, "Expected digit after decimal point"}, {"1e+", 3, "Expected digit in exponent"},
+        {"[9223372036854775808]", 1, "Invalid integer number"}, {"-9223372036854775809", 0, "Invalid integer number"},
+        {"[1e400]", 1, "Invalid floating-point number"}, {"1e-400", 0, "Invalid floating-point number"}};
     for (const Row& row : kRows) {
-        SCOPED_TRACE(row.text);
         ZnString error("stale");
-        const ZnJsonDocument document = ZnJsonDocument::fromJson(row.text, &error);
-        EXPECT_EQ(error, row.error);
-        EXPECT_TRUE(document.root().isNull());
-        EXPECT_TRUE(ZnJsonDocument::fromJson(row.text, nullptr).root().isNull());
+        EXPECT_TRUE(ZnJsonDocument::fromJson(row.text, &error).root().isNull());
+        const std::string place = " (index " + std::to_string(row.index) + ") near \"" + row.text + "\"";
+        EXPECT_EQ(error.str(), row.reason + place);
     }
 }
 
 TEST(ZnJson, FailuresShowTwentyBytesOnEitherSide) {
-    for (const std::size_t index : {0u, 1u, 19u, 20u, 21u, 50u}) {
-        std::string text(index + 30, ' ');
-        for (std::size_t at = index; at < text.size(); ++at)
-            text[at] = static_cast<char>('A' + at % 26);
+    const std::string twentyBlanks(20, ' ');
+    for (const std::size_t index : {20u, 21u}) {
         ZnString error;
-        ZnJsonDocument::fromJson(text, &error);
-        const std::size_t from = index <= 20 ? 0 : index - 20;
-        EXPECT_EQ(error.str(), "Invalid JSON token (index " + std::to_string(index) + ") near \"" +
-                                   text.substr(from, index + 20 - from) + "\"");
+        ZnJsonDocument::fromJson(std::string(index, ' ') + "ABCDEFGHIJKLMNOPQRSTUVWXYZ", &error);
+        EXPECT_EQ(error.str(), "Invalid JSON token (index " + std::to_string(index) + ") near \"" + twentyBlanks +
+                                   "ABCDEFGHIJKLMNOPQRST\"");
     }
 }
 
 TEST(ZnJson, TextBehindTheValueLeavesItInPlace) {
     ZnString error;
-    const ZnJsonDocument document = ZnJsonDocument::fromJson("[1] x", &error);
+    EXPECT_EQ(ZnJsonDocument::fromJson("[1] x", &error).toJson(), "[1]");
     EXPECT_EQ(error, "Unexpected characters at the end of JSON.");
-    EXPECT_EQ(document.toJson(), "[1]");
 }
 
 TEST(ZnJson, ReadsAndRewrites) {
-    struct Row {
-        std::string text;
-        std::string written;
-    };
-    const Row kRows[] = {
-        {"[1,2,]", "[1,2]"},
-        {R"({"a":1,})", R"({"a": 1})"},
-        {" [\t1\v,\f2\r\n] ", "[1,2]"},
-        {R"({"b":1,"a":2,"ab":[],"":{}})", R"({"": {},"a": 2,"ab": [],"b": 1})"},
-        {R"({"a":[1],"a":2})", R"({"a": 2})"},
-        {R"({"a":[1],"b":0,"a":null})", R"({"a": null,"b": 0})"},
-        {"\xEF\xBB\xBF{}", "{}"},
-        {"[[],[[]],{\"a\":[{}]}]", "[[],[[]],{\"a\": [{}]}]"},
+    const std::pair<std::string, std::string> kRows[] = {
+        {" [\t1\v,\f2\r\n,] ", "[1,2]"},
+        {R"({"b":1,"a":2,"ab":[],"":{},})", R"({"": {},"a": 2,"ab": [],"b": 1})"},
+        {"\xEF\xBB\xBF[[],[[]],{\"a\":[{}]}]", "[[],[[]],{\"a\": [{}]}]"},
         {"[true,false,null]", "[true,false,null]"},
         {"[0,-0,-9223372036854775808,9223372036854775807]", "[0,0,-9223372036854775808,9223372036854775807]"},
-        {"[1.0,-0.0,2.50,1E2,1e-7]", "[1,0,2.5,100,1e-07]"},
-        {"3.14159265", "3.14159"},
-        {"1234567.5", "1.23457e+06"},
+        {"[1.0,-0.0,2.50,1E2,1e-7,3.14159265]", "[1,0,2.5,100,1e-07,3.14159]"},
         {"[9007199254740993.0,-9.223372036854775808e18]", "[9007199254740992,-9223372036854775808]"},
-        {"[1e300,9.223372036854775808e18,12345678901234567890.0]",
-         "[1e+300,9.223372036854776e+18,1.2345678901234567e+19]"},
-        {R"("\"\\\/\b\f\n\r\t\u0041\u00e4\u20ac\ud83d\ude00")",
-         "\"\\\"\\\\/\\b\\f\\n\\r\\tA\u00E4\u20AC\U0001F600\""},
-        {R"("a\u0000\u001f\u007Fb")", "\"a\\u0000\\u001F\x7F"
-                                      "b\""},
-        {"\"\x7F\xFF\xC3\"", "\"\x7F\xFF\xC3\""},
-        {R"({"a\nb":"c"})", R"({"a\nb": "c"})"}};
-    for (const Row& row : kRows) {
-        SCOPED_TRACE(row.text);
-        EXPECT_EQ(rewritten(row.text), row.written);
-    }
+        {"[1e300,9.223372036854775808e18]", "[1e+300,9.223372036854776e+18]"},
+        {R"("\"\\\/\b\f\n\r\t\u0041\u00e4\u20ac\ud83d\ude00")", "\"\\\"\\\\/\\b\\f\\n\\r\\tA\u00E4\u20AC\U0001F600\""},
+        {R"({"a\u0000\u001f\u007Fb":""})", "{\"a\\u0000\\u001F\x7F" "b\": \"\"}"},
+        {"\"\x7F\xFF\xC3\"", "\"\x7F\xFF\xC3\""}};
+    for (const auto& [text, written] : kRows)
+        EXPECT_EQ(parsed(text).toJson().str(), written);
 }
 
 TEST(ZnJson, ExactReadingKeepsDigitsAndTexts) {
-    struct Row {
-        const char* text; // is written as it stands
-        double value;     // -1: a text
-        int asInt;
-        const char* inDialect = "fails";
-    };
+    struct Row { const char* text; double value; int asInt; const char* inDialect = "fails"; }; // value -1: a text
     const double infinity = std::numeric_limits<double>::infinity();
     const Row kRows[] = {
-        {R"("2.0")", -1, -1, "2"},
-        {R"("null")", -1, -1, "null"},
-        {R"("010")", -1, -1, "8"},
+        {R"("2.0")", -1, -1, "2"}, {R"("null")", -1, -1, "null"}, {R"("010")", -1, -1, "8"},
         {"-9223372036854775808", -9223372036854775808.0, 0, "-9223372036854775808"},
-        {"9223372036854775808", 9223372036854775808.0, 2147483647},
-        {"-0", 0, 0, "0"},
-        {"1.10", 1.1, 1, "1.1"},
-        {"1E+2", 100, 100, "100"},
-        {"-1e999", -infinity, -2147483647 - 1},
-        {"0.001e+999", infinity, 2147483647},
-        {"1e-99999999999999999999", 0, 0},
-    };
+        {"9223372036854775808", 9223372036854775808.0, 2147483647}, {"-0", 0, 0, "0"}, {"1.10", 1.1, 1, "1.1"},
+        {"1E+2", 100, 100, "100"}, {"-1e999", -infinity, -2147483647 - 1}, {"0.001e+999", infinity, 2147483647},
+        {"1e-99999999999999999999", 0, 0}};
     ZnString error;
     for (const Row& row : kRows) {
         SCOPED_TRACE(row.text);
@@ -211,64 +122,43 @@ TEST(ZnJson, ExactReadingKeepsDigitsAndTexts) {
         const std::string longer = std::string(row.text) + "0";
         EXPECT_EQ(value == ZnJsonDocument::fromJson(longer, &error, JsonReading::Exact).root(), value.isString());
     }
-    for (const char* text : {"01", "+1", "1.", ".5", "1e", "-", "0x1", "1e+", "NaN", "--1", "1.5.2"}) {
+    for (const char* text : {"01", "+1", "1.", ".5", "1e", "-", "0x1", "NaN", "1.5.2"}) {
         ZnJsonDocument::fromJson(text, &error, JsonReading::Exact);
         EXPECT_NE(error, "") << text;
     }
 }
 
 TEST(ZnJson, RepeatedKeyLeavesNothingOfTheEarlierValue) {
-    const ZnJsonValue object = parsed(R"({"a":[1],"b":"text","a":1,"b":{}})");
+    const ZnJsonValue object = parsed(R"({"a":[1],"b":"text","a":null,"b":{}})");
+    EXPECT_EQ(object.toJson(), R"({"a": null,"b": {}})");
     EXPECT_EQ(object.object()->value("a").array(), nullptr);
     EXPECT_EQ(object.object()->value("b").string(), "");
 }
 
 TEST(ZnJson, ScalarTextsReadAsScalars) {
-    struct Row {
-        const char* text;
-        JsonType type;
-        const char* written;
-    };
     using enum JsonType;
-    constexpr Row kRows[] = {{"true", Boolean, "true"},
-                             {"false", Boolean, "false"},
-                             {"null", Null, "null"},
-                             {"1", Integer, "1"},
-                             {"-12", Integer, "-12"},
-                             {"0", Integer, "0"},
-                             {"-0", Integer, "0"},
-                             {"007", Integer, "7"},
-                             {"010", Integer, "8"},
-                             {"-010", Integer, "-8"},
-                             {"09", Integer, "0"},
-                             {"999999999999999999", Integer, "999999999999999999"},
-                             {"9223372036854775807", Integer, "9223372036854775807"},
-                             {"2.0", Double, "2"},
-                             {".5", Double, "0.5"},
-                             {"-.5", Double, "-0.5"},
-                             {"5.", Double, "5"},
-                             {"0.1", Double, "0.1"},
-                             {"1.5", Double, "1.5"}};
+    struct Row { const char* text; JsonType type; const char* written; };
+    constexpr Row kRows[] = {
+        {"true", Boolean, "true"}, {"false", Boolean, "false"}, {"null", Null, "null"}, {"-12", Integer, "-12"},
+        {"-0", Integer, "0"}, {"010", Integer, "8"}, {"09", Integer, "0"},
+        {"999999999999999999", Integer, "999999999999999999"}, {"9223372036854775807", Integer, "9223372036854775807"},
+        {"2.0", Double, "2"}, {"-.5", Double, "-0.5"}, {"5.", Double, "5"}, {"0.1", Double, "0.1"}};
     for (const Row& row : kRows) {
         SCOPED_TRACE(row.text);
-        const ZnJsonValue plain = parsed("\"" + std::string(row.text) + "\"");
+        const std::string literal = "\"" + std::string(row.text) + "\"";
+        const ZnJsonValue plain = parsed(literal);
         EXPECT_EQ(plain.type(), row.type);
         EXPECT_EQ(plain.toJson(), row.written);
         // As a member, and as a key, which stays a text.
-        const ZnJsonValue member = parsed("{\"" + std::string(row.text) + "\":\"" + row.text + "\"}");
-        EXPECT_EQ(member.object()->value(row.text), plain);
+        EXPECT_EQ(parsed("{" + literal + ":" + literal + "}").object()->value(row.text), plain);
     }
-    for (const char* text : {"", "-", ".", "-.", "--1", "1.2.3", "1e5", "+1", "1_000", " 1", "0x10", "1-",
-                             "True", "nul", "nulll", "truefalse", "2025-06-18"})
+    for (const char* text : {"", "-", ".", "-.", "--1", "1.2.3", "1e5", "+1", " 1", "True", "nulll", "2025-06-18"})
         EXPECT_EQ(parsed("\"" + std::string(text) + "\""), ZnJsonValue(text));
-    EXPECT_EQ(parsed("\"\\u0031\"").type(), JsonType::Integer); // examined behind the escapes
+    EXPECT_EQ(parsed(R"("\u0031")").type(), Integer); // examined behind the escapes
     EXPECT_EQ(parsed("\"0.1\"").toDouble(0), 0.10000000149011612);
-    EXPECT_EQ(parsed("{\"jsonrpc\":\"2.0\"}").object()->value("jsonrpc"), ZnJsonValue(2.0));
     LogCapture log;
     EXPECT_EQ(parsed("\"99999999999999999999\""), ZnJsonValue(0));
-    EXPECT_THAT(log.take(),
-                ElementsAre("[ERROR] [zn.core.types.znstring] Invalid long long conversion in ZnString: "
-                            "99999999999999999999\n"));
+    EXPECT_EQ(log.countOf("[ERROR] [zn.core.types.znstring] Invalid long long conversion in ZnString: 9999999999"), 1);
 }
 
 TEST(ZnJson, EveryTruncationFailsWithoutReadingPastTheEnd) {
@@ -276,17 +166,12 @@ TEST(ZnJson, EveryTruncationFailsWithoutReadingPastTheEnd) {
         R"([{"key one":"a longer text \u00e4\ud83d\ude00\n with escapes","b":[true,false,null]},)"
         R"(-12.5e+3,"2.0",[],{},[[0]]])";
     for (std::size_t length = 0; length < text.size(); ++length) {
-        const GuardedText cut(std::string_view(text).substr(0, length));
+        const std::string_view cut = guarded(std::string_view(text).substr(0, length));
         ZnString error;
-        ZnJsonDocument::fromJson(cut.view(), &error);
-        EXPECT_FALSE(error.isEmpty()) << cut.view();
+        ZnJsonDocument::fromJson(cut, &error);
+        EXPECT_FALSE(error.isEmpty()) << cut;
     }
-    const GuardedText whole(text);
-    EXPECT_EQ(parsed(whole.view()).array()->size(), 6u);
-    for (const char* end : {"tru", "12", "1e", "\"\\", "\"\\u", "\"12345678901234"}) {
-        ZnString error;
-        ZnJsonDocument::fromJson(GuardedText(end).view(), &error);
-    }
+    EXPECT_EQ(parsed(guarded(text)).array()->size(), 6u);
 }
 
 // Every special byte at every place of the words that the scan looks at.
@@ -296,10 +181,8 @@ TEST(ZnJson, FindsSpecialBytesAtEveryOffset) {
             for (const char special : {'"', '\\', '\n', '\x1F', '\0'}) {
                 std::string content(length, '\xFF');
                 content.insert(at, 1, special);
-                ZnJsonArray array;
-                array.append(ZnString(content));
-                const ZnString written = ZnJsonValue(array).toJson();
-                EXPECT_EQ(parsed(written.view()).array()->at(0).string(), ZnString(content));
+                const ZnString written = ZnJsonValue(ZnString(content)).toJson();
+                EXPECT_EQ(parsed("[" + written.str() + "]").array()->at(0).string(), ZnString(content));
                 ZnString error;
                 ZnJsonDocument::fromJson("\"" + content + "\"", &error);
                 EXPECT_FALSE(error.isEmpty());
@@ -309,16 +192,8 @@ TEST(ZnJson, FindsSpecialBytesAtEveryOffset) {
 }
 
 TEST(ZnJson, IndentsByDepth) {
-    EXPECT_EQ(parsed(R"({"a":[1,{"b":[]}],"c":{}})").toJson(JsonFormat::Indented), R"({
-  "a": [
-    1,
-    {
-      "b": []
-    }
-  ],
-  "c": {}
-})");
-    EXPECT_EQ(ZnJsonValue().toJson(JsonFormat::Indented), "null");
+    EXPECT_EQ(parsed(R"({"a":[1,{"b":[]}],"c":{}})").toJson(JsonFormat::Indented),
+              "{\n  \"a\": [\n    1,\n    {\n      \"b\": []\n    }\n  ],\n  \"c\": {}\n}");
 }
 
 TEST(ZnJson, NumbersHaveTheCForms) {
@@ -329,70 +204,51 @@ TEST(ZnJson, NumbersHaveTheCForms) {
             value = std::ldexp(std::fmod(value, 1.0), static_cast<int>(random() % 80) - 40);
         if (!std::isfinite(value))
             continue;
-        char fixed[400];
-        std::snprintf(fixed, sizeof(fixed), "%f", value);
-        ASSERT_EQ(ZnJsonValue(value).toStringOr(""), fixed);
-        double whole = 0;
-        if (std::modf(value, &whole) == 0)
-            continue;
-        char general[40];
-        std::snprintf(general, sizeof(general), "%g", value);
-        ASSERT_EQ(ZnJsonValue(value).toJson(), general);
+        char text[400];
+        std::snprintf(text, sizeof(text), "%f", value);
+        ASSERT_EQ(ZnJsonValue(value).toStringOr(""), text);
+        std::snprintf(text, sizeof(text), "%g", value);
+        if (double whole = 0; std::modf(value, &whole) != 0) {
+            ASSERT_EQ(ZnJsonValue(value).toJson(), text);
+        }
     }
-    EXPECT_EQ(ZnJsonValue(std::numeric_limits<double>::infinity()).toJson(), "null");
-    EXPECT_EQ(ZnJsonValue(-std::numeric_limits<double>::infinity()).toJson(), "null");
+    for (const double infinity : {HUGE_VAL, -HUGE_VAL})
+        EXPECT_EQ(ZnJsonValue(infinity).toJson(), "null");
     EXPECT_EQ(ZnJsonValue(std::nan("")).toJson(), "null");
 }
 
 TEST(ZnJson, ConvertsBetweenTypes) {
-    constexpr double kHuge = 1e300;
-    struct Row {
-        ZnJsonValue value;
-        const char* text;
-        const char* display;
-        bool asBool;
-        int asInt;
-        long long asLong;
-        double asDouble;
-    };
+    using Ints = std::numeric_limits<int>;
+    struct Row { ZnJsonValue value; ZnString text; ZnString display; int asInt; long long asLong; double asDouble; };
     const Row kRows[] = {
-        {ZnJsonValue(), "null", "null", true, -7, 0, -7},
-        {ZnJsonValue(true), "true", "true", true, 1, 1, 1},
-        {ZnJsonValue(false), "false", "false", false, 0, 0, 0},
-        {ZnJsonValue(0x100000002LL), "4294967298", "4294967298", true, 2, 0x100000002LL, 4294967298.0},
-        {ZnJsonValue(0xFFFFFFFFLL), "4294967295", "4294967295", true, -1, 0xFFFFFFFFLL, 4294967295.0},
-        {ZnJsonValue(-2.75), "-2.750000", "-2.75", true, -2, -2, -2.75},
-        {ZnJsonValue(2.0), "2.000000", "2", true, 2, 2, 2},
-        {ZnJsonValue(1e10), "10000000000.000000", "1e+10", true, std::numeric_limits<int>::max(), 10000000000,
-         1e10},
-        {ZnJsonValue(-1e30), "-1000000000000000019884624838656.000000", "-1e+30", true,
-         std::numeric_limits<int>::min(), std::numeric_limits<long long>::min(), -1e30},
-        {ZnJsonValue("a\"\n\x01\x1F/"), "a\"\n\x01\x1F/", R"("a\"\n\u0001\u001f/")", true, -7, 0, -7},
-        {ZnJsonValue(ZnJsonObject{{"a", 1}}), "fallback", "ZnJsonValue(Object)", true, -7, 0, -7},
-        {ZnJsonValue(ZnJsonArray()), "fallback", "ZnJsonValue(Array)", true, -7, 0, -7}};
+        {ZnJsonValue(), "null", "null", -7, 0, -7},
+        {ZnJsonValue(true), "true", "true", 1, 1, 1},
+        {ZnJsonValue(0x1FFFFFFFFLL), "8589934591", "8589934591", -1, 0x1FFFFFFFFLL, 8589934591.0},
+        {ZnJsonValue(-2.75), "-2.750000", "-2.75", -2, -2, -2.75},
+        {ZnJsonValue(1e10), "10000000000.000000", "1e+10", Ints::max(), 10000000000, 1e10},
+        {ZnJsonValue(-1e30), "-1000000000000000019884624838656.000000", "-1e+30", Ints::min(),
+         std::numeric_limits<long long>::min(), -1e30},
+        {ZnJsonValue("a\"\n\x01\x1F/"), "a\"\n\x01\x1F/", R"("a\"\n\u0001\u001f/")", -7, 0, -7},
+        {ZnJsonValue(ZnJsonObject{{"a", 1}}), "fallback", "ZnJsonValue(Object)", -7, 0, -7}};
     for (const Row& row : kRows) {
         SCOPED_TRACE(row.display);
         EXPECT_EQ(row.value.toStringOr("fallback"), row.text);
         EXPECT_EQ(row.value.toDisplayString(), row.display);
-        EXPECT_EQ(row.value.toBool(true), row.asBool);
+        EXPECT_TRUE(row.value.toBool(true));
         EXPECT_EQ(row.value.toInt(-7), row.asInt);
         EXPECT_EQ(row.value.toLongLong(), row.asLong);
         EXPECT_EQ(row.value.toDouble(-7), row.asDouble);
         EXPECT_EQ(row.value.toObject().size(), row.value.isObject() ? 1u : 0u);
     }
-    EXPECT_EQ(ZnJsonValue(2.345).toDouble(0, 1), 2.3);
-    EXPECT_EQ(ZnJsonValue(-2.5).toDouble(0, 0), -2.5);
-    EXPECT_EQ(ZnJsonValue(0.125).toDouble(0, 2), 0.13);
+    EXPECT_FALSE(ZnJsonValue(0).toBool(true) || ZnJsonValue(0.0).toBool(true) || ZnJsonValue(false).toBool(true));
     EXPECT_EQ(ZnJsonValue(-0.125).toDouble(0, 2), -0.13);
-    EXPECT_EQ(ZnJsonValue(kHuge).toDouble(0, 300), kHuge);
-    EXPECT_EQ(ZnJsonValue(0.5).toDouble(0, 5000), 0.5);
+    EXPECT_EQ(ZnJsonValue(1e300).toDouble(0, 300), 1e300);
     EXPECT_EQ(ZnJsonValue(std::nan("")).toLongLong(), 0);
 }
 
 TEST(ZnJson, ValuesNeverShareATree) {
     const ZnJsonValue original = parsed(R"({"a":[1,{"b":"x"}],"c":2.5})");
     ZnJsonValue copy = original;
-    EXPECT_EQ(copy, original);
     copy.object()->operator[]("a").array()->at(1) = ZnJsonValue("changed");
     EXPECT_EQ(original.toJson(), R"({"a": [1,{"b": "x"}],"c": 2.5})");
     EXPECT_EQ(copy.toJson(), R"({"a": [1,"changed"],"c": 2.5})");
@@ -402,31 +258,14 @@ TEST(ZnJson, ValuesNeverShareATree) {
     tree = std::move(tree.object()->operator[]("a").array()->at(1));
     EXPECT_EQ(tree.toJson(), R"({"b": "x"})");
     tree = tree.object()->value("b");
-    EXPECT_EQ(tree.toJson(), "\"x\"");
-    ZnJsonValue moved = std::move(tree);
+    const ZnJsonValue moved = std::move(tree);
     EXPECT_TRUE(tree.isNull() && tree.string().isEmpty());
     EXPECT_EQ(moved, ZnJsonValue("x"));
 }
 
 TEST(ZnJson, ComparesTypeAndContent) {
-    const char* const kDifferent[] = {"null",
-                                      "true",
-                                      "false",
-                                      "0",
-                                      "1",
-                                      "1.5",
-                                      "\"x\"",
-                                      "[]",
-                                      "{}",
-                                      "[1]",
-                                      "[2]",
-                                      "[1,1]",
-                                      "[[]]",
-                                      "[{}]",
-                                      R"({"a":1})",
-                                      R"({"b":1})",
-                                      R"({"a":2})",
-                                      R"({"a":{"b":[1]}})",
+    const char* const kDifferent[] = {"null", "true", "false", "0", "1", "1.5", "\"x\"", "[]", "{}", "[1]", "[2]",
+                                      "[1,1]", "[[]]", "[{}]", R"({"a":1})", R"({"b":1})", R"({"a":{"b":[1]}})",
                                       R"({"a":{"b":[2]}})"};
     for (const char* left : kDifferent) {
         for (const char* right : kDifferent)
@@ -436,41 +275,28 @@ TEST(ZnJson, ComparesTypeAndContent) {
     EXPECT_EQ(ZnJsonValue(1).toJson(), ZnJsonValue(1.0).toJson());
 }
 
-TEST(ZnJson, ContainersAnswerForMissingMembers) {
-    ZnJsonObject object{{"present", ZnJsonValue()}};
-    EXPECT_TRUE(object.value("absent").isNull());
-    EXPECT_EQ(object.size(), 1u);
-    EXPECT_TRUE(object["inserted"].isNull());
-    EXPECT_TRUE(object.contains("inserted"));
-    const ZnJsonArray array;
-    expectThrows<std::out_of_range>("Index out of bounds", [&] { array.at(0); });
-    LogCapture log;
-    EXPECT_TRUE(ZnJsonDocument(ZnJsonValue(1)).object().isEmpty());
-    EXPECT_THAT(log.take(),
-                ElementsAre("[ERROR] [zn.core.types.znjsondocument] Root is not a JSON object.\n"));
-    EXPECT_EQ(ZnJsonDocument(ZnJsonValue(object)).object(), object);
-    EXPECT_THAT(log.take(), IsEmpty());
-}
-
 TEST(ZnJson, KeysEncipherScalars) {
     const ZnString key("a key");
-    const ZnJsonValue tree = parsed(R"({"flag":true,"n":-12,"d":2.5,"whole":3.0,"t":"plain text","e":"",)"
-                                    R"("nothing":null,"list":["x",[]]})");
+    const ZnJsonValue tree = parsed(R"({"flag":true,"d":2.5,"whole":3.0,"t":"plain text","e":"","nothing":null,)"
+                                    R"("list":["x",[],-12]})");
     const ZnString written = tree.toJson(JsonFormat::Compact, key);
     for (const char* hidden : {"true", "-12", "2.5", "plain text", "\"\"", "\"x\""})
         EXPECT_FALSE(written.contains(hidden)) << written;
     for (const char* shown : {"\"flag\": ", "\"nothing\": null", "[]"})
         EXPECT_TRUE(written.contains(shown)) << written;
-    ZnString error;
-    EXPECT_EQ(ZnJsonDocument::fromJson(written.view(), &error, key).toJson(), tree.toJson());
-    EXPECT_EQ(error, "");
     // Bare scalars that are not enciphered are read as they stand; a plain text is an error.
-    EXPECT_EQ(ZnJsonDocument::fromJson("[true,null,12,-2.5]", &error, key).toJson(), "[true,null,12,-2.5]");
-    EXPECT_EQ(error, "");
-    EXPECT_TRUE(ZnJsonDocument::fromJson(R"(["plain"])", &error, key).root().isNull());
-    EXPECT_EQ(error, R"(Unable to decrypt string value (index 8) near "["plain"]")");
-    ZnJsonDocument::fromJson("[*]", &error, key);
-    EXPECT_EQ(error, R"(Expected digit in number literal (index 1) near "[*]")");
+    struct Row { std::string_view text; ZnString rewritten; const char* error = ""; };
+    const Row kRows[] = {
+        {written.view(), tree.toJson()},
+        {"[true,null,12,-2.5]", "[true,null,12,-2.5]"},
+        {R"(["plain"])", "null", R"(Unable to decrypt string value (index 8) near "["plain"]")"},
+        {"[*]", "null", R"(Expected digit in number literal (index 1) near "[*]")"}};
+    ZnString error;
+    for (const Row& row : kRows) {
+        EXPECT_EQ(ZnJsonDocument::fromJson(row.text, &error, key).toJson(), row.rewritten);
+        EXPECT_EQ(error, row.error);
+    }
+    EXPECT_FALSE(ZnJsonDocument::fromJson(written.view(), &error, "another key").toJson().contains("plain text"));
 }
 
 } // namespace

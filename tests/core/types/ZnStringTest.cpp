@@ -20,78 +20,69 @@ TEST(ZnString, ReadsIntegers) {
     const std::string zeros(63, '0');
     const std::string ones(63, '1');
     const std::pair<std::string, long long> kRows[] = {
-        {"0", 0}, {" \t12\r\n", 12}, {"-7", -7}, {"+7", 7}, {"1_000", 1000}, {"12abc", 12}, {"12 34", 12},
-        {"0x10", 16}, {"-0X1f", -31}, {"010", 8}, {"09", 0}, {"0b101", 5}, {"-0b1", -1}, {"+0B11", 3},
-        {"0b" + ones, kMax}, {"-0b1" + zeros, kMin}, {"9223372036854775807", kMax}, {"-9223372036854775808", kMin}};
+        {"0", 0}, {" \t12\r\n", 12}, {"-7", -7}, {"+7", 7}, {"1_000", 1000}, {"12abc", 12}, {"-0X1f", -31},
+        {"010", 8}, {"09", 0}, {"0b101", 5}, {"-0B1", -1}, {"0b" + ones, kMax}, {"-0b1" + zeros, kMin},
+        {"9223372036854775807", kMax}, {"-9223372036854775808", kMin}};
     for (const auto& [text, value] : kRows) {
         bool ok = false;
         EXPECT_EQ(ZnString(text).toLongLong(&ok), value) << text;
         EXPECT_TRUE(ok) << text;
     }
     const std::string kFailing[] = {
-        "", "   ", "_", "+", "- 5", "--5", "abc", "0b", "0b102", "0b1 1", "9223372036854775808",
-        "-9223372036854775809", "0b1" + zeros, "-0b1" + zeros.substr(1) + "1", "-0b1" + zeros + "0"};
+        "", "   ", "_", "+", "- 5", "abc", "0b", "0b102", "9223372036854775808", "-9223372036854775809",
+        "0b1" + zeros, "-0b1" + zeros.substr(1) + "1", "-0b1" + zeros + "0"};
     for (const std::string& text : kFailing) {
         bool ok = true;
-        EXPECT_EQ(ZnString(text).toLongLong(&ok), 0) << text;
-        EXPECT_FALSE(ok) << text;
+        EXPECT_TRUE(ZnString(text).toLongLong(&ok) == 0 && !ok) << text;
     }
 }
 
 TEST(ZnString, ReadsFloatingPoint) {
     constexpr double kNone = -1; // what was there before
     constexpr std::pair<const char*, double> kRows[] = {
-        {"1_0.5", 10.5}, {" 2.0 ", 2.0}, {"-.5", -0.5}, {"5.", 5.0}, {"+1.5", 1.5}, {"1.5abc", 1.5}, {"1e3", 1000},
-        {"0x10", 16}, {"010", 8}, {"0b11", 3}, {"12abc", 12}, {"0xE", 14}, {"0x1.8p1", 3}, {"1e308", 1e308},
-        {"1e999", kNone}, {"-1e999", kNone}, {"1e-999", kNone}, {"1e-310x", 1e-310}, {"0e5", 0},
-        {"inf", HUGE_VAL}, {"99999999999999999999", 1e20},
-        {"", kNone}, {".", kNone}, {"e", kNone}, {"--1.5", kNone}, {"x", kNone}, {"_", kNone}};
+        {"1_0.5", 10.5}, {" 2.0 ", 2.0}, {"-.5", -0.5}, {"1.5abc", 1.5}, {"0x10", 16}, {"12abc", 12}, {"0x1.8p1", 3},
+        {"1e999", kNone}, {"1e-999", kNone}, {"1e-310x", 1e-310}, {"0e5", 0}, {"99999999999999999999", 1e20},
+        {"", kNone}, {".", kNone}, {"--1.5", kNone}};
     for (const auto& [text, expected] : kRows) {
         double value = kNone;
         EXPECT_EQ(ZnString(text).toDouble(&value), expected != kNone) << text;
         EXPECT_EQ(value, expected) << text;
     }
-    EXPECT_EQ(ZnString("0x10").toFloat(), 16.0F);
-    EXPECT_EQ(ZnString("0.1").toFloat(), 0.1F);
 }
 
 TEST(ZnString, LogsFailedConversions) {
     LogCapture log;
     bool ok = true;
+    EXPECT_EQ(ZnString("-2147483648").toInt(&ok), std::numeric_limits<int>::min());
+    EXPECT_TRUE(ok);
     EXPECT_EQ(ZnString("-2147483649").toInt(), 0);
     EXPECT_EQ(ZnString("2147483648").toInt(&ok), 0);
     EXPECT_FALSE(ok);
-    EXPECT_EQ(ZnString("-2147483648").toInt(&ok), std::numeric_limits<int>::min());
-    EXPECT_TRUE(ok);
     EXPECT_EQ(ZnString("x").toLongLong(&ok), 0); // asked for: no line
-    EXPECT_EQ(ZnString("y").toLongLong(), 0);
-    EXPECT_EQ(ZnString("z").toFloat(&ok), 0.0F);
-    EXPECT_FALSE(ok);
-    const std::string kHead = "[ERROR] [zn.core.types.znstring] ";
-    EXPECT_THAT(log.take(), ElementsAre(kHead + "Invalid int conversion in ZnString: -2147483649\n",
-                                        kHead + "Invalid int conversion in ZnString: 2147483648\n",
-                                        kHead + "Invalid long long conversion in ZnString: y\n",
-                                        kHead + "Invalid float conversion in ZnString: z\n"));
+    EXPECT_EQ(ZnString("z").toFloat(), 0.0F);
+    const std::string kHead = "[ERROR] [zn.core.types.znstring] Invalid ";
+    EXPECT_THAT(log.take(), ElementsAre(kHead + "int conversion in ZnString: -2147483649\n",
+                                        kHead + "int conversion in ZnString: 2147483648\n",
+                                        kHead + "float conversion in ZnString: z\n"));
 }
 
-TEST(ZnString, CutsTrimsReplacesAndSplits) {
+TEST(ZnString, CutsTrimsReplacesSplitsAndWritesNumbers) {
     const ZnString text("hello");
     EXPECT_EQ(text.mid(1, 3), "ell");
     EXPECT_EQ(text.mid(1, -5), "ello");
     EXPECT_EQ(text.mid(4, 100), "o");
-    EXPECT_EQ(text.mid(5), "");
-    EXPECT_EQ(text.mid(-1, 2), "");
+    EXPECT_EQ(text.mid(5) + text.mid(-1, 2), "");
     EXPECT_EQ(ZnString(" \t\n\r\v a \v\r\n\t ").trimmed(), "\v a \v");
     ZnString wider(" \t\v\f a b \f\v\n");
     wider.trim();
     EXPECT_EQ(wider, "a b");
     EXPECT_EQ(ZnString("aXbXX").replace("X", "YX"), "aYXbYXYX");
-    EXPECT_EQ(ZnString("aaa").replace("aa", "a"), "aa");
     EXPECT_EQ(ZnString("abc").replace("", "x"), "abc");
-    EXPECT_THAT(ZnString(",a,,b").split(','), ElementsAre("", "a", "", "b"));
-    EXPECT_THAT(ZnString("").split(','), ElementsAre(""));
+    EXPECT_THAT(ZnString(",a,,").split(','), ElementsAre("", "a", "", ""));
     const char* none = nullptr;
     EXPECT_EQ(ZnString(none) + none + ZnString("b"), "b");
+    EXPECT_EQ(ZnString::number(35ULL, 36) + ZnString::number(42ULL, 37), "z42");
+    EXPECT_EQ(ZnString::number(~0ULL, 2).str(), std::string(64, '1'));
 }
 
 TEST(ZnString, OrdersAndFoldsByUnsignedBytes) {
@@ -103,54 +94,18 @@ TEST(ZnString, OrdersAndFoldsByUnsignedBytes) {
     EXPECT_EQ(ZnString("aBz\xE4").toUpper(), "ABZ\xE4");
 }
 
-TEST(ZnString, WritesNumbersInAnyBase) {
-    EXPECT_EQ(ZnString::number(0ULL, 2), "0");
-    EXPECT_EQ(ZnString::number(35ULL, 36), "z");
-    EXPECT_EQ(ZnString::number(42ULL, 1), "42");
-    EXPECT_EQ(ZnString::number(42ULL, 37), "42");
-    EXPECT_EQ(ZnString::number(~0ULL, 2), std::string(64, '1').c_str());
-    EXPECT_EQ(ZnString::number(kMin), "-9223372036854775808");
-}
-
-TEST(ZnString, ConvertsWideTextBothWays) {
-    const std::pair<std::string, std::wstring> kRows[] = {
-        {"a\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80", L"a\u00E4\u20AC\U0001F600"},
-        {"\xF4\x8F\xBF\xBF", L"\U0010FFFF"},
-        {"a\x80z", L"a\uFFFDz"},                           // a lone trail byte
-        {"\xE2\x82", L"\uFFFD"},                           // cut short
-        {"\xE2\x82z", L"\uFFFDz"},                         // broken by a letter
-        {"\xC0\x80", L"\uFFFD\uFFFD"},                     // overlong
-        {"\xE0\x80\x80", L"\uFFFD\uFFFD\uFFFD"},           // overlong
-        {"\xED\xA0\x80", L"\uFFFD\uFFFD\uFFFD"},           // a surrogate
-        {"\xF4\x90\x80\x80", L"\uFFFD\uFFFD\uFFFD\uFFFD"}, // above the range
-    };
-    for (const auto& [bytes, codePoints] : kRows) {
-        const std::wstring wide = ZnString(bytes).toStdWString();
-        EXPECT_EQ(wide, codePoints);
-        // What came out is well-formed, so it survives the way back and forth.
-        EXPECT_EQ(ZnString::fromWCharArray(wide).toStdWString(), wide);
-    }
-    const wchar_t kIllFormed[] = {0xD800, 0x110000, L'z', 0};
-    EXPECT_EQ(ZnString::fromWCharArray(kIllFormed), "\xEF\xBF\xBD\xEF\xBF\xBDz");
-    EXPECT_EQ(ZnString::fromWCharArray(static_cast<const wchar_t*>(nullptr)), "");
-}
-
-TEST(ZnString, ReadsBooleans) {
-    constexpr std::pair<const char*, const char*> kRows[] = {
-        {"1", "true"}, {" TRUE\n", "true"}, {"on", "true"}, {"Yes", "true"}, {"0", "false"}, {"False", "false"},
-        {"OFF", "false"}, {" no ", "false"}, {"", "none"}, {"2", "none"}, {"yess", "none"}, {"o n", "none"}};
-    for (const auto& [text, expected] : kRows) {
-        bool value = false;
-        bool other = true;
-        const bool isRead = parseBool(text, value) && parseBool(text, other);
-        EXPECT_STREQ(isRead ? (value ? "true" : "false") : "none", expected) << text;
-        EXPECT_EQ(value == other, isRead);
-    }
+TEST(ZnString, WideTextHasAReplacementForIllFormedBytes) {
+    // A lone trail byte, two cut short, overlong ones, a surrogate and a value above the range.
+    const ZnString bytes("a\xC3\xA4\xF4\x8F\xBF\xBF\x80z\xE2\x82z\xC0\x80\xE0\x80\xED\xA0\xF4\x90\xE2\x82");
+    const std::wstring wide = L"a\u00E4\U0010FFFF\uFFFDz\uFFFDz" + std::wstring(9, L'\uFFFD');
+    EXPECT_EQ(bytes.toStdWString(), wide);
+    EXPECT_EQ(ZnString::fromWCharArray(wide).toStdWString(), wide);
+    EXPECT_EQ(ZnString::fromWCharArray(std::wstring{wchar_t(0xD800), wchar_t(0x110000)}), "\xEF\xBF\xBD\xEF\xBF\xBD");
 }
 
 TEST(ZnString, ComparesSecretsByContent) {
     EXPECT_TRUE(constantTimeEquals("token", "token"));
-    for (const char* other : {"tokem", "Token", "toke", ""})
+    for (const char* other : {"tokem", "Token", "toke", "tokens", ""})
         EXPECT_FALSE(constantTimeEquals("token", other)) << other;
 }
 

@@ -1,42 +1,16 @@
 #include "core/types/ZnJsonDocument.h"
 
-#include <gtest/gtest.h>
+#include "support/LoopFixture.h"
 
-#include <functional>
 #include <string>
-
-#include <pthread.h>
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define ZN_TEST_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define ZN_TEST_SANITIZED 1
-#endif
-#endif
 
 namespace {
 
-#if defined(ZN_TEST_SANITIZED)
-constexpr std::size_t kStackBytes = 256 * 1024; // frames are several times as large
-#else
-constexpr std::size_t kStackBytes = 64 * 1024; // half of what a fiber has
-#endif
-
-/// Runs `work` on a thread whose stack ends at a guard page.
-void onSmallStack(std::function<void()> work) {
-    pthread_attr_t attributes;
-    ASSERT_EQ(pthread_attr_init(&attributes), 0);
-    ASSERT_EQ(pthread_attr_setstacksize(&attributes, kStackBytes), 0);
-    pthread_t thread;
-    const auto run = [](void* argument) -> void* {
-        (*static_cast<std::function<void()>*>(argument))();
-        return nullptr;
-    };
-    ASSERT_EQ(pthread_create(&thread, &attributes, run, &work), 0);
-    ASSERT_EQ(pthread_join(thread, nullptr), 0);
-    pthread_attr_destroy(&attributes);
-}
+/// On a fiber with half of the usual stack, which ends at a guard page.
+class ZnJsonStackTest : public LoopFixture {
+protected:
+    ZnJsonStackTest() { application_.setEventFiberStackSize(64 * 1024); }
+};
 
 /// `depth` containers, by turns an object with a neighbour and an array.
 std::string nestedText(int depth) {
@@ -46,8 +20,8 @@ std::string nestedText(int depth) {
     return text;
 }
 
-TEST(ZnJsonStack, ParsesToTheLimitAndNoFurther) {
-    onSmallStack([] {
+TEST_F(ZnJsonStackTest, ParsesToTheLimitAndNoFurther) {
+    runOnFiber([] {
         ZnString error;
         ZnJsonDocument document = ZnJsonDocument::fromJson(nestedText(ZnJsonDocument::kMaxDepth), &error);
         EXPECT_EQ(error, "");
@@ -62,8 +36,8 @@ TEST(ZnJsonStack, ParsesToTheLimitAndNoFurther) {
     });
 }
 
-TEST(ZnJsonStack, HandlesTreesDeeperThanTheParserMakes) {
-    onSmallStack([] {
+TEST_F(ZnJsonStackTest, HandlesTreesDeeperThanTheParserMakes) {
+    runOnFiber([] {
         ZnJsonValue tree(1);
         for (int level = 0; level < 100000; ++level) {
             ZnJsonArray array;

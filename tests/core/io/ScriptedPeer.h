@@ -39,8 +39,6 @@ public:
             while (::recv(descriptor_, buffer, sizeof(buffer), 0) > 0) {
             }
         }
-        /// The client sees the end of the stream.
-        void finish() { ::shutdown(descriptor_, SHUT_WR); }
         /// The script's end then resets the connection.
         void resetAtEnd() {
             const linger hard{1, 0};

@@ -176,18 +176,6 @@ TEST_F(ZnHttpMultipart, FilesArePrivateAndNeverWrittenThroughALink) {
 TEST_F(ZnHttpMultipart, FilesGoWithWhoeverOwnsThem) {
     limits_.streamMultipart = true;
     const std::string wire = request(part("; filename=f", "1") + part("; filename=g", std::string(9000, 'x')) + kEnd);
-    for (const bool goesOn : {false, true}) {
-        feed(std::string_view(wire).substr(0, wire.size() - 100));
-        ASSERT_EQ(fileCount(), 2U);
-        if (goesOn)
-            feed(std::string(100, 'x')); // the upload fails
-        else
-            parser_.reset(); // the connection ends in the middle
-        EXPECT_EQ(fileCount(), 0U);
-    }
-    EXPECT_EQ(parser_->errorText(), "Incomplete multipart body");
-
-    parser_.reset();
     feed(wire);
     parser_.reset();
     EXPECT_EQ(fileCount(), 2U) << "a complete request outlives its parser";

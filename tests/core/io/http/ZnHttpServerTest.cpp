@@ -3,7 +3,6 @@
 #include "core/io/http/ZnHttpApp.h"
 #include "core/runtime/ZnEventLoop.h"
 #include "core/runtime/ZnThreadPool.h"
-#include "core/runtime/ZnTimer.h"
 #include "support/LoopFixture.h"
 
 #include <algorithm>
@@ -160,23 +159,6 @@ TEST_F(ZnHttpServerTest, AParkedHandlerOutlivesClientSessionAndServer) {
     EXPECT_EQ(stopped->received, "");
 }
 
-TEST_F(ZnHttpServerTest, AHandlerMayStopOrDeleteItsServer) {
-    app_->get("/end", [this, text = std::string(100, 'x')](ZnHttpContext& context) {
-        if (context.request().queryString == "stop")
-            app_->stop();
-        else
-            app_.reset();
-        context.text(ZnString(text));
-    });
-    for (const char* path : {"/end?stop", "/end?delete"}) {
-        const auto client = sendGet(path);
-        ASSERT_TRUE(runUntil([&] { return client->isGone(); }));
-        EXPECT_EQ(client->received, "");
-        EXPECT_TRUE(!app_ || app_->tcpServer().listen("127.0.0.1", port_));
-    }
-    EXPECT_EQ(app_, nullptr);
-}
-
 TEST_F(ZnHttpServerTest, AdmissionLimits) {
     ZnHttpLimits limits;
     limits.maxConnections = 2;
@@ -214,8 +196,6 @@ TEST_F(ZnHttpServerTest, AdmissionLimits) {
 // What the peer of one route sees, by what stands in front of it.
 TEST_F(ZnHttpServerTest, FiltersAndMiddleware) {
     ZnHttpServer::Next kept;
-    ZnHttpServer::Next keptAgain;
-    app_->addRequestFilter(nullptr);
     app_->addRequestFilter([](const ZnHttpRequest& request, ZnHttpResponse& response) {
         response.headers.insert("x-filter", "1");
         return request.queryString == "filter";
@@ -231,8 +211,7 @@ TEST_F(ZnHttpServerTest, FiltersAndMiddleware) {
         if (query == "twice")
             next(false, {});
     });
-    app_->addMiddleware([&](const ZnHttpRequest& request, const ZnHttpServer::Next& next) {
-        keptAgain = next;
+    app_->addMiddleware([](const ZnHttpRequest& request, const ZnHttpServer::Next& next) {
         next(request.queryString == "second", ZnHttpResponse::text(200, "from the second"));
     });
     const std::pair<const char*, const char*> kRows[] = {
@@ -252,7 +231,6 @@ TEST_F(ZnHttpServerTest, FiltersAndMiddleware) {
     ASSERT_TRUE(runUntil([&] { return kept != nullptr; }));
     app_.reset();
     kept(false, {});
-    keptAgain(false, {});
 }
 
 TEST_F(ZnHttpServerTest, ContextMiddlewareStandsInFrontOfLaterRoutes) {
@@ -265,12 +243,6 @@ TEST_F(ZnHttpServerTest, ContextMiddlewareStandsInFrontOfLaterRoutes) {
         next();
         next(); // only once
     });
-    app_->addContextMiddleware([](ZnHttpContext& context, const std::function<void()>& next) {
-        if (context.request().queryString == "answer")
-            context.text("middleware");
-        else
-            next();
-    });
     app_->setErrorHandler([](ZnHttpContext& context, const ZnString& errorText) {
         if (context.request().queryString == "again")
             throw 1;
@@ -278,7 +250,6 @@ TEST_F(ZnHttpServerTest, ContextMiddlewareStandsInFrontOfLaterRoutes) {
     });
     app_->setRoutePrefix(" api//v1/ ");
     int callCount = 0;
-    const ZnHttpRouteOptions options{" user ", 200, true}; // of which a busy machine takes a part
     app_->get("/", [&](ZnHttpContext& context) {
         ++callCount;
         const auto user = std::any_cast<std::string>(context.locals()["user"]);
@@ -286,21 +257,14 @@ TEST_F(ZnHttpServerTest, ContextMiddlewareStandsInFrontOfLaterRoutes) {
             throw std::runtime_error("it");
         ZnEventLoop().exec(user == "slow" ? 250 : 1);
         context.text(ZnString(user));
-    }, options);
-    app_->get("slow", [](ZnHttpContext& context) {
-        ZnEventLoop().exec(20);
-        context.response().closeConnection = true;
-        context.text("done");
-    }, {"", 5, false});
+    }, {" user ", 200, true}); // of the time a busy machine takes a part
     EXPECT_EQ(app_->router().namedPattern("user"), "/api/v1");
     const struct { const char *path, *status, *body, *header; } kRows[] = {
         {"/api/v1?me", "200 OK", "me", "connection: keep-alive"},
         {"/api/v1?stop", "500 Internal Server Error", "Route handler produced no response", ""},
-        {"/api/v1?answer", "200 OK", "middleware", ""},
         {"/api/v1?throw", "502 Bad Gateway", "caught it", ""},
         {"/api/v1?again", "500 Internal Server Error", "Internal Server Error", "connection: close"},
         {"/api/v1?slow", "504 Gateway Timeout", "Route timeout", "\r\nx-route-timeout-ms: "},
-        {"/api/v1/slow", "200 OK", "done", "\r\nx-route-timeout-ms: "},
         {"/echo/x", "200 OK", "x", ""}};
     for (const auto& [path, status, body, header] : kRows) {
         const std::string answer = firstAnswer(path);
@@ -360,15 +324,6 @@ TEST_F(ZnHttpServerPoolTest, RoutesRunOnThePool) {
         {"/pool/a?filter", "200 OK"}, {"/none", "404"},    {"/pool/a/", "308"}};
     for (const auto& [path, part] : kRows)
         EXPECT_NE(firstAnswer(path).find(part), std::string::npos) << path;
-    std::string burst;
-    for (int i = 0; i < 10; ++i)
-        burst += "GET /pool/" + std::to_string(i) + " HTTP/1.1\r\n\r\n";
-    const auto client = send(burst);
-    ASSERT_TRUE(runUntil([&] { return client->answerCount() == 10; }));
-    std::string words;
-    for (std::size_t at = 0; (at = client->received.find("\r\n\r\n", at)) != std::string::npos; at += 4)
-        words += client->received[at + 4];
-    EXPECT_EQ(words, "0123456789"); // in order, though on two threads
     EXPECT_EQ(app_->stats().inFlight, 0);
 }
 

@@ -30,7 +30,7 @@ TEST(ZnEventStreamParser, EventsAreTheSameInAnySplit) {
         {"data: stop\n\ndata: unread\n\n", "|stop;"},
         {std::string("data: a\0b\n\ndata: x\n", 19), std::string("|a\0b;", 5)},
         {"data:12\ndata:45\n\n", "|12\n45;", 7},
-        {"data:12\ndata:456\n\n", "!", 7}, // the lines together
+        {"data:12\ndata:45\ndata:6\n\n", "!", 7}, // the lines together
         {"data: 12345678901", "!", 16},    // a line that does not end
         {"data:\n\n:2345678\n\n", "|;!", 7},
     };

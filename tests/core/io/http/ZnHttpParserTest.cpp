@@ -166,9 +166,9 @@ TEST(ZnHttpParser, ChunkedBodies) {
 TEST(ZnHttpParser, RequestsBehindEachOther) {
     const std::string post = kPost + "content-length:1\r\n\r\nx";
     const std::string posted = "POST / keep [content-length=1] <x>\n";
-    const std::string gzip = kPost + "transfer-encoding: gzip, Chunked\r\n\r\n1\r\ny\r\n0\r\n\r\n";
+    const std::string gzip = kPost + "a:\r\nb:\r\ntransfer-encoding: gzip, Chunked\r\n\r\n1\r\ny\r\n0\r\n\r\n";
     checkRows({
-        {"two", post + gzip, posted + "POST / keep chunked [transfer-encoding=gzip, Chunked] <y>\n"},
+        {"two", post + gzip, posted + "POST / keep chunked [a=] [b=] [transfer-encoding=gzip, Chunked] <y>\n"},
         {"three", post + post + post, posted + posted + posted + "400 Too many pipelined requests"},
         {"nothing after a failure", post + "x\r\n" + post, posted + "400 Malformed request line"},
     });

@@ -4,10 +4,18 @@
 
 namespace {
 
-TEST(ZnHttpContext, AnswersInOneWord) {
+TEST(ZnHttpContext, ReadsAndAnswersInOneWord) {
     ZnHttpRequest request;
     request.headers.insert("x-a", "1");
+    request.body = ZnByteArray(std::string_view("\0\xEF\0\xBB\xBF{\0}\0", 9));
     ZnHttpContext context(request);
+    ZnJsonDocument document(ZnJsonValue("before"));
+    ZnString errorText;
+    EXPECT_TRUE(context.parseJsonBody(&document, &errorText));
+    EXPECT_EQ(document.toJson(), "{}");
+    request.body = ZnByteArray(std::string_view("{"));
+    EXPECT_FALSE(context.parseJsonBody(&document, &errorText));
+    EXPECT_EQ(document.toJson(), "{}");
     EXPECT_EQ(context.requestHeader("X-A", "none") + context.requestHeader("x-b", "none"), "1none");
     EXPECT_FALSE(context.responded());
     context.json(ZnJsonObject{{"b", 1}, {"a", true}}, 201);
@@ -51,24 +59,6 @@ TEST(ZnHttpResponse, NothingBreaksTheHead) {
     response.headers.insert(" Connection ", "upgrade");
     response.headers.insert("Content-Length", "7");
     EXPECT_EQ(response.head(true), "HTTP/1.1 599 HTTP Response\r\nconnection: upgrade\r\ncontent-length: 7\r\n\r\n");
-}
-
-TEST(ZnHttpContext, ParsesJsonBodies) {
-    const struct { std::string_view body; const char* expected; } kRows[] = { // null: an error
-        {R"({"a":1})", R"({"a": 1})"},
-        {"\xEF\xBB\xBF[1]", "[1]"},
-        {std::string_view("\0\xEF\0\xBB\xBF{\0}\0", 9), "{}"},
-        {"{", nullptr},
-        {"", nullptr}};
-    for (const auto& row : kRows) {
-        ZnHttpRequest request;
-        request.body = ZnByteArray(row.body);
-        ZnJsonDocument document(ZnJsonValue("before"));
-        ZnString errorText;
-        EXPECT_EQ(ZnHttpContext(request).parseJsonBody(&document, &errorText), row.expected != nullptr) << row.body;
-        EXPECT_EQ(errorText.isEmpty(), row.expected != nullptr);
-        EXPECT_EQ(document.toJson(), row.expected != nullptr ? row.expected : "\"before\"");
-    }
 }
 
 } // namespace

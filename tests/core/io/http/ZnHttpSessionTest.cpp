@@ -429,18 +429,6 @@ TEST_F(ZnHttpSessionTest, TimeOuts) {
     EXPECT_EQ(links[0]->output.find("too late"), std::string::npos);
 }
 
-// The timer was armed for the first request's deadline and finds, when it fires, that there is a later one.
-TEST_F(ZnHttpSessionTest, ADeadlineMovesWithTheRequests) {
-    router_.addRoute("GET", "/", echoOf);
-    Link& link = open(nullptr, {250, 0, 0, 0}); // armed for 400 ms
-    settle(300);
-    link.socket->receive(getOf("/"));
-    const long long requestNs = monotonicNowNs();
-    EXPECT_TRUE(runUntil([&] { return link.closedNs != 0; }));
-    EXPECT_GE(link.closedNs - requestNs, 250'000'000);
-    EXPECT_LE(link.closedNs - link.openedNs, 1'500'000'000);
-}
-
 // The time for the next request counts from the start of the last one, so a late answer leaves none; the timer was
 // armed for the handler's time.
 TEST_F(ZnHttpSessionTest, AConnectionIsGivenUpBehindALateAnswer) {

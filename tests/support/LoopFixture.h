@@ -12,6 +12,12 @@ protected:
     bool runUntil(const std::function<bool()>& condition, int deadlineMs = 10000) {
         return application_.processUntil(condition, deadlineMs);
     }
+    /// For a condition that comes true on another thread, which does not wake the loop.
+    bool pollUntil(const std::function<bool()>& condition) {
+        for (int attempt = 0; attempt < 10000 && !condition(); ++attempt)
+            settle(1);
+        return condition();
+    }
     /// Runs `body` on a fiber and the loop until it has returned.
     void runOnFiber(std::function<void()> body, int deadlineMs = 20000) {
         bool done = false;

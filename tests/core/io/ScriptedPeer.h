@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cstdlib>
 #include <functional>
-#include <gtest/gtest.h>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -33,21 +32,13 @@ public:
             }
             return request;
         }
-        void send(const std::string& bytes) {
-            for (std::size_t sent = 0; sent < bytes.size();) {
-                const ssize_t put = ::send(descriptor_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-                if (put <= 0)
-                    return;
-                sent += static_cast<std::size_t>(put);
-            }
-        }
+        /// Waits until the system has all bytes, or the connection has ended.
+        void send(const std::string& bytes) { ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
         void waitForClose() {
             char buffer[1024];
             while (::recv(descriptor_, buffer, sizeof(buffer), 0) > 0) {
             }
         }
-        /// The client sees the end of the stream.
-        void finish() { ::shutdown(descriptor_, SHUT_WR); }
         /// The script's end then resets the connection.
         void resetAtEnd() {
             const linger hard{1, 0};
@@ -60,9 +51,8 @@ public:
             if (headEnd == std::string::npos)
                 return false;
             const std::size_t lengthAt = request.find("Content-Length: ");
-            const std::size_t bodyBytes =
-                lengthAt < headEnd ? static_cast<std::size_t>(std::atoi(request.c_str() + lengthAt + 16)) : 0;
-            return request.size() >= headEnd + 4 + bodyBytes;
+            const int bodyBytes = lengthAt < headEnd ? std::atoi(request.c_str() + lengthAt + 16) : 0;
+            return request.size() >= headEnd + 4 + static_cast<std::size_t>(bodyBytes);
         }
 
         int descriptor_;
@@ -84,8 +74,6 @@ public:
         for (std::thread& thread : threads_)
             thread.join();
     }
-    ScriptedPeer(const ScriptedPeer&) = delete;
-    ScriptedPeer& operator=(const ScriptedPeer&) = delete;
 
     unsigned short port() const { return port_; }
     std::string url(const std::string& path = "/mcp") const {
@@ -101,9 +89,7 @@ public:
         };
     }
     /// A script that never answers.
-    static Script silent() {
-        return [](Connection& connection) { connection.waitForClose(); };
-    }
+    static Script silent() { return &Connection::waitForClose; }
 
 private:
     void acceptAll_() {

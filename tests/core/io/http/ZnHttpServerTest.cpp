@@ -1,10 +1,8 @@
 #include "core/fs/TemporaryDirectory.h"
 #include "core/io/ZnTcpSocket.h"
 #include "core/io/http/ZnHttpApp.h"
-#include "core/platform/ZnMonotonicClock.h"
 #include "core/runtime/ZnEventLoop.h"
 #include "core/runtime/ZnThreadPool.h"
-#include "core/runtime/ZnTimer.h"
 #include "support/LoopFixture.h"
 
 #include <algorithm>
@@ -38,7 +36,10 @@ struct Client {
 class ZnHttpServerTest : public LoopFixture {
 protected:
     void SetUp() override {
-        app_->get("/echo/:word", [](ZnHttpContext& context) { context.text(context.pathParam("word")); });
+        app_->get("/echo/:word", [this](ZnHttpContext& context) {
+            EXPECT_EQ(std::this_thread::get_id(), loopThread_);
+            context.text(context.pathParam("word"));
+        });
         app_->post("/body", [](ZnHttpContext& context) { context.send(context.request().body, "x/y"); });
         app_->get("/peer", [this](ZnHttpContext& context) {
             EXPECT_NE(context.request().peerPort, 0);
@@ -46,9 +47,6 @@ protected:
             context.text(context.request().peerAddress);
         });
         app_->get("/throw", [](ZnHttpContext&) { throw std::runtime_error("secret"); });
-        app_->get("/throw2", [](ZnHttpContext&) { throw 1; });
-        app_->get("/nothing", [](ZnHttpContext&) {});
-        app_->get("/header", [](ZnHttpContext& context) { context.setHeader("x-a", "b"); });
         app_->get("/park", [this](ZnHttpContext& context) {
             ++parkedHandlers_;
             ZnEventLoop loop;
@@ -67,8 +65,9 @@ protected:
         client->socket.write(ZnString(input));
         return client;
     }
-    std::string firstAnswer(const std::string& path, const char* method = "GET") {
-        const auto client = send(method + (" " + path) + " HTTP/1.1\r\n\r\n");
+    std::unique_ptr<Client> sendGet(const std::string& path) { return send("GET " + path + " HTTP/1.1\r\n\r\n"); }
+    std::string firstAnswer(const std::string& path) {
+        const auto client = sendGet(path);
         EXPECT_TRUE(runUntil([&] { return client->answerCount() == 1; }));
         return client->received;
     }
@@ -77,6 +76,7 @@ protected:
             loop->quit();
     }
 
+    const std::thread::id loopThread_ = std::this_thread::get_id();
     std::unique_ptr<ZnHttpApp> app_ = std::make_unique<ZnHttpApp>();
     unsigned short port_ = 0;
     std::vector<ZnEventLoop*> loops_;
@@ -85,40 +85,31 @@ protected:
 };
 
 TEST_F(ZnHttpServerTest, AppAnswers) {
-    const struct {
-        const char* path;
-        const char* status;
-        const char* connection;
-        const char* body;
-    } kRows[] = {
-        {"/echo/hello", "200 OK", "keep-alive", "hello"},
-        {"/peer", "200 OK", "keep-alive", "127.0.0.1"},
-        {"/throw", "500 Internal Server Error", "close", "Internal Server Error"},
-        {"/throw2", "500 Internal Server Error", "close", "Internal Server Error"},
-        {"/nothing", "500 Internal Server Error", "keep-alive", "Route handler produced no response"},
-        {"/header", "200 OK", "keep-alive", ""},
-        {"/unknown", "404 Not Found", "keep-alive", "Not Found"},
-        {"/body", "405 Method Not Allowed", "keep-alive", "Method Not Allowed"},
+    const struct { const char *path, *status, *line, *body; } kRows[] = {
+        {"/echo/hello", "200 OK", "connection: keep-alive", "hello"},
+        {"/peer", "200 OK", "connection: keep-alive", "127.0.0.1"},
+        {"/throw", "500 Internal Server Error", "connection: close", "Internal Server Error"},
+        {"/unknown", "404 Not Found", "connection: keep-alive", "Not Found"},
+        {"/body", "405 Method Not Allowed", "allow: POST", "Method Not Allowed"},
     };
-    for (const auto& row : kRows) {
-        const std::string answer = firstAnswer(row.path);
-        EXPECT_EQ(answer.find(std::string("HTTP/1.1 ") + row.status + "\r\n"), 0U) << answer;
-        EXPECT_NE(answer.find(std::string("\r\nconnection: ") + row.connection + "\r\n"), std::string::npos) << answer;
-        EXPECT_TRUE(answer.ends_with(std::string("\r\n\r\n") + row.body)) << answer;
+    for (const auto& [path, status, line, body] : kRows) {
+        const std::string answer = firstAnswer(path);
+        EXPECT_TRUE(answer.starts_with(std::string("HTTP/1.1 ") + status + "\r\n")) << answer;
+        EXPECT_NE(answer.find(std::string("\r\n") + line + "\r\n"), std::string::npos) << answer;
+        EXPECT_TRUE(answer.ends_with(std::string("\r\n\r\n") + body)) << answer;
     }
-    EXPECT_NE(firstAnswer("/body", "PUT").find("\r\nallow: POST\r\n"), std::string::npos);
     const ZnHttpServerStats stats = app_->stats();
-    EXPECT_EQ(stats.requestsStarted, 9);
-    EXPECT_EQ(stats.responsesFinished, 9);
+    EXPECT_EQ(stats.requestsStarted, 5);
+    EXPECT_EQ(stats.responsesFinished, 5);
     EXPECT_EQ(stats.inFlight, 0);
-    EXPECT_EQ(stats.statusCounts.value("500"), 3U);
+    EXPECT_EQ(stats.statusCounts.value("200"), 2U);
     EXPECT_TRUE(runUntil([&] { return app_->activeSessionCount() == 0; }));
 }
 
 TEST_F(ZnHttpServerTest, ALargeBodyCrossesBothWaysAndByteByByte) {
-    std::string body(6 * 1024 * 1024, 'x');
-    for (std::size_t i = 0; i < body.size(); i += 97)
-        body[i] = static_cast<char>('a' + i % 26);
+    std::string body;
+    while (body.size() < 6 * 1024 * 1024)
+        body += std::to_string(body.size());
     const auto client =
         send("POST /body HTTP/1.1\r\ncontent-length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
     ASSERT_TRUE(runUntil([&] { return client->received.size() > body.size() && client->received.ends_with(body); }));
@@ -140,23 +131,26 @@ TEST_F(ZnHttpServerTest, ARefusedUploadGetsItsAnswer) {
     client->socket.connect(&ZnAbstractSocket::errorOccurred, [&error](int code) { error = code; });
     ASSERT_TRUE(runUntil([&] { return client->isGone(); }));
     EXPECT_EQ(error, 0);
-    EXPECT_EQ(client->received.find("HTTP/1.1 413 Payload Too Large\r\n"), 0U);
+    EXPECT_TRUE(client->received.starts_with("HTTP/1.1 413 Payload Too Large\r\n"));
     EXPECT_TRUE(client->received.ends_with("\r\n\r\nBody too large"));
 }
 
 // Every way to lose the connection under a parked handler; the address sanitizer is the judge.
 TEST_F(ZnHttpServerTest, AParkedHandlerOutlivesClientSessionAndServer) {
-    const auto client = send("GET /park HTTP/1.1\r\n\r\nGET /echo/next HTTP/1.1\r\n\r\n");
-    const auto leaving = send("GET /park HTTP/1.1\r\n\r\n");
-    const auto stopped = send("GET /park HTTP/1.1\r\n\r\n");
+    const auto client = send("GET /park HTTP/1.1\r\n\r\nGET /echo/second HTTP/1.1\r\n\r\n");
+    const auto leaving = sendGet("/park");
+    const auto stopped = sendGet("/park");
     ASSERT_TRUE(runUntil([&] { return parkedHandlers_ == 3; }));
-    EXPECT_NE(firstAnswer("/echo/meanwhile").find("meanwhile"), std::string::npos);
+    client->socket.write(ZnString("GET /echo/third HTTP/1.1\r\n\r\n"));
+    EXPECT_TRUE(firstAnswer("/echo/meanwhile").ends_with("meanwhile"));
     leaving->socket.close();
     settle();
+    EXPECT_EQ(client->received, ""); // one at a time
     loops_.front()->quit();
     loops_.erase(loops_.begin());
-    ASSERT_TRUE(runUntil([&] { return client->answerCount() == 2; }));
-    EXPECT_TRUE(client->received.ends_with("\r\n\r\nnext"));
+    ASSERT_TRUE(runUntil([&] { return client->answerCount() == 3; }));
+    EXPECT_LT(client->received.find("/park"), client->received.find("second"));
+    EXPECT_TRUE(client->received.ends_with("third"));
 
     app_->stop();
     EXPECT_EQ(app_->activeSessionCount(), 0U);
@@ -169,101 +163,80 @@ TEST_F(ZnHttpServerTest, AParkedHandlerOutlivesClientSessionAndServer) {
     EXPECT_EQ(stopped->received, "");
 }
 
-TEST_F(ZnHttpServerTest, AHandlerMayStopOrDeleteItsServer) {
-    app_->get("/stop", [this](ZnHttpContext& context) {
-        app_->stop();
-        context.text("x");
-    });
-    app_->get("/delete", [this, text = std::string(100, 'x')](ZnHttpContext& context) {
-        app_.reset();
-        context.text(ZnString(text));
-    });
-    const auto stops = send("GET /stop HTTP/1.1\r\n\r\n");
-    ASSERT_TRUE(runUntil([&] { return stops->isGone(); }));
-    ASSERT_TRUE(app_->tcpServer().listen("127.0.0.1", port_));
-    const auto deletes = send("GET /delete HTTP/1.1\r\n\r\n");
-    ASSERT_TRUE(runUntil([&] { return deletes->isGone(); }));
-    EXPECT_EQ(app_, nullptr);
-}
-
-TEST_F(ZnHttpServerTest, AHandlerThatIsLateIsAnsweredFor) {
-    ZnHttpTimeouts timeouts;
-    timeouts.bodyTimeoutMs = 50;
-    app_->setTimeouts(timeouts);
-    const auto client = send("GET /park HTTP/1.1\r\n\r\n");
-    ASSERT_TRUE(runUntil([&] { return client->isGone(); }));
-    EXPECT_TRUE(client->received.ends_with("\r\n\r\nRoute async timeout")) << client->received;
-    EXPECT_EQ(app_->stats().inFlight, 1);
-    releaseHandlers();
-    EXPECT_TRUE(runUntil([&] { return app_->stats().inFlight == 0; }));
-    EXPECT_EQ(client->answerCount(), 1U);
-}
-
 TEST_F(ZnHttpServerTest, AdmissionLimits) {
     ZnHttpLimits limits;
     limits.maxConnections = 2;
     limits.maxInflightRequests = 1;
     app_->setLimits(limits);
-    const auto parked = send("GET /park HTTP/1.1\r\n\r\n");
+    const auto parked = sendGet("/park");
     ASSERT_TRUE(runUntil([&] { return parkedHandlers_ == 1; }));
-    const auto busy = send("GET /echo/x HTTP/1.1\r\n\r\n");
-    ASSERT_TRUE(runUntil([&] { return busy->answerCount() == 1; }));
-    EXPECT_TRUE(busy->received.ends_with("\r\n\r\nServer busy"));
+    const auto busy = sendGet("/echo/x");
+    ASSERT_TRUE(runUntil([&] { return busy->received.ends_with("\r\n\r\nServer busy"); }));
     Client refused(port_);
     ASSERT_TRUE(runUntil([&] { return refused.isGone() && app_->stats().connectionsRefused == 1; }));
     EXPECT_EQ(refused.received, "");
     releaseHandlers();
     ASSERT_TRUE(runUntil([&] { return parked->answerCount() == 1; }));
-    busy->received.clear();
     busy->socket.write(ZnString("GET /echo/x HTTP/1.1\r\n\r\n"));
     EXPECT_TRUE(runUntil([&] { return busy->received.ends_with("\r\n\r\nx"); }));
     EXPECT_EQ(app_->stats().busyRefused, 1);
+    EXPECT_EQ(app_->stats().inFlight, 0);
+
+    // What nobody can answer any more does not count as being handled.
+    limits.maxConnections = 0;
+    app_->setLimits(limits);
+    ZnHttpResponseCallback kept;
+    app_->router().addAsyncRoute("GET", "/kept", [&](const auto&, const auto& answer) { kept = answer; });
+    app_->router().addAsyncRoute("GET", "/lost", [](const auto&, const auto&) {});
+    const auto lost = sendGet("/lost");
+    ASSERT_TRUE(runUntil([&] { return app_->stats().requestsStarted == 3; }));
+    const auto later = sendGet("/kept");
+    ASSERT_TRUE(runUntil([&] { return kept != nullptr; }));
+    kept(ZnHttpResponse());
+    kept(ZnHttpResponse());
+    EXPECT_EQ(app_->stats().inFlight, 0);
+    app_.reset();
+    kept(ZnHttpResponse());
 }
 
 // What the peer of one route sees, by what stands in front of it.
 TEST_F(ZnHttpServerTest, FiltersAndMiddleware) {
     ZnHttpServer::Next kept;
-    ZnHttpServer::Next keptAgain;
-    app_->addRequestFilter(nullptr);
     app_->addRequestFilter([](const ZnHttpRequest& request, ZnHttpResponse& response) {
         response.headers.insert("x-filter", "1");
         return request.queryString == "filter";
     });
-    app_->addMiddleware([&](const ZnHttpRequest& request, const ZnHttpServer::Next& next) {
-        const ZnString query = request.queryString; // a later call may outlive the request
-        if (query == "later")
-            kept = next;
-        else if (query == "throw")
+    app_->addMiddleware([](const ZnHttpRequest& request, const ZnHttpServer::Next& next) {
+        if (request.queryString == "throw")
             throw std::runtime_error("x");
-        else if (query != "lost")
-            next(query == "first", ZnHttpResponse::text(200, "from the first"));
-        if (query == "twice")
-            next(false, {});
+        next(request.queryString == "first", ZnHttpResponse::text(200, "from the first"));
+        next(false, {}); // only once
     });
     app_->addMiddleware([&](const ZnHttpRequest& request, const ZnHttpServer::Next& next) {
-        keptAgain = next;
-        next(request.queryString == "second", ZnHttpResponse::text(200, "from the second"));
+        if (request.queryString == "later")
+            kept = next;
+        else
+            next(request.queryString == "second", ZnHttpResponse::text(200, "from the second"));
     });
-    const struct {
-        const char* query;
-        const char* body;
-    } kRows[] = {{"", "\r\n\r\nx"},          {"filter", "\r\nx-filter: 1\r\n"}, {"first", "from the first"},
-                 {"second", "from the second"}, {"throw", "Internal Server Error"},  {"twice", "\r\n\r\nx"}};
-    for (const auto& row : kRows) {
-        const std::string answer = firstAnswer(std::string("/echo/x?") + row.query);
-        EXPECT_NE(answer.find(row.body), std::string::npos) << answer;
+    const std::pair<const char*, const char*> kRows[] = {
+        {"", "\r\n\r\nx"},          {"filter", "\r\nx-filter: 1\r\n"}, {"first", "from the first"},
+        {"second", "from the second"}, {"throw", "Internal Server Error"}};
+    for (const auto& [query, part] : kRows) {
+        const std::string answer = firstAnswer(std::string("/echo/x?") + query);
+        EXPECT_NE(answer.find(part), std::string::npos) << answer;
     }
-    const auto client = send("GET /echo/later?later HTTP/1.1\r\n\r\n");
+    const auto client = sendGet("/echo/later?later");
     ASSERT_TRUE(runUntil([&] { return kept != nullptr; }));
+    settle();
+    EXPECT_EQ(client->received, "");
     std::thread([&] { kept(false, {}); }).join(); // goes on here all the same
     EXPECT_TRUE(runUntil([&] { return client->received.ends_with("\r\n\r\nlater"); }));
     EXPECT_EQ(app_->stats().inFlight, 0);
-    const auto late = send("GET /echo/later?later HTTP/1.1\r\n\r\n");
+    const auto late = sendGet("/echo/later?later");
     kept = nullptr;
     ASSERT_TRUE(runUntil([&] { return kept != nullptr; }));
     app_.reset();
     kept(false, {});
-    keptAgain(false, {});
 }
 
 TEST_F(ZnHttpServerTest, ContextMiddlewareStandsInFrontOfLaterRoutes) {
@@ -276,12 +249,6 @@ TEST_F(ZnHttpServerTest, ContextMiddlewareStandsInFrontOfLaterRoutes) {
         next();
         next(); // only once
     });
-    app_->addContextMiddleware([](ZnHttpContext& context, const std::function<void()>& next) {
-        if (context.request().queryString == "answer")
-            context.text("middleware");
-        else
-            next();
-    });
     app_->setErrorHandler([](ZnHttpContext& context, const ZnString& errorText) {
         if (context.request().queryString == "again")
             throw 1;
@@ -289,7 +256,6 @@ TEST_F(ZnHttpServerTest, ContextMiddlewareStandsInFrontOfLaterRoutes) {
     });
     app_->setRoutePrefix(" api//v1/ ");
     int callCount = 0;
-    const ZnHttpRouteOptions options{" user ", 200, true}; // of which a busy machine takes a part
     app_->get("/", [&](ZnHttpContext& context) {
         ++callCount;
         const auto user = std::any_cast<std::string>(context.locals()["user"]);
@@ -297,31 +263,20 @@ TEST_F(ZnHttpServerTest, ContextMiddlewareStandsInFrontOfLaterRoutes) {
             throw std::runtime_error("it");
         ZnEventLoop().exec(user == "slow" ? 250 : 1);
         context.text(ZnString(user));
-    }, options);
-    app_->get("slow", [](ZnHttpContext& context) {
-        ZnEventLoop().exec(20);
-        context.response().closeConnection = true;
-        context.text("done");
-    }, {"", 5, false});
+    }, {" user ", 200, true}); // of the time a busy machine takes a part
     EXPECT_EQ(app_->router().namedPattern("user"), "/api/v1");
-    const struct {
-        const char* path;
-        const char* status;
-        const char* body;
-        const char* header;
-    } kRows[] = {{"/api/v1?me", "200 OK", "me", "connection: keep-alive"},
-                 {"/api/v1?stop", "500 Internal Server Error", "Route handler produced no response", ""},
-                 {"/api/v1?answer", "200 OK", "middleware", ""},
-                 {"/api/v1?throw", "502 Bad Gateway", "caught it", ""},
-                 {"/api/v1?again", "500 Internal Server Error", "Internal Server Error", "connection: close"},
-                 {"/api/v1?slow", "504 Gateway Timeout", "Route timeout", "\r\nx-route-timeout-ms: "},
-                 {"/api/v1/slow", "200 OK", "done", "\r\nx-route-timeout-ms: "},
-                 {"/echo/x", "200 OK", "x", ""}};
-    for (const auto& row : kRows) {
-        const std::string answer = firstAnswer(row.path);
-        EXPECT_EQ(answer.find(std::string("HTTP/1.1 ") + row.status + "\r\n"), 0U) << answer;
-        EXPECT_TRUE(answer.ends_with(std::string("\r\n\r\n") + row.body)) << answer;
-        EXPECT_NE(answer.find(row.header), std::string::npos) << answer;
+    const struct { const char *path, *status, *body, *header; } kRows[] = {
+        {"/api/v1?me", "200 OK", "me", "connection: keep-alive"},
+        {"/api/v1?stop", "500 Internal Server Error", "Route handler produced no response", ""},
+        {"/api/v1?throw", "502 Bad Gateway", "caught it", ""},
+        {"/api/v1?again", "500 Internal Server Error", "Internal Server Error", "connection: close"},
+        {"/api/v1?slow", "504 Gateway Timeout", "Route timeout", "\r\nx-route-timeout-ms: "},
+        {"/echo/x", "200 OK", "x", ""}};
+    for (const auto& [path, status, body, header] : kRows) {
+        const std::string answer = firstAnswer(path);
+        EXPECT_TRUE(answer.starts_with(std::string("HTTP/1.1 ") + status + "\r\n")) << answer;
+        EXPECT_TRUE(answer.ends_with(std::string("\r\n\r\n") + body)) << answer;
+        EXPECT_NE(answer.find(header), std::string::npos) << answer;
         if (kept)
             kept(); // its route has ended
     }
@@ -357,15 +312,6 @@ protected:
     }
     void openGate() { gate_.set_value(); }
 
-    /// For a condition that comes true on another thread, which does not wake the loop.
-    bool pollUntil(const std::function<bool()>& condition) {
-        const long long deadlineNs = monotonicNowNs() + 10'000'000'000;
-        while (!condition() && monotonicNowNs() < deadlineNs)
-            settle(1);
-        return condition();
-    }
-
-    const std::thread::id loopThread_ = std::this_thread::get_id();
     std::unique_ptr<ZnThreadPool> pool_ = std::make_unique<ZnThreadPool>();
     std::promise<void> gate_; // tasks of the pool wait for it
     std::shared_future<void> opened_ = gate_.get_future().share();
@@ -378,34 +324,24 @@ TEST_F(ZnHttpServerPoolTest, RoutesRunOnThePool) {
         return request.queryString == "filter";
     });
     app_->router().setTrailingSlash(ZnHttpRouter::TrailingSlash::Strip);
-    const struct {
-        const char* path;
-        const char* answer;
-    } kRows[] = {{"/pool/a", "\r\n\r\na"},      {"/async", "async"}, {"/poolthrow", "Internal Server Error"},
-                 {"/pool/a?filter", "200 OK"}, {"/none", "404"},    {"/pool/a/", "308"}};
-    for (const auto& row : kRows)
-        EXPECT_NE(firstAnswer(row.path).find(row.answer), std::string::npos) << row.path;
-    std::string burst;
-    for (int i = 0; i < 10; ++i)
-        burst += "GET /pool/" + std::to_string(i) + " HTTP/1.1\r\n\r\n";
-    const auto client = send(burst);
-    ASSERT_TRUE(runUntil([&] { return client->answerCount() == 10; }));
-    std::string words;
-    for (std::size_t at = 0; (at = client->received.find("\r\n\r\n", at)) != std::string::npos; at += 4)
-        words += client->received[at + 4];
-    EXPECT_EQ(words, "0123456789"); // in order, though on two threads
+    const std::pair<const char*, const char*> kRows[] = {
+        {"/pool/a", "\r\n\r\na"},     {"/async", "async"}, {"/poolthrow", "Internal Server Error"},
+        {"/pool/a?filter", "200 OK"}, {"/none", "404"},    {"/pool/a/", "308"}};
+    for (const auto& [path, part] : kRows)
+        EXPECT_NE(firstAnswer(path).find(part), std::string::npos) << path;
     EXPECT_EQ(app_->stats().inFlight, 0);
 }
 
-TEST_F(ZnHttpServerPoolTest, AFullPoolIsNotWaitedFor) {
+TEST_F(ZnHttpServerPoolTest, AFullPoolIsNotWaitedForAndWhatItDropsIsAnswered) {
     ZnHttpLimits limits;
     limits.maxThreadPoolRequests = 3;
     app_->setLimits(limits);
     pool_->setMaxThreadCount(1);
     pool_->setMaxQueuedTaskCount(1);
-    const auto running = send("GET /gate HTTP/1.1\r\n\r\n");
+    EXPECT_NE(firstAnswer("/pool/x").find("200 OK"), std::string::npos);
+    const auto running = sendGet("/gate");
     ASSERT_TRUE(pollUntil([&] { return waitingCount_ == 1; }));
-    const auto queued = send("GET /pool/queued HTTP/1.1\r\n\r\n");
+    const auto queued = sendGet("/pool/queued");
     ASSERT_TRUE(pollUntil([&] { return pool_->queuedTaskCount() == 1; }));
     EXPECT_NE(firstAnswer("/pool/x").find("\r\n\r\nThreadPool saturated"), std::string::npos);
     EXPECT_EQ(app_->stats().poolRefused, 0); // by the pool
@@ -414,27 +350,15 @@ TEST_F(ZnHttpServerPoolTest, AFullPoolIsNotWaitedFor) {
     EXPECT_NE(firstAnswer("/pool/x").find("503 Service Unavailable"), std::string::npos);
     EXPECT_EQ(app_->stats().poolRefused, 1);
     EXPECT_NE(firstAnswer("/async").find("async"), std::string::npos);
-    openGate();
-    EXPECT_TRUE(runUntil([&] { return running->answerCount() + queued->answerCount() == 2; }));
-    EXPECT_TRUE(queued->received.ends_with("queued"));
-    EXPECT_NE(firstAnswer("/pool/x").find("200 OK"), std::string::npos);
-    EXPECT_EQ(app_->stats().statusCounts.value("503"), 2U);
-}
-
-TEST_F(ZnHttpServerPoolTest, WhatThePoolDropsIsAnswered) {
-    pool_->setMaxThreadCount(1);
-    const auto running = send("GET /gate HTTP/1.1\r\n\r\n");
-    ASSERT_TRUE(pollUntil([&] { return waitingCount_ == 1; }));
-    const auto queued = send("GET /pool/queued HTTP/1.1\r\n\r\n");
-    ASSERT_TRUE(pollUntil([&] { return pool_->queuedTaskCount() == 1; }));
     std::thread opener([&] {
-        while (app_->stats().responsesFinished == 0) // dropped first, then what runs is waited for
+        while (app_->stats().statusCounts.value("503") < 3) // dropped first, then what runs is waited for
             std::this_thread::yield();
         openGate();
     });
     pool_.reset();
     opener.join();
     EXPECT_TRUE(runUntil([&] { return running->answerCount() + queued->answerCount() == 2; }));
+    EXPECT_TRUE(running->received.ends_with("through"));
     EXPECT_TRUE(queued->received.ends_with("\r\n\r\nThreadPool unavailable")) << queued->received;
     EXPECT_NE(firstAnswer("/echo/x").find("200 OK"), std::string::npos); // inline
 }
@@ -452,11 +376,11 @@ TEST_F(ZnHttpServerPoolTest, JobsOutliveTheirConnections) {
     const auto isServed = [](const auto& client) { return !client->socket.isOpen() || client->answerCount() == 2; };
     ASSERT_TRUE(pollUntil([&] { return std::all_of(clients.begin(), clients.end(), isServed); }));
     ASSERT_TRUE(pollUntil([&] { return pool_->waitForDone(); })); // else both gates could end up with one worker
-    const auto leaving = send("GET /gate HTTP/1.1\r\n\r\n");
+    const auto leaving = sendGet("/gate");
     ASSERT_TRUE(pollUntil([&] { return waitingCount_ == 1; }));
-    const auto staying = send("GET /gate HTTP/1.1\r\n\r\n");
+    const auto staying = sendGet("/gate");
     ASSERT_TRUE(pollUntil([&] { return waitingCount_ == 2; }));
-    const auto queued = send("GET /pool/x HTTP/1.1\r\n\r\n");
+    const auto queued = sendGet("/pool/x");
     ASSERT_TRUE(pollUntil([&] { return pool_->queuedTaskCount() == 1; }));
     leaving->socket.close();
     ASSERT_TRUE(runUntil([&] { return app_->activeSessionCount() <= 42; }));
@@ -486,59 +410,34 @@ TEST_F(ZnHttpServerPoolTest, FilesOfUploadsGoWithTheirRequest) {
         context.text("done");
     });
     const auto fileCount = [&] {
-        const std::filesystem::directory_iterator files(limits.multipartTempDir.str());
-        return std::distance(begin(files), end(files));
+        return std::distance(std::filesystem::directory_iterator(limits.multipartTempDir.str()), {});
     };
     const struct {
-        const char* query;
+        std::string query;
         std::size_t withheldBytes; // of the end of the body
-        bool isAnswered;
-        bool isTaken;
+        bool isAnswered, isTaken;
     } kRows[] = {{"", 0, true, false}, {"take", 0, true, true}, {"", 5, false, false}, {"wait", 0, false, false}};
-    const std::string body =
-        "--b\r\ncontent-disposition: form-data; name=f; filename=x\r\n\r\ncontent\r\n--b--\r\n";
+    const std::string body = "--b\r\ncontent-disposition: form-data; name=f; filename=x\r\n\r\ncontent\r\n--b--\r\n";
     for (const auto& row : kRows) {
-        const int waitingBefore = waitingCount_;
-        const auto client = send(std::string("POST /upload?") + row.query +
-                                 " HTTP/1.1\r\ncontent-type: multipart/form-data; boundary=b\r\ncontent-length: " +
-                                 std::to_string(body.size()) + "\r\n\r\n" +
+        waitingCount_ = 0;
+        const auto client = send("POST /upload?" + row.query + " HTTP/1.1\r\ncontent-type: multipart/form-data; "
+                                 "boundary=b\r\ncontent-length: " + std::to_string(body.size()) + "\r\n\r\n" +
                                  body.substr(0, body.size() - row.withheldBytes));
-        if (row.isAnswered) {
+        if (row.isAnswered)
             EXPECT_TRUE(runUntil([&] { return client->received.ends_with("done"); })) << client->received;
-        } else {
-            ASSERT_TRUE(pollUntil([&] {
-                return row.withheldBytes > 0 ? fileCount() == 1 : waitingCount_ > waitingBefore;
-            }));
-            client->socket.close();
-            EXPECT_TRUE(runUntil([&] { return app_->activeSessionCount() == 0; }));
-            if (row.withheldBytes == 0)
-                openGate();
-            EXPECT_TRUE(pool_->waitForDone());
-            settle();
-        }
-        EXPECT_EQ(fileCount(), 0) << row.query;
-        EXPECT_EQ(std::filesystem::remove(taken.str()), row.isTaken) << row.query;
+        else
+            ASSERT_TRUE(pollUntil([&] { return row.withheldBytes > 0 ? fileCount() == 1 : waitingCount_ == 1; }));
+        EXPECT_EQ(fileCount(), row.isAnswered ? 0 : 1) << row.query;
         client->socket.close();
         EXPECT_TRUE(runUntil([&] { return app_->activeSessionCount() == 0; }));
+        settle();
+        EXPECT_EQ(fileCount(), 0) << row.query; // even if a handler still holds the request
+        if (row.query == "wait")
+            openGate();
+        EXPECT_TRUE(pool_->waitForDone());
+        EXPECT_EQ(std::filesystem::remove(taken.str()), row.isTaken) << row.query;
     }
     EXPECT_EQ(app_->stats().inFlight, 0);
-}
-
-// What nobody can answer any more does not count as being handled.
-TEST_F(ZnHttpServerTest, LostCallbacksAreNotInFlight) {
-    ZnHttpResponseCallback kept;
-    ZnHttpRouter& router = app_->router();
-    router.addAsyncRoute("GET", "/lost", [](const auto&, const ZnHttpResponseCallback&) {});
-    router.addAsyncRoute("GET", "/kept", [&](const auto&, const ZnHttpResponseCallback& answer) { kept = answer; });
-    router.addRoute("GET", "/throws", [](const ZnHttpRequest&) -> ZnHttpResponse { throw std::runtime_error("x"); });
-    const auto lost = send("GET /lost HTTP/1.1\r\n\r\n");
-    const auto later = send("GET /kept HTTP/1.1\r\n\r\n");
-    ASSERT_TRUE(runUntil([&] { return kept && app_->stats().requestsStarted == 2; }));
-    EXPECT_EQ(app_->stats().inFlight, 1);
-    EXPECT_NE(firstAnswer("/throws").find("500 Internal"), std::string::npos);
-    app_.reset();
-    kept(ZnHttpResponse());
-    kept(ZnHttpResponse());
 }
 
 } // namespace

@@ -33,8 +33,6 @@ public:
         output_ += bytes.view();
         if (const std::function<void()> call = onWrite)
             call();
-        else if (!stallsWrites)
-            writeFinished();
         return true;
     }
     bool connectToHost(const ZnString&, unsigned short) override { return false; }
@@ -46,8 +44,7 @@ public:
         readyRead();
     }
 
-    bool stallsWrites = false;
-    std::function<void()> onWrite; // may emit, and delete this socket
+    std::function<void()> onWrite = [this] { writeFinished(); }; // null: stalls; it may delete this socket
 
 private:
     std::string input_;
@@ -62,8 +59,8 @@ struct Link {
     const long long openedNs = monotonicNowNs();
 };
 
-std::string getOf(const std::string& path, const char* version = "1.1") {
-    return "GET " + path + " HTTP/" + version + "\r\n\r\n";
+std::string getOf(const std::string& path) {
+    return "GET " + path + " HTTP/1.1\r\n\r\n";
 }
 
 ZnHttpResponse echoOf(const ZnHttpRequest& request) {
@@ -77,23 +74,26 @@ std::string answerTo(const std::string& path, const char* connection = "keep-ali
 
 class ZnHttpSessionTest : public LoopFixture {
 protected:
-    Link& open(ZnHttpSession::RequestHandler handler = nullptr, const ZnHttpTimeouts& timeouts = {},
-               const ZnHttpLimits& limits = {}) {
+    Link& open(ZnHttpSession::RequestHandler handler = nullptr, const ZnHttpTimeouts& timeouts = {}) {
         Link& link = links_.emplace_back();
-        auto* socket = new FakeSocket(link.output);
-        auto* session = new ZnHttpSession(socket, &router_, limits, timeouts, false, 80);
-        session->setRequestHandler(std::move(handler));
-        session->setClosedHandler([&link](ZnHttpSession* closed) {
+        link.socket = new FakeSocket(link.output);
+        link.session = new ZnHttpSession(link.socket.get(), &router_, limits_, timeouts, false, 80);
+        link.session->setRequestHandler(std::move(handler));
+        link.session->setClosedHandler([&link](ZnHttpSession* closed) {
             link.closedNs = monotonicNowNs();
             closed->deleteLater();
         });
-        link.socket = socket;
-        link.session = session;
         return link;
+    }
+    /// With a handler that only keeps the callbacks.
+    Link& openUnanswered(const ZnHttpTimeouts& timeouts = {}) {
+        return open([this](const auto&, const auto& callback) { callbacks_.push_back(callback); }, timeouts);
     }
     void park(int ms) { ZnEventLoop().exec(ms); }
 
     ZnHttpRouter router_;
+    ZnHttpLimits limits_;
+    std::vector<ZnHttpResponseCallback> callbacks_;
     std::list<Link> links_;
 };
 
@@ -102,65 +102,33 @@ TEST_F(ZnHttpSessionTest, AnswersWithoutGoingThroughTheLoop) {
     Link& link = open();
     link.socket->receive(getOf("/a") + "HEAD /a HTTP/1.1\r\n");
     link.socket->receive("\r\n" + getOf("/b"));
-    EXPECT_EQ(link.output.find(answerTo("/a") + "HTTP/1.1 200 OK"), 0U);
-    settle(); // the second answer of the second read comes from the loop at the latest
-    const std::string head = answerTo("/a").substr(0, answerTo("/a").size() - 2);
-    EXPECT_EQ(link.output.substr(0, 2 * head.size() + 2), answerTo("/a") + head);
-    EXPECT_NE(link.output.find("404 Not Found"), std::string::npos);
+    const std::string answer = answerTo("/a");
+    const std::string head = answer.substr(0, answer.size() - 2);
+    EXPECT_TRUE(link.output.starts_with(answer + head + "HTTP/1.1 404 Not Found\r\n")) << link.output;
     EXPECT_FALSE(link.session->isClosed());
-    link.socket->receive(getOf("/a", "1.0"));
+    link.socket->receive("GET /a HTTP/1.0\r\n\r\n");
     EXPECT_TRUE(link.output.ends_with(answerTo("/a", "close")));
     EXPECT_NE(link.closedNs, 0);
-}
-
-TEST_F(ZnHttpSessionTest, OneRequestAtATimeAlsoWhenTheHandlerParks) {
-    int activeCount = 0;
-    router_.addRoute("GET", "/*", [&](const ZnHttpRequest& request) {
-        EXPECT_EQ(++activeCount, 1);
-        park(10);
-        --activeCount;
-        return echoOf(request);
-    });
-    Link& link = open();
-    std::string expected;
-    application_.postEvent([&] { link.socket->receive(getOf("/0") + getOf("/1")); });
-    ASSERT_TRUE(runUntil([&] { return activeCount == 1; }));
-    application_.postEvent([&] { link.socket->receive(getOf("/2")); });
-    for (const char* path : {"/0", "/1", "/2"})
-        expected += answerTo(path);
-    EXPECT_TRUE(runUntil([&] { return link.output == expected; }));
 }
 
 // With the pool saturated the post that goes on with the burst is refused.
 TEST_F(ZnHttpSessionTest, ALongBurstGivesOthersATurnAndIsNeverLost) {
     int handledCount = 0;
     router_.addRoute("GET", "/", [&](const ZnHttpRequest& request) { return ++handledCount, echoOf(request); });
-    ZnHttpLimits limits;
-    limits.maxPipelinedRequests = 100;
+    limits_.maxPipelinedRequests = 50;
+    std::string burst;
+    for (int i = 0; i < 50; ++i)
+        burst += getOf("/");
     for (const bool isSaturated : {false, true}) {
-        Link& link = open(nullptr, {}, limits);
         while (isSaturated && application_.postEvent([] {})) {
         }
         handledCount = 0;
-        std::string burst;
-        for (int i = 0; i < 50; ++i)
-            burst += getOf("/");
+        Link& link = open();
         link.socket->receive(burst);
         EXPECT_EQ(handledCount, 16);
         EXPECT_TRUE(runUntil([&] { return handledCount == 50; }));
         EXPECT_EQ(link.output.size(), 50 * answerTo("/").size());
     }
-}
-
-TEST_F(ZnHttpSessionTest, NextRequestWaitsForTheWrite) {
-    router_.addRoute("GET", "/*", echoOf);
-    Link& link = open();
-    link.socket->stallsWrites = true;
-    link.socket->receive(getOf("/1") + getOf("/2"));
-    settle();
-    EXPECT_EQ(link.output, answerTo("/1"));
-    link.socket->writeFinished();
-    EXPECT_EQ(link.output, answerTo("/1") + answerTo("/2"));
 }
 
 ZnHttpResponse fileResponse(const ZnString& path, std::uint64_t offset, std::uint64_t length) {
@@ -193,8 +161,7 @@ TEST_F(ZnHttpSessionTest, BodiesLeavePieceByPiece) {
     const struct {
         const char* name;
         const ZnHttpResponse& response;
-        const char* framing;
-        std::string body;
+        std::string framing, body;
         std::vector<std::size_t> pieces; // bytes behind the head after each write
     } kRows[] = {
         {"part", fileResponse(path, 3, 9000), "content-length: 9000", content.substr(3, 9000), {4096, 8192, 9000}},
@@ -212,10 +179,13 @@ TEST_F(ZnHttpSessionTest, BodiesLeavePieceByPiece) {
             Link& link = open([&](const auto& request, const ZnHttpResponseCallback& callback) {
                 callback(request->path == "/next" ? echoOf(*request) : row.response);
             });
-            link.socket->stallsWrites = stalls;
+            if (stalls)
+                link.socket->onWrite = nullptr;
             link.socket->receive(getOf("/") + getOf("/next"));
             const std::size_t headBytes = link.output.find("\r\n\r\n") + 4;
-            EXPECT_NE(link.output.find(std::string("\r\n") + row.framing + "\r\n"), std::string::npos);
+            const std::string sent = link.output.substr(0, headBytes);
+            EXPECT_NE(sent.find("\r\n" + row.framing + "\r\n"), std::string::npos);
+            EXPECT_NE(sent.find("content-length") == std::string::npos, sent.find("chunked") == std::string::npos);
             for (std::size_t i = 0; stalls && i < row.pieces.size(); ++i) {
                 settle(1);
                 EXPECT_EQ(link.output.size() - headBytes, row.pieces[i]); // and no more before the peer has taken it
@@ -232,11 +202,7 @@ TEST_F(ZnHttpSessionTest, AFileThatCannotBeSentIsAnsweredOrCutShort) {
     const ZnString pipe = directory.path("pipe");
     ASSERT_EQ(::mkfifo(pipe.data(), 0600), 0);
     const ZnString file = directory.file("f", std::string(5000, 'x'));
-    const struct {
-        ZnHttpResponse response;
-        const char* body;
-    } kRows[] = {
-        {fileResponse(directory.path("none"), 0, 1), "Unable to open file"},
+    const struct { ZnHttpResponse response; const char* body; } kRows[] = {
         {fileResponse(directory.path(), 0, 1), "Unable to open file"},
         {fileResponse(pipe, 0, 1), "Unable to open file"}, // nor does it wait for a writer
         {fileResponse(ZnString((file.str() + '\0').data(), file.size() + 2), 0, 1), "Unable to open file"},
@@ -247,7 +213,7 @@ TEST_F(ZnHttpSessionTest, AFileThatCannotBeSentIsAnsweredOrCutShort) {
         router_.setFallback([&row](const ZnHttpRequest&) { return row.response; });
         Link& link = open();
         link.socket->receive(getOf("/"));
-        EXPECT_EQ(link.output.find("HTTP/1.1 500 Internal Server Error\r\n"), 0U);
+        EXPECT_TRUE(link.output.starts_with("HTTP/1.1 500 Internal Server Error\r\n"));
         EXPECT_TRUE(link.output.ends_with(std::string("connection: close\r\n\r\n") + row.body));
         EXPECT_NE(link.closedNs, 0);
     }
@@ -258,15 +224,18 @@ TEST_F(ZnHttpSessionTest, AFileThatCannotBeSentIsAnsweredOrCutShort) {
     EXPECT_TRUE(link.output.ends_with("\r\n\r\n" + std::string(5000, 'x')));
 }
 
-// A descriptor that leaked would stay open with the connection.
-TEST_F(ZnHttpSessionTest, AStreamEndsWithItsConnection) {
+const std::function<void(Link&)> kEnds[] = {
+    [](Link& link) { delete link.session.get(); }, [](Link& link) { delete link.socket.get(); },
+    [](Link& link) { link.socket->close(); },      [](Link& link) { link.socket->errorOccurred(10054); },
+    [](Link& link) { link.session->close(); },
+};
+
+// Whatever ends the connection: the handler returns in peace, and the file that was on its way is closed. The address
+// sanitizer is the judge.
+TEST_F(ZnHttpSessionTest, HandlerOutlivesTheConnection) {
+    enum class When { Running, Parked, Writing, Streaming };
     const TemporaryDirectory directory;
     const ZnString file = directory.file("f", std::string(100'000, 'x'));
-    router_.setFallback([&](const ZnHttpRequest&) { return fileResponse(file, 0, 100'000); });
-    const std::function<void(Link&)> kEnds[] = {
-        [](Link& link) { delete link.session.get(); }, [](Link& link) { link.socket->close(); },
-        [](Link& link) { link.socket->errorOccurred(10054); },
-    };
     const auto openFiles = [&] {
         const std::filesystem::directory_iterator files("/proc/self/fd");
         return std::count_if(begin(files), end(files), [&](const auto& entry) {
@@ -274,15 +243,35 @@ TEST_F(ZnHttpSessionTest, AStreamEndsWithItsConnection) {
             return std::filesystem::read_symlink(entry, error) == file.str();
         });
     };
-    for (const auto& end : kEnds) {
-        for (const bool stalls : {false, true}) {
+    for (const auto& endConnection : kEnds) {
+        for (const When when : {When::Running, When::Parked, When::Writing, When::Streaming}) {
             Link& link = open();
-            link.socket->stallsWrites = stalls;
-            link.socket->receive(getOf("/"));
-            EXPECT_EQ(openFiles(), 1);
-            end(link);
-            EXPECT_EQ(openFiles(), 0);
-            settle(1);
+            int returnedCount = 0;
+            link.session->setRequestHandler([&](const auto& request, const auto& callback) {
+                const ZnHttpRequest* const kept = request.get();
+                if (when == When::Running)
+                    endConnection(link);
+                if (when == When::Parked) {
+                    ZnTimer::singleShot(0, [&] { endConnection(link); });
+                    park(30);
+                }
+                callback(fileResponse(file, kept->path.size(), 90'000));
+                ++returnedCount;
+            });
+            if (when == When::Writing)
+                link.socket->onWrite = [&] { endConnection(link); };
+            runOnFiber([&] {
+                link.socket->receive(getOf("/1") + getOf("/2"));
+                EXPECT_EQ(openFiles(), when == When::Streaming ? 1 : 0);
+                if (when == When::Streaming)
+                    endConnection(link);
+                EXPECT_EQ(openFiles(), 0);
+            });
+            settle();
+            EXPECT_EQ(returnedCount, 1);
+            EXPECT_NE(link.closedNs, 0);
+            EXPECT_FALSE(link.session);
+            EXPECT_EQ(link.output.empty(), when == When::Running || when == When::Parked);
             EXPECT_LT(link.output.size(), 4096U + 200U);
         }
     }
@@ -294,36 +283,33 @@ TEST_F(ZnHttpSessionTest, ASwitchHandsTheSocketOver) {
         for (const bool throws : {false, true}) {
             ZnPointer<ZnAbstractSocket> taken;
             bool wasClosed = false;
-            Link* current = nullptr;
-            Link& link = open([&](const std::shared_ptr<ZnHttpRequest>&, const ZnHttpResponseCallback& callback) {
+            Link& link = open();
+            link.session->setRequestHandler([&](const auto&, const auto& callback) {
                 ZnHttpResponse response = ZnHttpResponse::text(101, "no part of it");
                 response.headers = {{"connection", "upgrade"}};
                 response.closeConnection = response.switchProtocols = true;
                 response.switchWithoutHead = !hasHead;
                 response.onSwitch = [&](ZnAbstractSocket* socket) {
                     taken = socket;
-                    wasClosed = current->session->isClosed();
-                    park(10);
+                    wasClosed = link.session->isClosed();
                     if (throws)
                         throw 1;
                 };
                 callback(std::move(response));
             });
-            current = &link;
-            link.socket->stallsWrites = hasHead;
-            application_.postEvent([&] { link.socket->receive(getOf("/")); });
-            settle(1);
-            if (hasHead) {
-                EXPECT_FALSE(taken);
-                application_.postEvent([&] {
-                    link.socket->receive("\x81\x01"); // not HTTP any more, and not the session's
-                    link.socket->writeFinished();
-                });
-            }
-            EXPECT_TRUE(runUntil([&] { return taken.get() != nullptr; }));
+            if (hasHead)
+                link.socket->onWrite = nullptr;
+            application_.postEvent([&] {
+                link.socket->receive(getOf("/"));
+                EXPECT_EQ(!taken, hasHead);
+                if (!hasHead)
+                    return;
+                link.socket->receive("\x81\x01"); // not HTTP any more, and not the session's
+                link.socket->writeFinished();
+            });
+            EXPECT_TRUE(runUntil([&] { return taken && !link.session; }));
             EXPECT_TRUE(wasClosed);
-            EXPECT_TRUE(runUntil([&] { return !link.session; }));
-            settle(20);
+            settle();
             EXPECT_EQ(link.output, hasHead ? head : "");
             EXPECT_EQ(!link.socket, throws);
             if (link.socket) {
@@ -336,35 +322,14 @@ TEST_F(ZnHttpSessionTest, ASwitchHandsTheSocketOver) {
     }
 }
 
-TEST_F(ZnHttpSessionTest, FormsAreTakenApartOrRefused) {
-    router_.addRoute("POST", "/", [](const ZnHttpRequest& request) {
-        return ZnHttpResponse::text(200, request.formFields.value("a").view());
-    });
-    const auto form = [](const std::string& type, const std::string& body) {
-        return "POST / HTTP/1.1\r\ncontent-type: multipart/form-data" + type +
-               "\r\ncontent-length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-    };
-    const std::string body = "--b\r\ncontent-disposition: form-data; name=a\r\n\r\nvalue\r\n--b--";
-    Link& link = open();
-    link.socket->receive(form("; boundary=b", body));
-    EXPECT_TRUE(link.output.ends_with("\r\n\r\nvalue"));
-    link.socket->receive(form("", body) + getOf("/"));
-    EXPECT_TRUE(link.output.ends_with("connection: close\r\n\r\nMissing multipart boundary"));
-    EXPECT_NE(link.closedNs, 0);
-}
-
 // With the pool full to the last place the posts are refused.
 TEST_F(ZnHttpSessionTest, AnswersFromOtherThreadsWaitForRoom) {
-    std::vector<ZnHttpResponseCallback> callbacks;
-    for (int i = 0; i < 20; ++i) {
-        open([&](const std::shared_ptr<ZnHttpRequest>&, const ZnHttpResponseCallback& callback) {
-            callbacks.push_back(callback);
-        }).socket->receive(getOf("/"));
-    }
+    for (int i = 0; i < 20; ++i)
+        openUnanswered().socket->receive(getOf("/"));
     for (ZnTask task = [] {}; application_.tryPostOnLane(task, ZnFiberPool::kFirstLane); task = [] {}) {
     }
     std::thread([&] {
-        for (const ZnHttpResponseCallback& callback : callbacks)
+        for (const ZnHttpResponseCallback& callback : callbacks_)
             callback(ZnHttpResponse::text(200, "/x"));
     }).join();
     EXPECT_TRUE(runUntil([&] {
@@ -373,94 +338,42 @@ TEST_F(ZnHttpSessionTest, AnswersFromOtherThreadsWaitForRoom) {
 }
 
 TEST_F(ZnHttpSessionTest, OnlyTheFirstAnswerToTheRequestCounts) {
-    std::vector<ZnHttpResponseCallback> callbacks;
-    Link& link = open([&](const std::shared_ptr<ZnHttpRequest>&, const ZnHttpResponseCallback& callback) {
-        callbacks.push_back(callback);
-    });
+    Link& link = openUnanswered();
     link.socket->receive(getOf("/1") + getOf("/2"));
-    ASSERT_EQ(callbacks.size(), 1U);
-    callbacks[0](ZnHttpResponse::text(200, "/1"));
-    EXPECT_TRUE(runUntil([&] { return callbacks.size() == 2; }));
-    callbacks[0](ZnHttpResponse::text(200, "/again"));
-    EXPECT_EQ(link.output, answerTo("/1"));
-    std::thread([&] { callbacks[1](ZnHttpResponse::text(200, "/2")); }).join();
+    ASSERT_EQ(callbacks_.size(), 1U);
+    callbacks_[0](ZnHttpResponse::text(200, "/1"));
+    EXPECT_TRUE(runUntil([&] { return callbacks_.size() == 2; }));
+    callbacks_[0](ZnHttpResponse::text(200, "/again"));
+    std::thread([&] { callbacks_[1](ZnHttpResponse::text(200, "/2")); }).join();
     EXPECT_EQ(link.output, answerTo("/1"));
     EXPECT_TRUE(runUntil([&] { return link.output == answerTo("/1") + answerTo("/2"); }));
+    callbacks_[1](ZnHttpResponse::text(200, "/again"));
+    EXPECT_EQ(link.output, answerTo("/1") + answerTo("/2"));
     link.session->close();
     settle();
-    callbacks[1](ZnHttpResponse::text(200, "/late"));
+    callbacks_[1](ZnHttpResponse::text(200, "/late"));
     EXPECT_FALSE(link.session);
-}
-
-// Whatever ends the connection while the handler runs or is parked: the handler returns in peace. The address
-// sanitizer is the judge.
-TEST_F(ZnHttpSessionTest, HandlerOutlivesTheConnection) {
-    const std::function<void(Link&)> kEnds[] = {
-        [](Link& link) { delete link.session.get(); }, [](Link& link) { delete link.socket.get(); },
-        [](Link& link) { link.socket->close(); },      [](Link& link) { link.socket->errorOccurred(10054); },
-        [](Link& link) { link.session->close(); },
-    };
-    int returnedCount = 0;
-    for (const auto& end : kEnds) {
-        for (const bool parks : {false, true}) {
-            Link* current = nullptr;
-            Link& link = open([&, parks](const std::shared_ptr<ZnHttpRequest>& request,
-                                         const ZnHttpResponseCallback& callback) {
-                const ZnHttpRequest* const kept = request.get();
-                if (parks) {
-                    ZnTimer::singleShot(0, [&] { end(*current); });
-                    park(30);
-                } else {
-                    end(*current);
-                }
-                callback(echoOf(*kept));
-                ++returnedCount;
-            });
-            current = &link;
-            const int before = returnedCount;
-            runOnFiber([&] { link.socket->receive(getOf("/1") + getOf("/2")); });
-            settle();
-            EXPECT_EQ(returnedCount, before + 1);
-            EXPECT_NE(link.closedNs, 0);
-            EXPECT_FALSE(link.session);
-            EXPECT_EQ(link.output, "");
-        }
-    }
-}
-
-TEST_F(ZnHttpSessionTest, AWriteMayEndTheConnection) {
-    const std::function<void(Link&)> kEnds[] = {
-        [](Link& link) { link.socket->errorOccurred(10054); },
-        [](Link& link) { delete link.session.get(); },
-    };
-    router_.addRoute("GET", "/", echoOf);
-    for (const auto& end : kEnds) {
-        Link& link = open();
-        link.socket->onWrite = [&link, &end] { end(link); };
-        link.socket->receive(getOf("/") + getOf("/"));
-        settle();
-        EXPECT_EQ(link.output, answerTo("/"));
-        EXPECT_FALSE(link.session);
-    }
 }
 
 TEST_F(ZnHttpSessionTest, RefusedInputIsAnsweredAndTheRestDiscarded) {
     const struct {
-        const char* input;
-        const char* status;
+        const char *input, *status, *body;
         bool closesAtOnce; // all of the peer's words were read, as far as one can tell
-    } kRows[] = {{"GET\r\n\r\n", "400 Bad Request", true},
-                 {"POST / HTTP/1.1\r\ncontent-length: 9000000\r\n\r\n", "413 Payload Too Large", false}};
+    } kRows[] = {
+        {"GET\r\n\r\n", "400 Bad Request", "Malformed request line", true},
+        {"POST / HTTP/1.1\r\ncontent-type: multipart/form-data\r\ncontent-length: 1\r\n\r\nx", "400 Bad Request",
+         "Missing multipart boundary", true},
+        {"POST / HTTP/1.1\r\ncontent-length: 9000000\r\n\r\n", "413 Payload Too Large", "Body too large", false}};
     for (const auto& row : kRows) {
         Link& link = open();
         link.socket->receive(row.input);
-        EXPECT_EQ(link.output.find(std::string("HTTP/1.1 ") + row.status), 0U) << link.output;
-        EXPECT_NE(link.output.find("connection: close"), std::string::npos);
+        EXPECT_TRUE(link.output.starts_with(std::string("HTTP/1.1 ") + row.status)) << link.output;
+        EXPECT_TRUE(link.output.ends_with(std::string("connection: close\r\n\r\n") + row.body)) << link.output;
         EXPECT_EQ(link.closedNs != 0, row.closesAtOnce);
     }
     Link& slow = links_.back();
     Link& flood = open();
-    flood.socket->receive(kRows[1].input);
+    flood.socket->receive(kRows[2].input);
     for (int i = 0; i < 40 && flood.closedNs == 0; ++i)
         flood.socket->receive(std::string(1024 * 1024, 'x'));
     EXPECT_NE(flood.closedNs, 0);
@@ -470,42 +383,34 @@ TEST_F(ZnHttpSessionTest, RefusedInputIsAnsweredAndTheRestDiscarded) {
 }
 
 TEST_F(ZnHttpSessionTest, TimeOuts) {
-    constexpr int kOff = 0;
-    constexpr int kSoon = 100;
-    constexpr int kLate = 60000;
+    constexpr int kOff = 0, kSoon = 100, kLate = 60000;
+    const std::string get = getOf("/");
+    const std::string post = "POST / HTTP/1.1\r\ncontent-length:2\r\n\r\nx";
     const struct {
         const char* name;
         ZnHttpTimeouts timeouts; // header, body, keep-alive, write
-        const char* input;
+        std::string input;
         bool stallsWrites;
         const char* lastAnswer; // null: the connection stays open
     } kRows[] = {
-        {"idle, for its headers", {kSoon, kLate, kLate, kLate}, "", false, "408 Request Timeout"},
-        {"idle behind a request", {kSoon, kLate, kLate, kLate}, "GET / HTTP/1.1\r\n\r\n", false, "408 Request Timeout"},
+        {"handler", {kLate, kSoon, kLate, kLate}, getOf("/never"), false, "504 Gateway Timeout"},
+        {"handler has the say", {kSoon, kOff, kSoon, kSoon}, getOf("/never"), false, nullptr},
+        {"idle behind a request", {kSoon, kLate, kLate, kLate}, get, false, "408 Request Timeout"},
         {"idle, silently", {kOff, kLate, kSoon, kLate}, "", false, ""},
         {"idle, both", {kSoon, kLate, kSoon, kLate}, "", false, "408 Request Timeout"},
-        {"request line", {kSoon, kLate, kSoon, kLate}, "GET", false, "408 Request Timeout"},
         {"request line is not idle", {kOff, kSoon, kSoon, kSoon}, "GET", false, nullptr},
         {"headers", {kSoon, kLate, kLate, kLate}, "GET / HTTP/1.1\r\n", false, "408 Request Timeout"},
-        {"body", {kLate, kSoon, kLate, kLate}, "POST / HTTP/1.1\r\ncontent-length:2\r\n\r\nx", false,
-         "408 Request Timeout"},
-        {"handler", {kLate, kSoon, kLate, kLate}, "GET /never HTTP/1.1\r\n\r\n", false, "504 Gateway Timeout"},
-        {"handler has the say", {kSoon, kOff, kSoon, kSoon}, "GET /never HTTP/1.1\r\n\r\n", false, nullptr},
-        {"write", {kLate, kLate, kLate, kSoon}, "GET / HTTP/1.1\r\n\r\n", true, "200 OK"},
-        {"write has the say", {kSoon, kSoon, kSoon, kOff}, "GET / HTTP/1.1\r\n\r\n", true, nullptr},
+        {"body", {kLate, kSoon, kLate, kLate}, post, false, "408 Request Timeout"},
+        {"write", {kLate, kLate, kLate, kSoon}, get, true, "200 OK"},
+        {"write has the say", {kSoon, kSoon, kSoon, kOff}, get, true, nullptr},
         {"none", {kOff, -1, kOff, kOff}, "", false, nullptr},
     };
-    std::vector<ZnHttpResponseCallback> neverAnswered;
+    router_.addRoute("GET", "/", echoOf);
     std::vector<Link*> links;
-    const auto handler = [&](const std::shared_ptr<ZnHttpRequest>& request, const ZnHttpResponseCallback& callback) {
-        if (request->path == "/never")
-            neverAnswered.push_back(callback);
-        else
-            callback(echoOf(*request));
-    };
     for (const auto& row : kRows) {
-        links.push_back(&open(handler, row.timeouts));
-        links.back()->socket->stallsWrites = row.stallsWrites;
+        links.push_back(row.input == getOf("/never") ? &openUnanswered(row.timeouts) : &open(nullptr, row.timeouts));
+        if (row.stallsWrites)
+            links.back()->socket->onWrite = nullptr;
         links.back()->socket->receive(row.input);
     }
     settle(450);
@@ -519,21 +424,9 @@ TEST_F(ZnHttpSessionTest, TimeOuts) {
         const std::string lastAnswer = lastHead == std::string::npos ? "" : links[i]->output.substr(lastHead + 9);
         EXPECT_EQ(lastAnswer.substr(0, lastAnswer.find("\r\n")), kRows[i].lastAnswer);
     }
-    for (const auto& callback : neverAnswered)
+    for (const auto& callback : callbacks_)
         callback(ZnHttpResponse::text(200, "too late"));
-    EXPECT_EQ(links[8]->output.find("too late"), std::string::npos);
-}
-
-// The timer was armed for the first request's deadline and finds, when it fires, that there is a later one.
-TEST_F(ZnHttpSessionTest, ADeadlineMovesWithTheRequests) {
-    router_.addRoute("GET", "/", echoOf);
-    Link& link = open(nullptr, {250, 0, 0, 0}); // armed for 400 ms
-    settle(300);
-    link.socket->receive(getOf("/"));
-    const long long requestNs = monotonicNowNs();
-    EXPECT_TRUE(runUntil([&] { return link.closedNs != 0; }));
-    EXPECT_GE(link.closedNs - requestNs, 251'000'000 - 1'000'000);
-    EXPECT_LE(link.closedNs - link.openedNs, 1'500'000'000);
+    EXPECT_EQ(links[0]->output.find("too late"), std::string::npos);
 }
 
 // The time for the next request counts from the start of the last one, so a late answer leaves none; the timer was

@@ -382,6 +382,35 @@ TEST_F(ZnHttpSessionTest, RefusedInputIsAnsweredAndTheRestDiscarded) {
     EXPECT_EQ(slow.output.find("HTTP/1.1", 1), std::string::npos);
 }
 
+TEST_F(ZnHttpSessionTest, AClientThatHoldsItsBodyBackIsToldToGoOn) {
+    const std::string post = "POST / HTTP/1.1\r\nexpect: 100-Continue\r\n";
+    const std::string interim = "HTTP/1.1 100 Continue\r\n\r\n";
+    const struct { std::string head, output, body; } kRows[] = { // what has come before the body
+        {post + "content-length: 2\r\n\r\n", interim, "ab"},
+        {post + "transfer-encoding: chunked\r\n\r\n", interim, "1\r\na\r\n0\r\n\r\n"},
+        {post + "content-length: 2\r\n\r\na", "", "b"}, // it does not wait
+        {post + "content-length: 0\r\n\r\n", answerTo("/"), ""},
+        {"POST / HTTP/1.0\r\nexpect: 100-continue\r\ncontent-length: 1\r\n\r\n", "", "a"},
+        {getOf("/never") + post + "content-length: 1\r\n\r\n", "", ""}}; // it would come out of turn
+    for (const auto& [head, output, body] : kRows) {
+        Link& link = open([](const auto& request, const ZnHttpResponseCallback& callback) {
+            if (request->path == "/")
+                callback(echoOf(*request));
+        });
+        link.socket->receive(head);
+        EXPECT_EQ(link.output, output) << head;
+        link.socket->receive(body);
+        EXPECT_EQ(link.output.ends_with("\r\n\r\n/"), !head.starts_with("GET")) << head;
+    }
+    Link& refused = open();
+    refused.socket->receive(post + "content-length: 9000000\r\n\r\n");
+    EXPECT_TRUE(refused.output.starts_with("HTTP/1.1 413 ")) << refused.output;
+    Link& leaving = open();
+    leaving.socket->onWrite = [&] { leaving.socket->close(); };
+    leaving.socket->receive(post + "content-length: 2\r\n\r\n");
+    EXPECT_NE(leaving.closedNs, 0);
+}
+
 TEST_F(ZnHttpSessionTest, TimeOuts) {
     constexpr int kOff = 0, kSoon = 100, kLate = 60000;
     const std::string get = getOf("/");

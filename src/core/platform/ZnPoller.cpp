@@ -1,18 +1,19 @@
 #include "core/platform/ZnPoller.h"
 
-#include "core/types/ZnAssert.h"
-
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <ctime>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
 constexpr long long kNsPerSecond = 1000000000LL;
+constexpr long long kNsPerMs = 1000000LL;
 
 timespec toTimespec(long long ns) {
     timespec time = {};
@@ -39,14 +40,20 @@ thread_local std::array<epoll_event, ZnPoller::kMaxEvents> systemEvents;
 
 } // namespace
 
-ZnPoller::ZnPoller()
-    : epoll_(::epoll_create1(EPOLL_CLOEXEC)), wakeEvent_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    ZN_ASSERT(epoll_ && wakeEvent_);
-    // Edge-triggered: a write to it is one event, and the counter need never be read back.
+std::unique_ptr<ZnPoller> ZnPoller::open() {
+    std::unique_ptr<ZnPoller> poller(new ZnPoller);
+    poller->epoll_ = ZnFileDescriptor(::epoll_create1(EPOLL_CLOEXEC));
+    poller->wakeEvent_ = ZnFileDescriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    const bool isReady = poller->epoll_ && poller->wakeEvent_ && poller->watchSilently_(poller->wakeEvent_.get());
+    return isReady ? std::move(poller) : nullptr;
+}
+
+/// Edge-triggered: an event ends a sleep once, and what the descriptor counts need never be read back.
+bool ZnPoller::watchSilently_(int descriptor) {
     epoll_event event = {};
     event.events = EPOLLIN | EPOLLET;
     event.data.ptr = nullptr;
-    ZN_ASSERT(::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wakeEvent_.get(), &event) == 0);
+    return ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, descriptor, &event) == 0;
 }
 
 bool ZnPoller::add(int descriptor, void* context) {
@@ -92,10 +99,11 @@ int ZnPoller::sleepInSystem_(long long timeoutNs, std::size_t maxEvents) {
             return found;
         // Missing in the kernel, or refused by a sandbox that does not know it.
         timer_ = ZnFileDescriptor(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
-        epoll_event event = {};
-        event.events = EPOLLIN | EPOLLET;
-        event.data.ptr = nullptr;
-        ZN_ASSERT(timer_ && ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, timer_.get(), &event) == 0);
+        if (!timer_ || !watchSilently_(timer_.get())) {
+            timer_.reset(); // no descriptor left: tried again the next time
+            const long long timeoutMs = std::min<long long>((timeoutNs - 1) / kNsPerMs + 1, INT_MAX);
+            return ::epoll_wait(epoll_.get(), systemEvents.data(), limit, static_cast<int>(timeoutMs));
+        }
     }
     itimerspec setting = {};
     setting.it_value = toTimespec(timeoutNs);

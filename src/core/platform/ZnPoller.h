@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 /// One event loop's wait: a set of descriptors, a wake event and a sleep with a nanosecond limit.
 ///
@@ -22,7 +23,8 @@ public:
         std::uint32_t readiness; // ZnReadiness bits
     };
 
-    ZnPoller();
+    /// Null when the system has no descriptors to give.
+    static std::unique_ptr<ZnPoller> open();
     ZnPoller(const ZnPoller&) = delete;
     ZnPoller& operator=(const ZnPoller&) = delete;
 
@@ -37,11 +39,14 @@ public:
     void wake() noexcept;
 
 private:
+    ZnPoller() = default;
+
     enum State_ : int { Awake_, Sleeping_, Woken_ };
 
+    bool watchSilently_(int descriptor);
     int sleepInSystem_(long long timeoutNs, std::size_t maxEvents);
 
-    ZnFileDescriptor epoll_;
+    ZnFileDescriptor epoll_;     // this one and the next: there from open() on
     ZnFileDescriptor wakeEvent_;
     ZnFileDescriptor timer_; // made only where the kernel has no nanosecond wait
     std::atomic<int> state_{Awake_};

@@ -111,7 +111,7 @@ bool Thread::start() {
         return false;
     }
     startCondition_.wait(lock, [this] { return started_; });
-    return true; // it ran, even if its work has ended by now
+    return !hasNoRuntime_; // it ran, even if its work has ended by now
 }
 
 void Thread::requestStop() {
@@ -139,14 +139,27 @@ void Thread::deleteAtEnd() {
 void Thread::run_() {
     currentRecord = this;
     threadId_.store(ZnThreadControl::currentThreadId(), std::memory_order_release);
-    auto application = std::make_unique<ZnCoreApplication>(); // attaches itself
-    running_.store(true, std::memory_order_release);
-    {
-        std::lock_guard<std::mutex> guard(startMutex_);
-        started_ = true;
-        // Under the lock: whoever waits may destroy the record as soon as it has seen `started_`.
-        startCondition_.notify_all();
+    if (std::unique_ptr<ZnPoller> poller = ZnPoller::open()) {
+        runLoop_(std::move(poller));
+        return;
     }
+    ZN_LOG_ERROR("zn.core.runtime.znthread", "Thread::start") << "Failed to start thread: no descriptors for its loop";
+    currentRecord = nullptr;
+    noteStart_(false);
+}
+
+void Thread::noteStart_(bool hasRuntime) {
+    std::lock_guard<std::mutex> guard(startMutex_);
+    started_ = true;
+    hasNoRuntime_ = !hasRuntime;
+    // Under the lock: whoever waits may destroy the record as soon as it has seen `started_`.
+    startCondition_.notify_all();
+}
+
+void Thread::runLoop_(std::unique_ptr<ZnPoller> poller) {
+    auto application = std::make_unique<ZnCoreApplication>(std::move(poller)); // attaches itself
+    running_.store(true, std::memory_order_release);
+    noteStart_(true);
     if (const std::function<void()> onStart = copyOf_(onStart_))
         onStart();
     if (!stopRequested_.load(std::memory_order_acquire))

@@ -8,11 +8,13 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
 
 class ZnCoreApplication;
+class ZnPoller;
 
 namespace zn::atomic {
 
@@ -31,7 +33,8 @@ public:
     Thread(const Thread&) = delete;
     Thread& operator=(const Thread&) = delete;
 
-    /// Starts the thread and returns once its runtime accepts posts; true when it runs (also if it already did).
+    /// Starts the thread and returns once its runtime accepts posts; true when it runs (also if it already did). False,
+    /// with a line in the log, when the system has no thread or no descriptors to give.
     bool start();
     /// Asks the thread's loop to end behind what is queued on lane 0; nothing when it does not run.
     void requestStop();
@@ -90,6 +93,8 @@ private:
 
     static bool callIfLive_(Thread* thread, void (*call)(void*, Thread&), void* function);
     void run_();
+    void runLoop_(std::unique_ptr<ZnPoller> poller);
+    void noteStart_(bool hasRuntime);
     void attach_(ZnCoreApplication* application);
     std::function<void()> copyOf_(const std::function<void()>& callback);
 
@@ -109,7 +114,8 @@ private:
     std::mutex startOnceMutex_; // held by start(), before joinMutex_ and startMutex_
     std::mutex startMutex_;
     std::condition_variable startCondition_;
-    bool started_ = false; // guarded by startMutex_
+    bool started_ = false;         // guarded by startMutex_: the runtime is there, or cannot be made
+    bool hasNoRuntime_ = false;    // guarded by startMutex_
 
     std::mutex callbackMutex_;
     std::function<void()> onStart_;  // guarded by callbackMutex_

@@ -33,19 +33,22 @@ ApplicationMap_& applicationMap() {
     return *map;
 }
 
+std::unique_ptr<ZnPoller> checked(std::unique_ptr<ZnPoller> poller) {
+    ZN_ASSERT(poller != nullptr); // no descriptors left
+    return poller;
+}
+
 } // namespace
 
-ZnCoreApplication::ZnCoreApplication(int argc, char** argv) : ioDispatcher_(*this, poller_) {
+ZnCoreApplication::ZnCoreApplication(int argc, char** argv) : ZnCoreApplication(ZnPoller::open()) {
     ZnThreadControl::raiseDescriptorLimit();
-    initialise_();
     parseCommandLine_(argc, argv);
 }
 
-ZnCoreApplication::ZnCoreApplication() : ioDispatcher_(*this, poller_) {
-    initialise_();
-}
+ZnCoreApplication::ZnCoreApplication() : ZnCoreApplication(ZnPoller::open()) {}
 
-void ZnCoreApplication::initialise_() {
+ZnCoreApplication::ZnCoreApplication(std::unique_ptr<ZnPoller> poller)
+    : poller_(checked(std::move(poller))), ioDispatcher_(*this, *poller_) {
     ZN_ASSERT(currentApplication == nullptr); // one per thread
     currentApplication = this;
     threadId_ = ZnThreadControl::currentThreadId();
@@ -206,12 +209,12 @@ void ZnCoreApplication::serveTheStarved_() {
 
 void ZnCoreApplication::quit() {
     running_.store(false, std::memory_order_release);
-    poller_.wake();
+    poller_->wake();
 }
 
 void ZnCoreApplication::requestStop() noexcept {
     running_.store(false, std::memory_order_release);
-    poller_.wake();
+    poller_->wake();
 }
 
 // --- posts
@@ -220,7 +223,7 @@ bool ZnCoreApplication::tryPostOnLane(ZnTask& task, int lane) {
     if (!fiberPool_.submit(task, lane))
         return false;
     if (currentApplication != this)
-        poller_.wake();
+        poller_->wake();
     return true;
 }
 
@@ -260,7 +263,7 @@ void ZnCoreApplication::queueEvent_(QueuedEvent_ queued, int priority) {
         queuedEventCount_.fetch_add(1, std::memory_order_release);
     }
     if (currentApplication != this)
-        poller_.wake();
+        poller_->wake();
 }
 
 namespace {
@@ -431,7 +434,7 @@ int ZnCoreApplication::addTimer(std::function<void()> callback, int intervalUs, 
         mirrorNextTimer_();
     }
     if (currentApplication != this)
-        poller_.wake();
+        poller_->wake();
     return id;
 }
 

@@ -32,6 +32,8 @@ public:
     /// For the main thread: parses the command line (argv[0] is skipped) and raises the limit of open descriptors.
     ZnCoreApplication(int argc, char** argv);
     ZnCoreApplication();
+    /// For who goes on without an application when ZnPoller::open() gives none; the other two end the process then.
+    explicit ZnCoreApplication(std::unique_ptr<ZnPoller> poller);
     /// Deletes the objects that wait for deferred deletion; posts that never ran are destroyed.
     ~ZnCoreApplication() override;
     ZnCoreApplication(const ZnCoreApplication&) = delete;
@@ -88,11 +90,10 @@ public:
 
     ZnFiberPool& fiberPool() noexcept { return fiberPool_; }
     ZnIoDispatcher& ioDispatcher() noexcept { return ioDispatcher_; }
-    ZnPoller& poller() noexcept { return poller_; }
     /// Share of the last second that the loop was busy, 0.0 to 1.0.
     double load() const { return loadMeter_.load(); }
     /// Wakes the loop if it sleeps. Any thread; no system call while it is awake.
-    void wake() noexcept { poller_.wake(); }
+    void wake() noexcept { poller_->wake(); }
 
 private:
     friend class ZnEventLoop;
@@ -102,7 +103,6 @@ private:
         std::unique_ptr<ZnEvent> event;
     };
 
-    void initialise_();
     void parseCommandLine_(int argc, char** argv);
     void requestStop() noexcept override; // async-signal-safe
 
@@ -130,7 +130,7 @@ private:
     std::atomic<bool> running_{true}; // cleared by quit() and the console; pairs with isQuitRequested()
     int exitCode_ = 0;
     std::uint32_t threadId_ = 0;
-    ZnPoller poller_;
+    const std::unique_ptr<ZnPoller> poller_;
     ZnFiberContext mainFiber_; // the loop's own context
     ZnFiberPool fiberPool_;
     ZnMap<ZnString, ZnString> parsedOptions_; // immutable after construction

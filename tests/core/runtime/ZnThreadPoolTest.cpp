@@ -297,6 +297,25 @@ TEST(ZnThreadPool, TasksOfAWorkerWhoseLoopWasEndedMoveToAnother) {
     EXPECT_EQ(pool.threadCount(), 1);
 }
 
+TEST(ZnThreadPool, WithoutDescriptorsThereAreNoWorkersForNow) {
+    LogCapture log;
+    rlimit usual{};
+    ::getrlimit(RLIMIT_NOFILE, &usual);
+    const rlimit none{0, usual.rlim_max};
+    Counts counts;
+    Counted kept(counts);
+    bool saturated = true;
+    ZnThreadPool pool;
+    ::setrlimit(RLIMIT_NOFILE, &none);
+    const bool isAccepted = pool.tryStart(&kept, 0, &saturated);
+    ::setrlimit(RLIMIT_NOFILE, &usual);
+    EXPECT_FALSE(isAccepted || saturated);
+    EXPECT_EQ(log.countOf("Failed to start thread: no descriptors for its loop"), 1);
+    pool.start(new Counted(counts));
+    EXPECT_TRUE(ends(pool));
+    EXPECT_EQ(counts.ran, 1);
+}
+
 TEST(ZnThreadPool, ManyShortTasksFromManyThreads) {
     constexpr int kThreads = 4;
     constexpr int kTasks = 3000;

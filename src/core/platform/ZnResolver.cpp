@@ -47,7 +47,7 @@ public:
     }
 
     void add(const ZnString& host, Callback_ callback) {
-        std::lock_guard<std::mutex> guard(mutex_);
+        std::unique_lock<std::mutex> lock(mutex_);
         std::vector<Callback_>& waiting = lookups_[host];
         waiting.push_back(std::move(callback));
         if (waiting.size() == 1)
@@ -56,6 +56,10 @@ public:
         if (queue_.size() > idleThreadCount_ && threadCount_ < ZnResolver::kMaxThreads)
             startThread_();
         wakeUp_.notify_one();
+        if (threadCount_ > 0)
+            return;
+        queue_.pop_back(); // nobody would come to it
+        answer_(lock, host, {});
     }
 
     void setLookup(ZnResolver::Lookup lookup) {
@@ -81,7 +85,7 @@ private:
             std::thread([this] { run_(); }).detach();
             ++threadCount_;
         } catch (const std::exception&) {
-            // Out of threads: a running one takes the name, and without any the caller's deadline decides.
+            // Out of threads: a running one takes the name.
         }
         ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     }
@@ -107,6 +111,11 @@ private:
         const ZnResolver::Result result =
             lookup ? lookup(host) : askSystem(host.data(), AF_UNSPEC, 0, nullptr);
         lock.lock();
+        answer_(lock, host, result);
+    }
+
+    /// The lock is free while the callbacks run.
+    void answer_(std::unique_lock<std::mutex>& lock, const ZnString& host, const ZnResolver::Result& result) {
         const auto at = lookups_.find(host);
         const std::vector<Callback_> waiting = std::move(at->second);
         lookups_.erase(at);

@@ -19,7 +19,8 @@ public:
     /// At most this many names are looked up at the same time; further ones wait.
     static constexpr std::size_t kMaxThreads = 32;
 
-    /// Answers `callback` on a resolver thread, once. The port of the addresses is 0.
+    /// Answers `callback` on a resolver thread, once; where the system has no thread to give, on the caller's at once,
+    /// with nothing. The port of the addresses is 0.
     static void resolve(const ZnString& host, std::function<void(const Result&)> callback);
     /// Blocks the calling thread.
     static Result resolveNow(const ZnString& host);

@@ -214,16 +214,17 @@ TEST_F(ZnSslSocketTest, MovesMegabytesBothWaysAtOnce) {
     const std::string down = pattern(16 * 1024 * 1024 + 1, 2);
     int finishedCount = 0;
     client_.connect(&ZnAbstractSocket::writeFinished, &client_, [&] { ++finishedCount; });
-    EXPECT_TRUE(client_.write(ZnString(up)));
+    EXPECT_TRUE(client_.write(ZnString(up.substr(1))));
     EXPECT_TRUE(accepted_->writeGathered(ZnString(down.substr(0, 100)), ZnByteArray(down.substr(100))));
     settle(200); // nobody reads
     EXPECT_LE(accepted_->bytesReceived(), ZnTcpSocket::kReadBudgetBytes + 16384);
+    EXPECT_TRUE(client_.write(ZnString(up.substr(0, 1)))); // what OpenSSL has begun to send moves in memory
     gather(*accepted_, &atServer_);
     gather(client_, &atClient_);
     atServer_ = accepted_->read(100).str(); // and the input goes on
     atClient_ = client_.read(100).str();
     ASSERT_TRUE(runUntil([&] { return atServer_.size() == up.size() && atClient_.size() == down.size(); }, 60000));
-    EXPECT_TRUE(atServer_ == up && atClient_ == down);
+    EXPECT_TRUE(atServer_ == up.substr(1) + up[0] && atClient_ == down);
     EXPECT_EQ(finishedCount, 1);
     EXPECT_EQ(client_.bytesSent(), up.size());
     EXPECT_EQ(client_.bytesReceived(), down.size());

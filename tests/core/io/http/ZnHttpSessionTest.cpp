@@ -458,6 +458,15 @@ TEST_F(ZnHttpSessionTest, TimeOuts) {
     EXPECT_EQ(links[0]->output.find("too late"), std::string::npos);
 }
 
+TEST_F(ZnHttpSessionTest, TheTimeForTheHeadersBeginsWithTheirFirstByte) {
+    Link& link = open(nullptr, {600, 60000, 60000, 60000});
+    settle(300);
+    const long long firstByteNs = monotonicNowNs();
+    link.socket->receive("G");
+    ASSERT_TRUE(runUntil([&] { return link.closedNs != 0; }, 5000));
+    EXPECT_GE(link.closedNs - firstByteNs, 600'000'000);
+}
+
 // The time for the next request counts from the start of the last one, so a late answer leaves none; the timer was
 // armed for the handler's time.
 TEST_F(ZnHttpSessionTest, AConnectionIsGivenUpBehindALateAnswer) {

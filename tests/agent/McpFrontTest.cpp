@@ -34,7 +34,7 @@ TEST_F(McpFrontTest, OriginsAreRefusedUnlessAllowed) {
     EXPECT_EQ(header(plain, "access-control-expose-headers"), "absent");
     EXPECT_EQ(plain.status, 204);
     EXPECT_EQ(header(plain, "access-control-allow-origin"), "absent");
-    EXPECT_EQ(call("OPTIONS", "/mcp", {{"origin", "http://LOCALHOST"}}).status, 403);
+    EXPECT_EQ(call("OPTIONS", "/mcp", {{"origin", "HTTP://localhost"}}).status, 403);
     EXPECT_EQ(call("OPTIONS", "/mcp", {{"origin", "http://localhost"}}).status, 429) << "OPTIONS clears nothing";
 }
 

@@ -71,6 +71,12 @@ protected:
         EXPECT_TRUE(runUntil([&] { return client->answerCount() == 1; }));
         return client->received;
     }
+    void expectAnswer(const std::string& path, const std::string& status, const std::string& part, const std::string& body) {
+        const std::string answer = firstAnswer(path);
+        EXPECT_TRUE(answer.starts_with("HTTP/1.1 " + status + "\r\n")) << answer;
+        EXPECT_NE(answer.find(part), std::string::npos) << answer;
+        EXPECT_TRUE(answer.ends_with("\r\n\r\n" + body)) << answer;
+    }
     void releaseHandlers() {
         for (ZnEventLoop* loop : std::exchange(loops_, {}))
             loop->quit();
@@ -85,19 +91,11 @@ protected:
 };
 
 TEST_F(ZnHttpServerTest, AppAnswers) {
-    const struct { const char *path, *status, *line, *body; } kRows[] = {
-        {"/echo/hello", "200 OK", "connection: keep-alive", "hello"},
-        {"/peer", "200 OK", "connection: keep-alive", "127.0.0.1"},
-        {"/throw", "500 Internal Server Error", "connection: close", "Internal Server Error"},
-        {"/unknown", "404 Not Found", "connection: keep-alive", "Not Found"},
-        {"/body", "405 Method Not Allowed", "allow: POST", "Method Not Allowed"},
-    };
-    for (const auto& [path, status, line, body] : kRows) {
-        const std::string answer = firstAnswer(path);
-        EXPECT_TRUE(answer.starts_with(std::string("HTTP/1.1 ") + status + "\r\n")) << answer;
-        EXPECT_NE(answer.find(std::string("\r\n") + line + "\r\n"), std::string::npos) << answer;
-        EXPECT_TRUE(answer.ends_with(std::string("\r\n\r\n") + body)) << answer;
-    }
+    expectAnswer("/echo/hello", "200 OK", "\r\nconnection: keep-alive\r\n", "hello");
+    expectAnswer("/peer", "200 OK", "\r\nconnection: keep-alive\r\n", "127.0.0.1");
+    expectAnswer("/throw", "500 Internal Server Error", "\r\nconnection: close\r\n", "Internal Server Error");
+    expectAnswer("/unknown", "404 Not Found", "\r\nconnection: keep-alive\r\n", "Not Found");
+    expectAnswer("/body", "405 Method Not Allowed", "\r\nallow: POST\r\n", "Method Not Allowed");
     const ZnHttpServerStats stats = app_->stats();
     EXPECT_EQ(stats.requestsStarted, 5);
     EXPECT_EQ(stats.responsesFinished, 5);
@@ -265,18 +263,15 @@ TEST_F(ZnHttpServerTest, ContextMiddlewareStandsInFrontOfLaterRoutes) {
         context.text(ZnString(user));
     }, {" user ", 200, true}); // of the time a busy machine takes a part
     EXPECT_EQ(app_->router().namedPattern("user"), "/api/v1");
-    const struct { const char *path, *status, *body, *header; } kRows[] = {
-        {"/api/v1?me", "200 OK", "me", "connection: keep-alive"},
-        {"/api/v1?stop", "500 Internal Server Error", "Route handler produced no response", ""},
-        {"/api/v1?throw", "502 Bad Gateway", "caught it", ""},
-        {"/api/v1?again", "500 Internal Server Error", "Internal Server Error", "connection: close"},
-        {"/api/v1?slow", "504 Gateway Timeout", "Route timeout", "\r\nx-route-timeout-ms: "},
-        {"/echo/x", "200 OK", "x", ""}};
-    for (const auto& [path, status, body, header] : kRows) {
-        const std::string answer = firstAnswer(path);
-        EXPECT_TRUE(answer.starts_with(std::string("HTTP/1.1 ") + status + "\r\n")) << answer;
-        EXPECT_TRUE(answer.ends_with(std::string("\r\n\r\n") + body)) << answer;
-        EXPECT_NE(answer.find(header), std::string::npos) << answer;
+    const struct { const char *path, *status, *part, *body; } kRows[] = {
+        {"/api/v1?me", "200 OK", "\r\nconnection: keep-alive\r\n", "me"},
+        {"/api/v1?stop", "500 Internal Server Error", "", "Route handler produced no response"},
+        {"/api/v1?throw", "502 Bad Gateway", "", "caught it"},
+        {"/api/v1?again", "500 Internal Server Error", "\r\nconnection: close\r\n", "Internal Server Error"},
+        {"/api/v1?slow", "504 Gateway Timeout", "\r\nx-route-timeout-ms: ", "Route timeout"},
+        {"/echo/x", "200 OK", "", "x"}};
+    for (const auto& [path, status, part, body] : kRows) {
+        expectAnswer(path, status, part, body);
         if (kept)
             kept(); // its route has ended
     }

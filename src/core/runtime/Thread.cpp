@@ -199,10 +199,14 @@ Thread* Thread::currentThread() {
 }
 
 Thread* Thread::fallbackThread() {
-    static Thread* const thread = [] {
-        Thread* record = new Thread("ZnFallbackCoreThread"); // runs to the end of the process
-        return record->start() ? record : nullptr;
-    }();
+    static std::mutex mutex;
+    static Thread* thread = nullptr; // guarded by mutex; runs to the end of the process
+    const std::lock_guard<std::mutex> guard(mutex);
+    if (thread == nullptr) {
+        auto record = std::make_unique<Thread>("ZnFallbackCoreThread");
+        if (record->start())
+            thread = record.release(); // else the next need tries again
+    }
     return thread;
 }
 

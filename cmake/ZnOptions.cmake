@@ -6,7 +6,8 @@ target_compile_features(zn_options INTERFACE cxx_std_20)
 target_include_directories(zn_options INTERFACE ${PROJECT_SOURCE_DIR}/src)
 target_compile_options(zn_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -fno-omit-frame-pointer
-  -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+  -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=
+  -fstack-clash-protection) # a frame larger than a fiber's guard page touches it nevertheless
 target_link_libraries(zn_options INTERFACE Threads::Threads)
 
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")

@@ -1,6 +1,7 @@
 #include "core/object/ZnLiveObjects.h"
 
 #include <cstdint>
+#include <functional>
 
 namespace {
 constexpr std::size_t kFirstPlaces = 256;
@@ -70,4 +71,29 @@ bool ZnLiveObjects::contains(const ZnObject* object) {
         return false;
     ZnMutexLocker locker(lock_);
     return places_[find_(object)] != nullptr;
+}
+
+zn::detail::ZnPointerControlRef ZnLiveObjects::controlOf(const ZnObject* object) {
+    if (object == nullptr)
+        return nullptr;
+    ZnMutexLocker locker(lock_);
+    return places_[find_(object)] == nullptr ? nullptr : zn::detail::controlOf(object);
+}
+
+std::vector<const ZnObject*> ZnLiveObjects::objectsWithin_(const void* begin, const void* end) {
+    std::vector<const ZnObject*> found;
+    const std::less<const void*> isBelow;
+    ZnMutexLocker locker(lock_);
+    for (const ZnObject* object : places_) {
+        if (object != nullptr && !isBelow(object, begin) && isBelow(object, end))
+            found.push_back(object);
+    }
+    return found;
+}
+
+void ZnLiveObjects::forgetWithin(const void* begin, const void* end) {
+    for (const ZnObject* object : objectsWithin_(begin, end)) {
+        zn::detail::controlOf(object)->object.store(nullptr, std::memory_order_release);
+        remove(object);
+    }
 }

@@ -2,13 +2,15 @@
 
 #include "core/object/ZnLiveObjects.h"
 #include "core/runtime/ZnCoreApplication.h"
-#include "core/types/ZnAssert.h"
+#include "core/types/ZnLogger.h"
 
 #include <algorithm>
 #include <condition_variable>
 #include <mutex>
 
 namespace {
+
+constexpr const char* kCategory = "zn.core.object.znobject";
 
 /// Tells whoever waits for a blocking delivery that it is over: also when the task is refused or dropped and so
 /// destroyed without having run.
@@ -51,27 +53,30 @@ bool isSameThread(const zn::atomic::Thread* left, const zn::atomic::Thread* righ
 } // namespace
 
 zn::detail::ZnPointerControlRef zn::detail::controlOf(const ZnObject* object) {
-    return object->control_;
+    return object->hub_;
 }
 
-ZnObject::ZnObject(ZnObject* parent) : control_(std::make_shared<zn::detail::ZnPointerControl>(this)) {
-    ZnLiveObjects::instance().insert(this);
+zn::detail::ZnPointerControlRef zn::detail::controlIfLive(const ZnObject* object) {
+    return ZnLiveObjects::instance().controlOf(object);
+}
+
+ZnObject::ZnObject(ZnObject* parent) : hub_(std::make_shared<zn::detail::ZnConnectionHub>(this)) {
     zn::atomic::Thread* owner = zn::atomic::Thread::currentThread();
-    control_->thread = owner != nullptr ? owner : zn::atomic::Thread::fallbackThread();
+    hub_->thread = owner != nullptr ? owner : zn::atomic::Thread::fallbackThread();
+    ZnLiveObjects::instance().insert(this);
     if (parent != nullptr)
         setParent(parent);
 }
 
 ZnObject::~ZnObject() {
-    control_->object.store(nullptr, std::memory_order_release);
+    hub_->object.store(nullptr, std::memory_order_release);
     ZnLiveObjects::instance().remove(this);
-    dropIncomingConnections_();
+    zn::detail::ZnConnectionHub::closeIncoming(hub_);
     deleteChildren_();
     if (ZnObject* parent = std::exchange(parent_, nullptr))
         parent->removeChild(this);
     destroyed();
-    // Not marked as disconnected: what this object has queued on other threads is still delivered there.
-    forgetSender_(takeOutgoingConnections_());
+    zn::detail::ZnConnectionHub::closeOutgoing(hub_);
 }
 
 bool ZnObject::isLive(const ZnObject* object) {
@@ -91,19 +96,34 @@ void ZnObject::deleteChildren_() {
     }
 }
 
+bool ZnObject::isWithin_(const ZnObject* ancestor) const {
+    for (const ZnObject* object = this; object != nullptr; object = object->parent_) {
+        if (object == ancestor)
+            return true;
+    }
+    return false;
+}
+
 void ZnObject::setParent(ZnObject* parent) {
-    if (parent != nullptr && !isLive(parent))
+    if (hub_->get() == nullptr || (parent != nullptr && !isLive(parent)))
         return;
+    if (parent != nullptr && parent->isWithin_(this)) {
+        ZN_LOG_WARNING(kCategory, "ZnObject::setParent") << "an object cannot be its own parent or ancestor";
+        return;
+    }
     const ZnPointer<ZnObject> self(this);
     const ZnPointer<ZnObject> newParent(parent);
+    const unsigned changeNumber = ++parentChangeCount_;
+    const auto isOvertaken = [&] { return !self || changeNumber != parentChangeCount_; };
     if (ZnObject* oldParent = std::exchange(parent_, nullptr))
         oldParent->removeChild(this);
-    if (!self)
+    // A slot may also have deleted the new parent, or moved it below this object.
+    if (isOvertaken() || (newParent && newParent->isWithin_(this)))
         return;
     parent_ = newParent.get();
     if (parent_ != nullptr)
         parent_->addChild(this);
-    if (self)
+    if (!isOvertaken())
         parentChanged(newParent.get());
 }
 
@@ -198,14 +218,14 @@ void ZnObject::setObjectName(const ZnString& name) {
 }
 
 void ZnObject::installEventFilter(ZnObject* filter) {
-    if (isLive(filter))
-        eventFilters_.push_back(filter->control_);
+    if (zn::detail::ZnPointerControlRef control = zn::detail::controlIfLive(filter))
+        eventFilters_.push_back(std::move(control));
 }
 
 // --- threads
 
 zn::atomic::Thread* ZnObject::thread() const {
-    return zn::atomic::Thread::isLive(control_->thread) ? control_->thread : nullptr;
+    return zn::atomic::Thread::isLive(hub_->thread) ? hub_->thread : nullptr;
 }
 
 bool ZnObject::sharesThread_(const ZnObject& left, const ZnObject& right) {
@@ -215,7 +235,7 @@ bool ZnObject::sharesThread_(const ZnObject& left, const ZnObject& right) {
 }
 
 ZnObject* ZnObject::sender() const {
-    return currentSender_ ? currentSender_->get() : nullptr;
+    return zn::detail::ZnSlotScope::senderFor(*hub_);
 }
 
 void ZnObject::deleteLater() {
@@ -236,7 +256,7 @@ void ZnObject::deleteLater() {
         application->queueDeletion(this);
         return;
     }
-    ZnTask whenStarted([control = control_] {
+    ZnTask whenStarted([control = hub_] {
         if (ZnObject* object = control->get())
             delete object;
     });
@@ -251,8 +271,11 @@ void ZnObject::deleteLater() {
 }
 
 void ZnObject::executeBlockingOnThread(zn::atomic::Thread* target, ZnTask function) {
-    zn::atomic::Thread* from = thread();
-    if (from == nullptr)
+    runBlocking_(hub_->thread, target, std::move(function));
+}
+
+void ZnObject::runBlocking_(zn::atomic::Thread* from, zn::atomic::Thread* target, ZnTask function) {
+    if (!zn::atomic::Thread::isLive(from))
         from = zn::atomic::Thread::currentThread();
     bool isElsewhere = false;
     zn::atomic::Thread::withLive(target, [&](zn::atomic::Thread& record) {
@@ -264,138 +287,34 @@ void ZnObject::executeBlockingOnThread(zn::atomic::Thread* target, ZnTask functi
     }
     auto context = std::make_shared<BlockingContext_>();
     ZnTask task([function = std::move(function), finish = FinishAtEnd_(context)]() mutable { function(); });
-    if (postToThreadIfLive(target, task, ZnFiberPool::kDefaultLane))
+    // A thread that is ending takes nothing more: to keep the task for its next start would let the caller wait for ever.
+    if (postToRunningThread(target, std::move(task)))
         context->wait();
-    else
-        task(); // the thread has gone meanwhile
-}
-
-// --- connections
-
-void ZnObject::addConnection_(const SignalKey& key, std::shared_ptr<ISlotBase> slot, ZnConnectionType type) {
-    ZnObject* receiver = slot->receiverObject();
-    {
-        ZnMutexLocker locker(connectionLock_);
-        auto at = std::find_if(connectionsByKey_.begin(), connectionsByKey_.end(),
-                               [&](const SignalConnections_& entry) { return entry.key == key; });
-        if (at == connectionsByKey_.end())
-            at = connectionsByKey_.insert(at, {key, nullptr});
-        auto changed = at->connections ? std::make_shared<ConnectionList_>(*at->connections)
-                                       : std::make_shared<ConnectionList_>();
-        changed->push_back({std::move(slot), type});
-        at->connections = std::move(changed);
-    }
-    if (receiver != nullptr)
-        receiver->noteSender_(this, 1);
-}
-
-void ZnObject::noteSender_(ZnObject* sender, int connectionCount) {
-    ZnMutexLocker locker(senderLock_);
-    const auto at = std::find_if(senders_.begin(), senders_.end(),
-                                 [&](const SenderCount_& entry) { return entry.sender == sender; });
-    if (at == senders_.end()) {
-        if (connectionCount > 0)
-            senders_.push_back({sender, connectionCount});
-        return;
-    }
-    at->connectionCount += connectionCount;
-    if (at->connectionCount <= 0)
-        senders_.erase(at);
 }
 
 void ZnObject::disconnectReceiver(ZnObject* receiver) {
-    if (receiver == nullptr)
-        return;
-    const bool receiverIsLive = isLive(receiver);
-    int droppedCount = 0;
-    std::vector<ConnectionListRef_> dropped; // slots are destroyed without the lock
-    {
-        ZnMutexLocker locker(connectionLock_);
-        for (auto at = connectionsByKey_.begin(); at != connectionsByKey_.end();) {
-            auto kept = std::make_shared<ConnectionList_>();
-            for (const Connection_& connection : *at->connections) {
-                if (connection.slot->receiverAddress() == receiver) {
-                    connection.slot->markDisconnected();
-                    ++droppedCount;
-                } else {
-                    kept->push_back(connection);
-                }
-            }
-            dropped.push_back(std::move(at->connections));
-            if (kept->empty()) {
-                at = connectionsByKey_.erase(at);
-            } else {
-                at->connections = std::move(kept);
-                ++at;
-            }
-        }
-    }
-    if (receiverIsLive && droppedCount > 0)
-        receiver->noteSender_(this, -droppedCount);
+    if (const zn::detail::ZnPointerControlRef control = zn::detail::controlIfLive(receiver))
+        zn::detail::ZnConnectionHub::disconnectReceiver(
+            hub_, std::static_pointer_cast<zn::detail::ZnConnectionHub>(control));
 }
 
 void ZnObject::disconnectAll() {
-    const std::vector<SignalConnections_> dropped = takeOutgoingConnections_();
-    for (const SignalConnections_& entry : dropped) {
-        for (const Connection_& connection : *entry.connections)
-            connection.slot->markDisconnected();
-    }
-    forgetSender_(dropped);
-}
-
-void ZnObject::dropIncomingConnections_() {
-    std::vector<SenderCount_> senders;
-    {
-        ZnMutexLocker locker(senderLock_);
-        senders.swap(senders_);
-    }
-    for (const SenderCount_& entry : senders) {
-        if (isLive(entry.sender))
-            entry.sender->disconnectReceiver(this);
-    }
-}
-
-std::vector<ZnObject::SignalConnections_> ZnObject::takeOutgoingConnections_() {
-    ZnMutexLocker locker(connectionLock_);
-    return std::exchange(connectionsByKey_, {});
-}
-
-void ZnObject::forgetSender_(const std::vector<SignalConnections_>& dropped) {
-    for (const SignalConnections_& entry : dropped) {
-        for (const Connection_& connection : *entry.connections) {
-            if (ZnObject* receiver = connection.slot->receiverObject())
-                receiver->noteSender_(this, -1);
-        }
-    }
+    zn::detail::ZnConnectionHub::disconnectAll(hub_);
 }
 
 // --- emission
 
-ZnObject::ConnectionListRef_ ZnObject::connectionsFor_(const SignalKey& key) const {
-    ZnMutexLocker locker(connectionLock_);
-    for (const SignalConnections_& entry : connectionsByKey_) {
-        if (entry.key == key)
-            return entry.connections;
-    }
-    return nullptr;
-}
-
-ZnObject::Emission_ ZnObject::beginEmission_() {
-    return {control_, control_->thread};
-}
-
 ZnObject::Delivery_ ZnObject::chooseDelivery_(const Emission_& emission, const Connection_& connection,
                                               zn::atomic::Thread** target) {
     const ISlotBase& slot = *connection.slot;
-    ZnObject* receiver = slot.receiverObject();
-    if (!slot.isConnected() || (slot.hasReceiver() && receiver == nullptr))
+    if (!slot.isConnected() || (slot.hasReceiver() && slot.receiverObject() == nullptr))
         return Delivery_::Skip;
     if (connection.type == ZnConnectionType::DirectConnection)
         return Delivery_::Now;
     // The usual case first: sender and receiver share a thread record, dead or alive.
     const bool isAuto = connection.type == ZnConnectionType::AutoConnection;
-    zn::atomic::Thread* owner = slot.receiverThread(); // the receiver itself may be going on another thread
-    if (isAuto && (receiver == nullptr || owner == emission.senderThread))
+    zn::atomic::Thread* owner = slot.receiverThread(); // the receiver itself may be ending on another thread
+    if (isAuto && (!slot.hasReceiver() || owner == emission.senderThread))
         return Delivery_::Now;
     *target = zn::atomic::Thread::isLive(owner) ? owner : nullptr;
     if (connection.type == ZnConnectionType::QueuedConnection)
@@ -408,25 +327,13 @@ ZnObject::Delivery_ ZnObject::chooseDelivery_(const Emission_& emission, const C
                                                                                        : Delivery_::Post;
 }
 
-bool ZnObject::enterSlot_(const ISlotBase& slot, const zn::detail::ZnPointerControlRef& senderControl) {
-    if (!slot.isConnected())
-        return false;
-    if (!slot.hasReceiver())
-        return true;
-    ZnObject* receiver = slot.receiverObject();
-    if (receiver == nullptr)
-        return false;
-    receiver->currentSender_ = senderControl;
-    return true;
-}
-
 void ZnObject::postDelivery_(zn::atomic::Thread* target, ZnTask task) {
     postToThreadOrFallback(target, std::move(task));
 }
 
 void ZnObject::blockOnDelivery_(const Emission_& emission, zn::atomic::Thread* target, ZnTask task) {
-    if (ZnObject* sender = emission.senderControl->get())
-        sender->executeBlockingOnThread(target, std::move(task));
+    if (emission.sender->get() != nullptr)
+        runBlocking_(emission.senderThread, target, std::move(task));
     else
         postDelivery_(target, std::move(task));
 }

@@ -1,10 +1,11 @@
 #pragma once
 
+#include "core/object/ZnConnectionHub.h"
 #include "core/object/ZnEvent.h"
 #include "core/object/ZnPointer.h"
 #include "core/object/ZnSlot.h"
+#include "core/object/ZnSlotScope.h"
 #include "core/types/ZnList.h"
-#include "core/types/ZnMutex.h"
 #include "core/types/ZnString.h"
 #include "core/types/ZnTask.h"
 
@@ -43,6 +44,8 @@ public:
     virtual void addChild(ZnObject* child);
     virtual void removeChild(ZnObject* child);
 
+    /// Null takes it out of the tree. A dead parent, the object itself and its descendants are refused, with a line in the
+    /// log. Where a slot of the change re-parents once more, that later call is the one that counts.
     void setParent(ZnObject* parent);
     ZnObject* parent() const noexcept { return parent_; }
     const std::vector<ZnObject*>& children() const noexcept { return children_; }
@@ -53,9 +56,10 @@ public:
 
     /// The owning thread, or null when it no longer exists.
     zn::atomic::Thread* thread() const;
-    /// Inside a slot of this object: the sender of the signal, or null when it is gone.
+    /// Inside a slot of this object: the sender of the signal, or null when it is gone; elsewhere null.
     ZnObject* sender() const;
-    /// Deletes this object from its thread's loop. Calling it again does nothing. Any thread.
+    /// Deletes this object from its thread's loop. Calling it again does nothing, unless a filter or an event() of its own
+    /// has kept it alive. Any thread.
     void deleteLater();
 
     /// Calls `function` (a callable, or a member function of the receiver) whenever `signal` is emitted. A function
@@ -63,18 +67,19 @@ public:
     template <typename Sender, typename... Args, typename Receiver, typename Function>
     void connect(void (Sender::*signal)(Args...), Receiver* receiver, Function function,
                  ZnConnectionType type = ZnConnectionType::AutoConnection) {
-        if (receiver == nullptr || !isLive(receiver))
+        zn::detail::ZnPointerControlRef control = zn::detail::controlIfLive(receiver);
+        if (!control)
             return;
-        addConnection_(SignalKey::of(signal),
-                       std::make_shared<SlotFunctionReceiver<Receiver, Function, std::decay_t<Args>...>>(
-                           receiver, std::move(function)),
-                       type);
+        using Slot = SlotFunctionReceiver<Receiver, Function, std::decay_t<Args>...>;
+        zn::detail::ZnConnectionHub::connect(
+            hub_, SignalKey::of(signal), std::make_shared<Slot>(std::move(control), receiver, std::move(function)), type);
     }
     template <typename Sender, typename... Args, typename Function>
     void connect(void (Sender::*signal)(Args...), Function function,
                  ZnConnectionType type = ZnConnectionType::AutoConnection) {
-        addConnection_(SignalKey::of(signal),
-                       std::make_shared<SlotFunction<Function, std::decay_t<Args>...>>(std::move(function)), type);
+        using Slot = SlotFunction<Function, std::decay_t<Args>...>;
+        zn::detail::ZnConnectionHub::connect(hub_, SignalKey::of(signal), std::make_shared<Slot>(std::move(function)),
+                                             type);
     }
     /// Drops every connection from this sender to `receiver`. Null and dead pointers are ignored.
     void disconnectReceiver(ZnObject* receiver);
@@ -98,15 +103,17 @@ protected:
     virtual void parentChanged(ZnObject* newParent);
 
     /// The body of every signal. Slots run with no lock held and may delete sender, receiver or connection:
-    /// after it the caller tests a ZnPointer to itself before it touches a member.
+    /// after it the caller tests a ZnPointer to itself before it touches a member. The arguments are copied first: a slot
+    /// may end or change what they refer to, and the next slot still gets the values of the emission.
     template <typename Sender, typename... SignalArgs, typename... Args>
     void emitSignal(void (Sender::*signal)(SignalArgs...), const Args&... args) {
-        const ConnectionListRef_ connections = connectionsFor_(SignalKey::of(signal));
+        const ConnectionListRef_ connections = hub_->connectionsOf(SignalKey::of(signal));
         if (!connections)
             return;
-        const Emission_ emission = beginEmission_();
+        const Emission_ emission{hub_, hub_->thread};
+        const std::tuple<std::decay_t<SignalArgs>...> values(args...);
         for (const Connection_& connection : *connections)
-            deliver_<std::decay_t<SignalArgs>...>(emission, connection, args...);
+            deliver_(emission, connection, values);
     }
 
     /// Runs `function` on `target` and waits for its end; inline when that is this object's thread, and when the
@@ -117,54 +124,41 @@ private:
     friend class ZnCoreApplication;
     friend zn::detail::ZnPointerControlRef zn::detail::controlOf(const ZnObject* object);
 
-    struct Connection_ {
-        std::shared_ptr<ISlotBase> slot;
-        ZnConnectionType type;
-    };
-    using ConnectionList_ = std::vector<Connection_>;
-    using ConnectionListRef_ = std::shared_ptr<const ConnectionList_>;
-    struct SignalConnections_ {
-        SignalKey key;
-        ConnectionListRef_ connections; // replaced, never changed: an emission keeps the list it began with
-    };
-    struct SenderCount_ {
-        ZnObject* sender;
-        int connectionCount;
-    };
+    using Connection_ = zn::detail::ZnConnectionHub::Connection;
+    using ConnectionListRef_ = zn::detail::ZnConnectionHub::ListRef;
     struct Emission_ {
-        zn::detail::ZnPointerControlRef senderControl;
+        zn::detail::ZnPointerControlRef sender;
         zn::atomic::Thread* senderThread;
     };
     enum class Delivery_ { Skip, Now, Post, Block };
 
-    void addConnection_(const SignalKey& key, std::shared_ptr<ISlotBase> slot, ZnConnectionType type);
-    ConnectionListRef_ connectionsFor_(const SignalKey& key) const;
-    Emission_ beginEmission_();
     /// How one connection is served; `*target` is the thread to post to.
     static Delivery_ chooseDelivery_(const Emission_& emission, const Connection_& connection,
                                      zn::atomic::Thread** target);
-    /// Re-checks the connection and the receiver, and notes the sender. False: do not call the slot.
-    static bool enterSlot_(const ISlotBase& slot, const zn::detail::ZnPointerControlRef& senderControl);
     static void postDelivery_(zn::atomic::Thread* target, ZnTask task);
     static void blockOnDelivery_(const Emission_& emission, zn::atomic::Thread* target, ZnTask task);
+    static void runBlocking_(zn::atomic::Thread* from, zn::atomic::Thread* target, ZnTask function);
 
-    template <typename... SlotArgs, typename... Args>
-    static void deliver_(const Emission_& emission, const Connection_& connection, const Args&... args) {
-        using Slot = ITypedSlot<SlotArgs...>;
+    template <typename... SlotArgs>
+    static void enterSlot_(ISlotBase& slot, const zn::detail::ZnPointerControlRef& sender,
+                           const std::tuple<SlotArgs...>& values) {
+        const zn::detail::ZnSlotScope scope(slot, sender);
+        if (scope.isEntered())
+            std::apply([&](const auto&... value) { static_cast<ITypedSlot<SlotArgs...>&>(slot).invoke(value...); }, values);
+    }
+
+    template <typename... SlotArgs>
+    static void deliver_(const Emission_& emission, const Connection_& connection,
+                         const std::tuple<SlotArgs...>& values) {
         zn::atomic::Thread* target = nullptr;
         const Delivery_ delivery = chooseDelivery_(emission, connection, &target);
         if (delivery == Delivery_::Skip)
             return;
         if (delivery == Delivery_::Now) {
-            if (enterSlot_(*connection.slot, emission.senderControl))
-                static_cast<Slot&>(*connection.slot).invoke(args...);
+            enterSlot_(*connection.slot, emission.sender, values);
             return;
         }
-        ZnTask task([slot = connection.slot, sender = emission.senderControl,
-                     values = std::tuple<SlotArgs...>(args...)]() {
-            if (enterSlot_(*slot, sender))
-                std::apply([&](const auto&... value) { static_cast<Slot&>(*slot).invoke(value...); }, values);
-        });
+        ZnTask task([slot = connection.slot, sender = emission.sender, values]() { enterSlot_(*slot, sender, values); });
         if (delivery == Delivery_::Post)
             postDelivery_(target, std::move(task));
         else
@@ -173,25 +167,18 @@ private:
 
     /// Whether the owning threads are the same, or one of them is not known.
     static bool sharesThread_(const ZnObject& left, const ZnObject& right);
-    void noteSender_(ZnObject* sender, int connectionCount);
     void sendChildEvent_(ZnChildEvent* event);
-    void dropIncomingConnections_();
-    std::vector<SignalConnections_> takeOutgoingConnections_();
-    void forgetSender_(const std::vector<SignalConnections_>& dropped);
     void deleteChildren_();
+    bool isWithin_(const ZnObject* ancestor) const;
+    void deletionRefused_() noexcept { deleteRequested_.store(false, std::memory_order_release); }
 
-    const zn::detail::ZnPointerControlRef control_; // with the owning thread
+    const zn::detail::ZnConnectionHubRef hub_; // outlives this object; holds its address, thread and connections
     std::atomic<bool> deleteRequested_{false};
-    ZnObject* parent_ = nullptr;                   // not owned; owner thread only, as are the next four
-    std::vector<ZnObject*> children_;              // owned, in the order of insertion
+    ZnObject* parent_ = nullptr;               // not owned; owner thread only, as are the next four
+    unsigned parentChangeCount_ = 0;           // tells setParent() that a slot of it has called it again
+    std::vector<ZnObject*> children_;          // owned, in the order of insertion
     std::vector<zn::detail::ZnPointerControlRef> eventFilters_;
     ZnString objectName_;
-    zn::detail::ZnPointerControlRef currentSender_;
-
-    mutable ZnMutex connectionLock_;               // released before a receiver's senderLock_ is taken
-    std::vector<SignalConnections_> connectionsByKey_ ZN_GUARDED_BY(connectionLock_);
-    ZnMutex senderLock_;                           // leaf lock
-    std::vector<SenderCount_> senders_ ZN_GUARDED_BY(senderLock_); // senders with connections to this object
 };
 
 /// Gives a class derived from ZnObject its name: in the public part, with the class and its base.

@@ -40,8 +40,7 @@ struct SignalKey {
 /// Abstract root of everything that a signal can call.
 class ISlotBase {
 public:
-    explicit ISlotBase(zn::detail::ZnPointerControlRef receiverControl)
-        : receiver_(std::move(receiverControl)), receiverAddress_(receiver_ ? receiver_->get() : nullptr) {}
+    explicit ISlotBase(zn::detail::ZnPointerControlRef receiverControl) : receiver_(std::move(receiverControl)) {}
     virtual ~ISlotBase() = default;
     ISlotBase(const ISlotBase&) = delete;
     ISlotBase& operator=(const ISlotBase&) = delete;
@@ -51,15 +50,14 @@ public:
     ZnObject* receiverObject() const noexcept { return receiver_ ? receiver_->get() : nullptr; }
     /// The thread of the receiver, which may be gone; null without a receiver.
     zn::atomic::Thread* receiverThread() const noexcept { return receiver_ ? receiver_->thread : nullptr; }
-    /// For comparison only: where the receiver is or was.
-    const ZnObject* receiverAddress() const noexcept { return receiverAddress_; }
+    /// Who the receiver is, also when it is gone; null for a slot without one.
+    const zn::detail::ZnPointerControlRef& receiverControl() const noexcept { return receiver_; }
     /// False once the connection has been dropped; deliveries already under way then do nothing.
     bool isConnected() const noexcept { return connected_.load(std::memory_order_acquire); }
     void markDisconnected() noexcept { connected_.store(false, std::memory_order_release); }
 
 private:
-    zn::detail::ZnPointerControlRef receiver_; // null for a slot without a receiver
-    const ZnObject* const receiverAddress_;
+    const zn::detail::ZnPointerControlRef receiver_; // null for a slot without a receiver
     std::atomic<bool> connected_{true};        // the release store of markDisconnected() pairs with isConnected()
 };
 
@@ -92,8 +90,8 @@ private:
 template <typename Receiver, typename Function, typename... Args>
 class SlotFunctionReceiver final : public ITypedSlot<Args...> {
 public:
-    SlotFunctionReceiver(Receiver* receiver, Function function)
-        : ITypedSlot<Args...>(zn::detail::controlOf(receiver)), receiver_(receiver), function_(std::move(function)) {}
+    SlotFunctionReceiver(zn::detail::ZnPointerControlRef control, Receiver* receiver, Function function)
+        : ITypedSlot<Args...>(std::move(control)), receiver_(receiver), function_(std::move(function)) {}
     void invoke(const Args&... args) override {
         if constexpr (std::is_member_function_pointer_v<Function>) {
             if constexpr (std::is_invocable_v<Function, Receiver*, const Args&...>)

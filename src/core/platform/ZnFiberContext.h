@@ -15,6 +15,8 @@ public:
 
     bool isValid() const noexcept { return base_ != nullptr; }
     std::size_t stackBytes() const noexcept { return stackBytes_; }
+    const void* begin() const noexcept { return base_; }
+    const void* end() const noexcept { return base_ + mappedBytes_; }
     /// The lowest address of the stack, with its guard page put in place. Null when the system refuses.
     void* prepare(std::size_t stackIndex);
 

@@ -12,6 +12,8 @@
 namespace zn::atomic {
 namespace {
 
+constexpr const char* kCategory = "zn.core.runtime.znthread";
+
 /// The records that may be used; a thread_ pointer counts only while it is in here. A record leaves before it goes, so
 /// who holds the mutex shared keeps every record that he finds.
 struct LiveThreads_ {
@@ -99,6 +101,10 @@ bool Thread::start() {
     std::lock_guard<std::mutex> once(startOnceMutex_);
     if (adopted_ || isRunning())
         return true;
+    if (currentRecord == this) {
+        ZN_LOG_WARNING(kCategory, "Thread::start") << "start() called on thread '" << name_ << "' by itself, at its end";
+        return false;
+    }
     join(); // an earlier run
     stopRequested_.store(false, std::memory_order_relaxed);
     std::unique_lock<std::mutex> lock(startMutex_);
@@ -107,7 +113,7 @@ bool Thread::start() {
         std::lock_guard<std::mutex> guard(joinMutex_);
         handle_ = std::thread([this] { run_(); });
     } catch (const std::system_error& error) {
-        ZN_LOG_ERROR("zn.core.runtime.znthread", "Thread::start") << "Failed to start thread: " << error.what();
+        ZN_LOG_ERROR(kCategory, "Thread::start") << "Failed to start thread: " << error.what();
         return false;
     }
     startCondition_.wait(lock, [this] { return started_; });
@@ -139,13 +145,23 @@ void Thread::deleteAtEnd() {
 void Thread::run_() {
     currentRecord = this;
     threadId_.store(ZnThreadControl::currentThreadId(), std::memory_order_release);
-    if (std::unique_ptr<ZnPoller> poller = ZnPoller::open()) {
-        runLoop_(std::move(poller));
+    std::unique_ptr<ZnPoller> poller = ZnPoller::open();
+    if (!poller) {
+        ZN_LOG_ERROR(kCategory, "Thread::start") << "Failed to start thread: no descriptors for its loop";
+        currentRecord = nullptr;
+        noteStart_(false);
         return;
     }
-    ZN_LOG_ERROR("zn.core.runtime.znthread", "Thread::start") << "Failed to start thread: no descriptors for its loop";
+    do {
+        runLoop_(std::move(poller));
+        const bool goesOn = keepsRunning_ && !stopRequested_.load(std::memory_order_acquire);
+        poller = goesOn ? ZnPoller::open() : nullptr;
+    } while (poller);
     currentRecord = nullptr;
-    noteStart_(false);
+    if (deleteAtEnd_) {
+        handle_.detach();
+        delete this;
+    }
 }
 
 void Thread::noteStart_(bool hasRuntime) {
@@ -160,24 +176,31 @@ void Thread::runLoop_(std::unique_ptr<ZnPoller> poller) {
     auto application = std::make_unique<ZnCoreApplication>(std::move(poller)); // attaches itself
     running_.store(true, std::memory_order_release);
     noteStart_(true);
-    if (const std::function<void()> onStart = copyOf_(onStart_))
-        onStart();
+    callSafely_(onStart_, "onStart");
     if (!stopRequested_.load(std::memory_order_acquire))
         application->exec(0);
+    // Objects on parked stacks must not stay in the sight of others when the stacks go.
+    application->unwindFibers();
     application.reset(); // detaches itself
     running_.store(false, std::memory_order_release);
-    if (const std::function<void()> onFinish = copyOf_(onFinish_))
-        onFinish();
-    currentRecord = nullptr;
-    if (deleteAtEnd_) {
-        handle_.detach();
-        delete this;
-    }
+    callSafely_(onFinish_, "onFinish");
 }
 
-std::function<void()> Thread::copyOf_(const std::function<void()>& callback) {
-    std::lock_guard<std::mutex> guard(callbackMutex_);
-    return callback;
+void Thread::callSafely_(const std::function<void()>& callback, const char* name) {
+    std::function<void()> copy;
+    {
+        std::lock_guard<std::mutex> guard(callbackMutex_);
+        copy = callback;
+    }
+    if (!copy)
+        return;
+    try {
+        copy();
+    } catch (const std::exception& error) {
+        ZN_LOG_ERROR(kCategory, "Thread::run_") << "Unhandled exception in " << name << ": " << error.what();
+    } catch (...) {
+        ZN_LOG_ERROR(kCategory, "Thread::run_") << "Unhandled unknown exception in " << name;
+    }
 }
 
 void Thread::setOnStart(std::function<void()> callback) {
@@ -204,6 +227,8 @@ Thread* Thread::fallbackThread() {
     const std::lock_guard<std::mutex> guard(mutex);
     if (thread == nullptr) {
         auto record = std::make_unique<Thread>("ZnFallbackCoreThread");
+        // A stop of the process's loops ends those of others; this one still serves what is deleted after that.
+        record->keepsRunning_ = true;
         if (record->start())
             thread = record.release(); // else the next need tries again
     }

@@ -34,7 +34,8 @@ public:
     Thread& operator=(const Thread&) = delete;
 
     /// Starts the thread and returns once its runtime accepts posts; true when it runs (also if it already did). False,
-    /// with a line in the log, when the system has no thread or no descriptors to give.
+    /// with a line in the log, when the system has no thread or no descriptors to give, and on the thread itself while it
+    /// ends: it cannot wait for its own end.
     bool start();
     /// Asks the thread's loop to end behind what is queued on lane 0; nothing when it does not run.
     void requestStop();
@@ -47,7 +48,8 @@ public:
     std::uint32_t threadId() const noexcept { return threadId_.load(std::memory_order_acquire); }
     const ZnString& name() const noexcept { return name_; }
 
-    /// Run on the thread before its loop begins and after its runtime is gone.
+    /// Run on the thread before its loop begins and after its runtime is gone. An exception ends there, with a line in
+    /// the log.
     void setOnStart(std::function<void()> callback);
     void setOnFinish(std::function<void()> callback);
 
@@ -96,7 +98,7 @@ private:
     void runLoop_(std::unique_ptr<ZnPoller> poller);
     void noteStart_(bool hasRuntime);
     void attach_(ZnCoreApplication* application);
-    std::function<void()> copyOf_(const std::function<void()>& callback);
+    void callSafely_(const std::function<void()>& callback, const char* name);
 
     const ZnString name_;
     std::mutex joinMutex_; // held while joining, for several waiters
@@ -106,6 +108,7 @@ private:
     std::atomic<bool> running_{false};
     std::atomic<bool> stopRequested_{false};
     const bool adopted_;
+    bool keepsRunning_ = false; // set before the start: its loop begins anew unless requestStop() was called
 
     std::mutex appMutex_;
     ZnCoreApplication* application_ = nullptr; // guarded by appMutex_, as is pending_

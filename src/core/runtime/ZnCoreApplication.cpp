@@ -15,10 +15,11 @@ namespace {
 constexpr const char* kCategory = "zn.core.runtime.zncoreapplication";
 constexpr long long kNsPerUs = 1000;
 constexpr long long kNsPerMs = 1000000;
-/// While work is always queued, the poller and the events of low priority still get their turn this often.
+/// While work is always queued, the poller and the events of low priority still get their turn this often: whichever
+/// comes first. The work between two looks bounds how late everybody else's readiness is seen.
 constexpr unsigned kWorkPerLook = 256;
-/// Timers that are due but find no room in the pool are tried again after this time.
-constexpr long long kNoRoomRetryNs = 10 * kNsPerMs;
+constexpr long long kLongestBetweenLooksNs = kNsPerMs;
+constexpr int kRejectionReportUs = 1000000;
 
 thread_local ZnCoreApplication* currentApplication = nullptr;
 
@@ -70,6 +71,8 @@ ZnCoreApplication::~ZnCoreApplication() {
     while (!runningLoops_.empty()) // they may outlive this application, or go with their fibers' stacks
         runningLoops_.front()->leaveRunning_();
     destroyWaitingObjects_();
+    for (int lane = 0; lane < ZnFiberPool::kLaneCount; ++lane)
+        reportRejections_(lane);
     ioDispatcher_.shutdown();
     fiberPool_.shutdown();
     destroyWaitingObjects_(); // what the captures of dropped tasks let go of
@@ -157,6 +160,14 @@ bool ZnCoreApplication::endWaits(int maxMs) {
     return isDone;
 }
 
+void ZnCoreApplication::unwindFibers() {
+    endingWaits_ = true;
+    while (!runningLoops_.empty())
+        runningLoops_.front()->quit();
+    fiberPool_.unwindParked();
+    endingWaits_ = false;
+}
+
 bool ZnCoreApplication::runLoop_(const std::function<bool()>* isDone, long long deadlineNs) {
     ZN_ASSERT(!fiberPool_.isOnFiber());
     long long passStartNs = monotonicNowNs();
@@ -168,9 +179,9 @@ bool ZnCoreApplication::runLoop_(const std::function<bool()>* isDone, long long 
         if (delayNs != 0 && !isOver && (deadlineNs == 0 || nowNs < deadlineNs)) {
             if (deadlineNs != 0)
                 delayNs = delayNs < 0 ? deadlineNs - nowNs : std::min(delayNs, deadlineNs - nowNs);
-            ioDispatcher_.pollAndDispatch(delayNs, fiberPool_.roomFor(ZnFiberPool::kDefaultLane));
+            ioDispatcher_.pollAndDispatch(delayNs);
+            nowNs = lastLookNs_ = monotonicNowNs();
             workSinceLook_ = 0;
-            nowNs = monotonicNowNs();
         }
         loadMeter_.add(nowNs, busyNs, nowNs - passStartNs);
         passStartNs = nowNs;
@@ -184,8 +195,8 @@ bool ZnCoreApplication::runLoop_(const std::function<bool()>* isDone, long long 
 long long ZnCoreApplication::processEvents_(long long nowNs) {
     if (ioDispatcher_.hasDeferred())
         ioDispatcher_.dispatchDeferred();
-    if (++workSinceLook_ >= kWorkPerLook)
-        serveTheStarved_();
+    if (++workSinceLook_ >= kWorkPerLook || nowNs - lastLookNs_ >= kLongestBetweenLooksNs)
+        serveTheStarved_(nowNs);
     if (fiberPool_.hasLaneZeroWork() && fiberPool_.runNextWorkItem())
         return 0;
     if (deliverOneOf_(&ZnCoreApplication::highEvents_))
@@ -198,12 +209,13 @@ long long ZnCoreApplication::processEvents_(long long nowNs) {
     return nextTimerNs;
 }
 
-void ZnCoreApplication::serveTheStarved_() {
+void ZnCoreApplication::serveTheStarved_(long long nowNs) {
     workSinceLook_ = 0;
-    const int room = fiberPool_.roomFor(ZnFiberPool::kDefaultLane);
-    if (room > 0)
-        ioDispatcher_.pollAndDispatch(0, room);
+    lastLookNs_ = nowNs;
+    ioDispatcher_.pollAndDispatch(0);
     for (unsigned i = 0; i < kWorkPerLook && deliverOneOf_(&ZnCoreApplication::normalEvents_); ++i) {
+        if (monotonicNowNs() - nowNs >= kLongestBetweenLooksNs)
+            break;
     }
 }
 
@@ -219,8 +231,8 @@ void ZnCoreApplication::requestStop() noexcept {
 
 // --- posts
 
-bool ZnCoreApplication::tryPostOnLane(ZnTask& task, int lane) {
-    if (!fiberPool_.submit(task, lane))
+bool ZnCoreApplication::tryPostOnLane(ZnTask& task, int lane, ZnFiberPool::Purpose purpose) {
+    if (!fiberPool_.submit(task, lane, purpose))
         return false;
     if (currentApplication != this)
         poller_->wake();
@@ -230,26 +242,53 @@ bool ZnCoreApplication::tryPostOnLane(ZnTask& task, int lane) {
 bool ZnCoreApplication::postEventOnLane(ZnTask task, int lane) {
     if (tryPostOnLane(task, lane))
         return true;
-    ZnFiberPool::logRejected(lane, fiberPool_.countRejected(lane));
+    logRejected(countRejected(lane));
     return false;
+}
+
+ZnFiberPool::Rejection ZnCoreApplication::countRejected(int lane) {
+    const ZnFiberPool::Rejection rejection = fiberPool_.countRejected(lane);
+    if (rejection.isFirst) {
+        const int knownLane = rejection.lane;
+        addTimer([this, knownLane] { reportRejections_(knownLane); }, kRejectionReportUs, true, ZnFiberPool::kFirstLane);
+    }
+    return rejection;
+}
+
+void ZnCoreApplication::logRejected(const ZnFiberPool::Rejection& rejection) {
+    if (rejection.isFirst)
+        ZN_LOG_WARNING(kCategory, "ZnCoreApplication::postEventOnLaneImpl_")
+            << "ZnFiberPool saturated; rejecting posted event on lane=" << rejection.lane;
+}
+
+void ZnCoreApplication::reportRejections_(int lane) {
+    const std::uint64_t count = fiberPool_.takeUnreported(lane);
+    if (count > 1) // the first one was told of when it came
+        ZN_LOG_WARNING(kCategory, "ZnCoreApplication::postEventOnLaneImpl_")
+            << "ZnFiberPool saturated; rejected " << count << " posted events on lane=" << lane << " within a second";
 }
 
 void ZnCoreApplication::postEvent(ZnObject* receiver, ZnEvent* event, int priority) {
     std::unique_ptr<ZnEvent> owned(event);
-    if (event == nullptr || receiver == nullptr || !ZnObject::isLive(receiver))
+    zn::detail::ZnPointerControlRef control = zn::detail::controlIfLive(receiver);
+    if (event == nullptr || !control)
         return;
-    QueuedEvent_ queued{zn::detail::controlOf(receiver), std::move(owned)};
-    // An object of another thread is served there.
-    bool isServedElsewhere = false;
-    zn::atomic::Thread::withLive(queued.receiver->thread, [&](zn::atomic::Thread& owner) {
-        owner.withApplication([&](ZnCoreApplication* application) {
-            isServedElsewhere = application != nullptr && application != this;
-            if (isServedElsewhere)
-                application->queueEvent_(std::move(queued), priority);
+    zn::atomic::Thread* const ownerThread = control->thread;
+    const auto queued = std::make_shared<QueuedEvent_>(QueuedEvent_{std::move(control), std::move(owned)});
+    if (ownerThread == zn::atomic::Thread::currentThread() && currentApplication != nullptr) {
+        currentApplication->queueEvent_(std::move(*queued), priority);
+        return;
+    }
+    // An object of another thread is served there: when that is not running, at its next start, and never beside it.
+    ZnTask whenStarted([queued, priority] { currentApplication->queueEvent_(std::move(*queued), priority); });
+    const bool hasThread = zn::atomic::Thread::withLive(ownerThread, [&](zn::atomic::Thread& owner) {
+        owner.withApplicationOrPending(whenStarted, ZnFiberPool::kDefaultLane, true, [&](ZnCoreApplication& application) {
+            application.queueEvent_(std::move(*queued), priority);
+            return true;
         });
     });
-    if (!isServedElsewhere)
-        queueEvent_(std::move(queued), priority);
+    if (!hasThread)
+        queueEvent_(std::move(*queued), priority);
 }
 
 void ZnCoreApplication::queueDeletion(ZnObject* object) {
@@ -270,22 +309,25 @@ namespace {
 
 struct PostOutcome_ {
     bool isAccepted = false; // else the task is kept for later, or refused and still the caller's
-    std::uint64_t refusalsToReport = 0;
+    ZnFiberPool::Rejection rejection;
 };
 
+PostOutcome_ offerTo(ZnCoreApplication& application, ZnTask& task, int lane) {
+    if (application.tryPostOnLane(task, lane))
+        return {true, {}};
+    return {false, application.countRejected(lane)};
+}
+
 PostOutcome_ offer(zn::atomic::Thread& target, ZnTask& task, int lane) {
-    return target.withApplicationOrPending(task, lane, PostOutcome_(), [&](ZnCoreApplication& application) {
-        if (application.tryPostOnLane(task, lane))
-            return PostOutcome_{true, 0};
-        return PostOutcome_{false, application.fiberPool().countRejected(lane)};
-    });
+    return target.withApplicationOrPending(
+        task, lane, PostOutcome_(), [&](ZnCoreApplication& application) { return offerTo(application, task, lane); });
 }
 
 } // namespace
 
 bool postToThread(zn::atomic::Thread* target, ZnTask task, int lane) {
     const PostOutcome_ outcome = offer(*target, task, lane);
-    ZnFiberPool::logRejected(lane, outcome.refusalsToReport);
+    ZnCoreApplication::logRejected(outcome.rejection);
     return outcome.isAccepted; // a refused task is destroyed here, without the thread's lock
 }
 
@@ -297,10 +339,22 @@ bool postToThreadIfLive(zn::atomic::Thread* target, ZnTask& task, int lane, bool
         task = std::move(offered);
         return false;
     }
-    ZnFiberPool::logRejected(lane, outcome.refusalsToReport);
+    ZnCoreApplication::logRejected(outcome.rejection);
     if (isAccepted != nullptr)
         *isAccepted = outcome.isAccepted;
     return true;
+}
+
+bool postToRunningThread(zn::atomic::Thread* target, ZnTask task, int lane) {
+    PostOutcome_ outcome;
+    zn::atomic::Thread::withLive(target, [&](zn::atomic::Thread& record) {
+        record.withApplication([&](ZnCoreApplication* application) {
+            if (application != nullptr)
+                outcome = offerTo(*application, task, lane);
+        });
+    });
+    ZnCoreApplication::logRejected(outcome.rejection);
+    return outcome.isAccepted;
 }
 
 bool postToThreadOrFallback(zn::atomic::Thread* target, ZnTask task, int lane) {
@@ -337,6 +391,9 @@ void ZnCoreApplication::deliver_(QueuedEvent_ queued) {
     try {
         if (ZnObject* receiver = queued.receiver->get())
             notify(receiver, queued.event.get());
+        ZnObject* left = queued.receiver->get();
+        if (left != nullptr && queued.event->type == ZnEvent::kDeferredDelete)
+            left->deletionRefused_();
     } catch (const std::exception& error) {
         ZN_LOG_ERROR(kCategory, "ZnCoreApplication::deliver_") << "Unhandled exception in object event: " << error.what();
     } catch (...) {
@@ -345,9 +402,9 @@ void ZnCoreApplication::deliver_(QueuedEvent_ queued) {
 }
 
 bool ZnCoreApplication::notify(ZnObject* receiver, ZnEvent* event) {
-    if (receiver == nullptr || event == nullptr || !ZnObject::isLive(receiver))
+    const zn::detail::ZnPointerControlRef control = zn::detail::controlIfLive(receiver);
+    if (event == nullptr || !control)
         return false;
-    const zn::detail::ZnPointerControlRef control = zn::detail::controlOf(receiver);
     const bool wasInDelivery = event->inDelivery;
     event->inDelivery = true;
     bool handled = false;
@@ -379,8 +436,8 @@ bool ZnCoreApplication::runFilters_(const std::vector<zn::detail::ZnPointerContr
 }
 
 void ZnCoreApplication::installEventFilter(ZnObject* filter) {
-    if (ZnObject::isLive(filter))
-        eventFilters_.push_back(zn::detail::controlOf(filter));
+    if (zn::detail::ZnPointerControlRef control = zn::detail::controlIfLive(filter))
+        eventFilters_.push_back(std::move(control));
 }
 
 void ZnCoreApplication::destroyWaitingObjects_() {
@@ -459,8 +516,8 @@ long long ZnCoreApplication::timerPass_(long long nowNs) {
     for (std::size_t group = 0; group < ZnTimerTable::kGroupCount; ++group)
         allPosted = postDueTimers_(group, nowNs) && allPosted;
     const long long nextDueNs = nextTimerDueNs_.load(std::memory_order_acquire);
-    if (!allPosted)
-        return kNoRoomRetryNs;
+    if (!allPosted) // the pool is full of work, which goes first
+        return 0;
     return nextDueNs < 0 ? -1 : std::max(nextDueNs - nowNs, 0LL);
 }
 
@@ -472,14 +529,14 @@ bool ZnCoreApplication::postDueTimers_(std::size_t group, long long nowNs) {
             const ZnTimerRecord* next = timers_.next(group);
             if (next == nullptr || next->dueNs > nowNs)
                 return true;
-            if (!fiberPool_.canAccept(next->lane))
+            if (!fiberPool_.canAccept(next->lane, ZnFiberPool::Purpose::WakeUp))
                 return false;
             record = timers_.takeNext(group);
             mirrorNextTimer_();
         }
         const int lane = record->lane;
         ZnTask fire(TimerFire_(*this, std::move(record)));
-        if (!tryPostOnLane(fire, lane))
+        if (!tryPostOnLane(fire, lane, ZnFiberPool::Purpose::WakeUp))
             return false; // another thread took the room; the timer goes back in line
     }
 }

@@ -58,12 +58,20 @@ public:
     /// loop's own context. Fibers that are parked when the application goes are dropped without unwinding.
     bool endWaits(int maxMs);
     bool isEndingWaits() const noexcept { return endingWaits_; }
+    /// For the end of a thread, on the loop's own context: ends every wait, of whatever kind, and lets the parked fibers run
+    /// to their ends. Nothing else runs meanwhile: what is queued stays queued.
+    void unwindFibers();
 
     /// Queues `task` on lane 2. Any thread. False: refused (the pool is saturated) and the task destroyed.
     bool postEvent(ZnTask task) { return postEventOnLane(std::move(task), ZnFiberPool::kDefaultLane); }
     bool postEventOnLane(ZnTask task, int lane);
     /// As postEventOnLane, but a refused task stays with the caller and nothing is logged.
-    bool tryPostOnLane(ZnTask& task, int lane);
+    bool tryPostOnLane(ZnTask& task, int lane, ZnFiberPool::Purpose purpose = ZnFiberPool::Purpose::NewWork);
+    /// Counts a post that was refused. The log tells of the first one of a burst at once, of the others with their number a
+    /// second later. Any thread; not under a lock that comes behind loopMutex_.
+    ZnFiberPool::Rejection countRejected(int lane);
+    /// The line about a first refusal; nothing for others. To be called without a lock.
+    static void logRejected(const ZnFiberPool::Rejection& rejection);
     /// Queues an object event and takes it over. Priority 1 and above goes before timers and lanes 1 to 3. Never
     /// refused. Any thread.
     void postEvent(ZnObject* receiver, ZnEvent* event, int priority);
@@ -123,7 +131,8 @@ private:
     void fireTimer_(const std::shared_ptr<ZnTimerRecord>& record);
     void putTimerBack_(const std::shared_ptr<ZnTimerRecord>& record, long long dueNs);
     void mirrorNextTimer_() ZN_REQUIRES(loopMutex_);
-    void serveTheStarved_();
+    void serveTheStarved_(long long nowNs);
+    void reportRejections_(int lane);
     void destroyWaitingObjects_();
     static bool deleteReceivers_(std::deque<QueuedEvent_>& queued);
 
@@ -138,7 +147,8 @@ private:
     ZnLoadMeter loadMeter_;
     std::list<ZnEventLoop*> runningLoops_; // whose exec() has not ended
     bool endingWaits_ = false;
-    unsigned workSinceLook_ = 0; // units of work since the loop last looked into the poller
+    long long lastLookNs_ = 0; // when the loop last looked into the poller
+    unsigned workSinceLook_ = 0; // units of work since then
 
     ZnMutex loopMutex_; // before the pool's lock; never held while user code runs
     std::deque<QueuedEvent_> normalEvents_ ZN_GUARDED_BY(loopMutex_); // priority below 1
@@ -157,6 +167,10 @@ bool postToThread(zn::atomic::Thread* target, ZnTask task, int lane = ZnFiberPoo
 /// As postToThread for a target that may be null or going on another thread. False, with the task as it was, when it has
 /// gone; else true, and `*isAccepted` (may be null) is what postToThread gives.
 bool postToThreadIfLive(zn::atomic::Thread* target, ZnTask& task, int lane, bool* isAccepted = nullptr);
+
+/// Queues `task` on a target that may be null or gone, if it has an application now. Else, or when the pool is saturated
+/// (which is logged), the task is destroyed and the result is false.
+bool postToRunningThread(zn::atomic::Thread* target, ZnTask task, int lane = ZnFiberPool::kDefaultLane);
 
 /// As postToThread for a target that may be null or gone: then the current thread, the fallback thread.
 bool postToThreadOrFallback(zn::atomic::Thread* target, ZnTask task, int lane = ZnFiberPool::kDefaultLane);

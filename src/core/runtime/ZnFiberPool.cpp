@@ -1,6 +1,6 @@
 #include "core/runtime/ZnFiberPool.h"
 
-#include "core/platform/ZnMonotonicClock.h"
+#include "core/object/ZnLiveObjects.h"
 #include "core/types/ZnAssert.h"
 #include "core/types/ZnLogger.h"
 
@@ -14,7 +14,10 @@ namespace {
 constexpr const char* kCategory = "zn.core.runtime.znfiberpool";
 constexpr int kDefaultStackBytes = 131072;
 constexpr std::array<int, 3> kLaneCredits = {8, 4, 1};
-constexpr long long kReportIntervalNs = 1000000000LL;
+/// Slots are made so many at a time, and so many idle ones are kept beyond the warm ones.
+constexpr std::size_t kGroupSlots = 64;
+/// A fiber that is to unwind and waits more often than this does not mean to end.
+constexpr int kMaxRefusedWaits = 1000;
 
 // Instrumented code needs far more stack.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -49,7 +52,9 @@ void ZnFiberPool::configure(const Config& config) {
     config_.spilloverLimit = std::max(config_.spilloverLimit, 0);
     if (config_.stackSize <= 0)
         config_.stackSize = kDefaultStackBytes;
+    config_.parkedLimit = std::max(config_.parkedLimit, 0);
     warmTarget_.store(std::min(config_.warmMinimum, config_.warmMaximum), std::memory_order_relaxed);
+    parkedLimit_.store(config_.parkedLimit, std::memory_order_relaxed);
     spilloverLimit_.store(config_.spilloverLimit, std::memory_order_relaxed);
 }
 
@@ -62,36 +67,39 @@ void ZnFiberPool::ensureWarmedUp() {
         return;
     ZnMutexLocker locker(lock_);
     const auto target = static_cast<std::size_t>(warmTarget());
-    const std::size_t stackBytes = static_cast<std::size_t>(config_.stackSize) * kStackFactor;
-    warmStacks_ = std::make_unique<ZnFiberStacks>(std::max<std::size_t>(target, 1), stackBytes);
-    if (warmStacks_->isValid()) {
-        slots_.reserve(target + static_cast<std::size_t>(config_.spilloverLimit));
-        idleWarm_.reserve(target);
-        for (std::size_t i = 0; i < target; ++i) {
-            auto slot = std::make_unique<FiberSlot_>();
-            slot->pool = this;
-            slot->stacks = warmStacks_.get();
-            slot->stackIndex = target - 1 - i; // the last one added is the first one used
-            idleWarm_.push_back(slot.get());
-            slots_.push_back(std::move(slot));
-        }
-        warmSlotCount_ = static_cast<int>(target);
-    } else {
+    if (target > 0 && !addGroup_(target, true))
         ZN_LOG_ERROR(kCategory, "ZnFiberPool::ensureWarmedUp") << "Failed to create fiber. Error: " << errno;
-    }
     warmedUp_.store(true, std::memory_order_release);
+}
+
+bool ZnFiberPool::addGroup_(std::size_t slotCount, bool isWarm) {
+    auto group = std::make_unique<StackGroup_>(slotCount, static_cast<std::size_t>(config_.stackSize) * kStackFactor);
+    if (!group->stacks.isValid())
+        return false;
+    group->isWarm = isWarm;
+    std::vector<FiberSlot_*>& idle = isWarm ? idleWarm_ : idleGrown_;
+    idle.reserve(idle.size() + slotCount);
+    for (std::size_t i = slotCount; i-- > 0;) { // the last one added is the first one used
+        FiberSlot_& slot = group->slots[i];
+        slot.pool = this;
+        slot.group = group.get();
+        slot.stackIndex = i;
+        idle.push_back(&slot);
+    }
+    (isWarm ? warmSlotCount_ : grownSlotCount_) += static_cast<int>(slotCount);
+    groups_.push_back(std::move(group));
+    return true;
 }
 
 int ZnFiberPool::capacityOf_(int lane) const {
     return warmTarget() + (laneIndex_(lane) <= 1 ? spilloverLimit_.load(std::memory_order_relaxed) : 0);
 }
 
-bool ZnFiberPool::canAccept(int lane) const {
-    return roomFor(lane) > 0;
-}
-
-int ZnFiberPool::roomFor(int lane) const {
-    return capacityOf_(lane) - load_.load(std::memory_order_relaxed);
+int ZnFiberPool::roomFor(int lane, Purpose purpose) const {
+    const int room = capacityOf_(lane) - load_.load(std::memory_order_relaxed);
+    if (purpose == Purpose::WakeUp)
+        return room;
+    return std::min(room, parkedLimit_.load(std::memory_order_relaxed) - parkedCount_.load(std::memory_order_relaxed));
 }
 
 int ZnFiberPool::depthOf_(int lane) const {
@@ -107,10 +115,16 @@ void ZnFiberPool::noteDepth_(int lane) {
         laneZeroCount_.fetch_add(1, std::memory_order_release);
 }
 
-bool ZnFiberPool::submit(ZnTask& task, int lane) {
+void ZnFiberPool::noteTaken_(int lane) {
+    queuedCount_.fetch_sub(1, std::memory_order_relaxed);
+    if (lane == kFirstLane)
+        laneZeroCount_.fetch_sub(1, std::memory_order_relaxed);
+}
+
+bool ZnFiberPool::submit(ZnTask& task, int lane, Purpose purpose) {
     lane = laneIndex_(lane);
     ZnMutexLocker locker(lock_);
-    if (!canAccept(lane))
+    if (!canAccept(lane, purpose))
         return false;
     taskQueues_[static_cast<std::size_t>(lane)].push_back(std::move(task));
     load_.fetch_add(1, std::memory_order_relaxed);
@@ -118,24 +132,20 @@ bool ZnFiberPool::submit(ZnTask& task, int lane) {
     return true;
 }
 
-std::uint64_t ZnFiberPool::countRejected(int lane) {
+ZnFiberPool::Rejection ZnFiberPool::countRejected(int lane) {
+    lane = laneIndex_(lane);
+    const auto index = static_cast<std::size_t>(lane);
     ZnMutexLocker locker(lock_);
     ++rejectedCount_;
-    RejectLog_& log = rejectLog_[static_cast<std::size_t>(laneIndex_(lane))];
-    ++log.unreported;
-    const long long nowNs = monotonicNowNs();
-    if (log.lastReportNs != 0 && nowNs - log.lastReportNs < kReportIntervalNs)
-        return 0;
-    log.lastReportNs = nowNs;
-    return std::exchange(log.unreported, 0);
+    ++unreported_[index];
+    return {!std::exchange(isReportDue_[index], true), lane};
 }
 
-void ZnFiberPool::logRejected(int lane, std::uint64_t refusalCount) {
-    if (refusalCount == 0)
-        return;
-    ZN_LOG_WARNING("zn.core.runtime.zncoreapplication", "ZnCoreApplication::postEventOnLaneImpl_")
-        << "ZnFiberPool saturated; rejecting posted event on lane=" << lane << " (" << refusalCount
-        << (refusalCount == 1 ? " refusal)" : " refusals since the last report)");
+std::uint64_t ZnFiberPool::takeUnreported(int lane) {
+    const auto index = static_cast<std::size_t>(laneIndex_(lane));
+    ZnMutexLocker locker(lock_);
+    isReportDue_[index] = false;
+    return std::exchange(unreported_[index], 0);
 }
 
 int ZnFiberPool::chooseLane_() {
@@ -165,41 +175,13 @@ int ZnFiberPool::laneByCredits_() {
     return -1;
 }
 
-ZnFiberPool::FiberSlot_* ZnFiberPool::createSpilloverSlotLocked_() {
-    auto slot = std::make_unique<FiberSlot_>();
-    slot->pool = this;
-    slot->spillover = true;
-    slot->resumeLane = 1;
-    slot->ownStacks =
-        std::make_unique<ZnFiberStacks>(1, static_cast<std::size_t>(config_.stackSize) * kStackFactor);
-    slot->stacks = slot->ownStacks.get();
-    if (!slot->stacks->isValid())
-        return nullptr; // as with no slot
-    ++spilloverSlotCount_;
-    slots_.push_back(std::move(slot));
-    return slots_.back().get();
-}
-
-ZnFiberPool::FiberSlot_* ZnFiberPool::acquireSlot_(int lane) {
-    FiberSlot_* slot = nullptr;
-    // Tasks of lanes 2 and 3 were accepted because warm slots were left for them. Lanes 0 and 1, which may go first,
-    // take spillover slots rather than those, so that no accepted task ends without a slot.
-    const std::size_t reserved = lane > 1 ? 0 : taskQueues_[2].size() + taskQueues_[3].size();
-    if (idleWarm_.size() > reserved)
-        slot = popBack_(idleWarm_);
-    else if (lane <= 1)
-        slot = acquireSpilloverSlot_();
-    if (slot == nullptr && !idleWarm_.empty())
-        slot = popBack_(idleWarm_);
-    if (slot != nullptr)
-        slot->idle = false;
+ZnFiberPool::FiberSlot_* ZnFiberPool::acquireSlot_() {
+    if (idleWarm_.empty() && idleGrown_.empty() && !addGroup_(kGroupSlots, false))
+        return nullptr;
+    FiberSlot_* slot = popBack_(idleWarm_.empty() ? idleGrown_ : idleWarm_);
+    slot->idle = false;
+    ++slot->group->busyCount;
     return slot;
-}
-
-ZnFiberPool::FiberSlot_* ZnFiberPool::acquireSpilloverSlot_() {
-    if (!idleSpillover_.empty())
-        return popBack_(idleSpillover_);
-    return spilloverSlotCount_ < config_.spilloverLimit ? createSpilloverSlotLocked_() : nullptr;
 }
 
 ZnFiberPool::FiberSlot_* ZnFiberPool::popBack_(std::vector<FiberSlot_*>& slots) {
@@ -220,7 +202,7 @@ ZnFiberPool::FiberSlot_* ZnFiberPool::takeTask_(int lane, ZnTask* dropped) {
     std::deque<ZnTask>& queue = taskQueues_[static_cast<std::size_t>(lane)];
     ZnTask task = std::move(queue.front());
     queue.pop_front();
-    FiberSlot_* slot = mainFiber_ == nullptr ? nullptr : acquireSlot_(lane);
+    FiberSlot_* slot = mainFiber_ == nullptr ? nullptr : acquireSlot_();
     if (slot == nullptr) {
         load_.fetch_sub(1, std::memory_order_relaxed);
         ++rejectedCount_;
@@ -245,9 +227,7 @@ bool ZnFiberPool::runNextWorkItem() {
         const int lane = chooseLane_();
         if (lane < 0)
             return false;
-        queuedCount_.fetch_sub(1, std::memory_order_relaxed);
-        if (lane == kFirstLane)
-            laneZeroCount_.fetch_sub(1, std::memory_order_relaxed);
+        noteTaken_(lane);
         slot = readyQueues_[static_cast<std::size_t>(lane)].empty() ? takeTask_(lane, &dropped) : takeReady_(lane);
     }
     if (slot == nullptr) {
@@ -265,8 +245,9 @@ void ZnFiberPool::logDropped_() {
 }
 
 bool ZnFiberPool::makeContext_(FiberSlot_& slot) {
-    if (void* stack = slot.stacks->prepare(slot.stackIndex)) {
-        slot.fiber = std::make_unique<ZnFiberContext>(stack, slot.stacks->stackBytes(), &fiberEntry_, &slot);
+    ZnFiberStacks& stacks = slot.group->stacks;
+    if (void* stack = stacks.prepare(slot.stackIndex)) {
+        slot.fiber = std::make_unique<ZnFiberContext>(stack, stacks.stackBytes(), &fiberEntry_, &slot);
         return true;
     }
     ZN_LOG_ERROR(kCategory, "ZnFiberPool::createFiberSlotLocked_") << "Failed to create fiber. Error: " << errno;
@@ -281,8 +262,27 @@ bool ZnFiberPool::makeContext_(FiberSlot_& slot) {
 void ZnFiberPool::switchTo_(FiberSlot_& slot) {
     ZN_ASSERT(current_ == nullptr);
     current_ = &slot;
+    // Each stack has a chain of slot scopes of its own. The loop's is put away; a parked fiber brings its own back.
+    const auto* outerScope = std::exchange(zn::detail::ZnSlotScope::current(), nullptr);
     mainFiber_->switchTo(*slot.fiber);
+    zn::detail::ZnSlotScope::current() = outerScope;
     current_ = nullptr;
+    if (slot.idle && slot.group->busyCount == 0 && !slot.group->isWarm)
+        freeSpareGroups_();
+}
+
+void ZnFiberPool::freeSpareGroups_() {
+    std::vector<std::unique_ptr<StackGroup_>> freed; // unmapped without the lock
+    ZnMutexLocker locker(lock_);
+    for (std::size_t i = groups_.size(); i-- > 0 && idleGrown_.size() > kGroupSlots;) {
+        if (groups_[i]->isWarm || groups_[i]->busyCount > 0)
+            continue;
+        const auto isOfGroup = [group = groups_[i].get()](const FiberSlot_* slot) { return slot->group == group; };
+        idleGrown_.erase(std::remove_if(idleGrown_.begin(), idleGrown_.end(), isOfGroup), idleGrown_.end());
+        grownSlotCount_ -= static_cast<int>(groups_[i]->slots.size());
+        freed.push_back(std::move(groups_[i]));
+        groups_.erase(groups_.begin() + static_cast<std::ptrdiff_t>(i));
+    }
 }
 
 void ZnFiberPool::fiberEntry_(void* argument) {
@@ -304,8 +304,9 @@ void ZnFiberPool::runTask_(FiberSlot_& slot) {
 void ZnFiberPool::freeSlot_(FiberSlot_& slot) {
     slot.waitId = 0;
     slot.idle = true;
+    --slot.group->busyCount;
     load_.fetch_sub(1, std::memory_order_relaxed);
-    (slot.spillover ? idleSpillover_ : idleWarm_).push_back(&slot);
+    (slot.group->isWarm ? idleWarm_ : idleGrown_).push_back(&slot);
 }
 
 void ZnFiberPool::executeCallbackSafely_(ZnTask& task) {
@@ -322,9 +323,13 @@ void ZnFiberPool::executeCallbackSafely_(ZnTask& task) {
     task.reset();
 }
 
+bool ZnFiberPool::mayPark_(FiberSlot_& slot) const {
+    return !isUnwinding_ || ++slot.refusedWaits > kMaxRefusedWaits;
+}
+
 void ZnFiberPool::yieldCurrent(int waitId, const std::atomic<bool>* alreadyWoken) {
     FiberSlot_* slot = current_;
-    if (slot == nullptr || mainFiber_ == nullptr)
+    if (slot == nullptr || mainFiber_ == nullptr || !mayPark_(*slot))
         return;
     {
         ZnMutexLocker locker(lock_);
@@ -335,30 +340,64 @@ void ZnFiberPool::yieldCurrent(int waitId, const std::atomic<bool>* alreadyWoken
             entry->waitId = 0;
         entry = slot;
         slot->waitId = waitId;
+        load_.fetch_sub(1, std::memory_order_relaxed);
+        parkedCount_.fetch_add(1, std::memory_order_relaxed);
     }
+    const auto* scope = zn::detail::ZnSlotScope::current();
     slot->fiber->switchTo(*mainFiber_);
+    zn::detail::ZnSlotScope::current() = scope;
 }
 
 bool ZnFiberPool::unblock(int waitId, int lane) {
-    lane = laneIndex_(lane);
     ZnMutexLocker locker(lock_);
     const auto at = blocked_.find(waitId);
     if (at == blocked_.end())
         return false;
     FiberSlot_* slot = at->second;
     blocked_.erase(at);
-    slot->waitId = 0;
-    readyQueues_[static_cast<std::size_t>(lane)].push_back(slot);
-    noteDepth_(lane);
+    makeReady_(*slot, laneIndex_(lane));
     return true;
+}
+
+void ZnFiberPool::makeReady_(FiberSlot_& slot, int lane) {
+    slot.waitId = 0;
+    load_.fetch_add(1, std::memory_order_relaxed);
+    parkedCount_.fetch_sub(1, std::memory_order_relaxed);
+    readyQueues_[static_cast<std::size_t>(lane)].push_back(&slot);
+    noteDepth_(lane);
+}
+
+void ZnFiberPool::unwindParked() {
+    ZN_ASSERT(current_ == nullptr);
+    isUnwinding_ = true;
+    {
+        ZnMutexLocker locker(lock_);
+        for (const auto& [waitId, slot] : blocked_)
+            makeReady_(*slot, kFirstLane);
+        blocked_.clear();
+    }
+    while (FiberSlot_* slot = takeAnyReady_())
+        switchTo_(*slot);
+    isUnwinding_ = false;
+}
+
+ZnFiberPool::FiberSlot_* ZnFiberPool::takeAnyReady_() {
+    ZnMutexLocker locker(lock_);
+    for (int lane = 0; lane < kLaneCount; ++lane) {
+        if (readyQueues_[static_cast<std::size_t>(lane)].empty())
+            continue;
+        noteTaken_(lane);
+        return takeReady_(lane);
+    }
+    return nullptr;
 }
 
 FiberPoolStats ZnFiberPool::stats() const {
     ZnMutexLocker locker(lock_);
     FiberPoolStats stats;
     stats.warmSlotCount = warmSlotCount_;
-    stats.spilloverSlotCount = spilloverSlotCount_;
-    stats.idleSlotCount = static_cast<int>(idleWarm_.size() + idleSpillover_.size());
+    stats.spilloverSlotCount = grownSlotCount_;
+    stats.idleSlotCount = static_cast<int>(idleWarm_.size() + idleGrown_.size());
     stats.blockedCount = static_cast<int>(blocked_.size());
     int readyCount = 0;
     for (int lane = 0; lane < kLaneCount; ++lane) {
@@ -366,7 +405,7 @@ FiberPoolStats ZnFiberPool::stats() const {
         readyCount += static_cast<int>(readyQueues_[static_cast<std::size_t>(lane)].size());
     }
     stats.runningSlotCount =
-        warmSlotCount_ + spilloverSlotCount_ - stats.idleSlotCount - stats.blockedCount - readyCount;
+        warmSlotCount_ + grownSlotCount_ - stats.idleSlotCount - stats.blockedCount - readyCount;
     stats.rejected = rejectedCount_;
     stats.completed = completedCount_;
     stats.reused = reusedCount_;
@@ -375,28 +414,30 @@ FiberPoolStats ZnFiberPool::stats() const {
 }
 
 void ZnFiberPool::shutdown() {
-    // Destroyed from the last to the first: queued tasks, what the slots hold, and the stacks at the very end, as
+    // Destroyed from the last to the first: queued tasks, then what the slots hold, and the stacks at the very end, as
     // captures may point into them.
-    std::unique_ptr<ZnFiberStacks> stacks;
-    std::vector<std::unique_ptr<FiberSlot_>> slots;
+    std::vector<std::unique_ptr<StackGroup_>> groups;
     std::array<std::deque<ZnTask>, kLaneCount> tasks;
     {
         ZnMutexLocker locker(lock_);
         tasks.swap(taskQueues_);
-        slots.swap(slots_);
-        stacks.swap(warmStacks_);
+        groups.swap(groups_);
         for (std::deque<FiberSlot_*>& queue : readyQueues_)
             queue.clear();
         blocked_.clear();
         idleWarm_.clear();
-        idleSpillover_.clear();
-        warmSlotCount_ = 0;
-        spilloverSlotCount_ = 0;
+        idleGrown_.clear();
+        warmSlotCount_ = grownSlotCount_ = 0;
         queuedCount_.store(0, std::memory_order_relaxed);
         laneZeroCount_.store(0, std::memory_order_relaxed);
         load_.store(0, std::memory_order_relaxed);
+        parkedCount_.store(0, std::memory_order_relaxed);
         warmedUp_.store(false, std::memory_order_release);
     }
-    for (std::unique_ptr<FiberSlot_>& slot : slots)
-        slot->task.reset();
+    for (const std::unique_ptr<StackGroup_>& group : groups) {
+        if (group->busyCount > 0) // fibers that are dropped without unwinding
+            ZnLiveObjects::instance().forgetWithin(group->stacks.begin(), group->stacks.end());
+        for (FiberSlot_& slot : group->slots)
+            slot.task.reset();
+    }
 }

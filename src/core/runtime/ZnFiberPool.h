@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/object/ZnSlotScope.h"
 #include "core/platform/ZnFiberContext.h"
 #include "core/types/ZnMutex.h"
 #include "core/types/ZnTask.h"
@@ -15,7 +16,7 @@
 /// A moment's counts of a pool.
 struct FiberPoolStats {
     int warmSlotCount = 0;
-    int spilloverSlotCount = 0;
+    int spilloverSlotCount = 0; // slots beyond the warm ones
     int idleSlotCount = 0;
     int runningSlotCount = 0;
     int blockedCount = 0;
@@ -30,7 +31,9 @@ struct FiberPoolStats {
 /// while the loop serves others.
 ///
 /// Four lanes: 0 is always first (resumes, responses handed to a session's thread), 1 to 3 share by credits of 8, 4
-/// and 1; 2 is the default. Lanes 0 and 1 may use spillover slots beyond the warm ones.
+/// and 1; 2 is the default. A bounded number of closures is queued or running at a time, on lanes 0 and 1 somewhat more.
+/// Parked fibers do not take that room, or what is to wake them could not run; there may be parkedLimit of them before
+/// new work is refused. Slots beyond the warm ones are made as they are needed, and freed when they are not.
 /// Thread: fibers run on the owner's thread only; submit, unblock, canAccept and stats may be called from any.
 /// Owner: the ZnCoreApplication, by value.
 class ZnFiberPool {
@@ -42,9 +45,14 @@ public:
     struct Config {
         int warmMinimum = 500;
         int warmMaximum = 500;
-        int spilloverLimit = 16;
-        int stackSize = 131072; // bytes of each stack
+        int spilloverLimit = 16; // what lanes 0 and 1 may have queued or running beyond the warm slots
+        int stackSize = 131072;  // bytes of each stack
+        int parkedLimit = 4000;
     };
+
+    /// What a post is for. Timers and readiness are wake-ups: they are accepted however many fibers are parked, since they
+    /// may be what those wait for. There are never more of them than timers and handles.
+    enum class Purpose { NewWork, WakeUp };
 
     ZnFiberPool();
     ~ZnFiberPool();
@@ -60,15 +68,20 @@ public:
     /// Makes the warm slots; their contexts come at first use. Owner thread.
     void ensureWarmedUp();
 
-    bool canAccept(int lane) const;
-    /// How many more posts canAccept(lane) would allow.
-    int roomFor(int lane) const;
+    bool canAccept(int lane, Purpose purpose = Purpose::NewWork) const { return roomFor(lane, purpose) > 0; }
+    /// How many more posts canAccept() would allow.
+    int roomFor(int lane, Purpose purpose = Purpose::NewWork) const;
     /// Queues the task, or leaves it with the caller and returns false.
-    bool submit(ZnTask& task, int lane);
-    /// Counts a refused post. Returns how many refusals to report now: at most once a second and lane not 0.
-    std::uint64_t countRejected(int lane);
-    /// Reports `refusalCount` refusals, if it is not 0; to be called without a lock.
-    static void logRejected(int lane, std::uint64_t refusalCount);
+    bool submit(ZnTask& task, int lane, Purpose purpose = Purpose::NewWork);
+
+    /// What is to be done about a refused post.
+    struct Rejection {
+        bool isFirst = false;    // of a burst: report it, and the others a second later
+        int lane = kDefaultLane;
+    };
+    Rejection countRejected(int lane);
+    /// The refusals of a lane that have not been reported; they are then no longer so.
+    std::uint64_t takeUnreported(int lane);
 
     bool hasQueuedWork() const { return queuedCount_.load(std::memory_order_acquire) > 0; }
     bool hasLaneZeroWork() const { return laneZeroCount_.load(std::memory_order_acquire) > 0; }
@@ -83,28 +96,36 @@ public:
     bool unblock(int waitId, int lane);
     /// Whether the caller runs on a fiber of this pool.
     bool isOnFiber() const noexcept { return current_ != nullptr; }
+    /// Resumes every parked fiber and lets it run to its end: waits return at once meanwhile. Queued tasks stay queued. A
+    /// fiber that goes on waiting is left parked. On the main fiber only.
+    void unwindParked();
 
     FiberPoolStats stats() const;
-    /// Drops everything: tasks are destroyed without running, parked stacks freed without unwinding.
+    /// Drops everything: tasks are destroyed without running, parked stacks freed without unwinding. Objects on such
+    /// stacks count as destroyed.
     void shutdown();
 
 private:
+    struct StackGroup_;
     struct FiberSlot_ {
         ZnFiberPool* pool = nullptr;
-        std::unique_ptr<ZnFiberStacks> ownStacks; // spillover slots have a mapping of their own
-        ZnFiberStacks* stacks = nullptr;
+        StackGroup_* group = nullptr;
         std::size_t stackIndex = 0;
         std::unique_ptr<ZnFiberContext> fiber; // made at first use
         ZnTask task;
         int resumeLane = kDefaultLane;
-        int waitId = 0; // non-zero while parked
-        bool spillover = false;
+        int waitId = 0;          // non-zero while parked
+        int refusedWaits = 0;    // while the parked ones are unwound
         bool idle = true;
-        bool fresh = true; // until its first task has ended
+        bool fresh = true;       // until its first task has ended
     };
-    struct RejectLog_ {
-        long long lastReportNs = 0;
-        std::uint64_t unreported = 0;
+    /// The stacks of one mapping with their slots. The first group is the warm one and stays; the others come and go.
+    struct StackGroup_ {
+        StackGroup_(std::size_t stackCount, std::size_t stackBytes) : stacks(stackCount, stackBytes), slots(stackCount) {}
+        ZnFiberStacks stacks;
+        std::vector<FiberSlot_> slots; // never resized: fibers hold the addresses
+        int busyCount = 0;
+        bool isWarm = false;
     };
 
     static void fiberEntry_(void* argument);
@@ -119,38 +140,45 @@ private:
     void noteDepth_(int lane) ZN_REQUIRES(lock_);
     int chooseLane_() ZN_REQUIRES(lock_);
     int laneByCredits_() ZN_REQUIRES(lock_);
-    FiberSlot_* createSpilloverSlotLocked_() ZN_REQUIRES(lock_);
-    FiberSlot_* acquireSlot_(int lane) ZN_REQUIRES(lock_);
-    FiberSlot_* acquireSpilloverSlot_() ZN_REQUIRES(lock_);
+    bool addGroup_(std::size_t slotCount, bool isWarm) ZN_REQUIRES(lock_);
+    void freeSpareGroups_();
+    FiberSlot_* acquireSlot_() ZN_REQUIRES(lock_);
     static FiberSlot_* popBack_(std::vector<FiberSlot_*>& slots);
     FiberSlot_* takeReady_(int lane) ZN_REQUIRES(lock_);
     FiberSlot_* takeTask_(int lane, ZnTask* dropped) ZN_REQUIRES(lock_);
+    FiberSlot_* takeAnyReady_();
     void switchTo_(FiberSlot_& slot);
+    bool mayPark_(FiberSlot_& slot) const;
+    void noteTaken_(int lane) ZN_REQUIRES(lock_);
+    void makeReady_(FiberSlot_& slot, int lane) ZN_REQUIRES(lock_);
 
     ZnFiberContext* mainFiber_ = nullptr;
-    FiberSlot_* current_ = nullptr;         // owner thread only
+    FiberSlot_* current_ = nullptr;         // owner thread only, as is the next one
+    bool isUnwinding_ = false;
     std::atomic<bool> warmedUp_{false};
     std::atomic<int> queuedCount_{0};       // ready slots and tasks of all lanes; changed under lock_
     std::atomic<int> laneZeroCount_{0};     // the same for lane 0
-    std::atomic<int> load_{0};              // queued tasks and slots that are not idle; changed under lock_
+    std::atomic<int> load_{0};              // queued tasks and slots neither idle nor parked; changed under lock_
+    std::atomic<int> parkedCount_{0};       // changed under lock_
     std::atomic<int> warmTarget_{500};
     std::atomic<int> spilloverLimit_{16};
+    std::atomic<int> parkedLimit_{4000};
 
     mutable ZnMutex lock_; // after an application's loopMutex_; never held across a switch
     Config config_ ZN_GUARDED_BY(lock_);
-    std::unique_ptr<ZnFiberStacks> warmStacks_ ZN_GUARDED_BY(lock_);
-    std::vector<std::unique_ptr<FiberSlot_>> slots_ ZN_GUARDED_BY(lock_);
-    std::vector<FiberSlot_*> idleWarm_ ZN_GUARDED_BY(lock_);      // last in, first out: warm stacks stay warm
-    std::vector<FiberSlot_*> idleSpillover_ ZN_GUARDED_BY(lock_); // likewise
+    std::vector<std::unique_ptr<StackGroup_>> groups_ ZN_GUARDED_BY(lock_);
+    std::vector<FiberSlot_*> idleWarm_ ZN_GUARDED_BY(lock_);  // last in, first out: warm stacks stay warm
+    std::vector<FiberSlot_*> idleGrown_ ZN_GUARDED_BY(lock_); // likewise, of the other groups
     std::array<std::deque<FiberSlot_*>, kLaneCount> readyQueues_ ZN_GUARDED_BY(lock_);
     std::array<std::deque<ZnTask>, kLaneCount> taskQueues_ ZN_GUARDED_BY(lock_);
     std::unordered_map<int, FiberSlot_*> blocked_ ZN_GUARDED_BY(lock_);
     std::array<int, 3> laneCredits_ ZN_GUARDED_BY(lock_) = {8, 4, 1};
     int warmSlotCount_ ZN_GUARDED_BY(lock_) = 0;
-    int spilloverSlotCount_ ZN_GUARDED_BY(lock_) = 0;
+    int grownSlotCount_ ZN_GUARDED_BY(lock_) = 0;
     std::uint64_t rejectedCount_ ZN_GUARDED_BY(lock_) = 0;
     std::uint64_t completedCount_ ZN_GUARDED_BY(lock_) = 0;
     std::uint64_t reusedCount_ ZN_GUARDED_BY(lock_) = 0;
     std::array<int, kLaneCount> peakDepth_ ZN_GUARDED_BY(lock_) = {};
-    std::array<RejectLog_, kLaneCount> rejectLog_ ZN_GUARDED_BY(lock_);
+    std::array<std::uint64_t, kLaneCount> unreported_ ZN_GUARDED_BY(lock_) = {};
+    std::array<bool, kLaneCount> isReportDue_ ZN_GUARDED_BY(lock_) = {};
 };

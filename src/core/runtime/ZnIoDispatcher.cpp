@@ -118,19 +118,21 @@ void ZnIoDispatcher::signal(unsigned long long id) {
 void ZnIoDispatcher::dispatch_(const std::shared_ptr<Entry_>& entry, unsigned mask) {
     if (!entry->active.load(std::memory_order_acquire))
         return;
-    entry->pendingMask.fetch_or(mask, std::memory_order_acq_rel);
+    // Sequentially consistent, as the two operations of drainEnded_(): either the end of the round sees the mask, or this
+    // sees that the round has ended. Anything weaker lets both read what was there before.
+    entry->pendingMask.fetch_or(mask, std::memory_order_seq_cst);
     bool expected = false;
-    if (!entry->scheduled.compare_exchange_strong(expected, true, std::memory_order_acq_rel))
+    if (!entry->scheduled.compare_exchange_strong(expected, true, std::memory_order_seq_cst))
         return; // merged with the round that is under way
     // A refused task goes back through Drain_'s destructor into the deferred entries.
     ZnTask task(Drain_{entry});
-    application_.tryPostOnLane(task, ZnFiberPool::kDefaultLane);
+    application_.tryPostOnLane(task, ZnFiberPool::kDefaultLane, ZnFiberPool::Purpose::WakeUp);
 }
 
 void ZnIoDispatcher::drainEnded_(const std::shared_ptr<Entry_>& entry) {
-    entry->scheduled.store(false, std::memory_order_release);
+    entry->scheduled.store(false, std::memory_order_seq_cst);
     // What came during the callback is either seen here or dispatched by whoever brought it.
-    if (entry->pendingMask.load(std::memory_order_acquire) != 0)
+    if (entry->pendingMask.load(std::memory_order_seq_cst) != 0)
         dispatch_(entry, 0);
 }
 
@@ -143,7 +145,7 @@ void ZnIoDispatcher::defer_(std::shared_ptr<Entry_> entry) {
 }
 
 void ZnIoDispatcher::dispatchDeferred() {
-    const int room = application_.fiberPool().roomFor(ZnFiberPool::kDefaultLane);
+    const int room = room_();
     if (room <= 0)
         return;
     std::vector<std::shared_ptr<Entry_>> ready;
@@ -157,16 +159,23 @@ void ZnIoDispatcher::dispatchDeferred() {
     }
     for (std::shared_ptr<Entry_>& entry : ready) {
         ZnTask task(Drain_{std::move(entry)});
-        application_.tryPostOnLane(task, ZnFiberPool::kDefaultLane);
+        application_.tryPostOnLane(task, ZnFiberPool::kDefaultLane, ZnFiberPool::Purpose::WakeUp);
     }
 }
 
-void ZnIoDispatcher::pollAndDispatch(long long timeoutNs, int room) {
+int ZnIoDispatcher::room_() const {
+    return application_.fiberPool().roomFor(ZnFiberPool::kDefaultLane, ZnFiberPool::Purpose::WakeUp);
+}
+
+void ZnIoDispatcher::pollAndDispatch(long long timeoutNs) {
     if (hasRetired_.exchange(false, std::memory_order_acq_rel)) {
         std::vector<std::shared_ptr<Entry_>> retired; // freed without the lock
         std::lock_guard<std::mutex> guard(mutex_);
         retired.swap(retired_);
     }
+    const int room = room_();
+    if (room <= 0 && timeoutNs == 0)
+        return; // what is ready stays ready
     std::array<ZnPoller::Ready, ZnPoller::kMaxEvents> events;
     const std::size_t count =
         poller_.wait(timeoutNs, events.data(), static_cast<std::size_t>(std::max(room, 1)));

@@ -37,9 +37,9 @@ public:
     /// As if the handle had been signalled.
     void signal(unsigned long long id);
 
-    /// The loop's part: takes what the poller reports (sleeping up to `timeoutNs`) and posts it. `room` bounds how many
-    /// closures the pool can take.
-    void pollAndDispatch(long long timeoutNs, int room);
+    /// The loop's part: takes what the poller reports (sleeping up to `timeoutNs`), as much as the pool has room for, and
+    /// posts it.
+    void pollAndDispatch(long long timeoutNs);
     /// Whether refused entries wait for room.
     bool hasDeferred() const noexcept { return deferredCount_.load(std::memory_order_acquire) > 0; }
     /// Posts refused entries again, as far as there is room.
@@ -60,6 +60,7 @@ private:
     class Drain_;
 
     unsigned long long insert_(std::shared_ptr<Entry_> entry);
+    int room_() const;
     void dispatch_(const std::shared_ptr<Entry_>& entry, unsigned mask);
     void defer_(std::shared_ptr<Entry_> entry);
     void drainEnded_(const std::shared_ptr<Entry_>& entry);

@@ -30,7 +30,7 @@ bool ZnThread::start() {
         ZN_LOG_WARNING(kCategory, "ZnThread::start") << "start() called on already-running ZnThread '" << name() << "'";
         return false;
     }
-    if (!thread_->start())
+    if (!thread_->start()) // also from a slot of `finished`, which is on the thread itself
         return false;
     ZnTask callRun([self = ZnPointer<ZnThread>(this)] {
         if (self)

@@ -15,6 +15,7 @@ namespace {
 constexpr const char* kCategory = "zn.core.runtime.znthreadpool";
 constexpr long long kNsPerMs = 1000000;
 constexpr int kQueuedTasksPerThread = 32;
+constexpr int kDrainLane = 1;
 /// So long a worker runs tasks in one go, at least one. Its timers and sockets are that much late at most.
 constexpr long long kTurnNs = 50000;
 
@@ -215,16 +216,42 @@ void ZnThreadPool::postDrain_(Worker_* worker) {
     });
 }
 
+/// A drain on its way to its worker. One that the loop refuses, or drops for want of a stack, comes again by a timer: else
+/// the worker would count as scheduled for ever.
+class ZnThreadPool::Drain_ {
+public:
+    Drain_(ZnThreadPool* pool, Worker_* worker, ZnCoreApplication& application)
+        : pool_(pool), worker_(worker), application_(&application), alive_(pool->aliveToken_) {}
+    Drain_(Drain_&& other) noexcept
+        : pool_(std::exchange(other.pool_, nullptr)), worker_(other.worker_), application_(other.application_),
+          alive_(std::move(other.alive_)) {}
+    Drain_& operator=(Drain_&&) = delete;
+    ~Drain_() {
+        constexpr int kRetryUs = 1000;
+        if (pool_ == nullptr || alive_.expired())
+            return;
+        const auto retry = [pool = pool_, worker = worker_, alive = alive_] {
+            if (!alive.expired())
+                pool->drainWorker_(worker, alive);
+        };
+        application_->addTimer(retry, kRetryUs, true, kDrainLane); // it comes through as soon as there is room
+    }
+    void operator()() {
+        ZnThreadPool* pool = std::exchange(pool_, nullptr);
+        if (!alive_.expired())
+            pool->drainWorker_(worker_, alive_);
+    }
+
+private:
+    ZnThreadPool* pool_; // null once it has run or moved
+    Worker_* worker_;
+    ZnCoreApplication* application_; // of the worker's thread, whose pool and timers hold this
+    std::weak_ptr<bool> alive_;
+};
+
 void ZnThreadPool::postDrainOn_(ZnCoreApplication& application, Worker_* worker) {
-    constexpr int kLane = 1;
-    constexpr int kRetryUs = 1000;
-    const auto drain = [this, worker, alive = std::weak_ptr<bool>(aliveToken_)] {
-        if (!alive.expired())
-            drainWorker_(worker, alive);
-    };
-    ZnTask task(drain);
-    if (!application.tryPostOnLane(task, kLane))
-        application.addTimer(drain, kRetryUs, true, kLane); // it comes through as soon as there is room
+    ZnTask task(Drain_(this, worker, application));
+    application.tryPostOnLane(task, kDrainLane);
 }
 
 // --- on a worker's thread

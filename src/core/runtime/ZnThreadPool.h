@@ -101,6 +101,7 @@ private:
         long long lastActivityNs = 0;
     };
     using WorkerRef_ = std::shared_ptr<Worker_>;
+    class Drain_;
     enum class Verdict_ { Accepted, Saturated, Refused };
     struct Outcome_ {
         Verdict_ verdict = Verdict_::Refused;

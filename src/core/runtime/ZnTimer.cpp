@@ -6,7 +6,26 @@
 #include <algorithm>
 
 namespace {
+
 constexpr long long kLongestUs = 0x7fffffff;
+
+/// Ends a timer that was made for one call.
+class EndAtEnd_ {
+public:
+    explicit EndAtEnd_(const ZnPointer<ZnTimer>& timer) : timer_(timer) {}
+    ~EndAtEnd_() {
+        if (!timer_)
+            return;
+        timer_->stop();
+        timer_->deleteLater();
+    }
+    EndAtEnd_(const EndAtEnd_&) = delete;
+    EndAtEnd_& operator=(const EndAtEnd_&) = delete;
+
+private:
+    const ZnPointer<ZnTimer> timer_; // its own: the slot may go with the timer
+};
+
 } // namespace
 
 ZnTimer::ZnTimer(ZnObject* parent) : ZnObject(parent) {}
@@ -22,10 +41,11 @@ bool ZnTimer::forwardToOwner_(std::function<void(ZnTimer*)> call) {
     zn::atomic::Thread* owner = thread();
     if (owner == nullptr || owner == zn::atomic::Thread::currentThread())
         return false;
-    postToThread(owner, [self = ZnPointer<ZnTimer>(this), call = std::move(call)] {
+    ZnTask forwarded([self = ZnPointer<ZnTimer>(this), call = std::move(call)] {
         if (self)
             call(self.get());
     });
+    postToThreadIfLive(owner, forwarded, ZnFiberPool::kDefaultLane); // a thread that has gone has no timers
     return true;
 }
 
@@ -78,11 +98,8 @@ void ZnTimer::singleShotUs(long long intervalUs, std::function<void()> fn) {
     timer->setIntervalUs_(intervalUs);
     timer->setSingleShot(true);
     timer->connect(&ZnTimer::timeout, [guard = ZnPointer<ZnTimer>(timer), fn = std::move(fn)] {
+        const EndAtEnd_ end(guard); // also when the function throws
         fn();
-        if (guard) {
-            guard->stop();
-            guard->deleteLater();
-        }
     });
     timer->start();
 }

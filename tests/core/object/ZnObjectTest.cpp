@@ -2,6 +2,7 @@
 
 #include "support/LogCapture.h"
 #include "support/LoopFixture.h"
+#include "support/OnThreads.h"
 
 #include <future>
 #include <memory>
@@ -117,6 +118,95 @@ TEST_F(ZnObjectTest, ParentsOwnTheirChildrenOfWhichOneMayDeleteAnother) {
     delete moved;
 }
 
+TEST_F(ZnObjectTest, ReparentingInASlotOrIntoItselfKeepsATree) {
+    LogCapture log;
+    auto* first = new ZnObject;
+    auto* second = new ZnObject;
+    auto* third = new ZnObject;
+    auto* child = new ZnObject(first);
+    child->setParent(child);
+    first->setParent(child);
+    EXPECT_EQ(log.countOf("an object cannot be its own parent or ancestor"), 2);
+    EXPECT_EQ(child->parent(), first);
+    first->connect(&ZnObject::childRemoved, [&] { child->setParent(third); });
+    child->setParent(second); // overtaken by its slot
+    EXPECT_EQ(child->parent(), third);
+    EXPECT_TRUE(second->children().empty());
+    EXPECT_EQ(third->children(), std::vector<ZnObject*>{child});
+    for (ZnObject* object : {second, third, first})
+        delete object; // the child once
+}
+
+TEST_F(ZnObjectTest, ADeletionThatAFilterStopsMayBeAskedForAgain) {
+    class Filter : public ZnObject {
+    public:
+        bool eventFilter(ZnObject*, ZnEvent* event) override {
+            return event->type == ZnEvent::kDeferredDelete && ++stopped == 1;
+        }
+        int stopped = 0;
+    } filter;
+    const ZnPointer<ZnObject> object(new ZnObject);
+    object->installEventFilter(&filter);
+    object->deleteLater();
+    ASSERT_TRUE(runUntil([&] { return filter.stopped == 1; }));
+    EXPECT_TRUE(object);
+    object->deleteLater();
+    EXPECT_TRUE(runUntil([&] { return !object; }));
+}
+
+class Named : public ZnObject {
+public:
+    ZN_OBJECT(Named, ZnObject)
+    void said(const ZnString& words) { emitSignal(&Named::said, words); }
+    ZnString text = "a text that is too long to lie inside the string itself";
+};
+
+TEST_F(ZnObjectTest, SlotsGetTheValuesOfTheEmissionWhateverTheOnesBeforeThemDo) {
+    auto* sender = new Named;
+    const ZnString expected = sender->text;
+    sender->connect(&Named::said, [&](const ZnString&) { sender->text = "changed"; });
+    sender->connect(&Named::said, [&](const ZnString& text) {
+        EXPECT_EQ(text, expected);
+        delete sender;
+    });
+    ZnString last;
+    sender->connect(&Named::said, [&](const ZnString& text) { last = text; });
+    sender->said(sender->text);
+    EXPECT_EQ(last, expected);
+}
+
+// The sanitizers are the judges of these two.
+TEST_F(ZnObjectTest, ConnectedObjectsMayEndAtTheSameTimeOnTwoThreads) {
+    for (int round = 0; round < 300; ++round) {
+        auto* left = new Sender;
+        auto* right = new Sender;
+        left->connect(&Sender::changed, right, [] {});
+        right->connect(&Sender::changed, left, [] {});
+        onThreads(3, [&](int index) {
+            if (index == 0)
+                delete left;
+            else if (index == 1)
+                delete right;
+            else
+                delete new ZnObject; // changes the set of live objects
+        });
+    }
+}
+
+TEST_F(ZnObjectTest, DirectSlotsOnSeveralThreadsSeeTheirOwnSender) {
+    Receiver receiver;
+    std::atomic<int> wrongCount{0};
+    onThreads(3, [&](int) {
+        Sender sender;
+        sender.connect(&Sender::changed, &receiver, [&] { wrongCount += receiver.sender() == &sender ? 0 : 1; },
+                       ZnConnectionType::DirectConnection);
+        for (int i = 0; i < 1000; ++i)
+            sender.changed(i);
+    });
+    EXPECT_EQ(wrongCount, 0);
+    EXPECT_EQ(receiver.sender(), nullptr); // no slot runs
+}
+
 /// An object that lives on a thread of its own and tells where its events arrive.
 class RemoteReceiver {
 public:
@@ -137,7 +227,8 @@ public:
         object_ = made.get_future().get();
     }
     ~RemoteReceiver() {
-        object_->deleteLater();
+        if (thread_.isRunning())
+            object_->deleteLater();
         thread_.requestStop();
         thread_.join();
     }
@@ -169,6 +260,33 @@ TEST_F(ZnObjectTest, EventsAndSignalsCrossThreads) {
     blocking.changed(2);
     EXPECT_EQ(seen, 2); // the emission returned after the slot
     EXPECT_EQ(local.values, std::vector<int>{2}); // on the own thread inline, no dead lock
+}
+
+TEST_F(ZnObjectTest, ABlockingDeliveryToAThreadThatIsEndingDoesNotHang) {
+    RemoteReceiver remote;
+    std::promise<Receiver*> made;
+    std::promise<void> ending;
+    std::promise<void> returned;
+    postToThread(
+        &remote.thread(),
+        [&] {
+            made.set_value(new Receiver);
+            remote.object()->connect(&ZnObject::destroyed, [&] {
+                ending.set_value();
+                EXPECT_EQ(returned.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+            });
+            remote.object()->deleteLater(); // happens when the thread takes no more posts
+            ZnCoreApplication::instance()->quit();
+        },
+        ZnFiberPool::kFirstLane);
+    const std::unique_ptr<Receiver> receiver(made.get_future().get());
+    Sender sender;
+    sender.connect(&Sender::changed, receiver.get(), &Receiver::take, ZnConnectionType::BlockingQueuedConnection);
+    ending.get_future().wait();
+    sender.changed(1);
+    returned.set_value();
+    remote.thread().join();
+    EXPECT_TRUE(receiver->values.empty());
 }
 
 TEST_F(ZnObjectTest, ABlockingDeliveryThatIsRefusedDoesNotHang) {

@@ -6,7 +6,9 @@
 #include "core/runtime/ZnTimer.h"
 #include "support/LogCapture.h"
 #include "support/LoopFixture.h"
+#include "support/TestEvent.h"
 
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -65,31 +67,66 @@ TEST_F(ZnCoreApplicationTest, ABurstOfTimersBeyondThePoolFiresCompletelyAndQuiet
     EXPECT_EQ(log.countOf(""), 0);
 }
 
-TEST_F(ZnCoreApplicationTest, TimersThatFindNoRoomWaitWithoutSpinning) {
-    std::vector<ZnEventLoop> loops(500);
-    for (ZnEventLoop& loop : loops)
-        ASSERT_TRUE(application_.postEvent([&loop] { loop.exec(); }));
-    ASSERT_TRUE(runUntil([&] { return parkedCount() == 500; }));
-    bool fired = false;
-    application_.addTimer([&] { fired = true; }, 1, true, 2);
-    bool urgentFired = false;
-    application_.addTimer([&] { urgentFired = true; }, 2, true, 0); // due later, but its lane has room
-    settle(200);
-    EXPECT_FALSE(fired);
-    EXPECT_TRUE(urgentFired);
-    EXPECT_LT(application_.load(), 0.5);
-    for (ZnEventLoop& loop : loops)
-        loop.quit();
-    EXPECT_TRUE(runUntil([&] { return fired && parkedCount() == 0; }));
+TEST_F(ZnCoreApplicationTest, WakeUpsComeHoweverManyFibersAreParked) {
+    constexpr int kWaiters = 1200;
+    int wokenCount = 0;
+    std::function<void()> postMore = [&, posted = 0]() mutable {
+        while (posted < kWaiters && application_.postEvent([&] {
+            ZnEventLoop loop;
+            ZnTimer deadline;
+            deadline.setSingleShot(true);
+            deadline.connect(&ZnTimer::timeout, &loop, &ZnEventLoop::quit);
+            deadline.start(200);
+            loop.exec();
+            ++wokenCount;
+        }))
+            ++posted;
+    };
+    ASSERT_TRUE(runUntil([&] {
+        postMore();
+        return parkedCount() == kWaiters || wokenCount > 0;
+    }));
+    settle(100);
+    EXPECT_LT(application_.load(), 0.9); // no spinning
+    ASSERT_TRUE(runUntil([&] { return wokenCount == kWaiters; }));
 }
 
-TEST_F(ZnCoreApplicationTest, RefusedPostsAreReportedOnceWithACount) {
+TEST_F(ZnCoreApplicationTest, ReadinessIsSeenEveryMillisecondOfWork) {
+    const auto event = std::make_shared<TestEvent>();
+    bool isReady = false;
+    bool wasSeen = false;
+    int roundsUntilSeen = 0;
+    application_.ioDispatcher().watchHandle(event, [&](unsigned) { wasSeen = true; });
+    std::function<void()> busy = [&] {
+        const long long untilNs = monotonicNowNs() + 500000;
+        while (monotonicNowNs() < untilNs) {
+        }
+        if (!std::exchange(isReady, true))
+            event->set();
+        if (!wasSeen && ++roundsUntilSeen < 1000)
+            application_.postEvent(busy);
+    };
+    application_.postEvent(busy);
+    application_.postEvent(busy); // the queue is never empty
+    ASSERT_TRUE(runUntil([&] { return wasSeen; }));
+    EXPECT_LT(roundsUntilSeen, 20);
+}
+
+TEST_F(ZnCoreApplicationTest, RefusedPostsAreReportedWithTheirNumber) {
     LogCapture log;
     int accepted = 0;
     for (int i = 0; i < 10000; ++i)
         accepted += application_.postEvent([] {}) ? 1 : 0;
     EXPECT_EQ(accepted, 500);
-    EXPECT_EQ(log.countOf("ZnFiberPool saturated; rejecting posted event on lane=2"), 1);
+    EXPECT_TRUE(runUntil([&] { return log.countOf("rejected 9500 posted events on lane=2") == 1; }));
+    EXPECT_EQ(log.countOf("saturated"), 2); // the first refusal, and all of them
+}
+
+TEST_F(ZnCoreApplicationTest, ASingleShotWhoseFunctionThrowsLetsGoOfIt) {
+    LogCapture log;
+    const auto token = std::make_shared<int>(1);
+    ZnTimer::singleShot(0, [token] { throw std::runtime_error("boom"); });
+    EXPECT_TRUE(runUntil([&] { return token.use_count() == 1; }));
 }
 
 TEST_F(ZnCoreApplicationTest, NestedWaitsAndTheirEdges) {

@@ -15,9 +15,6 @@ class ZnFiberPoolTest : public ::testing::Test {
 protected:
     ZnFiberPoolTest() { pool_.setMainFiber(&main_); }
 
-    void configure(int warm, int spillover) {
-        pool_.configure({.warmMinimum = warm, .warmMaximum = warm, .spilloverLimit = spillover});
-    }
     bool submit(int lane, ZnTask task) { return pool_.submit(task, lane); }
     void runAll() {
         while (pool_.runNextWorkItem()) {
@@ -78,32 +75,29 @@ TEST_F(ZnFiberPoolTest, AWakeUpFromAnotherThreadIsNeverLost) {
     EXPECT_EQ(pool_.stats().blockedCount, 0);
 }
 
-TEST_F(ZnFiberPoolTest, CapacityCountsQueuedAndParkedWork) {
-    configure(2, 1);
-    const auto submitPark = [&](int lane, int waitId) {
-        return submit(lane, [this, waitId] { pool_.yieldCurrent(waitId); });
-    };
-    EXPECT_TRUE(submitPark(2, -1) && submitPark(2, -2));
-    EXPECT_FALSE(submitPark(2, -3));
-    EXPECT_TRUE(submitPark(1, -4)); // spillover
-    EXPECT_FALSE(submitPark(0, -5));
+TEST_F(ZnFiberPoolTest, QueuedWorkTakesRoomAndParkedFibersOnlyThatOfNewWork) {
+    constexpr auto kWakeUp = ZnFiberPool::Purpose::WakeUp;
+    pool_.configure({.warmMinimum = 2, .warmMaximum = 2, .spilloverLimit = 1, .parkedLimit = 300});
+    EXPECT_TRUE(submit(2, [] {}) && submit(3, [] {}));
+    EXPECT_FALSE(pool_.canAccept(2, kWakeUp));
+    EXPECT_TRUE(submit(1, [] {})); // spillover
+    EXPECT_FALSE(pool_.canAccept(0, kWakeUp));
     runAll();
-    EXPECT_EQ(pool_.stats().spilloverSlotCount, 1);
-    EXPECT_FALSE(pool_.canAccept(1));
-    for (const int waitId : {-1, -2, -4})
-        EXPECT_TRUE(pool_.unblock(waitId, 0));
+    for (int waitId = -1; waitId >= -300; --waitId) {
+        EXPECT_TRUE(submit(2, [this, waitId] { pool_.yieldCurrent(waitId); }));
+        runAll();
+    }
+    EXPECT_FALSE(pool_.canAccept(0));
+    EXPECT_EQ(pool_.roomFor(2, kWakeUp), 2);
+    ZnTask wakeAll([this] {
+        for (int waitId = -1; waitId >= -300; --waitId)
+            pool_.unblock(waitId, 0);
+    });
+    EXPECT_TRUE(pool_.submit(wakeAll, 2, kWakeUp));
     runAll();
+    EXPECT_EQ(pool_.stats().blockedCount, 0);
+    EXPECT_LE(pool_.stats().spilloverSlotCount, 128); // the stacks of the crowd are gone
     EXPECT_EQ(pool_.roomFor(2), 2);
-    EXPECT_EQ(pool_.stats().idleSlotCount, 3);
-}
-
-TEST_F(ZnFiberPoolTest, LaterWorkOfHigherLanesTakesNoSlotFromAcceptedWork) {
-    configure(1, 1);
-    bool ranLow = false;
-    submit(3, [&] { ranLow = true; });
-    submit(0, [&] { pool_.yieldCurrent(-1); }); // goes first, on a spillover slot
-    runAll();
-    EXPECT_TRUE(ranLow);
 }
 
 TEST_F(ZnFiberPoolTest, ExceptionsAndErrnoBelongToTheFiberThatHandlesThem) {
@@ -159,6 +153,22 @@ TEST_F(ZnFiberPoolDeathTest, OverflowHitsTheGuardPageAndNotTheNeighbour) {
     runAll();
     EXPECT_EQ(pool_.stats().blockedCount, 10);
     submit(2, [] { burnStack(800); });
+    EXPECT_DEATH(runAll(), "");
+}
+
+/// One frame that is larger than a guard page, and touches its far end alone.
+__attribute__((noinline)) void jumpFarDown() {
+    char block[2 << 20];
+    block[0] = 1;
+    asm volatile("" : : "r"(block) : "memory");
+}
+
+TEST_F(ZnFiberPoolDeathTest, AFrameThatIsLargerThanTheGuardPageDoesNotSkipIt) {
+    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+    for (int i = 0; i < 20; ++i) // neighbours
+        submit(2, [this, i] { pool_.yieldCurrent(-1 - i); });
+    runAll();
+    submit(2, [] { jumpFarDown(); });
     EXPECT_DEATH(runAll(), "");
 }
 

@@ -3,29 +3,17 @@
 #include "core/runtime/ZnEventLoop.h"
 #include "support/LogCapture.h"
 #include "support/LoopFixture.h"
+#include "support/TestEvent.h"
 
 #include <stdexcept>
-#include <sys/eventfd.h>
 #include <thread>
-#include <unistd.h>
 
 namespace {
-
-/// An event that any thread may signal.
-class EventHandle : public ZnWaitHandle {
-public:
-    EventHandle() : ZnWaitHandle(ZnFileDescriptor(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))) {}
-    void set() {
-        const std::uint64_t one = 1;
-        ASSERT_EQ(::write(descriptor(), &one, sizeof(one)), static_cast<ssize_t>(sizeof(one)));
-    }
-    bool noteReady(std::uint32_t readiness) override { return (readiness & ZnReadiness::kInput) != 0; }
-};
 
 class ZnIoDispatcherTest : public LoopFixture {
 protected:
     ZnIoDispatcher& dispatcher_ = application_.ioDispatcher();
-    const std::shared_ptr<EventHandle> handle_ = std::make_shared<EventHandle>();
+    const std::shared_ptr<TestEvent> handle_ = std::make_shared<TestEvent>();
     int calls_ = 0;
 };
 
@@ -46,6 +34,24 @@ TEST_F(ZnIoDispatcherTest, SignalsMergeAndOneDuringAParkedCallbackLeadsToOneMore
     EXPECT_TRUE(runUntil([&] { return calls_ == 2; }));
     settle();
     EXPECT_EQ(calls_, 2);
+}
+
+TEST_F(ZnIoDispatcherTest, NoSignalFromAnotherThreadIsLost) {
+    constexpr int kSignals = 200000;
+    std::atomic<int> announced{0};
+    std::atomic<int> seen{0};
+    const unsigned long long id = dispatcher_.watchHandle(handle_, [&](unsigned) { seen = announced.load(); });
+    std::thread signaller([&] {
+        for (int i = 1; i <= kSignals; ++i) {
+            announced = i;
+            dispatcher_.signal(id);
+            while (i % 64 == 0 && seen != i && announced >= 0)
+                std::this_thread::yield();
+        }
+    });
+    EXPECT_TRUE(runUntil([&] { return seen == kSignals; }, 60000));
+    announced = -1; // ends a signaller that waits in vain
+    signaller.join();
 }
 
 TEST_F(ZnIoDispatcherTest, AThrowingCallbackIsCalledAgain) {

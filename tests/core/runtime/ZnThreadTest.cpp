@@ -7,6 +7,7 @@
 #include <atomic>
 #include <gtest/gtest.h>
 #include <semaphore>
+#include <stdexcept>
 #include <thread>
 
 namespace {
@@ -63,6 +64,64 @@ TEST(ZnThread, APostReachesAThreadOrFindsItGone) {
                 EXPECT_EQ(static_cast<bool>(task), !isThere);
             }
         });
+    }
+}
+
+TEST(ZnThread, UnwindsItsParkedFibersWhenItEnds) {
+    const auto unwound = std::make_shared<int>(0);
+    std::counting_semaphore<> parked{0};
+    auto* sender = new ZnObject;
+    ZnThread thread("thread");
+    ASSERT_TRUE(thread.start());
+    for (const bool isStubborn : {false, true})
+        postToThread(&thread.handle(), [&parked, unwound, sender, isStubborn] {
+            const auto token = isStubborn ? nullptr : unwound;
+            ZnObject receiver; // its connection must not outlive the stack
+            static ZnPointer<ZnObject> kept; // what the dropped one has allocated is no leak
+            kept = &receiver;
+            sender->connect(&ZnObject::destroyed, &receiver, [&receiver] { receiver.setObjectName("told"); },
+                            ZnConnectionType::DirectConnection);
+            parked.release();
+            do
+                ZnCoreApplication::instance()->fiberPool().yieldCurrent(nextFiberWaitId());
+            while (isStubborn);
+        });
+    for (int i = 0; i < 2; ++i)
+        ASSERT_TRUE(parked.try_acquire_for(kLong));
+    thread.quit();
+    thread.wait();
+    EXPECT_EQ(unwound.use_count(), 1);
+    delete sender; // the receiver of the dropped stack is not told
+}
+
+TEST(ZnThread, ExceptionsOfItsSignalsAndAStartAtItsOwnEndAreReported) {
+    LogCapture log;
+    ZnThread thread("thread");
+    thread.connect(&ZnThread::started, [] { throw std::runtime_error("at the start"); });
+    thread.connect(&ZnThread::finished, [&] {
+        EXPECT_FALSE(thread.start());
+        throw std::runtime_error("at the end");
+    });
+    ASSERT_TRUE(thread.start());
+    thread.quit();
+    thread.wait();
+    for (const char* text : {"at the start", "at the end", "start() called on thread 'thread' by itself"})
+        EXPECT_EQ(log.countOf(text), 1) << text;
+}
+
+TEST(ZnThread, TheFallbackThreadGoesOnAfterAStop) {
+    zn::atomic::Thread* fallback = zn::atomic::Thread::fallbackThread();
+    const auto ran = std::make_shared<std::counting_semaphore<>>(0);
+    for (int round = 0; round < 3; ++round) {
+        bool hasRun = false;
+        for (int attempt = 0; attempt < 300 && !hasRun; ++attempt) { // a post to the loop that is just ending is dropped
+            postToThread(fallback, [ran] {
+                ran->release();
+                ZnCoreApplication::instance()->quit(); // as a stop signal does
+            });
+            hasRun = ran->try_acquire_for(std::chrono::milliseconds(100));
+        }
+        EXPECT_TRUE(hasRun) << round;
     }
 }
 

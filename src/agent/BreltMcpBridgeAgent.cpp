@@ -64,6 +64,9 @@ bool BreltMcpBridgeAgent::start(const ZnString& bindAddress, std::uint16_t port,
                                 const ZnString& tlsKeyPath) {
     if (!loadServices_())
         return false;
+    warnAboutServices_();
+    if (isStrict_ && !remarks_.empty())
+        return false;
     auto server = std::make_unique<ZnHttpApp>();
     ZnHttpLimits limits = server->limits();
     limits.maxBodyBytes = kMaxBodyBytes;
@@ -81,6 +84,14 @@ bool BreltMcpBridgeAgent::start(const ZnString& bindAddress, std::uint16_t port,
         return false;
     server_ = std::move(server);
     return true;
+}
+
+bool BreltMcpBridgeAgent::check(const ZnString& tlsCertPath, const ZnString& tlsKeyPath) {
+    const bool hasServices = loadServices_();
+    if (tlsCertPath.isEmpty() || tlsKeyPath.isEmpty())
+        return hasServices;
+    ZnSslServer server;
+    return server.reloadLocalCredentials(ZnSslServer::makeLocalCredentials_(tlsCertPath, tlsKeyPath)) && hasServices;
 }
 
 void BreltMcpBridgeAgent::stop() {

@@ -4,6 +4,8 @@
 #include "agent/McpBridgeSession.h"
 #include "agent/McpFailureTable.h"
 #include "agent/McpForwardCalls.h"
+#include "agent/McpHostRule.h"
+#include "agent/McpServiceFile.h"
 #include "agent/McpSessionTable.h"
 #include "core/io/http/ZnHttpApp.h"
 #include "core/platform/ZnMonotonicClock.h"
@@ -16,6 +18,8 @@
 #include <functional>
 #include <memory>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 /// The bridge agent: an HTTP server that speaks MCP to its clients and forwards single calls to the services of an
 /// allowlist.
@@ -44,10 +48,26 @@ public:
     /// The browser origin that may call the MCP routes; empty: none.
     void setAllowedOrigin(const ZnString& origin);
 
+    /// What failed attempts block. ByAddress: every request of the client's address. ByFailure: a request that would fail
+    /// once more; the right token with no or the allowed origin always passes, and refused origins count by themselves.
+    enum class Throttle { ByAddress, ByFailure };
+    void setThrottle(Throttle throttle) { throttle_ = throttle; }
+    /// The names under which the agent may be called; others are refused with 403 on every path.
+    void setAllowedHosts(McpHostRule rule) { allowedHosts_ = std::move(rule); }
+    /// start() fails where it would only warn.
+    void setStrict(bool isStrict) { isStrict_ = isStrict; }
+
     /// Interoperability with clients and services that expect more of the protocol than the agent speaks without it:
     /// exact JSON values, any version in `initialize`, a session header that browsers may read. For services it is the
     /// default, which the allowlist may change.
     void setInterop(bool isOn) { interop_ = isOn; }
+
+    /// Reads the allowlist and the certificate as start() would, and nothing else. False, with the reason on standard error
+    /// or in the log, when start() would fail because of them.
+    bool check(const ZnString& tlsCertPath, const ZnString& tlsKeyPath);
+    /// After start() or check(): what is in the allowlist that is most likely meant otherwise, one line each.
+    const std::vector<ZnString>& remarks() const noexcept { return remarks_; }
+    std::size_t serviceCount() { return publicServiceViews_().size(); }
 
     /// Loads the allowlist and listens; port 0 lets the system choose. Returns false, with the reason on standard error
     /// or in the log, when it does not listen.
@@ -63,13 +83,14 @@ private:
     friend struct BreltMcpBridgeAgentTestPeer; // handlers as values, a fake clock
 
     using ServiceRef_ = std::shared_ptr<const McpBridgeServiceRecord>;
-    using ServiceMap_ = ZnMap<ZnString, ServiceRef_>;
+    using ServiceMap_ = McpServiceFile::ServiceMap;
     using SessionRef_ = std::shared_ptr<McpBridgeSession>;
 
     static ZnString normalizeMcpPath_(const ZnString& path);
 
     // Allowlist: McpServices.cpp.
     bool loadServices_();
+    void warnAboutServices_() const;
     bool parseServices_(const ZnString& text, ZnString* errorOut);
     void setServices_(ServiceMap_ services);
     ServiceRef_ findService_(const ZnString& id);
@@ -78,10 +99,14 @@ private:
 
     // Routes and their gate: McpFront.cpp.
     void registerRoutes_(ZnHttpApp& app);
+    void keepForeignHostsOut_(ZnHttpApp& app);
     static std::string_view clientKey_(const ZnHttpContext& context);
+    /// What a failure of that kind counts for: the client, or by failure a name of the client's that no address has.
+    ZnString failureKey_(const ZnHttpContext& context, bool isOfOrigin) const;
     void applySecurityHeaders_(ZnHttpContext& context) const;
-    bool rejectIfThrottled_(ZnHttpContext& context);
-    void recordFailure_(const ZnHttpContext& context);
+    bool rejectIfThrottled_(ZnHttpContext& context, const ZnString& key);
+    bool rejectIfBlocked_(ZnHttpContext& context);
+    bool rejectFailure_(ZnHttpContext& context, bool isOfOrigin);
     bool rejectIfForeignOrigin_(ZnHttpContext& context);
     bool rejectIfUnauthenticated_(ZnHttpContext& context);
     bool authorizeRequest_(ZnHttpContext& context);
@@ -123,7 +148,11 @@ private:
     ZnString mcpPath_;
     ZnString mcpToken_;
     ZnString allowedOrigin_;
+    Throttle throttle_ = Throttle::ByAddress;
+    McpHostRule allowedHosts_;
+    bool isStrict_ = false;
     bool interop_ = false;
+    std::vector<ZnString> remarks_;
     ZnMutex servicesMutex_;
     ServiceMap_ services_ ZN_GUARDED_BY(servicesMutex_);
     ZnMutex sessionsMutex_;

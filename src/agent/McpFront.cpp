@@ -21,6 +21,8 @@ ZnString bearerToken_(std::string_view value) {
 
 void BreltMcpBridgeAgent::registerRoutes_(ZnHttpApp& app) {
     const ZnString path = normalizeMcpPath_(mcpPath_);
+    if (!allowedHosts_.isAny())
+        keepForeignHostsOut_(app);
     app.options(path, [this](ZnHttpContext& context) { handleOptions_(context); });
     app.get(path, [this](ZnHttpContext& context) { handleGet_(context); });
     app.post(path, [this](ZnHttpContext& context) {
@@ -34,6 +36,17 @@ void BreltMcpBridgeAgent::registerRoutes_(ZnHttpApp& app) {
 }
 
 // --- the gate
+
+/// A page that has its own name resolve to this machine is same-origin with the agent in the browser's eyes; only the name
+/// that it has to use gives it away.
+void BreltMcpBridgeAgent::keepForeignHostsOut_(ZnHttpApp& app) {
+    app.addContextMiddleware([this](ZnHttpContext& context, const std::function<void()>& next) {
+        if (allowedHosts_.allows(mcp::headerText(context, "host")))
+            return next();
+        context.setHeader("cache-control", "no-store");
+        context.json(mcp::errorBody_("Host not allowed"), 403);
+    });
+}
 
 /// For every real connection this is the peer's address, which no header can change.
 std::string_view BreltMcpBridgeAgent::clientKey_(const ZnHttpContext& context) {
@@ -56,14 +69,19 @@ void BreltMcpBridgeAgent::applySecurityHeaders_(ZnHttpContext& context) const {
         context.setHeader("access-control-expose-headers", "mcp-session-id");
 }
 
-bool BreltMcpBridgeAgent::rejectIfThrottled_(ZnHttpContext& context) {
+ZnString BreltMcpBridgeAgent::failureKey_(const ZnHttpContext& context, bool isOfOrigin) const {
     const std::string_view key = clientKey_(context);
-    if (key.empty())
+    const bool isApart = isOfOrigin && throttle_ == Throttle::ByFailure && !key.empty();
+    return isApart ? "origin " + ZnString(key) : ZnString(key);
+}
+
+bool BreltMcpBridgeAgent::rejectIfThrottled_(ZnHttpContext& context, const ZnString& key) {
+    if (key.isEmpty())
         return false;
     long long waitSeconds = 0;
     {
         ZnMutexLocker locker(failuresMutex_);
-        waitSeconds = failures_.waitSeconds(key, clock_());
+        waitSeconds = failures_.waitSeconds(key.view(), clock_());
     }
     if (waitSeconds < 1)
         return false;
@@ -74,20 +92,28 @@ bool BreltMcpBridgeAgent::rejectIfThrottled_(ZnHttpContext& context) {
     return true;
 }
 
-void BreltMcpBridgeAgent::recordFailure_(const ZnHttpContext& context) {
-    const std::string_view key = clientKey_(context);
-    if (key.empty())
-        return;
-    ZnMutexLocker locker(failuresMutex_);
-    failures_.recordFailure(key, clock_());
+bool BreltMcpBridgeAgent::rejectIfBlocked_(ZnHttpContext& context) {
+    return throttle_ == Throttle::ByAddress && rejectIfThrottled_(context, failureKey_(context, false));
+}
+
+/// For a request that fails. Returns whether it has been answered: the client is blocked. Else the failure counts.
+bool BreltMcpBridgeAgent::rejectFailure_(ZnHttpContext& context, bool isOfOrigin) {
+    const ZnString key = failureKey_(context, isOfOrigin);
+    if (throttle_ == Throttle::ByFailure && rejectIfThrottled_(context, key))
+        return true;
+    if (!key.isEmpty()) {
+        ZnMutexLocker locker(failuresMutex_);
+        failures_.recordFailure(key.view(), clock_());
+    }
+    return false;
 }
 
 bool BreltMcpBridgeAgent::rejectIfForeignOrigin_(ZnHttpContext& context) {
     const std::string_view origin = mcp::headerText(context, "origin");
     if (origin.empty() || origin == allowedOrigin_.view())
         return false;
-    recordFailure_(context);
-    context.json(mcp::errorBody_("Origin not allowed"), 403);
+    if (!rejectFailure_(context, true))
+        context.json(mcp::errorBody_("Origin not allowed"), 403);
     return true;
 }
 
@@ -95,7 +121,8 @@ bool BreltMcpBridgeAgent::rejectIfUnauthenticated_(ZnHttpContext& context) {
     if (mcpToken_.isEmpty() ||
         constantTimeEquals(bearerToken_(mcp::headerText(context, "authorization")), mcpToken_))
         return false;
-    recordFailure_(context);
+    if (rejectFailure_(context, false))
+        return true;
     context.setHeader("www-authenticate", "Bearer realm=\"brelt-mcp-bridge\"");
     context.json(mcp::errorBody_("Authentication required"), 401);
     return true;
@@ -103,7 +130,7 @@ bool BreltMcpBridgeAgent::rejectIfUnauthenticated_(ZnHttpContext& context) {
 
 bool BreltMcpBridgeAgent::authorizeRequest_(ZnHttpContext& context) {
     applySecurityHeaders_(context);
-    if (rejectIfThrottled_(context) || rejectIfForeignOrigin_(context) || rejectIfUnauthenticated_(context))
+    if (rejectIfBlocked_(context) || rejectIfForeignOrigin_(context) || rejectIfUnauthenticated_(context))
         return false;
     ZnMutexLocker locker(failuresMutex_);
     failures_.clear(clientKey_(context));
@@ -114,7 +141,7 @@ bool BreltMcpBridgeAgent::authorizeRequest_(ZnHttpContext& context) {
 
 void BreltMcpBridgeAgent::handleOptions_(ZnHttpContext& context) {
     applySecurityHeaders_(context);
-    if (rejectIfThrottled_(context) || rejectIfForeignOrigin_(context))
+    if (rejectIfBlocked_(context) || rejectIfForeignOrigin_(context))
         return;
     context.setHeader("allow", "POST, GET, DELETE, OPTIONS");
     context.setHeader("access-control-allow-methods", "POST, GET, DELETE, OPTIONS");

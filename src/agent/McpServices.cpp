@@ -1,82 +1,60 @@
 // The allowlist: reading it, looking services up, and the one form in which they leave the agent.
 
 #include "agent/BreltMcpBridgeAgent.h"
-#include "agent/McpJson.h"
 #include "core/io/ZnFile.h"
-#include "core/types/ZnJsonDocument.h"
+#include "core/platform/ZnFileIdentity.h"
+#include "core/types/ZnJsonArray.h"
 
 #include <iostream>
 #include <utility>
 
 namespace {
 
-/// The text of the first of two members that is not empty.
-ZnString eitherMember(const ZnJsonObject& object, std::string_view name, std::string_view otherName) {
-    ZnString text = mcp::textMember_(object, name);
-    return text.isEmpty() ? mcp::textMember_(object, otherName) : text;
-}
-
-McpBridgeServiceRecord readService(const ZnJsonObject& object, bool interopDefault) {
-    McpBridgeServiceRecord record;
-    record.id = mcp::textMember_(object, "id");
-    record.title = mcp::textMember_(object, "title");
-    record.description = mcp::textMember_(object, "description");
-    if (ZnString transport = mcp::textMember_(object, "transport"); !transport.isEmpty())
-        record.transport = std::move(transport);
-    record.endpoint = eitherMember(object, "endpoint", "url");
-    record.bearerToken = eitherMember(object, "bearerToken", "bearer_token");
-    record.tlsCaFile = eitherMember(object, "tlsCaFile", "tls_ca_file");
-    if (const ZnJsonValue& enabled = object.value("enabled"); !enabled.isNull())
-        record.enabled = enabled.toBool(false);
-    const ZnJsonValue& interop = object.value("interop");
-    record.interop = interop.isNull() ? interopDefault : interop.toBool(false);
-    if (const int timeoutMs = object.value("timeoutMs").toInt(0); timeoutMs >= 1)
-        record.timeoutMs = timeoutMs;
-    return record;
-}
-
-/// Says so on standard error when the record cannot be used.
-bool isUsable(const McpBridgeServiceRecord& record) {
-    if (record.id.isEmpty())
-        std::cerr << "[McpBridge] Ignoring service without id" << std::endl;
-    else if (record.endpoint.isEmpty())
-        std::cerr << "[McpBridge] Ignoring service " << record.id << " without endpoint" << std::endl;
-    return !record.id.isEmpty() && !record.endpoint.isEmpty();
+const char* causeOf(const ZnFileIdentity& file) {
+    switch (file.kind) {
+    case ZnFileIdentity::Kind::Missing:
+        return "no such file";
+    case ZnFileIdentity::Kind::Directory:
+        return "is a directory";
+    default:
+        return "cannot be opened";
+    }
 }
 
 } // namespace
 
 bool BreltMcpBridgeAgent::loadServices_() {
+    remarks_.clear();
     if (servicesFile_.isEmpty()) {
         setServices_({});
         return true;
     }
     ZnFile file(servicesFile_);
     ZnString error = "Unable to open file";
-    if (file.open(ZnFile::OpenMode::Read) && parseServices_(file.readAll(), &error))
+    const bool isOpen = file.open(ZnFile::OpenMode::Read);
+    if (isOpen && parseServices_(file.readAll(), &error))
         return true;
     std::cerr << "[McpBridge] Cannot load services file " << servicesFile_ << ": " << error << std::endl;
+    if (!isOpen)
+        std::cerr << "[McpBridge] " << servicesFile_ << ": " << causeOf(ZnFileIdentity::of(servicesFile_)) << std::endl;
     return false;
 }
 
+void BreltMcpBridgeAgent::warnAboutServices_() const {
+    for (const ZnString& remark : remarks_)
+        std::cerr << "[McpBridge] Warning: services file, " << remark << std::endl;
+}
+
 bool BreltMcpBridgeAgent::parseServices_(const ZnString& text, ZnString* errorOut) {
-    errorOut->clear();
-    const ZnJsonDocument document = ZnJsonDocument::fromJson(text.view(), errorOut);
-    const ZnJsonObject* root = document.root().object();
-    if (!errorOut->isEmpty() || root == nullptr)
+    McpServiceFile file;
+    if (!file.read(text.view(), interop_, errorOut))
         return false;
-    ServiceMap_ services;
-    if (const ZnJsonArray* entries = root->value("services").array()) {
-        for (const ZnJsonValue& entry : *entries) {
-            const ZnJsonObject* object = entry.object();
-            if (object == nullptr)
-                continue;
-            const auto record = std::make_shared<McpBridgeServiceRecord>(readService(*object, interop_));
-            if (isUsable(*record))
-                services.insert(record->id, record);
-        }
-    }
-    setServices_(std::move(services));
+    for (const ZnString& line : file.skipped)
+        std::cerr << "[McpBridge] " << line << std::endl;
+    remarks_ = std::move(file.remarks);
+    if (file.hasSecrets && ZnFileIdentity::of(servicesFile_).isReadableByOthers)
+        remarks_.push_back("it holds bearer tokens and can be read by other users; chmod 600 keeps them out");
+    setServices_(std::move(file.services));
     return true;
 }
 

@@ -2,16 +2,16 @@
 
 #include <utility>
 
+bool McpSessionTable::makeRoom_(const Order_& order, long long idleNs, long long nowNs) {
+    return !order.empty() && nowNs - order.front().lastUsedNs >= idleNs && remove(order.front().session->id.view());
+}
+
 bool McpSessionTable::add(std::shared_ptr<McpBridgeSession> session, long long nowNs) {
-    if (byId_.size() >= kMaxSessions) {
-        const Entry_& oldest = byUse_.front();
-        if (nowNs - oldest.lastUsedNs < kIdleNs)
-            return false;
-        remove(oldest.session->id.view());
-    }
+    if (byId_.size() >= kMaxSessions && !makeRoom_(unused_, kUnusedNs, nowNs) && !makeRoom_(used_, kIdleNs, nowNs))
+        return false;
     const std::string_view id = session->id.view();
     remove(id); // a key must lie in the session that it leads to
-    byId_.insert(id, byUse_.insert(byUse_.end(), {std::move(session), nowNs}));
+    byId_.insert(id, unused_.insert(unused_.end(), {std::move(session), nowNs, false}));
     return true;
 }
 
@@ -19,9 +19,11 @@ std::shared_ptr<McpBridgeSession> McpSessionTable::find(std::string_view id, lon
     const auto at = byId_.find(id);
     if (at == byId_.end())
         return nullptr;
-    at->second->lastUsedNs = nowNs;
-    byUse_.splice(byUse_.end(), byUse_, at->second);
-    return at->second->session;
+    const Order_::iterator entry = at->second;
+    used_.splice(used_.end(), entry->isUsed ? used_ : unused_, entry);
+    entry->isUsed = true;
+    entry->lastUsedNs = nowNs;
+    return entry->session;
 }
 
 bool McpSessionTable::remove(std::string_view id) {
@@ -30,6 +32,6 @@ bool McpSessionTable::remove(std::string_view id) {
         return false;
     const Order_::iterator entry = at->second;
     byId_.erase(at); // first: the key lies in the session
-    byUse_.erase(entry);
+    (entry->isUsed ? used_ : unused_).erase(entry);
     return true;
 }

@@ -17,7 +17,14 @@ TEST(AgentProgram, LinesAndExitCodes) {
         {"one TLS path means none", {"--tls_cert_path=a.pem", "--port", port, "--services_file=", "--duration_ms=1"},
          "[McpBridge] listening on 127.0.0.1:" + port + " path /mcp", 0},
         {"help", {"--port=1", "--help", "bind"}, "Usage: brelt-mcp-bridge-agent [--option=value]...", 0},
+        {"help, short", {"-h"}, "Usage: brelt-mcp-bridge-agent [--option=value]...", 0},
         {"version", {"--version=1"}, "brelt-mcp-bridge-agent 0.1.0", 0},
+        {"strict", {"--strict", "--mcp-token=x", "--services_file=", "--port=" + port},
+         "[McpBridge] Unable to start on 127.0.0.1:" + port, 2},
+        {"no token file", {"--mcp_token_file=none", "--services_file="}, "[McpBridge] token file none: cannot be read", 2},
+        {"check", {"--check", "--services_file="}, "[McpBridge] check: 0 services, plain HTTP, 0 warnings: fine", 0},
+        {"check finds something", {"--check", "--services_file=", "--mcp_tokn=x", "--mcp_token=", "--mcp_interop=maybe"},
+         "[McpBridge] check: 0 services, plain HTTP, 3 warnings: starts, unless --strict", 1},
         {"no services file", {"--port=" + port, "--services_file= none.json "},
          "[McpBridge] Cannot load services file none.json: Unable to open file", 2},
         {"port out of range", {"--port=70000", "--bind=999.0.0.1", "--services_file="},
@@ -30,7 +37,7 @@ TEST(AgentProgram, LinesAndExitCodes) {
         SCOPED_TRACE(row.name);
         TestProgram agent(BRELT_AGENT_PROGRAM, row.arguments);
         std::string line = agent.readLine();
-        while (holds(line, "[ERROR]"))
+        while (holds(line, "[ERROR]") || holds(line, "Warning"))
             line = agent.readLine();
         EXPECT_EQ(line, row.lastLine);
         EXPECT_EQ(agent.exitCode(), row.exitCode);

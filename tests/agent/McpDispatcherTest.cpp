@@ -102,20 +102,29 @@ TEST_F(McpDispatcherTest, InitializeOpensASessionAndDeleteEndsIt) {
         EXPECT_EQ(call("DELETE", "/mcp", {{"mcp-session-id", id}}).status, status);
 }
 
-TEST_F(McpDispatcherTest, ASessionInUseNeverMakesRoom) {
-    const std::string first = newSession();
-    for (std::size_t i = 1; i < McpSessionTable::kMaxSessions; ++i)
-        newSession();
+TEST_F(McpDispatcherTest, RoomIsMadeByUnusedSessionsAndThenByIdleOnes) {
+    std::vector<std::string> sessions;
+    for (std::size_t i = 0; i < McpSessionTable::kMaxSessions; ++i)
+        sessions.push_back(newSession());
+    const auto use = [&](std::size_t index) { return post(kPing, sessions[index]).status; };
+    EXPECT_EQ(use(0), 200);
     const std::string tooMany = error(-32000, "Too many sessions");
-    EXPECT_EQ(bodyOf(post(kInitialize)), tooMany);
-    nowNs_ += McpSessionTable::kIdleNs - 1;
-    EXPECT_EQ(post(kPing, first).status, 200);
+    nowNs_ += McpSessionTable::kUnusedNs - 1;
     EXPECT_EQ(bodyOf(post(kInitialize)), tooMany);
     nowNs_ += 1;
-    for (std::size_t i = 1; i < McpSessionTable::kMaxSessions; ++i)
-        ASSERT_NE(newSession(), "absent");
-    EXPECT_EQ(bodyOf(post(kInitialize)), tooMany) << "the one in use is left";
-    EXPECT_EQ(post(kPing, first).status, 200);
+    EXPECT_NE(newSession(), "absent");
+    EXPECT_EQ(use(1), 404) << "the oldest one without a second request";
+    for (std::size_t i = 2; i < McpSessionTable::kMaxSessions; ++i)
+        ASSERT_EQ(use(i), 200);
+    nowNs_ += McpSessionTable::kUnusedNs;
+    EXPECT_NE(newSession(), "absent"); // for the one made above
+    nowNs_ += McpSessionTable::kIdleNs - 2 * McpSessionTable::kUnusedNs - 1;
+    EXPECT_EQ(use(2), 200);
+    nowNs_ += 1;
+    EXPECT_NE(newSession(), "absent"); // for the one made above
+    EXPECT_NE(newSession(), "absent");
+    EXPECT_EQ(use(0), 404) << "idle for an hour";
+    EXPECT_EQ(bodyOf(post(kInitialize)), tooMany) << "the others are in use, or too new";
 }
 
 TEST_F(McpDispatcherTest, ToolsListNamesTheToolsAndWhatTheyRequire) {

@@ -1,4 +1,5 @@
 #include "agent/AgentFixture.h"
+#include "agent/McpServiceFile.h"
 
 namespace {
 
@@ -77,6 +78,45 @@ TEST_F(McpFrontTest, FailuresBlockForLongerUntilAPass) {
     EXPECT_EQ(header(call("GET", "/mcp", right), "retry-after"), "5") << "the pass has cleared the record";
 }
 
+TEST_F(McpFrontTest, ByFailureTheRightTokenAlwaysPasses) {
+    agent_.setMcpToken("t");
+    agent_.setAllowedOrigin("http://localhost");
+    agent_.setThrottle(BreltMcpBridgeAgent::Throttle::ByFailure);
+    const std::pair<const char*, const char*> token{"authorization", "Bearer t"};
+    EXPECT_EQ(get({token, {"origin", "http://foreign"}}), 403);
+    EXPECT_EQ(get({token, {"origin", "http://foreign"}}), 429);
+    EXPECT_EQ(get({token}), 405);
+    EXPECT_EQ(get({}), 401) << "origins count for themselves";
+    EXPECT_EQ(get({}), 429);
+    EXPECT_EQ(get({token, {"origin", "http://localhost"}}), 405);
+    EXPECT_EQ(get({}), 401) << "the pass has cleared the record";
+    EXPECT_EQ(call("OPTIONS", "/mcp").status, 204);
+    EXPECT_EQ(call("OPTIONS", "/mcp", {{"origin", "http://foreign"}}).status, 429);
+}
+
+TEST_F(McpFrontTest, ForeignHostsAreRefusedOnEveryPath) {
+    struct Row { const char* rule; const char* host; bool isAllowed; };
+    for (const Row& row : {Row{"any", "evil.example", true}, {"local", "evil.example", false}, {"local", "", true},
+                           {"local", "LOCALHOST.:9010", true}, {"local", "127.8.9.1", true}, {"local", "[::1]:9010", true},
+                           {"local", "a.localhost", true}, {"local", "10.1.2.3:80", true}, {"local", "10.1.2.4", false},
+                           {"local", "127.0.0.1.evil.example", false}, {"local", "[::1", true}, {"local", "::1", true},
+                           {"agent.example, other", "other:1", true}, {"agent.example, other", "localhost", false}}) {
+        SCOPED_TRACE(std::string(row.rule) + " " + row.host);
+        agent_.setAllowedHosts(McpHostRule(row.rule, " 10.1.2.3 "));
+        ZnHttpApp app;
+        Peer::registerRoutes(agent_, app);
+        for (const char* path : {"/mcp", "/help", "/services"}) {
+            ZnHttpRequest request;
+            request.method = "GET";
+            request.path = path;
+            request.headers.insert("host", row.host);
+            ZnHttpResponse response;
+            EXPECT_TRUE(app.router().dispatch(request, &response));
+            EXPECT_EQ(bodyOf(response) != R"({"error": "Host not allowed"})", row.isAllowed) << path;
+        }
+    }
+}
+
 TEST_F(McpFrontTest, ClientsAreTakenForTheirAddressFirst) {
     agent_.setMcpToken("t");
     const Headers spoofed = {{"x-forwarded-for", "1.1.1.1 , 2.2.2.2"}};
@@ -148,9 +188,65 @@ TEST_F(McpFrontTest, AllowlistTexts) {
         EXPECT_EQ(skipped.find("[McpBridge] Ignoring service ") == 0, *row.shown == '\0');
         EXPECT_NE(list.find(row.shown), std::string::npos) << list;
     }
+}
+
+TEST(McpServiceFile, RemarksSayWhereAndShowNothingOfTheText) {
+    struct Row { const char* entry; const char* remark; }; // of line 3, but for the last ones
+    for (const Row& row : {
+             Row{R"("endpiont":"hush")", R"(unknown member; did you mean "endpoint"?)"},
+             {R"("bearer-token":"hush")", R"(unknown member; did you mean "bearerToken"?)"},
+             {R"("timeoutMS":5)", R"(unknown member; did you mean "timeoutMs"?)"},
+             {R"("hush":"hush")", "unknown member"},
+             {R"("enabled":"yes")", R"("enabled" must be true or false)"},
+             {R"("interop":1)", R"("interop" must be true or false)"},
+             {R"("timeoutMs":"x")", R"("timeoutMs" must be a whole number of milliseconds above 0)"},
+             {R"("timeoutMs":0)", R"("timeoutMs" must be a whole number of milliseconds above 0)"},
+             {R"("title":["hush"])", R"("title" must be a text in quotes)"},
+             {R"("bearerToken":"hush\nhush")", R"("bearerToken" cannot be sent: it holds control characters)"}}) {
+        McpServiceFile file;
+        ZnString error;
+        ASSERT_TRUE(file.read("{\"services\":[\n{\"id\":\"a\\u0007b\",\"endpoint\":\"hush://}]\",\n" + std::string(row.entry) + "}]}",
+                              true, &error))
+            << error;
+        ASSERT_EQ(file.remarks.size(), 1u) << row.entry;
+        EXPECT_EQ(file.remarks[0], std::string(R"(line 3, service "a\x07b": )") + row.remark);
+    }
+    const std::pair<const char*, const char*> others[] = {
+        {R"({"service":[]})", "there is no array \"services\""},
+        {"{\"services\":[\n5]}", "line 2: not an object"},
+        {"{\"services\":[{\"id\":\"a\",\"url\":\"u\"},\n{\"id\":\"a\",\"url\":\"v\"}]}",
+         "line 2, service \"a\": the id is used again; the last entry counts"},
+        {"{\"services\":[{\"id\":\"a\",\"url\":\"u\",\n\"bearerToken\":\"007123\"}]}",
+         "line 2, service \"a\": \"bearerToken\" is read as another value, since it looks like a number; --mcp_interop "
+         "takes it as it is"}};
+    for (const auto& [text, remark] : others) {
+        McpServiceFile file;
+        ZnString error;
+        EXPECT_TRUE(file.read(text, false, &error));
+        EXPECT_EQ(file.remarks, std::vector<ZnString>{ZnString(remark)}) << text;
+    }
+}
+
+TEST(McpServiceFile, ExactTextsStayAndErrorsShowNoText) {
+    constexpr const char* kText = R"({"services":[{"id":"1.10","url":"u","bearerToken":"007123","timeoutMs":"250",)"
+                                  R"("enabled":"true"}]})";
+    struct Row { bool isExact; const char* id; const char* token; };
+    for (const Row& row : {Row{true, "1.10", "007123"}, Row{false, "1.100000", "3667"}}) {
+        McpServiceFile file;
+        ZnString error;
+        ASSERT_TRUE(file.read(kText, row.isExact, &error));
+        ASSERT_TRUE(file.services.contains(row.id));
+        const McpBridgeServiceRecord& record = *file.services.value(row.id);
+        EXPECT_EQ(record.bearerToken, row.token);
+        EXPECT_EQ(record.timeoutMs, 250);
+        EXPECT_TRUE(record.enabled);
+    }
+    McpServiceFile broken;
     ZnString error;
-    EXPECT_FALSE(Peer::parseServices(agent_, "{", &error));
-    EXPECT_TRUE(error.startsWith("Unterminated JSON object"));
+    EXPECT_FALSE(broken.read("{\n \"bearerToken\": \"hush\" \"hush\"}", true, &error));
+    EXPECT_EQ(error, "Expected ',' or '}' in object (line 2, column 24)");
+    EXPECT_FALSE(broken.read("[]", true, &error));
+    EXPECT_EQ(error, "");
 }
 
 } // namespace

@@ -30,6 +30,7 @@ ZnFileIdentity ZnFileIdentity::of(const ZnString& path) {
     identity.device = status.st_dev;
     identity.inode = status.st_ino;
     identity.sizeBytes = static_cast<unsigned long long>(status.st_size);
+    identity.isReadableByOthers = (status.st_mode & (S_IRGRP | S_IROTH)) != 0;
     identity.writeNs = nanoseconds(status.st_mtim);
     identity.statusNs = nanoseconds(status.st_ctim);
     return identity;

@@ -18,6 +18,7 @@ struct ZnFileIdentity {
     unsigned long long inode = 0;
     unsigned long long sizeBytes = 0;
     long long writeNs = 0;  // last change of the content, as programs may set it
+    bool isReadableByOthers = false; // by its group or by everybody
     long long statusNs = 0; // last change in any way, by the system's clock; 0 for a missing one
 };
 

@@ -96,6 +96,9 @@ public:
         return parsedOptions_.value(name, defaultValue);
     }
 
+    /// All options that were given, by name.
+    const ZnMap<ZnString, ZnString>& arguments() const noexcept { return parsedOptions_; }
+
     ZnFiberPool& fiberPool() noexcept { return fiberPool_; }
     ZnIoDispatcher& ioDispatcher() noexcept { return ioDispatcher_; }
     /// Share of the last second that the loop was busy, 0.0 to 1.0.

@@ -1,0 +1,162 @@
+#include "agent/AgentOptions.h"
+
+#include "agent/McpText.h"
+#include "core/io/ZnFile.h"
+#include "core/types/ZnAssert.h"
+
+#include <algorithm>
+#include <iomanip>
+#include <iterator>
+#include <sstream>
+
+namespace {
+
+constexpr std::uint16_t kDefaultPort = 9010;
+
+enum class Kind { Text, Switch };
+
+struct Option {
+    const char* name;
+    const char* defaultValue;
+    const char* meaning;
+    Kind kind = Kind::Text;
+};
+constexpr Option kOptions[] = {
+    {"bind", "127.0.0.1", "address to listen on"},
+    {"port", "9010", "port, 1 to 65535"},
+    {"mcp_path", "/mcp", "path of the MCP endpoint"},
+    {"mcp_token", "", "bearer token that clients must show"},
+    {"mcp_token_file", "", "file that holds the token, which keeps it out of the process list"},
+    {"mcp_allowed_origin", "", "the one browser origin that may call"},
+    {"mcp_allowed_hosts", "any", "names in the Host header: any, local, or a list with commas"},
+    {"mcp_throttle", "address", "what failed attempts block: address, or failures alone"},
+    {"mcp_interop", "false", "work with today's MCP clients and servers: true or false, alone it means true", Kind::Switch},
+    {"services_file", "mcp-bridge-services.json", "the allowlist"},
+    {"tls_cert_path", "", "certificate file (PEM) for TLS, with tls_key_path"},
+    {"tls_key_path", "", "private key file (PEM)"},
+    {"duration_ms", "0", "milliseconds to run; 0: until stopped"},
+    {"strict", "false", "do not start when there is something to warn about", Kind::Switch},
+    {"check", "false", "read options, certificate and allowlist, say what was found, and end", Kind::Switch},
+};
+
+const Option& optionNamed(std::string_view name) {
+    const Option* option =
+        std::find_if(std::begin(kOptions), std::end(kOptions), [name](const Option& o) { return o.name == name; });
+    ZN_ASSERT(option != std::end(kOptions));
+    return *option;
+}
+
+std::vector<std::string_view> optionNames() {
+    std::vector<std::string_view> names = {"help", "h", "version"};
+    for (const Option& option : kOptions)
+        names.push_back(option.name);
+    return names;
+}
+
+} // namespace
+
+AgentOptions::AgentOptions(const ZnCoreApplication& application) : application_(application) {
+    checkNames_();
+    checkValues_();
+}
+
+ZnString AgentOptions::text(std::string_view name) const {
+    const Option& option = optionNamed(name);
+    return application_.getArgument(option.name, option.defaultValue);
+}
+
+bool AgentOptions::isOn(std::string_view name) const {
+    const ZnString value = text(name);
+    bool isOn = false;
+    return value.trimmed().isEmpty() || (parseBool(value, isOn) && isOn);
+}
+
+std::uint16_t AgentOptions::port() const {
+    const ZnString trimmed = text("port").trimmed();
+    const int port = trimmed.isEmpty() ? 0 : trimmed.toInt();
+    return port < 1 || port > 65535 ? kDefaultPort : static_cast<std::uint16_t>(port);
+}
+
+// --- remarks
+
+void AgentOptions::checkNames_() {
+    const std::vector<std::string_view> known = optionNames();
+    for (const auto& [name, value] : application_.arguments()) {
+        if (std::find(known.begin(), known.end(), name.view()) != known.end())
+            continue;
+        const std::string_view nearest = mcp::nearestName(name.view(), known);
+        const ZnString hint = nearest.empty() ? ZnString() : "; did you mean --" + ZnString(nearest) + "?";
+        remarks_.push_back("unknown option --" + mcp::printable(name.view(), 40) + hint);
+    }
+}
+
+void AgentOptions::checkValues_() {
+    for (const Option& option : kOptions) {
+        const ZnString value = text(option.name).trimmed();
+        bool unused = false;
+        if (option.kind == Kind::Switch && !value.isEmpty() && !parseBool(value, unused))
+            remarks_.push_back(ZnString("--") + option.name + " is neither on nor off; it counts as off");
+    }
+    const ZnString throttle = text("mcp_throttle").trimmed();
+    if (throttle != "address" && throttle != "failures")
+        remarks_.push_back("--mcp_throttle is neither address nor failures; it counts as address");
+    const bool hasToken = !text("mcp_token").trimmed().isEmpty();
+    const bool hasTokenFile = has("mcp_token_file");
+    if (has("mcp_token") && !hasToken && !hasTokenFile)
+        remarks_.push_back("--mcp_token is empty: clients need no token");
+    if (hasToken && hasTokenFile)
+        remarks_.push_back("--mcp_token and --mcp_token_file are both given; the file counts");
+    const ZnString bind = normalizedHost(text("bind").view());
+    if (!bind.isEmpty() && !isLoopbackHost(bind.view()) && !hasToken && !hasTokenFile)
+        remarks_.push_back("--bind reaches beyond this machine, and clients need no token");
+    if (text("tls_cert_path").isEmpty() != text("tls_key_path").isEmpty())
+        remarks_.push_back("TLS needs both --tls_cert_path and --tls_key_path; this is plain HTTP");
+}
+
+// --- configuration
+
+bool AgentOptions::readToken_(ZnString* token, ZnString* errorText) const {
+    *token = text("mcp_token");
+    if (!has("mcp_token_file"))
+        return true;
+    const ZnString path = text("mcp_token_file").trimmed();
+    ZnFile file(path);
+    const bool isOpen = file.open(ZnFile::OpenMode::Read);
+    *token = isOpen ? file.readAll().trimmed() : ZnString();
+    if (token->isEmpty())
+        *errorText = "token file " + path + (isOpen ? ": holds no token" : ": cannot be read");
+    return !token->isEmpty();
+}
+
+bool AgentOptions::configure(BreltMcpBridgeAgent& agent, ZnString* errorText) const {
+    ZnString token;
+    if (!readToken_(&token, errorText))
+        return false;
+    agent.setServicesFile(text("services_file"));
+    agent.setMcpPath(text("mcp_path"));
+    agent.setMcpToken(token);
+    agent.setAllowedOrigin(text("mcp_allowed_origin"));
+    agent.setAllowedHosts(McpHostRule(text("mcp_allowed_hosts"), text("bind")));
+    agent.setThrottle(text("mcp_throttle").trimmed() == "failures" ? BreltMcpBridgeAgent::Throttle::ByFailure
+                                                                    : BreltMcpBridgeAgent::Throttle::ByAddress);
+    agent.setInterop(isOn("mcp_interop"));
+    agent.setStrict(isOn("strict"));
+    return true;
+}
+
+ZnString AgentOptions::helpText() {
+    constexpr int kNameColumn = 43;
+    std::ostringstream out;
+    out << "Usage: brelt-mcp-bridge-agent [--option=value]...\n"
+           "\n"
+           "A local bridge that lets MCP clients call the private MCP services of an allowlist.\n"
+           "\n";
+    for (const Option& option : kOptions) {
+        const std::string name = std::string("  --") + option.name + "=" + option.defaultValue;
+        out << std::left << std::setw(kNameColumn) << name << "  " << option.meaning
+            << (*option.defaultValue == '\0' ? "; default: none" : "") << "\n";
+    }
+    out << std::left << std::setw(kNameColumn) << "  --help, -h" << "  prints this text\n"
+        << std::setw(kNameColumn) << "  --version" << "  prints the version\n";
+    return ZnString(out.str());
+}

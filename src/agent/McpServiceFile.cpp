@@ -1,0 +1,176 @@
+#include "agent/McpServiceFile.h"
+
+#include "agent/McpHeaders.h"
+#include "agent/McpJson.h"
+#include "agent/McpJsonPlaces.h"
+#include "agent/McpText.h"
+#include "core/types/ZnJsonDocument.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+const std::vector<std::string_view> kMembers = {
+    "id",          "title",        "description", "transport",   "endpoint", "url",       "bearerToken",
+    "bearer_token", "tlsCaFile",   "tls_ca_file", "enabled",     "timeoutMs", "interop"};
+constexpr std::string_view kTextMembers[] = {"id",          "title",        "description", "transport",   "endpoint",
+                                             "url",         "bearerToken",  "bearer_token", "tlsCaFile",  "tls_ca_file"};
+constexpr std::string_view kBooleanMembers[] = {"enabled", "interop"};
+
+using Entry = McpServiceFile::Entry_;
+
+/// The parser's error without the text around it, and with line and column instead of an index.
+ZnString errorWithPlace(const ZnString& error, std::string_view text) {
+    constexpr std::string_view kMark = " (index ";
+    const std::size_t at = error.view().find(kMark);
+    if (at == std::string_view::npos)
+        return error;
+    bool isNumber = false;
+    const std::string_view digits = error.view().substr(at + kMark.size());
+    const long long index = ZnString(digits.substr(0, digits.find(')'))).toLongLong(&isNumber);
+    const std::string_view before = text.substr(0, isNumber ? static_cast<std::size_t>(index) : 0);
+    const auto line = 1 + std::count(before.begin(), before.end(), '\n');
+    const std::size_t lineStart = before.rfind('\n') + 1; // 0 without a line feed
+    return ZnString(error.view().substr(0, at)) + " (line " + ZnString::number(static_cast<long long>(line)) +
+           ", column " + ZnString::number(static_cast<long long>(before.size() - lineStart + 1)) + ")";
+}
+
+/// The text of the first of two members that is not empty.
+ZnString eitherMember(const ZnJsonObject& object, std::string_view name, std::string_view otherName) {
+    ZnString text = mcp::textMember_(object, name);
+    return text.isEmpty() ? mcp::textMember_(object, otherName) : text;
+}
+
+McpBridgeServiceRecord readService(const Entry& entry, bool interopDefault) {
+    const ZnJsonObject& texts = *entry.texts;
+    McpBridgeServiceRecord record;
+    record.id = mcp::textMember_(texts, "id");
+    record.title = mcp::textMember_(texts, "title");
+    record.description = mcp::textMember_(texts, "description");
+    if (ZnString transport = mcp::textMember_(texts, "transport"); !transport.isEmpty())
+        record.transport = std::move(transport);
+    record.endpoint = eitherMember(texts, "endpoint", "url");
+    record.bearerToken = eitherMember(texts, "bearerToken", "bearer_token");
+    record.tlsCaFile = eitherMember(texts, "tlsCaFile", "tls_ca_file");
+    if (const ZnJsonValue& enabled = entry.values->value("enabled"); !enabled.isNull())
+        record.enabled = enabled.toBool(false);
+    const ZnJsonValue& interop = entry.values->value("interop");
+    record.interop = interop.isNull() ? interopDefault : interop.toBool(false);
+    if (const int timeoutMs = entry.values->value("timeoutMs").toInt(0); timeoutMs >= 1)
+        record.timeoutMs = timeoutMs;
+    return record;
+}
+
+/// Judges one entry.
+class EntryCheck {
+public:
+    EntryCheck(const Entry& entry, const McpBridgeServiceRecord& record, const mcp::EntryPlace& place,
+               std::vector<ZnString>* remarks)
+        : entry_(entry), record_(record), place_(place), remarks_(remarks) {}
+
+    void run() {
+        for (const mcp::MemberPlace& member : place_.members)
+            checkName_(member);
+        for (const std::string_view name : kTextMembers)
+            checkText_(name);
+        for (const std::string_view name : kBooleanMembers) {
+            if (const ZnJsonValue& value = entry_.written->value(name); !value.isNull() && value.type() != JsonType::Boolean)
+                remark_(name, "must be true or false");
+        }
+        const ZnJsonValue& timeoutMs = entry_.written->value("timeoutMs");
+        if (!timeoutMs.isNull() && (timeoutMs.type() != JsonType::Integer || timeoutMs.toInt(0) < 1))
+            remark_("timeoutMs", "must be a whole number of milliseconds above 0");
+        if (!mcp::isHeaderValue(record_.bearerToken.view()))
+            remark_("bearerToken", "cannot be sent: it holds control characters");
+    }
+
+private:
+    void checkName_(const mcp::MemberPlace& member) {
+        if (std::find(kMembers.begin(), kMembers.end(), member.name) != kMembers.end())
+            return;
+        const std::string_view nearest = mcp::nearestName(member.name, kMembers);
+        add_(member.line, nearest.empty() ? ZnString("unknown member")
+                                          : "unknown member; did you mean \"" + ZnString(nearest) + "\"?");
+    }
+    void checkText_(std::string_view name) {
+        const ZnJsonValue& value = entry_.written->value(name);
+        if (value.isNull())
+            return;
+        if (!value.isString())
+            remark_(name, "must be a text in quotes");
+        else if (mcp::textMember_(*entry_.written, name) != mcp::textMember_(*entry_.texts, name))
+            remark_(name, "is read as another value, since it looks like a number; --mcp_interop takes it as it is");
+    }
+    void remark_(std::string_view name, const char* text) {
+        const auto member = std::find_if(place_.members.begin(), place_.members.end(),
+                                         [&](const mcp::MemberPlace& entry) { return entry.name == name; });
+        add_(member == place_.members.end() ? place_.line : member->line, "\"" + ZnString(name) + "\" " + text);
+    }
+    void add_(int line, const ZnString& text) {
+        remarks_->push_back(mcp::lineText(line, record_.id) + text);
+    }
+
+    const Entry& entry_;
+    const McpBridgeServiceRecord& record_;
+    const mcp::EntryPlace& place_;
+    std::vector<ZnString>* const remarks_;
+};
+
+const ZnJsonArray* servicesOf(const ZnJsonDocument& document) {
+    const ZnJsonObject* root = document.root().object();
+    return root == nullptr ? nullptr : root->value("services").array();
+}
+
+/// Says so when the record cannot be used.
+bool isUsable(const McpBridgeServiceRecord& record, std::vector<ZnString>* skipped) {
+    if (record.id.isEmpty())
+        skipped->push_back("Ignoring service without id");
+    else if (record.endpoint.isEmpty())
+        skipped->push_back("Ignoring service " + mcp::printable(record.id.view()) + " without endpoint");
+    return !record.id.isEmpty() && !record.endpoint.isEmpty();
+}
+
+} // namespace
+
+bool McpServiceFile::read(std::string_view text, bool isExact, ZnString* errorText) {
+    ZnString error;
+    const ZnJsonDocument written = ZnJsonDocument::fromJson(text, &error, JsonReading::Exact);
+    ZnJsonDocument inDialect;
+    // The dialect refuses numbers that no 64 bits hold; its error is the one that counts for whoever reads in it.
+    if (error.isEmpty())
+        inDialect = ZnJsonDocument::fromJson(text, &error, JsonReading::Dialect);
+    const ZnJsonDocument& values = error.isEmpty() ? inDialect : written;
+    if (isExact && written.root().object() != nullptr)
+        error.clear();
+    *errorText = errorWithPlace(error, text);
+    if (!error.isEmpty() || written.root().object() == nullptr)
+        return false;
+    const ZnJsonArray* entries = servicesOf(written);
+    if (entries == nullptr) {
+        remarks.push_back("there is no array \"services\"");
+        return true;
+    }
+    std::vector<mcp::EntryPlace> places = mcp::placesOfServices(text);
+    places.resize(entries->size(), {1, {}}); // a name that is written with escapes is not found
+    for (std::size_t i = 0; i < entries->size(); ++i) {
+        const ZnJsonObject* value = servicesOf(values)->at(i).object();
+        const ZnJsonObject* asWritten = entries->at(i).object();
+        if (asWritten != nullptr)
+            takeEntry_({value, isExact ? asWritten : value, asWritten}, places[i], isExact);
+        else
+            remarks.push_back(mcp::lineText(places[i].line, ZnString()) + "not an object");
+    }
+    return true;
+}
+
+void McpServiceFile::takeEntry_(const Entry_& entry, const mcp::EntryPlace& place, bool interopDefault) {
+    const auto record = std::make_shared<McpBridgeServiceRecord>(readService(entry, interopDefault));
+    EntryCheck(entry, *record, place, &remarks).run();
+    hasSecrets = hasSecrets || !record->bearerToken.isEmpty();
+    if (!isUsable(*record, &skipped))
+        return;
+    if (services.contains(record->id))
+        remarks.push_back(mcp::lineText(place.line, record->id) + "the id is used again; the last entry counts");
+    services.insert(record->id, record);
+}

@@ -1,0 +1,22 @@
+#pragma once
+
+#include "core/types/ZnString.h"
+
+#include <string_view>
+#include <vector>
+
+// Texts for people.
+namespace mcp {
+
+/// A foreign text as it may be shown: control characters, quotes and bytes that are no UTF-8 escaped as \xNN, cut after
+/// `maxBytes` bytes of it with "..." behind.
+ZnString printable(std::string_view text, std::size_t maxBytes = 80);
+
+/// `line N, service "id": `, the service only where there is one.
+ZnString lineText(int line, const ZnString& serviceId);
+
+/// The known name that a mistyped one most likely means, by letters changed, left out or added (case, "-" and "_" do not
+/// count); empty when none is near.
+std::string_view nearestName(std::string_view name, const std::vector<std::string_view>& known);
+
+} // namespace mcp

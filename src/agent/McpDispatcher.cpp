@@ -50,7 +50,7 @@ bool isSupportedProtocol_(std::string_view text) {
 }
 
 std::string_view methodOf(const ZnJsonObject& message) {
-    const std::string_view text = message.value("method").string().view();
+    const std::string_view text = message.value("method").string();
     return text.substr(0, text.find('\0'));
 }
 

@@ -13,7 +13,7 @@ constexpr int kInvalidParams = -32602;
 
 /// The trimmed text of a member that is a string; any other type counts as absent.
 ZnString stringMember(const ZnJsonObject& object, std::string_view name) {
-    return object.value(name).string().trimmed();
+    return ZnString(trimmedView(object.value(name).string()));
 }
 
 /// The arguments of a "tools/call" that has been read before; null when it cannot be read in that way.

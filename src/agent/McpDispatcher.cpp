@@ -112,7 +112,9 @@ void BreltMcpBridgeAgent::handlePost_(ZnHttpContext& context) {
     ZnString error;
     const JsonReading reading = interop_ ? JsonReading::Exact : JsonReading::Dialect;
     const ZnJsonObject* message =
-        context.parseJsonBody(&document, &error, reading) ? std::as_const(document).root().object() : nullptr;
+        context.parseJsonBody(&document, &error, reading, mcp::kMaxJsonValues)
+            ? std::as_const(document).root().object()
+            : nullptr;
     if (message == nullptr)
         sendError(context, 400, "Expected a single JSON-RPC object");
     else

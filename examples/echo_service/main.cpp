@@ -39,7 +39,7 @@ ZnJsonObject toolResult(const ZnString& text, bool isError = false) {
 
 ZnJsonObject echo(const ZnJsonObject& arguments) {
     const ZnJsonValue& text = arguments.value("text");
-    return toolResult(text.isString() ? text.string() : text.toJson());
+    return toolResult(text.isString() ? ZnString(text.string()) : text.toJson());
 }
 
 ZnJsonObject add(const ZnJsonObject& arguments) {
@@ -85,11 +85,11 @@ ZnJsonObject listTools() {
 }
 
 ZnJsonObject callTool(const ZnJsonObject& params) {
-    const ZnString& name = params.value("name").string();
+    const std::string_view name = params.value("name").string();
     for (const Tool& tool : kTools)
         if (name == tool.name)
             return tool.call(params.value("arguments").toObject());
-    return toolResult("Unknown tool: " + name, true);
+    return toolResult("Unknown tool: " + ZnString(name), true);
 }
 
 // --- the protocol
@@ -117,7 +117,7 @@ ZnString newSessionId() {
 
 ZnJsonObject answer(ZnHttpContext& context, const ZnJsonObject& request) {
     const ZnJsonValue& id = request.value("id");
-    const ZnString& method = request.value("method").string();
+    const std::string_view method = request.value("method").string();
     if (method == "initialize") {
         context.setHeader("mcp-session-id", newSessionId());
         return response(id, "result", initializeResult());

@@ -1,5 +1,6 @@
 #include "agent/McpAnswerStream.h"
 
+#include "agent/McpJson.h"
 #include "core/types/ZnJsonDocument.h"
 
 #include <utility>
@@ -19,7 +20,7 @@ bool McpAnswerStream::takeEvent_(std::string_view type, std::string_view data) {
     if (!isMessage || trimmedView(data).empty())
         return true;
     ZnString error;
-    ZnJsonDocument document = ZnJsonDocument::fromJson(data, &error, JsonReading::Exact);
+    ZnJsonDocument document = ZnJsonDocument::fromJson(data, &error, JsonReading::Exact, mcp::kMaxJsonValues);
     if (!error.isEmpty())
         others_.append(ZnString(data));
     else if (ZnJsonArray* batch = document.root().array())

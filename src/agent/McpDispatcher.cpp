@@ -50,7 +50,7 @@ bool isSupportedProtocol_(std::string_view text) {
 }
 
 std::string_view methodOf(const ZnJsonObject& message) {
-    const std::string_view text = message.value("method").string().view();
+    const std::string_view text = message.value("method").string();
     return text.substr(0, text.find('\0'));
 }
 
@@ -112,7 +112,9 @@ void BreltMcpBridgeAgent::handlePost_(ZnHttpContext& context) {
     ZnString error;
     const JsonReading reading = interop_ ? JsonReading::Exact : JsonReading::Dialect;
     const ZnJsonObject* message =
-        context.parseJsonBody(&document, &error, reading) ? std::as_const(document).root().object() : nullptr;
+        context.parseJsonBody(&document, &error, reading, mcp::kMaxJsonValues)
+            ? std::as_const(document).root().object()
+            : nullptr;
     if (message == nullptr)
         sendError(context, 400, "Expected a single JSON-RPC object");
     else

@@ -1,5 +1,6 @@
 #include "agent/McpForwardCall.h"
 
+#include "agent/McpJson.h"
 #include "core/types/ZnJsonDocument.h"
 
 #include <utility>
@@ -10,7 +11,7 @@ constexpr long long kUsPerMs = 1000;
 
 ZnJsonValue parseBody(std::string_view text, JsonReading reading) {
     ZnString error; // a body that is no JSON is handed on as it is
-    ZnJsonDocument document = ZnJsonDocument::fromJson(text, &error, reading);
+    ZnJsonDocument document = ZnJsonDocument::fromJson(text, &error, reading, mcp::kMaxJsonValues);
     return error.isEmpty() ? std::move(document.root()) : ZnJsonValue();
 }
 

@@ -54,7 +54,7 @@ ZnString textMember_(const ZnJsonObject& object, std::string_view name) {
     if (value.isNull())
         return ZnString();
     const ZnString other = value.isString() ? ZnString() : value.toStringOr(ZnString());
-    const std::string_view text = value.isString() ? value.string().view() : other.view();
+    const std::string_view text = value.isString() ? value.string() : other.view();
     return ZnString(trimmedView(text.substr(0, text.find('\0'))));
 }
 

@@ -5,6 +5,7 @@
 #include "core/types/ZnJsonValue.h"
 #include "core/types/ZnString.h"
 
+#include <cstddef>
 #include <string_view>
 
 /// The JSON forms that the agent produces and the one in which it reads text.
@@ -12,6 +13,10 @@
 /// Answers are put together from compact JSON texts with sorted members: a result may hold a large upstream body,
 /// which is written once and not copied into a tree first.
 namespace mcp {
+
+/// No more values are taken from one message, of a client or of a service: a large one of tiny values would be slow to
+/// go through, and needs a multiple of its size.
+constexpr std::size_t kMaxJsonValues = 1000000;
 
 /// The trimmed text of a member, cut at its first NUL; empty when absent, null, an object or an array.
 ZnString textMember_(const ZnJsonObject& object, std::string_view name);

@@ -13,7 +13,7 @@ constexpr int kInvalidParams = -32602;
 
 /// The trimmed text of a member that is a string; any other type counts as absent.
 ZnString stringMember(const ZnJsonObject& object, std::string_view name) {
-    return object.value(name).string().trimmed();
+    return ZnString(trimmedView(object.value(name).string()));
 }
 
 /// The arguments of a "tools/call" that has been read before; null when it cannot be read in that way.
@@ -85,7 +85,8 @@ ZnString BreltMcpBridgeAgent::callRpcTool_(const ZnHttpContext& context, const Z
     ZnJsonDocument message;
     ZnString error;
     const JsonReading reading = record->interop ? JsonReading::Exact : JsonReading::Dialect;
-    const ZnJsonObject* reread = context.parseJsonBody(&message, &error, reading) ? argumentsOf(message) : nullptr;
+    const ZnJsonObject* reread =
+        context.parseJsonBody(&message, &error, reading, mcp::kMaxJsonValues) ? argumentsOf(message) : nullptr;
     if (reread == nullptr)
         return mcp::toolError_("Field 'request' holds a number that this service cannot take", 400);
     return forwardTool_(*record, reread->value("request"), record->interop ? *reread : arguments);

@@ -14,7 +14,7 @@ protected:
         return R"({"jsonrpc":)" + version + R"(,"id":)" + id + R"(,"method":"ping"})";
     }
     void expectAnswer(const Headers& headers, const std::string& body, int status, const std::string& answer) {
-        SCOPED_TRACE(body);
+        SCOPED_TRACE(body.substr(0, 200));
         const ZnHttpResponse response = call("POST", "/mcp", headers, body);
         EXPECT_EQ(response.status, status);
         EXPECT_EQ(bodyOf(response), answer);
@@ -28,10 +28,14 @@ TEST_F(McpDispatcherTest, WhatNeedsNoSessionOrHasAWrongOne) {
     const Headers none;
     const Headers unknown = {{"mcp-session-id", "x"}};
     const Headers newer = {{"mcp-protocol-version", "2025-11-25"}};
+    std::string tooManyValues = R"({"jsonrpc":"2.0","id":1,"method":"ping","params":[)";
+    for (int value = 0; value < 1000000; ++value)
+        tooManyValues += "1,";
     struct Row { Headers headers; std::string body; int status; std::string answer; };
     const Row rows[] = {
         {none, "", 400, refused("Expected a single JSON-RPC object")},
         {none, "[{}]", 400, refused("Expected a single JSON-RPC object")},
+        {none, tooManyValues + "1]}", 400, refused("Expected a single JSON-RPC object")},
         {none, R"({"id":1,"method":"ping"})", 200, error(-32600, "Invalid Request")},
         {none, R"({"jsonrpc":"2.1","id":null})", 400, refused("Invalid JSON-RPC version")},
         {none, R"({"jsonrpc":"2.0","id":1,"result":{}})", 202, ""}, // a client's response

@@ -7,8 +7,9 @@ ZnJsonDocument ZnJsonDocument::fromJson(std::string_view text, ZnString* error, 
     return parse_(ZnJsonParser_(text, key, JsonReading::Dialect), error);
 }
 
-ZnJsonDocument ZnJsonDocument::fromJson(std::string_view text, ZnString* error, JsonReading reading) {
-    return parse_(ZnJsonParser_(text, ZnString(), reading), error);
+ZnJsonDocument ZnJsonDocument::fromJson(std::string_view text, ZnString* error, JsonReading reading,
+                                        std::size_t maxValues) {
+    return parse_(ZnJsonParser_(text, ZnString(), reading, maxValues), error);
 }
 
 ZnJsonDocument ZnJsonDocument::parse_(ZnJsonParser_&& parser, ZnString* error) {

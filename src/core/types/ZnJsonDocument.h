@@ -4,6 +4,8 @@
 #include "core/types/ZnJsonObject.h"
 #include "core/types/ZnJsonValue.h"
 
+#include <cstddef>
+#include <limits>
 #include <string_view>
 
 class ZnJsonParser_;
@@ -17,12 +19,14 @@ enum class JsonReading {
 /// A parsed JSON text.
 ///
 /// A comma may stand before a closing bracket; a repeated key keeps its last value; output is sorted by key.
+/// A parse needs at most twelve times the memory of the text, and some KiB; most need far less.
 /// With a key, scalars are stored enciphered in the same text syntax, and read in the dialect.
 /// Thread: a value.
 class ZnJsonDocument {
 public:
     /// Containers may nest this deep; one level more is the error "JSON nesting too deep".
     static constexpr int kMaxDepth = 256;
+    static constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
 
     ZnJsonDocument() = default;
     explicit ZnJsonDocument(ZnJsonValue root) : root_(std::move(root)) {}
@@ -30,7 +34,9 @@ public:
     /// `*error` is empty on success; on failure it says what is wrong and where, and the root is Null
     /// (except for text behind a complete value, which leaves the value in place).
     static ZnJsonDocument fromJson(std::string_view text, ZnString* error, const ZnString& key = ZnString());
-    static ZnJsonDocument fromJson(std::string_view text, ZnString* error, JsonReading reading);
+    /// More than `maxValues` values, containers included and names not, are the error "JSON has too many values".
+    static ZnJsonDocument fromJson(std::string_view text, ZnString* error, JsonReading reading,
+                                   std::size_t maxValues = kNoLimit);
 
     const ZnJsonValue& root() const noexcept { return root_; }
     ZnJsonValue& root() noexcept { return root_; }
@@ -46,3 +52,5 @@ private:
 
 /// `text` with the escapes of a JSON string literal, without the quotes.
 ZnString escapeJsonString(std::string_view text);
+/// Appends the same. `text` may be a part of `*out`.
+void appendEscapedJson(ZnString* out, std::string_view text);

@@ -1,7 +1,9 @@
 #include "core/types/ZnJsonParser.h"
 
 #include "core/types/ZnCrypto.h"
+#include "core/types/ZnJsonNames.h"
 #include "core/types/ZnJsonScan.h"
+#include "core/types/ZnLogger.h"
 #include "core/types/ZnNumberText.h"
 
 #include <algorithm>
@@ -14,10 +16,9 @@ namespace {
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 constexpr std::size_t kContextBytes = 20;
 constexpr std::size_t kMaxFastDigits = 18; // so many decimal digits always fit in 64 bits
-
-bool isSpace(char c) {
-    return c == ' ' || (c >= '\t' && c <= '\r');
-}
+constexpr std::size_t kMaxExactDigits = 15; // so many decimal digits are exact in a double
+constexpr std::size_t kNearMembers = 16;   // so many are looked at when a name comes out of order
+constexpr std::size_t kFirstChildren = 8;  // of a container whose count is not known
 
 bool isDigit(char c) {
     return c >= '0' && c <= '9';
@@ -100,8 +101,24 @@ bool readPlainInteger(std::string_view text, std::int64_t* value) {
     return true;
 }
 
+/// A text of a sign, digits and a point, so few that both parts of the division are exact, and so its result is the
+/// nearest double.
+double shortDecimal(std::string_view text) {
+    double digits = 0;
+    double scale = 1;
+    bool isBehindPoint = false;
+    for (char c : text) {
+        if (isDigit(c)) {
+            digits = digits * 10 + (c - '0');
+            scale = isBehindPoint ? scale * 10 : scale;
+        }
+        isBehindPoint = isBehindPoint || c == '.';
+    }
+    return text.front() == '-' ? -digits / scale : digits / scale;
+}
+
 /// The value of a deciphered bare token.
-ZnJsonValue parseScalarText_(ZnString text) {
+ZnJsonValue parseScalarText_(const ZnString& text) {
     const std::string_view view = text.view();
     if (view == "true" || view == "false")
         return ZnJsonValue(view == "true");
@@ -117,7 +134,7 @@ ZnJsonValue parseScalarText_(ZnString text) {
         if (code == std::errc() && end == view.data() + view.size())
             return ZnJsonValue(value);
     }
-    return ZnJsonValue(std::move(text));
+    return ZnJsonValue(text);
 }
 
 /// `message` with the place and its surroundings.
@@ -134,7 +151,11 @@ ZnString parseError(std::string_view text, std::size_t index, const char* messag
 bool ZnJsonParser_::parseJsonText_(ZnJsonValue& root, ZnString& error) {
     if (text_.starts_with(kByteOrderMark))
         pos_ = kByteOrderMark.size();
-    if (!parseTree_(root)) {
+    counts_.count(text_.substr(pos_));
+    arena_.expect(counts_.slabBytes());
+    const bool isComplete = parseTree_(root);
+    logBadNumbers_();
+    if (!isComplete) {
         root = ZnJsonValue();
         error = std::move(error_);
         return false;
@@ -147,7 +168,7 @@ bool ZnJsonParser_::parseJsonText_(ZnJsonValue& root, ZnString& error) {
 }
 
 bool ZnJsonParser_::parseTree_(ZnJsonValue& root) {
-    for (ZnJsonValue* slot = &root; slot != nullptr; slot = nextSlot_()) {
+    for (ZnJsonCell_* slot = &root.cell_; slot != nullptr; slot = nextSlot_()) {
         if (!parseValue_(*slot))
             return false;
     }
@@ -156,10 +177,10 @@ bool ZnJsonParser_::parseTree_(ZnJsonValue& root) {
 
 /// Behind a value or an opening bracket: closes what ends here and gives the place of the next value; null
 /// when the root is complete, and on failure.
-ZnJsonValue* ZnJsonParser_::nextSlot_() {
+ZnJsonCell_* ZnJsonParser_::nextSlot_() {
     while (depth_ > 0) {
-        ZnJsonValue& container = *open_[depth_ - 1];
-        const bool isArray = container.isArray();
+        ZnJsonCell_& container = *open_[depth_ - 1];
+        const bool isArray = !container.isObject();
         if (!isJustOpened_ && !stepOverSeparator_(isArray))
             return nullptr;
         isJustOpened_ = false;
@@ -169,11 +190,27 @@ ZnJsonValue* ZnJsonParser_::nextSlot_() {
             return nullptr;
         }
         if (text_[pos_] != (isArray ? ']' : '}'))
-            return isArray ? &container.arrayValue_->appendNull() : nextMember_(*container.objectValue_);
+            return isArray ? addElement_(container) : nextMember_(container);
         ++pos_;
+        closeContainer_(container);
         --depth_;
     }
     return nullptr;
+}
+
+ZnJsonCell_* ZnJsonParser_::addElement_(ZnJsonCell_& array) {
+    if (array.block.count >= capacity_[depth_ - 1])
+        grow_(array);
+    ZnJsonValue* const element = array.values() + array.block.count++;
+    return &(::new (static_cast<void*>(element)) ZnJsonValue)->cell_;
+}
+
+/// For a container with more children than were counted.
+void ZnJsonParser_::grow_(ZnJsonCell_& container) {
+    std::uint32_t& capacity = capacity_[depth_ - 1];
+    const std::size_t larger = std::max<std::size_t>(capacity * std::size_t{2}, 2 * kFirstChildren);
+    zn::detail::moveToBlock(container, larger, nullptr);
+    capacity = static_cast<std::uint32_t>(larger);
 }
 
 /// Steps over a comma behind a value, and stays in front of a closing bracket.
@@ -189,14 +226,13 @@ bool ZnJsonParser_::stepOverSeparator_(bool isArray) {
 }
 
 /// Reads a key and its colon, and gives the place of the value.
-ZnJsonValue* ZnJsonParser_::nextMember_(ZnJsonObject& object) {
+ZnJsonCell_* ZnJsonParser_::nextMember_(ZnJsonCell_& object) {
     if (text_[pos_] != '"') {
         fail_("Expected string key in object");
         return nullptr;
     }
-    std::string unescaped;
     std::string_view name;
-    if (!parseString_(&unescaped, &name))
+    if (!parseString_(&name))
         return nullptr;
     skipSpace_();
     if (atEnd_() || text_[pos_] != ':') {
@@ -204,17 +240,43 @@ ZnJsonValue* ZnJsonParser_::nextMember_(ZnJsonObject& object) {
         return nullptr;
     }
     ++pos_;
-    ZnJsonValue& slot =
-        object.slotNearEnd(unescaped.empty() ? ZnString(name) : ZnString(std::move(unescaped)));
-    if (!slot.isNull())
-        slot = ZnJsonValue(); // a repeated key
-    return &slot;
+    return addMember_(object, name);
 }
 
-bool ZnJsonParser_::parseValue_(ZnJsonValue& slot) {
+/// Keeps the members in order. A name that belongs far from the end is put there all the same, and the object sorted
+/// when it closes: moving ever more members out of the way would take a quadratic time.
+ZnJsonCell_* ZnJsonParser_::addMember_(ZnJsonCell_& object, std::string_view name) {
+    const std::size_t count = object.block.count;
+    if (2 * count >= capacity_[depth_ - 1])
+        grow_(object);
+    std::size_t index = count;
+    for (; index > 0; --index) {
+        const int difference = zn::detail::compareNames(name, object.values()[2 * (index - 1)].string());
+        if (difference == 0) {
+            ZnJsonValue& repeated = object.values()[2 * index - 1];
+            repeated = ZnJsonValue();
+            return &repeated.cell_;
+        }
+        if (difference > 0)
+            break;
+        if (count - index == kNearMembers) {
+            object.block.isUnsorted = true;
+            index = count;
+            break;
+        }
+    }
+    ZnJsonValue* const member = zn::detail::insertMember(object, index);
+    setText_(member[0].cell_, JsonType::String, name);
+    return &member[1].cell_;
+}
+
+bool ZnJsonParser_::parseValue_(ZnJsonCell_& slot) {
     skipSpace_();
     if (atEnd_())
         return fail_("Unexpected end of JSON input");
+    if (valueCount_ == maxValues_)
+        return fail_("JSON has too many values");
+    ++valueCount_;
     const char c = text_[pos_];
     if (c == '"')
         return parseStringValue_(slot);
@@ -223,7 +285,7 @@ bool ZnJsonParser_::parseValue_(ZnJsonValue& slot) {
     return parseLiteralOrNumber_(slot, c);
 }
 
-bool ZnJsonParser_::parseLiteralOrNumber_(ZnJsonValue& slot, char first) {
+bool ZnJsonParser_::parseLiteralOrNumber_(ZnJsonCell_& slot, char first) {
     if (key_.isEmpty()) {
         if (!isDigit(first) && first != '-' && first != 't' && first != 'f' && first != 'n')
             return fail_("Invalid JSON token");
@@ -235,78 +297,102 @@ bool ZnJsonParser_::parseLiteralOrNumber_(ZnJsonValue& slot, char first) {
     return first == 'n' ? parseNull_() : parseNumber_(slot);
 }
 
-bool ZnJsonParser_::openContainer_(ZnJsonValue& slot, char bracket) {
+bool ZnJsonParser_::openContainer_(ZnJsonCell_& slot, char bracket) {
     if (depth_ == kMaxDepth_)
         return fail_("JSON nesting too deep");
-    if (bracket == '[') {
-        slot.arrayValue_.reset(new ZnJsonArray);
-        slot.type_ = JsonType::Array;
-    } else {
-        slot.objectValue_.reset(new ZnJsonObject);
-        slot.type_ = JsonType::Object;
-    }
+    slot = ZnJsonCell_(bracket == '[' ? JsonType::Array : JsonType::Object);
+    // No more than can still come: it need not be true what the text seems to hold.
+    const std::size_t childCount = std::min(counts_.next(), maxValues_ - valueCount_);
+    const std::size_t capacity = childCount * slot.valuesPerChild();
+    if (capacity > 0)
+        zn::detail::makeBlock(slot, capacity, &arena_);
+    capacity_[depth_] = static_cast<std::uint32_t>(capacity);
     ++pos_;
     open_[depth_++] = &slot;
     isJustOpened_ = true;
     return true;
 }
 
-bool ZnJsonParser_::parseStringValue_(ZnJsonValue& slot) {
-    std::string unescaped;
+void ZnJsonParser_::closeContainer_(ZnJsonCell_& container) {
+    if (container.isObject() && std::exchange(container.block.isUnsorted, false))
+        zn::detail::sortMembers(container);
+    if (container.block.slabOffset == 0 && zn::detail::blockCapacity(container) / 2 > container.valueCount())
+        zn::detail::moveToBlock(container, container.valueCount(), nullptr); // most names were repeated
+}
+
+bool ZnJsonParser_::parseStringValue_(ZnJsonCell_& slot) {
     std::string_view text;
-    if (!parseString_(&unescaped, &text))
+    if (!parseString_(&text))
         return false;
     if (!key_.isEmpty()) {
         try {
-            unescaped = ZnCrypto::decryptAES(key_, ZnString(text)).takeStr();
+            unescaped_ = ZnCrypto::decryptAES(key_, ZnString(text)).takeStr();
         } catch (const std::exception&) {
             return fail_("Unable to decrypt string value");
         }
-        text = unescaped;
+        text = unescaped_;
     }
-    if (!isExact_ && readScalar_(text, slot))
-        return true;
-    slot.stringValue_ = unescaped.empty() ? ZnString(text) : ZnString(std::move(unescaped));
-    slot.type_ = JsonType::String;
+    if (isExact_ || !readScalar_(text, slot))
+        setText_(slot, JsonType::String, text);
     return true;
 }
 
 /// Sets the scalar that a string literal reads as; false when it is a plain text.
-bool ZnJsonParser_::readScalar_(std::string_view text, ZnJsonValue& slot) {
+bool ZnJsonParser_::readScalar_(std::string_view text, ZnJsonCell_& slot) {
     switch (scalarShape(text)) {
     case ScalarShape_::Text:
         return false;
     case ScalarShape_::True:
     case ScalarShape_::False:
-        slot.boolValue_ = text.front() == 't';
-        slot.type_ = JsonType::Boolean;
+        slot = ZnJsonCell_(JsonType::Boolean, text.front() == 't' ? 1 : 0);
         return true;
     case ScalarShape_::Null:
         return true;
     case ScalarShape_::Integer:
-        if (!readPlainInteger(text, &slot.intValue_))
-            slot.intValue_ = ZnString(text).toLongLong();
-        slot.type_ = JsonType::Integer;
+        slot = ZnJsonCell_(JsonType::Integer, readInteger_(text));
         return true;
     case ScalarShape_::Decimal:
-        slot.doubleValue_ = static_cast<double>(ZnString(text).toFloat());
-        slot.type_ = JsonType::Double;
+        slot = ZnJsonCell_(readDecimal_(text));
         return true;
     }
     return false;
 }
 
-bool ZnJsonParser_::parseEncryptedToken_(ZnJsonValue& slot) {
-    const auto endsToken = [](char c) {
-        return c == ',' || c == ']' || c == '}' || isSpace(c);
-    };
-    std::size_t end = pos_;
-    while (end < text_.size() && !endsToken(text_[end]))
-        ++end;
+/// By ZnString's rules; 0 for what does not fit.
+std::int64_t ZnJsonParser_::readInteger_(std::string_view text) {
+    std::int64_t plain = 0;
+    if (readPlainInteger(text, &plain))
+        return plain;
+    const ZnString literal(text);
+    bool ok = false;
+    const std::int64_t value = literal.toLongLong(&ok);
+    return ok || !mayLogNumber_() ? value : literal.toLongLong(); // the latter logs
+}
+
+/// As readInteger_, rounded to the precision of a float.
+double ZnJsonParser_::readDecimal_(std::string_view text) {
+    if (text.size() <= kMaxExactDigits)
+        return static_cast<double>(static_cast<float>(shortDecimal(text)));
+    const ZnString literal(text);
+    double value = 0;
+    if (literal.toDouble(&value))
+        return static_cast<double>(static_cast<float>(value));
+    return mayLogNumber_() ? static_cast<double>(literal.toFloat()) : 0.0; // the former logs
+}
+
+void ZnJsonParser_::logBadNumbers_() const {
+    if (badNumberCount_ > kLoggedNumbers_)
+        ZN_LOG_ERROR("zn.core.types.znjsondocument", "ZnJsonDocument::fromJson")
+            << "Invalid number conversions in one JSON text: " << badNumberCount_;
+}
+
+bool ZnJsonParser_::parseEncryptedToken_(ZnJsonCell_& slot) {
+    const std::size_t end = zn::detail::tokenEnd(text_, pos_);
     if (end == pos_)
         return false;
     try {
-        slot = parseScalarText_(ZnCrypto::decryptAES(key_, ZnString(text_.substr(pos_, end - pos_))));
+        const ZnString plain = ZnCrypto::decryptAES(key_, ZnString(text_.substr(pos_, end - pos_)));
+        slot = parseScalarText_(plain).takeCell_(JsonType::Null);
     } catch (const std::exception&) {
         return false; // not enciphered
     }
@@ -314,12 +400,11 @@ bool ZnJsonParser_::parseEncryptedToken_(ZnJsonValue& slot) {
     return true;
 }
 
-bool ZnJsonParser_::parseBoolean_(ZnJsonValue& slot) {
+bool ZnJsonParser_::parseBoolean_(ZnJsonCell_& slot) {
     const std::string_view word = takeLetters_();
     if (word != "true" && word != "false")
         return fail_("Invalid boolean literal");
-    slot.boolValue_ = word == "true";
-    slot.type_ = JsonType::Boolean;
+    slot = ZnJsonCell_(JsonType::Boolean, word == "true" ? 1 : 0);
     return true;
 }
 
@@ -327,7 +412,7 @@ bool ZnJsonParser_::parseNull_() {
     return takeLetters_() == "null" || fail_("Invalid literal, expected 'null'");
 }
 
-bool ZnJsonParser_::parseNumber_(ZnJsonValue& slot) {
+bool ZnJsonParser_::parseNumber_(ZnJsonCell_& slot) {
     const std::size_t start = pos_;
     if (text_[pos_] == '-')
         ++pos_;
@@ -362,41 +447,49 @@ bool ZnJsonParser_::scanDigits_(const char* message) {
     return pos_ > start || fail_(message);
 }
 
-bool ZnJsonParser_::finishNumber_(ZnJsonValue& slot, std::size_t start, bool isFloating) {
+bool ZnJsonParser_::finishNumber_(ZnJsonCell_& slot, std::size_t start, bool isFloating) {
     const std::string_view literal = text_.substr(start, pos_ - start);
     if (isExact_) {
         keepNumber_(slot, literal, isFloating);
         return true;
     }
     if (isFloating) {
-        if (!zn::detail::parseDecimal(literal, &slot.doubleValue_))
+        double value = 0;
+        if (!zn::detail::parseDecimal(literal, &value))
             return failAt_(start, "Invalid floating-point number");
-        slot.type_ = JsonType::Double;
+        slot = ZnJsonCell_(value);
         return true;
     }
-    if (std::from_chars(literal.data(), literal.data() + literal.size(), slot.intValue_).ec != std::errc())
+    std::int64_t value = 0;
+    if (std::from_chars(literal.data(), literal.data() + literal.size(), value).ec != std::errc())
         return failAt_(start, "Invalid integer number");
-    slot.type_ = JsonType::Integer;
+    slot = ZnJsonCell_(JsonType::Integer, value);
     return true;
 }
 
 /// An Integer that is written as `literal`, or a Double that keeps it; the grammar has been checked.
-void ZnJsonParser_::keepNumber_(ZnJsonValue& slot, std::string_view literal, bool isFloating) {
+void ZnJsonParser_::keepNumber_(ZnJsonCell_& slot, std::string_view literal, bool isFloating) {
     const char* end = literal.data() + literal.size();
     const bool isPlain = !isFloating && literal != "-0";
-    if (isPlain && std::from_chars(literal.data(), end, slot.intValue_).ec == std::errc()) {
-        slot.type_ = JsonType::Integer;
-        return;
-    }
-    slot.stringValue_ = ZnString(literal);
-    slot.type_ = JsonType::Double;
+    std::int64_t value = 0;
+    if (isPlain && std::from_chars(literal.data(), end, value).ec == std::errc())
+        slot = ZnJsonCell_(JsonType::Integer, value);
+    else
+        setText_(slot, JsonType::Double, literal);
 }
 
-/// Reads a string literal from its opening quote on. `*text` is its content: a part of the parsed text, or of
-/// `*unescaped`, which is left empty when there were no escapes.
-bool ZnJsonParser_::parseString_(std::string* unescaped, std::string_view* text) {
+/// A String, or a Double that keeps its digits.
+void ZnJsonParser_::setText_(ZnJsonCell_& slot, JsonType type, std::string_view text) {
+    const int flags = type == JsonType::Double ? ZnJsonCell_::kKeepsDigits : 0;
+    zn::detail::setText(slot, static_cast<std::uint8_t>(static_cast<int>(type) | flags), text, &arena_);
+}
+
+/// Reads a string literal from its opening quote on. `*text` is its content: a part of the parsed text, or, when there
+/// were escapes, unescaped_.
+bool ZnJsonParser_::parseString_(std::string_view* text) {
     const std::size_t start = ++pos_;
     std::size_t copied = start;
+    unescaped_.clear();
     for (;;) {
         pos_ = zn::detail::plainRunEnd(text_, pos_);
         if (atEnd_())
@@ -405,20 +498,20 @@ bool ZnJsonParser_::parseString_(std::string* unescaped, std::string_view* text)
             break;
         if (text_[pos_] != '\\')
             return fail_("Unescaped control character in string");
-        unescaped->append(text_, copied, pos_ - copied);
+        unescaped_.append(text_, copied, pos_ - copied);
         ++pos_;
-        if (!parseEscape_(*unescaped))
+        if (!parseEscape_(unescaped_))
             return false;
         copied = pos_;
     }
     const std::string_view tail = text_.substr(copied, pos_ - copied);
     ++pos_;
-    if (unescaped->empty()) {
+    if (copied == start) {
         *text = tail;
         return true;
     }
-    unescaped->append(tail);
-    *text = *unescaped;
+    unescaped_.append(tail);
+    *text = unescaped_;
     return true;
 }
 
@@ -483,7 +576,7 @@ std::string_view ZnJsonParser_::takeLetters_() noexcept {
 }
 
 void ZnJsonParser_::skipSpace_() noexcept {
-    while (!atEnd_() && isSpace(text_[pos_]))
+    while (!atEnd_() && zn::detail::isSpace(text_[pos_]))
         ++pos_;
 }
 

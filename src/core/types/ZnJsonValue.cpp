@@ -1,13 +1,14 @@
 #include "core/types/ZnJsonValue.h"
 
+#include "core/types/ZnJsonArena.h"
 #include "core/types/ZnJsonArray.h"
-#include "core/types/ZnJsonCursor.h"
 #include "core/types/ZnJsonObject.h"
+#include "core/types/ZnJsonPath.h"
 #include "core/types/ZnNumberText.h"
 
 #include <cmath>
 #include <limits>
-#include <stdexcept>
+#include <memory>
 
 namespace {
 
@@ -25,197 +26,220 @@ Integer truncated(double value) {
 
 } // namespace
 
+/// Walks whole trees. Names and values of an object are walked alike: each name is a String.
 struct ZnJsonTree_ {
-    using Cursor = ZnJsonCursor_<ZnJsonValue>;
-    using ConstCursor = ZnJsonCursor_<const ZnJsonValue>;
-
-    static void copy(const ZnJsonValue& from, ZnJsonValue& to);
-    static bool equal(const ZnJsonValue& left, const ZnJsonValue& right);
-    static void release(ZnJsonValue& root) noexcept;
+    static void copy(const ZnJsonCell_& from, ZnJsonCell_& to);
+    static bool equal(const ZnJsonCell_& left, const ZnJsonCell_& right);
+    static void release(ZnJsonCell_& root) noexcept;
 
 private:
     struct CopyStep_ {
-        ConstCursor from;
-        ZnJsonValue* to; // in a parent that is not appended to while its child is open
+        const ZnJsonValue* from;
+        const ZnJsonValue* end;
+        ZnJsonValue* to;
     };
     struct ComparedStep_ {
-        ConstCursor left;
-        ConstCursor right;
+        const ZnJsonValue* left;
+        const ZnJsonValue* leftEnd;
+        const ZnJsonValue* right;
+    };
+    struct ReleaseStep_ {
+        const ZnJsonCell_* container;
+        const ZnJsonValue* at;
+        const ZnJsonValue* end;
     };
 
-    static void copyShallow_(const ZnJsonValue& from, ZnJsonValue& to);
-    static ZnJsonValue& slotFor_(CopyStep_& step);
-    static bool equalShallow_(const ZnJsonValue& left, const ZnJsonValue& right);
-    static ZnJsonValue* nextContainer_(Cursor& cursor) noexcept;
+    static void copyShallow_(const ZnJsonCell_& from, ZnJsonCell_& to, ZnJsonArena_* arena);
+    static CopyStep_ stepInto_(const ZnJsonCell_& from, ZnJsonCell_& to);
+    static bool equalShallow_(const ZnJsonCell_& left, const ZnJsonCell_& right);
+    static ReleaseStep_ stepInto_(const ZnJsonCell_& container);
+    static const ZnJsonCell_* nextContainer_(ReleaseStep_& step, ZnJsonReleaser_& blocks) noexcept;
 };
 
-/// Copies a scalar; of a container only the kind.
-void ZnJsonTree_::copyShallow_(const ZnJsonValue& from, ZnJsonValue& to) {
-    if (from.isArray()) {
-        to.arrayValue_.reset(new ZnJsonArray);
-        to.arrayValue_->reserve(from.arrayValue_->size());
-    } else if (from.isObject()) {
-        to.objectValue_.reset(new ZnJsonObject);
+/// Copies a scalar or a text; of a container as many Nulls.
+void ZnJsonTree_::copyShallow_(const ZnJsonCell_& from, ZnJsonCell_& to, ZnJsonArena_* arena) {
+    if (!from.hasBlock()) {
+        to = from;
+    } else if (from.isContainer()) {
+        to = ZnJsonCell_(from.type());
+        zn::detail::moveToBlock(to, from.valueCount(), arena);
+        std::uninitialized_value_construct_n(to.values(), from.valueCount());
+        to.block.count = from.block.count;
     } else {
-        to.boolValue_ = from.boolValue_;
-        to.intValue_ = from.intValue_;
-        to.doubleValue_ = from.doubleValue_;
-        to.stringValue_ = from.stringValue_;
+        constexpr int kKindMask = ZnJsonCell_::kTypeMask | ZnJsonCell_::kKeepsDigits;
+        zn::detail::setText(to, static_cast<std::uint8_t>(from.block.kind & kKindMask), from.text(), arena);
     }
-    to.type_ = from.type_;
 }
 
-ZnJsonValue& ZnJsonTree_::slotFor_(CopyStep_& step) {
-    return step.from.isArray() ? step.to->array()->appendNull()
-                               : step.to->object()->slotNearEnd(step.from.name());
+ZnJsonTree_::CopyStep_ ZnJsonTree_::stepInto_(const ZnJsonCell_& from, ZnJsonCell_& to) {
+    return {from.values(), from.values() + from.valueCount(), to.values()};
 }
 
-void ZnJsonTree_::copy(const ZnJsonValue& from, ZnJsonValue& to) {
-    copyShallow_(from, to);
-    if (!from.isContainer_())
-        return;
+void ZnJsonTree_::copy(const ZnJsonCell_& from, ZnJsonCell_& to) {
+    if (!from.isContainer())
+        return copyShallow_(from, to, nullptr);
+    ZnJsonArena_ arena;
+    copyShallow_(from, to, &arena);
     ZnJsonPath_<CopyStep_> path;
-    path.push(CopyStep_{ConstCursor(from), &to});
+    path.push(stepInto_(from, to));
     while (!path.isEmpty()) {
         CopyStep_& step = path.top();
-        if (step.from.atEnd()) {
+        if (step.from == step.end) {
             path.pop();
             continue;
         }
-        ZnJsonValue& slot = slotFor_(step);
-        const ZnJsonValue& child = step.from.take();
-        copyShallow_(child, slot);
-        if (child.isContainer_())
-            path.push(CopyStep_{ConstCursor(child), &slot});
+        const ZnJsonCell_& child = (step.from++)->cell_;
+        ZnJsonCell_& slot = (step.to++)->cell_;
+        copyShallow_(child, slot, &arena);
+        if (child.isContainer())
+            path.push(stepInto_(child, slot));
     }
 }
 
-/// Compares scalars; of containers only kind and size.
-bool ZnJsonTree_::equalShallow_(const ZnJsonValue& left, const ZnJsonValue& right) {
-    if (left.type_ != right.type_)
+/// Compares scalars and texts; of containers only kind and size.
+bool ZnJsonTree_::equalShallow_(const ZnJsonCell_& left, const ZnJsonCell_& right) {
+    if (left.type() != right.type())
         return false;
-    switch (left.type_) {
+    switch (left.type()) {
     case JsonType::Null:
         return true;
     case JsonType::Boolean:
-        return left.boolValue_ == right.boolValue_;
     case JsonType::Integer:
-        return left.intValue_ == right.intValue_;
+        return left.number.bits == right.number.bits;
     case JsonType::Double:
-        return left.doubleValue_ == right.doubleValue_ && left.stringValue_ == right.stringValue_;
+        if (left.keepsDigits() || right.keepsDigits())
+            return left.keepsDigits() && right.keepsDigits() && left.text() == right.text();
+        return left.asDouble() == right.asDouble();
     case JsonType::String:
-        return left.stringValue_ == right.stringValue_;
+        return left.text() == right.text();
     case JsonType::Object:
-        return left.objectValue_->size() == right.objectValue_->size();
     case JsonType::Array:
-        return left.arrayValue_->size() == right.arrayValue_->size();
+        return left.block.count == right.block.count;
     }
     return false;
 }
 
-bool ZnJsonTree_::equal(const ZnJsonValue& left, const ZnJsonValue& right) {
+bool ZnJsonTree_::equal(const ZnJsonCell_& left, const ZnJsonCell_& right) {
     if (!equalShallow_(left, right))
         return false;
-    if (!left.isContainer_())
+    if (!left.isContainer())
         return true;
     ZnJsonPath_<ComparedStep_> path;
-    path.push(ComparedStep_{ConstCursor(left), ConstCursor(right)});
+    path.push({left.values(), left.values() + left.valueCount(), right.values()});
     while (!path.isEmpty()) {
         ComparedStep_& step = path.top();
-        if (step.left.atEnd()) {
+        if (step.left == step.leftEnd) {
             path.pop();
             continue;
         }
-        if (!step.left.isArray() && step.left.name() != step.right.name())
-            return false;
-        const ZnJsonValue& leftChild = step.left.take();
-        const ZnJsonValue& rightChild = step.right.take();
+        const ZnJsonCell_& leftChild = (step.left++)->cell_;
+        const ZnJsonCell_& rightChild = (step.right++)->cell_;
         if (!equalShallow_(leftChild, rightChild))
             return false;
-        if (leftChild.isContainer_())
-            path.push(ComparedStep_{ConstCursor(leftChild), ConstCursor(rightChild)});
+        if (leftChild.isContainer())
+            path.push({leftChild.values(), leftChild.values() + leftChild.valueCount(), rightChild.values()});
     }
     return true;
 }
 
-ZnJsonValue* ZnJsonTree_::nextContainer_(Cursor& cursor) noexcept {
-    while (!cursor.atEnd()) {
-        ZnJsonValue& child = cursor.take();
-        if (child.isContainer_())
+ZnJsonTree_::ReleaseStep_ ZnJsonTree_::stepInto_(const ZnJsonCell_& container) {
+    return {&container, container.values(), container.values() + container.valueCount()};
+}
+
+/// Gives back the blocks of texts on the way to the next container that has one; null at the end.
+const ZnJsonCell_* ZnJsonTree_::nextContainer_(ReleaseStep_& step, ZnJsonReleaser_& blocks) noexcept {
+    while (step.at != step.end) {
+        const ZnJsonCell_& child = (step.at++)->cell_;
+        if (!child.hasBlock())
+            continue;
+        if (child.isContainer())
             return &child;
+        blocks.give(child);
     }
     return nullptr;
 }
 
-/// Deletes containers from the innermost outwards, so that no destructor meets a container inside a
-/// container.
-void ZnJsonTree_::release(ZnJsonValue& root) noexcept {
-    ZnJsonPath_<Cursor> path;
-    path.push(Cursor(root));
-    while (!path.isEmpty()) {
-        if (ZnJsonValue* child = nextContainer_(path.top())) {
-            path.push(Cursor(*child));
-            continue;
+/// Gives back every block, from the innermost outwards. The values in them just cease to be: their destructors would
+/// do the same, by recursion.
+void ZnJsonTree_::release(ZnJsonCell_& root) noexcept {
+    ZnJsonReleaser_ blocks;
+    if (root.isContainer()) {
+        ZnJsonPath_<ReleaseStep_> path;
+        path.push(stepInto_(root));
+        for (;;) {
+            if (const ZnJsonCell_* child = nextContainer_(path.top(), blocks)) {
+                path.push(stepInto_(*child));
+                continue;
+            }
+            const ZnJsonCell_* const emptied = path.top().container;
+            path.pop();
+            if (path.isEmpty())
+                break; // the root's block is given back below
+            blocks.give(*emptied);
         }
-        ZnJsonValue& emptied = path.top().container();
-        path.pop();
-        emptied.type_ = JsonType::Null;
-        emptied.objectValue_.reset();
-        emptied.arrayValue_.reset();
+    }
+    blocks.give(root);
+    root = ZnJsonCell_();
+}
+
+void ZnJsonNode_::copyFrom_(const ZnJsonNode_& other) {
+    try {
+        ZnJsonTree_::copy(other.cell_, cell_);
+    } catch (...) {
+        if (cell_.hasBlock())
+            release_(); // no destructor runs for an object whose constructor has failed
+        throw;
     }
 }
 
-ZnJsonValue::ZnJsonValue(ZnJsonObject value)
-    : type_(JsonType::Object), objectValue_(new ZnJsonObject(std::move(value))) {}
-
-ZnJsonValue::ZnJsonValue(ZnJsonArray value)
-    : type_(JsonType::Array), arrayValue_(new ZnJsonArray(std::move(value))) {}
-
-ZnJsonValue& ZnJsonValue::operator=(ZnJsonValue&& other) noexcept {
-    // By way of a local: `other` may lie inside the tree that this value gives up.
-    ZnJsonValue incoming(std::move(other));
-    std::swap(type_, incoming.type_);
-    boolValue_ = incoming.boolValue_;
-    intValue_ = incoming.intValue_;
-    doubleValue_ = incoming.doubleValue_;
-    stringValue_ = std::move(incoming.stringValue_);
-    objectValue_.swap(incoming.objectValue_);
-    arrayValue_.swap(incoming.arrayValue_);
-    return *this;
+void ZnJsonNode_::release_() noexcept {
+    ZnJsonTree_::release(cell_);
 }
 
-void ZnJsonValue::DeleteContainer_::operator()(ZnJsonObject* object) const noexcept {
-    delete object;
+bool ZnJsonNode_::isEqual_(const ZnJsonNode_& other) const {
+    return ZnJsonTree_::equal(cell_, other.cell_);
 }
 
-void ZnJsonValue::DeleteContainer_::operator()(ZnJsonArray* array) const noexcept {
-    delete array;
+ZnJsonValue::ZnJsonValue(std::string_view value) : ZnJsonValue() {
+    zn::detail::setText(cell_, static_cast<std::uint8_t>(JsonType::String), value, nullptr);
 }
 
-void ZnJsonValue::copyFrom_(const ZnJsonValue& other) {
-    ZnJsonTree_::copy(other, *this);
+ZnJsonValue::ZnJsonValue(ZnJsonObject value) noexcept : ZnJsonNode_(value.takeCell_(JsonType::Object)) {}
+
+ZnJsonValue::ZnJsonValue(ZnJsonArray value) noexcept : ZnJsonNode_(value.takeCell_(JsonType::Array)) {}
+
+const ZnJsonObject* ZnJsonValue::object() const noexcept {
+    return isObject() ? static_cast<const ZnJsonObject*>(static_cast<const ZnJsonNode_*>(this)) : nullptr;
 }
 
-void ZnJsonValue::releaseTree_() noexcept {
-    ZnJsonTree_::release(*this);
+ZnJsonObject* ZnJsonValue::object() noexcept {
+    return isObject() ? static_cast<ZnJsonObject*>(static_cast<ZnJsonNode_*>(this)) : nullptr;
+}
+
+const ZnJsonArray* ZnJsonValue::array() const noexcept {
+    return isArray() ? static_cast<const ZnJsonArray*>(static_cast<const ZnJsonNode_*>(this)) : nullptr;
+}
+
+ZnJsonArray* ZnJsonValue::array() noexcept {
+    return isArray() ? static_cast<ZnJsonArray*>(static_cast<ZnJsonNode_*>(this)) : nullptr;
 }
 
 ZnString ZnJsonValue::toStringOr(const ZnString& fallback) const {
     std::string text;
-    switch (type_) {
+    switch (type()) {
     case JsonType::Null:
         return "null";
     case JsonType::Boolean:
-        return boolValue_ ? "true" : "false";
+        return cell_.number.bits != 0 ? "true" : "false";
     case JsonType::Integer:
-        return ZnString::number(static_cast<long long>(intValue_));
+        return ZnString::number(cell_.number.bits);
     case JsonType::Double:
-        if (keepsDigits_())
-            return stringValue_;
-        zn::detail::appendFixed(text, doubleValue_);
+        if (cell_.keepsDigits())
+            return ZnString(cell_.text());
+        zn::detail::appendFixed(text, cell_.asDouble());
         return text;
     case JsonType::String:
-        return stringValue_;
+        return ZnString(cell_.text());
     case JsonType::Object:
     case JsonType::Array:
         break;
@@ -224,11 +248,10 @@ ZnString ZnJsonValue::toStringOr(const ZnString& fallback) const {
 }
 
 bool ZnJsonValue::toBool(bool fallback) const {
-    switch (type_) {
+    switch (type()) {
     case JsonType::Boolean:
-        return boolValue_;
     case JsonType::Integer:
-        return intValue_ != 0;
+        return cell_.number.bits != 0;
     case JsonType::Double:
         return double_() != 0;
     default:
@@ -237,11 +260,10 @@ bool ZnJsonValue::toBool(bool fallback) const {
 }
 
 int ZnJsonValue::toInt(int fallback) const {
-    switch (type_) {
+    switch (type()) {
     case JsonType::Boolean:
-        return boolValue_ ? 1 : 0;
     case JsonType::Integer:
-        return static_cast<int>(static_cast<std::uint32_t>(intValue_));
+        return static_cast<int>(static_cast<std::uint32_t>(cell_.number.bits));
     case JsonType::Double:
         return truncated<int>(double_());
     default:
@@ -250,11 +272,10 @@ int ZnJsonValue::toInt(int fallback) const {
 }
 
 long long ZnJsonValue::toLongLong() const {
-    switch (type_) {
+    switch (type()) {
     case JsonType::Boolean:
-        return boolValue_ ? 1 : 0;
     case JsonType::Integer:
-        return intValue_;
+        return cell_.number.bits;
     case JsonType::Double:
         return truncated<long long>(double_());
     default:
@@ -263,11 +284,10 @@ long long ZnJsonValue::toLongLong() const {
 }
 
 double ZnJsonValue::toDouble(double fallback, int decimals) const {
-    switch (type_) {
+    switch (type()) {
     case JsonType::Boolean:
-        return boolValue_ ? 1.0 : 0.0;
     case JsonType::Integer:
-        return static_cast<double>(intValue_);
+        return static_cast<double>(cell_.number.bits);
     case JsonType::Double:
         break;
     default:
@@ -282,50 +302,14 @@ double ZnJsonValue::toDouble(double fallback, int decimals) const {
     return std::isfinite(scaled) && std::isfinite(scale) ? std::round(scaled) / scale : value;
 }
 
-double ZnJsonValue::keptDouble_() const {
-    return zn::detail::nearestDouble(stringValue_.view());
-}
-
-const ZnString& ZnJsonValue::noText_() noexcept {
-    static const ZnString* const kNone = new ZnString; // never destroyed: threads may read it while the process ends
-    return *kNone;
+double ZnJsonValue::double_() const {
+    return cell_.keepsDigits() ? zn::detail::nearestDouble(cell_.text()) : cell_.asDouble();
 }
 
 ZnJsonObject ZnJsonValue::toObject() const {
-    return objectValue_ ? *objectValue_ : ZnJsonObject();
+    return isObject() ? *object() : ZnJsonObject();
 }
 
 ZnJsonArray ZnJsonValue::toArray() const {
-    return arrayValue_ ? *arrayValue_ : ZnJsonArray();
-}
-
-bool ZnJsonValue::operator==(const ZnJsonValue& other) const {
-    return ZnJsonTree_::equal(*this, other);
-}
-
-const ZnJsonValue& ZnJsonArray::at(std::size_t index) const {
-    if (index >= values_.size())
-        throw std::out_of_range("Index out of bounds");
-    return values_[index];
-}
-
-ZnJsonValue& ZnJsonArray::at(std::size_t index) {
-    if (index >= values_.size())
-        throw std::out_of_range("Index out of bounds");
-    return values_[index];
-}
-
-bool ZnJsonArray::operator==(const ZnJsonArray& other) const {
-    return values_ == other.values_;
-}
-
-const ZnJsonValue& ZnJsonObject::value(std::string_view name) const {
-    static const ZnJsonValue* const kNull =
-        new ZnJsonValue; // never destroyed: threads may read it while the process ends
-    const auto at = members_.find(name);
-    return at == members_.end() ? *kNull : at->second;
-}
-
-bool ZnJsonObject::operator==(const ZnJsonObject& other) const {
-    return members_ == other.members_;
+    return isArray() ? *array() : ZnJsonArray();
 }

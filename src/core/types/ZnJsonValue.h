@@ -1,57 +1,53 @@
 #pragma once
 
+#include "core/types/ZnJsonNode.h"
 #include "core/types/ZnString.h"
 
 #include <cstdint>
-#include <memory>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 
 class ZnJsonArray;
 class ZnJsonObject;
 
-enum class JsonType : std::int32_t { Null = 0, Boolean = 1, Integer = 2, Double = 3, String = 4, Object = 5, Array = 6 };
-
 enum class JsonFormat : std::int32_t { Compact = 0, Indented = 1 };
 
 /// One JSON value, with its whole subtree, as a value: two values never share one.
 ///
+/// Sixteen bytes: scalars and texts of up to fourteen bytes lie in the value itself. What is parsed or copied lies in
+/// common memory of up to 64 KiB at a time, which lives as long as any part of it.
 /// Copying, comparing, writing and destroying use a bounded amount of stack, whatever the depth of the tree.
 /// A number that was read exactly, and that no Integer holds, is a Double that keeps its digits and is written with
 /// them; its value is the nearest double, or infinity. Two such numbers are equal if their digits are.
 /// A moved-from value is Null.
 /// Thread: a value.
-class ZnJsonValue {
+class ZnJsonValue : public ZnJsonNode_ {
 public:
-    ZnJsonValue() noexcept {} // Null
-    ZnJsonValue(bool value) noexcept : type_(JsonType::Boolean), boolValue_(value) {}
-    ZnJsonValue(int value) noexcept : type_(JsonType::Integer), intValue_(value) {}
-    ZnJsonValue(long long value) noexcept : type_(JsonType::Integer), intValue_(value) {}
-    ZnJsonValue(std::int64_t value) noexcept : type_(JsonType::Integer), intValue_(value) {}
-    ZnJsonValue(double value) noexcept : type_(JsonType::Double), doubleValue_(value) {}
-    ZnJsonValue(ZnString value) noexcept : type_(JsonType::String), stringValue_(std::move(value)) {}
-    ZnJsonValue(const char* value) : ZnJsonValue(ZnString(value)) {}
-    ZnJsonValue(ZnJsonObject value);
-    ZnJsonValue(ZnJsonArray value);
-    ZnJsonValue(const ZnJsonValue& other) : ZnJsonValue() { copyFrom_(other); }
-    ZnJsonValue(ZnJsonValue&& other) noexcept
-        : type_(std::exchange(other.type_, JsonType::Null)), boolValue_(other.boolValue_), intValue_(other.intValue_),
-          doubleValue_(other.doubleValue_), stringValue_(std::move(other.stringValue_)),
-          objectValue_(std::move(other.objectValue_)), arrayValue_(std::move(other.arrayValue_)) {
-        other.stringValue_.clear();
-    }
-    ZnJsonValue& operator=(const ZnJsonValue& other) { return *this = ZnJsonValue(other); }
-    ZnJsonValue& operator=(ZnJsonValue&& other) noexcept;
-    ~ZnJsonValue() {
-        if (isContainer_())
-            releaseTree_();
+    ZnJsonValue() noexcept : ZnJsonNode_(ZnJsonCell_()) {} // Null
+    ZnJsonValue(bool value) noexcept : ZnJsonNode_(ZnJsonCell_(JsonType::Boolean, value ? 1 : 0)) {}
+    ZnJsonValue(int value) noexcept : ZnJsonNode_(ZnJsonCell_(JsonType::Integer, value)) {}
+    ZnJsonValue(long long value) noexcept : ZnJsonNode_(ZnJsonCell_(JsonType::Integer, value)) {}
+    ZnJsonValue(std::int64_t value) noexcept : ZnJsonNode_(ZnJsonCell_(JsonType::Integer, value)) {}
+    ZnJsonValue(double value) noexcept : ZnJsonNode_(ZnJsonCell_(value)) {}
+    /// A copy of the text, which has at most 2^32 - 1 bytes (std::length_error).
+    explicit ZnJsonValue(std::string_view value);
+    ZnJsonValue(const ZnString& value) : ZnJsonValue(value.view()) {}
+    ZnJsonValue(const char* value) : ZnJsonValue(value == nullptr ? std::string_view() : std::string_view(value)) {}
+    ZnJsonValue(ZnJsonObject value) noexcept;
+    ZnJsonValue(ZnJsonArray value) noexcept;
+    ZnJsonValue(const ZnJsonValue& other) = default;
+    ZnJsonValue(ZnJsonValue&& other) noexcept : ZnJsonNode_(other.takeCell_(JsonType::Null)) {}
+    ZnJsonValue& operator=(ZnJsonValue other) noexcept { // by value: it may be a part of what is given up
+        std::swap(cell_, other.cell_);
+        return *this;
     }
 
-    JsonType type() const noexcept { return type_; }
-    bool isNull() const noexcept { return type_ == JsonType::Null; }
-    bool isString() const noexcept { return type_ == JsonType::String; }
-    bool isObject() const noexcept { return type_ == JsonType::Object; }
-    bool isArray() const noexcept { return type_ == JsonType::Array; }
+    JsonType type() const noexcept { return cell_.type(); }
+    bool isNull() const noexcept { return type() == JsonType::Null; }
+    bool isString() const noexcept { return type() == JsonType::String; }
+    bool isObject() const noexcept { return type() == JsonType::Object; }
+    bool isArray() const noexcept { return type() == JsonType::Array; }
 
     /// String: its text. Boolean, Integer, Double ("%f", or the digits it keeps), Null ("null"): their text.
     /// Object, Array: `fallback`.
@@ -69,50 +65,28 @@ public:
     ZnJsonArray toArray() const;
 
     /// The container itself, without a copy; null for any other type. Valid until the value changes.
-    const ZnJsonObject* object() const noexcept { return objectValue_.get(); }
-    ZnJsonObject* object() noexcept { return objectValue_.get(); }
-    const ZnJsonArray* array() const noexcept { return arrayValue_.get(); }
-    ZnJsonArray* array() noexcept { return arrayValue_.get(); }
-    /// The text itself, without a copy; empty for any other type than String.
-    const ZnString& string() const noexcept { return isString() ? stringValue_ : noText_(); }
+    const ZnJsonObject* object() const noexcept;
+    ZnJsonObject* object() noexcept;
+    const ZnJsonArray* array() const noexcept;
+    ZnJsonArray* array() noexcept;
+    /// The text itself, without a copy; empty for any other type than String. Valid until the value changes or moves.
+    std::string_view string() const noexcept { return isString() ? cell_.text() : std::string_view(); }
 
     /// The text of the value; with a non-empty `key` scalars are enciphered. A Double is written with the digits it
     /// keeps. Without any, it has the "%g" form if it has a fraction, else it is written in decimal within the signed
     /// 64-bit range and outside it with as many digits as reading it back takes, and an exponent. Infinities and
     /// not-a-number are written as null.
     ZnString toJson(JsonFormat format = JsonFormat::Compact, const ZnString& key = ZnString()) const;
+    /// Appends the compact text.
+    void appendJson(ZnString* out) const;
 
     /// Type and content, of the whole subtree: the Integer 1 and the Double 1.0 differ.
-    bool operator==(const ZnJsonValue& other) const;
+    bool operator==(const ZnJsonValue& other) const { return isEqual_(other); }
 
 private:
-    friend struct ZnJsonTree_;  // iterative copy, compare and destruction, in ZnJsonValue.cpp
-    friend class ZnJsonParser_; // fills values in place
-    friend class ZnJsonWriter_;
-
-    // Let the containers stay incomplete here.
-    struct DeleteContainer_ {
-        void operator()(ZnJsonObject* object) const noexcept;
-        void operator()(ZnJsonArray* array) const noexcept;
-    };
-
-    static const ZnString& noText_() noexcept;
-    /// Of a Double.
-    bool keepsDigits_() const noexcept { return !stringValue_.isEmpty(); }
-    double double_() const { return keepsDigits_() ? keptDouble_() : doubleValue_; }
-    double keptDouble_() const;
-    bool isContainer_() const noexcept { return type_ == JsonType::Object || type_ == JsonType::Array; }
-    void copyFrom_(const ZnJsonValue& other); // onto a Null
-    void releaseTree_() noexcept;             // leaves a Null
-
-    JsonType type_ = JsonType::Null;
-    bool boolValue_ = false;
-    std::int64_t intValue_ = 0;
-    double doubleValue_ = 0.0;
-    ZnString stringValue_; // String: the text; Double: the digits it keeps; else empty
-    std::unique_ptr<ZnJsonObject, DeleteContainer_> objectValue_; // null unless Object
-    std::unique_ptr<ZnJsonArray, DeleteContainer_> arrayValue_;   // null unless Array
+    double double_() const; // of a Double
 };
 
 // Shifting elements must be cheap.
-static_assert(std::is_nothrow_move_constructible_v<ZnJsonValue> && std::is_nothrow_move_assignable_v<ZnJsonValue>);
+static_assert(sizeof(ZnJsonValue) == 16 && std::is_nothrow_move_constructible_v<ZnJsonValue> &&
+              std::is_nothrow_move_assignable_v<ZnJsonValue>);

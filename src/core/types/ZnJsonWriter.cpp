@@ -1,5 +1,5 @@
-#include "core/types/ZnJsonCursor.h"
 #include "core/types/ZnJsonDocument.h"
+#include "core/types/ZnJsonPath.h"
 #include "core/types/ZnJsonScan.h"
 #include "core/types/ZnJsonValue.h"
 #include "core/types/ZnNumberText.h"
@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <functional>
+#include <utility>
 
 namespace {
 
@@ -63,97 +65,97 @@ void appendDouble(std::string& out, double value) {
 
 } // namespace
 
-/// Appends the text of a tree to one string. Holds one cursor per open container.
+/// Appends the text of a tree to one string. Holds one step per open container.
 class ZnJsonWriter_ {
 public:
-    ZnJsonWriter_(JsonFormat format, const ZnString& key)
-        : isIndented_(format == JsonFormat::Indented), key_(key) {
-        out_.reserve(kFirstBytes);
-    }
-    ZnString write(const ZnJsonValue& root);
+    ZnJsonWriter_(std::string& out, JsonFormat format, const ZnString& key)
+        : isIndented_(format == JsonFormat::Indented), key_(key), out_(out) {}
+    void write(const ZnJsonValue& root);
 
 private:
-    using Cursor_ = ZnJsonCursor_<const ZnJsonValue>;
+    struct Step_ {
+        const ZnJsonValue* at;
+        const ZnJsonValue* end;
+        bool isObject;
+    };
 
-    void writeNext_(Cursor_& cursor);
-    void writeValue_(const ZnJsonValue& value);
-    void writeScalar_(const ZnJsonValue& value);
+    void writeNext_(Step_& step);
+    void writeValue_(const ZnJsonCell_& cell);
+    void writeContainer_(const ZnJsonCell_& container);
+    void writeScalar_(const ZnJsonCell_& cell);
     void writeString_(std::string_view text);
-    void open_(const ZnJsonValue& container);
     void close_();
     void breakLine_(std::size_t depth);
 
     const bool isIndented_;
     const ZnString& key_;
-    std::string out_;
-    ZnJsonPath_<Cursor_> path_;
+    std::string& out_;
+    ZnJsonPath_<Step_> path_;
     bool isFirst_ = true; // the next child is the first one of its container
 };
 
-ZnString ZnJsonWriter_::write(const ZnJsonValue& root) {
-    writeValue_(root);
+void ZnJsonWriter_::write(const ZnJsonValue& root) {
+    writeValue_(root.cell_);
     while (!path_.isEmpty()) {
-        Cursor_& cursor = path_.top();
-        if (cursor.atEnd())
+        Step_& step = path_.top();
+        if (step.at == step.end)
             close_();
         else
-            writeNext_(cursor);
+            writeNext_(step);
     }
-    return ZnString(std::move(out_));
 }
 
-void ZnJsonWriter_::writeNext_(Cursor_& cursor) {
+void ZnJsonWriter_::writeNext_(Step_& step) {
     if (!isFirst_)
         out_ += ',';
     isFirst_ = false;
-    breakLine_(path_.size());
-    if (!cursor.isArray()) {
-        writeString_(cursor.name().view());
-        out_.append(": ");
+    if (isIndented_)
+        breakLine_(path_.size());
+    if (step.isObject) {
+        out_ += '"';
+        appendEscaped(out_, (step.at++)->cell_.text());
+        out_.append("\": ");
     }
-    writeValue_(cursor.take()); // may push: the cursor is stale from here on
+    writeValue_((step.at++)->cell_); // may push: the step is stale from here on
 }
 
-void ZnJsonWriter_::writeValue_(const ZnJsonValue& value) {
-    switch (value.type_) {
-    case JsonType::Object:
-        if (value.objectValue_->isEmpty())
-            out_.append("{}");
-        else
-            open_(value);
-        return;
-    case JsonType::Array:
-        if (value.arrayValue_->isEmpty())
-            out_.append("[]");
-        else
-            open_(value);
-        return;
-    case JsonType::String:
-        if (key_.isEmpty())
-            writeString_(value.stringValue_.view());
-        else
-            writeString_(value.stringValue_.encryptAES(key_).view());
-        return;
-    default:
-        writeScalar_(value);
-    }
+void ZnJsonWriter_::writeValue_(const ZnJsonCell_& cell) {
+    if (cell.isContainer())
+        writeContainer_(cell);
+    else if (cell.type() != JsonType::String)
+        writeScalar_(cell);
+    else if (key_.isEmpty())
+        writeString_(cell.text());
+    else
+        writeString_(ZnString(cell.text()).encryptAES(key_).view());
 }
 
-void ZnJsonWriter_::writeScalar_(const ZnJsonValue& value) {
-    // A number that keeps digits has the value 0 here.
-    if (value.isNull() || (value.type_ == JsonType::Double && !std::isfinite(value.doubleValue_))) {
+void ZnJsonWriter_::writeContainer_(const ZnJsonCell_& container) {
+    const bool isObject = container.isObject();
+    if (container.block.count == 0) {
+        out_.append(isObject ? "{}" : "[]");
+        return;
+    }
+    out_ += isObject ? '{' : '[';
+    path_.push({container.values(), container.values() + container.valueCount(), isObject});
+    isFirst_ = true;
+}
+
+void ZnJsonWriter_::writeScalar_(const ZnJsonCell_& cell) {
+    const bool isDouble = cell.type() == JsonType::Double && !cell.keepsDigits();
+    if (cell.type() == JsonType::Null || (isDouble && !std::isfinite(cell.asDouble()))) {
         out_.append("null");
         return;
     }
     const std::size_t start = out_.size();
-    if (value.type_ == JsonType::Boolean)
-        out_.append(value.boolValue_ ? "true" : "false");
-    else if (value.type_ == JsonType::Integer)
-        zn::detail::appendInteger(out_, value.intValue_);
-    else if (value.keepsDigits_())
-        out_.append(value.stringValue_.view());
+    if (cell.type() == JsonType::Boolean)
+        out_.append(cell.number.bits != 0 ? "true" : "false");
+    else if (cell.type() == JsonType::Integer)
+        zn::detail::appendInteger(out_, cell.number.bits);
+    else if (isDouble)
+        appendDouble(out_, cell.asDouble());
     else
-        appendDouble(out_, value.doubleValue_);
+        out_.append(cell.text());
     if (!key_.isEmpty()) {
         const ZnString cipher = ZnString(std::string_view(out_).substr(start)).encryptAES(key_);
         out_.resize(start);
@@ -167,46 +169,48 @@ void ZnJsonWriter_::writeString_(std::string_view text) {
     out_ += '"';
 }
 
-void ZnJsonWriter_::open_(const ZnJsonValue& container) {
-    out_ += container.isArray() ? '[' : '{';
-    path_.push(Cursor_(container));
-    isFirst_ = true;
-}
-
 void ZnJsonWriter_::close_() {
-    const char bracket = path_.top().isArray() ? ']' : '}';
+    const char bracket = path_.top().isObject ? '}' : ']';
     path_.pop();
-    breakLine_(path_.size());
+    if (isIndented_)
+        breakLine_(path_.size());
     out_ += bracket;
     isFirst_ = false;
 }
 
 void ZnJsonWriter_::breakLine_(std::size_t depth) {
-    if (!isIndented_)
-        return;
     out_ += '\n';
     out_.append(kIndentBlanks * depth, ' ');
 }
 
 ZnString ZnJsonValue::toJson(JsonFormat format, const ZnString& key) const {
-    return ZnJsonWriter_(format, key).write(*this);
+    std::string text;
+    text.reserve(kFirstBytes);
+    ZnJsonWriter_(text, format, key).write(*this);
+    return text;
+}
+
+void ZnJsonValue::appendJson(ZnString* out) const {
+    std::string text = std::move(*out).takeStr();
+    ZnJsonWriter_(text, JsonFormat::Compact, ZnString()).write(*this);
+    *out = std::move(text);
 }
 
 ZnString ZnJsonValue::toDisplayString() const {
     std::string text;
-    switch (type_) {
+    switch (type()) {
     case JsonType::Object:
         return "ZnJsonValue(Object)";
     case JsonType::Array:
         return "ZnJsonValue(Array)";
     case JsonType::Double:
-        if (keepsDigits_())
-            return stringValue_;
-        zn::detail::appendGeneral(text, doubleValue_);
+        if (cell_.keepsDigits())
+            return ZnString(cell_.text());
+        zn::detail::appendGeneral(text, cell_.asDouble());
         return text;
     case JsonType::String:
         text += '"';
-        appendEscaped(text, stringValue_.view(), "0123456789abcdef");
+        appendEscaped(text, string(), "0123456789abcdef");
         text += '"';
         return text;
     default:
@@ -219,4 +223,14 @@ ZnString escapeJsonString(std::string_view text) {
     escaped.reserve(text.size());
     appendEscaped(escaped, text);
     return escaped;
+}
+
+void appendEscapedJson(ZnString* out, std::string_view text) {
+    std::string escaped = std::move(*out).takeStr();
+    const std::less_equal<const char*> isNotBehind;
+    if (isNotBehind(escaped.data(), text.data()) && isNotBehind(text.data(), escaped.data() + escaped.size()))
+        appendEscaped(escaped, std::string(text)); // what is appended to may move
+    else
+        appendEscaped(escaped, text);
+    *out = std::move(escaped);
 }

@@ -7,9 +7,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <iterator>
 #include <limits>
 #include <optional>
 
@@ -18,6 +20,7 @@ namespace {
 constexpr char kCategory[] = "zn.core.types.znstring";
 constexpr std::size_t kMaxFastDigits = 18; // so many decimal digits always fit in 64 bits
 constexpr std::uint64_t kMinMagnitude = std::uint64_t{1} << 63;
+constexpr std::size_t kMaxQuotedBytes = 100;
 constexpr char32_t kReplacement = 0xFFFD;
 
 bool isTrimmable(char c) {
@@ -132,6 +135,20 @@ std::optional<double> numberValue(const std::string& string) {
     return floatingValue(text);
 }
 
+template <typename Integer>
+ZnString numberText(Integer value, int base) {
+    char buffer[72]; // a sign and 64 binary digits
+    const char* const end = std::to_chars(buffer, std::end(buffer), value, base < 2 || base > 36 ? 10 : base).ptr;
+    return ZnString(buffer, static_cast<std::size_t>(end - buffer));
+}
+
+/// For the log: a text that is no number may be anything, and of any size.
+std::string quoted(const std::string& text) {
+    if (text.size() <= kMaxQuotedBytes)
+        return text;
+    return text.substr(0, kMaxQuotedBytes) + "... (" + std::to_string(text.size()) + " bytes)";
+}
+
 void appendCodePoint(std::string& out, char32_t code) {
     if (code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF))
         code = kReplacement;
@@ -241,7 +258,7 @@ int ZnString::toInt(bool* ok) const {
         *ok = isValid;
     if (isValid)
         return static_cast<int>(*value);
-    ZN_LOG_ERROR(kCategory, "ZnString::toInt") << "Invalid int conversion in ZnString: " << text_;
+    ZN_LOG_ERROR(kCategory, "ZnString::toInt") << "Invalid int conversion in ZnString: " << quoted(text_);
     return 0;
 }
 
@@ -251,7 +268,7 @@ long long ZnString::toLongLong(bool* ok) const {
         *ok = value.has_value();
     else if (!value)
         ZN_LOG_ERROR(kCategory, "ZnString::toLongLong")
-            << "Invalid long long conversion in ZnString: " << text_;
+            << "Invalid long long conversion in ZnString: " << quoted(text_);
     return value.value_or(0);
 }
 
@@ -261,7 +278,7 @@ float ZnString::toFloat(bool* ok) const {
         *ok = value.has_value();
     if (value)
         return static_cast<float>(*value);
-    ZN_LOG_ERROR(kCategory, "ZnString::toFloat") << "Invalid float conversion in ZnString: " << text_;
+    ZN_LOG_ERROR(kCategory, "ZnString::toFloat") << "Invalid float conversion in ZnString: " << quoted(text_);
     return 0.0F;
 }
 
@@ -291,23 +308,12 @@ ZnString ZnString::fromWCharArray(const std::wstring& text) {
     return fromWCharArray(text.c_str());
 }
 
-ZnString ZnString::number(unsigned long long value, int base) {
-    static constexpr char kDigits[] = "0123456789abcdefghijklmnopqrstuvwxyz";
-    const unsigned radix = base < 2 || base > 36 ? 10u : static_cast<unsigned>(base);
-    char buffer[64];
-    char* const end = buffer + sizeof(buffer);
-    char* at = end;
-    do {
-        *--at = kDigits[value % radix];
-        value /= radix;
-    } while (value != 0);
-    return ZnString(at, static_cast<std::size_t>(end - at));
+ZnString ZnString::number_(long long value, int base) {
+    return numberText(value, base);
 }
 
-ZnString ZnString::number(long long value) {
-    std::string result;
-    zn::detail::appendInteger(result, value);
-    return result;
+ZnString ZnString::number_(unsigned long long value, int base) {
+    return numberText(value, base);
 }
 
 ZnString ZnString::encryptAES(const ZnString& key) const {

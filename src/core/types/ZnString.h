@@ -1,11 +1,13 @@
 #pragma once
 
 #include <compare>
+#include <concepts>
 #include <cstddef>
 #include <functional>
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 template <typename T>
@@ -91,7 +93,8 @@ public:
     ZnString toUpper() const;
 
     /// Integer with optional sign, "_" ignored, 0b, 0x and leading-0 octal notations; text behind the digits is
-    /// ignored. On failure: 0, *ok false, and (toInt and toFloat always, toLongLong without `ok`) one error in the log.
+    /// ignored. On failure: 0, *ok false, and (toInt and toFloat always, toLongLong without `ok`) one error in the log,
+    /// which quotes the beginning of the text.
     int toInt(bool* ok = nullptr) const;
     long long toLongLong(bool* ok = nullptr) const;
     float toFloat(bool* ok = nullptr) const;
@@ -104,10 +107,14 @@ public:
     static ZnString fromWCharArray(const wchar_t* text);
     static ZnString fromWCharArray(const std::wstring& text);
 
-    /// Lower-case digits. A base outside 2 to 36 counts as 10.
-    static ZnString number(unsigned long long value, int base = 10);
-    static ZnString number(long long value);
-    static ZnString number(int value) { return number(static_cast<long long>(value)); }
+    /// Of any integer type. Lower-case digits, with a sign in front of a negative number. A base outside 2 to 36
+    /// counts as 10.
+    template <std::integral Integer>
+    static ZnString number(Integer value, int base = 10) {
+        static_assert(!std::is_same_v<Integer, bool>, "a bool is no number");
+        using Wide = std::conditional_t<std::is_signed_v<Integer>, long long, unsigned long long>;
+        return number_(static_cast<Wide>(value), base);
+    }
 
     /// Cipher text in base64, or the plain text of such; an empty text, with an error in the log, on failure.
     ZnString encryptAES(const ZnString& key) const;
@@ -116,6 +123,8 @@ public:
     friend std::ostream& operator<<(std::ostream& out, const ZnString& text) { return out << text.text_; }
 
 private:
+    static ZnString number_(long long value, int base);
+    static ZnString number_(unsigned long long value, int base);
     static std::strong_ordering order_(std::string_view left, std::string_view right) noexcept {
         // Keys of a map mostly differ in their first byte, which spares the call.
         if (!left.empty() && !right.empty() && left.front() != right.front())

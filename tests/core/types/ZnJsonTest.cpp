@@ -1,4 +1,5 @@
 #include "core/types/ZnJsonDocument.h"
+#include "core/types/ZnMap.h"
 
 #include "support/LogCapture.h"
 
@@ -113,8 +114,8 @@ TEST(ZnJson, ExactReadingKeepsDigitsAndTexts) {
         const ZnJsonValue value = ZnJsonDocument::fromJson(row.text, &error, JsonReading::Exact).root();
         EXPECT_EQ(error, "");
         EXPECT_EQ(ZnJsonValue(value).toJson(), row.text);
-        EXPECT_EQ(value.toStringOr("x"), value.isString() ? value.string() : ZnString(row.text));
-        EXPECT_EQ(value.string().isEmpty(), row.value != -1);
+        EXPECT_EQ(value.toStringOr("x"), value.isString() ? ZnString(value.string()) : ZnString(row.text));
+        EXPECT_EQ(value.string().empty(), row.value != -1);
         EXPECT_EQ(value.toDouble(-1), row.value);
         EXPECT_EQ(value.toInt(-1), row.asInt);
         const ZnString written = ZnJsonDocument::fromJson(row.text, &error).toJson();
@@ -161,6 +162,87 @@ TEST(ZnJson, ScalarTextsReadAsScalars) {
     EXPECT_EQ(log.countOf("[ERROR] [zn.core.types.znstring] Invalid long long conversion in ZnString: 9999999999"), 1);
 }
 
+TEST(ZnJson, LogsFewOfTheNumbersThatDoNotFit) {
+    const std::string digits(1000, '9');
+    std::string text = "[";
+    for (int number = 0; number < 10; ++number)
+        text += "\"" + digits + "\",\"" + digits + ".0\",";
+    LogCapture log;
+    const ZnJsonValue numbers = parsed(text + "]");
+    EXPECT_EQ(numbers.array()->size(), 20u);
+    EXPECT_TRUE(numbers.array()->at(18) == ZnJsonValue(0) && numbers.array()->at(19) == ZnJsonValue(0.0));
+    const std::string kHead = "[ERROR] [zn.core.types.znstring] Invalid ";
+    const std::string cut = std::string(100, '9') + "... (1000 bytes)\n";
+    const std::string whole = kHead + "long long conversion in ZnString: " + cut;
+    EXPECT_EQ(log.take(), (std::vector<std::string>{
+                              whole, kHead + "float conversion in ZnString: " + std::string(100, '9') + "... (1002 bytes)\n",
+                              whole, "[ERROR] [zn.core.types.znjsondocument] Invalid number conversions in one JSON "
+                                     "text: 20\n"}));
+}
+
+TEST(ZnJson, LimitsTheNumberOfValues) {
+    struct Row { const char* text; std::size_t count; };
+    constexpr Row kRows[] = {{"1", 1}, {"[]", 1}, {"[1,[2],\"3\"]", 5}, {R"({"a":{"b":1},"a":2})", 4}};
+    for (const Row& row : kRows) {
+        ZnString error;
+        ZnJsonDocument::fromJson(row.text, &error, JsonReading::Exact, row.count);
+        EXPECT_EQ(error, "");
+        EXPECT_TRUE(ZnJsonDocument::fromJson(row.text, &error, JsonReading::Exact, row.count - 1).root().isNull());
+        EXPECT_TRUE(error.startsWith("JSON has too many values (index ")) << error;
+    }
+}
+
+TEST(ZnJson, ContainersKeepOrderThroughChanges) {
+    std::mt19937 random(5);
+    ZnMap<ZnString, int> expected;
+    ZnJsonValue value = parsed(R"({"50":50,"a longer name than fits":1})"); // of one size, and then growing
+    expected.insert("50", 50);
+    expected.insert("a longer name than fits", 1);
+    for (int round = 0; round < 2000; ++round) {
+        const ZnString name = ZnString::number(random() % 300) + (round % 2 == 0 ? "" : " with a long tail");
+        if (random() % 3 == 0) {
+            EXPECT_EQ(value.object()->remove(name.view()), expected.remove(name));
+        } else {
+            (*value.object())[name] = round;
+            expected[name] = round;
+        }
+    }
+    auto at = expected.begin();
+    for (const auto& [name, member] : *value.object()) {
+        ASSERT_TRUE(at != expected.end() && at->first.view() == name && member.toInt(-1) == at->second);
+        ++at;
+    }
+    EXPECT_TRUE(at == expected.end());
+    // In the text any order, and repeated names, give the same.
+    std::string text = "{";
+    for (const int name : {40, 39, 41, 7, 40, 99, 3})
+        for (int step = 0; step < 30; ++step)
+            text += "\"" + std::to_string(name * (30 - step) % 64) + "\":" + std::to_string(text.size()) + ",";
+    ZnJsonObject inOrder;
+    for (std::size_t from = 1; from < text.size(); from = text.find(',', from) + 1) {
+        const ZnString member(text.substr(from, text.find(',', from) - from));
+        const std::size_t colon = member.indexOf(":");
+        inOrder[member.view().substr(1, colon - 2)] = ZnString(member.view().substr(colon + 1)).toInt();
+    }
+    EXPECT_EQ(parsed(text + "}"), ZnJsonValue(inOrder));
+    ZnJsonArray array = value.toArray();
+    for (int index = 0; index < 100; ++index)
+        array.append(index);
+    const ZnJsonArray moved = std::move(array);
+    EXPECT_TRUE(array.isEmpty() && moved.size() == 100 && moved.at(99) == ZnJsonValue(99));
+    EXPECT_THROW(moved.at(100), std::out_of_range);
+}
+
+TEST(ZnJson, AppendsToATextThatIsThere) {
+    const ZnJsonValue payload = parsed(R"({"a":"x\"y\n"})");
+    ZnString text("raw: ");
+    payload.appendJson(&text);
+    text += ", escaped: ";
+    appendEscapedJson(&text, text.view().substr(5, 15)); // a part of itself
+    appendEscapedJson(&text, "\x01");
+    EXPECT_EQ(text, R"(raw: {"a": "x\"y\n"}, escaped: {\"a\": \"x\\\"y\\n\"}\u0001)");
+}
+
 TEST(ZnJson, EveryTruncationFailsWithoutReadingPastTheEnd) {
     const std::string text =
         R"([{"key one":"a longer text \u00e4\ud83d\ude00\n with escapes","b":[true,false,null]},)"
@@ -182,7 +264,7 @@ TEST(ZnJson, FindsSpecialBytesAtEveryOffset) {
                 std::string content(length, '\xFF');
                 content.insert(at, 1, special);
                 const ZnString written = ZnJsonValue(ZnString(content)).toJson();
-                EXPECT_EQ(parsed("[" + written.str() + "]").array()->at(0).string(), ZnString(content));
+                EXPECT_EQ(parsed("[" + written.str() + "]").array()->at(0).string(), content);
                 ZnString error;
                 ZnJsonDocument::fromJson("\"" + content + "\"", &error);
                 EXPECT_FALSE(error.isEmpty());
@@ -259,7 +341,7 @@ TEST(ZnJson, ValuesNeverShareATree) {
     EXPECT_EQ(tree.toJson(), R"({"b": "x"})");
     tree = tree.object()->value("b");
     const ZnJsonValue moved = std::move(tree);
-    EXPECT_TRUE(tree.isNull() && tree.string().isEmpty());
+    EXPECT_TRUE(tree.isNull() && tree.string().empty());
     EXPECT_EQ(moved, ZnJsonValue("x"));
 }
 

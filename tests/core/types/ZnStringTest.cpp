@@ -59,11 +59,11 @@ TEST(ZnString, LogsFailedConversions) {
     EXPECT_EQ(ZnString("2147483648").toInt(&ok), 0);
     EXPECT_FALSE(ok);
     EXPECT_EQ(ZnString("x").toLongLong(&ok), 0); // asked for: no line
-    EXPECT_EQ(ZnString("z").toFloat(), 0.0F);
+    EXPECT_EQ(ZnString(std::string(105, 'z')).toFloat(), 0.0F);
     const std::string kHead = "[ERROR] [zn.core.types.znstring] Invalid ";
     EXPECT_THAT(log.take(), ElementsAre(kHead + "int conversion in ZnString: -2147483649\n",
                                         kHead + "int conversion in ZnString: 2147483648\n",
-                                        kHead + "float conversion in ZnString: z\n"));
+                                        kHead + "float conversion in ZnString: " + std::string(100, 'z') + "... (105 bytes)\n"));
 }
 
 TEST(ZnString, CutsTrimsReplacesSplitsAndWritesNumbers) {
@@ -83,6 +83,8 @@ TEST(ZnString, CutsTrimsReplacesSplitsAndWritesNumbers) {
     EXPECT_EQ(ZnString(none) + none + ZnString("b"), "b");
     EXPECT_EQ(ZnString::number(35ULL, 36) + ZnString::number(42ULL, 37), "z42");
     EXPECT_EQ(ZnString::number(~0ULL, 2).str(), std::string(64, '1'));
+    EXPECT_EQ(ZnString::number(kMin, 2).str(), "-1" + std::string(63, '0'));
+    EXPECT_EQ(ZnString::number(std::int16_t{-255}, 16) + ZnString::number(7UL) + ZnString::number(-8L), "-ff7-8");
 }
 
 TEST(ZnString, OrdersAndFoldsByUnsignedBytes) {

@@ -104,13 +104,14 @@ const ZnString& ZnHttpContext::pathParam(std::string_view name) const {
     return value == nullptr ? kNone : *value;
 }
 
-bool ZnHttpContext::parseJsonBody(ZnJsonDocument* document, ZnString* errorText, JsonReading reading) const {
+bool ZnHttpContext::parseJsonBody(ZnJsonDocument* document, ZnString* errorText, JsonReading reading,
+                                  std::size_t maxValues) const {
     const std::string_view body = request_.body.view();
     ZnString error;
     ZnJsonDocument parsed =
         body.find('\0') == std::string_view::npos // nearly always: then the body is parsed where it lies
-            ? ZnJsonDocument::fromJson(withoutByteOrderMark(body), &error, reading)
-            : ZnJsonDocument::fromJson(withoutByteOrderMark(withoutNul(body)), &error, reading);
+            ? ZnJsonDocument::fromJson(withoutByteOrderMark(body), &error, reading, maxValues)
+            : ZnJsonDocument::fromJson(withoutByteOrderMark(withoutNul(body)), &error, reading, maxValues);
     if (!error.isEmpty()) {
         *errorText = std::move(error);
         return false;

@@ -46,7 +46,8 @@ public:
     /// Parses the body as JSON, without its NUL bytes and a byte order mark in front. On failure returns false,
     /// with the parser's reason in `*errorText` and `*document` as it was.
     bool parseJsonBody(ZnJsonDocument* document, ZnString* errorText,
-                       JsonReading reading = JsonReading::Dialect) const;
+                       JsonReading reading = JsonReading::Dialect,
+                       std::size_t maxValues = ZnJsonDocument::kNoLimit) const;
 
 private:
     void setStatus_(int status);

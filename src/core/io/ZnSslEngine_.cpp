@@ -79,7 +79,22 @@ bool ZnSslEngine_::attachSocket_(std::uint64_t socketHandle) {
         return fail_("Socket handle out of range for SSL_set_fd");
     if (api_->SSL_set_fd(ssl_, static_cast<int>(socketHandle)) != 1)
         return fail_("SSL_set_fd failed");
+    countParts_();
     return true;
+}
+
+/// One SSL_read goes through everything that OpenSSL holds already, which may be hundreds of key updates: how often it
+/// has been called tells nothing of the work.
+void ZnSslEngine_::countParts_() {
+    if (api_->SSL_callback_ctrl == nullptr || api_->SSL_ctrl == nullptr)
+        return;
+    api_->SSL_ctrl(ssl_, SSL_CTRL_SET_MSG_CALLBACK_ARG, 0, this);
+    api_->SSL_callback_ctrl(ssl_, SSL_CTRL_SET_MSG_CALLBACK, reinterpret_cast<void (*)()>(&ZnSslEngine_::onPart_));
+}
+
+void ZnSslEngine_::onPart_(int isWritten, int, int contentType, const void*, std::size_t, SSL*, void* engine) {
+    if (isWritten == 0 && (contentType == SSL3_RT_HEADER || contentType == SSL3_RT_HANDSHAKE))
+        ++static_cast<ZnSslEngine_*>(engine)->receivedPartCount_;
 }
 
 bool ZnSslEngine_::fail_(const ZnString& errorText) {
@@ -89,14 +104,24 @@ bool ZnSslEngine_::fail_(const ZnString& errorText) {
 
 ZnSslEngine_::Outcome ZnSslEngine_::handshake() {
     begin_();
-    return classify_(api_->SSL_do_handshake(ssl_));
+    const Outcome outcome = classify_(api_->SSL_do_handshake(ssl_));
+    partCountAtData_ = receivedPartCount_;
+    return outcome;
 }
 
 ZnSslEngine_::Outcome ZnSslEngine_::read(char* buffer, std::size_t capacity, std::size_t* byteCount) {
     begin_();
     const int result = api_->SSL_read(ssl_, buffer, intSize(capacity));
     *byteCount = result > 0 ? static_cast<std::size_t>(result) : 0;
-    return result > 0 ? Outcome::None : classify_(result);
+    const bool isFlood = receivedPartCount_ - partCountAtData_ > kMaxPartsWithoutData;
+    if (result > 0)
+        partCountAtData_ = receivedPartCount_;
+    const Outcome outcome = result > 0 ? Outcome::None : classify_(result);
+    if (!isFlood || outcome == Outcome::Failure)
+        return outcome;
+    *byteCount = 0;
+    fail_("too many messages of the protocol without data");
+    return Outcome::Failure;
 }
 
 ZnSslEngine_::Outcome ZnSslEngine_::write(const char* bytes, std::size_t size, std::size_t* byteCount) {

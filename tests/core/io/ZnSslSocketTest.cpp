@@ -167,24 +167,61 @@ TEST_F(ZnSslSocketTest, ServesRealClients) {
     EXPECT_EQ(server_.handshakeCount(), 0U);
 }
 
-TEST_F(ZnSslSocketTest, AFloodOfKeyUpdatesStopsNobody) {
+TEST_F(ZnSslSocketTest, APeerThatOnlyRekeysIsClosedAndOneThatRekeysNowAndThenIsNot) {
+    struct Row { int keyUpdates; int rounds; std::string received; };
+    const Row rows[] = {{30, 40, std::string(40, 'x')}, {33, 1, ""}, {4000, 1, ""}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.keyUpdates);
+        accepted_ = nullptr;
+        RawTlsClient client(server_.localPort());
+        ASSERT_TRUE(runUntil([&] { return accepted_ != nullptr; }));
+        atServer_.clear();
+        gather(*accepted_, &atServer_);
+        for (int i = 0; i < row.rounds; ++i) { // they wait in the system's buffers: the loop does not run meanwhile
+            for (int k = 0; k < row.keyUpdates; ++k) {
+                SSL_key_update(client.ssl(), SSL_KEY_UPDATE_NOT_REQUESTED);
+                ASSERT_EQ(SSL_do_handshake(client.ssl()), 1);
+            }
+            ASSERT_EQ(SSL_write(client.ssl(), "x", 1), 1);
+        }
+        const bool isClosed = row.received.empty();
+        ASSERT_TRUE(runUntil([&] { return isClosed ? !accepted_->isOpen() : atServer_ == row.received; })) << atServer_;
+        EXPECT_EQ(accepted_->isOpen(), !isClosed);
+        EXPECT_EQ(atServer_, row.received);
+        EXPECT_EQ(log_.countOf("too many messages of the protocol without data"), isClosed ? 1 : 0);
+        log_.take();
+    }
+}
+
+TEST_F(ZnSslSocketTest, WithoutRoomNeitherReadsNorWritesAreTriedAgainAndAgain) {
     RawTlsClient client(server_.localPort());
     ASSERT_TRUE(runUntil([&] { return accepted_ != nullptr; }));
-    SSL* ssl = client.ssl();
-    for (int i = 0; i < 4000; ++i) // they wait in the system's buffers: the loop does not run meanwhile
-        ASSERT_TRUE(SSL_key_update(ssl, SSL_KEY_UPDATE_NOT_REQUESTED) == 1 && SSL_do_handshake(ssl) == 1);
-    EXPECT_EQ(SSL_write(ssl, "hello", 5), 5);
-
     gather(*accepted_, &atServer_);
-    int passCount = 0;
-    std::function<void()> pass = [&] {
-        ++passCount;
-        if (atServer_.empty())
-            ZnTimer::singleShot(0, pass);
-    };
-    pass();
-    EXPECT_TRUE(runUntil([&] { return atServer_ == "hello"; }));
-    EXPECT_GT(passCount, 4);
+    const std::string down = pattern(16 * 1024 * 1024, 1);
+    EXPECT_TRUE(accepted_->write(ZnString(down)));
+    settle();
+    ASSERT_TRUE(accepted_->hasPendingWrites()); // the client does not read
+    // As behind a key update that has begun to leave: the read wants to write as well.
+    static int callCount = 0;
+    ZnOpenSslApi_& api = ZnOpenSslApi_::instance();
+    api.SSL_read = [](SSL*, void*, int) { return ++callCount, errno = EAGAIN, -1; };
+    api.SSL_write = [](SSL*, const void*, int) { return ++callCount, errno = EAGAIN, -1; };
+    api.SSL_get_error = [](const SSL*, int) { return SSL_ERROR_WANT_WRITE; };
+    EXPECT_EQ(SSL_write(client.ssl(), "x", 1), 1);
+    settle(100);
+    EXPECT_TRUE(callCount > 0 && callCount <= 4) << callCount;
+    api.SSL_read = &SSL_read;
+    api.SSL_write = &SSL_write;
+    api.SSL_get_error = &SSL_get_error;
+    std::string received;
+    const auto reader = std::async(std::launch::async, [&] {
+        char buffer[16384];
+        for (int got = 1; got > 0 && received.size() < down.size(); received.append(buffer, static_cast<std::size_t>(got)))
+            got = SSL_read(client.ssl(), buffer, sizeof(buffer));
+    });
+    EXPECT_TRUE(runUntil([&] { return atServer_ == "x" && !accepted_->hasPendingWrites(); }));
+    reader.wait();
+    EXPECT_TRUE(received == down);
 }
 
 TEST_F(ZnSslSocketTest, VerifiesRealServers) {

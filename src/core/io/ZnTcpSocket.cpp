@@ -212,7 +212,8 @@ std::optional<ZnResolver::Result> ZnTcpSocket::resolveHost_(const ZnString& host
         return ZnResolver::resolveNow(host);
     const auto lookup = std::make_shared<Lookup_>();
     const int waitId = nextFiberWaitId();
-    ZnResolver::resolve(host, [lookup, waitId](const ZnResolver::Result& addresses) {
+    const ZnPointer<ZnTcpSocket> self(this);
+    lookupId_ = ZnResolver::resolve(host, [lookup, waitId](const ZnResolver::Result& addresses) {
         {
             std::lock_guard<std::mutex> guard(lookup->mutex);
             lookup->addresses = addresses;
@@ -220,13 +221,13 @@ std::optional<ZnResolver::Result> ZnTcpSocket::resolveHost_(const ZnString& host
         lookup->answered.store(true, std::memory_order_release);
         unblockFiber(waitId, ZnFiberPool::kFirstLane);
     });
-    const ZnPointer<ZnTcpSocket> self(this);
     const unsigned generation = connectGeneration_;
     resolveWaitId_ = waitId;
     application->fiberPool().yieldCurrent(waitId, &lookup->answered);
     if (!self || generation != connectGeneration_)
         return std::nullopt;
     resolveWaitId_ = 0;
+    ZnResolver::withdraw(std::exchange(lookupId_, 0)); // the wait may have ended without an answer
     std::lock_guard<std::mutex> guard(lookup->mutex);
     return lookup->addresses;
 }
@@ -264,8 +265,10 @@ void ZnTcpSocket::adoptDescriptor(std::shared_ptr<ZnSocketHandle> handle, bool e
 void ZnTcpSocket::close() {
     const SocketState previous = state_;
     ++connectGeneration_;
-    if (resolveWaitId_ != 0)
+    if (resolveWaitId_ != 0) {
+        ZnResolver::withdraw(std::exchange(lookupId_, 0));
         unblockFiber(std::exchange(resolveWaitId_, 0), ZnFiberPool::kFirstLane);
+    }
     ZnCoreApplication* application = ZnCoreApplication::instance();
     if (waitId_ != 0 && application != nullptr)
         application->ioDispatcher().unwatch(waitId_);

@@ -103,6 +103,7 @@ private:
     std::shared_ptr<ZnSocketHandle> handle_; // null: no socket
     unsigned long long waitId_ = 0;          // registration in the I/O dispatcher
     int resolveWaitId_ = 0;                  // fiber that is parked for a name, 0 for none
+    unsigned long long lookupId_ = 0;        // what it waits for
     unsigned connectGeneration_ = 0;         // tells a parked connectToHost that the socket was closed or reused
     bool insideEvents_ = false;              // a readiness event is being served (its fiber may be parked)
     bool stoppedBeforeEnd_ = false;          // the last read left more behind, as far as one can tell

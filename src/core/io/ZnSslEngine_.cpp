@@ -1,6 +1,7 @@
 #include "core/io/ZnSslEngine_.h"
 
 #include "core/platform/ZnSocketError.h"
+#include "core/platform/ZnSocketHandle.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -42,7 +43,9 @@ bool ZnSslEngine_::initClient(const ZnString& host, std::uint64_t socketHandle, 
         return false;
     if (api_->SSL_set1_host(ssl_, host.data()) != 1)
         return fail_("SSL_set1_host failed");
-    if (api_->SSL_ctrl != nullptr)
+    // An address is verified like a name, but the extension is for names alone.
+    const bool isName = ZnSocketAddress::fromNumeric(host, 0).family() == ZnSocketAddress::Family::None;
+    if (api_->SSL_ctrl != nullptr && isName)
         api_->SSL_ctrl(ssl_, SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name, const_cast<char*>(host.data()));
     if (api_->SSL_set_connect_state != nullptr)
         api_->SSL_set_connect_state(ssl_);

@@ -39,8 +39,6 @@ bool ZnSslSocket::connectToHostEncrypted(const ZnString& host, unsigned short po
     // The wish is noted when nothing can cancel it any more: what follows must not go on without TLS.
     if (!self || hasHandle_())
         return false; // a receiver has deleted it, or uses it for something else
-    if (peerHostName_.isEmpty())
-        peerHostName_ = hostCopy;
     startOnConnect_ = keepStartOnConnect_ = true;
     return connectToHost(hostCopy, port);
 }

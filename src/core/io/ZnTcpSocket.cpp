@@ -46,6 +46,8 @@ ZnTcpSocket::ZnTcpSocket(ZnObject* parent) : ZnAbstractSocket(parent) {}
 
 ZnTcpSocket::~ZnTcpSocket() {
     ZnTcpSocket::close();
+    state_ = SocketState::Unconnected; // in silence: a receiver may have connected it anew
+    ZnTcpSocket::close();
 }
 
 // --- readiness
@@ -95,16 +97,16 @@ bool ZnTcpSocket::handleEvents_(const ZnNetworkEvents& events, const EventScope_
 }
 
 bool ZnTcpSocket::onConnectEvent_(int error, const EventScope_& scope) {
-    bool goOn = false;
-    if (error != 0)
-        errorOccurred(error);
-    else
-        goOn = onConnectReady_();
+    if (error != 0) {
+        onAttemptFailed_(error, scope);
+        return false;
+    }
+    const bool goesOn = onConnectReady_();
     if (!scope.stillValid())
         return false;
-    if (!goOn)
+    if (!goesOn)
         close();
-    return goOn;
+    return goesOn;
 }
 
 /// Nothing else would end a held connection whose peer is gone: there may be nobody who reads or writes.
@@ -176,31 +178,21 @@ bool ZnTcpSocket::connectToHost(const ZnString& host, unsigned short port) {
     const ZnPointer<ZnTcpSocket> self(this);
     const ZnString hostCopy = host; // the caller's text may go while this fiber is parked
     close();
-    if (!self)
-        return false;
-    const std::optional<ZnResolver::Result> addresses = resolveHost_(hostCopy, port);
+    if (!self || isInUse_())
+        return false; // a receiver has deleted it, or uses it for something else
+    std::optional<ZnResolver::Result> addresses = resolveHost_(hostCopy, port);
     if (!addresses)
         return false; // not touched any more: closed, reused or deleted in the meantime
-    if (addresses->empty()) {
-        errorOccurred(ZnSocketError::kHostNotFound);
-        return false;
-    }
-    const int error = connectToFirst_(*addresses, port);
-    if (error != 0 && error != ZnSocketError::kWouldBlock && error != ZnSocketError::kInProgress) {
-        errorOccurred(error);
+    untriedAddresses_.assign(addresses->rbegin(), addresses->rend());
+    for (ZnSocketAddress& address : untriedAddresses_)
+        address = address.withPort(port);
+    Attempt_ attempt = tryNextAddress_(ZnSocketError::kHostNotFound);
+    if (!attempt.handle) {
+        errorOccurred(attempt.error);
         return false;
     }
     state_ = SocketState::Connecting;
-    if (!registerWait_()) {
-        close();
-        return false;
-    }
-    if (error != 0)
-        return true;
-    const bool isReady = onConnectReady_();
-    if (!isReady && self)
-        close();
-    return isReady;
+    return follow_(std::move(attempt));
 }
 
 std::optional<ZnResolver::Result> ZnTcpSocket::resolveHost_(const ZnString& host, unsigned short port) {
@@ -232,29 +224,60 @@ std::optional<ZnResolver::Result> ZnTcpSocket::resolveHost_(const ZnString& host
     return lookup->addresses;
 }
 
-int ZnTcpSocket::connectToFirst_(const ZnResolver::Result& addresses, unsigned short port) {
-    int error = ZnSocketError::kHostNotFound;
-    for (const ZnSocketAddress& address : addresses) {
-        std::shared_ptr<ZnSocketHandle> handle = ZnSocketHandle::open(address.family(), &error);
+/// Goes through the addresses that are left until a connection is under way. Without one: the last failure.
+ZnTcpSocket::Attempt_ ZnTcpSocket::tryNextAddress_(int lastError) {
+    Attempt_ attempt{nullptr, lastError};
+    while (!attempt.handle && !untriedAddresses_.empty()) {
+        const ZnSocketAddress address = untriedAddresses_.back();
+        untriedAddresses_.pop_back();
+        std::shared_ptr<ZnSocketHandle> handle = ZnSocketHandle::open(address.family(), &attempt.error);
         if (!handle)
             continue;
-        error = handle->connect(address.withPort(port));
-        if (error == 0 || error == ZnSocketError::kWouldBlock || error == ZnSocketError::kInProgress) {
-            handle_ = std::move(handle);
-            return error;
-        }
+        attempt.error = handle->connect(address);
+        if (attempt.error == 0 || attempt.error == ZnSocketError::kWouldBlock ||
+            attempt.error == ZnSocketError::kInProgress)
+            attempt.handle = std::move(handle);
     }
-    return error;
+    return attempt;
+}
+
+bool ZnTcpSocket::follow_(Attempt_ attempt) {
+    const ZnPointer<ZnTcpSocket> self(this);
+    handle_ = attempt.handle;
+    const auto isSame = [&] { return self && handle_ == attempt.handle; };
+    bool isAlive = registerWait_();
+    if (!isAlive)
+        errorOccurred(ZnSocketError::kNoBufferSpace);
+    else if (attempt.error == 0)
+        isAlive = onConnectReady_();
+    if (!isAlive && isSame())
+        close();
+    return isAlive;
+}
+
+/// The next address of the name has its chance; only the failure of the last one is told.
+void ZnTcpSocket::onAttemptFailed_(int error, const EventScope_& scope) {
+    Attempt_ next = tryNextAddress_(error);
+    if (next.handle) {
+        dropHandle_();
+        follow_(std::move(next));
+        return;
+    }
+    errorOccurred(next.error);
+    if (scope.stillValid())
+        close();
 }
 
 void ZnTcpSocket::adoptDescriptor(std::shared_ptr<ZnSocketHandle> handle, bool emitConnected) {
     const ZnPointer<ZnTcpSocket> self(this);
     close();
-    if (!self || !handle)
-        return;
-    handle_ = std::move(handle);
+    if (!self || !handle || isInUse_())
+        return; // as in connectToHost
+    handle_ = handle;
     if (!registerWait_()) {
-        close();
+        errorOccurred(ZnSocketError::kNoBufferSpace);
+        if (self && handle_ == handle)
+            close();
         return;
     }
     state_ = SocketState::Connected;
@@ -269,25 +292,30 @@ void ZnTcpSocket::close() {
         ZnResolver::withdraw(std::exchange(lookupId_, 0));
         unblockFiber(std::exchange(resolveWaitId_, 0), ZnFiberPool::kFirstLane);
     }
-    ZnCoreApplication* application = ZnCoreApplication::instance();
-    if (waitId_ != 0 && application != nullptr)
-        application->ioDispatcher().unwatch(waitId_);
-    waitId_ = 0;
     const bool hadHandle = handle_ != nullptr;
-    if (hadHandle)
-        handle_->closeDescriptor(); // the dispatcher may hold the handle a little longer
-    handle_.reset();
+    dropHandle_();
+    untriedAddresses_.clear();
     writeBuffer_.release();
-    remoteClosed_ = false;
-    insideEvents_ = false;
-    stoppedBeforeEnd_ = false;
-    peerAddressText_.clear();
     if (previous == SocketState::Unconnected || !hadHandle)
         return; // without a handle: called from a receiver of the signal below
     const ZnPointer<ZnTcpSocket> self(this);
     disconnected(); // its receivers still see the old state
     if (self && !handle_)
         state_ = SocketState::Unconnected;
+}
+
+void ZnTcpSocket::dropHandle_() {
+    ZnCoreApplication* application = ZnCoreApplication::instance();
+    if (waitId_ != 0 && application != nullptr)
+        application->ioDispatcher().unwatch(waitId_);
+    waitId_ = 0;
+    if (handle_)
+        handle_->closeDescriptor(); // the dispatcher may hold the handle a little longer
+    handle_.reset();
+    remoteClosed_ = false;
+    insideEvents_ = false;
+    stoppedBeforeEnd_ = false;
+    peerAddressText_.clear();
 }
 
 // --- reading

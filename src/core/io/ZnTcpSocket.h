@@ -40,7 +40,8 @@ public:
     bool hasPendingWrites() const override { return !writeBuffer_.isEmpty(); }
     void setHoldOnPeerClose(bool hold) override;
 
-    /// Takes over an accepted handle; emits `connected` if asked to.
+    /// Takes over an accepted handle; emits `connected` if asked to. When the loop cannot watch it: errorOccurred. When a
+    /// receiver of an earlier connection's `disconnected` has connected the socket anew, the handle is closed.
     void adoptDescriptor(std::shared_ptr<ZnSocketHandle> handle, bool emitConnected);
 
     /// The peer's and the own address as text ("::ffff:a.b.c.d" as "a.b.c.d") and port; empty and 0 without a
@@ -95,13 +96,23 @@ private:
     void requestAnotherRead_();
     /// The addresses of `host`. Nothing when the socket was closed, reused or deleted while the fiber was parked.
     std::optional<ZnResolver::Result> resolveHost_(const ZnString& host, unsigned short port);
-    int connectToFirst_(const ZnResolver::Result& addresses, unsigned short port);
+    struct Attempt_ {
+        std::shared_ptr<ZnSocketHandle> handle; // null: failed
+        int error;                              // 0: connected already
+    };
+    Attempt_ tryNextAddress_(int lastError);
+    bool follow_(Attempt_ attempt);
+    void onAttemptFailed_(int error, const EventScope_& scope);
+    /// Whether a connection has been begun, be it that its name is being resolved.
+    bool isInUse_() const noexcept { return handle_ != nullptr || resolveWaitId_ != 0; }
+    void dropHandle_();
     bool sendDirectly_(std::string_view first, std::string_view second);
     bool finishDirectSend_(const ZnSocketHandle::Transfer& transfer);
     bool waitFor_(void (ZnAbstractSocket::*signal)(), const std::function<bool(const ZnTcpSocket&)>& isDone, int msecs);
 
     std::shared_ptr<ZnSocketHandle> handle_; // null: no socket
     unsigned long long waitId_ = 0;          // registration in the I/O dispatcher
+    ZnResolver::Result untriedAddresses_;    // of the name that is being connected to; the next one last
     int resolveWaitId_ = 0;                  // fiber that is parked for a name, 0 for none
     unsigned long long lookupId_ = 0;        // what it waits for
     unsigned connectGeneration_ = 0;         // tells a parked connectToHost that the socket was closed or reused

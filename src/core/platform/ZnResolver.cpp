@@ -242,13 +242,14 @@ ZnResolver::Result ZnResolver::resolveNow(const ZnString& host) {
     return lookup ? lookup(host) : askSystem(host.data(), AF_UNSPEC, 0, nullptr);
 }
 
-ZnResolver::Result ZnResolver::resolvePassive(const ZnString& host, ZnSocketAddress::Family family,
-                                              unsigned short port) {
-    const int systemFamily = family == ZnSocketAddress::Family::IPv4   ? AF_INET
-                             : family == ZnSocketAddress::Family::IPv6 ? AF_INET6
-                                                                       : AF_UNSPEC;
-    return askSystem(host.isEmpty() ? nullptr : host.data(), systemFamily, AI_PASSIVE,
-                     ZnString::number(static_cast<int>(port)).data());
+ZnResolver::Result ZnResolver::resolvePassive(const ZnString& host, unsigned short port) {
+    const Lookup lookup = LookupQueue_::instance().lookup();
+    Result addresses = lookup && !host.isEmpty()
+                           ? lookup(host)
+                           : askSystem(host.isEmpty() ? nullptr : host.data(), AF_UNSPEC, AI_PASSIVE, "0");
+    for (ZnSocketAddress& address : addresses)
+        address = address.withPort(port);
+    return addresses;
 }
 
 void ZnResolver::setLookupForTests(Lookup lookup) {

@@ -31,8 +31,8 @@ public:
     static void withdraw(unsigned long long id);
     /// Blocks the calling thread.
     static Result resolveNow(const ZnString& host);
-    /// As resolveNow for a listening address: `family` None asks for both, an empty host for the wildcard.
-    static Result resolvePassive(const ZnString& host, ZnSocketAddress::Family family, unsigned short port);
+    /// As resolveNow for listening addresses, with their port; an empty host stands for the wildcards.
+    static Result resolvePassive(const ZnString& host, unsigned short port);
 
     /// Puts another lookup in the system's place, for tests; an empty one restores it.
     static void setLookupForTests(Lookup lookup);

@@ -2,6 +2,7 @@
 
 #include "core/io/TlsPeers.h"
 #include "core/io/ZnSslServer.h"
+#include "core/platform/ZnResolver.h"
 #include "core/runtime/ZnEventLoop.h"
 #include "core/runtime/ZnTimer.h"
 #include "support/LogCapture.h"
@@ -397,6 +398,26 @@ TEST_F(ZnSslSocketTest, ReceiversMayWriteAndCloseAndTlsStays) {
     client_.connect(&ZnSslSocket::encrypted, &client_, [&] { ++encryptedCount; });
     ASSERT_TRUE(connectPair()); // closes the old connection, whose receiver closes again
     EXPECT_EQ(encryptedCount, 1);
+}
+
+TEST_F(ZnSslSocketTest, TheNameToVerifyIsThatOfThisConnectionAndAddressesAreNotAskedForByName) {
+    ZnResolver::setLookupForTests([](const ZnString&) { return ZnResolver::Result{ZnSocketAddress::fromNumeric("127.0.0.1", 0)}; });
+    const auto connects = [&](const ZnString& host) {
+        runOnFiber([&] { client_.connectToHostEncrypted(host, server_.localPort()); });
+        EXPECT_TRUE(runUntil([&] { return client_.isOpen() || client_.state() == SocketState::Unconnected; }));
+        return client_.isOpen();
+    };
+    // The server would have another certificate, from elsewhere, for a client that asks for the address by name.
+    ASSERT_TRUE(server_.reloadLocalCredentials({credential("good"), credential("wrongca", "127.0.0.1")}));
+    EXPECT_TRUE(connects("localhost"));
+    EXPECT_TRUE(connects("127.0.0.1"));
+    EXPECT_FALSE(connects("127.0.0.2")); // not in the certificate
+    ASSERT_TRUE(server_.reloadLocalCredentials({credential("a")}));
+    EXPECT_TRUE(connects("a.test"));
+    client_.setPeerHostName("a.test");
+    EXPECT_TRUE(connects("localhost"));
+    EXPECT_TRUE(connects("127.0.0.1"));
+    ZnResolver::setLookupForTests(nullptr);
 }
 
 TEST_F(ZnSslSocketTest, OthersMayWriteWhileAReceiverIsParked) {

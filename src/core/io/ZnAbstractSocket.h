@@ -21,9 +21,9 @@ public:
     ZnString read(long long maxBytes) override = 0;
     using ZnIODevice::write;
     bool write(ZnString bytes) override = 0;
-    /// Begins a connection; parks the calling fiber while a name is resolved. The addresses of a name are tried in turn,
-    /// and only the failure of the last one is told. When a receiver of the `disconnected` of an earlier connection
-    /// has connected the socket anew, that stands, and this call gives false.
+    /// Begins a connection; parks the calling fiber while a name is resolved. The addresses of a name are tried in
+    /// turn, and only the failure of the last one is told. When a receiver of the `disconnected` of an earlier
+    /// connection has connected the socket anew, that stands, and this call gives false.
     virtual bool connectToHost(const ZnString& host, unsigned short port) = 0;
     /// Parks until connected, closed, failed, or `msecs` milliseconds have passed (negative: no limit).
     virtual bool waitForConnected(int msecs) = 0;

@@ -44,8 +44,8 @@ public:
     /// Whether the last operation ended because the socket had nothing more. After a WantRead without this there may
     /// be more: OpenSSL stops behind a message of the protocol's own, such as a key update.
     bool socketWasDrained() const noexcept { return socketWasDrained_; }
-    /// Records, and messages of the protocol in them, that have come so far: the work that a peer makes. Not counted, and
-    /// 0, where OpenSSL has no function for it.
+    /// Records, and messages of the protocol in them, that have come so far: the work that a peer makes. Stays 0 where
+    /// OpenSSL has no function for it.
     unsigned receivedPartCount() const noexcept { return receivedPartCount_; }
     const ZnString& lastError() const noexcept { return lastError_; }
 

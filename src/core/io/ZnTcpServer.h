@@ -17,8 +17,8 @@ public:
     explicit ZnTcpServer(ZnObject* parent = nullptr);
     ~ZnTcpServer() override;
 
-    /// Binds and listens; port 0 lets the system choose. An empty address or "::" serves both families. A name serves all
-    /// its addresses that this machine has, with one port. Blocks the thread while a name is resolved.
+    /// Binds and listens; port 0 lets the system choose. An empty address or "::" serves both families, a name all its
+    /// addresses that this machine has, with one port. Blocks the thread while a name is resolved.
     virtual bool listen(const ZnString& address, unsigned short port);
     /// Stops listening; queued sockets stay queued.
     void close();

@@ -40,8 +40,8 @@ public:
     bool hasPendingWrites() const override { return !writeBuffer_.isEmpty(); }
     void setHoldOnPeerClose(bool hold) override;
 
-    /// Takes over an accepted handle; emits `connected` if asked to. When the loop cannot watch it: errorOccurred. When a
-    /// receiver of an earlier connection's `disconnected` has connected the socket anew, the handle is closed.
+    /// Takes over an accepted handle; emits `connected` if asked to, or errorOccurred when the loop cannot watch it.
+    /// When a receiver of an earlier connection's `disconnected` has connected the socket anew, the handle is closed.
     void adoptDescriptor(std::shared_ptr<ZnSocketHandle> handle, bool emitConnected);
 
     /// The peer's and the own address as text ("::ffff:a.b.c.d" as "a.b.c.d") and port; empty and 0 without a

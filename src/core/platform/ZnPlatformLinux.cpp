@@ -137,7 +137,9 @@ ZnString attributeName(const ZnString& streamName) {
 
 /// Makes the file if there is none; a failure leaves none behind. Returns an errno value, 0 for success.
 int writeAttribute(const ZnString& path, const ZnString& name, const ZnString& value) {
-    const auto set = [&] { return ::setxattr(path.data(), name.data(), value.data(), value.size(), 0) == 0 ? 0 : errno; };
+    const auto set = [&] {
+        return ::setxattr(path.data(), name.data(), value.data(), value.size(), 0) == 0 ? 0 : errno;
+    };
     int error = set();
     if (error != ENOENT)
         return error;

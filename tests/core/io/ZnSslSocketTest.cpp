@@ -223,8 +223,8 @@ TEST_F(ZnSslSocketTest, WithoutRoomNeitherReadsNorWritesAreTriedAgainAndAgain) {
     std::string received;
     const auto reader = std::async(std::launch::async, [&] {
         char buffer[16384];
-        for (int got = 1; got > 0 && received.size() < down.size(); received.append(buffer, static_cast<std::size_t>(got)))
-            got = SSL_read(client.ssl(), buffer, sizeof(buffer));
+        for (int got = 0; received.size() < down.size() && (got = SSL_read(client.ssl(), buffer, sizeof(buffer))) > 0;)
+            received.append(buffer, static_cast<std::size_t>(got));
     });
     EXPECT_TRUE(runUntil([&] { return atServer_ == "x" && !accepted_->hasPendingWrites(); }));
     reader.wait();
@@ -407,7 +407,9 @@ TEST_F(ZnSslSocketTest, ReceiversMayWriteAndCloseAndTlsStays) {
 }
 
 TEST_F(ZnSslSocketTest, TheNameToVerifyIsThatOfThisConnectionAndAddressesAreNotAskedForByName) {
-    ZnResolver::setLookupForTests([](const ZnString&) { return ZnResolver::Result{ZnSocketAddress::fromNumeric("127.0.0.1", 0)}; });
+    ZnResolver::setLookupForTests([](const ZnString&) -> ZnResolver::Result {
+        return {ZnSocketAddress::fromNumeric("127.0.0.1", 0)};
+    });
     const auto connects = [&](const ZnString& host) {
         runOnFiber([&] { client_.connectToHostEncrypted(host, server_.localPort()); });
         EXPECT_TRUE(runUntil([&] { return client_.isOpen() || client_.state() == SocketState::Unconnected; }));

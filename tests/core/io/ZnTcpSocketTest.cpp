@@ -220,7 +220,8 @@ TEST_F(ZnTcpSocketTest, AReceiverThatConnectsAnewLeavesNoConnectionBehind) {
     const auto peersOpen = [&] {
         return std::count_if(peers.begin(), peers.end(), [](const auto& peer) { return peer->isOpen(); });
     };
-    runOnFiber([&] { EXPECT_FALSE(client_->connectToHost("127.0.0.1", server_.localPort())); }); // the receiver's stands
+    // What the receiver does stands.
+    runOnFiber([&] { EXPECT_FALSE(client_->connectToHost("127.0.0.1", server_.localPort())); });
     EXPECT_TRUE(runUntil([&] { return peers.size() == 1 && client_->isOpen(); }));
     int error = 0;
     const auto spare = ZnSocketHandle::open(ZnSocketAddress::Family::IPv4, &error);

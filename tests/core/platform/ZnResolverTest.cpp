@@ -60,8 +60,10 @@ TEST(ZnResolver, NamesThatNobodyWaitsForMakeRoomAndLocalOnesNeedNone) {
     };
     const auto deadAnswers = std::make_shared<std::atomic<int>>(0);
     std::vector<unsigned long long> deadIds;
-    for (int i = 0; i < 500; ++i)
-        deadIds.push_back(ZnResolver::resolve("dead" + ZnString::number(i), [deadAnswers](const auto&) { ++*deadAnswers; }));
+    for (int i = 0; i < 500; ++i) {
+        const ZnString host = "dead" + ZnString::number(i);
+        deadIds.push_back(ZnResolver::resolve(host, [deadAnswers](const auto&) { ++*deadAnswers; }));
+    }
     const auto live = ask("live.test");
     EXPECT_TRUE(isAnswered(ask("LocalHost")));
     for (int i = 0; i < 1000 && deadLookups->load() < static_cast<int>(ZnResolver::kMaxThreads); ++i)

@@ -21,7 +21,9 @@ public:
     ZnString read(long long maxBytes) override = 0;
     using ZnIODevice::write;
     bool write(ZnString bytes) override = 0;
-    /// Begins a connection; parks the calling fiber while a name is resolved.
+    /// Begins a connection; parks the calling fiber while a name is resolved. The addresses of a name are tried in
+    /// turn, and only the failure of the last one is told. When a receiver of the `disconnected` of an earlier
+    /// connection has connected the socket anew, that stands, and this call gives false.
     virtual bool connectToHost(const ZnString& host, unsigned short port) = 0;
     /// Parks until connected, closed, failed, or `msecs` milliseconds have passed (negative: no limit).
     virtual bool waitForConnected(int msecs) = 0;
@@ -29,6 +31,12 @@ public:
     /// Whether the peer's end of stream was seen.
     virtual bool isRemoteClosed() const { return false; }
     virtual bool hasPendingWrites() const { return false; }
+    /// With `hold`, a peer that closes its sending side does not end the connection: its close is announced (readyRead,
+    /// isRemoteClosed()) and what is written still goes out, for as long as the owner has something to say. Letting go
+    /// closes the socket as soon as everything has been written, at once when that is so; it may emit. A peer that is
+    /// gone altogether, as after a reset, ends a held connection all the same, with errorOccurred.
+    /// Off at first; stays as it is over a close.
+    virtual void setHoldOnPeerClose(bool /*hold*/) {}
 
     // Signals.
     void connected();

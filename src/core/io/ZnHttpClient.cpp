@@ -103,12 +103,21 @@ bool ZnHttpClient::parseUrl_(const ZnString& url, Target_* target) {
     return isSafeUrlText(rest) && parseAuthority_(rest.substr(0, pathAt), target);
 }
 
+/// A name or an address, the latter in brackets if it is one of IPv6, and perhaps a port.
 bool ZnHttpClient::parseAuthority_(std::string_view authority, Target_* target) {
-    const std::size_t colonAt = std::min(authority.find(':'), authority.size());
-    target->host = ZnString(authority.substr(0, colonAt));
-    if (colonAt < authority.size()) {
+    const bool isBracketed = authority.starts_with('[');
+    const std::size_t hostAt = isBracketed ? 1 : 0;
+    const std::size_t hostEnd = std::min(authority.find(isBracketed ? ']' : ':'), authority.size());
+    target->host = ZnString(authority.substr(hostAt, hostEnd - hostAt));
+    const std::string_view portText = authority.substr(std::min(hostEnd + hostAt, authority.size()));
+    if (isBracketed) {
+        const bool isAddress = ZnSocketAddress::fromNumeric(target->host, 0).family() == ZnSocketAddress::Family::IPv6;
+        if (!isAddress || hostEnd == authority.size() || (!portText.empty() && !portText.starts_with(':')))
+            return false;
+    }
+    if (!portText.empty()) {
         bool isNumber = false;
-        const int port = ZnString(authority.substr(colonAt + 1)).toInt(&isNumber);
+        const int port = ZnString(portText.substr(1)).toInt(&isNumber);
         if (!isNumber || port < 1 || port > std::numeric_limits<std::uint16_t>::max())
             return false;
         target->port = static_cast<std::uint16_t>(port);
@@ -192,7 +201,7 @@ ZnString ZnHttpClient::buildRequest_() const {
     ZnString head(methodText(method_));
     head.append(" ").append(target_.path.view()).append(" HTTP/1.1\r\n");
     if (!hasHeader_("host")) {
-        ZnString host = target_.host;
+        ZnString host = target_.host.contains(":") ? "[" + target_.host + "]" : target_.host;
         if (target_.port != (target_.useTls() ? 443 : 80))
             host.append(":").append(ZnString::number(target_.port).view());
         appendHeader(&head, "Host", host.view());

@@ -54,7 +54,7 @@ public:
 
     /// Begins a request, after an abort of the one before. Parks the calling fiber while a name is resolved. Returns
     /// whether the connection attempt has begun; when not, a signal has said why unless it was aborted.
-    /// `url`: http:// or https://, without user information, IPv6 literals and control characters.
+    /// `url`: http:// or https://, without user information and control characters; an IPv6 address stands in brackets.
     bool request(int method, const ZnString& url, ZnByteArray body, const ZnString& contentType);
     /// Ends the request without a signal and forgets the result.
     void abort();

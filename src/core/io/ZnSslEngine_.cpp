@@ -1,6 +1,7 @@
 #include "core/io/ZnSslEngine_.h"
 
 #include "core/platform/ZnSocketError.h"
+#include "core/platform/ZnSocketHandle.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -42,7 +43,9 @@ bool ZnSslEngine_::initClient(const ZnString& host, std::uint64_t socketHandle, 
         return false;
     if (api_->SSL_set1_host(ssl_, host.data()) != 1)
         return fail_("SSL_set1_host failed");
-    if (api_->SSL_ctrl != nullptr)
+    // An address is verified like a name, but the extension is for names alone.
+    const bool isName = ZnSocketAddress::fromNumeric(host, 0).family() == ZnSocketAddress::Family::None;
+    if (api_->SSL_ctrl != nullptr && isName)
         api_->SSL_ctrl(ssl_, SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name, const_cast<char*>(host.data()));
     if (api_->SSL_set_connect_state != nullptr)
         api_->SSL_set_connect_state(ssl_);
@@ -79,7 +82,22 @@ bool ZnSslEngine_::attachSocket_(std::uint64_t socketHandle) {
         return fail_("Socket handle out of range for SSL_set_fd");
     if (api_->SSL_set_fd(ssl_, static_cast<int>(socketHandle)) != 1)
         return fail_("SSL_set_fd failed");
+    countParts_();
     return true;
+}
+
+/// One SSL_read goes through everything that OpenSSL holds already, which may be hundreds of key updates: how often it
+/// has been called tells nothing of the work.
+void ZnSslEngine_::countParts_() {
+    if (api_->SSL_callback_ctrl == nullptr || api_->SSL_ctrl == nullptr)
+        return;
+    api_->SSL_ctrl(ssl_, SSL_CTRL_SET_MSG_CALLBACK_ARG, 0, this);
+    api_->SSL_callback_ctrl(ssl_, SSL_CTRL_SET_MSG_CALLBACK, reinterpret_cast<void (*)()>(&ZnSslEngine_::onPart_));
+}
+
+void ZnSslEngine_::onPart_(int isWritten, int, int contentType, const void*, std::size_t, SSL*, void* engine) {
+    if (isWritten == 0 && (contentType == SSL3_RT_HEADER || contentType == SSL3_RT_HANDSHAKE))
+        ++static_cast<ZnSslEngine_*>(engine)->receivedPartCount_;
 }
 
 bool ZnSslEngine_::fail_(const ZnString& errorText) {
@@ -89,14 +107,24 @@ bool ZnSslEngine_::fail_(const ZnString& errorText) {
 
 ZnSslEngine_::Outcome ZnSslEngine_::handshake() {
     begin_();
-    return classify_(api_->SSL_do_handshake(ssl_));
+    const Outcome outcome = classify_(api_->SSL_do_handshake(ssl_));
+    partCountAtData_ = receivedPartCount_;
+    return outcome;
 }
 
 ZnSslEngine_::Outcome ZnSslEngine_::read(char* buffer, std::size_t capacity, std::size_t* byteCount) {
     begin_();
     const int result = api_->SSL_read(ssl_, buffer, intSize(capacity));
     *byteCount = result > 0 ? static_cast<std::size_t>(result) : 0;
-    return result > 0 ? Outcome::None : classify_(result);
+    const bool isFlood = receivedPartCount_ - partCountAtData_ > kMaxPartsWithoutData;
+    if (result > 0)
+        partCountAtData_ = receivedPartCount_;
+    const Outcome outcome = result > 0 ? Outcome::None : classify_(result);
+    if (!isFlood || outcome == Outcome::Failure)
+        return outcome;
+    *byteCount = 0;
+    fail_("too many messages of the protocol without data");
+    return Outcome::Failure;
 }
 
 ZnSslEngine_::Outcome ZnSslEngine_::write(const char* bytes, std::size_t size, std::size_t* byteCount) {
@@ -104,6 +132,14 @@ ZnSslEngine_::Outcome ZnSslEngine_::write(const char* bytes, std::size_t size, s
     const int result = api_->SSL_write(ssl_, bytes, intSize(size));
     *byteCount = result > 0 ? static_cast<std::size_t>(result) : 0;
     return result > 0 ? Outcome::None : classify_(result);
+}
+
+void ZnSslEngine_::acceptEndWithoutAlert(bool accept) {
+#if defined(SSL_OP_IGNORE_UNEXPECTED_EOF)
+    const auto change = accept ? api_->SSL_set_options : api_->SSL_clear_options;
+    if (change != nullptr)
+        change(ssl_, SSL_OP_IGNORE_UNEXPECTED_EOF);
+#endif
 }
 
 void ZnSslEngine_::shutdown() {
@@ -132,7 +168,10 @@ ZnSslEngine_::Outcome ZnSslEngine_::classify_(int result) {
     case SSL_ERROR_WANT_WRITE:
         return Outcome::WantWrite;
     case SSL_ERROR_ZERO_RETURN:
-        return Outcome::Closed;
+        // Behind the peer's close alert OpenSSL gives this for every failure of the socket as well.
+        if (errnoValue == 0 || errnoValue == EAGAIN)
+            return Outcome::Closed;
+        break;
     default:
         break;
     }

@@ -27,21 +27,34 @@ public:
     /// Prepares the server's side. False with the reason in lastError().
     bool initServer(std::shared_ptr<const ZnSslServerContext> serverContext, std::uint64_t socketHandle);
 
+    /// More records and messages of the protocol's own (key updates, session tickets, a renegotiation) than this, with
+    /// no data between them, are a Failure of the read that finds them: they cost much and bring nothing.
+    static constexpr unsigned kMaxPartsWithoutData = 64;
+
     // After None the operation is done; the byte counts are above 0. After Failure lastError() tells the reason.
     Outcome handshake();
     Outcome read(char* buffer, std::size_t capacity, std::size_t* byteCount);
     Outcome write(const char* bytes, std::size_t size, std::size_t* byteCount);
+    /// Whether an end of input without the peer's close alert is Closed too, and not a Failure behind which nothing can
+    /// be written any more. Without effect where OpenSSL has no such choice.
+    void acceptEndWithoutAlert(bool accept);
     /// Tells the peer that nothing more comes; does not wait for its answer.
     void shutdown();
 
     /// Whether the last operation ended because the socket had nothing more. After a WantRead without this there may
     /// be more: OpenSSL stops behind a message of the protocol's own, such as a key update.
     bool socketWasDrained() const noexcept { return socketWasDrained_; }
+    /// Records, and messages of the protocol in them, that have come so far: the work that a peer makes. Stays 0 where
+    /// OpenSSL has no function for it.
+    unsigned receivedPartCount() const noexcept { return receivedPartCount_; }
     const ZnString& lastError() const noexcept { return lastError_; }
 
 private:
     bool bind_();
     bool attachSocket_(std::uint64_t socketHandle);
+    void countParts_();
+    static void onPart_(int isWritten, int version, int contentType, const void* bytes, std::size_t byteCount, SSL* ssl,
+                        void* engine);
     bool fail_(const ZnString& errorText);
     void begin_() const;
     Outcome classify_(int result);
@@ -52,5 +65,7 @@ private:
     std::shared_ptr<const ZnSslServerContext> serverContext_;    // null on the client's side
     SSL* ssl_ = nullptr;
     bool socketWasDrained_ = false;
+    unsigned receivedPartCount_ = 0;
+    unsigned partCountAtData_ = 0; // when data, or the end of the handshake, came last
     ZnString lastError_;
 };

@@ -13,6 +13,11 @@ constexpr std::size_t kRecordBytes = 16384;
 /// One run of the pump moves at most this much in one direction, and a reader that does not read stops the input here.
 constexpr std::size_t kMaxPlainBytes = ZnTcpSocket::kReadBudgetBytes;
 constexpr int kMaxStepsPerRun = 4;
+/// And receives at most about this many records and messages of the protocol: small ones cost much for what they bring.
+constexpr unsigned kMaxPartsPerRun = 128;
+constexpr int kMaxReadsPerRun = 128;
+/// After a run that has brought nothing, although there was more.
+constexpr int kFruitlessDelayMs = 2;
 
 // Shared by all sockets of a thread: its content is used up before anything that could park.
 thread_local char recordBuffer[kRecordBytes];
@@ -34,8 +39,6 @@ bool ZnSslSocket::connectToHostEncrypted(const ZnString& host, unsigned short po
     // The wish is noted when nothing can cancel it any more: what follows must not go on without TLS.
     if (!self || hasHandle_())
         return false; // a receiver has deleted it, or uses it for something else
-    if (peerHostName_.isEmpty())
-        peerHostName_ = hostCopy;
     startOnConnect_ = keepStartOnConnect_ = true;
     return connectToHost(hostCopy, port);
 }
@@ -79,6 +82,7 @@ void ZnSslSocket::beginHandshake_() {
     phase_ = Phase_::Handshaking;
     settle_();
     readReady_ = writeReady_ = true;
+    readWantsRoom_ = writeWantsRoom_ = false;
     plainBuffer_.release();
     schedulePump_();
 }
@@ -87,7 +91,7 @@ void ZnSslSocket::close() {
     if (!std::exchange(keepStartOnConnect_, false))
         startOnConnect_ = false;
     ++connectionSerial_;
-    insideDelivery_ = insideWriteFinished_ = readHasFailed_ = false;
+    insideDelivery_ = insideWriteFinished_ = readHasFailed_ = closeAnnounced_ = false;
     readReady_ = writeReady_ = false;
     phase_ = Phase_::Plain;
     settle_();
@@ -95,6 +99,12 @@ void ZnSslSocket::close() {
     if (const std::unique_ptr<ZnSslEngine_> engine = std::move(engine_))
         engine->shutdown();
     ZnTcpSocket::close();
+}
+
+void ZnSslSocket::setHoldOnPeerClose(bool hold) {
+    if (engine_ && phase_ == Phase_::Encrypted)
+        engine_->acceptEndWithoutAlert(hold);
+    ZnTcpSocket::setHoldOnPeerClose(hold);
 }
 
 // --- readiness
@@ -111,6 +121,7 @@ bool ZnSslSocket::onWriteReady_() {
     if (phase_ == Phase_::Plain)
         return ZnTcpSocket::onWriteReady_();
     writeReady_ = true;
+    readWantsRoom_ = writeWantsRoom_ = false;
     pump_();
     return true;
 }
@@ -135,10 +146,10 @@ bool ZnSslSocket::canFinishClose_() const {
 // --- the pump
 
 /// For what must not happen now, under a caller that does not expect a signal, or would take too long.
-void ZnSslSocket::schedulePump_() {
+void ZnSslSocket::schedulePump_(int delayMs) {
     if (std::exchange(pumpScheduled_, true))
         return;
-    ZnTimer::singleShot(0, [self = ZnPointer<ZnSslSocket>(this)] {
+    ZnTimer::singleShot(delayMs, [self = ZnPointer<ZnSslSocket>(this)] {
         if (!self)
             return;
         self->pumpScheduled_ = false;
@@ -160,7 +171,7 @@ void ZnSslSocket::pump_() {
         }
         news = run_(operation);
         if (news == News_::None && operation == Operation_::Read && canRead_()) {
-            schedulePump_(); // it was stopped: the others have their turn
+            schedulePump_(kFruitlessDelayMs); // it was stopped: the others have their turn
             return;
         }
     }
@@ -171,7 +182,8 @@ void ZnSslSocket::pump_() {
 }
 
 /// A pending operation is repeated when the socket is ready for it; a write may pass a pending read, and a read a
-/// pending write, since each has a buffer of its own in OpenSSL.
+/// pending write, since each has a buffer of its own in OpenSSL. Not when it wants room to write as well: the two would
+/// pass each other for as long as there is none.
 ZnSslSocket::Operation_ ZnSslSocket::nextOperation_() const {
     if (!engine_ || !hasHandle_() || phase_ == Phase_::Plain || phase_ == Phase_::Failed)
         return Operation_::None;
@@ -183,7 +195,7 @@ ZnSslSocket::Operation_ ZnSslSocket::nextOperation_() const {
     case Operation_::Read:
         if (hasWantedIo_() && plainBuffer_.size() < kMaxPlainBytes)
             return Operation_::Read;
-        return writeBuffer_.isEmpty() ? Operation_::None : Operation_::Write;
+        return canWrite_() ? Operation_::Write : Operation_::None;
     case Operation_::Write:
         if (hasWantedIo_())
             return Operation_::Write;
@@ -191,12 +203,16 @@ ZnSslSocket::Operation_ ZnSslSocket::nextOperation_() const {
     default:
         if (canRead_())
             return Operation_::Read;
-        return writeBuffer_.isEmpty() ? Operation_::None : Operation_::Write;
+        return canWrite_() ? Operation_::Write : Operation_::None;
     }
 }
 
 bool ZnSslSocket::canRead_() const {
-    return readReady_ && plainBuffer_.size() < kMaxPlainBytes;
+    return readReady_ && !readWantsRoom_ && plainBuffer_.size() < kMaxPlainBytes;
+}
+
+bool ZnSslSocket::canWrite_() const {
+    return !writeBuffer_.isEmpty() && !writeWantsRoom_;
 }
 
 bool ZnSslSocket::hasWantedIo_() const {
@@ -224,6 +240,7 @@ ZnSslSocket::News_ ZnSslSocket::doHandshake_() {
         return News_::HandshakeFailed;
     settle_();
     phase_ = Phase_::Encrypted;
+    engine_->acceptEndWithoutAlert(holdsOnPeerClose_());
     // The peer's first bytes may have come with its last message, and no further event tells of them.
     readReady_ = true;
     return News_::Encrypted;
@@ -233,8 +250,10 @@ ZnSslSocket::News_ ZnSslSocket::doRead_() {
     if (readHasFailed_)
         return News_::ReadFailed;
     bool dataCame = false;
-    for (;;) {
-        if (plainBuffer_.size() >= kMaxPlainBytes) {
+    const unsigned firstPart = engine_->receivedPartCount();
+    for (int readCount = 0;; ++readCount) {
+        const bool isLong = readCount == kMaxReadsPerRun || engine_->receivedPartCount() - firstPart >= kMaxPartsPerRun;
+        if (isLong || plainBuffer_.size() >= kMaxPlainBytes) {
             settle_();
             readReady_ = true; // the rest comes in another run
             break;
@@ -253,6 +272,8 @@ ZnSslSocket::News_ ZnSslSocket::doRead_() {
             readHasFailed_ = true; // many peers close without an alert: what they have sent counts
             return dataCame || !plainBuffer_.isEmpty() ? News_::DataCame : News_::ReadFailed;
         }
+        if (outcome == Outcome::WantRead && !engine_->socketWasDrained())
+            continue; // OpenSSL stops behind a message of the protocol
         if (outcome == Outcome::Closed) {
             settle_();
             readReady_ = false;
@@ -275,6 +296,7 @@ ZnSslSocket::News_ ZnSslSocket::doWrite_() {
         countSent_(byteCount);
         sentBytes += byteCount;
         writeBuffer_.consumeFront(byteCount);
+        readWantsRoom_ = false; // there was some
         if (writeBuffer_.isEmpty()) {
             writeBuffer_.release(); // an idle connection keeps no memory
             settle_();
@@ -305,6 +327,8 @@ void ZnSslSocket::repeatLater_(Operation_ operation, Outcome outcome) {
     } else {
         wantIo_ = WantIo_::WantWrite;
         writeReady_ = false;
+        (operation == Operation_::Read ? readWantsRoom_ : writeWantsRoom_) = true;
+        readReady_ = readReady_ || operation == Operation_::Read; // to be repeated, also behind a write that passes it
         expectWriteEvent_();
     }
 }
@@ -356,7 +380,8 @@ void ZnSslSocket::announce_(News_ news) {
 void ZnSslSocket::deliver_() {
     const ZnPointer<ZnSslSocket> self(this);
     const unsigned serial = connectionSerial_;
-    if (!plainBuffer_.isEmpty()) {
+    const bool tellsClose = remoteClosed_ && holdsOnPeerClose_() && !std::exchange(closeAnnounced_, true);
+    if (!plainBuffer_.isEmpty() || tellsClose) {
         insideDelivery_ = true;
         readyRead();
         if (!self || serial != connectionSerial_)
@@ -433,7 +458,7 @@ void ZnSslSocket::flushWrites_() {
     // At once, unless a read would have to come first: a caller of write does not expect readyRead. Nor from inside
     // writeFinished, where a chain of writes would use up the stack.
     const bool canWriteNow = phase_ == Phase_::Encrypted && pendingOp_ != Operation_::Write && !readHasFailed_ &&
-                             wantIo_ != WantIo_::WantWrite && !insideWriteFinished_ && !writeBuffer_.isEmpty();
+                             wantIo_ != WantIo_::WantWrite && !insideWriteFinished_ && canWrite_();
     if (!canWriteNow) {
         schedulePump_();
         return;

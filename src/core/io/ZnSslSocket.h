@@ -45,6 +45,8 @@ public:
     ZnString read(long long maxBytes) override;
     std::size_t readInto(char* buffer, std::size_t capacity) override;
     bool connectToHost(const ZnString& host, unsigned short port) override;
+    /// A held connection takes an end of input without a close alert for one with it: what is due can still go out.
+    void setHoldOnPeerClose(bool hold) override;
 
     // Signals.
     void encrypted();                                // right behind `connected`
@@ -67,10 +69,11 @@ private:
     enum class News_ { None, Encrypted, DataCame, WritesDone, HandshakeFailed, ReadFailed, WriteFailed };
 
     void beginHandshake_();
-    void schedulePump_();
+    void schedulePump_(int delayMs = 0);
     void pump_();
     Operation_ nextOperation_() const;
     bool canRead_() const;
+    bool canWrite_() const;
     bool hasWantedIo_() const;
     News_ run_(Operation_ operation);
     News_ doHandshake_();
@@ -95,10 +98,13 @@ private:
     bool keepStartOnConnect_ = false;         // for one close(): the one that begins a connectToHost
     bool readReady_ = false;                  // there may be input, at the socket or inside OpenSSL
     bool writeReady_ = false;                 // there may be room at the socket
+    bool readWantsRoom_ = false;              // a read wanted to write, and the socket has had no room since
+    bool writeWantsRoom_ = false;             // a write
     bool pumpScheduled_ = false;
     unsigned connectionSerial_ = 0;           // tells a frame that was parked that the connection is another one
     bool insideDelivery_ = false;             // a receiver of readyRead runs
     bool insideWriteFinished_ = false;        // a receiver of that one runs
     bool readHasFailed_ = false;              // to be announced when what came before has been read
+    bool closeAnnounced_ = false;             // readyRead has told a holder of the peer's close
     ZnByteArray plainBuffer_;                 // decrypted, not read yet; at most about kMaxPlainBytes
 };

@@ -6,6 +6,8 @@
 #include "core/runtime/ZnTimer.h"
 #include "core/types/ZnLogger.h"
 
+#include <algorithm>
+
 namespace {
 
 constexpr const char* kCategory = "zn.core.io.zntcpserver";
@@ -13,6 +15,7 @@ constexpr const char* kCategory = "zn.core.io.zntcpserver";
 constexpr int kAcceptsPerEvent = 64;
 /// How long the listener rests when the process has run out of descriptors or memory.
 constexpr int kBackOffMs = 100;
+constexpr int kMaxPortTries = 10;
 constexpr long long kReportIntervalNs = 1000000000LL;
 
 using Family = ZnSocketAddress::Family;
@@ -23,25 +26,31 @@ ZnString normalizeBindAddress(const ZnString& text) {
     return isBracketed ? ZnString(trimmed.view().substr(1, trimmed.size() - 2)) : trimmed;
 }
 
-/// The address to bind for a normalized host; family None when there is none.
-ZnSocketAddress resolveBindAddress(const ZnString& host, unsigned short port, bool* dualStack) {
-    const bool isWildcard = host.isEmpty() || host == "::";
-    const Family asked = host.contains(":")   ? Family::IPv6
-                         : host.contains(".") ? Family::IPv4
-                                              : Family::None;
-    const Family wanted = asked == Family::None && isWildcard ? Family::IPv6 : asked;
-    ZnSocketAddress chosen = ZnSocketAddress::fromNumeric(host, port);
-    if (chosen.family() == Family::None) {
-        for (const ZnSocketAddress& address : ZnResolver::resolvePassive(host, asked, port)) {
-            const bool isWanted = address.family() == wanted;
-            if (chosen.family() == Family::None || isWanted)
-                chosen = address;
-            if (isWanted)
-                break;
-        }
+bool isWildcard(const ZnString& host) {
+    return host.isEmpty() || host == "::";
+}
+
+/// The addresses to bind for a normalized host: all of a name, one of a wildcard or a number. Empty: there is none.
+ZnResolver::Result resolveBindAddresses(const ZnString& host, unsigned short port) {
+    const ZnSocketAddress numeric = ZnSocketAddress::fromNumeric(host, port);
+    if (numeric.family() != Family::None)
+        return {numeric};
+    ZnResolver::Result addresses;
+    for (const ZnSocketAddress& address : ZnResolver::resolvePassive(host, port)) {
+        const auto isSame = [&](const ZnSocketAddress& other) { return other.text() == address.text(); };
+        if (std::none_of(addresses.begin(), addresses.end(), isSame)) // the hosts file may give one twice
+            addresses.push_back(address);
     }
-    *dualStack = chosen.family() == Family::IPv6 && isWildcard;
-    return chosen;
+    if (!host.isEmpty() || addresses.empty())
+        return addresses;
+    const auto isIPv6 = [](const ZnSocketAddress& address) { return address.family() == Family::IPv6; };
+    const auto ofBothFamilies = std::find_if(addresses.begin(), addresses.end(), isIPv6);
+    return {ofBothFamilies != addresses.end() ? *ofBothFamilies : addresses.front()};
+}
+
+/// The system knows no such address of its own, or not even the family: the others of a name serve without it.
+bool isForeign(int error) {
+    return error == ZnSocketError::kAddressNotAvailable || error == ZnSocketError::kFamilyNotSupported;
 }
 
 } // namespace
@@ -59,89 +68,112 @@ bool ZnTcpServer::listen(const ZnString& address, unsigned short port) {
     if (isListening() && localPort_ == port && boundHost_ == host)
         return true;
     close();
-    bool dualStack = false;
-    const ZnSocketAddress bindAddress = resolveBindAddress(host, port, &dualStack);
-    if (bindAddress.family() == Family::None) {
+    const ZnResolver::Result addresses = resolveBindAddresses(host, port);
+    if (addresses.empty()) {
         ZN_LOG_ERROR(kCategory, "ZnTcpServer::listen") << "invalid bind address: " << address;
         return false;
     }
-    if (!openListener_(bindAddress, dualStack) || !watchListener_()) {
+    // A port that the system has chosen for the first address may be taken at another one.
+    int error = ZnSocketError::kAddressInUse;
+    const int maxTries = port == 0 && addresses.size() > 1 ? kMaxPortTries : 1;
+    for (int tryCount = 0; tryCount < maxTries && error == ZnSocketError::kAddressInUse; ++tryCount) {
+        close();
+        error = listenOnAll_(addresses, isWildcard(host));
+    }
+    if (error != 0) {
+        ZN_LOG_ERROR(kCategory, "ZnTcpServer::listen") << failedStep_ << " failed: " << error;
         close();
         return false;
     }
     boundHost_ = host;
-    const ZnSocketAddress local = handle_->localAddress();
-    localAddress_ = local.text();
-    localPort_ = local.port();
     return true;
 }
 
-bool ZnTcpServer::openListener_(const ZnSocketAddress& bindAddress, bool dualStack) {
+int ZnTcpServer::listenOnAll_(const ZnResolver::Result& addresses, bool isDualStack) {
     int error = 0;
-    handle_ = ZnSocketHandle::open(bindAddress.family(), &error);
-    if (!handle_) {
-        ZN_LOG_ERROR(kCategory, "ZnTcpServer::createListenSocket_") << "WSASocket failed: " << error;
-        return false;
+    for (const ZnSocketAddress& address : addresses) {
+        const int result = listenOn_(localPort_ == 0 ? address : address.withPort(localPort_), isDualStack);
+        if (result != 0 && !isForeign(result))
+            return result;
+        error = error == 0 ? result : error;
     }
-    if (bindAddress.family() == Family::IPv6)
-        handle_->setDualStack(dualStack); // refused: the socket serves IPv6 alone
-    const char* step = "";
-    error = handle_->bindAndListen(bindAddress, &step);
-    if (error != 0)
-        ZN_LOG_ERROR(kCategory, "ZnTcpServer::bindResolvedAddress_") << step << " failed: " << error;
-    return error == 0;
+    return isListening() ? 0 : error;
 }
 
-bool ZnTcpServer::watchListener_() {
+int ZnTcpServer::listenOn_(const ZnSocketAddress& address, bool isDualStack) {
+    int error = 0;
+    failedStep_ = "WSASocket";
+    const std::shared_ptr<ZnSocketHandle> handle = ZnSocketHandle::open(address.family(), &error);
+    if (!handle)
+        return error;
+    if (address.family() == Family::IPv6)
+        handle->setDualStack(isDualStack); // refused: the socket serves IPv6 alone
+    error = handle->bindAndListen(address, &failedStep_);
+    if (error != 0)
+        return error;
+    const unsigned long long waitId = watch_(handle);
+    if (waitId == 0) {
+        failedStep_ = "watch";
+        return ZnSocketError::kNoBufferSpace;
+    }
+    if (!isListening()) {
+        const ZnSocketAddress local = handle->localAddress();
+        localAddress_ = local.text();
+        localPort_ = local.port();
+    }
+    listeners_.push_back({handle, waitId});
+    return 0;
+}
+
+unsigned long long ZnTcpServer::watch_(const std::shared_ptr<ZnSocketHandle>& handle) {
     ZnCoreApplication* application = ZnCoreApplication::instance();
     if (application == nullptr)
-        return false;
-    waitId_ = application->ioDispatcher().watchHandle(handle_, [self = ZnPointer<ZnTcpServer>(this)](unsigned) {
+        return 0;
+    const ZnPointer<ZnTcpServer> self(this);
+    return application->ioDispatcher().watchHandle(handle, [self, handle](unsigned) {
         if (self)
-            self->onCheckEvents_();
+            self->onCheckEvents_(handle);
     });
-    return waitId_ != 0;
 }
 
 void ZnTcpServer::close() {
     ZnCoreApplication* application = ZnCoreApplication::instance();
-    if (waitId_ != 0 && application != nullptr)
-        application->ioDispatcher().unwatch(waitId_);
-    waitId_ = 0;
-    if (handle_)
-        handle_->closeDescriptor();
-    handle_.reset();
+    for (const Listener_& listener : std::exchange(listeners_, {})) {
+        if (application != nullptr)
+            application->ioDispatcher().unwatch(listener.waitId);
+        listener.handle->closeDescriptor();
+    }
     localPort_ = 0;
     localAddress_.clear();
     boundHost_.clear();
 }
 
-void ZnTcpServer::onCheckEvents_() {
-    if (!handle_ || (handle_->takeEvents().mask & ZnNetworkEvents::kAccept) == 0 || backingOff_)
+void ZnTcpServer::onCheckEvents_(const std::shared_ptr<ZnSocketHandle>& watched) {
+    const std::shared_ptr<ZnSocketHandle> handle = watched; // a receiver may close or delete this server
+    if ((handle->takeEvents().mask & ZnNetworkEvents::kAccept) == 0 || backingOff_)
         return;
     const ZnPointer<ZnTcpServer> self(this);
-    const std::shared_ptr<ZnSocketHandle> listener = handle_; // a receiver may close or delete this server
     for (int accepted = 0; accepted < kAcceptsPerEvent; ++accepted) {
         int error = 0;
-        std::shared_ptr<ZnSocketHandle> handle = listener->accept(&error);
-        if (!handle) {
+        std::shared_ptr<ZnSocketHandle> connection = handle->accept(&error);
+        if (!connection) {
             if (error != ZnSocketError::kWouldBlock)
                 backOff_(error);
             return;
         }
-        acceptDescriptor_(std::move(handle));
-        if (!self || handle_ != listener)
+        acceptDescriptor_(std::move(connection));
+        if (!self || handle->descriptor() < 0)
             return;
     }
     acceptAgain_(); // there may be more
 }
 
 void ZnTcpServer::acceptAgain_() {
-    if (!handle_)
-        return;
-    handle_->noteReady(ZnReadiness::kInput);
-    if (ZnCoreApplication* application = ZnCoreApplication::instance())
-        application->ioDispatcher().signal(waitId_);
+    for (const Listener_& listener : listeners_) {
+        listener.handle->noteReady(ZnReadiness::kInput);
+        if (ZnCoreApplication* application = ZnCoreApplication::instance())
+            application->ioDispatcher().signal(listener.waitId);
+    }
 }
 
 void ZnTcpServer::backOff_(int error) {

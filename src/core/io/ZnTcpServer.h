@@ -3,8 +3,9 @@
 #include "core/io/ZnTcpSocket.h"
 
 #include <deque>
+#include <vector>
 
-/// One listening socket; queues a socket object per accepted connection.
+/// Listens on an address, or on all addresses of a name; queues a socket object per accepted connection.
 ///
 /// Thread: the owning thread. Owner of a queued socket: whoever takes it with nextPendingConnection; sockets
 /// that nobody took are deleted with the server.
@@ -16,14 +17,16 @@ public:
     explicit ZnTcpServer(ZnObject* parent = nullptr);
     ~ZnTcpServer() override;
 
-    /// Binds and listens; port 0 lets the system choose. An empty address or "::" serves both families.
+    /// Binds and listens; port 0 lets the system choose. An empty address or "::" serves both families, a name all its
+    /// addresses that this machine has, with one port. Blocks the thread while a name is resolved.
     virtual bool listen(const ZnString& address, unsigned short port);
     /// Stops listening; queued sockets stay queued.
     void close();
-    bool isListening() const noexcept { return handle_ != nullptr; }
+    bool isListening() const noexcept { return !listeners_.empty(); }
     /// The oldest accepted socket, or null. The caller owns it.
     virtual ZnTcpSocket* nextPendingConnection();
     unsigned short localPort() const noexcept { return localPort_; }
+    /// The first address of a name.
     const ZnString& localAddress() const noexcept { return localAddress_; }
 
     void newConnection(); // signal, once per accepted connection
@@ -38,15 +41,22 @@ protected:
     std::deque<ZnTcpSocket*> pending_; // oldest first
 
 private:
-    bool openListener_(const ZnSocketAddress& bindAddress, bool dualStack);
-    bool watchListener_();
-    void onCheckEvents_();
+    struct Listener_ {
+        std::shared_ptr<ZnSocketHandle> handle;
+        unsigned long long waitId; // registration in the I/O dispatcher
+    };
+
+    // Both give 0 or a socket error number, and failedStep_ with it.
+    int listenOnAll_(const ZnResolver::Result& addresses, bool isDualStack);
+    int listenOn_(const ZnSocketAddress& address, bool isDualStack);
+    unsigned long long watch_(const std::shared_ptr<ZnSocketHandle>& handle);
+    void onCheckEvents_(const std::shared_ptr<ZnSocketHandle>& watched);
     void acceptDescriptor_(std::shared_ptr<ZnSocketHandle> handle);
     void acceptAgain_();
     void backOff_(int error);
 
-    std::shared_ptr<ZnSocketHandle> handle_; // null: not listening
-    unsigned long long waitId_ = 0;
+    std::vector<Listener_> listeners_; // one per address; empty: not listening
+    const char* failedStep_ = "";
     unsigned short localPort_ = 0;
     ZnString localAddress_;
     ZnString boundHost_; // as asked for, without brackets

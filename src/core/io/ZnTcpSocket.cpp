@@ -46,6 +46,8 @@ ZnTcpSocket::ZnTcpSocket(ZnObject* parent) : ZnAbstractSocket(parent) {}
 
 ZnTcpSocket::~ZnTcpSocket() {
     ZnTcpSocket::close();
+    state_ = SocketState::Unconnected; // in silence: a receiver may have connected it anew
+    ZnTcpSocket::close();
 }
 
 // --- readiness
@@ -65,7 +67,7 @@ void ZnTcpSocket::onNetworkEvents_() {
     if (!handle_)
         return;
     const EventScope_ scope(*this);
-    if (!handleEvents_(handle_->takeEvents(), scope))
+    if (!handleEvents_(handle_->takeEvents(), scope) || failWhenGone_(scope))
         return;
     finishPeerClose_();
     if (scope.stillValid() && stoppedBeforeEnd_)
@@ -95,16 +97,29 @@ bool ZnTcpSocket::handleEvents_(const ZnNetworkEvents& events, const EventScope_
 }
 
 bool ZnTcpSocket::onConnectEvent_(int error, const EventScope_& scope) {
-    bool goOn = false;
-    if (error != 0)
-        errorOccurred(error);
-    else
-        goOn = onConnectReady_();
+    if (error != 0) {
+        onAttemptFailed_(error, scope);
+        return false;
+    }
+    const bool goesOn = onConnectReady_();
     if (!scope.stillValid())
         return false;
-    if (!goOn)
+    if (!goesOn)
         close();
-    return goOn;
+    return goesOn;
+}
+
+/// Nothing else would end a held connection whose peer is gone: there may be nobody who reads or writes.
+bool ZnTcpSocket::failWhenGone_(const EventScope_& scope) {
+    if (!holdOnPeerClose_ || !remoteClosed_ || stoppedBeforeEnd_)
+        return false;
+    const int error = handle_->failure();
+    if (error == 0)
+        return false;
+    errorOccurred(error);
+    if (scope.stillValid())
+        close();
+    return true;
 }
 
 void ZnTcpSocket::requestAnotherRead_() {
@@ -141,8 +156,15 @@ bool ZnTcpSocket::canFinishClose_() const {
 
 void ZnTcpSocket::finishPeerClose_() {
     // A reader that was stopped before the end gets the rest first: the close comes when it has found the end.
-    if (remoteClosed_ && !stoppedBeforeEnd_ && canFinishClose_() && state_ != SocketState::Unconnected)
+    if (remoteClosed_ && !holdOnPeerClose_ && !stoppedBeforeEnd_ && canFinishClose_() &&
+        state_ != SocketState::Unconnected)
         close();
+}
+
+void ZnTcpSocket::setHoldOnPeerClose(bool hold) {
+    holdOnPeerClose_ = hold;
+    if (!hold && !insideEvents_) // else at the event's end
+        finishPeerClose_();
 }
 
 void ZnTcpSocket::expectWriteEvent_() {
@@ -156,31 +178,21 @@ bool ZnTcpSocket::connectToHost(const ZnString& host, unsigned short port) {
     const ZnPointer<ZnTcpSocket> self(this);
     const ZnString hostCopy = host; // the caller's text may go while this fiber is parked
     close();
-    if (!self)
-        return false;
-    const std::optional<ZnResolver::Result> addresses = resolveHost_(hostCopy, port);
+    if (!self || isInUse_())
+        return false; // a receiver has deleted it, or uses it for something else
+    std::optional<ZnResolver::Result> addresses = resolveHost_(hostCopy, port);
     if (!addresses)
         return false; // not touched any more: closed, reused or deleted in the meantime
-    if (addresses->empty()) {
-        errorOccurred(ZnSocketError::kHostNotFound);
-        return false;
-    }
-    const int error = connectToFirst_(*addresses, port);
-    if (error != 0 && error != ZnSocketError::kWouldBlock && error != ZnSocketError::kInProgress) {
-        errorOccurred(error);
+    untriedAddresses_.assign(addresses->rbegin(), addresses->rend());
+    for (ZnSocketAddress& address : untriedAddresses_)
+        address = address.withPort(port);
+    Attempt_ attempt = tryNextAddress_(ZnSocketError::kHostNotFound);
+    if (!attempt.handle) {
+        errorOccurred(attempt.error);
         return false;
     }
     state_ = SocketState::Connecting;
-    if (!registerWait_()) {
-        close();
-        return false;
-    }
-    if (error != 0)
-        return true;
-    const bool isReady = onConnectReady_();
-    if (!isReady && self)
-        close();
-    return isReady;
+    return follow_(std::move(attempt));
 }
 
 std::optional<ZnResolver::Result> ZnTcpSocket::resolveHost_(const ZnString& host, unsigned short port) {
@@ -192,7 +204,8 @@ std::optional<ZnResolver::Result> ZnTcpSocket::resolveHost_(const ZnString& host
         return ZnResolver::resolveNow(host);
     const auto lookup = std::make_shared<Lookup_>();
     const int waitId = nextFiberWaitId();
-    ZnResolver::resolve(host, [lookup, waitId](const ZnResolver::Result& addresses) {
+    const ZnPointer<ZnTcpSocket> self(this);
+    lookupId_ = ZnResolver::resolve(host, [lookup, waitId](const ZnResolver::Result& addresses) {
         {
             std::lock_guard<std::mutex> guard(lookup->mutex);
             lookup->addresses = addresses;
@@ -200,40 +213,71 @@ std::optional<ZnResolver::Result> ZnTcpSocket::resolveHost_(const ZnString& host
         lookup->answered.store(true, std::memory_order_release);
         unblockFiber(waitId, ZnFiberPool::kFirstLane);
     });
-    const ZnPointer<ZnTcpSocket> self(this);
     const unsigned generation = connectGeneration_;
     resolveWaitId_ = waitId;
     application->fiberPool().yieldCurrent(waitId, &lookup->answered);
     if (!self || generation != connectGeneration_)
         return std::nullopt;
     resolveWaitId_ = 0;
+    ZnResolver::withdraw(std::exchange(lookupId_, 0)); // the wait may have ended without an answer
     std::lock_guard<std::mutex> guard(lookup->mutex);
     return lookup->addresses;
 }
 
-int ZnTcpSocket::connectToFirst_(const ZnResolver::Result& addresses, unsigned short port) {
-    int error = ZnSocketError::kHostNotFound;
-    for (const ZnSocketAddress& address : addresses) {
-        std::shared_ptr<ZnSocketHandle> handle = ZnSocketHandle::open(address.family(), &error);
+/// Goes through the addresses that are left until a connection is under way. Without one: the last failure.
+ZnTcpSocket::Attempt_ ZnTcpSocket::tryNextAddress_(int lastError) {
+    Attempt_ attempt{nullptr, lastError};
+    while (!attempt.handle && !untriedAddresses_.empty()) {
+        const ZnSocketAddress address = untriedAddresses_.back();
+        untriedAddresses_.pop_back();
+        std::shared_ptr<ZnSocketHandle> handle = ZnSocketHandle::open(address.family(), &attempt.error);
         if (!handle)
             continue;
-        error = handle->connect(address.withPort(port));
-        if (error == 0 || error == ZnSocketError::kWouldBlock || error == ZnSocketError::kInProgress) {
-            handle_ = std::move(handle);
-            return error;
-        }
+        attempt.error = handle->connect(address);
+        if (attempt.error == 0 || attempt.error == ZnSocketError::kWouldBlock ||
+            attempt.error == ZnSocketError::kInProgress)
+            attempt.handle = std::move(handle);
     }
-    return error;
+    return attempt;
+}
+
+bool ZnTcpSocket::follow_(Attempt_ attempt) {
+    const ZnPointer<ZnTcpSocket> self(this);
+    handle_ = attempt.handle;
+    const auto isSame = [&] { return self && handle_ == attempt.handle; };
+    bool isAlive = registerWait_();
+    if (!isAlive)
+        errorOccurred(ZnSocketError::kNoBufferSpace);
+    else if (attempt.error == 0)
+        isAlive = onConnectReady_();
+    if (!isAlive && isSame())
+        close();
+    return isAlive;
+}
+
+/// The next address of the name has its chance; only the failure of the last one is told.
+void ZnTcpSocket::onAttemptFailed_(int error, const EventScope_& scope) {
+    Attempt_ next = tryNextAddress_(error);
+    if (next.handle) {
+        dropHandle_();
+        follow_(std::move(next));
+        return;
+    }
+    errorOccurred(next.error);
+    if (scope.stillValid())
+        close();
 }
 
 void ZnTcpSocket::adoptDescriptor(std::shared_ptr<ZnSocketHandle> handle, bool emitConnected) {
     const ZnPointer<ZnTcpSocket> self(this);
     close();
-    if (!self || !handle)
-        return;
-    handle_ = std::move(handle);
+    if (!self || !handle || isInUse_())
+        return; // as in connectToHost
+    handle_ = handle;
     if (!registerWait_()) {
-        close();
+        errorOccurred(ZnSocketError::kNoBufferSpace);
+        if (self && handle_ == handle)
+            close();
         return;
     }
     state_ = SocketState::Connected;
@@ -244,27 +288,34 @@ void ZnTcpSocket::adoptDescriptor(std::shared_ptr<ZnSocketHandle> handle, bool e
 void ZnTcpSocket::close() {
     const SocketState previous = state_;
     ++connectGeneration_;
-    if (resolveWaitId_ != 0)
+    if (resolveWaitId_ != 0) {
+        ZnResolver::withdraw(std::exchange(lookupId_, 0));
         unblockFiber(std::exchange(resolveWaitId_, 0), ZnFiberPool::kFirstLane);
-    ZnCoreApplication* application = ZnCoreApplication::instance();
-    if (waitId_ != 0 && application != nullptr)
-        application->ioDispatcher().unwatch(waitId_);
-    waitId_ = 0;
+    }
     const bool hadHandle = handle_ != nullptr;
-    if (hadHandle)
-        handle_->closeDescriptor(); // the dispatcher may hold the handle a little longer
-    handle_.reset();
+    dropHandle_();
+    untriedAddresses_.clear();
     writeBuffer_.release();
-    remoteClosed_ = false;
-    insideEvents_ = false;
-    stoppedBeforeEnd_ = false;
-    peerAddressText_.clear();
     if (previous == SocketState::Unconnected || !hadHandle)
         return; // without a handle: called from a receiver of the signal below
     const ZnPointer<ZnTcpSocket> self(this);
     disconnected(); // its receivers still see the old state
     if (self && !handle_)
         state_ = SocketState::Unconnected;
+}
+
+void ZnTcpSocket::dropHandle_() {
+    ZnCoreApplication* application = ZnCoreApplication::instance();
+    if (waitId_ != 0 && application != nullptr)
+        application->ioDispatcher().unwatch(waitId_);
+    waitId_ = 0;
+    if (handle_)
+        handle_->closeDescriptor(); // the dispatcher may hold the handle a little longer
+    handle_.reset();
+    remoteClosed_ = false;
+    insideEvents_ = false;
+    stoppedBeforeEnd_ = false;
+    peerAddressText_.clear();
 }
 
 // --- reading

@@ -36,7 +36,7 @@ public:
     /// Sets all three, or none and gives false.
     virtual bool setAllFileTimes(const ZnString& path, long long creation, long long lastAccess,
                                  long long lastWrite) = 0;
-    /// Keeps `value` beside the file under a name; an earlier value is replaced.
+    /// Keeps `value` beside the file under a name; an earlier value is replaced. Makes the file if there is none.
     virtual bool writeMetadata(const ZnString& path, const ZnString& streamName, const ZnString& value) = 0;
     /// The first kMaxMetadataChars characters of the value; empty when there is none.
     virtual ZnString readMetadata(const ZnString& path, const ZnString& streamName) = 0;

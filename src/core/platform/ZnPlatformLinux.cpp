@@ -3,6 +3,7 @@
 #include "core/platform/ZnFileDescriptor.h"
 #include "core/types/ZnLogger.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
@@ -50,12 +51,36 @@ int openFlags(ZnFilePlatform::Access access) {
     return O_RDONLY;
 }
 
+bool writeAll(int to, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t written = ::write(to, bytes.data(), bytes.size());
+        if (written < 0 && errno != EINTR)
+            return false;
+        bytes.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
+    }
+    return true;
+}
+
+int transferThroughMemory(int from, int to) {
+    std::vector<char> buffer(64 * 1024);
+    for (;;) {
+        const ssize_t got = ::read(from, buffer.data(), buffer.size());
+        if (got == 0)
+            return 0;
+        const bool hasFailed = got < 0 ? errno != EINTR : !writeAll(to, {buffer.data(), static_cast<std::size_t>(got)});
+        if (hasFailed)
+            return errno;
+    }
+}
+
 int transferAll(int from, int to) {
     constexpr std::size_t kPassBytes = std::size_t(1) << 30;
     for (;;) {
         const ssize_t moved = ::sendfile(to, from, nullptr, kPassBytes);
         if (moved == 0)
             return 0;
+        if (moved < 0 && (errno == EINVAL || errno == ENOSYS))
+            return transferThroughMemory(from, to); // not every file system can: go on from here
         if (moved < 0 && errno != EINTR)
             return errno;
     }
@@ -108,6 +133,21 @@ bool setTimes(const ZnString& path, timespec lastAccess, timespec lastWrite) {
 /// The name of the extended attribute; empty, which the system refuses, for a name with a NUL byte.
 ZnString attributeName(const ZnString& streamName) {
     return streamName.contains(std::string_view("\0", 1)) ? ZnString() : "user." + streamName;
+}
+
+/// Makes the file if there is none; a failure leaves none behind. Returns an errno value, 0 for success.
+int writeAttribute(const ZnString& path, const ZnString& name, const ZnString& value) {
+    const auto set = [&] {
+        return ::setxattr(path.data(), name.data(), value.data(), value.size(), 0) == 0 ? 0 : errno;
+    };
+    int error = set();
+    if (error != ENOENT)
+        return error;
+    const ZnFileDescriptor made(::open(path.data(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    error = made || errno == EEXIST ? set() : errno;
+    if (error != 0 && made)
+        ::unlink(path.data());
+    return error;
 }
 
 /// The start of a UTF-8 text, cut behind `maxChars` characters.
@@ -318,9 +358,9 @@ bool ZnLinuxFilePlatform::setAllFileTimes(const ZnString& path, long long creati
 }
 
 bool ZnLinuxFilePlatform::writeMetadata(const ZnString& path, const ZnString& streamName, const ZnString& value) {
-    if (::setxattr(systemPath(path).data(), attributeName(streamName).data(), value.data(), value.size(), 0) == 0)
+    const int error = writeAttribute(systemPath(path), attributeName(streamName), value);
+    if (error == 0)
         return true;
-    const int error = errno;
     if (error == ENOTSUP)
         ZN_LOG_WARNING(kCategory, "ZnLinuxFilePlatform::writeMetadata") << "ADS metadata unsupported on this volume";
     else

@@ -6,11 +6,13 @@
 #include <csignal>
 #include <cstring>
 #include <deque>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <sstream>
 #include <sys/socket.h>
 #include <thread>
 
@@ -37,6 +39,22 @@ ZnResolver::Result askSystem(const char* host, int systemFamily, int flags, cons
     return result;
 }
 
+/// Whether the name is one of this machine's own: its lookup asks no name server on a system that is set up as usual.
+bool isLocalName(const ZnString& host) {
+    const std::string name = host.toLower().str();
+    if (name == "localhost" || name.ends_with(".localhost"))
+        return true;
+    std::ifstream hosts("/etc/hosts");
+    for (std::string line; std::getline(hosts, line);) {
+        std::istringstream words(line.substr(0, line.find('#')));
+        std::string word;
+        for (words >> word; words >> word;) // the first is the address
+            if (ZnString(word).equalsIgnoreCase(name))
+                return true;
+    }
+    return false;
+}
+
 /// The lookups that run or wait, and their threads. Lives to the end of the process: a thread that hangs in the
 /// system's lookup cannot be ended.
 class LookupQueue_ {
@@ -46,20 +64,42 @@ public:
         return *queue;
     }
 
-    void add(const ZnString& host, Callback_ callback) {
+    unsigned long long add(const ZnString& host, Callback_ callback) {
         std::unique_lock<std::mutex> lock(mutex_);
-        std::vector<Callback_>& waiting = lookups_[host];
-        waiting.push_back(std::move(callback));
-        if (waiting.size() == 1)
-            queue_.push_back(host); // else under way already
-        // An idle thread that has been woken but has not run yet still counts as idle: compare with what waits.
-        if (queue_.size() > idleThreadCount_ && threadCount_ < ZnResolver::kMaxThreads)
-            startThread_();
-        wakeUp_.notify_one();
-        if (threadCount_ > 0)
+        const unsigned long long id = ++lastId_;
+        hostById_[id] = host;
+        const auto [at, isNew] = lookups_.try_emplace(host);
+        Query_& query = at->second;
+        abandonedCount_ -= query.isRunning && query.waiting.empty() ? 1 : 0;
+        query.waiting.emplace(id, std::move(callback));
+        if (!isNew)
+            return id; // under way already
+        queue_.push_back(host);
+        provideThread_();
+        if (threadCount_ == 0) { // nobody would come to it
+            queue_.pop_back();
+            answer_(lock, host, {});
+        }
+        return id;
+    }
+
+    void withdraw(unsigned long long id) {
+        std::map<unsigned long long, Callback_>::node_type dropped; // its captures go when the lock is free
+        std::lock_guard<std::mutex> guard(mutex_);
+        const auto host = hostById_.extract(id);
+        if (host.empty())
             return;
-        queue_.pop_back(); // nobody would come to it
-        answer_(lock, host, {});
+        const auto at = lookups_.find(host.mapped());
+        dropped = at->second.waiting.extract(id);
+        if (!at->second.waiting.empty())
+            return;
+        if (at->second.isRunning) {
+            ++abandonedCount_;
+            provideThread_();
+        } else {
+            std::erase(queue_, at->first);
+            lookups_.erase(at);
+        }
     }
 
     void setLookup(ZnResolver::Lookup lookup) {
@@ -75,37 +115,84 @@ public:
 private:
     static constexpr std::chrono::seconds kIdleTime_{10};
 
-    void startThread_() {
+    struct Query_ {
+        std::map<unsigned long long, Callback_> waiting; // by id
+        bool isRunning = false;                          // else it is in queue_
+        bool isChecked = false;                          // whether it is a name of this machine
+    };
+
+    std::size_t permittedThreadCount_() const {
+        return ZnResolver::kMaxThreads + std::min(abandonedCount_, ZnResolver::kMaxAbandoned);
+    }
+
+    /// Sees to it that somebody comes to what has been queued.
+    void provideThread_() {
+        // An idle thread that has been woken but has not run yet still counts as idle: compare with what waits.
+        if (queue_.size() > idleThreadCount_) {
+            if (threadCount_ < permittedThreadCount_())
+                threadCount_ += startThread_([this] { run_(); }) ? 1 : 0;
+            else if (!localThreadRuns_)
+                localThreadRuns_ = startThread_([this] { runLocal_(); });
+            else
+                isLocalDue_ = true;
+        }
+        wakeUp_.notify_one();
+    }
+
+    /// False when the system is out of threads: a running one takes the name.
+    template <typename Body> bool startThread_(Body body) {
         // Stop signals are for threads that can serve them at once.
         sigset_t all = {};
         sigset_t previous = {};
         sigfillset(&all);
         ::pthread_sigmask(SIG_SETMASK, &all, &previous);
+        bool hasStarted = true;
         try {
-            std::thread([this] { run_(); }).detach();
-            ++threadCount_;
+            std::thread(body).detach();
         } catch (const std::exception&) {
-            // Out of threads: a running one takes the name.
+            hasStarted = false;
         }
         ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+        return hasStarted;
     }
 
     void run_() {
         std::unique_lock<std::mutex> lock(mutex_);
-        for (;;) {
+        while (threadCount_ <= permittedThreadCount_()) { // else one that was abandoned has come back
             ++idleThreadCount_;
             const bool hasWork = wakeUp_.wait_for(lock, kIdleTime_, [this] { return !queue_.empty(); });
             --idleThreadCount_;
             if (!hasWork)
                 break;
-            serve_(lock);
+            serve_(lock, ZnString(queue_.front()));
         }
         --threadCount_;
     }
 
-    void serve_(std::unique_lock<std::mutex>& lock) {
-        const ZnString host = std::move(queue_.front());
-        queue_.pop_front();
+    /// Looks through the queue for names of this machine.
+    void runLocal_() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        do {
+            isLocalDue_ = false;
+            for (const ZnString& host : std::deque<ZnString>(queue_)) {
+                auto at = lookups_.find(host);
+                if (at == lookups_.end() || at->second.isRunning || std::exchange(at->second.isChecked, true))
+                    continue;
+                lock.unlock();
+                const bool isLocal = isLocalName(host);
+                lock.lock();
+                at = lookups_.find(host);
+                if (isLocal && at != lookups_.end() && !at->second.isRunning)
+                    serve_(lock, host);
+            }
+        } while (isLocalDue_);
+        localThreadRuns_ = false;
+    }
+
+    /// Takes a name out of the queue and looks it up.
+    void serve_(std::unique_lock<std::mutex>& lock, const ZnString& host) {
+        std::erase(queue_, host);
+        lookups_[host].isRunning = true;
         const ZnResolver::Lookup lookup = lookup_;
         lock.unlock();
         const ZnResolver::Result result =
@@ -116,28 +203,38 @@ private:
 
     /// The lock is free while the callbacks run.
     void answer_(std::unique_lock<std::mutex>& lock, const ZnString& host, const ZnResolver::Result& result) {
-        const auto at = lookups_.find(host);
-        const std::vector<Callback_> waiting = std::move(at->second);
-        lookups_.erase(at);
+        const Query_ query = std::move(lookups_.extract(host).mapped());
+        abandonedCount_ -= query.waiting.empty() ? 1 : 0;
+        for (const auto& [id, callback] : query.waiting)
+            hostById_.erase(id);
         lock.unlock();
-        for (const Callback_& callback : waiting)
+        for (const auto& [id, callback] : query.waiting)
             callback(result);
         lock.lock();
     }
 
     std::mutex mutex_;
     std::condition_variable wakeUp_;
-    std::deque<ZnString> queue_;                        // names that wait for a thread
-    std::map<ZnString, std::vector<Callback_>> lookups_; // names that wait or run, with who asked
+    std::deque<ZnString> queue_;                         // names that wait for a thread
+    std::map<ZnString, Query_> lookups_;                 // names that wait or run, with who asked
+    std::map<unsigned long long, ZnString> hostById_;    // of those who wait
+    unsigned long long lastId_ = 0;
     std::size_t threadCount_ = 0;
     std::size_t idleThreadCount_ = 0;
+    std::size_t abandonedCount_ = 0; // running lookups that nobody waits for
+    bool localThreadRuns_ = false;
+    bool isLocalDue_ = false;        // names were queued since it has begun its round
     ZnResolver::Lookup lookup_; // null: the system's
 };
 
 } // namespace
 
-void ZnResolver::resolve(const ZnString& host, std::function<void(const Result&)> callback) {
-    LookupQueue_::instance().add(host, std::move(callback));
+unsigned long long ZnResolver::resolve(const ZnString& host, std::function<void(const Result&)> callback) {
+    return LookupQueue_::instance().add(host, std::move(callback));
+}
+
+void ZnResolver::withdraw(unsigned long long id) {
+    LookupQueue_::instance().withdraw(id);
 }
 
 ZnResolver::Result ZnResolver::resolveNow(const ZnString& host) {
@@ -145,13 +242,14 @@ ZnResolver::Result ZnResolver::resolveNow(const ZnString& host) {
     return lookup ? lookup(host) : askSystem(host.data(), AF_UNSPEC, 0, nullptr);
 }
 
-ZnResolver::Result ZnResolver::resolvePassive(const ZnString& host, ZnSocketAddress::Family family,
-                                              unsigned short port) {
-    const int systemFamily = family == ZnSocketAddress::Family::IPv4   ? AF_INET
-                             : family == ZnSocketAddress::Family::IPv6 ? AF_INET6
-                                                                       : AF_UNSPEC;
-    return askSystem(host.isEmpty() ? nullptr : host.data(), systemFamily, AI_PASSIVE,
-                     ZnString::number(static_cast<int>(port)).data());
+ZnResolver::Result ZnResolver::resolvePassive(const ZnString& host, unsigned short port) {
+    const Lookup lookup = LookupQueue_::instance().lookup();
+    Result addresses = lookup && !host.isEmpty()
+                           ? lookup(host)
+                           : askSystem(host.isEmpty() ? nullptr : host.data(), AF_UNSPEC, AI_PASSIVE, "0");
+    for (ZnSocketAddress& address : addresses)
+        address = address.withPort(port);
+    return addresses;
 }
 
 void ZnResolver::setLookupForTests(Lookup lookup) {

@@ -175,6 +175,8 @@ TEST_F(ZnHttpClientTest, RequestHeads) {
         {ZnHttpClient::Get, "https://host:80/", "", "", "GET / HTTP/1.1\r\nHost: host:80", ""},
         {ZnHttpClient::Post, "hTTp://host/x", "", "", "POST /x HTTP/1.1\r\nHost: host",
          "Content-Type: application/octet-stream\r\nContent-Length: 0\r\n"},
+        {ZnHttpClient::Get, "http://[::1]:8080/mcp", "", "", "GET /mcp HTTP/1.1\r\nHost: [::1]:8080", ""},
+        {ZnHttpClient::Get, "https://[fe80::2]", "", "", "GET / HTTP/1.1\r\nHost: [fe80::2]", ""},
         {ZnHttpClient::Delete, "http://host:80/x", "ab", "text/plain", "DELETE /x HTTP/1.1\r\nHost: host",
          "Content-Type: text/plain\r\nContent-Length: 2\r\n"},
     };
@@ -185,7 +187,8 @@ TEST_F(ZnHttpClientTest, RequestHeads) {
     }
     for (const char* url :
          {"ftp://host/", "http:/host/", "http://", "http://:80/", "http://host:0/", "http://host:65536/",
-          "http://[::1]/", "http://host a/", "http://host/a b", "http://host/\r\nX: y", "http://host\n/"}) {
+          "http://[::1/", "http://[::1]8080/", "http://[host]/", "http://::1/", "http://host a/", "http://host/a b",
+          "http://host/\r\nX: y", "http://host\n/"}) {
         ZnHttpClient client;
         EXPECT_EQ(Peer::requestHead(client, ZnHttpClient::Get, url, "", ""), "refused") << url;
     }

@@ -2,6 +2,7 @@
 
 #include "core/io/TlsPeers.h"
 #include "core/io/ZnSslServer.h"
+#include "core/platform/ZnResolver.h"
 #include "core/runtime/ZnEventLoop.h"
 #include "core/runtime/ZnTimer.h"
 #include "support/LogCapture.h"
@@ -39,6 +40,46 @@ std::string pattern(std::size_t byteCount, unsigned seed) {
         c = static_cast<char>((seed = seed * 1664525U + 1013904223U) >> 24);
     return text;
 }
+
+/// The client's side of a TLS connection in OpenSSL's own terms, on a blocking socket.
+class RawTlsClient {
+public:
+    explicit RawTlsClient(unsigned short port) : descriptor_(connectToLoopback(port)) {
+        SSL_set_fd(ssl_, descriptor_);
+        handshake_ = std::async(std::launch::async, [this] { EXPECT_EQ(SSL_connect(ssl_), 1); });
+    }
+    ~RawTlsClient() {
+        SSL_free(ssl_);
+        SSL_CTX_free(context_);
+        ::close(descriptor_);
+    }
+    /// Behind the handshake, which needs the loop.
+    SSL* ssl() {
+        if (handshake_.valid())
+            handshake_.get();
+        return ssl_;
+    }
+    int descriptor() { return SSL_get_fd(ssl()); }
+    void reset() {
+        const linger hard{1, 0};
+        ::setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &hard, sizeof(hard));
+        ::close(std::exchange(descriptor_, -1));
+    }
+    /// Everything up to the end.
+    std::string readAll() {
+        std::string text;
+        char buffer[1024];
+        for (int got = 0; (got = SSL_read(ssl(), buffer, sizeof(buffer))) > 0;)
+            text.append(buffer, static_cast<std::size_t>(got));
+        return text;
+    }
+
+private:
+    int descriptor_;
+    SSL_CTX* const context_ = SSL_CTX_new(TLS_client_method());
+    SSL* const ssl_ = SSL_new(context_);
+    std::future<void> handshake_;
+};
 
 /// A server with the certificate "good", which takes over what it accepts, and a client that trusts its authority.
 class ZnSslSocketTest : public LoopFixture {
@@ -127,31 +168,67 @@ TEST_F(ZnSslSocketTest, ServesRealClients) {
     EXPECT_EQ(server_.handshakeCount(), 0U);
 }
 
-TEST_F(ZnSslSocketTest, AFloodOfKeyUpdatesStopsNobody) {
-    const int descriptor = connectToLoopback(server_.localPort());
-    SSL_CTX* context = SSL_CTX_new(TLS_client_method());
-    SSL* ssl = SSL_new(context);
-    SSL_set_fd(ssl, descriptor);
-    const auto handshake = std::async(std::launch::async, [&] { EXPECT_EQ(SSL_connect(ssl), 1); });
-    ASSERT_TRUE(runUntil([&] { return accepted_ != nullptr; }));
-    handshake.wait();
-    for (int i = 0; i < 4000; ++i) // they wait in the system's buffers: the loop does not run meanwhile
-        ASSERT_TRUE(SSL_key_update(ssl, SSL_KEY_UPDATE_NOT_REQUESTED) == 1 && SSL_do_handshake(ssl) == 1);
-    EXPECT_EQ(SSL_write(ssl, "hello", 5), 5);
+TEST_F(ZnSslSocketTest, APeerThatOnlyRekeysIsClosedAndOneThatRekeysNowAndThenIsNot) {
+    struct Row { int keyUpdates; int rounds; std::string received; };
+    const Row rows[] = {{30, 40, std::string(40, 'x')}, {33, 1, ""}, {4000, 1, ""}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.keyUpdates);
+        accepted_ = nullptr;
+        RawTlsClient client(server_.localPort());
+        ASSERT_TRUE(runUntil([&] { return accepted_ != nullptr; }));
+        atServer_.clear();
+        std::size_t largestTurn = 0;
+        accepted_->connect(&ZnIODevice::readyRead, &server_, [&] {
+            const ZnString bytes = accepted_->read(0);
+            largestTurn = std::max(largestTurn, bytes.size());
+            atServer_ += bytes.str();
+        });
+        for (int i = 0; i < row.rounds; ++i) { // they wait in the system's buffers: the loop does not run meanwhile
+            for (int k = 0; k < row.keyUpdates; ++k) {
+                SSL_key_update(client.ssl(), SSL_KEY_UPDATE_NOT_REQUESTED);
+                ASSERT_EQ(SSL_do_handshake(client.ssl()), 1);
+            }
+            ASSERT_EQ(SSL_write(client.ssl(), "x", 1), 1);
+        }
+        const bool isClosed = row.received.empty();
+        ASSERT_TRUE(runUntil([&] { return isClosed ? !accepted_->isOpen() : atServer_ == row.received; })) << atServer_;
+        EXPECT_EQ(accepted_->isOpen(), !isClosed);
+        EXPECT_EQ(atServer_, row.received);
+        EXPECT_LE(largestTurn, 4U); // that was work enough for one turn
+        EXPECT_EQ(log_.countOf("too many messages of the protocol without data"), isClosed ? 1 : 0);
+        log_.take();
+    }
+}
 
+TEST_F(ZnSslSocketTest, WithoutRoomNeitherReadsNorWritesAreTriedAgainAndAgain) {
+    RawTlsClient client(server_.localPort());
+    ASSERT_TRUE(runUntil([&] { return accepted_ != nullptr; }));
     gather(*accepted_, &atServer_);
-    int passCount = 0;
-    std::function<void()> pass = [&] {
-        ++passCount;
-        if (atServer_.empty())
-            ZnTimer::singleShot(0, pass);
-    };
-    pass();
-    EXPECT_TRUE(runUntil([&] { return atServer_ == "hello"; }));
-    EXPECT_GT(passCount, 4);
-    SSL_free(ssl);
-    SSL_CTX_free(context);
-    ::close(descriptor);
+    const std::string down = pattern(16 * 1024 * 1024, 1);
+    EXPECT_TRUE(accepted_->write(ZnString(down)));
+    settle();
+    ASSERT_TRUE(accepted_->hasPendingWrites()); // the client does not read
+    // As behind a key update that has begun to leave: the read wants to write as well.
+    static int callCount = 0;
+    ZnOpenSslApi_& api = ZnOpenSslApi_::instance();
+    api.SSL_read = [](SSL*, void*, int) { return ++callCount, errno = EAGAIN, -1; };
+    api.SSL_write = [](SSL*, const void*, int) { return ++callCount, errno = EAGAIN, -1; };
+    api.SSL_get_error = [](const SSL*, int) { return SSL_ERROR_WANT_WRITE; };
+    EXPECT_EQ(SSL_write(client.ssl(), "x", 1), 1);
+    settle(100);
+    EXPECT_TRUE(callCount > 0 && callCount <= 4) << callCount;
+    api.SSL_read = &SSL_read;
+    api.SSL_write = &SSL_write;
+    api.SSL_get_error = &SSL_get_error;
+    std::string received;
+    const auto reader = std::async(std::launch::async, [&] {
+        char buffer[16384];
+        for (int got = 0; received.size() < down.size() && (got = SSL_read(client.ssl(), buffer, sizeof(buffer))) > 0;)
+            received.append(buffer, static_cast<std::size_t>(got));
+    });
+    EXPECT_TRUE(runUntil([&] { return atServer_ == "x" && !accepted_->hasPendingWrites(); }));
+    reader.wait();
+    EXPECT_TRUE(received == down);
 }
 
 TEST_F(ZnSslSocketTest, VerifiesRealServers) {
@@ -278,6 +355,41 @@ TEST_F(ZnSslSocketTest, BytesInFrontOfAnEndWithoutAlertAreDelivered) {
     EXPECT_EQ(log_.countOf("OpenSSL read failed"), 1);
 }
 
+TEST_F(ZnSslSocketTest, AHeldConnectionAnswersAPeerThatHasClosedItsSideAndGoesWithAReset) {
+    enum class End { Alert, AlertAndFin, FinAlone, Reset };
+    for (const End end : {End::Alert, End::AlertAndFin, End::FinAlone, End::Reset}) {
+        SCOPED_TRACE(static_cast<int>(end));
+        accepted_ = nullptr;
+        RawTlsClient client(server_.localPort());
+        ASSERT_TRUE(runUntil([&] { return accepted_ != nullptr; }));
+        int announcedCount = 0;
+        std::vector<int> errors;
+        accepted_->connect(&ZnIODevice::readyRead, &server_, [&] { announcedCount += accepted_->isRemoteClosed(); });
+        accepted_->connect(&ZnAbstractSocket::errorOccurred, &server_, [&](int code) { errors.push_back(code); });
+        accepted_->setHoldOnPeerClose(true);
+        EXPECT_EQ(end == End::FinAlone ? 0 : SSL_shutdown(client.ssl()), 0);
+        if (end == End::AlertAndFin || end == End::FinAlone)
+            ::shutdown(client.descriptor(), SHUT_WR);
+        ASSERT_TRUE(runUntil([&] { return accepted_->isRemoteClosed(); }));
+        settle();
+        EXPECT_EQ(announcedCount, 1);
+        if (end == End::Reset) {
+            client.reset();
+            EXPECT_TRUE(runUntilAcceptedIsClosed());
+            EXPECT_EQ(errors, std::vector<int>{10054});
+            continue;
+        }
+        ASSERT_TRUE(accepted_->write(ZnString("late answer")));
+        settle();
+        EXPECT_TRUE(accepted_->isOpen()); // the owner has not let go
+        accepted_->setHoldOnPeerClose(false);
+        EXPECT_EQ(accepted_->state(), SocketState::Unconnected);
+        EXPECT_EQ(client.readAll(), "late answer");
+        EXPECT_TRUE(errors.empty());
+    }
+    EXPECT_EQ(log_.countOf("OpenSSL"), 0);
+}
+
 TEST_F(ZnSslSocketTest, ReceiversMayWriteAndCloseAndTlsStays) {
     ASSERT_TRUE(connectPair());
     int writeCount = 0;
@@ -292,6 +404,28 @@ TEST_F(ZnSslSocketTest, ReceiversMayWriteAndCloseAndTlsStays) {
     client_.connect(&ZnSslSocket::encrypted, &client_, [&] { ++encryptedCount; });
     ASSERT_TRUE(connectPair()); // closes the old connection, whose receiver closes again
     EXPECT_EQ(encryptedCount, 1);
+}
+
+TEST_F(ZnSslSocketTest, TheNameToVerifyIsThatOfThisConnectionAndAddressesAreNotAskedForByName) {
+    ZnResolver::setLookupForTests([](const ZnString&) -> ZnResolver::Result {
+        return {ZnSocketAddress::fromNumeric("127.0.0.1", 0)};
+    });
+    const auto connects = [&](const ZnString& host) {
+        runOnFiber([&] { client_.connectToHostEncrypted(host, server_.localPort()); });
+        EXPECT_TRUE(runUntil([&] { return client_.isOpen() || client_.state() == SocketState::Unconnected; }));
+        return client_.isOpen();
+    };
+    // The server would have another certificate, from elsewhere, for a client that asks for the address by name.
+    ASSERT_TRUE(server_.reloadLocalCredentials({credential("good"), credential("wrongca", "127.0.0.1")}));
+    EXPECT_TRUE(connects("localhost"));
+    EXPECT_TRUE(connects("127.0.0.1"));
+    EXPECT_FALSE(connects("127.0.0.2")); // not in the certificate
+    ASSERT_TRUE(server_.reloadLocalCredentials({credential("a")}));
+    EXPECT_TRUE(connects("a.test"));
+    client_.setPeerHostName("a.test");
+    EXPECT_TRUE(connects("localhost"));
+    EXPECT_TRUE(connects("127.0.0.1"));
+    ZnResolver::setLookupForTests(nullptr);
 }
 
 TEST_F(ZnSslSocketTest, OthersMayWriteWhileAReceiverIsParked) {

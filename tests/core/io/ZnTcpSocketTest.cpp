@@ -1,13 +1,16 @@
 #include "core/io/ZnTcpServer.h"
 #include "core/io/ZnTcpSocket.h"
 #include "core/platform/ZnResolver.h"
+#include "core/platform/ZnSocketError.h"
 #include "core/runtime/ZnEventLoop.h"
 #include "support/LogCapture.h"
 #include "support/LoopFixture.h"
 #include "support/Loopback.h"
 
+#include <algorithm>
 #include <future>
 #include <memory>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -110,6 +113,28 @@ TEST_F(ZnTcpSocketTest, AnswersReachAPeerThatHasClosedItsSideOnly) {
     EXPECT_TRUE(answer.get() == large.str());
 }
 
+TEST_F(ZnTcpSocketTest, AHeldConnectionStaysWhenThePeerHasClosedItsSideAndGoesWithAReset) {
+    const int descriptor = connectToLoopback(server_.localPort());
+    ASSERT_TRUE(runUntil([&] { return (peer_.reset(server_.nextPendingConnection()), peer_ != nullptr); }));
+    std::vector<int> errors;
+    peer_->connect(&ZnAbstractSocket::errorOccurred, [&](int code) { errors.push_back(code); });
+    peer_->connect(&ZnIODevice::readyRead, [&] { peer_->read(0); });
+    peer_->setHoldOnPeerClose(true);
+    ::shutdown(descriptor, SHUT_WR);
+    ASSERT_TRUE(runUntil([&] { return peer_->isRemoteClosed(); }));
+    settle();
+    EXPECT_TRUE(peer_->write(ZnString("late answer")));
+    settle();
+    EXPECT_TRUE(peer_->isOpen()); // the owner has not let go
+    char buffer[16] = {};
+    EXPECT_EQ(::recv(descriptor, buffer, sizeof(buffer), 0), 11);
+    EXPECT_TRUE(peer_->write(patternOf(100))); // unread at the peer's end: a reset
+    settle();
+    ::close(descriptor);
+    EXPECT_TRUE(runUntil([&] { return !peer_->isOpen(); }));
+    EXPECT_EQ(errors, std::vector<int>{ZnSocketError::kConnectionAborted});
+}
+
 TEST_F(ZnTcpSocketTest, NamesAreResolvedWhileTheLoopGoesOnAndACloseEndsTheWait) {
     std::promise<void> release;
     ZnResolver::setLookupForTests([released = release.get_future().share()](const ZnString& host) -> ZnResolver::Result {
@@ -132,6 +157,93 @@ TEST_F(ZnTcpSocketTest, NamesAreResolvedWhileTheLoopGoesOnAndACloseEndsTheWait) 
     client_->close();
     EXPECT_TRUE(runUntil([&] { return returned; }));
     release.set_value();
+}
+
+TEST_F(ZnTcpSocketTest, TheAddressesOfANameAreTriedInTurnAndTheLastFailureIsTold) {
+    const auto numeric = [](const char* text) { return ZnSocketAddress::fromNumeric(text, 0); };
+    ZnResolver::setLookupForTests([&](const ZnString& host) -> ZnResolver::Result {
+        if (host == "last.test")
+            return {numeric("::1"), numeric("127.0.0.2"), numeric("127.0.0.3"), numeric("127.0.0.1")};
+        return {numeric("255.255.255.255"), numeric("127.0.0.2"), numeric("127.0.0.3")};
+    });
+    std::string signalTexts;
+    client_->connect(&ZnAbstractSocket::connected, [&] { signalTexts += "connected "; });
+    client_->connect(&ZnAbstractSocket::errorOccurred, [&](int code) { signalTexts += std::to_string(code) + " "; });
+    client_->connect(&ZnAbstractSocket::disconnected, [&] { signalTexts += "disconnected "; });
+    runOnFiber([&] {
+        EXPECT_TRUE(client_->connectToHost("last.test", server_.localPort()));
+        EXPECT_TRUE(client_->waitForConnected(5000));
+    });
+    EXPECT_EQ(client_->peerAddress(), "127.0.0.1");
+    client_->close();
+    runOnFiber([&] {
+        client_->connectToHost("none.test", server_.localPort());
+        EXPECT_FALSE(client_->waitForConnected(5000));
+    });
+    EXPECT_EQ(signalTexts.substr(0, 29), "connected disconnected 10061 ");
+    EXPECT_EQ(signalTexts.find("10061", 29), std::string::npos);
+}
+
+TEST_F(ZnTcpSocketTest, AListenerOnANameServesAllItsAddressesWithOnePort) {
+    static std::vector<const char*> addresses;
+    ZnResolver::setLookupForTests([](const ZnString&) {
+        ZnResolver::Result result;
+        for (const char* address : addresses)
+            result.push_back(ZnSocketAddress::fromNumeric(address, 0));
+        return result;
+    });
+    addresses = {"192.0.2.1", "127.0.0.1", "127.0.0.2", "127.0.0.1"}; // the first is none of this machine's
+    ASSERT_TRUE(server_.listen("name.test", 0));
+    EXPECT_EQ(server_.localAddress(), "127.0.0.1");
+    runOnFiber([&] {
+        for (const char* address : {"127.0.0.1", "127.0.0.2"}) {
+            ZnTcpSocket client;
+            EXPECT_TRUE(client.connectToHost(address, server_.localPort()) && client.waitForConnected(5000)) << address;
+        }
+    });
+    LogCapture log;
+    addresses = {"127.0.0.3", "127.0.0.2"}; // the second is taken
+    ZnTcpServer other;
+    EXPECT_FALSE(other.listen("name.test", server_.localPort()) || other.isListening());
+    EXPECT_EQ(log.countOf("failed: 10048"), 1);
+    addresses = {"192.0.2.1"};
+    EXPECT_FALSE(other.listen("name.test", 0));
+}
+
+TEST_F(ZnTcpSocketTest, AReceiverThatConnectsAnewLeavesNoConnectionBehind) {
+    connectPair();
+    std::vector<std::unique_ptr<ZnTcpSocket>> peers;
+    server_.connect(&ZnTcpServer::newConnection, [&] { peers.emplace_back(server_.nextPendingConnection()); });
+    client_->connect(&ZnAbstractSocket::disconnected, [this, client = client_.get()] {
+        EXPECT_TRUE(client->connectToHost("127.0.0.1", server_.localPort()));
+    });
+    const auto peersOpen = [&] {
+        return std::count_if(peers.begin(), peers.end(), [](const auto& peer) { return peer->isOpen(); });
+    };
+    // What the receiver does stands.
+    runOnFiber([&] { EXPECT_FALSE(client_->connectToHost("127.0.0.1", server_.localPort())); });
+    EXPECT_TRUE(runUntil([&] { return peers.size() == 1 && client_->isOpen(); }));
+    int error = 0;
+    const auto spare = ZnSocketHandle::open(ZnSocketAddress::Family::IPv4, &error);
+    client_->adoptDescriptor(spare, true);
+    EXPECT_TRUE(runUntil([&] { return peers.size() == 2 && client_->isOpen(); }));
+    settle();
+    EXPECT_EQ(peersOpen(), 1);
+    client_.reset(); // connects once more
+    EXPECT_TRUE(runUntil([&] { return peers.size() == 3 && peersOpen() == 0; }));
+}
+
+TEST_F(ZnTcpSocketTest, WithoutALoopToWatchItASocketFailsWithAnError) {
+    std::vector<int> errors;
+    std::thread([&] { // has none
+        ZnTcpSocket socket;
+        socket.connect(&ZnAbstractSocket::errorOccurred, [&](int code) { errors.push_back(code); });
+        EXPECT_FALSE(socket.connectToHost("127.0.0.1", server_.localPort()));
+        int error = 0;
+        socket.adoptDescriptor(ZnSocketHandle::open(ZnSocketAddress::Family::IPv4, &error), true);
+        EXPECT_EQ(socket.state(), SocketState::Unconnected);
+    }).join();
+    EXPECT_EQ(errors, std::vector<int>(2, ZnSocketError::kNoBufferSpace));
 }
 
 TEST_F(ZnTcpSocketTest, ASocketMayBeDeletedInsideItsOwnSignalsAlsoWhenParked) {

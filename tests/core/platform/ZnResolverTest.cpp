@@ -1,10 +1,12 @@
 #include "core/platform/ZnResolver.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
 #include <gtest/gtest.h>
 #include <memory>
+#include <vector>
 
 namespace {
 
@@ -35,6 +37,45 @@ TEST(ZnResolver, ADeadNameServerHoldsUpItsOwnNamesOnly) {
     for (int i = 0; i < 1000 && deadAnswers->load() < 101; ++i)
         std::this_thread::sleep_for(10ms);
     EXPECT_EQ(deadAnswers->load(), 101);
+    ZnResolver::setLookupForTests(nullptr);
+}
+
+TEST(ZnResolver, NamesThatNobodyWaitsForMakeRoomAndLocalOnesNeedNone) {
+    std::promise<void> release;
+    auto deadLookups = std::make_shared<std::atomic<int>>(0);
+    ZnResolver::setLookupForTests([released = release.get_future().share(), deadLookups](const ZnString& host) {
+        if (host.startsWith("dead")) {
+            deadLookups->fetch_add(1);
+            released.wait();
+        }
+        return ZnResolver::Result{ZnSocketAddress::fromNumeric("127.0.0.1", 0)};
+    });
+    const auto isAnswered = [](const std::shared_ptr<std::promise<void>>& answer) {
+        return answer->get_future().wait_for(10s) == std::future_status::ready;
+    };
+    const auto ask = [](const ZnString& host) {
+        auto answer = std::make_shared<std::promise<void>>();
+        ZnResolver::resolve(host, [answer](const auto&) { answer->set_value(); });
+        return answer;
+    };
+    const auto deadAnswers = std::make_shared<std::atomic<int>>(0);
+    std::vector<unsigned long long> deadIds;
+    for (int i = 0; i < 500; ++i) {
+        const ZnString host = "dead" + ZnString::number(i);
+        deadIds.push_back(ZnResolver::resolve(host, [deadAnswers](const auto&) { ++*deadAnswers; }));
+    }
+    const auto live = ask("live.test");
+    EXPECT_TRUE(isAnswered(ask("LocalHost")));
+    for (int i = 0; i < 1000 && deadLookups->load() < static_cast<int>(ZnResolver::kMaxThreads); ++i)
+        std::this_thread::sleep_for(10ms);
+    std::for_each(deadIds.rbegin(), deadIds.rend(), &ZnResolver::withdraw); // first those that are queued
+    EXPECT_TRUE(isAnswered(live));
+    EXPECT_TRUE(isAnswered(ask("live2.test")));
+    EXPECT_EQ(deadLookups->load(), static_cast<int>(ZnResolver::kMaxThreads));
+    release.set_value();
+    for (std::size_t i = 0; i < ZnResolver::kMaxThreads; ++i) // the same lookups or others: those have ended then
+        EXPECT_TRUE(isAnswered(ask("dead" + ZnString::number(static_cast<int>(i)))));
+    EXPECT_EQ(deadAnswers->load(), 0);
     ZnResolver::setLookupForTests(nullptr);
 }
 

@@ -209,7 +209,8 @@ TEST_F(ZnSslSocketTest, WithoutRoomNeitherReadsNorWritesAreTriedAgainAndAgain) {
     settle();
     ASSERT_TRUE(accepted_->hasPendingWrites()); // the client does not read
     // As behind a key update that has begun to leave: the read wants to write as well.
-    static int callCount = 0;
+    static int callCount;
+    callCount = 0;
     ZnOpenSslApi_& api = ZnOpenSslApi_::instance();
     api.SSL_read = [](SSL*, void*, int) { return ++callCount, errno = EAGAIN, -1; };
     api.SSL_write = [](SSL*, const void*, int) { return ++callCount, errno = EAGAIN, -1; };

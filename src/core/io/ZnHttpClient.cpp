@@ -105,6 +105,8 @@ bool ZnHttpClient::parseUrl_(const ZnString& url, Target_* target) {
 
 /// A name or an address, the latter in brackets if it is one of IPv6, and perhaps a port.
 bool ZnHttpClient::parseAuthority_(std::string_view authority, Target_* target) {
+    if (authority.find('@') != std::string_view::npos)
+        return false; // user information: a password, which would end up wherever URLs are shown
     const bool isBracketed = authority.starts_with('[');
     const std::size_t hostAt = isBracketed ? 1 : 0;
     const std::size_t hostEnd = std::min(authority.find(isBracketed ? ']' : ':'), authority.size());
@@ -117,7 +119,7 @@ bool ZnHttpClient::parseAuthority_(std::string_view authority, Target_* target) 
     }
     if (!portText.empty()) {
         bool isNumber = false;
-        const int port = ZnString(portText.substr(1)).toInt(&isNumber);
+        const long long port = ZnString(portText.substr(1)).toLongLong(&isNumber); // says nothing about a text that is none
         if (!isNumber || port < 1 || port > std::numeric_limits<std::uint16_t>::max())
             return false;
         target->port = static_cast<std::uint16_t>(port);
@@ -277,11 +279,18 @@ void ZnHttpClient::takeBytes_(std::string_view bytes) {
 }
 
 bool ZnHttpClient::isTooLarge_(Progress_ progress) const noexcept {
-    const std::int64_t announcedBytes = method_ == Head ? 0 : contentLength_;
-    // Only a head can fill the buffer: a chunk size line has a limit of its own, and surplus does not count.
-    const std::size_t headBytes = progress == Progress_::Finished ? 0 : rxBuffer_.size();
-    const auto largestBytes = static_cast<std::int64_t>(std::max(headBytes, bodyBuffer_.size()));
-    return maxResponseBytes_ > 0 && std::max(largestBytes, announcedBytes) > maxResponseBytes_;
+    const bool isHead = state_ == State_::ReadingHead && progress != Progress_::Finished;
+    if (headBytes_ + (isHead ? rxBuffer_.size() : rawHead_.size()) > kMaxHeadBytes)
+        return true;
+    const std::int64_t announcedBytes = isWithoutBody_() ? 0 : contentLength_;
+    const auto bodyBytes = static_cast<std::int64_t>(bodyBuffer_.size());
+    return maxResponseBytes_ > 0 && std::max(bodyBytes, announcedBytes) > maxResponseBytes_;
+}
+
+/// Whatever its headers say.
+bool ZnHttpClient::isWithoutBody_() const noexcept {
+    const bool isEmptyStatus = rxStatus_ == 204 || rxStatus_ == 205 || rxStatus_ == 304;
+    return method_ == Head || (statusFraming_ && isEmptyStatus);
 }
 
 /// Shows the observer what the body has grown by, also in front of a failure. False when the request is over.
@@ -337,7 +346,13 @@ ZnHttpClient::Progress_ ZnHttpClient::takeHead_(std::string_view* input) {
     rawHead_ = ZnString(input->substr(0, end + kHeadEnd.size()));
     input->remove_prefix(rawHead_.size());
     parseHead_();
-    if (method_ == Head || contentLength_ == 0)
+    constexpr int kSwitchingProtocols = 101; // is final: what follows is no HTTP
+    if (statusFraming_ && rxStatus_ >= 100 && rxStatus_ <= 199 && rxStatus_ != kSwitchingProtocols) {
+        headBytes_ += rawHead_.size();
+        rxHeaders_.clear();
+        return headBytes_ > kMaxHeadBytes ? Progress_::NeedMore : Progress_::GoOn; // too many: seen behind this step
+    }
+    if (isWithoutBody_() || contentLength_ == 0)
         return Progress_::Finished;
     state_ = chunked_              ? State_::ReadingChunkSize
              : contentLength_ < 0 ? State_::ReadingToClose
@@ -438,6 +453,8 @@ void ZnHttpClient::parseHeaderLine_(std::string_view line) {
 void ZnHttpClient::onDisconnected_() {
     if (state_ == State_::ReadingToClose)
         finish_();
+    else
+        fail_(kClosedEarly);
 }
 
 // --- the end
@@ -482,6 +499,7 @@ void ZnHttpClient::dropSocket_() {
 
 void ZnHttpClient::resetResponse_() {
     rxBuffer_.release();
+    headBytes_ = 0;
     scannedBytes_ = 0;
     bodyBuffer_.release();
     bytesReceived_ = 0;

@@ -16,8 +16,7 @@ class ZnTcpSocket;
 ///
 /// Follows no redirect and has no limit of time: a caller that needs one arms a timer and calls abort(). It has a limit
 /// of size if the caller sets one.
-/// Exactly one of `finished` and `errorOccurred` ends a request, with two exceptions that leave it to that timer: an
-/// abort, and a connection that closes without an error before its response is complete.
+/// Exactly one of `finished` and `errorOccurred` ends a request that is not aborted.
 /// Thread: the owning thread. A slot may delete the client, and abort() or the destructor may come at any time, also
 /// while request() is parked.
 class ZnHttpClient : public ZnObject {
@@ -32,7 +31,16 @@ public:
     static constexpr int kWriteFailed = -3;
     static constexpr int kInvalidChunkSize = -4;
     static constexpr int kInvalidChunkEnd = -5;
-    static constexpr int kResponseTooLarge = -6; // larger than setMaxResponseBytes() permits
+    static constexpr int kResponseTooLarge = -6; // larger than setMaxResponseBytes() permits, or the head than kMaxHeadBytes
+    static constexpr int kClosedEarly = -8;      // the connection ended without an error before the response was complete
+
+    /// Whether request() would take the URL.
+    static bool isUsableUrl(const ZnString& url) {
+        Target_ target;
+        return parseUrl_(url, &target);
+    }
+
+    static constexpr std::size_t kMaxHeadBytes = 65536; // interim responses included
 
     explicit ZnHttpClient(ZnObject* parent = nullptr);
     ~ZnHttpClient() override;
@@ -43,8 +51,10 @@ public:
     /// A bundle of certificate authorities in place of the default trust; used from the next request on.
     void setCaFile(const ZnString& path) { caFile_ = path; }
 
-    /// The largest body of all later requests, and about the largest head; 0: no limit.
+    /// The largest body of all later requests; 0: no limit.
     void setMaxResponseBytes(std::int64_t maxBytes) { maxResponseBytes_ = maxBytes; }
+    /// For all later requests: interim responses (1xx) are passed over, and 204, 205 and 304 have no body.
+    void setStatusFraming(bool isOn) noexcept { statusFraming_ = isOn; }
 
     /// Sees the headers of the response and the bytes that its body has grown by. Returns whether the response is to
     /// end here, as if it had been complete. It may abort or delete the client; both arguments are gone then.
@@ -130,6 +140,7 @@ private:
     Progress_ takeChunkData_(std::string_view* input);
     Progress_ takeChunkEnd_(std::string_view* input);
     void takeBody_(std::string_view* input, std::int64_t maxBytes);
+    bool isWithoutBody_() const noexcept;
     bool findEnd_(std::string_view input, std::string_view mark, std::size_t* position);
     void parseHead_();
     void parseStatusLine_(std::string_view line);
@@ -147,6 +158,7 @@ private:
     State_ state_ = State_::Idle;
 
     std::int64_t maxResponseBytes_ = 0;                // 0: no limit
+    bool statusFraming_ = false;
     std::shared_ptr<const BodyObserver> observer_;     // shared with its running call; null without one
     ZnString caFile_;
     int method_ = Get;
@@ -156,6 +168,7 @@ private:
     ZnString contentType_;
 
     ZnByteArray rxBuffer_;                 // received and not yet understood
+    std::size_t headBytes_ = 0;            // of interim responses that were passed over
     std::size_t scannedBytes_ = 0;         // of it, known not to begin the mark that is searched for
     ZnByteArray bodyBuffer_;               // decoded
     std::int64_t bytesReceived_ = 0;       // of the body

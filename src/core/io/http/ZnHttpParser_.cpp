@@ -319,11 +319,11 @@ bool ZnHttpParser_::expectsContinue() const {
 
 bool ZnHttpParser_::beginMultipart_(std::string_view contentType) {
     ZnString boundary;
-    if (!zn::http::parseBoundary(contentType, &boundary))
-        return fail_(400, "Missing multipart boundary");
+    ZnString errorText;
+    if (!zn::http::parseBoundary(contentType, &boundary, &errorText))
+        return fail_(400, std::move(errorText));
     if (!multipart_)
         multipart_ = std::make_unique<ZnHttpMultipartStream_>();
-    ZnString errorText;
     if (!multipart_->begin(boundary, limits_, limits_.multipartTempDir, &errorText))
         return fail_(500, std::move(errorText));
     multipartActive_ = true;

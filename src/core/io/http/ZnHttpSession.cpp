@@ -232,6 +232,8 @@ void ZnHttpSession::answer_(unsigned long long requestSerial, ZnHttpResponse&& r
     if (closed_ || !socket_ || !asyncPending_ || responseInProgress_ || requestSerial != requestSerial_)
         return;
     const bool isHead = currentRequest_->method == "HEAD";
+    if (currentRequest_->httpVersion == "HTTP/1.0")
+        response.joinChunks();
     sendResponse_(std::move(response), currentRequest_->keepAlive, isHead);
 }
 
@@ -245,15 +247,17 @@ void ZnHttpSession::sendResponse_(ZnHttpResponse&& response, bool keepAlive, boo
         sendSwitch_(std::move(response));
         return;
     }
-    const bool isHeadOnly = isHead || response.headOnly;
-    if ((response.useFile || response.chunked) && !isHeadOnly) {
+    // Behind a 1xx the peer waits for the answer proper: the next request's would be taken for it.
+    closeAfterResponse_ |= response.status >= 100 && response.status < 200;
+    response.settleBody(isHead);
+    if ((response.useFile || response.chunked) && !response.headOnly) {
         sendStream_(std::move(response));
         return;
     }
     // The head never leaves alone: a small packet in front of the body costs the peer's delayed acknowledgement.
     const bool isJoined = response.body.size() <= kJoinedBodyBytes;
     ZnString head = response.head(closeAfterResponse_, isJoined ? response.body.size() : 0);
-    if (isHeadOnly)
+    if (response.headOnly)
         response.body = ZnByteArray();
     else if (isJoined)
         head.append(response.body.view());
@@ -303,6 +307,7 @@ void ZnHttpSession::sendNextPiece_() {
 void ZnHttpSession::sendSwitch_(ZnHttpResponse&& response) {
     onSwitch_ = std::move(response.onSwitch);
     closeAfterResponse_ = false;
+    response.headOnly = false;
     response.useFile = response.chunked = false;
     response.body = ZnByteArray();
     if (response.switchWithoutHead)

@@ -21,6 +21,7 @@ struct ZnHttpLimits {
     std::uint64_t maxMultipartParts = 256;     // parts of one body
     std::uint64_t maxMultipartHeaderBytes = 16384;   // header lines of one part
     std::uint64_t maxMultipartFieldBytes = 2097152;  // one streamed part that is no file
+    bool strictGrammar = false;                // refuse what other readers of the same bytes may take for something else
     bool streamMultipart = false;              // multipart bodies are read as they come, their files go to the disk
     ZnString multipartTempDir = "http_multipart_tmp"; // of those files; made when it is missing
 };

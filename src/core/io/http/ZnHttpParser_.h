@@ -13,7 +13,7 @@
 #include <string_view>
 
 /// Turns the bytes of one connection into complete requests. It may stop behind any byte and go on later; where
-/// the input is cut does not change what comes out.
+/// the input is cut does not change what comes out. It is generous in what it takes unless limits.strictGrammar is set.
 ///
 ///   request line CRLF  *( name ":" value CRLF )  CRLF  [ body ]
 ///   body: Content-Length bytes,
@@ -73,6 +73,7 @@ private:
     bool parseTarget_(std::string_view target);
     bool onHeaderLine_(Input_& input);
     bool parseHeaderLine_(std::string_view line);
+    bool checkFraming_();
     bool finishHeaders_();
     bool parseContentLength_(std::string_view text);
     bool onFixedBody_(Input_& input);

@@ -29,6 +29,12 @@ public:
     /// Whether the peer's end of stream was seen.
     virtual bool isRemoteClosed() const { return false; }
     virtual bool hasPendingWrites() const { return false; }
+    /// With `hold`, a peer that closes its sending side does not end the connection: its close is announced (readyRead,
+    /// isRemoteClosed()) and what is written still goes out, for as long as the owner has something to say. Letting go
+    /// closes the socket as soon as everything has been written, at once when that is so; it may emit. A peer that is
+    /// gone altogether, as after a reset, ends a held connection all the same, with errorOccurred.
+    /// Off at first; stays as it is over a close.
+    virtual void setHoldOnPeerClose(bool /*hold*/) {}
 
     // Signals.
     void connected();

@@ -22,6 +22,8 @@
     X(SSL_set1_host, ssl, false)                      \
     X(SSL_ctrl, ssl, false)                           \
     X(SSL_CTX_callback_ctrl, ssl, false)              \
+    X(SSL_set_options, ssl, false)                    \
+    X(SSL_clear_options, ssl, false)                  \
     X(SSL_set_connect_state, ssl, false)              \
     X(SSL_set_accept_state, ssl, false)               \
     X(SSL_do_handshake, ssl, true)                    \

@@ -106,6 +106,14 @@ ZnSslEngine_::Outcome ZnSslEngine_::write(const char* bytes, std::size_t size, s
     return result > 0 ? Outcome::None : classify_(result);
 }
 
+void ZnSslEngine_::acceptEndWithoutAlert(bool accept) {
+#if defined(SSL_OP_IGNORE_UNEXPECTED_EOF)
+    const auto change = accept ? api_->SSL_set_options : api_->SSL_clear_options;
+    if (change != nullptr)
+        change(ssl_, SSL_OP_IGNORE_UNEXPECTED_EOF);
+#endif
+}
+
 void ZnSslEngine_::shutdown() {
     if (ssl_ == nullptr)
         return;
@@ -132,7 +140,10 @@ ZnSslEngine_::Outcome ZnSslEngine_::classify_(int result) {
     case SSL_ERROR_WANT_WRITE:
         return Outcome::WantWrite;
     case SSL_ERROR_ZERO_RETURN:
-        return Outcome::Closed;
+        // Behind the peer's close alert OpenSSL gives this for every failure of the socket as well.
+        if (errnoValue == 0 || errnoValue == EAGAIN)
+            return Outcome::Closed;
+        break;
     default:
         break;
     }

@@ -31,6 +31,9 @@ public:
     Outcome handshake();
     Outcome read(char* buffer, std::size_t capacity, std::size_t* byteCount);
     Outcome write(const char* bytes, std::size_t size, std::size_t* byteCount);
+    /// Whether an end of input without the peer's close alert is Closed too, and not a Failure behind which nothing can
+    /// be written any more. Without effect where OpenSSL has no such choice.
+    void acceptEndWithoutAlert(bool accept);
     /// Tells the peer that nothing more comes; does not wait for its answer.
     void shutdown();
 

@@ -87,7 +87,7 @@ void ZnSslSocket::close() {
     if (!std::exchange(keepStartOnConnect_, false))
         startOnConnect_ = false;
     ++connectionSerial_;
-    insideDelivery_ = insideWriteFinished_ = readHasFailed_ = false;
+    insideDelivery_ = insideWriteFinished_ = readHasFailed_ = closeAnnounced_ = false;
     readReady_ = writeReady_ = false;
     phase_ = Phase_::Plain;
     settle_();
@@ -95,6 +95,12 @@ void ZnSslSocket::close() {
     if (const std::unique_ptr<ZnSslEngine_> engine = std::move(engine_))
         engine->shutdown();
     ZnTcpSocket::close();
+}
+
+void ZnSslSocket::setHoldOnPeerClose(bool hold) {
+    if (engine_ && phase_ == Phase_::Encrypted)
+        engine_->acceptEndWithoutAlert(hold);
+    ZnTcpSocket::setHoldOnPeerClose(hold);
 }
 
 // --- readiness
@@ -224,6 +230,7 @@ ZnSslSocket::News_ ZnSslSocket::doHandshake_() {
         return News_::HandshakeFailed;
     settle_();
     phase_ = Phase_::Encrypted;
+    engine_->acceptEndWithoutAlert(holdsOnPeerClose_());
     // The peer's first bytes may have come with its last message, and no further event tells of them.
     readReady_ = true;
     return News_::Encrypted;
@@ -356,7 +363,8 @@ void ZnSslSocket::announce_(News_ news) {
 void ZnSslSocket::deliver_() {
     const ZnPointer<ZnSslSocket> self(this);
     const unsigned serial = connectionSerial_;
-    if (!plainBuffer_.isEmpty()) {
+    const bool tellsClose = remoteClosed_ && holdsOnPeerClose_() && !std::exchange(closeAnnounced_, true);
+    if (!plainBuffer_.isEmpty() || tellsClose) {
         insideDelivery_ = true;
         readyRead();
         if (!self || serial != connectionSerial_)

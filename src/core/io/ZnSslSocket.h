@@ -45,6 +45,8 @@ public:
     ZnString read(long long maxBytes) override;
     std::size_t readInto(char* buffer, std::size_t capacity) override;
     bool connectToHost(const ZnString& host, unsigned short port) override;
+    /// A held connection takes an end of input without a close alert for one with it: what is due can still go out.
+    void setHoldOnPeerClose(bool hold) override;
 
     // Signals.
     void encrypted();                                // right behind `connected`
@@ -100,5 +102,6 @@ private:
     bool insideDelivery_ = false;             // a receiver of readyRead runs
     bool insideWriteFinished_ = false;        // a receiver of that one runs
     bool readHasFailed_ = false;              // to be announced when what came before has been read
+    bool closeAnnounced_ = false;             // readyRead has told a holder of the peer's close
     ZnByteArray plainBuffer_;                 // decrypted, not read yet; at most about kMaxPlainBytes
 };

@@ -65,7 +65,7 @@ void ZnTcpSocket::onNetworkEvents_() {
     if (!handle_)
         return;
     const EventScope_ scope(*this);
-    if (!handleEvents_(handle_->takeEvents(), scope))
+    if (!handleEvents_(handle_->takeEvents(), scope) || failWhenGone_(scope))
         return;
     finishPeerClose_();
     if (scope.stillValid() && stoppedBeforeEnd_)
@@ -107,6 +107,19 @@ bool ZnTcpSocket::onConnectEvent_(int error, const EventScope_& scope) {
     return goOn;
 }
 
+/// Nothing else would end a held connection whose peer is gone: there may be nobody who reads or writes.
+bool ZnTcpSocket::failWhenGone_(const EventScope_& scope) {
+    if (!holdOnPeerClose_ || !remoteClosed_ || stoppedBeforeEnd_)
+        return false;
+    const int error = handle_->failure();
+    if (error == 0)
+        return false;
+    errorOccurred(error);
+    if (scope.stillValid())
+        close();
+    return true;
+}
+
 void ZnTcpSocket::requestAnotherRead_() {
     stoppedBeforeEnd_ = false;
     handle_->requestReadEvent();
@@ -141,8 +154,15 @@ bool ZnTcpSocket::canFinishClose_() const {
 
 void ZnTcpSocket::finishPeerClose_() {
     // A reader that was stopped before the end gets the rest first: the close comes when it has found the end.
-    if (remoteClosed_ && !stoppedBeforeEnd_ && canFinishClose_() && state_ != SocketState::Unconnected)
+    if (remoteClosed_ && !holdOnPeerClose_ && !stoppedBeforeEnd_ && canFinishClose_() &&
+        state_ != SocketState::Unconnected)
         close();
+}
+
+void ZnTcpSocket::setHoldOnPeerClose(bool hold) {
+    holdOnPeerClose_ = hold;
+    if (!hold && !insideEvents_) // else at the event's end
+        finishPeerClose_();
 }
 
 void ZnTcpSocket::expectWriteEvent_() {

@@ -13,7 +13,7 @@
 /// Thread: the owning thread, where all its signals are emitted. Each close leaves it reusable.
 /// Overridable hooks let a derived class put a layer such as TLS on top.
 /// A peer that has closed its side only still gets what was written for it: the socket closes when the write
-/// buffer is empty.
+/// buffer is empty and nobody holds it (setHoldOnPeerClose).
 class ZnTcpSocket : public ZnAbstractSocket {
 public:
     ZN_OBJECT(ZnTcpSocket, ZnAbstractSocket)
@@ -38,6 +38,7 @@ public:
     bool waitForBytesWritten(int msecs) override;
     bool isRemoteClosed() const override { return remoteClosed_; }
     bool hasPendingWrites() const override { return !writeBuffer_.isEmpty(); }
+    void setHoldOnPeerClose(bool hold) override;
 
     /// Takes over an accepted handle; emits `connected` if asked to.
     void adoptDescriptor(std::shared_ptr<ZnSocketHandle> handle, bool emitConnected);
@@ -66,8 +67,9 @@ protected:
     /// One read from the system into `buffer`; 0 when nothing is there, at the end of stream and on errors.
     std::size_t receive_(char* buffer, std::size_t capacity);
 
-    /// Closes when the peer has closed and nothing is left to deliver.
+    /// Closes when the peer has closed, nothing is left to deliver, and nobody holds the connection.
     void finishPeerClose_();
+    bool holdsOnPeerClose_() const noexcept { return holdOnPeerClose_; }
 
     bool canTransfer_() const { return handle_ != nullptr && state_ == SocketState::Connected; }
     // For a layer that reads and writes the descriptor itself.
@@ -89,6 +91,7 @@ private:
     void onNetworkEvents_();
     bool handleEvents_(const ZnNetworkEvents& events, const EventScope_& scope);
     bool onConnectEvent_(int error, const EventScope_& scope);
+    bool failWhenGone_(const EventScope_& scope);
     void requestAnotherRead_();
     /// The addresses of `host`. Nothing when the socket was closed, reused or deleted while the fiber was parked.
     std::optional<ZnResolver::Result> resolveHost_(const ZnString& host, unsigned short port);
@@ -103,6 +106,7 @@ private:
     unsigned connectGeneration_ = 0;         // tells a parked connectToHost that the socket was closed or reused
     bool insideEvents_ = false;              // a readiness event is being served (its fiber may be parked)
     bool stoppedBeforeEnd_ = false;          // the last read left more behind, as far as one can tell
+    bool holdOnPeerClose_ = false;           // the owner ends a connection that the peer has closed
     std::size_t readBudgetBytes_ = kReadBudgetBytes;
     unsigned long long bytesReceived_ = 0;
     unsigned long long bytesSent_ = 0;

@@ -253,6 +253,17 @@ ZnNetworkEvents ZnSocketHandle::takeEvents() {
     return std::exchange(pending_, {});
 }
 
+int ZnSocketHandle::failure() const {
+    tcp_info info = {};
+    socklen_t infoBytes = sizeof(info);
+    if (::getsockopt(descriptor(), IPPROTO_TCP, TCP_INFO, &info, &infoBytes) == 0 && info.tcpi_state != TCP_CLOSE)
+        return 0;
+    int errnoValue = 0; // 0: a read or a write has been told already
+    socklen_t byteCount = sizeof(errnoValue);
+    ::getsockopt(descriptor(), SOL_SOCKET, SO_ERROR, &errnoValue, &byteCount);
+    return errnoValue == 0 ? ZnSocketError::kConnectionReset : ZnSocketError::fromErrno(errnoValue);
+}
+
 const ZnSocketAddress& ZnSocketHandle::peerAddress() const {
     if (peerAddress_.family() == ZnSocketAddress::Family::None)
         peerAddress_ = askAddress(

@@ -80,6 +80,9 @@ public:
     /// Whether a read may find something: false after one that came back short, until the next read event.
     bool maybeReadable() const noexcept { return maybeReadable_; }
 
+    /// 0 while the connection stands, if only in one direction; else why it does not.
+    int failure() const;
+
     /// The peer's address; asked from the system once.
     const ZnSocketAddress& peerAddress() const;
     ZnSocketAddress localAddress() const;

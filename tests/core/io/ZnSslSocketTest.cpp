@@ -40,6 +40,46 @@ std::string pattern(std::size_t byteCount, unsigned seed) {
     return text;
 }
 
+/// The client's side of a TLS connection in OpenSSL's own terms, on a blocking socket.
+class RawTlsClient {
+public:
+    explicit RawTlsClient(unsigned short port) : descriptor_(connectToLoopback(port)) {
+        SSL_set_fd(ssl_, descriptor_);
+        handshake_ = std::async(std::launch::async, [this] { EXPECT_EQ(SSL_connect(ssl_), 1); });
+    }
+    ~RawTlsClient() {
+        SSL_free(ssl_);
+        SSL_CTX_free(context_);
+        ::close(descriptor_);
+    }
+    /// Behind the handshake, which needs the loop.
+    SSL* ssl() {
+        if (handshake_.valid())
+            handshake_.get();
+        return ssl_;
+    }
+    int descriptor() { return SSL_get_fd(ssl()); }
+    void reset() {
+        const linger hard{1, 0};
+        ::setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &hard, sizeof(hard));
+        ::close(std::exchange(descriptor_, -1));
+    }
+    /// Everything up to the end.
+    std::string readAll() {
+        std::string text;
+        char buffer[1024];
+        for (int got = 0; (got = SSL_read(ssl(), buffer, sizeof(buffer))) > 0;)
+            text.append(buffer, static_cast<std::size_t>(got));
+        return text;
+    }
+
+private:
+    int descriptor_;
+    SSL_CTX* const context_ = SSL_CTX_new(TLS_client_method());
+    SSL* const ssl_ = SSL_new(context_);
+    std::future<void> handshake_;
+};
+
 /// A server with the certificate "good", which takes over what it accepts, and a client that trusts its authority.
 class ZnSslSocketTest : public LoopFixture {
 protected:
@@ -128,13 +168,9 @@ TEST_F(ZnSslSocketTest, ServesRealClients) {
 }
 
 TEST_F(ZnSslSocketTest, AFloodOfKeyUpdatesStopsNobody) {
-    const int descriptor = connectToLoopback(server_.localPort());
-    SSL_CTX* context = SSL_CTX_new(TLS_client_method());
-    SSL* ssl = SSL_new(context);
-    SSL_set_fd(ssl, descriptor);
-    const auto handshake = std::async(std::launch::async, [&] { EXPECT_EQ(SSL_connect(ssl), 1); });
+    RawTlsClient client(server_.localPort());
     ASSERT_TRUE(runUntil([&] { return accepted_ != nullptr; }));
-    handshake.wait();
+    SSL* ssl = client.ssl();
     for (int i = 0; i < 4000; ++i) // they wait in the system's buffers: the loop does not run meanwhile
         ASSERT_TRUE(SSL_key_update(ssl, SSL_KEY_UPDATE_NOT_REQUESTED) == 1 && SSL_do_handshake(ssl) == 1);
     EXPECT_EQ(SSL_write(ssl, "hello", 5), 5);
@@ -149,9 +185,6 @@ TEST_F(ZnSslSocketTest, AFloodOfKeyUpdatesStopsNobody) {
     pass();
     EXPECT_TRUE(runUntil([&] { return atServer_ == "hello"; }));
     EXPECT_GT(passCount, 4);
-    SSL_free(ssl);
-    SSL_CTX_free(context);
-    ::close(descriptor);
 }
 
 TEST_F(ZnSslSocketTest, VerifiesRealServers) {
@@ -276,6 +309,41 @@ TEST_F(ZnSslSocketTest, BytesInFrontOfAnEndWithoutAlertAreDelivered) {
     EXPECT_TRUE(runUntilAcceptedIsClosed());
     EXPECT_EQ(atServer_, "bye\n");
     EXPECT_EQ(log_.countOf("OpenSSL read failed"), 1);
+}
+
+TEST_F(ZnSslSocketTest, AHeldConnectionAnswersAPeerThatHasClosedItsSideAndGoesWithAReset) {
+    enum class End { Alert, AlertAndFin, FinAlone, Reset };
+    for (const End end : {End::Alert, End::AlertAndFin, End::FinAlone, End::Reset}) {
+        SCOPED_TRACE(static_cast<int>(end));
+        accepted_ = nullptr;
+        RawTlsClient client(server_.localPort());
+        ASSERT_TRUE(runUntil([&] { return accepted_ != nullptr; }));
+        int announcedCount = 0;
+        std::vector<int> errors;
+        accepted_->connect(&ZnIODevice::readyRead, &server_, [&] { announcedCount += accepted_->isRemoteClosed(); });
+        accepted_->connect(&ZnAbstractSocket::errorOccurred, &server_, [&](int code) { errors.push_back(code); });
+        accepted_->setHoldOnPeerClose(true);
+        EXPECT_EQ(end == End::FinAlone ? 0 : SSL_shutdown(client.ssl()), 0);
+        if (end == End::AlertAndFin || end == End::FinAlone)
+            ::shutdown(client.descriptor(), SHUT_WR);
+        ASSERT_TRUE(runUntil([&] { return accepted_->isRemoteClosed(); }));
+        settle();
+        EXPECT_EQ(announcedCount, 1);
+        if (end == End::Reset) {
+            client.reset();
+            EXPECT_TRUE(runUntilAcceptedIsClosed());
+            EXPECT_EQ(errors, std::vector<int>{10054});
+            continue;
+        }
+        ASSERT_TRUE(accepted_->write(ZnString("late answer")));
+        settle();
+        EXPECT_TRUE(accepted_->isOpen()); // the owner has not let go
+        accepted_->setHoldOnPeerClose(false);
+        EXPECT_EQ(accepted_->state(), SocketState::Unconnected);
+        EXPECT_EQ(client.readAll(), "late answer");
+        EXPECT_TRUE(errors.empty());
+    }
+    EXPECT_EQ(log_.countOf("OpenSSL"), 0);
 }
 
 TEST_F(ZnSslSocketTest, ReceiversMayWriteAndCloseAndTlsStays) {

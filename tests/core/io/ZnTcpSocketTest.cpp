@@ -1,6 +1,7 @@
 #include "core/io/ZnTcpServer.h"
 #include "core/io/ZnTcpSocket.h"
 #include "core/platform/ZnResolver.h"
+#include "core/platform/ZnSocketError.h"
 #include "core/runtime/ZnEventLoop.h"
 #include "support/LogCapture.h"
 #include "support/LoopFixture.h"
@@ -108,6 +109,28 @@ TEST_F(ZnTcpSocketTest, AnswersReachAPeerThatHasClosedItsSideOnly) {
     });
     EXPECT_TRUE(runUntil([&] { return closed; }, 30000));
     EXPECT_TRUE(answer.get() == large.str());
+}
+
+TEST_F(ZnTcpSocketTest, AHeldConnectionStaysWhenThePeerHasClosedItsSideAndGoesWithAReset) {
+    const int descriptor = connectToLoopback(server_.localPort());
+    ASSERT_TRUE(runUntil([&] { return (peer_.reset(server_.nextPendingConnection()), peer_ != nullptr); }));
+    std::vector<int> errors;
+    peer_->connect(&ZnAbstractSocket::errorOccurred, [&](int code) { errors.push_back(code); });
+    peer_->connect(&ZnIODevice::readyRead, [&] { peer_->read(0); });
+    peer_->setHoldOnPeerClose(true);
+    ::shutdown(descriptor, SHUT_WR);
+    ASSERT_TRUE(runUntil([&] { return peer_->isRemoteClosed(); }));
+    settle();
+    EXPECT_TRUE(peer_->write(ZnString("late answer")));
+    settle();
+    EXPECT_TRUE(peer_->isOpen()); // the owner has not let go
+    char buffer[16] = {};
+    EXPECT_EQ(::recv(descriptor, buffer, sizeof(buffer), 0), 11);
+    EXPECT_TRUE(peer_->write(patternOf(100))); // unread at the peer's end: a reset
+    settle();
+    ::close(descriptor);
+    EXPECT_TRUE(runUntil([&] { return !peer_->isOpen(); }));
+    EXPECT_EQ(errors, std::vector<int>{ZnSocketError::kConnectionAborted});
 }
 
 TEST_F(ZnTcpSocketTest, NamesAreResolvedWhileTheLoopGoesOnAndACloseEndsTheWait) {

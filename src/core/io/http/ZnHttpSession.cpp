@@ -113,6 +113,7 @@ bool ZnHttpSession::readInput_() {
             return false;
         }
         describePeer_(waitingCount);
+        holdConnection_();
         armTimeout_();
         if (parser_.expectsContinue() && !sendContinue_())
             return false;
@@ -168,6 +169,18 @@ void ZnHttpSession::discardInput_() {
 
 bool ZnHttpSession::canStartRequest_() const noexcept {
     return !closed_ && !responseInProgress_ && !asyncPending_ && !inputRefused_ && !pendingRequests_.isEmpty();
+}
+
+bool ZnHttpSession::isAnswerDue_() const noexcept {
+    return responseInProgress_ || asyncPending_ || !pendingRequests_.isEmpty();
+}
+
+/// While an answer is due the connection outlasts the peer's close of its sending side. Letting go may end it.
+void ZnHttpSession::holdConnection_() {
+    const bool isDue = isAnswerDue_();
+    if (closed_ || std::exchange(holdsConnection_, isDue) == isDue)
+        return;
+    socket_->setHoldOnPeerClose(isDue);
 }
 
 /// Handles what waits, in a loop and not by recursion: with a quick handler a request is answered and its response
@@ -242,6 +255,7 @@ void ZnHttpSession::answer_(unsigned long long requestSerial, ZnHttpResponse&& r
 void ZnHttpSession::sendResponse_(ZnHttpResponse&& response, bool keepAlive, bool isHead) {
     responseInProgress_ = true;
     asyncPending_ = false;
+    holdConnection_();
     closeAfterResponse_ = response.closeConnection || !keepAlive;
     if (response.switchProtocols && response.onSwitch) {
         sendSwitch_(std::move(response));
@@ -327,6 +341,11 @@ void ZnHttpSession::switchOver_() {
         closeSession_();
     if (!socket)
         return;
+    socket->setHoldOnPeerClose(false);
+    if (!socket->isOpen()) { // the peer had closed already
+        socket->deleteLater();
+        return;
+    }
     try {
         onSwitch(socket.get());
         return;
@@ -399,12 +418,14 @@ void ZnHttpSession::finishResponse_() {
     forgetRequest_();
     if (onSwitch_)
         switchOver_();
-    else if (!closeAfterResponse_)
-        armTimeout_();
-    else if (inputRefused_)
-        beginDrain_();
-    else
+    else if (closeAfterResponse_ && !inputRefused_)
         closeSession_();
+    else if (closeAfterResponse_)
+        beginDrain_();
+    else {
+        armTimeout_();
+        holdConnection_();
+    }
 }
 
 /// Its files go now, even if a handler still holds the request.
@@ -461,6 +482,9 @@ void ZnHttpSession::beginDrain_() {
     const ZnPointer<ZnHttpSession> self(this);
     draining_ = true;
     drainStartNs_ = lastActivityNs_ = monotonicNowNs();
+    holdConnection_();
+    if (!self || closed_)
+        return;
     const unsigned long long discardedBefore = discardedBytes_;
     discardInput_();
     if (!self || closed_)

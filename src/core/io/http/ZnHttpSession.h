@@ -25,6 +25,8 @@ class ZnTimer;
 /// A handler runs inline and may park for as long as it likes. Meanwhile anything may happen to the session: a
 /// time-out answers for the handler, the peer leaves, the server stops, the object is deleted. So every frame that
 /// calls out holds a ZnPointer to the session from before the call, and behind the call tests it and closed_ first.
+/// A peer that closes its sending side gets the answers to the requests that it has completed; what it has left half
+/// said is dropped.
 /// Thread: that of its socket; the response callback may be called from any thread.
 /// Owner: the server, which deletes it when it closes; without a closed handler it deletes itself.
 /// Invariant: at most one of responseInProgress_ and asyncPending_ is set; while one is, no other request begins.
@@ -67,6 +69,8 @@ private:
 
     // Requests.
     bool canStartRequest_() const noexcept;
+    bool isAnswerDue_() const noexcept;
+    void holdConnection_();
     void processNextRequest_();
     void startNextRequest_();
     ZnHttpResponseCallback responseCallback_();
@@ -113,6 +117,7 @@ private:
     bool closeAfterResponse_ = false;
     bool nextPieceDue_ = false;                // the last piece has left from inside write, resume_() sends the next
     bool closed_ = false;                      // final
+    bool holdsConnection_ = false;             // the socket stays when the peer closes its sending side
     bool insideWrite_ = false;                 // keeps a writeFinished from inside write out of the session
     bool resumeDeferred_ = false;              // one came
     bool resumeScheduled_ = false;             // resume_() is on its way

@@ -410,6 +410,10 @@ void ZnTcpSocket::writePending_() {
         finishDirectSend_(transfer);
 }
 
+unsigned long long ZnTcpSocket::bytesTaken() const {
+    return bytesSent_ - (handle_ ? handle_->unacknowledgedBytes() : 0);
+}
+
 // --- waiting
 
 bool ZnTcpSocket::waitForConnected(int msecs) {

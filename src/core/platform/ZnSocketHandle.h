@@ -83,6 +83,9 @@ public:
     /// 0 while the connection stands, if only in one direction; else why it does not.
     int failure() const;
 
+    /// How much of what was sent the peer's system has not acknowledged yet.
+    std::size_t unacknowledgedBytes() const;
+
     /// The peer's address; asked from the system once.
     const ZnSocketAddress& peerAddress() const;
     ZnSocketAddress localAddress() const;

@@ -48,8 +48,10 @@ public:
     bool feed(std::string_view bytes, ZnList<RequestRef>& out);
 
     State state() const noexcept { return state_; }
-    /// Between two requests, with no byte of the next one.
-    bool isIdle() const noexcept { return state_ == State::RequestLine && buffer_.isEmpty(); }
+    /// Between two requests, with no byte of the next one; the line ends that may stand in front of it do not count.
+    bool isIdle() const noexcept {
+        return state_ == State::RequestLine && (buffer_.isEmpty() || buffer_.view() == "\r");
+    }
     const ZnHttpLimits& limits() const noexcept { return limits_; }
     /// Whether the peer waits for an interim answer before it sends the body. True only between the end of the headers
     /// and the first byte behind them.

@@ -29,6 +29,8 @@ constexpr int kRequestsPerGo = 16;
 constexpr long long kNsPerMs = 1'000'000;
 constexpr long long kNever = std::numeric_limits<long long>::max();
 constexpr long long kWatchNs = 200 * kNsPerMs;          // the grid of time-out checks
+// How often, in a write time-out, one looks whether the peer takes anything: the time-out is exact to that part.
+constexpr int kWriteLooks = 16;
 constexpr long long kLongestSleepNs = 1'000'000 * kNsPerMs; // within what a timer can do
 
 // How long a refused peer may still send before the connection is closed under it; see beginDrain_.
@@ -50,7 +52,7 @@ ZnHttpSession::ZnHttpSession(ZnAbstractSocket* socket, const ZnHttpRouter* route
                              const ZnHttpTimeouts& timeouts, bool isTls, unsigned short localPort, ZnObject* parent)
     : ZnObject(parent), router_(router), parser_(limits), timeouts_(timeouts), isTls_(isTls), localPort_(localPort),
       createdNs_(monotonicNowNs()), lastActivityNs_(createdNs_), requestStartNs_(createdNs_), asyncStartNs_(createdNs_),
-      lastWriteNs_(createdNs_), armedTickNs_(kNever) {
+      lastWriteNs_(createdNs_), writeLookNs_(createdNs_), armedTickNs_(kNever) {
     if (socket == nullptr || router == nullptr) {
         closed_ = true;
         deleteLater();
@@ -104,11 +106,16 @@ bool ZnHttpSession::readInput_() {
             return false; // the end of the stream was found, or an error
         if (byteCount == 0)
             return true;
-        lastActivityNs_ = monotonicNowNs();
-        if (parser_.isIdle())
-            requestStartNs_ = lastActivityNs_;
+        const bool wasIdle = parser_.isIdle();
         const std::size_t waitingCount = pendingRequests_.size();
-        if (!parser_.feed({readBuffer, byteCount}, pendingRequests_)) {
+        const bool isAccepted = parser_.feed({readBuffer, byteCount}, pendingRequests_);
+        // Line ends between requests are no activity: with one now and then a connection could be kept for ever.
+        if (!wasIdle || !parser_.isIdle() || pendingRequests_.size() > waitingCount) {
+            lastActivityNs_ = monotonicNowNs();
+            if (wasIdle)
+                requestStartNs_ = lastActivityNs_;
+        }
+        if (!isAccepted) {
             sendError_(parser_.errorStatus(), parser_.errorText());
             return false;
         }
@@ -369,7 +376,7 @@ void ZnHttpSession::writeBytes_(ZnString head, ZnByteArray body) {
     if (!self || closed_)
         return;
     insideWrite_ = false;
-    lastWriteNs_ = monotonicNowNs();
+    noteWrite_(monotonicNowNs());
     if (!isAccepted) {
         closeSession_();
         return;
@@ -398,7 +405,7 @@ void ZnHttpSession::onWriteFinished_() {
         resumeDeferred_ = true;
         return;
     }
-    lastWriteNs_ = monotonicNowNs();
+    noteWrite_(monotonicNowNs());
     if (bodyStream_) {
         nextPieceDue_ = false;
         sendNextPiece_();
@@ -540,12 +547,35 @@ long long ZnHttpSession::nextDeadlineNs_() const noexcept {
     if (draining_)
         return std::min(drainStartNs_ + kDrainNs, lastActivityNs_ + kDrainQuietNs);
     if (responseInProgress_)
-        return deadlineNs(lastWriteNs_, timeouts_.writeTimeoutMs);
+        return std::min(deadlineNs(lastWriteNs_, timeouts_.writeTimeoutMs), nextWriteLookNs_());
     if (asyncPending_)
-        return deadlineNs(asyncStartNs_, timeouts_.bodyTimeoutMs);
+        return deadlineNs(asyncStartNs_, handlerTimeoutMs_());
     const long long requestDeadline = deadlineNs(requestStartNs_, requestTimeoutMs_());
     return isIdle_() ? std::min(requestDeadline, deadlineNs(lastActivityNs_, timeouts_.keepAliveTimeoutMs))
                      : requestDeadline;
+}
+
+long long ZnHttpSession::nextWriteLookNs_() const noexcept {
+    return timeouts_.writeTimeoutMs < 1 ? kNever : writeLookNs_ + timeouts_.writeTimeoutMs * kNsPerMs / kWriteLooks;
+}
+
+/// Restarts the clock of the write time-out.
+void ZnHttpSession::noteWrite_(long long now) {
+    lastWriteNs_ = writeLookNs_ = now;
+}
+
+/// A peer that takes a large piece slowly, but steadily, is not cut.
+void ZnHttpSession::lookAtWrite_(long long now) {
+    writeLookNs_ = now;
+    const auto* tcpSocket = dynamic_cast<const ZnTcpSocket*>(socket_.get());
+    const unsigned long long takenBytes = tcpSocket == nullptr ? 0 : tcpSocket->bytesTaken();
+    if (std::exchange(takenBytes_, takenBytes) != takenBytes)
+        lastWriteNs_ = now;
+}
+
+/// Whether the handler has used up the time in which the next request was to begin.
+bool ZnHttpSession::isLeftByLateAnswer_() const noexcept {
+    return isIdle_() && lastWriteNs_ >= deadlineNs(requestStartNs_, timeouts_.headerTimeoutMs);
 }
 
 bool ZnHttpSession::isIdle_() const noexcept {
@@ -588,15 +618,19 @@ void ZnHttpSession::runTimeoutTable_(long long now) {
         if (now >= nextDeadlineNs_())
             closeSession_();
     } else if (responseInProgress_) {
+        lookAtWrite_(now);
         if (now >= deadlineNs(lastWriteNs_, timeouts_.writeTimeoutMs)) {
             ZN_LOG_WARNING(kCategory, "ZnHttpSession::onTimeoutWatch_") << "[ZnHttpSession] write timeout, closing";
             closeSession_();
         }
     } else if (asyncPending_) {
-        if (now >= deadlineNs(asyncStartNs_, timeouts_.bodyTimeoutMs))
+        if (now >= deadlineNs(asyncStartNs_, handlerTimeoutMs_()))
             sendError_(504, "Route async timeout");
     } else if (now >= deadlineNs(requestStartNs_, requestTimeoutMs_())) {
-        sendError_(408, "Request Timeout");
+        if (isLeftByLateAnswer_())
+            closeSession_(); // a 408 would meet, unasked for, the next request of a peer that has had no time for it
+        else
+            sendError_(408, "Request Timeout");
     } else if (isIdle_() && now >= deadlineNs(lastActivityNs_, timeouts_.keepAliveTimeoutMs)) {
         closeSession_();
     }

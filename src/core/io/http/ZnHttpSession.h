@@ -98,6 +98,11 @@ private:
 
     // Time-outs.
     long long nextDeadlineNs_() const noexcept;
+    long long nextWriteLookNs_() const noexcept;
+    void noteWrite_(long long now);
+    void lookAtWrite_(long long now);
+    bool isLeftByLateAnswer_() const noexcept;
+    int handlerTimeoutMs_() const noexcept { return timeouts_.handlerTimeoutMs.value_or(timeouts_.bodyTimeoutMs); }
     bool isIdle_() const noexcept;
     int requestTimeoutMs_() const noexcept;
     void armTimeout_();
@@ -142,7 +147,9 @@ private:
     long long lastActivityNs_;
     long long requestStartNs_;
     long long asyncStartNs_;
-    long long lastWriteNs_;
+    long long lastWriteNs_;                    // or when the peer was last seen to take something
+    long long writeLookNs_;                    // when that was looked at last
+    unsigned long long takenBytes_ = 0;        // by the peer, at that time
     long long drainStartNs_ = 0;
     long long armedTickNs_;                    // when timeoutTimer_ fires
 };

@@ -21,7 +21,9 @@ class ZnThreadPool;
 /// Listens, makes a session per connection, admits or refuses each request, runs filters and middleware and hands the
 /// request to the router.
 ///
-/// Thread: the owning thread; handlers run there, on the fiber that read the request, or on a thread of the pool.
+/// Thread: the owning thread; handlers run there, on the fiber that read the request, or on a thread of the pool. A
+/// handler that parks keeps its fiber, and with all of them parked nothing else could run: so at most
+/// limits().maxParkedRequests handlers run on the loop, and what comes on top is answered with a 503 at once.
 /// stats() may be called from any thread. Routes, filters and middleware are added before the server listens.
 /// Owner: whoever made it. Its sessions end with it; a handler that is still parked then finishes in peace, its
 /// answer is dropped.
@@ -72,6 +74,7 @@ public:
 private:
     class Counters_;
     struct InFlight_;
+    class LoopPlace_;
     class Pipeline_;
     class PoolJob_;
     using FilterList_ = std::vector<RequestFilter>;
@@ -82,8 +85,10 @@ private:
     void admit_(ZnTcpSocket* socket, bool isTls, unsigned short localPort);
     void handleRequest_(const std::shared_ptr<ZnHttpRequest>& request, ZnHttpResponseCallback completion);
     bool usesThreadPool_() const;
+    std::uint64_t maxParkedRequests_() const;
     void submitToPool_(const std::shared_ptr<ZnHttpRequest>& request, const std::shared_ptr<InFlight_>& inFlight,
                        ZnHttpRouter::Target target);
+    void runInline_(const std::shared_ptr<ZnHttpRequest>& request, const std::shared_ptr<InFlight_>& inFlight);
     void runPipeline_(const std::shared_ptr<ZnHttpRequest>& request, const std::shared_ptr<InFlight_>& inFlight);
     void runRoute_(const std::shared_ptr<ZnHttpRequest>& request, const std::shared_ptr<InFlight_>& inFlight);
 

@@ -255,6 +255,35 @@ TEST_F(ZnHttpServerTest, APeerThatHasClosedItsSideGetsTheAnswersThatAreDue) {
     EXPECT_TRUE(runUntil([&] { return app_->activeSessionCount() == 0; }));
 }
 
+TEST_F(ZnHttpServerTest, ASlowReaderIsServedAndOneThatStopsIsCut) {
+    ZnHttpTimeouts timeouts;
+    timeouts.writeTimeoutMs = 400;
+    app_->setTimeouts(timeouts);
+    const std::string body(16 << 20, 'x');
+    app_->get("/large", [&](ZnHttpContext& context) { context.sendString(body, "x/y"); });
+    for (const bool isReading : {true, false}) {
+        const int client = connectToLoopback(port_);
+        ::send(client, "GET /large HTTP/1.1\r\n\r\n", 23, MSG_NOSIGNAL);
+        std::string received;
+        std::vector<char> buffer(1 << 20);
+        const auto takeSome = [&](std::size_t byteCount) {
+            const ssize_t got = ::recv(client, buffer.data(), byteCount, MSG_DONTWAIT);
+            received.append(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+        };
+        for (int i = 0; i < 40; ++i) { // four time-outs long
+            takeSome(isReading ? 32 << 10 : 0);
+            settle(40);
+        }
+        EXPECT_EQ(app_->activeSessionCount(), isReading ? 1U : 0U);
+        for (int i = 0; isReading && i < 10000 && received.size() < received.find("\r\n\r\n") + 4 + body.size(); ++i) {
+            takeSome(buffer.size());
+            settle(1);
+        }
+        EXPECT_EQ(http_reader::readResponse(received, "GET").body.size(), isReading ? body.size() : 0);
+        ::close(client);
+    }
+}
+
 TEST_F(ZnHttpServerTest, AdmissionLimits) {
     ZnHttpLimits limits;
     limits.maxConnections = 2;
@@ -289,6 +318,53 @@ TEST_F(ZnHttpServerTest, AdmissionLimits) {
     EXPECT_EQ(app_->stats().inFlight, 0);
     app_.reset();
     kept(ZnHttpResponse());
+}
+
+// All at once, with handlers that wait: more than there are fibers. Nobody waits in vain, and the server goes on.
+TEST_F(ZnHttpServerTest, ManySlowCallsLeaveTheLoopItsFibers) {
+    constexpr int kCallCount = 2000;
+    int mostParked = 0;
+    int parked = 0;
+    app_->get("/slow", [&](ZnHttpContext& context) {
+        mostParked = std::max(mostParked, ++parked);
+        do
+            ZnEventLoop().exec(50);
+        while (app_->stats().requestsStarted < kCallCount);
+        --parked;
+        context.text("slow");
+    });
+    std::map<std::string, int> answers;
+    auto clients = std::async(std::launch::async, [&] {
+        std::vector<int> descriptors;
+        for (int i = 0; i < kCallCount; ++i)
+            descriptors.push_back(connectToLoopback(port_));
+        for (const int descriptor : descriptors)
+            ::send(descriptor, "GET /slow HTTP/1.1\r\nconnection: close\r\n\r\n", 41, MSG_NOSIGNAL);
+        for (const int descriptor : descriptors) {
+            const timeval patience{20, 0};
+            ::setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+            char answer[13] = {};
+            ::recv(descriptor, answer, 12, MSG_WAITALL);
+            ++answers[answer];
+            ::close(descriptor);
+        }
+    });
+    ASSERT_TRUE(pollUntil([&] { return clients.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
+    EXPECT_EQ(mostParked, application_.fiberPool().warmTarget() - 64);
+    EXPECT_EQ(answers["HTTP/1.1 200"], mostParked);
+    EXPECT_EQ(answers["HTTP/1.1 503"], kCallCount - mostParked);
+    EXPECT_EQ(app_->stats().busyRefused, kCallCount - mostParked);
+    EXPECT_TRUE(firstAnswer("/slow").ends_with("slow"));
+    EXPECT_EQ(app_->stats().inFlight, 0);
+
+    ZnHttpLimits limits; // of one's own
+    limits.maxParkedRequests = 1;
+    app_->setLimits(limits);
+    const auto first = sendGet("/slow");
+    ASSERT_TRUE(runUntil([&] { return parked == 1; }));
+    EXPECT_TRUE(firstAnswer("/echo/x").ends_with("\r\n\r\nServer busy"));
+    EXPECT_TRUE(runUntil([&] { return first->answerCount() == 1; }));
+    EXPECT_TRUE(firstAnswer("/echo/x").ends_with("\r\n\r\nx"));
 }
 
 // What the peer of one route sees, by what stands in front of it.

@@ -23,6 +23,8 @@ struct ZnHttpLimits {
     std::uint64_t maxMultipartHeaderBytes = 16384;   // header lines of one part
     std::uint64_t maxMultipartFieldBytes = 2097152;  // one streamed part that is no file
     bool strictGrammar = false;                // refuse what other readers of the same bytes may take for something else
+    bool refuseBeforeBody = false;             // what filters and routes refuse is refused before its body comes; then
+                                               // filters see such a request twice, at first without its body
     bool streamMultipart = false;              // multipart bodies are read as they come, their files go to the disk
     ZnString multipartTempDir = "http_multipart_tmp"; // of those files; made when it is missing
 };

@@ -338,7 +338,12 @@ bool ZnHttpParser_::finishHeaders_() {
         return fail_(413, "Body too large");
     current_->chunked = chunked;
     state_ = chunked ? State::ChunkSize : bodyRemaining_ > 0 ? State::FixedBody : State::Complete;
-    return state_ == State::Complete || !isStreamed || beginMultipart_(contentType->second.view());
+    if (state_ == State::Complete)
+        return true;
+    isBodyRefused_ = headCheck_ && !headCheck_(*current_);
+    if (isBodyRefused_)
+        return fail_(403, "Refused");
+    return !isStreamed || beginMultipart_(contentType->second.view());
 }
 
 bool ZnHttpParser_::expectsContinue() const {

@@ -371,6 +371,12 @@ void ZnHttpServer::admit_(ZnTcpSocket* socket, bool isTls, unsigned short localP
             if (ZnHttpServer* server = self.get())
                 server->handleRequest_(request, std::move(completion));
         });
+    if (limits_.refuseBeforeBody) {
+        session->setHeadCheck([self](ZnHttpRequest& request) {
+            const ZnHttpServer* server = self.get();
+            return server == nullptr ? nullptr : server->refusalOf_(request);
+        });
+    }
     session->setClosedHandler([self](ZnHttpSession* closed) {
         if (ZnHttpServer* server = self.get())
             server->sessions_.erase(closed);
@@ -399,6 +405,25 @@ void ZnHttpServer::handleRequest_(const std::shared_ptr<ZnHttpRequest>& request,
         }
         runInline_(request, inFlight);
     });
+}
+
+/// What filters and routes say to a request in front of its body; null: it is to be read. A middleware might answer what
+/// has no route.
+std::unique_ptr<ZnHttpResponse> ZnHttpServer::refusalOf_(ZnHttpRequest& request) const {
+    const long long startedNs = monotonicNowNs();
+    auto response = std::make_unique<ZnHttpResponse>();
+    try {
+        if (!requestFilters_ || !runFilters(*requestFilters_, request, response.get())) {
+            const ZnHttpRouter::Target target = router_.find(request);
+            if (middleware_ || target.isRoute())
+                return nullptr;
+            *response = target.answer(request);
+        }
+    } catch (...) {
+        return nullptr; // it will throw again when the request is there, and is answered for then
+    }
+    counters_->record(*response, startedNs, false);
+    return response;
 }
 
 bool ZnHttpServer::usesThreadPool_() const {

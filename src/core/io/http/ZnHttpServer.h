@@ -32,7 +32,8 @@ class ZnHttpServer : public ZnObject {
 public:
     ZN_OBJECT(ZnHttpServer, ZnObject)
 
-    /// Sees a request before it goes to its route. True: the response is the answer.
+    /// Sees a request before it goes to its route. True: the response is the answer. With limits().refuseBeforeBody it
+    /// also sees one that has a body as soon as its headers are there, on the server's thread; it must not park then.
     using RequestFilter = std::function<bool(const ZnHttpRequest&, ZnHttpResponse&)>;
     /// Takes the request on its way: with true the response is the answer, with false the next in line has its turn.
     using Next = std::function<void(bool isHandled, const ZnHttpResponse&)>;
@@ -84,6 +85,7 @@ private:
     void admitAll_(ZnTcpServer& listener, bool isTls);
     void admit_(ZnTcpSocket* socket, bool isTls, unsigned short localPort);
     void handleRequest_(const std::shared_ptr<ZnHttpRequest>& request, ZnHttpResponseCallback completion);
+    std::unique_ptr<ZnHttpResponse> refusalOf_(ZnHttpRequest& request) const;
     bool usesThreadPool_() const;
     std::uint64_t maxParkedRequests_() const;
     void submitToPool_(const std::shared_ptr<ZnHttpRequest>& request, const std::shared_ptr<InFlight_>& inFlight,

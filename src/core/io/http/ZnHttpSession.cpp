@@ -79,6 +79,10 @@ void ZnHttpSession::setRequestHandler(RequestHandler handler) {
     requestHandler_ = handler ? std::make_shared<const RequestHandler>(std::move(handler)) : nullptr;
 }
 
+void ZnHttpSession::setHeadCheck(HeadCheck check) {
+    parser_.setHeadCheck([this, own = std::move(check)](ZnHttpRequest& request) { return isBodyWanted_(own, request); });
+}
+
 void ZnHttpSession::start() {
     if (closed_)
         return;
@@ -116,10 +120,14 @@ bool ZnHttpSession::readInput_() {
                 requestStartNs_ = lastActivityNs_;
         }
         if (!isAccepted) {
-            sendError_(parser_.errorStatus(), parser_.errorText());
+            if (headRefusal_)
+                refuse_(std::move(*std::exchange(headRefusal_, nullptr)));
+            else
+                sendError_(parser_.errorStatus(), parser_.errorText());
             return false;
         }
-        describePeer_(waitingCount);
+        for (std::size_t i = waitingCount; i < pendingRequests_.size(); ++i)
+            describePeer_(*pendingRequests_[i]);
         holdConnection_();
         armTimeout_();
         if (parser_.expectsContinue() && !sendContinue_())
@@ -139,9 +147,17 @@ bool ZnHttpSession::sendContinue_() {
     return self && !closed_;
 }
 
-void ZnHttpSession::describePeer_(std::size_t firstNewRequest) {
-    if (firstNewRequest == pendingRequests_.size())
-        return;
+bool ZnHttpSession::isBodyWanted_(const HeadCheck& check, ZnHttpRequest& request) {
+    if (isAnswerDue_())
+        return true;
+    describePeer_(request);
+    headRefusal_ = check(request);
+    if (headRefusal_ && request.method == "HEAD")
+        headRefusal_->headOnly = true;
+    return headRefusal_ == nullptr;
+}
+
+void ZnHttpSession::describePeer_(ZnHttpRequest& request) {
     if (!peerKnown_) {
         peerKnown_ = true;
         if (const auto* tcpSocket = dynamic_cast<const ZnTcpSocket*>(socket_.get())) {
@@ -149,13 +165,10 @@ void ZnHttpSession::describePeer_(std::size_t firstNewRequest) {
             peerPort_ = tcpSocket->peerPort();
         }
     }
-    for (std::size_t i = firstNewRequest; i < pendingRequests_.size(); ++i) {
-        ZnHttpRequest& request = *pendingRequests_[i];
-        request.isTls = isTls_;
-        request.localPort = localPort_;
-        request.peerAddress = peerAddress_;
-        request.peerPort = peerPort_;
-    }
+    request.isTls = isTls_;
+    request.localPort = localPort_;
+    request.peerAddress = peerAddress_;
+    request.peerPort = peerPort_;
 }
 
 /// Reads and forgets what comes behind a request that was refused.
@@ -467,8 +480,13 @@ void ZnHttpSession::postWeakly_(void (ZnHttpSession::*step)()) {
         ZnTimer::singleShot(0, call); // saturated: timers that find no room fire later, but do fire
 }
 
-/// The last answer on this connection: whatever the peer sends from here on is discarded.
 void ZnHttpSession::sendError_(int status, const ZnString& text) {
+    const std::string_view body = text.isEmpty() ? std::string_view("Bad Request") : text.view();
+    refuse_(ZnHttpResponse::plain(status < 1 ? 400 : status, body, false));
+}
+
+/// The last answer on this connection: whatever the peer sends from here on is discarded.
+void ZnHttpSession::refuse_(ZnHttpResponse&& response) {
     if (closed_)
         return;
     asyncPending_ = false;
@@ -478,8 +496,7 @@ void ZnHttpSession::sendError_(int status, const ZnString& text) {
     }
     inputRefused_ = true;
     pendingRequests_.clear();
-    const std::string_view body = text.isEmpty() ? std::string_view("Bad Request") : text.view();
-    sendResponse_(ZnHttpResponse::plain(status < 1 ? 400 : status, body, false), false, false);
+    sendResponse_(std::move(response), false, false);
 }
 
 /// Closing a socket with input unread, or under a peer that still sends, resets the connection, and the reset may

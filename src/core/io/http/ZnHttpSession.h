@@ -35,6 +35,8 @@ public:
     ZN_OBJECT(ZnHttpSession, ZnObject)
 
     using RequestHandler = std::function<void(const std::shared_ptr<ZnHttpRequest>&, ZnHttpResponseCallback)>;
+    /// The answer to a request whose body is not wanted; null for all others. Must not park.
+    using HeadCheck = std::function<std::unique_ptr<ZnHttpResponse>(ZnHttpRequest&)>;
     using ClosedHandler = std::function<void(ZnHttpSession*)>;
 
     /// Takes the connected socket over. Without a socket or a router the session deletes itself. Call start()
@@ -45,6 +47,8 @@ public:
 
     /// Answers the requests; without one the router does.
     void setRequestHandler(RequestHandler handler);
+    /// Asked in front of a body, unless earlier answers are still due: those come first, and nothing is refused then.
+    void setHeadCheck(HeadCheck check);
     /// Called once, when the connection has ended; it is to delete the session later.
     void setClosedHandler(ClosedHandler handler) { onClosed_ = std::move(handler); }
 
@@ -63,7 +67,8 @@ private:
 
     // Input.
     bool readInput_();
-    void describePeer_(std::size_t firstNewRequest);
+    bool isBodyWanted_(const HeadCheck& check, ZnHttpRequest& request);
+    void describePeer_(ZnHttpRequest& request);
     bool sendContinue_();
     void discardInput_();
 
@@ -87,6 +92,7 @@ private:
     void finishResponse_();
     void forgetRequest_();
     void sendError_(int status, const ZnString& text);
+    void refuse_(ZnHttpResponse&& response);
     void beginDrain_();
     void closeSession_();
     void releaseSocket_();
@@ -130,6 +136,7 @@ private:
     bool draining_ = false;                    // that answer has left
     unsigned long long discardedBytes_ = 0;
 
+    std::unique_ptr<ZnHttpResponse> headRefusal_; // what the head check has answered, while the parser comes back
     std::unique_ptr<ZnHttpBodyStream_> bodyStream_; // what is left of the response's body; null when all was written
     std::function<void(ZnAbstractSocket*)> onSwitch_; // set: the connection leaves HTTP when the response has left
 

@@ -367,6 +367,47 @@ TEST_F(ZnHttpServerTest, ManySlowCallsLeaveTheLoopItsFibers) {
     EXPECT_TRUE(firstAnswer("/echo/x").ends_with("\r\n\r\nx"));
 }
 
+TEST_F(ZnHttpServerTest, WhatIsRefusedAnywayIsRefusedInFrontOfItsBody) {
+    app_->addRequestFilter([this](const ZnHttpRequest& request, ZnHttpResponse& response) {
+        if (request.queryString == "throw")
+            throw std::runtime_error("x");
+        EXPECT_EQ(request.localPort, port_);
+        response = ZnHttpResponse::plain(403, "filtered", true);
+        return request.queryString == "no";
+    });
+    const std::string body = " HTTP/1.1\r\ncontent-length: 2\r\nexpect: 100-continue\r\n\r\n";
+    const std::string chunks = " HTTP/1.1\r\ntransfer-encoding: chunked\r\n\r\n";
+    const std::string interim = "HTTP/1.1 100 Continue\r\n\r\n";
+    const struct { std::string input; const char *start, *end; bool goesOn; } kRows[] = {
+        {"POST /body?no" + body, "HTTP/1.1 403 ", "\r\n\r\nfiltered", false},
+        {"POST /body?no" + chunks, "HTTP/1.1 403 ", "\r\n\r\nfiltered", false},
+        {"POST /none" + body, "HTTP/1.1 404 ", "\r\n\r\nNot Found", false},
+        {"POST /peer" + body, "HTTP/1.1 405 ", "\r\n\r\nMethod Not Allowed", false},
+        {"HEAD /none" + body, "HTTP/1.1 404 ", "\r\n\r\n", false},
+        {"GET /none HTTP/1.1\r\n\r\n", "HTTP/1.1 404 ", "\r\n\r\nNot Found", true}, // no reason to close
+        {"POST /body" + body, interim.c_str(), interim.c_str(), true},
+        {"POST /body?throw" + body, interim.c_str(), interim.c_str(), true},
+        {"GET /echo/a HTTP/1.1\r\n\r\nPOST /none" + body, "HTTP/1.1 200 ", "\r\n\r\na", true}}; // in its turn
+    for (const bool isEarly : {true, false}) {
+        ZnHttpLimits limits;
+        limits.refuseBeforeBody = isEarly;
+        app_->setLimits(limits);
+        for (const auto& row : kRows) {
+            SCOPED_TRACE(row.input);
+            const auto client = send(row.input);
+            if (!isEarly && !row.goesOn) {
+                settle();
+                EXPECT_EQ(client->received, row.input.ends_with(chunks) ? "" : interim);
+                continue;
+            }
+            ASSERT_TRUE(runUntil([&] { return client->answerCount() > 0 && (row.goesOn || client->isGone()); }));
+            EXPECT_TRUE(client->received.starts_with(row.start)) << client->received;
+            EXPECT_TRUE(client->received.ends_with(row.end)) << client->received;
+            EXPECT_EQ(client->received.find("connection: close") == std::string::npos, row.goesOn);
+        }
+    }
+}
+
 // What the peer of one route sees, by what stands in front of it.
 TEST_F(ZnHttpServerTest, FiltersAndMiddleware) {
     ZnHttpServer::Next kept;

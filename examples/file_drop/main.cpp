@@ -7,6 +7,7 @@
 //                                                  DELETE /files/:name  removes it
 
 #include "core/fs/ZnDir.h"
+#include "core/io/ZnFile.h"
 #include "core/io/http/ZnHttpApp.h"
 #include "core/platform/ZnDirPlatform.h"
 #include "core/platform/ZnFilePlatform.h"
@@ -44,6 +45,11 @@ bool isSafeName(const ZnString& name) {
     return !name.isEmpty() && name.size() <= kMaxNameBytes && name[0] != '.' &&
            std::all_of(name.begin(), name.end(), isSafeByte) &&
            ZnString::fromWCharArray(name.toStdWString().c_str()) == name; // well-formed UTF-8: it goes into JSON
+}
+
+/// A name that is only told, in JSON: with what is no UTF-8 replaced.
+ZnString tellable(const ZnString& name) {
+    return ZnString::fromWCharArray(name.toStdWString());
 }
 
 ZnString percentEncoded(const ZnString& name) {
@@ -91,7 +97,7 @@ public:
     std::error_code keep(const ZnHttpMultipartPart& part) const {
         std::error_code error;
         fs::create_hard_link(part.tempFilePath.str(), pathOf(part.fileName).str(), error);
-        return error;
+        return !error || error == std::errc::file_exists ? error : moveTo(pathOf(part.fileName), part);
     }
 
     ZnJsonArray list() const {
@@ -108,6 +114,19 @@ public:
     }
 
 private:
+    /// Where the file system has no links: an empty file takes the name first, so that nothing is ever replaced.
+    static std::error_code moveTo(const ZnString& path, const ZnHttpMultipartPart& part) {
+        std::error_code error;
+        if (!ZnFile(path).createNew()) {
+            const bool isTaken = fs::exists(fs::symlink_status(path.str(), error));
+            return std::make_error_code(isTaken ? std::errc::file_exists : std::errc::io_error);
+        }
+        fs::rename(part.tempFilePath.str(), path.str(), error);
+        if (error)
+            znFilePlatform()->remove(path);
+        return error;
+    }
+
     const ZnString directory_; // absolute, with a "/" at its end
     const ZnString incoming_;
 };
@@ -120,7 +139,7 @@ void handleUpload(const Store& store, ZnHttpContext& context) {
     ZnJsonArray refused;
     int status = 201;
     const auto refuse = [&](const ZnHttpMultipartPart& part, int reasonStatus, const char* reason) {
-        refused.append(ZnJsonObject{{"field", part.name}, {"reason", reason}});
+        refused.append(ZnJsonObject{{"field", tellable(part.name)}, {"reason", reason}});
         status = reasonStatus;
     };
     for (const ZnHttpMultipartPart& part : context.request().multipartParts) {
@@ -167,18 +186,33 @@ void handleDelete(const Store& store, ZnHttpContext& context) {
     context.json(ZnJsonObject{{"removed", name}});
 }
 
-/// Web pages of other sites may make a browser send forms here. It tells where a request comes from.
-bool refuseOtherSites(const ZnHttpRequest& request, ZnHttpResponse& response) {
-    const bool isReading = request.method == "GET" || request.method == "HEAD";
+/// Whether the page that sent the request, as far as its browser tells, came from the address that it is sent to.
+bool isOfThisSite(const ZnHttpRequest& request) {
     const ZnString site = request.headers.value("sec-fetch-site", "none");
-    if (isReading || site == "same-origin" || site == "none")
+    const auto origin = request.headers.find("origin");
+    const ZnString own = (request.isTls ? "https://" : "http://") + request.headers.value("host");
+    return (site == "same-origin" || site == "none") &&
+           (origin == request.headers.end() || origin->second.toLower() == own.toLower());
+}
+
+/// Web pages of other sites may make a browser send forms here. And a form goes to one place only: sent elsewhere, its
+/// files would fill the disk until the whole request is there.
+bool refuseForeign(const ZnHttpRequest& request, ZnHttpResponse& response) {
+    const bool isReading = request.method == "GET" || request.method == "HEAD";
+    const bool isForm = request.headers.value("content-type").toLower().startsWith("multipart/");
+    if (!isReading && !isOfThisSite(request))
+        response = ZnHttpResponse::plain(403, "Forbidden", request.keepAlive);
+    else if (isForm && request.method != "POST")
+        response = ZnHttpResponse::plain(400, "No form is expected here", request.keepAlive);
+    else
         return false;
-    response = ZnHttpResponse::plain(403, "Forbidden", request.keepAlive);
     return true;
 }
 
 void configure(ZnHttpApp& app, const Store& store) {
     ZnHttpLimits limits = app.limits();
+    limits.strictGrammar = true;
+    limits.refuseBeforeBody = true;
     limits.streamMultipart = true; // a file part goes to the disk as it comes
     limits.multipartTempDir = store.incoming();
     limits.maxStreamedBodyBytes = 4ULL << 30;
@@ -191,7 +225,7 @@ void configure(ZnHttpApp& app, const Store& store) {
     timeouts.bodyTimeoutMs = kUploadMs; // from the first byte of a request to its last
     app.setTimeouts(timeouts);
 
-    app.addRequestFilter(refuseOtherSites);
+    app.addRequestFilter(refuseForeign);
     app.get("/", [](ZnHttpContext& context) { context.sendString(kForm, "text/html; charset=utf-8"); });
     app.get("/files", [&store](ZnHttpContext& context) { context.json(store.list()); });
     app.post("/files", [&store](ZnHttpContext& context) { handleUpload(store, context); });

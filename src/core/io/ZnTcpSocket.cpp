@@ -122,6 +122,19 @@ bool ZnTcpSocket::failWhenGone_(const EventScope_& scope) {
     return true;
 }
 
+/// Nothing else would end a held connection whose peer is gone: there may be nobody who reads or writes.
+bool ZnTcpSocket::failWhenGone_(const EventScope_& scope) {
+    if (!holdOnPeerClose_ || !remoteClosed_ || stoppedBeforeEnd_)
+        return false;
+    const int error = handle_->failure();
+    if (error == 0)
+        return false;
+    errorOccurred(error);
+    if (scope.stillValid())
+        close();
+    return true;
+}
+
 void ZnTcpSocket::requestAnotherRead_() {
     stoppedBeforeEnd_ = false;
     handle_->requestReadEvent();
@@ -439,6 +452,10 @@ void ZnTcpSocket::writePending_() {
         writeBuffer_.release(); // an idle connection keeps no memory
     if (transfer.byteCount > 0 || transfer.error != 0)
         finishDirectSend_(transfer);
+}
+
+unsigned long long ZnTcpSocket::bytesTaken() const {
+    return bytesSent_ - (handle_ ? handle_->unacknowledgedBytes() : 0);
 }
 
 // --- waiting

@@ -54,6 +54,9 @@ public:
     /// Totals over the object's life.
     unsigned long long bytesReceived() const noexcept { return bytesReceived_; }
     unsigned long long bytesSent() const noexcept { return bytesSent_; }
+    /// How much of bytesSent() the peer has taken, which changes while it takes: the system's buffer may hold megabytes,
+    /// and takes more only in large lumps.
+    unsigned long long bytesTaken() const;
 
 protected:
     virtual bool onConnectReady_();

@@ -18,9 +18,13 @@ struct ZnHttpLimits {
     std::uint64_t maxConnections = 0;          // sessions of a server, 0: no limit
     std::uint64_t maxInflightRequests = 0;     // requests being handled, 0: no limit
     std::uint64_t maxThreadPoolRequests = 0;   // requests with the thread pool, 0: no limit
+    std::uint64_t maxParkedRequests = 0;       // handlers on the loop at a time, 0: as many as leave it fibers for others
     std::uint64_t maxMultipartParts = 256;     // parts of one body
     std::uint64_t maxMultipartHeaderBytes = 16384;   // header lines of one part
     std::uint64_t maxMultipartFieldBytes = 2097152;  // one streamed part that is no file
+    bool strictGrammar = false;                // refuse what other readers of the same bytes may take for something else
+    bool refuseBeforeBody = false;             // what filters and routes refuse is refused before its body comes; then
+                                               // filters see such a request twice, at first without its body
     bool streamMultipart = false;              // multipart bodies are read as they come, their files go to the disk
     ZnString multipartTempDir = "http_multipart_tmp"; // of those files; made when it is missing
 };

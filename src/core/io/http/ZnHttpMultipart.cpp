@@ -8,6 +8,7 @@ namespace zn::http {
 namespace {
 
 constexpr std::string_view kFormType = "multipart/form-data";
+constexpr std::size_t kMaxBoundaryBytes = 70; // RFC 2046, section 5.1.1
 
 bool fail(const char* text, ZnString* errorText) {
     *errorText = text;
@@ -101,8 +102,8 @@ bool parseMultipart(ZnHttpRequest& request, const ZnHttpLimits& limits, ZnString
     if (contentType == request.headers.end() || !isMultipartForm(contentType->second.view()))
         return true;
     ZnString boundary;
-    if (!parseBoundary(contentType->second.view(), &boundary))
-        return fail("Missing multipart boundary", errorText);
+    if (!parseBoundary(contentType->second.view(), &boundary, errorText))
+        return false;
     if (!BodyScan(request.body.view(), boundary, limits).run(request.multipartParts, errorText))
         return false;
     request.multipartParsed = true;
@@ -119,14 +120,17 @@ bool isMultipartForm(std::string_view contentType) noexcept {
                       [](char a, char b) { return (a >= 'A' && a <= 'Z' ? a - 'A' + 'a' : a) == b; });
 }
 
-bool parseBoundary(std::string_view contentType, ZnString* boundary) {
+bool parseBoundary(std::string_view contentType, ZnString* boundary, ZnString* errorText) {
     ZnString main;
     ZnMap<ZnString, ZnString> params;
     parseHeaderValue(contentType, &main, &params);
-    if (main.view() != kFormType)
-        return false;
-    *boundary = params.value("boundary");
-    return !boundary->isEmpty();
+    const ZnString text = params.value("boundary");
+    if (main.view() != kFormType || text.isEmpty())
+        return fail("Missing multipart boundary", errorText);
+    if (text.size() > kMaxBoundaryBytes)
+        return fail("Multipart boundary too long", errorText);
+    *boundary = text;
+    return true;
 }
 
 void parseHeaderValue(std::string_view value, ZnString* main, ZnMap<ZnString, ZnString>* params) {

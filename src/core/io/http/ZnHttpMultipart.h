@@ -20,8 +20,10 @@ bool parseMultipart(ZnHttpRequest& request, const ZnHttpLimits& limits, ZnString
 /// Whether a content type begins with "multipart/form-data", in any case.
 bool isMultipartForm(std::string_view contentType) noexcept;
 
-/// The boundary of a content type. False when the type is another one than "multipart/form-data", or it has none.
-bool parseBoundary(std::string_view contentType, ZnString* boundary);
+/// The boundary of a content type. False, with a text for the peer, when the type is another one than
+/// "multipart/form-data", or it has none, or one of more than 70 characters: more are not allowed, and the streaming
+/// reader keeps back and searches again as many bytes at every piece that comes.
+bool parseBoundary(std::string_view contentType, ZnString* boundary, ZnString* errorText);
 
 /// Splits "main; key=value; ...". Main and keys are made lower case, quotes around a value go, a repeated key keeps
 /// its last value. A ";" separates also between quotes, and a piece without a key is skipped.

@@ -1,5 +1,6 @@
 #include "core/io/http/ZnHttpParser_.h"
 
+#include "core/io/http/ZnHttpGrammar_.h"
 #include "core/io/http/ZnHttpMultipart.h"
 
 #include <algorithm>
@@ -121,6 +122,11 @@ void parseQuery(std::string_view query, ZnMap<ZnString, ZnString>* params) {
     }
 }
 
+/// A second one would leave it open where the body ends, or whose request it is.
+bool isAllowedOnce(std::string_view name) noexcept {
+    return name == "content-length" || name == "transfer-encoding" || name == "host";
+}
+
 /// The origin form of a target: of "http://host/x" the "/x".
 std::string_view withoutAuthority(std::string_view target) noexcept {
     constexpr std::size_t kLongestScheme = 8; // "https://"
@@ -130,6 +136,8 @@ std::string_view withoutAuthority(std::string_view target) noexcept {
     const std::size_t slash = target.find('/', target.find("://") + 3);
     return slash == std::string_view::npos ? std::string_view("/") : target.substr(slash);
 }
+
+namespace grammar = zn::http::grammar;
 
 } // namespace
 
@@ -185,7 +193,8 @@ bool ZnHttpParser_::step_(Input_& input, ZnList<RequestRef>& out) {
     return false;
 }
 
-/// Takes one line without its CRLF off the input. A bare LF ends no line.
+/// Takes one line without its CRLF off the input. A bare LF ends no line; by the strict grammar it does so without being
+/// taken away, and whoever reads the line refuses it, at once and not when the time is up.
 bool ZnHttpParser_::readLine_(Input_& input, std::string_view* line) {
     const std::string_view rest = input.rest;
     std::size_t from = std::exchange(scannedBytes_, 0);
@@ -195,8 +204,9 @@ bool ZnHttpParser_::readLine_(Input_& input, std::string_view* line) {
             scannedBytes_ = rest.size();
             return false;
         }
-        if (lineFeed > 0 && rest[lineFeed - 1] == '\r') {
-            *line = rest.substr(0, lineFeed - 1);
+        const bool hasReturn = lineFeed > 0 && rest[lineFeed - 1] == '\r';
+        if (hasReturn || limits_.strictGrammar) {
+            *line = rest.substr(0, hasReturn ? lineFeed - 1 : lineFeed + 1);
             input.skip(lineFeed + 1);
             return true;
         }
@@ -229,9 +239,13 @@ bool ZnHttpParser_::parseRequestLine_(std::string_view line) {
     for (std::string_view& piece : pieces) {
         if (!nextPiece(&line, ' ', &piece))
             return fail_(400, "Malformed request line");
-        piece = trimmedView(piece);
+        if (!limits_.strictGrammar)
+            piece = trimmedView(piece);
     }
     if (pieces[0].empty() || pieces[1].empty() || pieces[2].empty())
+        return fail_(400, "Malformed request line");
+    if (limits_.strictGrammar && (line.data() != nullptr || !grammar::isMethod(pieces[0]) ||
+                                  !grammar::isTarget(pieces[0], pieces[1]) || !grammar::isVersion(pieces[2])))
         return fail_(400, "Malformed request line");
     current_ = std::make_shared<ZnHttpRequest>();
     current_->method = upperText(pieces[0]);
@@ -276,12 +290,31 @@ bool ZnHttpParser_::parseHeaderLine_(std::string_view line) {
         return fail_(400, "Malformed header");
     if (++headerCount_ > limits_.maxHeaderCount)
         return fail_(431, "Too many headers");
-    current_->headers.insert(lowerText(trimmedView(line.substr(0, colon))),
-                             ZnString(trimmedView(line.substr(colon + 1))));
+    if (limits_.strictGrammar && !grammar::isFieldLine(line))
+        return fail_(400, "Malformed header");
+    ZnString name = lowerText(trimmedView(line.substr(0, colon)));
+    if (limits_.strictGrammar && isAllowedOnce(name.view()) && current_->headers.contains(name))
+        return fail_(400, "Repeated header");
+    current_->headers.insert(std::move(name), ZnString(trimmedView(line.substr(colon + 1))));
+    return true;
+}
+
+/// What the strict grammar asks of the headers as a whole.
+bool ZnHttpParser_::checkFraming_() {
+    const auto& headers = current_->headers;
+    const auto host = headers.find("host");
+    const bool isOld = current_->httpVersion == "HTTP/1.0";
+    if (host == headers.end() ? !isOld : !grammar::isHost(host->second.view()))
+        return fail_(400, "Missing or malformed Host");
+    const auto coding = headers.find("transfer-encoding");
+    if (coding != headers.end() && (isOld || !equalsLower(coding->second.view(), "chunked")))
+        return fail_(400, "Unsupported transfer coding");
     return true;
 }
 
 bool ZnHttpParser_::finishHeaders_() {
+    if (limits_.strictGrammar && !checkFraming_())
+        return false;
     const auto& headers = current_->headers;
     const auto none = headers.end();
     if (const auto connection = headers.find("connection"); connection != none) {
@@ -305,7 +338,12 @@ bool ZnHttpParser_::finishHeaders_() {
         return fail_(413, "Body too large");
     current_->chunked = chunked;
     state_ = chunked ? State::ChunkSize : bodyRemaining_ > 0 ? State::FixedBody : State::Complete;
-    return state_ == State::Complete || !isStreamed || beginMultipart_(contentType->second.view());
+    if (state_ == State::Complete)
+        return true;
+    isBodyRefused_ = headCheck_ && !headCheck_(*current_);
+    if (isBodyRefused_)
+        return fail_(403, "Refused");
+    return !isStreamed || beginMultipart_(contentType->second.view());
 }
 
 bool ZnHttpParser_::expectsContinue() const {
@@ -319,11 +357,11 @@ bool ZnHttpParser_::expectsContinue() const {
 
 bool ZnHttpParser_::beginMultipart_(std::string_view contentType) {
     ZnString boundary;
-    if (!zn::http::parseBoundary(contentType, &boundary))
-        return fail_(400, "Missing multipart boundary");
+    ZnString errorText;
+    if (!zn::http::parseBoundary(contentType, &boundary, &errorText))
+        return fail_(400, std::move(errorText));
     if (!multipart_)
         multipart_ = std::make_unique<ZnHttpMultipartStream_>();
-    ZnString errorText;
     if (!multipart_->begin(boundary, limits_, limits_.multipartTempDir, &errorText))
         return fail_(500, std::move(errorText));
     multipartActive_ = true;
@@ -388,7 +426,7 @@ bool ZnHttpParser_::onChunkSize_(Input_& input) {
         return input.lineBytes() > limits_.maxRequestLineBytes ? fail_(400, "Chunk size line too long") : false;
     if (line.size() > limits_.maxRequestLineBytes)
         return fail_(400, "Chunk size line too long");
-    if (!parseChunkSize_(trimmedView(line)))
+    if ((limits_.strictGrammar && !grammar::isChunkSizeLine(line)) || !parseChunkSize_(trimmedView(line)))
         return fail_(400, "Invalid chunk size");
     if (chunkRemaining_ > limits_.maxChunkBytes)
         return fail_(413, "Chunk too large");
@@ -438,7 +476,11 @@ bool ZnHttpParser_::onTrailerLine_(Input_& input) {
     headerBytes_ += line.size() + 2;
     if (headerBytes_ > limits_.maxHeaderBytes)
         return fail_(431, "Trailers too large");
-    return line.empty() ? finishBody_() : true;
+    if (line.empty())
+        return finishBody_();
+    if (limits_.strictGrammar && !grammar::isFieldLine(line))
+        return fail_(400, "Malformed trailer");
+    return true;
 }
 
 bool ZnHttpParser_::commit_(ZnList<RequestRef>& out) {

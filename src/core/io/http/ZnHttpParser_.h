@@ -9,11 +9,13 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string_view>
+#include <utility>
 
 /// Turns the bytes of one connection into complete requests. It may stop behind any byte and go on later; where
-/// the input is cut does not change what comes out.
+/// the input is cut does not change what comes out. It is generous in what it takes unless limits.strictGrammar is set.
 ///
 ///   request line CRLF  *( name ":" value CRLF )  CRLF  [ body ]
 ///   body: Content-Length bytes,
@@ -28,6 +30,8 @@
 class ZnHttpParser_ {
 public:
     using RequestRef = std::shared_ptr<ZnHttpRequest>;
+    /// Sees a request in front of its body. False: the body is not wanted, and the parser fails. Must not park.
+    using HeadCheck = std::function<bool(ZnHttpRequest&)>;
 
     enum class State : std::int32_t {
         RequestLine = 0, // also idle between two requests
@@ -47,15 +51,19 @@ public:
     /// bounds. Returns false when the parser stands in Failed; requests completed before the failure are in `out`.
     bool feed(std::string_view bytes, ZnList<RequestRef>& out);
 
+    void setHeadCheck(HeadCheck check) { headCheck_ = std::move(check); }
+
     State state() const noexcept { return state_; }
-    /// Between two requests, with no byte of the next one.
-    bool isIdle() const noexcept { return state_ == State::RequestLine && buffer_.isEmpty(); }
+    /// Between two requests, with no byte of the next one; the line ends that may stand in front of it do not count.
+    bool isIdle() const noexcept {
+        return state_ == State::RequestLine && (buffer_.isEmpty() || buffer_.view() == "\r");
+    }
     const ZnHttpLimits& limits() const noexcept { return limits_; }
     /// Whether the peer waits for an interim answer before it sends the body. True only between the end of the headers
     /// and the first byte behind them.
     bool expectsContinue() const;
     /// Whether the peer still owes bytes of a body; also behind a failure.
-    bool isInsideBody() const noexcept { return bodyRemaining_ > 0 || chunkRemaining_ > 0; }
+    bool isInsideBody() const noexcept { return bodyRemaining_ > 0 || chunkRemaining_ > 0 || isBodyRefused_; }
     /// The HTTP status and the text of the failure; 0 and empty without one.
     int errorStatus() const noexcept { return errorStatus_; }
     const ZnString& errorText() const noexcept { return errorText_; }
@@ -73,6 +81,7 @@ private:
     bool parseTarget_(std::string_view target);
     bool onHeaderLine_(Input_& input);
     bool parseHeaderLine_(std::string_view line);
+    bool checkFraming_();
     bool finishHeaders_();
     bool parseContentLength_(std::string_view text);
     bool onFixedBody_(Input_& input);
@@ -89,6 +98,7 @@ private:
     bool takeBody_(Input_& input, std::uint64_t* remainingBytes);
 
     const ZnHttpLimits limits_;
+    HeadCheck headCheck_;
     ZnByteArray buffer_;
     std::size_t scannedBytes_ = 0;     // of buffer_, known to hold no CRLF: one-byte input stays linear
     State state_ = State::RequestLine;
@@ -99,6 +109,7 @@ private:
     std::uint64_t bodyBytes_ = 0;      // decoded so far
     std::uint64_t bodyRemaining_ = 0;  // of a body with a length
     std::uint64_t chunkRemaining_ = 0;
+    bool isBodyRefused_ = false;       // by headCheck_
     bool multipartActive_ = false;     // the body goes to multipart_
     std::unique_ptr<ZnHttpMultipartStream_> multipart_; // made for the first such body, kept for the names of files
     int errorStatus_ = 0;

@@ -20,21 +20,32 @@ bool isLowerToken(std::string_view name) noexcept {
     return zn::http::isToken(name) && std::none_of(name.begin(), name.end(), isUpperCase);
 }
 
-void appendNumber(std::string* out, unsigned long long value) {
-    char digits[20];
-    char* at = digits + sizeof(digits);
-    do {
-        *--at = static_cast<char>('0' + value % 10);
-        value /= 10;
-    } while (value != 0);
-    out->append(at, digits + sizeof(digits));
+class NumberText {
+public:
+    explicit NumberText(unsigned long long value) noexcept {
+        do {
+            *--at_ = static_cast<char>('0' + value % 10);
+            value /= 10;
+        } while (value != 0);
+    }
+    NumberText(const NumberText&) = delete;
+    NumberText& operator=(const NumberText&) = delete;
+    std::string_view view() const noexcept { return {at_, static_cast<std::size_t>(digits_ + sizeof(digits_) - at_)}; }
+
+private:
+    char digits_[20];
+    char* at_ = digits_ + sizeof(digits_);
+};
+
+bool isNumber(std::string_view text) noexcept {
+    return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
 void appendStatusLine(std::string* out, const ZnHttpResponse& response) {
     *out += "HTTP/1.1 ";
     if (response.status < 0)
         *out += '-';
-    appendNumber(out, static_cast<unsigned long long>(std::abs(static_cast<long long>(response.status))));
+    *out += NumberText(static_cast<unsigned long long>(std::abs(static_cast<long long>(response.status)))).view();
     *out += ' ';
     if (response.reason.isEmpty() || !zn::http::isSafeLineText(response.reason.view()))
         *out += zn::http::reasonPhrase(response.status);
@@ -76,11 +87,34 @@ std::uint64_t ZnHttpResponse::bodyBytes() const noexcept {
                            [](std::uint64_t sum, const ZnByteArray& chunk) { return sum + chunk.size(); });
 }
 
+void ZnHttpResponse::settleBody(bool isHead) {
+    const bool isBodiless = (status >= 100 && status < 200) || status == 204;
+    const bool wasHeadOnly = std::exchange(headOnly, !isBodiless && (isHead || status == 304));
+    if (headOnly || (!isBodiless && !wasHeadOnly))
+        return;
+    body = ZnByteArray();
+    chunks.clear();
+    useFile = chunked = false;
+}
+
+void ZnHttpResponse::joinChunks() {
+    if (!std::exchange(chunked, false) || useFile || chunks.isEmpty())
+        return;
+    body = ZnByteArray();
+    for (const ZnByteArray& chunk : chunks)
+        body.append(chunk);
+    chunks.clear();
+}
+
 ZnString ZnHttpResponse::head(bool closeAfterResponse, std::size_t spareBytes) const {
     std::string out;
     out.reserve(kUsualHeadBytes + spareBytes);
     appendStatusLine(&out, *this);
     const bool isFramed = chunked && !useFile;
+    const std::uint64_t byteCount = isFramed ? 0 : bodyBytes();
+    const NumberText lengthText(byteCount);
+    // A handler that makes no body when none is sent may still say how long it would be.
+    const bool trustsLength = headOnly && byteCount == 0;
     bool hasLength = isFramed;
     bool hasEncoding = !isFramed;
     bool hasConnection = false;
@@ -94,17 +128,21 @@ ZnString ZnHttpResponse::head(bool closeAfterResponse, std::size_t spareBytes) c
                 continue;
         }
         const std::string_view sent = cleaned.isEmpty() ? name.view() : cleaned.view();
-        const bool isLength = sent == "content-length";
-        if (isLength && isFramed)
-            continue; // a peer that believed it would take what follows for the next response
-        hasLength |= isLength;
-        hasEncoding |= sent == "transfer-encoding";
+        if (sent == "content-length") {
+            if (hasLength || (value.view() != lengthText.view() && !(trustsLength && isNumber(value.view()))))
+                continue;
+            hasLength = true;
+        } else if (sent == "transfer-encoding") {
+            if (hasEncoding || value.toLower() != "chunked")
+                continue;
+            hasEncoding = true;
+        }
         hasConnection |= sent == "connection";
         appendHeader(&out, sent, value.view());
     }
     if (!hasLength) {
         out += "content-length: ";
-        appendNumber(&out, bodyBytes());
+        out += lengthText.view();
         out += "\r\n";
     }
     if (!hasEncoding)

@@ -25,7 +25,7 @@ struct ZnHttpResponse {
     ZnByteArray body;
     bool chunked = false;              // chunked framing: of `chunks`, or of the body as one chunk without them
     bool useFile = false;              // the body is that part of the file; goes before the other two
-    bool headOnly = false;             // the head says how long the body is, but the body stays here
+    bool headOnly = false;             // the body stays here; the answer to HEAD tells how long it is
     bool closeConnection = false;
     bool switchProtocols = false;      // with onSwitch: the connection leaves HTTP behind this head
     bool switchWithoutHead = false;    // it does so at once, and nothing is sent
@@ -45,9 +45,15 @@ struct ZnHttpResponse {
 
     /// Bytes of the body, wherever it comes from, without chunk framing.
     std::uint64_t bodyBytes() const noexcept;
+    /// Makes head() and body agree on what is sent. Behind 1xx and 204 no body can follow, behind 304 and in answer to
+    /// HEAD (`isHead`) only the head speaks of one: headOnly is set for those two and false for all others.
+    void settleBody(bool isHead);
+    /// For a peer of HTTP/1.0, which does not know chunked framing: the chunks become one body.
+    void joinChunks();
     /// The status line, the headers and the empty line behind them, as they go out. "content-length" or
-    /// "transfer-encoding", and "connection" are added when the headers lack them; headers and a reason that could
-    /// break the head are left out, as is a length beside chunked framing. The text has room for `spareBytes` more.
+    /// "transfer-encoding", and "connection" are added when the headers lack them. Headers and a reason that could
+    /// break the head are left out, and so is framing of the headers' own that is not the body's: the peer would take
+    /// what follows for the body, or the body for the next response. The text has room for `spareBytes` more.
     ZnString head(bool closeAfterResponse, std::size_t spareBytes = 0) const;
 };
 

@@ -28,6 +28,7 @@ public:
     public:
         /// False: nothing answers.
         explicit operator bool() const noexcept { return route_ || fallback_ || ready_; }
+        bool isRoute() const noexcept { return route_ != nullptr; }
         /// Whether the route answers through a callback.
         bool isAsync() const noexcept { return route_ && route_->asyncHandler; }
         /// The answer; 500 from a route that is async, 404 when nothing answers.

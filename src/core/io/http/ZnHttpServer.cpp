@@ -5,6 +5,7 @@
 #include "core/io/http/ZnHttpSession.h"
 #include "core/platform/ZnMonotonicClock.h"
 #include "core/runtime/Thread.h"
+#include "core/runtime/ZnCoreApplication.h"
 #include "core/runtime/ZnThreadPool.h"
 #include "core/types/ZnLogger.h"
 #include "core/types/ZnMutex.h"
@@ -19,6 +20,7 @@
 namespace {
 
 constexpr const char* kCategory = "zn.core.io.znhttpserver";
+constexpr int kSpareFibers = 64; // for what else the loop does while that many handlers are parked
 
 template <typename T>
 std::shared_ptr<const std::vector<T>> withOneMore(const std::shared_ptr<const std::vector<T>>& list, T added) {
@@ -55,6 +57,19 @@ public:
         stats_.bytesIn += static_cast<std::int64_t>(bodyBytes);
         return true;
     }
+
+    /// False: `maxRunning` handlers run on the loop already. Server's thread, as leaveLoop.
+    bool enterLoop(std::uint64_t maxRunning) {
+        if (runningOnLoop_ < maxRunning) {
+            ++runningOnLoop_;
+            return true;
+        }
+        ZnMutexLocker lock(statsLock_);
+        ++stats_.busyRefused;
+        return false;
+    }
+
+    void leaveLoop() { --runningOnLoop_; }
 
     /// An admitted request has ended without a response.
     void abandon() {
@@ -99,7 +114,8 @@ public:
     }
 
 private:
-    ZnMutex statsLock_; // leaf lock
+    std::uint64_t runningOnLoop_ = 0; // handlers, most of them parked; server's thread only
+    ZnMutex statsLock_;               // leaf lock
     ZnHttpServerStats stats_ ZN_GUARDED_BY(statsLock_);
     std::int64_t threadPoolQueued_ ZN_GUARDED_BY(statsLock_) = 0; // handed to the pool, not answered yet
     std::map<int, std::uint64_t> statusCounts_ ZN_GUARDED_BY(statsLock_); // becomes stats_.statusCounts
@@ -145,6 +161,36 @@ struct ZnHttpServer::InFlight_ {
     const ZnHttpResponseCallback completion;
     const long long startedNs;
     std::atomic<bool> isFinished{false};
+    bool hasPlace = false; // among those that run on the loop; server's thread only
+};
+
+/// One request's place among those that run on the loop, while a frame does. Frames inside it share it.
+class ZnHttpServer::LoopPlace_ {
+public:
+    LoopPlace_(std::shared_ptr<InFlight_> inFlight, std::uint64_t maxRunning) : inFlight_(std::move(inFlight)) {
+        isOwner_ = !inFlight_->hasPlace && inFlight_->counters->enterLoop(maxRunning);
+        inFlight_->hasPlace |= isOwner_;
+        isGranted_ = inFlight_->hasPlace;
+    }
+    LoopPlace_(const LoopPlace_&) = delete;
+    LoopPlace_& operator=(const LoopPlace_&) = delete;
+    ~LoopPlace_() {
+        if (!isOwner_)
+            return;
+        inFlight_->hasPlace = false;
+        inFlight_->counters->leaveLoop();
+    }
+    /// Answers when there is none.
+    bool isGrantedFor(const ZnHttpRequest& request) const {
+        if (!isGranted_)
+            inFlight_->finishRequest_(ZnHttpResponse::plain(503, "Server busy", request.keepAlive));
+        return isGranted_;
+    }
+
+private:
+    const std::shared_ptr<InFlight_> inFlight_;
+    bool isOwner_ = false;
+    bool isGranted_ = false;
 };
 
 /// One request with the thread pool. Holds all that it needs: the server may go meanwhile.
@@ -325,6 +371,12 @@ void ZnHttpServer::admit_(ZnTcpSocket* socket, bool isTls, unsigned short localP
             if (ZnHttpServer* server = self.get())
                 server->handleRequest_(request, std::move(completion));
         });
+    if (limits_.refuseBeforeBody) {
+        session->setHeadCheck([self](ZnHttpRequest& request) {
+            const ZnHttpServer* server = self.get();
+            return server == nullptr ? nullptr : server->refusalOf_(request);
+        });
+    }
     session->setClosedHandler([self](ZnHttpSession* closed) {
         if (ZnHttpServer* server = self.get())
             server->sessions_.erase(closed);
@@ -351,11 +403,27 @@ void ZnHttpServer::handleRequest_(const std::shared_ptr<ZnHttpRequest>& request,
                 return;
             }
         }
-        if (requestFilters_ || middleware_)
-            runPipeline_(request, inFlight);
-        else
-            runRoute_(request, inFlight);
+        runInline_(request, inFlight);
     });
+}
+
+/// What filters and routes say to a request in front of its body; null: it is to be read. A middleware might answer what
+/// has no route.
+std::unique_ptr<ZnHttpResponse> ZnHttpServer::refusalOf_(ZnHttpRequest& request) const {
+    const long long startedNs = monotonicNowNs();
+    auto response = std::make_unique<ZnHttpResponse>();
+    try {
+        if (!requestFilters_ || !runFilters(*requestFilters_, request, response.get())) {
+            const ZnHttpRouter::Target target = router_.find(request);
+            if (middleware_ || target.isRoute())
+                return nullptr;
+            *response = target.answer(request);
+        }
+    } catch (...) {
+        return nullptr; // it will throw again when the request is there, and is answered for then
+    }
+    counters_->record(*response, startedNs, false);
+    return response;
 }
 
 bool ZnHttpServer::usesThreadPool_() const {
@@ -378,7 +446,26 @@ void ZnHttpServer::submitToPool_(const std::shared_ptr<ZnHttpRequest>& request,
     // Else the job, which goes here, answers.
 }
 
+std::uint64_t ZnHttpServer::maxParkedRequests_() const {
+    ZnCoreApplication* application = ZnCoreApplication::instance();
+    if (limits_.maxParkedRequests > 0 || application == nullptr)
+        return std::max<std::uint64_t>(limits_.maxParkedRequests, 1);
+    const int fiberCount = application->fiberPool().warmTarget();
+    return static_cast<std::uint64_t>(std::max(1, fiberCount - std::min(kSpareFibers, fiberCount / 2)));
+}
+
 // From here on user code runs inside each call and may park: behind it only locals are used, the server may be gone.
+
+void ZnHttpServer::runInline_(const std::shared_ptr<ZnHttpRequest>& request,
+                              const std::shared_ptr<InFlight_>& inFlight) {
+    const LoopPlace_ place(inFlight, maxParkedRequests_());
+    if (!place.isGrantedFor(*request))
+        return;
+    if (requestFilters_ || middleware_)
+        runPipeline_(request, inFlight);
+    else
+        runRoute_(request, inFlight);
+}
 
 void ZnHttpServer::runPipeline_(const std::shared_ptr<ZnHttpRequest>& request,
                                 const std::shared_ptr<InFlight_>& inFlight) {
@@ -399,6 +486,9 @@ void ZnHttpServer::runPipeline_(const std::shared_ptr<ZnHttpRequest>& request,
 
 void ZnHttpServer::runRoute_(const std::shared_ptr<ZnHttpRequest>& request,
                              const std::shared_ptr<InFlight_>& inFlight) {
+    const LoopPlace_ place(inFlight, maxParkedRequests_()); // its own when a middleware has waited
+    if (!place.isGrantedFor(*request))
+        return;
     const ZnHttpRouter::Target target = router_.find(*request);
     if (target.isAsync())
         target.answerAsync(

@@ -21,7 +21,9 @@ class ZnThreadPool;
 /// Listens, makes a session per connection, admits or refuses each request, runs filters and middleware and hands the
 /// request to the router.
 ///
-/// Thread: the owning thread; handlers run there, on the fiber that read the request, or on a thread of the pool.
+/// Thread: the owning thread; handlers run there, on the fiber that read the request, or on a thread of the pool. A
+/// handler that parks keeps its fiber, and with all of them parked nothing else could run: so at most
+/// limits().maxParkedRequests handlers run on the loop, and what comes on top is answered with a 503 at once.
 /// stats() may be called from any thread. Routes, filters and middleware are added before the server listens.
 /// Owner: whoever made it. Its sessions end with it; a handler that is still parked then finishes in peace, its
 /// answer is dropped.
@@ -30,7 +32,8 @@ class ZnHttpServer : public ZnObject {
 public:
     ZN_OBJECT(ZnHttpServer, ZnObject)
 
-    /// Sees a request before it goes to its route. True: the response is the answer.
+    /// Sees a request before it goes to its route. True: the response is the answer. With limits().refuseBeforeBody it
+    /// also sees one that has a body as soon as its headers are there, on the server's thread; it must not park then.
     using RequestFilter = std::function<bool(const ZnHttpRequest&, ZnHttpResponse&)>;
     /// Takes the request on its way: with true the response is the answer, with false the next in line has its turn.
     using Next = std::function<void(bool isHandled, const ZnHttpResponse&)>;
@@ -72,6 +75,7 @@ public:
 private:
     class Counters_;
     struct InFlight_;
+    class LoopPlace_;
     class Pipeline_;
     class PoolJob_;
     using FilterList_ = std::vector<RequestFilter>;
@@ -81,9 +85,12 @@ private:
     void admitAll_(ZnTcpServer& listener, bool isTls);
     void admit_(ZnTcpSocket* socket, bool isTls, unsigned short localPort);
     void handleRequest_(const std::shared_ptr<ZnHttpRequest>& request, ZnHttpResponseCallback completion);
+    std::unique_ptr<ZnHttpResponse> refusalOf_(ZnHttpRequest& request) const;
     bool usesThreadPool_() const;
+    std::uint64_t maxParkedRequests_() const;
     void submitToPool_(const std::shared_ptr<ZnHttpRequest>& request, const std::shared_ptr<InFlight_>& inFlight,
                        ZnHttpRouter::Target target);
+    void runInline_(const std::shared_ptr<ZnHttpRequest>& request, const std::shared_ptr<InFlight_>& inFlight);
     void runPipeline_(const std::shared_ptr<ZnHttpRequest>& request, const std::shared_ptr<InFlight_>& inFlight);
     void runRoute_(const std::shared_ptr<ZnHttpRequest>& request, const std::shared_ptr<InFlight_>& inFlight);
 

@@ -29,6 +29,8 @@ constexpr int kRequestsPerGo = 16;
 constexpr long long kNsPerMs = 1'000'000;
 constexpr long long kNever = std::numeric_limits<long long>::max();
 constexpr long long kWatchNs = 200 * kNsPerMs;          // the grid of time-out checks
+// How often, in a write time-out, one looks whether the peer takes anything: the time-out is exact to that part.
+constexpr int kWriteLooks = 16;
 constexpr long long kLongestSleepNs = 1'000'000 * kNsPerMs; // within what a timer can do
 
 // How long a refused peer may still send before the connection is closed under it; see beginDrain_.
@@ -50,7 +52,7 @@ ZnHttpSession::ZnHttpSession(ZnAbstractSocket* socket, const ZnHttpRouter* route
                              const ZnHttpTimeouts& timeouts, bool isTls, unsigned short localPort, ZnObject* parent)
     : ZnObject(parent), router_(router), parser_(limits), timeouts_(timeouts), isTls_(isTls), localPort_(localPort),
       createdNs_(monotonicNowNs()), lastActivityNs_(createdNs_), requestStartNs_(createdNs_), asyncStartNs_(createdNs_),
-      lastWriteNs_(createdNs_), armedTickNs_(kNever) {
+      lastWriteNs_(createdNs_), writeLookNs_(createdNs_), armedTickNs_(kNever) {
     if (socket == nullptr || router == nullptr) {
         closed_ = true;
         deleteLater();
@@ -75,6 +77,10 @@ ZnHttpSession::~ZnHttpSession() {
 
 void ZnHttpSession::setRequestHandler(RequestHandler handler) {
     requestHandler_ = handler ? std::make_shared<const RequestHandler>(std::move(handler)) : nullptr;
+}
+
+void ZnHttpSession::setHeadCheck(HeadCheck check) {
+    parser_.setHeadCheck([this, own = std::move(check)](ZnHttpRequest& request) { return isBodyWanted_(own, request); });
 }
 
 void ZnHttpSession::start() {
@@ -104,15 +110,25 @@ bool ZnHttpSession::readInput_() {
             return false; // the end of the stream was found, or an error
         if (byteCount == 0)
             return true;
-        lastActivityNs_ = monotonicNowNs();
-        if (parser_.isIdle())
-            requestStartNs_ = lastActivityNs_;
+        const bool wasIdle = parser_.isIdle();
         const std::size_t waitingCount = pendingRequests_.size();
-        if (!parser_.feed({readBuffer, byteCount}, pendingRequests_)) {
-            sendError_(parser_.errorStatus(), parser_.errorText());
+        const bool isAccepted = parser_.feed({readBuffer, byteCount}, pendingRequests_);
+        // Line ends between requests are no activity: with one now and then a connection could be kept for ever.
+        if (!wasIdle || !parser_.isIdle() || pendingRequests_.size() > waitingCount) {
+            lastActivityNs_ = monotonicNowNs();
+            if (wasIdle)
+                requestStartNs_ = lastActivityNs_;
+        }
+        if (!isAccepted) {
+            if (headRefusal_)
+                refuse_(std::move(*std::exchange(headRefusal_, nullptr)));
+            else
+                sendError_(parser_.errorStatus(), parser_.errorText());
             return false;
         }
-        describePeer_(waitingCount);
+        for (std::size_t i = waitingCount; i < pendingRequests_.size(); ++i)
+            describePeer_(*pendingRequests_[i]);
+        holdConnection_();
         armTimeout_();
         if (parser_.expectsContinue() && !sendContinue_())
             return false;
@@ -131,9 +147,17 @@ bool ZnHttpSession::sendContinue_() {
     return self && !closed_;
 }
 
-void ZnHttpSession::describePeer_(std::size_t firstNewRequest) {
-    if (firstNewRequest == pendingRequests_.size())
-        return;
+bool ZnHttpSession::isBodyWanted_(const HeadCheck& check, ZnHttpRequest& request) {
+    if (isAnswerDue_())
+        return true;
+    describePeer_(request);
+    headRefusal_ = check(request);
+    if (headRefusal_ && request.method == "HEAD")
+        headRefusal_->headOnly = true;
+    return headRefusal_ == nullptr;
+}
+
+void ZnHttpSession::describePeer_(ZnHttpRequest& request) {
     if (!peerKnown_) {
         peerKnown_ = true;
         if (const auto* tcpSocket = dynamic_cast<const ZnTcpSocket*>(socket_.get())) {
@@ -141,13 +165,10 @@ void ZnHttpSession::describePeer_(std::size_t firstNewRequest) {
             peerPort_ = tcpSocket->peerPort();
         }
     }
-    for (std::size_t i = firstNewRequest; i < pendingRequests_.size(); ++i) {
-        ZnHttpRequest& request = *pendingRequests_[i];
-        request.isTls = isTls_;
-        request.localPort = localPort_;
-        request.peerAddress = peerAddress_;
-        request.peerPort = peerPort_;
-    }
+    request.isTls = isTls_;
+    request.localPort = localPort_;
+    request.peerAddress = peerAddress_;
+    request.peerPort = peerPort_;
 }
 
 /// Reads and forgets what comes behind a request that was refused.
@@ -168,6 +189,18 @@ void ZnHttpSession::discardInput_() {
 
 bool ZnHttpSession::canStartRequest_() const noexcept {
     return !closed_ && !responseInProgress_ && !asyncPending_ && !inputRefused_ && !pendingRequests_.isEmpty();
+}
+
+bool ZnHttpSession::isAnswerDue_() const noexcept {
+    return responseInProgress_ || asyncPending_ || !pendingRequests_.isEmpty();
+}
+
+/// While an answer is due the connection outlasts the peer's close of its sending side. Letting go may end it.
+void ZnHttpSession::holdConnection_() {
+    const bool isDue = isAnswerDue_();
+    if (closed_ || std::exchange(holdsConnection_, isDue) == isDue)
+        return;
+    socket_->setHoldOnPeerClose(isDue);
 }
 
 /// Handles what waits, in a loop and not by recursion: with a quick handler a request is answered and its response
@@ -232,6 +265,8 @@ void ZnHttpSession::answer_(unsigned long long requestSerial, ZnHttpResponse&& r
     if (closed_ || !socket_ || !asyncPending_ || responseInProgress_ || requestSerial != requestSerial_)
         return;
     const bool isHead = currentRequest_->method == "HEAD";
+    if (currentRequest_->httpVersion == "HTTP/1.0")
+        response.joinChunks();
     sendResponse_(std::move(response), currentRequest_->keepAlive, isHead);
 }
 
@@ -240,20 +275,23 @@ void ZnHttpSession::answer_(unsigned long long requestSerial, ZnHttpResponse&& r
 void ZnHttpSession::sendResponse_(ZnHttpResponse&& response, bool keepAlive, bool isHead) {
     responseInProgress_ = true;
     asyncPending_ = false;
+    holdConnection_();
     closeAfterResponse_ = response.closeConnection || !keepAlive;
     if (response.switchProtocols && response.onSwitch) {
         sendSwitch_(std::move(response));
         return;
     }
-    const bool isHeadOnly = isHead || response.headOnly;
-    if ((response.useFile || response.chunked) && !isHeadOnly) {
+    // Behind a 1xx the peer waits for the answer proper: the next request's would be taken for it.
+    closeAfterResponse_ |= response.status >= 100 && response.status < 200;
+    response.settleBody(isHead);
+    if ((response.useFile || response.chunked) && !response.headOnly) {
         sendStream_(std::move(response));
         return;
     }
     // The head never leaves alone: a small packet in front of the body costs the peer's delayed acknowledgement.
     const bool isJoined = response.body.size() <= kJoinedBodyBytes;
     ZnString head = response.head(closeAfterResponse_, isJoined ? response.body.size() : 0);
-    if (isHeadOnly)
+    if (response.headOnly)
         response.body = ZnByteArray();
     else if (isJoined)
         head.append(response.body.view());
@@ -303,6 +341,7 @@ void ZnHttpSession::sendNextPiece_() {
 void ZnHttpSession::sendSwitch_(ZnHttpResponse&& response) {
     onSwitch_ = std::move(response.onSwitch);
     closeAfterResponse_ = false;
+    response.headOnly = false;
     response.useFile = response.chunked = false;
     response.body = ZnByteArray();
     if (response.switchWithoutHead)
@@ -322,6 +361,11 @@ void ZnHttpSession::switchOver_() {
         closeSession_();
     if (!socket)
         return;
+    socket->setHoldOnPeerClose(false);
+    if (!socket->isOpen()) { // the peer had closed already
+        socket->deleteLater();
+        return;
+    }
     try {
         onSwitch(socket.get());
         return;
@@ -345,7 +389,7 @@ void ZnHttpSession::writeBytes_(ZnString head, ZnByteArray body) {
     if (!self || closed_)
         return;
     insideWrite_ = false;
-    lastWriteNs_ = monotonicNowNs();
+    noteWrite_(monotonicNowNs());
     if (!isAccepted) {
         closeSession_();
         return;
@@ -374,7 +418,7 @@ void ZnHttpSession::onWriteFinished_() {
         resumeDeferred_ = true;
         return;
     }
-    lastWriteNs_ = monotonicNowNs();
+    noteWrite_(monotonicNowNs());
     if (bodyStream_) {
         nextPieceDue_ = false;
         sendNextPiece_();
@@ -394,12 +438,14 @@ void ZnHttpSession::finishResponse_() {
     forgetRequest_();
     if (onSwitch_)
         switchOver_();
-    else if (!closeAfterResponse_)
-        armTimeout_();
-    else if (inputRefused_)
-        beginDrain_();
-    else
+    else if (closeAfterResponse_ && !inputRefused_)
         closeSession_();
+    else if (closeAfterResponse_)
+        beginDrain_();
+    else {
+        armTimeout_();
+        holdConnection_();
+    }
 }
 
 /// Its files go now, even if a handler still holds the request.
@@ -434,8 +480,13 @@ void ZnHttpSession::postWeakly_(void (ZnHttpSession::*step)()) {
         ZnTimer::singleShot(0, call); // saturated: timers that find no room fire later, but do fire
 }
 
-/// The last answer on this connection: whatever the peer sends from here on is discarded.
 void ZnHttpSession::sendError_(int status, const ZnString& text) {
+    const std::string_view body = text.isEmpty() ? std::string_view("Bad Request") : text.view();
+    refuse_(ZnHttpResponse::plain(status < 1 ? 400 : status, body, false));
+}
+
+/// The last answer on this connection: whatever the peer sends from here on is discarded.
+void ZnHttpSession::refuse_(ZnHttpResponse&& response) {
     if (closed_)
         return;
     asyncPending_ = false;
@@ -445,8 +496,7 @@ void ZnHttpSession::sendError_(int status, const ZnString& text) {
     }
     inputRefused_ = true;
     pendingRequests_.clear();
-    const std::string_view body = text.isEmpty() ? std::string_view("Bad Request") : text.view();
-    sendResponse_(ZnHttpResponse::plain(status < 1 ? 400 : status, body, false), false, false);
+    sendResponse_(std::move(response), false, false);
 }
 
 /// Closing a socket with input unread, or under a peer that still sends, resets the connection, and the reset may
@@ -456,6 +506,9 @@ void ZnHttpSession::beginDrain_() {
     const ZnPointer<ZnHttpSession> self(this);
     draining_ = true;
     drainStartNs_ = lastActivityNs_ = monotonicNowNs();
+    holdConnection_();
+    if (!self || closed_)
+        return;
     const unsigned long long discardedBefore = discardedBytes_;
     discardInput_();
     if (!self || closed_)
@@ -511,12 +564,35 @@ long long ZnHttpSession::nextDeadlineNs_() const noexcept {
     if (draining_)
         return std::min(drainStartNs_ + kDrainNs, lastActivityNs_ + kDrainQuietNs);
     if (responseInProgress_)
-        return deadlineNs(lastWriteNs_, timeouts_.writeTimeoutMs);
+        return std::min(deadlineNs(lastWriteNs_, timeouts_.writeTimeoutMs), nextWriteLookNs_());
     if (asyncPending_)
-        return deadlineNs(asyncStartNs_, timeouts_.bodyTimeoutMs);
+        return deadlineNs(asyncStartNs_, handlerTimeoutMs_());
     const long long requestDeadline = deadlineNs(requestStartNs_, requestTimeoutMs_());
     return isIdle_() ? std::min(requestDeadline, deadlineNs(lastActivityNs_, timeouts_.keepAliveTimeoutMs))
                      : requestDeadline;
+}
+
+long long ZnHttpSession::nextWriteLookNs_() const noexcept {
+    return timeouts_.writeTimeoutMs < 1 ? kNever : writeLookNs_ + timeouts_.writeTimeoutMs * kNsPerMs / kWriteLooks;
+}
+
+/// Restarts the clock of the write time-out.
+void ZnHttpSession::noteWrite_(long long now) {
+    lastWriteNs_ = writeLookNs_ = now;
+}
+
+/// A peer that takes a large piece slowly, but steadily, is not cut.
+void ZnHttpSession::lookAtWrite_(long long now) {
+    writeLookNs_ = now;
+    const auto* tcpSocket = dynamic_cast<const ZnTcpSocket*>(socket_.get());
+    const unsigned long long takenBytes = tcpSocket == nullptr ? 0 : tcpSocket->bytesTaken();
+    if (std::exchange(takenBytes_, takenBytes) != takenBytes)
+        lastWriteNs_ = now;
+}
+
+/// Whether the handler has used up the time in which the next request was to begin.
+bool ZnHttpSession::isLeftByLateAnswer_() const noexcept {
+    return isIdle_() && lastWriteNs_ >= deadlineNs(requestStartNs_, timeouts_.headerTimeoutMs);
 }
 
 bool ZnHttpSession::isIdle_() const noexcept {
@@ -559,15 +635,19 @@ void ZnHttpSession::runTimeoutTable_(long long now) {
         if (now >= nextDeadlineNs_())
             closeSession_();
     } else if (responseInProgress_) {
+        lookAtWrite_(now);
         if (now >= deadlineNs(lastWriteNs_, timeouts_.writeTimeoutMs)) {
             ZN_LOG_WARNING(kCategory, "ZnHttpSession::onTimeoutWatch_") << "[ZnHttpSession] write timeout, closing";
             closeSession_();
         }
     } else if (asyncPending_) {
-        if (now >= deadlineNs(asyncStartNs_, timeouts_.bodyTimeoutMs))
+        if (now >= deadlineNs(asyncStartNs_, handlerTimeoutMs_()))
             sendError_(504, "Route async timeout");
     } else if (now >= deadlineNs(requestStartNs_, requestTimeoutMs_())) {
-        sendError_(408, "Request Timeout");
+        if (isLeftByLateAnswer_())
+            closeSession_(); // a 408 would meet, unasked for, the next request of a peer that has had no time for it
+        else
+            sendError_(408, "Request Timeout");
     } else if (isIdle_() && now >= deadlineNs(lastActivityNs_, timeouts_.keepAliveTimeoutMs)) {
         closeSession_();
     }

@@ -25,6 +25,8 @@ class ZnTimer;
 /// A handler runs inline and may park for as long as it likes. Meanwhile anything may happen to the session: a
 /// time-out answers for the handler, the peer leaves, the server stops, the object is deleted. So every frame that
 /// calls out holds a ZnPointer to the session from before the call, and behind the call tests it and closed_ first.
+/// A peer that closes its sending side gets the answers to the requests that it has completed; what it has left half
+/// said is dropped.
 /// Thread: that of its socket; the response callback may be called from any thread.
 /// Owner: the server, which deletes it when it closes; without a closed handler it deletes itself.
 /// Invariant: at most one of responseInProgress_ and asyncPending_ is set; while one is, no other request begins.
@@ -33,6 +35,8 @@ public:
     ZN_OBJECT(ZnHttpSession, ZnObject)
 
     using RequestHandler = std::function<void(const std::shared_ptr<ZnHttpRequest>&, ZnHttpResponseCallback)>;
+    /// The answer to a request whose body is not wanted; null for all others. Must not park.
+    using HeadCheck = std::function<std::unique_ptr<ZnHttpResponse>(ZnHttpRequest&)>;
     using ClosedHandler = std::function<void(ZnHttpSession*)>;
 
     /// Takes the connected socket over. Without a socket or a router the session deletes itself. Call start()
@@ -43,6 +47,8 @@ public:
 
     /// Answers the requests; without one the router does.
     void setRequestHandler(RequestHandler handler);
+    /// Asked in front of a body, unless earlier answers are still due: those come first, and nothing is refused then.
+    void setHeadCheck(HeadCheck check);
     /// Called once, when the connection has ended; it is to delete the session later.
     void setClosedHandler(ClosedHandler handler) { onClosed_ = std::move(handler); }
 
@@ -61,12 +67,15 @@ private:
 
     // Input.
     bool readInput_();
-    void describePeer_(std::size_t firstNewRequest);
+    bool isBodyWanted_(const HeadCheck& check, ZnHttpRequest& request);
+    void describePeer_(ZnHttpRequest& request);
     bool sendContinue_();
     void discardInput_();
 
     // Requests.
     bool canStartRequest_() const noexcept;
+    bool isAnswerDue_() const noexcept;
+    void holdConnection_();
     void processNextRequest_();
     void startNextRequest_();
     ZnHttpResponseCallback responseCallback_();
@@ -83,6 +92,7 @@ private:
     void finishResponse_();
     void forgetRequest_();
     void sendError_(int status, const ZnString& text);
+    void refuse_(ZnHttpResponse&& response);
     void beginDrain_();
     void closeSession_();
     void releaseSocket_();
@@ -94,6 +104,11 @@ private:
 
     // Time-outs.
     long long nextDeadlineNs_() const noexcept;
+    long long nextWriteLookNs_() const noexcept;
+    void noteWrite_(long long now);
+    void lookAtWrite_(long long now);
+    bool isLeftByLateAnswer_() const noexcept;
+    int handlerTimeoutMs_() const noexcept { return timeouts_.handlerTimeoutMs.value_or(timeouts_.bodyTimeoutMs); }
     bool isIdle_() const noexcept;
     int requestTimeoutMs_() const noexcept;
     void armTimeout_();
@@ -113,6 +128,7 @@ private:
     bool closeAfterResponse_ = false;
     bool nextPieceDue_ = false;                // the last piece has left from inside write, resume_() sends the next
     bool closed_ = false;                      // final
+    bool holdsConnection_ = false;             // the socket stays when the peer closes its sending side
     bool insideWrite_ = false;                 // keeps a writeFinished from inside write out of the session
     bool resumeDeferred_ = false;              // one came
     bool resumeScheduled_ = false;             // resume_() is on its way
@@ -120,6 +136,7 @@ private:
     bool draining_ = false;                    // that answer has left
     unsigned long long discardedBytes_ = 0;
 
+    std::unique_ptr<ZnHttpResponse> headRefusal_; // what the head check has answered, while the parser comes back
     std::unique_ptr<ZnHttpBodyStream_> bodyStream_; // what is left of the response's body; null when all was written
     std::function<void(ZnAbstractSocket*)> onSwitch_; // set: the connection leaves HTTP when the response has left
 
@@ -137,7 +154,9 @@ private:
     long long lastActivityNs_;
     long long requestStartNs_;
     long long asyncStartNs_;
-    long long lastWriteNs_;
+    long long lastWriteNs_;                    // or when the peer was last seen to take something
+    long long writeLookNs_;                    // when that was looked at last
+    unsigned long long takenBytes_ = 0;        // by the peer, at that time
     long long drainStartNs_ = 0;
     long long armedTickNs_;                    // when timeoutTimer_ fires
 };

@@ -58,6 +58,7 @@ TEST(ZnHttpResponse, NothingBreaksTheHead) {
     response.reason = "Bad\r\nset-cookie: a=b";
     response.headers.insert(" Connection ", "upgrade");
     response.headers.insert("Content-Length", "7");
+    response.body = ZnByteArray(std::string_view("1234567"));
     EXPECT_EQ(response.head(true), "HTTP/1.1 599 HTTP Response\r\nconnection: upgrade\r\ncontent-length: 7\r\n\r\n");
 }
 

@@ -137,10 +137,15 @@ TEST_F(ZnHttpMultipart, ContentTypesThatAreRead) {
         {"MULTIPART/FORM-DATA; charset=x; Boundary=\"b\"", "."},
         {"multipart/mixed; boundary=b", "unread"},
     };
+    const std::string longest(70, 'b');
+    const std::string type = "multipart/form-data; boundary=" + longest;
     for (const bool streams : {false, true}) {
         limits_.streamMultipart = streams;
-        for (const auto& [type, expected] : rows)
-            EXPECT_EQ(outcomeOf({request(kEnd, false, type)}), expected) << type;
+        for (const auto& [rowType, expected] : rows)
+            EXPECT_EQ(outcomeOf({request(kEnd, false, rowType)}), expected) << rowType;
+        EXPECT_EQ(outcomeOf({request("--" + longest + "--", false, type.c_str())}), ".");
+        EXPECT_EQ(outcomeOf({request("--" + longest + "b--", false, (type + "b").c_str())}),
+                  "400 Multipart boundary too long") << "with 30 KB a body in small chunks would stop the loop";
     }
     EXPECT_EQ(outcomeOf({request("")}), "400 Malformed multipart body") << "no body, nothing to stream";
     limits_.maxBodyBytes = 10;

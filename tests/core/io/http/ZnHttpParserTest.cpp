@@ -174,6 +174,143 @@ TEST(ZnHttpParser, RequestsBehindEachOther) {
     });
 }
 
+/// The bodies of the requests, then the status of the failure.
+std::string framingOf(const std::vector<std::string_view>& pieces, bool isStrict) {
+    ZnHttpLimits limits;
+    limits.strictGrammar = isStrict;
+    ZnHttpParser_ parser(limits);
+    ZnList<ZnHttpParser_::RequestRef> requests;
+    for (const std::string_view piece : pieces)
+        parser.feed(piece, requests);
+    std::string text;
+    for (const auto& request : requests)
+        text += "<" + std::string(request->body.view()) + ">";
+    return text + (parser.errorStatus() == 0 ? "" : std::to_string(parser.errorStatus()));
+}
+
+// What other readers of the same bytes may understand in another way.
+TEST(ZnHttpParser, TheStrictGrammarRefusesWhatTheGenerousOneTakes) {
+    const std::string host = "host:h\r\n";
+    const std::string get = kGet + host;
+    const std::string post = kPost + host;
+    const std::string end = "\r\n\r\n";
+    const std::string chunked = post + "transfer-encoding: chunked" + end;
+    const std::string nul(1, '\0');
+    const struct { std::string input; const char *generous, *strict; } rows[] = {
+        // what both take
+        {get + "\r\n", "<>", "<>"},
+        {"\r\n" + get + "\r\n" + get + "\r\n", "<><>", "<><>"},
+        {"M-SEARCH /a%20b?c=d;e|f HTTP/1.1\r\nHost:\t[::1]:80 \t" + end, "<>", "<>"},
+        {"GET HTTP://h:1/x HTTP/1.1\r\nhost:" + end, "<>", "<>"},
+        {"OPTIONS * HTTP/1.1\r\n" + host + "\r\n", "<>", "<>"},
+        {"GET / HTTP/1.0\r\n\r\n", "<>", "<>"},
+        {get + "a!#$%&'*+-.^_`|~9: \xC3\xA4\t:\xFF" + end, "<>", "<>"},
+        {get + "a: 1\r\na: 2\r\nb:" + end, "<>", "<>"},
+        {post + "content-length: 3" + end + "a\r\n" + get + "\r\n", "<a\r\n><>", "<a\r\n><>"},
+        {post + "content-length: 0003" + end + "abc", "<abc>", "<abc>"},
+        {post + "transfer-encoding:\tChunked " + end + "1\r\na\r\n0" + end, "<a>", "<a>"},
+        {chunked + "000A\r\n0123456789\r\n00\r\nx: y" + end, "<0123456789>", "<0123456789>"},
+        {chunked + "1;a\r\na\r\n0;a; b=c ;d = \";\\\"\"" + end, "<a>", "<a>"},
+        // request lines
+        {"get / HTTP/1.1\r\n" + host + "\r\n", "<>", "400"},
+        {"GET\t / HTTP/1.1\r\n" + host + "\r\n", "<>", "400"},
+        {"G@T / HTTP/1.1\r\n" + host + "\r\n", "<>", "400"},
+        {"G:T / HTTP/1.1\r\n" + host + "\r\n", "<>", "400"},
+        {"G\xC3T / HTTP/1.1\r\n" + host + "\r\n", "<>", "400"},
+        {" GET / HTTP/1.1\r\n" + host + "\r\n", "400", "400"},
+        {"GET / HTTP/1.1 \r\n" + host + "\r\n", "<>", "400"},
+        {"GET / HTTP/1.1 x\r\n" + host + "\r\n", "<>", "400"},
+        {"GET /\ta HTTP/1.1\r\n" + host + "\r\n", "<>", "400"},
+        {"GET /" + nul + " HTTP/1.1\r\n" + host + "\r\n", "<>", "400"},
+        {"GET /a\rb HTTP/1.1\r\n" + host + "\r\n", "<>", "400"},
+        {"GET /a\nb HTTP/1.1\r\n" + host + "\r\n", "<>", "400"},
+        {"GET /\x7F HTTP/1.1\r\n" + host + "\r\n", "<>", "400"},
+        {"GET a HTTP/1.1\r\n" + host + "\r\n", "<>", "400"},
+        {"GET * HTTP/1.1\r\n" + host + "\r\n", "<>", "400"},
+        {"GET ftp://h/ HTTP/1.1\r\n" + host + "\r\n", "<>", "400"},
+        {"GET / HTTP/2.0\r\n" + host + "\r\n", "<>", "400"},
+        {"GET / HTTP/1.2\r\n" + host + "\r\n", "<>", "400"},
+        {"GET / HTTP/01.1\r\n" + host + "\r\n", "<>", "400"},
+        {"GET / http/1.1\r\n" + host + "\r\n", "<>", "400"},
+        {"GET / x\r\n" + host + "\r\n", "<>", "400"},
+        {"\nGET / HTTP/1.1\r\n" + host + "\r\n", "<>", "400"},
+        {"GET / HTTP/1.1\n" + host + "\n", "", "400"},
+        // header lines
+        {get + "a : b" + end, "<>", "400"},
+        {get + "a\t: b" + end, "<>", "400"},
+        {get + "a b: c" + end, "<>", "400"},
+        {get + "a\xC3: b" + end, "<>", "400"},
+        {get + "a" + nul + ": b" + end, "<>", "400"},
+        {get + "(a): b" + end, "<>", "400"},
+        {get + " a: b" + end, "<>", "400"},
+        {get + "a: b\r\n c: d" + end, "<>", "400"},
+        {get + "a: b\r\n c" + end, "400", "400"},
+        {get + "a: b\rc" + end, "<>", "400"},
+        {get + "a: b\r" + end, "<>", "400"},
+        {get + "a: b\nc: d" + end, "<>", "400"},
+        {get + "a: b" + nul + end, "<>", "400"},
+        {get + "a: \x01" + end, "<>", "400"},
+        {get + "a: b\x7F" + end, "<>", "400"},
+        {get + "a: b\n\n", "", "400"},
+        {get + "\n", "", "400"},
+        // hosts
+        {kGet + "\r\n", "<>", "400"},
+        {get + host + "\r\n", "<>", "400"},
+        {get + "Host: other" + end, "<>", "400"},
+        {kGet + "host: a b" + end, "<>", "400"},
+        {kGet + "host: a/b" + end, "<>", "400"},
+        {kGet + "host: u@h" + end, "<>", "400"},
+        {kGet + "host: h:8o" + end, "<>", "400"},
+        // lengths and codings
+        {post + "content-length: 1\r\ncontent-length: 2" + end + "ab", "<ab>", "400"},
+        {post + "content-length: 2\r\nContent-Length: 2" + end + "ab", "<ab>", "400"},
+        {post + "content-length : 2" + end + "ab", "<ab>", "400"},
+        {post + "content-length: 2, 2" + end + "ab", "400", "400"},
+        {post + "content-length: \v2" + end + "ab", "400", "400"},
+        {post + "transfer-encoding: chunked\r\ntransfer-encoding: chunked" + end + "0" + end, "<>", "400"},
+        {post + "transfer-encoding: chunked\r\ntransfer-encoding: x" + end, "<>", "400"},
+        {post + "transfer-encoding: chunked\r\ncontent-length: 5" + end, "400", "400"},
+        {post + "transfer-encoding: xchunked" + end + "0" + end, "<>", "400"},
+        {post + "transfer-encoding: chunked, gzip" + end + "0" + end, "<>", "400"},
+        {post + "transfer-encoding: gzip, chunked" + end + "0" + end, "<>", "400"},
+        {post + "transfer-encoding: chunked, chunked" + end + "0" + end, "<>", "400"},
+        {post + "transfer-encoding: \"chunked\"" + end + "0" + end, "<>", "400"},
+        {post + "transfer-encoding: \vchunked" + end + "0" + end, "<>", "400"},
+        {post + "transfer-encoding: identity" + end, "<>", "400"},
+        {post + "transfer-encoding:" + end, "<>", "400"},
+        {"POST / HTTP/1.0\r\n" + host + "transfer-encoding: chunked" + end + "0" + end, "<>", "400"},
+        // chunks
+        {chunked + " 1\r\na\r\n0" + end, "<a>", "400"},
+        {chunked + "1 \r\na\r\n0" + end, "<a>", "400"},
+        {chunked + "1 ;a\r\na\r\n0" + end, "400", "400"},
+        {chunked + "1;\r\na\r\n0" + end, "<a>", "400"},
+        {chunked + "1;a\nb\r\na\r\n0" + end, "<a>", "400"},
+        {chunked + "1;a=\r\na\r\n0" + end, "<a>", "400"},
+        {chunked + "1;a=\"\r\na\r\n0" + end, "<a>", "400"},
+        {chunked + "1;a=\"\x01\"\r\na\r\n0" + end, "<a>", "400"},
+        {chunked + "1;a b\r\na\r\n0" + end, "<a>", "400"},
+        {chunked + "0x1\r\na\r\n0" + end, "400", "400"},
+        {chunked + "+1\r\na\r\n0" + end, "400", "400"},
+        {chunked + "1\na\r\n0" + end, "400", "400"},
+        {chunked + "1\r\na\n0" + end, "400", "400"},
+        // trailers
+        {chunked + "0\r\nx" + end, "<>", "400"},
+        {chunked + "0\r\nx : y" + end, "<>", "400"},
+        {chunked + "0\r\nx: y\r\n z" + end, "<>", "400"},
+        {chunked + "0\r\nx: \ry" + end, "<>", "400"},
+        {chunked + "0\r\n\n" + get + "\r\n", "<>", "400"},
+    };
+    for (const auto& row : rows) {
+        const std::string_view input = row.input;
+        SCOPED_TRACE(input);
+        for (const bool isStrict : {false, true}) {
+            const std::string expected = isStrict ? row.strict : row.generous;
+            for (std::size_t cut = 0; cut < input.size(); ++cut)
+                ASSERT_EQ(framingOf({input.substr(0, cut), input.substr(cut)}, isStrict), expected) << "cut at " << cut;
+        }
+    }
+}
+
 // An announced length is no reason to allocate, and a body in many small chunks is not copied again for each.
 TEST(ZnHttpParser, MemoryFollowsTheBytes) {
     ZnHttpLimits limits;

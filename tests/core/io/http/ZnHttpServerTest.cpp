@@ -1,12 +1,17 @@
 #include "core/fs/TemporaryDirectory.h"
+#include "core/io/TlsPeers.h"
 #include "core/io/ZnTcpSocket.h"
 #include "core/io/http/ZnHttpApp.h"
 #include "core/runtime/ZnEventLoop.h"
 #include "core/runtime/ZnThreadPool.h"
+#include "core/runtime/ZnTimer.h"
+#include "support/HttpReader.h"
+#include "support/Loopback.h"
 #include "support/LoopFixture.h"
 
 #include <algorithm>
 #include <future>
+#include <openssl/ssl.h>
 #include <stdexcept>
 #include <thread>
 
@@ -32,6 +37,39 @@ struct Client {
     ZnTcpSocket socket;
     std::string received;
 };
+
+/// Sends `input`, closes the sending side and reads to the end. Blocks, so it needs a thread of its own.
+std::string exchangeHalfClosed(unsigned short port, bool isTls, const std::string& input) {
+    const int descriptor = connectToLoopback(port);
+    std::string received;
+    std::vector<char> buffer(65536);
+    if (!isTls) {
+        ::send(descriptor, input.data(), input.size(), MSG_NOSIGNAL);
+        ::shutdown(descriptor, SHUT_WR);
+        for (ssize_t got = 0; (got = ::recv(descriptor, buffer.data(), buffer.size(), 0)) > 0;)
+            received.append(buffer.data(), static_cast<std::size_t>(got));
+    } else {
+        SSL_CTX* const context = SSL_CTX_new(TLS_client_method());
+        SSL* const ssl = SSL_new(context);
+        SSL_set_fd(ssl, descriptor);
+        EXPECT_EQ(SSL_connect(ssl), 1);
+        SSL_write(ssl, input.data(), static_cast<int>(input.size()));
+        EXPECT_EQ(SSL_shutdown(ssl), 0);
+        ::shutdown(descriptor, SHUT_WR);
+        for (int got = 0; (got = SSL_read(ssl, buffer.data(), static_cast<int>(buffer.size()))) > 0;)
+            received.append(buffer.data(), static_cast<std::size_t>(got));
+        SSL_free(ssl);
+        SSL_CTX_free(context);
+    }
+    ::close(descriptor);
+    return received;
+}
+
+void resetConnection(int descriptor) {
+    const linger hard{1, 0};
+    ::setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &hard, sizeof(hard));
+    ::close(descriptor);
+}
 
 class ZnHttpServerTest : public LoopFixture {
 protected:
@@ -161,6 +199,91 @@ TEST_F(ZnHttpServerTest, AParkedHandlerOutlivesClientSessionAndServer) {
     EXPECT_EQ(stopped->received, "");
 }
 
+TEST_F(ZnHttpServerTest, APeerThatHasClosedItsSideGetsTheAnswersThatAreDue) {
+    const TemporaryDirectory directory;
+    const std::string content(20 << 20, 'x');
+    const ZnString file = directory.file("f", content);
+    app_->get("/file", [&](ZnHttpContext& context) {
+        context.send({}, "x/y");
+        context.response().useFile = true;
+        context.response().filePath = file;
+        context.response().fileLength = content.size();
+    });
+    app_->get("/slow", [](ZnHttpContext& context) { ZnEventLoop().exec(100), context.text("slow"); });
+    app_->router().addAsyncRoute("GET", "/async", [](const auto&, const ZnHttpResponseCallback& answer) {
+        ZnTimer::singleShot(100, [answer] { answer(ZnHttpResponse::text(200, "async")); });
+    });
+    const TlsFiles& files = TlsFiles::instance();
+    ASSERT_TRUE(app_->sslServer().reloadLocalCredentials({{{}, files.path("good.pem"), files.path("good.key"), true}}));
+    ASSERT_TRUE(app_->sslServer().listen("127.0.0.1", 0));
+    const auto get = [](const std::string& path) { return "GET " + path + " HTTP/1.1\r\n\r\n"; };
+    const struct { std::string input; std::vector<std::string_view> bodies; } kRows[] = {
+        {get("/echo/a"), {"a"}},
+        {get("/slow"), {"slow"}},
+        {get("/slow") + get("/async") + get("/slow"), {"slow", "async", "slow"}},
+        {get("/file"), {content}},
+        {get("/async") + get("/file") + "GET /echo/half HTTP/1.1\r\n", {"async", content}},
+        {"GET /ec", {}},
+        {"GET\r\n\r\n", {"Malformed request line"}},
+        {"POST /body HTTP/1.1\r\ncontent-length: 9\r\n\r\nhalf", {}}};
+    for (const auto& [input, bodies] : kRows) {
+        for (const bool isTls : {false, true}) {
+            SCOPED_TRACE(input + (isTls ? " over TLS" : ""));
+            const unsigned short port = isTls ? app_->sslServer().localPort() : port_;
+            auto exchange = std::async(std::launch::async, exchangeHalfClosed, port, isTls, input);
+            ASSERT_TRUE(pollUntil([&] { return exchange.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
+            const std::string received = exchange.get();
+            std::string_view rest = received;
+            for (const std::string_view body : bodies) {
+                const http_reader::Message answer = http_reader::readResponse(rest, "GET");
+                EXPECT_TRUE(answer.isComplete && answer.body == body) << answer.body.size();
+                rest.remove_prefix(answer.byteCount);
+            }
+            EXPECT_EQ(rest, "");
+            EXPECT_TRUE(runUntil([&] { return app_->activeSessionCount() == 0; }));
+        }
+    }
+    std::vector<ZnHttpResponseCallback> kept;
+    app_->router().addAsyncRoute("GET", "/never", [&](const auto&, const auto& answer) { kept.push_back(answer); });
+    const int lost = connectToLoopback(port_); // gone altogether: that ends the session at once
+    ::send(lost, get("/never").data(), get("/never").size(), MSG_NOSIGNAL);
+    ::shutdown(lost, SHUT_WR);
+    ASSERT_TRUE(runUntil([&] { return kept.size() == 1; }));
+    settle();
+    EXPECT_EQ(app_->activeSessionCount(), 1U);
+    resetConnection(lost);
+    EXPECT_TRUE(runUntil([&] { return app_->activeSessionCount() == 0; }));
+}
+
+TEST_F(ZnHttpServerTest, ASlowReaderIsServedAndOneThatStopsIsCut) {
+    ZnHttpTimeouts timeouts;
+    timeouts.writeTimeoutMs = 400;
+    app_->setTimeouts(timeouts);
+    const std::string body(16 << 20, 'x');
+    app_->get("/large", [&](ZnHttpContext& context) { context.sendString(body, "x/y"); });
+    for (const bool isReading : {true, false}) {
+        const int client = connectToLoopback(port_);
+        ::send(client, "GET /large HTTP/1.1\r\n\r\n", 23, MSG_NOSIGNAL);
+        std::string received;
+        std::vector<char> buffer(1 << 20);
+        const auto takeSome = [&](std::size_t byteCount) {
+            const ssize_t got = ::recv(client, buffer.data(), byteCount, MSG_DONTWAIT);
+            received.append(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+        };
+        for (int i = 0; i < 40; ++i) { // four time-outs long
+            takeSome(isReading ? 32 << 10 : 0);
+            settle(40);
+        }
+        EXPECT_EQ(app_->activeSessionCount(), isReading ? 1U : 0U);
+        for (int i = 0; isReading && i < 10000 && received.size() < received.find("\r\n\r\n") + 4 + body.size(); ++i) {
+            takeSome(buffer.size());
+            settle(1);
+        }
+        EXPECT_EQ(http_reader::readResponse(received, "GET").body.size(), isReading ? body.size() : 0);
+        ::close(client);
+    }
+}
+
 TEST_F(ZnHttpServerTest, AdmissionLimits) {
     ZnHttpLimits limits;
     limits.maxConnections = 2;
@@ -195,6 +318,94 @@ TEST_F(ZnHttpServerTest, AdmissionLimits) {
     EXPECT_EQ(app_->stats().inFlight, 0);
     app_.reset();
     kept(ZnHttpResponse());
+}
+
+// All at once, with handlers that wait: more than there are fibers. Nobody waits in vain, and the server goes on.
+TEST_F(ZnHttpServerTest, ManySlowCallsLeaveTheLoopItsFibers) {
+    constexpr int kCallCount = 2000;
+    int mostParked = 0;
+    int parked = 0;
+    app_->get("/slow", [&](ZnHttpContext& context) {
+        mostParked = std::max(mostParked, ++parked);
+        do
+            ZnEventLoop().exec(50);
+        while (app_->stats().requestsStarted < kCallCount);
+        --parked;
+        context.text("slow");
+    });
+    std::map<std::string, int> answers;
+    auto clients = std::async(std::launch::async, [&] {
+        std::vector<int> descriptors;
+        for (int i = 0; i < kCallCount; ++i)
+            descriptors.push_back(connectToLoopback(port_));
+        for (const int descriptor : descriptors)
+            ::send(descriptor, "GET /slow HTTP/1.1\r\nconnection: close\r\n\r\n", 41, MSG_NOSIGNAL);
+        for (const int descriptor : descriptors) {
+            const timeval patience{20, 0};
+            ::setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+            char answer[13] = {};
+            ::recv(descriptor, answer, 12, MSG_WAITALL);
+            ++answers[answer];
+            ::close(descriptor);
+        }
+    });
+    ASSERT_TRUE(pollUntil([&] { return clients.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
+    EXPECT_EQ(mostParked, application_.fiberPool().warmTarget() - 64);
+    EXPECT_EQ(answers["HTTP/1.1 200"], mostParked);
+    EXPECT_EQ(answers["HTTP/1.1 503"], kCallCount - mostParked);
+    EXPECT_EQ(app_->stats().busyRefused, kCallCount - mostParked);
+    EXPECT_TRUE(firstAnswer("/slow").ends_with("slow"));
+    EXPECT_EQ(app_->stats().inFlight, 0);
+
+    ZnHttpLimits limits; // of one's own
+    limits.maxParkedRequests = 1;
+    app_->setLimits(limits);
+    const auto first = sendGet("/slow");
+    ASSERT_TRUE(runUntil([&] { return parked == 1; }));
+    EXPECT_TRUE(firstAnswer("/echo/x").ends_with("\r\n\r\nServer busy"));
+    EXPECT_TRUE(runUntil([&] { return first->answerCount() == 1; }));
+    EXPECT_TRUE(firstAnswer("/echo/x").ends_with("\r\n\r\nx"));
+}
+
+TEST_F(ZnHttpServerTest, WhatIsRefusedAnywayIsRefusedInFrontOfItsBody) {
+    app_->addRequestFilter([this](const ZnHttpRequest& request, ZnHttpResponse& response) {
+        if (request.queryString == "throw")
+            throw std::runtime_error("x");
+        EXPECT_EQ(request.localPort, port_);
+        response = ZnHttpResponse::plain(403, "filtered", true);
+        return request.queryString == "no";
+    });
+    const std::string body = " HTTP/1.1\r\ncontent-length: 2\r\nexpect: 100-continue\r\n\r\n";
+    const std::string chunks = " HTTP/1.1\r\ntransfer-encoding: chunked\r\n\r\n";
+    const std::string interim = "HTTP/1.1 100 Continue\r\n\r\n";
+    const struct { std::string input; const char *start, *end; bool goesOn; } kRows[] = {
+        {"POST /body?no" + body, "HTTP/1.1 403 ", "\r\n\r\nfiltered", false},
+        {"POST /body?no" + chunks, "HTTP/1.1 403 ", "\r\n\r\nfiltered", false},
+        {"POST /none" + body, "HTTP/1.1 404 ", "\r\n\r\nNot Found", false},
+        {"POST /peer" + body, "HTTP/1.1 405 ", "\r\n\r\nMethod Not Allowed", false},
+        {"HEAD /none" + body, "HTTP/1.1 404 ", "\r\n\r\n", false},
+        {"GET /none HTTP/1.1\r\n\r\n", "HTTP/1.1 404 ", "\r\n\r\nNot Found", true}, // no reason to close
+        {"POST /body" + body, interim.c_str(), interim.c_str(), true},
+        {"POST /body?throw" + body, interim.c_str(), interim.c_str(), true},
+        {"GET /echo/a HTTP/1.1\r\n\r\nPOST /none" + body, "HTTP/1.1 200 ", "\r\n\r\na", true}}; // in its turn
+    for (const bool isEarly : {true, false}) {
+        ZnHttpLimits limits;
+        limits.refuseBeforeBody = isEarly;
+        app_->setLimits(limits);
+        for (const auto& row : kRows) {
+            SCOPED_TRACE(row.input);
+            const auto client = send(row.input);
+            if (!isEarly && !row.goesOn) {
+                settle();
+                EXPECT_EQ(client->received, row.input.ends_with(chunks) ? "" : interim);
+                continue;
+            }
+            ASSERT_TRUE(runUntil([&] { return client->answerCount() > 0 && (row.goesOn || client->isGone()); }));
+            EXPECT_TRUE(client->received.starts_with(row.start)) << client->received;
+            EXPECT_TRUE(client->received.ends_with(row.end)) << client->received;
+            EXPECT_EQ(client->received.find("connection: close") == std::string::npos, row.goesOn);
+        }
+    }
 }
 
 // What the peer of one route sees, by what stands in front of it.
@@ -415,15 +626,18 @@ TEST_F(ZnHttpServerPoolTest, FilesOfUploadsGoWithTheirRequest) {
     const std::string body = "--b\r\ncontent-disposition: form-data; name=f; filename=x\r\n\r\ncontent\r\n--b--\r\n";
     for (const auto& row : kRows) {
         waitingCount_ = 0;
-        const auto client = send("POST /upload?" + row.query + " HTTP/1.1\r\ncontent-type: multipart/form-data; "
-                                 "boundary=b\r\ncontent-length: " + std::to_string(body.size()) + "\r\n\r\n" +
-                                 body.substr(0, body.size() - row.withheldBytes));
+        const int client = connectToLoopback(port_);
+        const std::string input = "POST /upload?" + row.query + " HTTP/1.1\r\ncontent-type: multipart/form-data; "
+                                  "boundary=b\r\ncontent-length: " + std::to_string(body.size()) + "\r\n\r\n" +
+                                  body.substr(0, body.size() - row.withheldBytes);
+        ::send(client, input.data(), input.size(), MSG_NOSIGNAL);
+        char byte = 0;
         if (row.isAnswered)
-            EXPECT_TRUE(runUntil([&] { return client->received.ends_with("done"); })) << client->received;
+            EXPECT_TRUE(pollUntil([&] { return ::recv(client, &byte, 1, MSG_DONTWAIT | MSG_PEEK) > 0; }));
         else
             ASSERT_TRUE(pollUntil([&] { return row.withheldBytes > 0 ? fileCount() == 1 : waitingCount_ == 1; }));
         EXPECT_EQ(fileCount(), row.isAnswered ? 0 : 1) << row.query;
-        client->socket.close();
+        resetConnection(client);
         EXPECT_TRUE(runUntil([&] { return app_->activeSessionCount() == 0; }));
         settle();
         EXPECT_EQ(fileCount(), 0) << row.query; // even if a handler still holds the request

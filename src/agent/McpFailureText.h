@@ -1,0 +1,14 @@
+#pragma once
+
+#include "core/types/ZnString.h"
+
+namespace mcp {
+
+/// Why a call to a service has failed, as a sentence for people and models. `errorCode` as ZnHttpClient, its sockets and
+/// McpForwardCall give it; `detail`: what is known of a failure of TLS.
+ZnString failureText(int errorCode, const ZnString& endpoint, int timeoutMs, const ZnString& detail);
+
+/// The address of an endpoint as it may be shown, without user information and query.
+ZnString endpointAddress(const ZnString& endpoint);
+
+} // namespace mcp

@@ -1,0 +1,23 @@
+#include "agent/McpForwardCalls.h"
+
+#include "agent/McpText.h"
+#include "core/platform/ZnMonotonicClock.h"
+#include "core/types/ZnLogger.h"
+
+#include <utility>
+
+void McpForwardCalls::report(const ZnString& serviceId, const McpForwardResult& result) {
+    constexpr const char* kCategory = "zn.agent.mcpforwardcalls";
+    const long long second = monotonicNowNs() / 1000000000;
+    if (second != std::exchange(reportSecond_, second))
+        reportCount_ = 0;
+    if (reportCount_ >= kReportsPerSecond) {
+        ++unreportedCount_;
+        return;
+    }
+    ++reportCount_;
+    const unsigned long long others = std::exchange(unreportedCount_, 0);
+    ZN_LOG_WARNING(kCategory, "McpForwardCalls::report")
+        << "call to service \"" << mcp::printable(serviceId.view()) << "\" failed: " << result.errorCode << ", "
+        << result.message << (others == 0 ? "" : " (and " + std::to_string(others) + " more that were not told of)");
+}

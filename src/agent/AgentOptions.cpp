@@ -31,6 +31,7 @@ constexpr Option kOptions[] = {
     {"mcp_allowed_hosts", "any", "names in the Host header: any, local, or a list with commas"},
     {"mcp_throttle", "address", "what failed attempts block: address, or failures alone"},
     {"mcp_interop", "false", "work with today's MCP clients and servers: true or false, alone it means true", Kind::Switch},
+    {"max_answer_bytes", "16777216", "largest answer taken from a service, 1024 to 1073741824"},
     {"services_file", "mcp-bridge-services.json", "the allowlist"},
     {"tls_cert_path", "", "certificate file (PEM) for TLS, with tls_key_path"},
     {"tls_key_path", "", "private key file (PEM)"},
@@ -100,6 +101,8 @@ void AgentOptions::checkValues_() {
     const ZnString throttle = text("mcp_throttle").trimmed();
     if (throttle != "address" && throttle != "failures")
         remarks_.push_back("--mcp_throttle is neither address nor failures; it counts as address");
+    if (maxAnswerBytes_() == 0)
+        remarks_.push_back("--max_answer_bytes is no number from 1024 to 1073741824; the default counts");
     const bool hasToken = !text("mcp_token").trimmed().isEmpty();
     const bool hasTokenFile = has("mcp_token_file");
     if (has("mcp_token") && !hasToken && !hasTokenFile)
@@ -114,6 +117,13 @@ void AgentOptions::checkValues_() {
 }
 
 // --- configuration
+
+/// 0 for what is no usable number.
+std::int64_t AgentOptions::maxAnswerBytes_() const {
+    bool isNumber = false;
+    const long long bytes = text("max_answer_bytes").toLongLong(&isNumber);
+    return isNumber && bytes >= 1024 && bytes <= 1073741824 ? bytes : 0;
+}
 
 bool AgentOptions::readToken_(ZnString* token, ZnString* errorText) const {
     *token = text("mcp_token");
@@ -139,6 +149,8 @@ bool AgentOptions::configure(BreltMcpBridgeAgent& agent, ZnString* errorText) co
     agent.setAllowedHosts(McpHostRule(text("mcp_allowed_hosts"), text("bind")));
     agent.setThrottle(text("mcp_throttle").trimmed() == "failures" ? BreltMcpBridgeAgent::Throttle::ByFailure
                                                                     : BreltMcpBridgeAgent::Throttle::ByAddress);
+    if (const std::int64_t bytes = maxAnswerBytes_(); bytes != 0)
+        agent.setMaxAnswerBytes(bytes);
     agent.setInterop(isOn("mcp_interop"));
     agent.setStrict(isOn("strict"));
     return true;

@@ -30,6 +30,7 @@ public:
 
 private:
     bool readToken_(ZnString* token, ZnString* errorText) const;
+    std::int64_t maxAnswerBytes_() const;
     void checkNames_();
     void checkValues_();
 

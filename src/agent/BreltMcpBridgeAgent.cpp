@@ -3,11 +3,14 @@
 #include "core/runtime/ZnCoreApplication.h"
 #include "core/types/ZnLogger.h"
 
+#include <algorithm>
+#include <limits>
 #include <utility>
 
 namespace {
 
 constexpr int kCallsEndMs = 1000;
+constexpr int kWorkerCount = 2;
 constexpr int kDeletionMs = 200;
 
 /// The application whose loop the caller may run, or null.
@@ -29,7 +32,10 @@ void runDeferredDeletions(ZnCoreApplication& application) {
 
 } // namespace
 
-BreltMcpBridgeAgent::BreltMcpBridgeAgent() : mcpPath_("/mcp"), calls_(std::make_shared<McpForwardCalls>()) {}
+BreltMcpBridgeAgent::BreltMcpBridgeAgent() : mcpPath_("/mcp"), calls_(std::make_shared<McpForwardCalls>()) {
+    workers_.setMaxThreadCount(kWorkerCount);
+    workers_.setMaxQueuedTaskCount(-1); // the calls in flight are bounded
+}
 
 BreltMcpBridgeAgent::~BreltMcpBridgeAgent() {
     stop();
@@ -70,7 +76,9 @@ bool BreltMcpBridgeAgent::start(const ZnString& bindAddress, std::uint16_t port,
     auto server = std::make_unique<ZnHttpApp>();
     ZnHttpLimits limits = server->limits();
     limits.maxBodyBytes = kMaxBodyBytes;
+    limits.strictGrammar = interop_;
     server->setLimits(limits);
+    server->setTimeouts(timeouts_(server->timeouts()));
     registerRoutes_(*server);
     const ZnString trimmed = bindAddress.trimmed();
     const ZnString address = trimmed.isEmpty() ? ZnString("127.0.0.1") : trimmed;
@@ -84,6 +92,19 @@ bool BreltMcpBridgeAgent::start(const ZnString& bindAddress, std::uint16_t port,
         return false;
     server_ = std::move(server);
     return true;
+}
+
+/// A call has its own limit of time, in which its result must still get out; a client that has left ends it.
+ZnHttpTimeouts BreltMcpBridgeAgent::timeouts_(ZnHttpTimeouts timeouts) {
+    constexpr int kMarginMs = 5000;
+    constexpr int kPeerLookMs = 1000;
+    int longestMs = timeouts.bodyTimeoutMs;
+    ZnMutexLocker locker(servicesMutex_);
+    for (const auto& [id, record] : services_)
+        longestMs = std::max(longestMs, std::min(record->timeoutMs, std::numeric_limits<int>::max() - kMarginMs) + kMarginMs);
+    timeouts.handlerTimeoutMs = longestMs;
+    timeouts.peerLookMs = kPeerLookMs;
+    return timeouts;
 }
 
 bool BreltMcpBridgeAgent::check(const ZnString& tlsCertPath, const ZnString& tlsKeyPath) {

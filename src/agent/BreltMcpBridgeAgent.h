@@ -4,6 +4,7 @@
 #include "agent/McpBridgeSession.h"
 #include "agent/McpFailureTable.h"
 #include "agent/McpForwardCalls.h"
+#include "agent/McpMessage.h"
 #include "agent/McpHostRule.h"
 #include "agent/McpServiceFile.h"
 #include "agent/McpSessionTable.h"
@@ -31,6 +32,7 @@
 class BreltMcpBridgeAgent {
 public:
     static constexpr std::uint64_t kMaxBodyBytes = 16777216; // of one request
+    static constexpr std::int64_t kDefaultAnswerBytes = 16777216; // of a service
     static constexpr const char* kProtocolVersion = "2025-06-18";
     static constexpr const char* kVersion = "0.1.0"; // of the agent
 
@@ -54,6 +56,8 @@ public:
     void setThrottle(Throttle throttle) { throttle_ = throttle; }
     /// The names under which the agent may be called; others are refused with 403 on every path.
     void setAllowedHosts(McpHostRule rule) { allowedHosts_ = std::move(rule); }
+    /// The largest answer that is taken from a service, 1 KiB to 1 GiB; the client gets three times as much at most.
+    void setMaxAnswerBytes(std::int64_t maxBytes) { maxAnswerBytes_ = maxBytes; }
     /// start() fails where it would only warn.
     void setStrict(bool isStrict) { isStrict_ = isStrict; }
 
@@ -67,7 +71,10 @@ public:
     bool check(const ZnString& tlsCertPath, const ZnString& tlsKeyPath);
     /// After start() or check(): what is in the allowlist that is most likely meant otherwise, one line each.
     const std::vector<ZnString>& remarks() const noexcept { return remarks_; }
-    std::size_t serviceCount() { return publicServiceViews_().size(); }
+    std::size_t serviceCount() {
+        ZnMutexLocker locker(servicesMutex_);
+        return services_.size();
+    }
 
     /// Loads the allowlist and listens; port 0 lets the system choose. Returns false, with the reason on standard error
     /// or in the log, when it does not listen.
@@ -87,6 +94,7 @@ private:
     using SessionRef_ = std::shared_ptr<McpBridgeSession>;
 
     static ZnString normalizeMcpPath_(const ZnString& path);
+    ZnHttpTimeouts timeouts_(ZnHttpTimeouts timeouts);
 
     // Allowlist: McpServices.cpp.
     bool loadServices_();
@@ -119,12 +127,12 @@ private:
 
     // Dispatcher and sessions: McpDispatcher.cpp.
     void handlePost_(ZnHttpContext& context);
-    void handleMessage_(ZnHttpContext& context, const ZnJsonObject& message);
+    void handleMessage_(McpMessage& message);
     void handleNotification_(ZnHttpContext& context, std::string_view method);
-    void handleSessionRequest_(ZnHttpContext& context, const ZnJsonObject& request, std::string_view headerVersion);
+    void handleSessionRequest_(McpMessage& message, std::string_view headerVersion);
     void answerInitialize_(ZnHttpContext& context, const ZnJsonObject& request);
     ZnString handleInitialize_(const ZnJsonObject& request, ZnString* sessionIdOut);
-    ZnString dispatchRequest_(const ZnHttpContext& context, const ZnJsonObject& request);
+    ZnByteArray dispatchRequest_(McpMessage& message);
     SessionRef_ createSession_(const ZnString& protocolVersion, const ZnString& clientName,
                                const ZnString& clientVersion);
     SessionRef_ findSession_(std::string_view id);
@@ -132,16 +140,14 @@ private:
     /// Finds the session that the request names; null when it has answered that there is none.
     SessionRef_ requireSession_(ZnHttpContext& context);
 
-    // Tools: McpTools.cpp. The results are texts of tool results; see McpJson.h. The context holds the message as text.
-    ZnString handleToolsCall_(const ZnHttpContext& context, const ZnJsonObject& request);
-    ZnString callTool_(const ZnHttpContext& context, const ZnString& name, const ZnJsonObject& arguments);
+    // Tools: McpTools.cpp. callTool_ gives the text of a tool result, the others those of whole responses; see McpJson.h.
+    ZnByteArray handleToolsCall_(McpMessage& message);
+    ZnString callTool_(const ZnString& name, const ZnJsonObject& arguments);
     ZnString getServiceTool_(const ZnJsonObject& arguments);
-    ZnString callRpcTool_(const ZnHttpContext& context, const ZnJsonObject& arguments);
-    ZnString forwardTool_(const McpBridgeServiceRecord& record, const ZnJsonValue& request,
-                          const ZnJsonObject& arguments);
-    /// Parks the calling fiber; the agent may be gone when it returns.
-    McpForwardResult forwardToService_(const McpBridgeServiceRecord& record, const ZnJsonValue& request,
-                                       const ZnString& protocolVersion, const ZnString& sessionId);
+    ServiceRef_ serviceToCall_(const ZnJsonObject& arguments, ZnString* refusal);
+    ZnByteArray callRpcTool_(McpMessage& message, const ZnJsonObject& arguments);
+    ZnByteArray forward_(ZnHttpContext& context, ZnJsonValue id, const McpBridgeServiceRecord& record,
+                         McpForwardRequest request);
 
     std::unique_ptr<ZnHttpApp> server_; // null unless listening
     ZnString servicesFile_;
@@ -159,6 +165,9 @@ private:
     McpSessionTable sessions_ ZN_GUARDED_BY(sessionsMutex_);
     ZnMutex failuresMutex_;
     McpFailureTable failures_ ZN_GUARDED_BY(failuresMutex_);
+    const std::shared_ptr<const bool> aliveToken_ = std::make_shared<bool>(true); // tells fibers that were parked
     const std::shared_ptr<McpForwardCalls> calls_;
+    ZnThreadPool workers_; // for messages that are too large for the loop
+    std::int64_t maxAnswerBytes_ = kDefaultAnswerBytes;
     std::function<long long()> clock_ = monotonicNowNs;
 };

@@ -1,34 +1,47 @@
 #include "agent/McpAnswerStream.h"
 
 #include "agent/McpJson.h"
+#include "agent/McpText.h"
 #include "core/types/ZnJsonDocument.h"
 
 #include <utility>
+
+void McpStreamEvent::parse() {
+    text = mcp::wellFormed(std::move(text));
+    ZnString error;
+    ZnJsonDocument document = ZnJsonDocument::fromJson(text.view(), &error, JsonReading::Exact, mcp::kMaxJsonValues);
+    message = error.isEmpty() ? std::move(document.root()) : ZnJsonValue(text);
+}
 
 bool McpAnswerStream::isEventStream(std::string_view contentType) {
     const ZnString mediaType(trimmedView(contentType.substr(0, contentType.find(';'))));
     return mediaType.equalsIgnoreCase("text/event-stream");
 }
 
-bool McpAnswerStream::take(std::string_view bytes) {
-    parser_.feed(bytes, [this](std::string_view type, std::string_view data) { return takeEvent_(type, data); });
-    return !answer_.isNull();
+void McpAnswerStream::take(std::string_view bytes) {
+    const auto note = [this](std::string_view type, std::string_view data) {
+        const bool isMessage = type.empty() || type == "message";
+        if (isMessage && !trimmedView(data).empty())
+            events_.push_back(ZnString(data));
+        return true;
+    };
+    isReadable_ = isReadable_ && parser_.feed(bytes, note);
 }
 
-bool McpAnswerStream::takeEvent_(std::string_view type, std::string_view data) {
-    const bool isMessage = type.empty() || type == "message";
-    if (!isMessage || trimmedView(data).empty())
-        return true;
-    ZnString error;
-    ZnJsonDocument document = ZnJsonDocument::fromJson(data, &error, JsonReading::Exact, mcp::kMaxJsonValues);
-    if (!error.isEmpty())
-        others_.append(ZnString(data));
-    else if (ZnJsonArray* batch = document.root().array())
+McpStreamEvent McpAnswerStream::takeEvent() {
+    McpStreamEvent event{std::move(events_.front()), ZnJsonValue()};
+    events_.pop_front();
+    return event;
+}
+
+bool McpAnswerStream::takeMessages(McpStreamEvent& event) {
+    if (ZnJsonArray* batch = event.message.array()) {
         for (ZnJsonValue& message : *batch)
             takeMessage_(std::move(message));
-    else
-        takeMessage_(std::move(document.root()));
-    return answer_.isNull();
+    } else {
+        takeMessage_(std::move(event.message));
+    }
+    return !answer_.isNull();
 }
 
 void McpAnswerStream::takeMessage_(ZnJsonValue message) {

@@ -3,14 +3,25 @@
 #include "core/io/http/ZnEventStreamParser.h"
 #include "core/types/ZnJsonArray.h"
 #include "core/types/ZnJsonValue.h"
+#include "core/types/ZnString.h"
 
+#include <deque>
 #include <optional>
 #include <string_view>
 
-/// The messages of one upstream answer that comes as an event stream, read exactly.
+/// One event of a stream, as text and as what it says. It stands by itself: a large one may be parsed on another thread.
+struct McpStreamEvent {
+    /// Exactly; a text that is no JSON becomes a string, and bytes that are no UTF-8 are replaced.
+    void parse();
+
+    ZnString text;
+    ZnJsonValue message; // after parse()
+};
+
+/// The messages of one upstream answer that comes as an event stream.
 ///
 /// The answer is the message that has the request's id, the same in type and digits, and no "method". All others are
-/// kept in their order, text that is no JSON as a string. Events with a name other than "message" are no messages.
+/// kept in their order. Events with a name other than "message" are no messages.
 /// Thread: a value, on the loop.
 class McpAnswerStream {
 public:
@@ -20,21 +31,28 @@ public:
     McpAnswerStream(std::optional<ZnJsonValue> requestId, std::size_t maxEventBytes)
         : requestId_(std::move(requestId)), parser_(maxEventBytes) {}
 
-    /// Returns whether the answer has come; what stands behind it is not read. A message that is too large ends the
-    /// reading without one.
-    bool take(std::string_view bytes);
+    /// Notes the events that end in `bytes`. One that is too large ends the reading.
+    void take(std::string_view bytes);
+    bool hasEvent() const noexcept { return !events_.empty(); }
+    /// The next one, which is to be parsed.
+    McpStreamEvent takeEvent();
+    /// Takes the messages of a parsed event. Returns whether the answer has come; what stands behind it is not read.
+    bool takeMessages(McpStreamEvent& event);
+
+    bool awaitsAnswer() const noexcept { return requestId_.has_value(); }
     /// Null without an answer.
     ZnJsonValue& answer() noexcept { return answer_; }
     /// The other messages.
     ZnJsonArray& others() noexcept { return others_; }
 
 private:
-    bool takeEvent_(std::string_view type, std::string_view data);
     void takeMessage_(ZnJsonValue message);
     bool isAnswer_(const ZnJsonValue& message) const;
 
     const std::optional<ZnJsonValue> requestId_;
     ZnEventStreamParser parser_;
+    bool isReadable_ = true;
+    std::deque<ZnString> events_;
     ZnJsonValue answer_;
     ZnJsonArray others_;
 };

@@ -3,6 +3,8 @@
 #include "agent/BreltMcpBridgeAgent.h"
 #include "agent/McpHeaders.h"
 #include "agent/McpJson.h"
+#include "agent/McpRpcAnswer.h"
+#include "agent/McpWork.h"
 #include "core/types/ZnCrypto.h"
 #include "core/types/ZnJsonDocument.h"
 
@@ -107,21 +109,54 @@ ZnJsonObject initializeResult(const ZnString& protocolVersion) {
 
 } // namespace
 
-void BreltMcpBridgeAgent::handlePost_(ZnHttpContext& context) {
+namespace {
+
+/// A body that is read on another thread: the frame that waits for it may go before that is done.
+struct ReadWork {
+    ZnHttpRequest request;
     ZnJsonDocument document;
-    ZnString error;
-    const JsonReading reading = interop_ ? JsonReading::Exact : JsonReading::Dialect;
-    const ZnJsonObject* message =
-        context.parseJsonBody(&document, &error, reading, mcp::kMaxJsonValues)
-            ? std::as_const(document).root().object()
-            : nullptr;
-    if (message == nullptr)
-        sendError(context, 400, "Expected a single JSON-RPC object");
-    else
-        handleMessage_(context, *message);
+    bool isRead = false;
+};
+
+/// Reads the request's body, on another thread when it is large. False when it is no single JSON object, or the wait was
+/// ended.
+bool readMessage(ZnThreadPool& workers, JsonReading reading, McpMessage* message) {
+    ZnHttpContext& context = message->context;
+    if (context.request().body.size() < McpRpcAnswer::kLargeBytes) {
+        ZnString error;
+        return context.parseJsonBody(&message->document, &error, reading, mcp::kMaxJsonValues) &&
+               message->document.root().isObject();
+    }
+    const auto work = std::make_shared<ReadWork>();
+    work->request.body = std::move(context.request().body);
+    const bool hasRun = mcp::awaitWork(workers, [work, reading] {
+        ZnString error;
+        work->isRead = ZnHttpContext(work->request).parseJsonBody(&work->document, &error, reading, mcp::kMaxJsonValues);
+    });
+    if (!hasRun)
+        return false;
+    context.request().body = std::move(work->request.body);
+    message->document = std::move(work->document);
+    return work->isRead && message->document.root().isObject();
 }
 
-void BreltMcpBridgeAgent::handleMessage_(ZnHttpContext& context, const ZnJsonObject& message) {
+} // namespace
+
+void BreltMcpBridgeAgent::handlePost_(ZnHttpContext& context) {
+    McpMessage message(context);
+    const std::weak_ptr<const bool> alive = aliveToken_;
+    const bool isMessage = readMessage(workers_, interop_ ? JsonReading::Exact : JsonReading::Dialect, &message);
+    if (alive.expired())
+        return context.sendStatus(503);
+    if (isMessage)
+        handleMessage_(message);
+    else
+        sendError(context, 400, "Expected a single JSON-RPC object");
+}
+
+void BreltMcpBridgeAgent::handleMessage_(McpMessage& read) {
+    ZnHttpContext& context = read.context;
+    const ZnJsonObject& message = read.object();
     const bool hasId = message.contains("id");
     const ZnJsonValue& id = message.value("id");
     if (!isJsonRpc20_(message)) {
@@ -141,7 +176,7 @@ void BreltMcpBridgeAgent::handleMessage_(ZnHttpContext& context, const ZnJsonObj
         return sendJsonText(context, mcp::jsonRpcError_(ZnJsonValue(), kInvalidRequest, "Invalid Request"));
     if (method == "initialize")
         return answerInitialize_(context, message);
-    handleSessionRequest_(context, message, headerVersion);
+    handleSessionRequest_(read, headerVersion);
 }
 
 void BreltMcpBridgeAgent::handleNotification_(ZnHttpContext& context, std::string_view method) {
@@ -154,15 +189,15 @@ void BreltMcpBridgeAgent::handleNotification_(ZnHttpContext& context, std::strin
     context.sendStatus(202);
 }
 
-void BreltMcpBridgeAgent::handleSessionRequest_(ZnHttpContext& context, const ZnJsonObject& request,
-                                                std::string_view headerVersion) {
+void BreltMcpBridgeAgent::handleSessionRequest_(McpMessage& message, std::string_view headerVersion) {
+    ZnHttpContext& context = message.context;
     const SessionRef_ session = requireSession_(context);
     if (!session)
         return;
     const std::string_view version = headerVersion.empty() ? session->protocolVersion.view() : headerVersion;
     if (!isSupportedProtocol_(version) || version != session->protocolVersion.view())
         return sendError(context, 400, "MCP protocol version mismatch");
-    sendJsonText(context, dispatchRequest_(context, request)); // may park: the agent is not used behind it
+    context.send(dispatchRequest_(message), ZnString(zn::http::kJsonText)); // may park: the agent is not used behind it
 }
 
 BreltMcpBridgeAgent::SessionRef_ BreltMcpBridgeAgent::requireSession_(ZnHttpContext& context) {
@@ -205,7 +240,8 @@ ZnString BreltMcpBridgeAgent::handleInitialize_(const ZnJsonObject& request, ZnS
     return mcp::jsonRpcResult_(id, ZnJsonValue(initializeResult(requested)).toJson().view());
 }
 
-ZnString BreltMcpBridgeAgent::dispatchRequest_(const ZnHttpContext& context, const ZnJsonObject& request) {
+ZnByteArray BreltMcpBridgeAgent::dispatchRequest_(McpMessage& message) {
+    const ZnJsonObject& request = message.object();
     const std::string_view method = methodOf(request);
     const ZnJsonValue& id = request.value("id");
     if (method == "ping")
@@ -213,7 +249,7 @@ ZnString BreltMcpBridgeAgent::dispatchRequest_(const ZnHttpContext& context, con
     if (method == "tools/list")
         return mcp::jsonRpcResult_(id, mcp::toolCatalogue_().view());
     if (method == "tools/call")
-        return handleToolsCall_(context, request);
+        return handleToolsCall_(message);
     return mcp::jsonRpcError_(id, kMethodNotFound, "Method not found");
 }
 

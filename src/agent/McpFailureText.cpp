@@ -35,6 +35,16 @@ ZnString endpointAddress(const ZnString& endpoint) {
     return printable(text);
 }
 
+ZnString withoutUserInformation(const ZnString& endpoint) {
+    const std::string_view text = endpoint.view();
+    const std::size_t schemeEnd = text.find("://");
+    const std::size_t begin = schemeEnd == std::string_view::npos ? 0 : schemeEnd + 3;
+    const std::size_t at = text.substr(0, text.find_first_of("/?#", begin)).rfind('@');
+    if (at == std::string_view::npos || at < begin)
+        return endpoint;
+    return ZnString(text.substr(0, begin)) + ZnString(text.substr(at + 1));
+}
+
 ZnString failureText(int errorCode, const ZnString& endpoint, int timeoutMs, const ZnString& detail) {
     const ZnString address = endpointAddress(endpoint);
     switch (errorCode) {

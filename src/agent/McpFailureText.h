@@ -11,4 +11,7 @@ ZnString failureText(int errorCode, const ZnString& endpoint, int timeoutMs, con
 /// The address of an endpoint as it may be shown, without user information and query.
 ZnString endpointAddress(const ZnString& endpoint);
 
+/// The endpoint as it may be shown: a password that stands in it, though it is no usable URL then, is left out.
+ZnString withoutUserInformation(const ZnString& endpoint);
+
 } // namespace mcp

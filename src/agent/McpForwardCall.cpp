@@ -1,53 +1,46 @@
 #include "agent/McpForwardCall.h"
 
+#include "agent/McpFailureText.h"
 #include "agent/McpJson.h"
-#include "core/types/ZnJsonDocument.h"
+#include "agent/McpRpcAnswer.h"
+#include "agent/McpText.h"
+#include "agent/McpWork.h"
 
 #include <utility>
 
 namespace {
-
 constexpr long long kUsPerMs = 1000;
-
-ZnJsonValue parseBody(std::string_view text, JsonReading reading) {
-    ZnString error; // a body that is no JSON is handed on as it is
-    ZnJsonDocument document = ZnJsonDocument::fromJson(text, &error, reading, mcp::kMaxJsonValues);
-    return error.isEmpty() ? std::move(document.root()) : ZnJsonValue();
-}
-
 } // namespace
 
-McpForwardCall::McpForwardCall(const McpBridgeServiceRecord& record, const ZnJsonValue& request,
-                               const ZnString& protocolVersion, const ZnString& sessionId)
+McpForwardCall::McpForwardCall(const McpBridgeServiceRecord& record, McpForwardRequest request,
+                               std::int64_t maxAnswerBytes, ZnThreadPool& pool)
     : endpoint_(record.endpoint),
-      timeoutUs_((record.timeoutMs < 1 ? McpBridgeServiceRecord::kDefaultTimeoutMs : record.timeoutMs) * kUsPerMs),
-      reading_(record.interop ? JsonReading::Exact : JsonReading::Dialect), requestBody_(request.toJson()) {
-    client_.setHeader("Accept", record.interop ? "application/json, text/event-stream" : "application/json");
-    if (!protocolVersion.isEmpty())
-        client_.setHeader("Mcp-Protocol-Version", protocolVersion);
-    if (!sessionId.isEmpty())
-        client_.setHeader("Mcp-Session-Id", sessionId);
+      timeoutMs_(record.timeoutMs < 1 ? McpBridgeServiceRecord::kDefaultTimeoutMs : record.timeoutMs),
+      interop_(record.interop), maxAnswerBytes_(maxAnswerBytes), pool_(pool), request_(std::move(request)) {
+    client_.setHeader("Accept", interop_ ? "application/json, text/event-stream" : "application/json");
+    if (!request_.protocolVersion.isEmpty())
+        client_.setHeader("Mcp-Protocol-Version", request_.protocolVersion);
+    if (!request_.sessionId.isEmpty())
+        client_.setHeader("Mcp-Session-Id", request_.sessionId);
     if (!record.bearerToken.isEmpty())
         client_.setHeader("Authorization", "Bearer " + record.bearerToken);
     if (!record.tlsCaFile.isEmpty())
         client_.setCaFile(record.tlsCaFile);
+    client_.setMaxResponseBytes(maxAnswerBytes_);
+    client_.setStatusFraming(interop_);
+    client_.setBodyObserver([this](const ZnMap<ZnString, ZnString>& headers, std::string_view bytes) {
+        return takeAnswer_(headers, bytes);
+    });
     client_.connect(&ZnHttpClient::finished, &loop_, [this] { finishForward_(true, 0); });
     client_.connect(&ZnHttpClient::errorOccurred, &loop_, [this](int code) { finishForward_(false, code); });
     timer_.connect(&ZnTimer::timeout, &loop_, [this] { end(kTimedOut); });
     timer_.setSingleShot(true);
-    if (!record.interop)
-        return;
-    if (request.object()->contains("id"))
-        requestId_ = request.object()->value("id");
-    client_.setMaxResponseBytes(kMaxAnswerBytes);
-    client_.setBodyObserver([this](const ZnMap<ZnString, ZnString>& headers, std::string_view bytes) {
-        return takeAnswer_(headers, bytes);
-    });
 }
 
 McpForwardResult McpForwardCall::run() {
-    timer_.startUs(timeoutUs_);
-    const bool hasBegun = client_.request(ZnHttpClient::Post, endpoint_, std::move(requestBody_), "application/json");
+    timer_.startUs(timeoutMs_ * kUsPerMs);
+    const bool hasBegun =
+        client_.request(ZnHttpClient::Post, endpoint_, std::move(request_.body), "application/json");
     if (!hasBegun)
         finishForward_(false, ZnHttpClient::kUrlNotAccepted); // nothing when a signal has said more already
     if (!hasEnded_)
@@ -63,11 +56,36 @@ void McpForwardCall::end(int errorCode) {
     finishForward_(false, errorCode);
 }
 
-/// Returns whether the answer is there.
+/// Returns whether the answer is there. The call may be over, and gone, when it returns false.
 bool McpForwardCall::takeAnswer_(const ZnMap<ZnString, ZnString>& headers, std::string_view bytes) {
+    answerBytes_ += bytes.size();
+    if (growth_ && !growth_(answerBytes_)) {
+        end(kTooManyBytes);
+        return false;
+    }
+    if (!interop_)
+        return false;
     if (!stream_ && McpAnswerStream::isEventStream(headers.value("content-type").view()))
-        stream_.emplace(requestId_, static_cast<std::size_t>(kMaxAnswerBytes));
-    return stream_ && stream_->take(bytes);
+        stream_.emplace(std::move(request_.id), static_cast<std::size_t>(maxAnswerBytes_));
+    if (!stream_)
+        return false;
+    stream_->take(bytes);
+    return takeEvents_();
+}
+
+bool McpForwardCall::takeEvents_() {
+    const ZnPointer<ZnEventLoop> self(&loop_); // the call itself is no object: they go together
+    while (stream_->hasEvent()) {
+        const auto event = std::make_shared<McpStreamEvent>(stream_->takeEvent());
+        if (event->text.size() < McpRpcAnswer::kLargeBytes) {
+            event->parse();
+        } else if (!mcp::awaitWork(pool_, [event] { event->parse(); }) || !self || hasEnded_) {
+            return false;
+        }
+        if (stream_->takeMessages(*event))
+            return true;
+    }
+    return false;
 }
 
 void McpForwardCall::finishForward_(bool transportOk, int errorCode) {
@@ -75,38 +93,20 @@ void McpForwardCall::finishForward_(bool transportOk, int errorCode) {
         return;
     timer_.stop();
     result_.transportOk = transportOk;
-    result_.errorCode = errorCode;
+    result_.errorCode = errorCode == ZnHttpClient::kClosedEarly ? kTimedOut : errorCode;
     result_.statusCode = client_.statusCode();
     result_.reason = client_.reasonPhrase();
     result_.mcpSessionId = client_.responseHeaders().value("mcp-session-id");
     result_.rawBody = client_.takeBody();
-    if (transportOk)
-        readBody_();
-    if (!result_.body.isNull())
-        result_.rawBody.release();
-    loop_.quit();
-}
-
-void McpForwardCall::readBody_() {
-    if (stream_) {
+    if (transportOk && stream_) {
+        result_.isDecoded = true;
         result_.body = std::move(stream_->answer());
         result_.notifications = std::move(stream_->others());
-    } else if (!trimmedView(result_.rawBody.view()).empty()) {
-        result_.body = parseBody(result_.rawBody.view(), reading_);
+        result_.lacksAnswer = stream_->awaitsAnswer() && result_.body.isNull();
     }
-}
-
-ZnJsonObject forwardResultToJson_(McpForwardResult result) {
-    ZnJsonObject object{{"transportOk", result.transportOk},
-                        {"errorCode", result.errorCode},
-                        {"statusCode", result.statusCode},
-                        {"reason", std::move(result.reason)},
-                        {"mcpSessionId", std::move(result.mcpSessionId)}};
-    if (result.body.isNull())
-        object["rawBody"] = result.rawBody.toZnString();
-    else
-        object["body"] = std::move(result.body);
-    if (!result.notifications.isEmpty())
-        object["notifications"] = std::move(result.notifications);
-    return object;
+    if (!transportOk)
+        result_.message = mcp::failureText(errorCode, endpoint_, timeoutMs_, client_.failureDetail());
+    else if (result_.lacksAnswer)
+        result_.message = "the event stream ended without the answer";
+    loop_.quit();
 }

@@ -5,31 +5,46 @@
 #include "agent/McpForwardResult.h"
 #include "core/io/ZnHttpClient.h"
 #include "core/runtime/ZnEventLoop.h"
+#include "core/runtime/ZnThreadPool.h"
 #include "core/runtime/ZnTimer.h"
 #include "core/types/ZnJsonDocument.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
+
+/// What a call sends, taken out of the client's message, which is not kept.
+struct McpForwardRequest {
+    ZnByteArray body;                    // a JSON object as text
+    std::optional<ZnJsonValue> id;       // of the object
+    ZnString protocolVersion;            // header values: trimmed, without control characters; an empty one is not sent
+    ZnString sessionId;
+};
 
 /// One upstream call: an HTTP POST, its time limit, and the park of the fiber that waits for both.
 ///
-/// For a service with interoperability on, the request and the answer are read exactly, an answer that is an event
-/// stream is decoded, and the call ends as soon as the stream has brought the answer.
+/// For a service with interoperability on, an answer that is an event stream is decoded, exactly, and the call ends as
+/// soon as the stream has brought the answer.
 /// Thread: one, on a pooled fiber; the call lives on that fiber's stack.
 /// Invariant: ends exactly once, by the response, an error, the time limit or end(), whichever comes first, also while
 /// run() is still parked in the look-up of a name. What comes later changes nothing.
 class McpForwardCall {
 public:
-    static constexpr int kTimedOut = -1001;
+    static constexpr int kTimedOut = -1001; // also: the service closed the connection before its answer was whole
     static constexpr int kStopped = -1002;
-    static constexpr std::int64_t kMaxAnswerBytes = 67108864; // with interoperability on
+    static constexpr int kClientGone = -1003;  // nobody is there to be told
+    static constexpr int kTooManyBytes = -1004; // the client is told of it in another way
 
-    /// `request` is a JSON object. The texts are trimmed and hold no control characters; an empty one is not sent.
-    McpForwardCall(const McpBridgeServiceRecord& record, const ZnJsonValue& request, const ZnString& protocolVersion,
-                   const ZnString& sessionId);
+    /// Told how many bytes of the answer have come; false ends the call with kTooManyBytes.
+    using Growth = std::function<bool(std::size_t byteCount)>;
+
+    /// `pool` reads messages that are too large for the loop. `maxAnswerBytes`: above 0.
+    McpForwardCall(const McpBridgeServiceRecord& record, McpForwardRequest request, std::int64_t maxAnswerBytes,
+                   ZnThreadPool& pool);
     McpForwardCall(const McpForwardCall&) = delete;
     McpForwardCall& operator=(const McpForwardCall&) = delete;
 
+    void setGrowth(Growth growth) { growth_ = std::move(growth); }
     /// Sends the request to the service and parks the calling fiber until the call has ended. Once.
     McpForwardResult run();
     /// Ends the call with `errorCode`; the parked fiber resumes from the loop.
@@ -37,15 +52,18 @@ public:
 
 private:
     bool takeAnswer_(const ZnMap<ZnString, ZnString>& headers, std::string_view bytes);
+    bool takeEvents_();
     void finishForward_(bool transportOk, int errorCode);
-    void readBody_();
 
     const ZnString endpoint_;
-    const long long timeoutUs_;
-    const JsonReading reading_;
-    ZnByteArray requestBody_;
-    std::optional<ZnJsonValue> requestId_;
+    const int timeoutMs_;
+    const bool interop_;
+    const std::int64_t maxAnswerBytes_;
+    ZnThreadPool& pool_;
+    Growth growth_;
+    McpForwardRequest request_;
     std::optional<McpAnswerStream> stream_; // while the answer is an event stream that is to be decoded
+    std::size_t answerBytes_ = 0;
     ZnHttpClient client_;
     ZnTimer timer_;
     ZnEventLoop loop_;

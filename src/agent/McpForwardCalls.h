@@ -1,34 +1,69 @@
 #pragma once
 
 #include "agent/McpForwardCall.h"
+#include "core/types/ZnMap.h"
 
+#include <cstddef>
 #include <list>
 
-/// The upstream calls in flight, bounded so that parked calls never use up the fibers that would wake them.
+/// The upstream calls in flight and what they hold, bounded: neither many calls nor large ones take what others need, and
+/// one service that hangs leaves room for those beside it.
 ///
 /// Thread: that of the agent.
 /// Owner: shared by the agent and every call in flight, which may outlive the agent.
 class McpForwardCalls {
 public:
     static constexpr std::size_t kMaxCalls = 400;
+    static constexpr std::size_t kMaxBytes = std::size_t(256) << 20; // of requests and answers, over all calls
 
     /// Holds the entry of one call for a scope.
     class Entry {
     public:
-        Entry(McpForwardCalls& calls, McpForwardCall& call)
-            : calls_(calls), at_(calls.inFlight_.insert(calls.inFlight_.end(), &call)) {}
-        ~Entry() { calls_.inFlight_.erase(at_); }
+        Entry(McpForwardCalls& calls, McpForwardCall& call, const ZnString& serviceId)
+            : calls_(calls), serviceId_(serviceId), at_(calls.inFlight_.insert(calls.inFlight_.end(), &call)) {
+            ++calls_.byService_[serviceId_];
+        }
+        ~Entry() {
+            calls_.inFlight_.erase(at_);
+            calls_.bytes_ -= bytes_;
+            if (--calls_.byService_[serviceId_] == 0)
+                calls_.byService_.remove(serviceId_);
+        }
         Entry(const Entry&) = delete;
         Entry& operator=(const Entry&) = delete;
+        /// The call holds so many bytes now. False, when that is more than there is room for.
+        bool hold(std::size_t byteCount) {
+            calls_.bytes_ += byteCount - bytes_;
+            bytes_ = byteCount;
+            return calls_.bytes_ <= kMaxBytes;
+        }
 
     private:
         McpForwardCalls& calls_;
-        std::list<McpForwardCall*>::iterator at_;
+        const ZnString serviceId_;
+        const std::list<McpForwardCall*>::iterator at_;
+        std::size_t bytes_ = 0;
     };
 
-    bool isFull() const noexcept { return inFlight_.size() >= kMaxCalls; }
+    /// Why a call that holds so many bytes may not begin; null when it may. A service has half of the places while there
+    /// are others.
+    const char* refusal(const ZnString& serviceId, std::size_t byteCount, bool hasOtherServices) const {
+        if (isStopping_)
+            return kStopping;
+        if (inFlight_.size() >= kMaxCalls)
+            return "Too many bridge calls in flight";
+        if (hasOtherServices && byService_.value(serviceId) >= kMaxCalls / 2)
+            return "Too many calls in flight to this service";
+        return bytes_ + byteCount > kMaxBytes ? kTooManyBytes : nullptr;
+    }
+    static constexpr const char* kTooManyBytes = "Too many bridge bytes in flight";
+    static constexpr const char* kStopping = "Agent is stopping";
+
+    /// One line in the log about a call that has failed; at most kReportsPerSecond, the others with their number later.
+    void report(const ZnString& serviceId, const McpForwardResult& result);
+    static constexpr int kReportsPerSecond = 10;
+
     bool isEmpty() const noexcept { return inFlight_.empty(); }
-    bool isStopping() const noexcept { return isStopping_; }
     /// Ends every call in flight; from now on no call is to begin.
     void stop() {
         isStopping_ = true;
@@ -38,5 +73,10 @@ public:
 
 private:
     std::list<McpForwardCall*> inFlight_;
+    ZnMap<ZnString, std::size_t> byService_; // calls in flight, of services that have any
+    std::size_t bytes_ = 0;
     bool isStopping_ = false;
+    long long reportSecond_ = 0; // of the monotonic clock
+    int reportCount_ = 0;        // in that second
+    unsigned long long unreportedCount_ = 0;
 };

@@ -2,7 +2,6 @@
 
 #include "core/types/ZnByteArray.h"
 #include "core/types/ZnJsonArray.h"
-#include "core/types/ZnJsonObject.h"
 #include "core/types/ZnJsonValue.h"
 #include "core/types/ZnString.h"
 
@@ -10,15 +9,25 @@
 
 /// The outcome of one upstream call.
 struct McpForwardResult {
+    /// What the service has sent; `errorCode` is one of ZnHttpClient, ZnSslSocket or McpForwardCall.
+    static McpForwardResult failure(int errorCode) {
+        McpForwardResult result;
+        result.errorCode = errorCode;
+        return result;
+    }
+    bool isSuccess() const noexcept {
+        return transportOk && !lacksAnswer && statusCode >= 200 && statusCode <= 299;
+    }
+
     bool transportOk = false;    // a complete HTTP response arrived, whatever its status
-    std::int32_t errorCode = 0;  // 0 with transportOk; else a code of ZnHttpClient or McpForwardCall
+    bool isDecoded = false;      // body and notifications hold what an event stream has brought
+    bool lacksAnswer = false;    // the event stream ended without it: whether the call took effect is not known
+    std::int32_t errorCode = 0;  // 0 with transportOk
     std::int32_t statusCode = 0; // 0 without a response
     ZnString reason;
     ZnString mcpSessionId;       // header of the response
-    ZnJsonValue body;            // the parsed body; Null when there is none or it does not parse
-    ZnJsonArray notifications;   // what an event stream brought besides `body`
-    ZnByteArray rawBody;         // the body itself, while `body` is Null
+    ZnString message;            // for people and models: why the call has failed; not shown when empty
+    ZnByteArray rawBody;         // as received
+    ZnJsonValue body;            // the answer of a decoded event stream; Null without one
+    ZnJsonArray notifications;   // the stream's other messages
 };
-
-/// The record that a client sees, with exactly one of "body" and "rawBody", and "notifications" if there are any.
-ZnJsonObject forwardResultToJson_(McpForwardResult result);

@@ -4,6 +4,7 @@
 #include "agent/McpJson.h"
 #include "agent/McpJsonPlaces.h"
 #include "agent/McpText.h"
+#include "core/io/ZnHttpClient.h"
 #include "core/types/ZnJsonDocument.h"
 
 #include <algorithm>
@@ -81,6 +82,9 @@ public:
         const ZnJsonValue& timeoutMs = entry_.written->value("timeoutMs");
         if (!timeoutMs.isNull() && (timeoutMs.type() != JsonType::Integer || timeoutMs.toInt(0) < 1))
             remark_("timeoutMs", "must be a whole number of milliseconds above 0");
+        if (!record_.endpoint.isEmpty() && !ZnHttpClient::isUsableUrl(record_.endpoint))
+            remark_(mcp::textMember_(*entry_.texts, "endpoint").isEmpty() ? "url" : "endpoint",
+                    "is no usable URL: http:// or https://, a host, perhaps a port and a path");
         if (!mcp::isHeaderValue(record_.bearerToken.view()))
             remark_("bearerToken", "cannot be sent: it holds control characters");
     }
@@ -139,7 +143,7 @@ bool McpServiceFile::read(std::string_view text, bool isExact, ZnString* errorTe
     ZnJsonDocument inDialect;
     // The dialect refuses numbers that no 64 bits hold; its error is the one that counts for whoever reads in it.
     if (error.isEmpty())
-        inDialect = ZnJsonDocument::fromJson(text, &error, JsonReading::Dialect);
+        inDialect = ZnJsonDocument::fromJson(text, &error, JsonReading::QuietDialect);
     const ZnJsonDocument& values = error.isEmpty() ? inDialect : written;
     if (isExact && written.root().object() != nullptr)
         error.clear();

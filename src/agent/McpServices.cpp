@@ -1,6 +1,7 @@
 // The allowlist: reading it, looking services up, and the one form in which they leave the agent.
 
 #include "agent/BreltMcpBridgeAgent.h"
+#include "agent/McpFailureText.h"
 #include "core/io/ZnFile.h"
 #include "core/platform/ZnFileIdentity.h"
 #include "core/types/ZnJsonArray.h"
@@ -82,7 +83,7 @@ ZnJsonObject BreltMcpBridgeAgent::publicServiceView_(const McpBridgeServiceRecor
             {"title", record.title},
             {"description", record.description},
             {"transport", record.transport},
-            {"endpoint", record.endpoint},
+            {"endpoint", mcp::withoutUserInformation(record.endpoint)},
             {"enabled", record.enabled},
             {"timeoutMs", record.timeoutMs},
             {"hasBearerToken", !record.bearerToken.isEmpty()},

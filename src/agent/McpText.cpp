@@ -27,6 +27,21 @@ std::size_t characterBytes(std::string_view text) {
     return isIllFormed ? 0 : count;
 }
 
+/// Up to where `text` is UTF-8, from `at` on.
+std::size_t wellFormedEnd(std::string_view text, std::size_t at) {
+    while (at < text.size()) {
+        if (static_cast<unsigned char>(text[at]) < 0x80) { // nearly all of most texts
+            ++at;
+            continue;
+        }
+        const std::size_t byteCount = characterBytes(text.substr(at));
+        if (byteCount == 0)
+            break;
+        at += byteCount;
+    }
+    return at;
+}
+
 void appendEscaped(ZnString& out, char c) {
     constexpr char kDigits[] = "0123456789ABCDEF";
     const auto byte = static_cast<unsigned char>(c);
@@ -75,6 +90,25 @@ ZnString printable(std::string_view text, std::size_t maxBytes) {
             out.append(shown.substr(std::exchange(at, at + byteCount), byteCount));
     }
     return text.size() > maxBytes ? std::move(out.append("...")) : out;
+}
+
+bool isWellFormed(std::string_view text) {
+    return wellFormedEnd(text, 0) == text.size();
+}
+
+ZnString wellFormed(ZnString text) {
+    const std::string_view view = text.view();
+    std::size_t end = wellFormedEnd(view, 0);
+    if (end == view.size())
+        return text;
+    ZnString out(view.substr(0, end));
+    while (end < view.size()) {
+        out.append("\xEF\xBF\xBD");
+        const std::size_t begin = end + 1;
+        end = wellFormedEnd(view, begin);
+        out.append(view.substr(begin, end - begin));
+    }
+    return out;
 }
 
 ZnString lineText(int line, const ZnString& serviceId) {

@@ -12,6 +12,11 @@ namespace mcp {
 /// `maxBytes` bytes of it with "..." behind.
 ZnString printable(std::string_view text, std::size_t maxBytes = 80);
 
+/// Whether it is UTF-8.
+bool isWellFormed(std::string_view text);
+/// With U+FFFD for each byte that belongs to no UTF-8 character; usually the text itself.
+ZnString wellFormed(ZnString text);
+
 /// `line N, service "id": `, the service only where there is one.
 ZnString lineText(int line, const ZnString& serviceId);
 

@@ -3,6 +3,10 @@
 #include "agent/BreltMcpBridgeAgent.h"
 #include "agent/McpHeaders.h"
 #include "agent/McpJson.h"
+#include "agent/McpRpcAnswer.h"
+#include "agent/McpRpcRequest.h"
+#include "agent/McpWork.h"
+#include "core/io/http/ZnHttpAbandonGuard.h"
 #include "core/types/ZnJsonDocument.h"
 
 #include <utility>
@@ -11,26 +15,11 @@ namespace {
 
 constexpr int kInvalidParams = -32602;
 
-/// The trimmed text of a member that is a string; any other type counts as absent.
-ZnString stringMember(const ZnJsonObject& object, std::string_view name) {
-    return ZnString(trimmedView(object.value(name).string()));
-}
-
-/// The arguments of a "tools/call" that has been read before; null when it cannot be read in that way.
-const ZnJsonObject* argumentsOf(const ZnJsonDocument& message) {
-    const ZnJsonObject* root = message.root().object();
-    const ZnJsonObject* params = root == nullptr ? nullptr : root->value("params").object();
-    return params == nullptr ? nullptr : params->value("arguments").object();
-}
-
-bool isSuccess(const McpForwardResult& result) {
-    return result.transportOk && result.statusCode >= 200 && result.statusCode <= 299;
-}
-
 } // namespace
 
-ZnString BreltMcpBridgeAgent::handleToolsCall_(const ZnHttpContext& context, const ZnJsonObject& request) {
+ZnByteArray BreltMcpBridgeAgent::handleToolsCall_(McpMessage& message) {
     static const ZnJsonObject kNoArguments;
+    const ZnJsonObject& request = message.object();
     const ZnJsonValue& id = request.value("id");
     const ZnJsonObject* params = request.value("params").object();
     if (params == nullptr)
@@ -38,21 +27,20 @@ ZnString BreltMcpBridgeAgent::handleToolsCall_(const ZnHttpContext& context, con
     const ZnString name = mcp::textMember_(*params, "name");
     if (name.isEmpty())
         return mcp::jsonRpcError_(id, kInvalidParams, "tools/call requires params.name");
-    const ZnJsonValue& arguments = params->value("arguments");
-    if (!arguments.isNull() && !arguments.isObject())
+    const ZnJsonValue& value = params->value("arguments");
+    if (!value.isNull() && !value.isObject())
         return mcp::jsonRpcError_(id, kInvalidParams, "tools/call params.arguments must be an object");
-    const ZnString result = callTool_(context, name, arguments.isNull() ? kNoArguments : *arguments.object());
-    return mcp::jsonRpcResult_(id, result.view());
+    const ZnJsonObject& arguments = value.isNull() ? kNoArguments : *value.object();
+    if (name == "bridge.rpc")
+        return callRpcTool_(message, arguments);
+    return mcp::jsonRpcResult_(id, callTool_(name, arguments).view());
 }
 
-ZnString BreltMcpBridgeAgent::callTool_(const ZnHttpContext& context, const ZnString& name,
-                                        const ZnJsonObject& arguments) {
+ZnString BreltMcpBridgeAgent::callTool_(const ZnString& name, const ZnJsonObject& arguments) {
     if (name == "bridge.list_services")
         return mcp::toolResult_(ZnJsonObject{{"services", publicServiceViews_()}}, false);
     if (name == "bridge.get_service")
         return getServiceTool_(arguments);
-    if (name == "bridge.rpc")
-        return callRpcTool_(context, arguments);
     return mcp::toolError_("Unknown tool: " + name, 404);
 }
 
@@ -66,56 +54,78 @@ ZnString BreltMcpBridgeAgent::getServiceTool_(const ZnJsonObject& arguments) {
     return mcp::toolResult_(publicServiceView_(*record), false);
 }
 
-ZnString BreltMcpBridgeAgent::callRpcTool_(const ZnHttpContext& context, const ZnJsonObject& arguments) {
+/// The checks that need no more than the allowlist; null, with the tool's error, when the service is not to be called.
+BreltMcpBridgeAgent::ServiceRef_ BreltMcpBridgeAgent::serviceToCall_(const ZnJsonObject& arguments, ZnString* refusal) {
+    const auto refuse = [refusal](const char* text, int status) {
+        *refusal = mcp::toolError_(text, status);
+        return nullptr;
+    };
     const ZnString serviceId = mcp::textMember_(arguments, "serviceId");
     if (serviceId.isEmpty())
-        return mcp::toolError_("Field 'serviceId' is required", 400);
+        return refuse("Field 'serviceId' is required", 400);
     if (!arguments.value("request").isObject())
-        return mcp::toolError_("Field 'request' must be a JSON-RPC object", 400);
-    const ServiceRef_ record = findService_(serviceId);
+        return refuse("Field 'request' must be a JSON-RPC object", 400);
+    ServiceRef_ record = findService_(serviceId);
     if (!record)
-        return mcp::toolError_("Service not found", 404);
+        return refuse("Service not found", 404);
     if (!record->enabled)
-        return mcp::toolError_("Service is disabled", 403);
+        return refuse("Service is disabled", 403);
     if (record->transport.toLower() != "streamable-http")
-        return mcp::toolError_("Only streamable-http MCP services are supported by this bridge", 400);
-    if (record->interop == interop_)
-        return forwardTool_(*record, arguments.value("request"), arguments);
-    // The service wants the request in the other reading. Texts that the exact one has kept stay usable.
-    ZnJsonDocument message;
-    ZnString error;
-    const JsonReading reading = record->interop ? JsonReading::Exact : JsonReading::Dialect;
-    const ZnJsonObject* reread =
-        context.parseJsonBody(&message, &error, reading, mcp::kMaxJsonValues) ? argumentsOf(message) : nullptr;
-    if (reread == nullptr)
-        return mcp::toolError_("Field 'request' holds a number that this service cannot take", 400);
-    return forwardTool_(*record, reread->value("request"), record->interop ? *reread : arguments);
+        return refuse("Only streamable-http MCP services are supported by this bridge", 400);
+    return record;
 }
 
-ZnString BreltMcpBridgeAgent::forwardTool_(const McpBridgeServiceRecord& record, const ZnJsonValue& request,
-                                           const ZnJsonObject& arguments) {
-    const ZnString protocolVersion = stringMember(arguments, "protocolVersion");
-    const ZnString sessionId = stringMember(arguments, "sessionId");
-    if (!mcp::isHeaderValue(protocolVersion.view()))
-        return mcp::toolError_("Field 'protocolVersion' is not a valid header value", 400);
-    if (!mcp::isHeaderValue(sessionId.view()))
-        return mcp::toolError_("Field 'sessionId' is not a valid header value", 400);
-    if (!mcp::isHeaderValue(record.bearerToken.view()))
-        return mcp::toolError_("The bearer token of this service is not a valid header value", 500);
-    if (calls_->isStopping())
-        return mcp::toolError_("Agent is stopping", 503);
-    if (calls_->isFull())
-        return mcp::toolError_("Too many bridge calls in flight", 503);
-    McpForwardResult result = forwardToService_(record, request, protocolVersion, sessionId);
-    const bool isError = !isSuccess(result);
-    return mcp::toolResult_(forwardResultToJson_(std::move(result)), isError);
+ZnByteArray BreltMcpBridgeAgent::callRpcTool_(McpMessage& message, const ZnJsonObject& arguments) {
+    ZnJsonValue id = message.object().value("id");
+    ZnString refusal;
+    const ServiceRef_ service = serviceToCall_(arguments, &refusal);
+    if (!service)
+        return mcp::jsonRpcResult_(id, refusal.view());
+    const std::weak_ptr<const bool> alive = aliveToken_;
+    const JsonReading reading = service->interop ? JsonReading::Exact : JsonReading::Dialect;
+    const bool isLarge = message.context.request().body.size() >= McpRpcAnswer::kLargeBytes;
+    const auto request = std::make_shared<McpRpcRequest>(std::move(message.document),
+                                                         std::move(message.context.request().body), reading,
+                                                         service->interop != interop_);
+    if (!isLarge)
+        request->build();
+    else if (!mcp::awaitWork(workers_, [request] { request->build(); }) || alive.expired())
+        return mcp::jsonRpcResult_(id, mcp::toolError_(McpForwardCalls::kStopping, 503).view());
+    const char* unusable = request->refusal();
+    if (unusable != nullptr)
+        return mcp::jsonRpcResult_(id, mcp::toolError_(unusable, 400).view());
+    if (!mcp::isHeaderValue(service->bearerToken.view()))
+        return mcp::jsonRpcResult_(
+            id, mcp::toolError_("The bearer token of this service is not a valid header value", 500).view());
+    return forward_(message.context, std::move(id), *service, request->take());
 }
 
-McpForwardResult BreltMcpBridgeAgent::forwardToService_(const McpBridgeServiceRecord& record,
-                                                        const ZnJsonValue& request, const ZnString& protocolVersion,
-                                                        const ZnString& sessionId) {
+/// Parks; the agent may be gone behind it.
+ZnByteArray BreltMcpBridgeAgent::forward_(ZnHttpContext& context, ZnJsonValue id, const McpBridgeServiceRecord& record,
+                                          McpForwardRequest request) {
+    const std::size_t requestBytes = request.body.size();
+    if (const char* refusal = calls_->refusal(record.id, requestBytes, serviceCount() > 1))
+        return mcp::jsonRpcResult_(id, mcp::toolError_(refusal, 503).view());
+    const std::weak_ptr<const bool> alive = aliveToken_;
     const std::shared_ptr<McpForwardCalls> calls = calls_;
-    McpForwardCall call(record, request, protocolVersion, sessionId);
-    const McpForwardCalls::Entry entry(*calls, call);
-    return call.run();
+    const std::size_t maxBytes = static_cast<std::size_t>(maxAnswerBytes_);
+    McpForwardCall call(record, std::move(request), maxAnswerBytes_, workers_);
+    McpForwardCalls::Entry entry(*calls, call, record.id);
+    entry.hold(requestBytes);
+    call.setGrowth([&](std::size_t answerBytes) { return entry.hold(requestBytes + answerBytes); });
+    const ZnHttpAbandonGuard guard(context.request(), [&] { call.end(McpForwardCall::kClientGone); });
+    McpForwardResult result = call.run();
+    if (result.errorCode == McpForwardCall::kTooManyBytes)
+        return mcp::jsonRpcResult_(id, mcp::toolError_(McpForwardCalls::kTooManyBytes, 503).view());
+    if (!result.message.isEmpty() && result.errorCode != McpForwardCall::kClientGone)
+        calls->report(record.id, result);
+    if (!record.interop)
+        result.message.clear();
+    const JsonReading reading = record.interop ? JsonReading::Exact : JsonReading::Dialect;
+    const auto answer = std::make_shared<McpRpcAnswer>(std::move(id), std::move(result), reading, maxBytes);
+    if (!answer->isLarge() || alive.expired())
+        answer->build();
+    else if (!mcp::awaitWork(workers_, [answer] { answer->build(); }))
+        return mcp::jsonRpcResult_(ZnJsonValue(), mcp::toolError_(McpForwardCalls::kStopping, 503).view());
+    return answer->takeText();
 }

@@ -2,6 +2,7 @@
 
 #include "agent/AgentOptions.h"
 #include "agent/BreltMcpBridgeAgent.h"
+#include "core/platform/ZnThreadControl.h"
 #include "core/runtime/ZnCoreApplication.h"
 #include "core/runtime/ZnTimer.h"
 
@@ -73,6 +74,7 @@ bool start(const AgentOptions& options, std::uint16_t port, BreltMcpBridgeAgent&
 } // namespace
 
 int main(int argc, char** argv) {
+    ZnThreadControl::keepLittleMemory();
     ZnCoreApplication application(argc, argv);
     const AgentOptions options(application);
     if (options.has("help") || options.has("h")) {

@@ -134,6 +134,7 @@ bool ZnHttpClient::request(int method, const ZnString& url, ZnByteArray body, co
         return false;
     }
     abort();
+    failureDetail_.clear();
     method_ = method;
     target_ = std::move(target);
     requestBody_ = std::move(body);
@@ -174,9 +175,11 @@ ZnTcpSocket* ZnHttpClient::createTlsSocket_() {
     socket->setPeerHostName(target_.host);
     if (!caFile_.isEmpty())
         socket->setCaFile(caFile_);
-    socket->connect(&ZnSslSocket::sslErrors, this, [](const ZnList<ZnString>& errors) {
-        if (!errors.isEmpty())
-            ZN_LOG_ERROR(kCategory, "ZnHttpClient::request") << "[ZnHttpClient] TLS error: " << errors.first();
+    socket->connect(&ZnSslSocket::sslErrors, this, [this](const ZnList<ZnString>& errors) {
+        if (errors.isEmpty())
+            return;
+        failureDetail_ = errors.first();
+        ZN_LOG_ERROR(kCategory, "ZnHttpClient::request") << "[ZnHttpClient] TLS error: " << errors.first();
     });
     return socket;
 }
@@ -439,7 +442,9 @@ void ZnHttpClient::parseHead_() {
 
 void ZnHttpClient::parseStatusLine_(std::string_view line) {
     cutPiece(&line, " ");
-    rxStatus_ = ZnString(cutPiece(&line, " ")).toInt();
+    bool isNumber = false;
+    const long long status = ZnString(cutPiece(&line, " ")).toLongLong(&isNumber); // nothing of it goes to the log
+    rxStatus_ = isNumber && status >= 0 && status <= 999 ? static_cast<int>(status) : 0;
     rxReason_ = ZnString(trimmedView(line));
 }
 

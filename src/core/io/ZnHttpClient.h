@@ -77,6 +77,8 @@ public:
     const ZnString& rawHeaders() const noexcept { return resultOrNone_().rawHeaders; }
     /// Names in lower case; a repeated one has its last value.
     const ZnMap<ZnString, ZnString>& responseHeaders() const noexcept { return resultOrNone_().responseHeaders; }
+    /// Of the last request, when TLS has failed: what OpenSSL says about it.
+    const ZnString& failureDetail() const noexcept { return failureDetail_; }
     /// Moves the body out of the result.
     ZnByteArray takeBody();
 
@@ -180,5 +182,6 @@ private:
     bool chunked_ = false;
     std::int64_t chunkRemaining_ = 0;      // bytes of the present chunk that are still to come
 
+    ZnString failureDetail_;
     std::shared_ptr<Result_> result_;      // shared with the emission of `finished`; null without a result
 };

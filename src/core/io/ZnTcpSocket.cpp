@@ -122,19 +122,6 @@ bool ZnTcpSocket::failWhenGone_(const EventScope_& scope) {
     return true;
 }
 
-/// Nothing else would end a held connection whose peer is gone: there may be nobody who reads or writes.
-bool ZnTcpSocket::failWhenGone_(const EventScope_& scope) {
-    if (!holdOnPeerClose_ || !remoteClosed_ || stoppedBeforeEnd_)
-        return false;
-    const int error = handle_->failure();
-    if (error == 0)
-        return false;
-    errorOccurred(error);
-    if (scope.stillValid())
-        close();
-    return true;
-}
-
 void ZnTcpSocket::requestAnotherRead_() {
     stoppedBeforeEnd_ = false;
     handle_->requestReadEvent();
@@ -452,6 +439,12 @@ void ZnTcpSocket::writePending_() {
         writeBuffer_.release(); // an idle connection keeps no memory
     if (transfer.byteCount > 0 || transfer.error != 0)
         finishDirectSend_(transfer);
+}
+
+ZnTcpSocket::PeerState ZnTcpSocket::peerState() const {
+    if (!handle_ || handle_->failure() != 0)
+        return PeerState::Gone;
+    return handle_->hasPeerFinished() ? PeerState::Finished : PeerState::Open;
 }
 
 unsigned long long ZnTcpSocket::bytesTaken() const {

@@ -6,8 +6,11 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -262,6 +265,16 @@ int ZnSocketHandle::failure() const {
     socklen_t byteCount = sizeof(errnoValue);
     ::getsockopt(descriptor(), SOL_SOCKET, SO_ERROR, &errnoValue, &byteCount);
     return errnoValue == 0 ? ZnSocketError::kConnectionReset : ZnSocketError::fromErrno(errnoValue);
+}
+
+bool ZnSocketHandle::hasPeerFinished() const {
+    pollfd state = {descriptor(), POLLRDHUP, 0};
+    return ::poll(&state, 1, 0) > 0 && (state.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
+}
+
+std::size_t ZnSocketHandle::unacknowledgedBytes() const {
+    int byteCount = 0;
+    return ::ioctl(descriptor(), SIOCOUTQ, &byteCount) == 0 && byteCount > 0 ? static_cast<std::size_t>(byteCount) : 0;
 }
 
 const ZnSocketAddress& ZnSocketHandle::peerAddress() const {

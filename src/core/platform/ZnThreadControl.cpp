@@ -1,5 +1,6 @@
 #include "core/platform/ZnThreadControl.h"
 
+#include <malloc.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -25,6 +26,11 @@ void raiseDescriptorLimit() noexcept {
         return;
     limit.rlim_cur = limit.rlim_max;
     ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+void keepLittleMemory() noexcept {
+    // A fixed limit: the library would raise its own with the first large block that is freed, and keep the next ones.
+    ::mallopt(M_MMAP_THRESHOLD, 256 * 1024);
 }
 
 } // namespace ZnThreadControl

@@ -15,4 +15,6 @@ void setPriority(int priority) noexcept;
 inline void raisePriority() noexcept { setPriority(2); }
 /// Lets the process open as many descriptors as it may: the usual soft limit of 1024 is for programs that use select().
 void raiseDescriptorLimit() noexcept;
+/// Lets large blocks of memory go back to the system as soon as they are freed. At the start of a program.
+void keepLittleMemory() noexcept;
 } // namespace ZnThreadControl

@@ -381,7 +381,7 @@ double ZnJsonParser_::readDecimal_(std::string_view text) {
 }
 
 void ZnJsonParser_::logBadNumbers_() const {
-    if (badNumberCount_ > kLoggedNumbers_)
+    if (badNumberCount_ > kLoggedNumbers_ && !isQuiet_)
         ZN_LOG_ERROR("zn.core.types.znjsondocument", "ZnJsonDocument::fromJson")
             << "Invalid number conversions in one JSON text: " << badNumberCount_;
 }

@@ -20,7 +20,8 @@ public:
     /// `key` may be a temporary of the expression that parses.
     ZnJsonParser_(std::string_view text, const ZnString& key, JsonReading reading,
                   std::size_t maxValues = ZnJsonDocument::kNoLimit) noexcept
-        : text_(text), key_(key), isExact_(reading == JsonReading::Exact), maxValues_(maxValues) {}
+        : text_(text), key_(key), isExact_(reading == JsonReading::Exact),
+          isQuiet_(reading == JsonReading::QuietDialect), maxValues_(maxValues) {}
 
     /// As ZnJsonDocument::fromJson.
     bool parseJsonText_(ZnJsonValue& root, ZnString& error);
@@ -43,7 +44,7 @@ private:
     bool readScalar_(std::string_view text, ZnJsonCell_& slot);
     std::int64_t readInteger_(std::string_view text);
     double readDecimal_(std::string_view text);
-    bool mayLogNumber_() noexcept { return ++badNumberCount_ <= kLoggedNumbers_; }
+    bool mayLogNumber_() noexcept { return ++badNumberCount_ <= kLoggedNumbers_ && !isQuiet_; }
     void logBadNumbers_() const;
     bool parseEncryptedToken_(ZnJsonCell_& slot);
     bool parseBoolean_(ZnJsonCell_& slot);
@@ -68,6 +69,7 @@ private:
     const std::string_view text_;
     const ZnString& key_; // empty: nothing is enciphered
     const bool isExact_;
+    const bool isQuiet_;
     const std::size_t maxValues_;
     std::size_t pos_ = 0;
     std::size_t valueCount_ = 0;

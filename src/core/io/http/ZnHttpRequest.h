@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <memory>
 
+class ZnHttpAbandonGuard;
+
 /// One request, complete with its body.
 ///
 /// Thread: a value. On its way from the parser to a handler it is shared and never copied: whoever may still
@@ -23,7 +25,7 @@ struct ZnHttpRequest {
     ZnMap<ZnString, ZnString> headers;          // names in lower case; a repeated name keeps its last value
     ZnMap<ZnString, ZnString> queryParams;      // decoded; a repeated key keeps its last value
     ZnMap<ZnString, ZnString> pathParams;       // filled by the router
-    ZnByteArray body;                           // decoded; empty when a multipart body was read as it came
+    mutable ZnByteArray body;                   // decoded; empty when a multipart body was read as it came
     bool keepAlive = true;
     bool chunked = false;                       // the body came in chunks
     bool multipartParsed = false;               // multipartParts and formFields are complete
@@ -32,6 +34,11 @@ struct ZnHttpRequest {
     ZnString peerAddress;
     std::uint16_t peerPort = 0;
     ZnList<ZnHttpMultipartPart> multipartParts; // in the order of the body
+    /// For the handler, when it has read the body and will wait for long.
+    void releaseBody() const { body.release(); }
+
     ZnMap<ZnString, ZnString> formFields;       // the named parts that are no files; the last one of a name
+    /// Who wants to know when the answer is no longer wanted; see ZnHttpAbandonGuard.
+    mutable ZnHttpAbandonGuard* abandonGuard = nullptr;
     std::shared_ptr<ZnHttpTempFiles> tempFiles; // owns the files of multipartParts; null without any
 };

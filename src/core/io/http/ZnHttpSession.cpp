@@ -1,6 +1,7 @@
 #include "core/io/http/ZnHttpSession.h"
 
 #include "core/io/ZnTcpSocket.h"
+#include "core/io/http/ZnHttpAbandonGuard.h"
 #include "core/io/http/ZnHttpBodyStream_.h"
 #include "core/io/http/ZnHttpHandoff_.h"
 #include "core/io/http/ZnHttpMultipart.h"
@@ -223,7 +224,8 @@ void ZnHttpSession::startNextRequest_() {
     const std::shared_ptr<ZnHttpRequest> request = pendingRequests_.takeFirst();
     currentRequest_ = request;
     const unsigned long long serial = ++requestSerial_;
-    requestStartNs_ = asyncStartNs_ = monotonicNowNs();
+    requestStartNs_ = asyncStartNs_ = peerLookNs_ = monotonicNowNs();
+    hasProbedPeer_ = false;
     ZnString errorText;
     if (!zn::http::parseMultipart(*request, parser_.limits(), &errorText)) {
         sendError_(400, errorText.isEmpty() ? ZnString("Invalid multipart/form-data") : errorText);
@@ -448,6 +450,12 @@ void ZnHttpSession::finishResponse_() {
     }
 }
 
+/// The handler's answer is not wanted any more.
+void ZnHttpSession::abandonRequest_() {
+    if (asyncPending_ && currentRequest_)
+        ZnHttpAbandonGuard::tell(*currentRequest_);
+}
+
 /// Its files go now, even if a handler still holds the request.
 void ZnHttpSession::forgetRequest_() {
     if (currentRequest_ && currentRequest_->tempFiles)
@@ -489,6 +497,7 @@ void ZnHttpSession::sendError_(int status, const ZnString& text) {
 void ZnHttpSession::refuse_(ZnHttpResponse&& response) {
     if (closed_)
         return;
+    abandonRequest_();
     asyncPending_ = false;
     if (responseInProgress_) {
         closeSession_(); // no second head goes out
@@ -525,6 +534,7 @@ void ZnHttpSession::closeSession_() {
     if (std::exchange(closed_, true))
         return;
     const ZnPointer<ZnHttpSession> self(this);
+    abandonRequest_();
     asyncPending_ = responseInProgress_ = nextPieceDue_ = false;
     bodyStream_.reset();
     onSwitch_ = nullptr;
@@ -566,7 +576,7 @@ long long ZnHttpSession::nextDeadlineNs_() const noexcept {
     if (responseInProgress_)
         return std::min(deadlineNs(lastWriteNs_, timeouts_.writeTimeoutMs), nextWriteLookNs_());
     if (asyncPending_)
-        return deadlineNs(asyncStartNs_, handlerTimeoutMs_());
+        return std::min(deadlineNs(asyncStartNs_, handlerTimeoutMs_()), deadlineNs(peerLookNs_, timeouts_.peerLookMs));
     const long long requestDeadline = deadlineNs(requestStartNs_, requestTimeoutMs_());
     return isIdle_() ? std::min(requestDeadline, deadlineNs(lastActivityNs_, timeouts_.keepAliveTimeoutMs))
                      : requestDeadline;
@@ -588,6 +598,19 @@ void ZnHttpSession::lookAtWrite_(long long now) {
     const unsigned long long takenBytes = tcpSocket == nullptr ? 0 : tcpSocket->bytesTaken();
     if (std::exchange(takenBytes_, takenBytes) != takenBytes)
         lastWriteNs_ = now;
+}
+
+/// A handler may be parked inside the socket's last event, and the next one, which would tell that the client has left,
+/// waits for it.
+void ZnHttpSession::lookAtPeer_(long long now) {
+    peerLookNs_ = now;
+    const auto* tcpSocket = dynamic_cast<const ZnTcpSocket*>(socket_.get());
+    if (tcpSocket == nullptr || tcpSocket->peerState() == ZnTcpSocket::PeerState::Open)
+        return;
+    if (tcpSocket->peerState() == ZnTcpSocket::PeerState::Gone)
+        closeSession_();
+    else if (currentRequest_->httpVersion != "HTTP/1.0" && !std::exchange(hasProbedPeer_, true))
+        socket_->write(ZnString("HTTP/1.1 102 Processing\r\n\r\n"));
 }
 
 /// Whether the handler has used up the time in which the next request was to begin.
@@ -643,6 +666,8 @@ void ZnHttpSession::runTimeoutTable_(long long now) {
     } else if (asyncPending_) {
         if (now >= deadlineNs(asyncStartNs_, handlerTimeoutMs_()))
             sendError_(504, "Route async timeout");
+        else if (now >= deadlineNs(peerLookNs_, timeouts_.peerLookMs))
+            lookAtPeer_(now);
     } else if (now >= deadlineNs(requestStartNs_, requestTimeoutMs_())) {
         if (isLeftByLateAnswer_())
             closeSession_(); // a 408 would meet, unasked for, the next request of a peer that has had no time for it

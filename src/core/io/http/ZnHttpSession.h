@@ -107,6 +107,8 @@ private:
     long long nextWriteLookNs_() const noexcept;
     void noteWrite_(long long now);
     void lookAtWrite_(long long now);
+    void lookAtPeer_(long long now);
+    void abandonRequest_();
     bool isLeftByLateAnswer_() const noexcept;
     int handlerTimeoutMs_() const noexcept { return timeouts_.handlerTimeoutMs.value_or(timeouts_.bodyTimeoutMs); }
     bool isIdle_() const noexcept;
@@ -156,6 +158,8 @@ private:
     long long asyncStartNs_;
     long long lastWriteNs_;                    // or when the peer was last seen to take something
     long long writeLookNs_;                    // when that was looked at last
+    long long peerLookNs_ = 0;                 // when the peer of a handler's request was looked at last
+    bool hasProbedPeer_ = false;               // for the present request
     unsigned long long takenBytes_ = 0;        // by the peer, at that time
     long long drainStartNs_ = 0;
     long long armedTickNs_;                    // when timeoutTimer_ fires

@@ -107,9 +107,10 @@ private:
             remark_(name, "is read as another value, since it looks like a number; --mcp_interop takes it as it is");
     }
     void remark_(std::string_view name, const char* text) {
-        const auto member = std::find_if(place_.members.begin(), place_.members.end(),
+        // Of a repeated member the last one counts.
+        const auto member = std::find_if(place_.members.rbegin(), place_.members.rend(),
                                          [&](const mcp::MemberPlace& entry) { return entry.name == name; });
-        add_(member == place_.members.end() ? place_.line : member->line, "\"" + ZnString(name) + "\" " + text);
+        add_(member == place_.members.rend() ? place_.line : member->line, "\"" + ZnString(name) + "\" " + text);
     }
     void add_(int line, const ZnString& text) {
         remarks_->push_back(mcp::lineText(line, record_.id) + text);

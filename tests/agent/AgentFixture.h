@@ -14,6 +14,7 @@ struct BreltMcpBridgeAgentTestPeer {
     static bool parseServices(BreltMcpBridgeAgent& agent, const ZnString& text, ZnString* error) {
         return agent.parseServices_(text, error);
     }
+    static ZnHttpTimeouts timeouts(BreltMcpBridgeAgent& agent) { return agent.timeouts_(ZnHttpTimeouts()); }
     static void setClock(BreltMcpBridgeAgent& agent, std::function<long long()> clock) {
         agent.clock_ = std::move(clock);
     }

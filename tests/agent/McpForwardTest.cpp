@@ -33,9 +33,10 @@ protected:
         EXPECT_TRUE(runUntil([&] { return !result->empty(); }));
         return *result;
     }
-    static std::string failed(int code) {
-        return R"(error: {"errorCode": )" + std::to_string(code) +
-               R"(,"mcpSessionId": "","rawBody": "","reason": "","statusCode": 0,"transportOk": false})";
+    static std::string failed(int code, const std::string& message = {}) {
+        return R"(error: {"errorCode": )" + std::to_string(code) + R"(,"mcpSessionId": "",)" +
+               (message.empty() ? "" : R"("message": ")" + message + "\",") +
+               R"("rawBody": "","reason": "","statusCode": 0,"transportOk": false})";
     }
     static std::string refused(const std::string& text, int status) {
         return R"(error: {"error": ")" + text + R"(","statusCode": )" + std::to_string(status) + "}";
@@ -86,13 +87,14 @@ TEST_F(McpForwardTest, OutcomesOfTheCall) {
         {"null", "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nnull",
          R"({"errorCode": 0,"mcpSessionId": "","rawBody": "null","reason": "OK","statusCode": 200,"transportOk": true})"},
         {"chunking", "HTTP/1.1 200 OK\r\ntransfer-encoding: chunked\r\n\r\nxyz\r\n", failed(-4)},
-        {"closed early", "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\n{}", failed(-1001)},
+        {"closed early", "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\n{}", failed(-1001)}, // at once
+        {"closed in the head", "HTTP/1.1 200 OK\r\nContent-", failed(-1001)},
     };
     LogCapture log;
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         ScriptedPeer peer(ScriptedPeer::answering(row.response));
-        setService(peer.url(), R"(,"timeoutMs":1000)");
+        setService(peer.url(), R"(,"timeoutMs":60000)");
         EXPECT_EQ(rpc(), row.result);
     }
     ScriptedPeer plain([](ScriptedPeer::Connection& connection) {
@@ -140,9 +142,17 @@ TEST_F(McpForwardTest, AnswersOfAServiceWithInterop) {
         {"by digits", R"({"id":1.0})", stream("data: [{\"id\":1},{\"id\":1.0,\"error\":{}},{\"id\":2}]\n\n"), false,
          result(R"("body": {"error": {},"id": 1.0})", R"("notifications": [{"id": 1},{"id": 2}],)")},
         {"no answer", R"({"id":1})", stream("data: {\"id\":2}\n\ndata: {\"id\":1}\n") + "0\r\n\r\n", true,
-         R"({"errorCode": 0,"mcpSessionId": "12","notifications": [{"id": 2}],"rawBody": )"
+         R"(error: {"errorCode": 0,"mcpSessionId": "12","message": "the event stream ended without the answer",)"
+         R"("notifications": [{"id": 2}],"rawBody": )"
          R"("data: {\"id\":2}\n\ndata: {\"id\":1}\n","reason": "OK","statusCode": 200,"transportOk": true})"},
+        {"interim heads, and no UTF-8", R"({"id":1})",
+         "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 O\xFFK\r\nMcp-Session-Id: 12\r\nContent-Length: 12\r\n\r\n{\"a\":\"\xC3(\xE2\x82\"}",
+         false,
+         R"({"body": {"a": "�(��"},"errorCode": 0,"mcpSessionId": "12","reason": "O�K","statusCode": 200,"transportOk": true})"},
+        {"text that is no UTF-8", R"({"id":1})", head + "3\r\n\r\na\xFFz", false,
+         R"({"errorCode": 0,"mcpSessionId": "12","rawBody": "a�z","reason": "OK","statusCode": 200,"transportOk": true})"},
     };
+    LogCapture log;
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         ScriptedPeer peer([&row](ScriptedPeer::Connection& connection) {
@@ -156,16 +166,108 @@ TEST_F(McpForwardTest, AnswersOfAServiceWithInterop) {
     }
 }
 
-TEST_F(McpForwardTest, AnAnswerWithoutAnEndIsCutOffWithInterop) {
-    ScriptedPeer peer([](ScriptedPeer::Connection& connection) {
-        connection.receiveRequest();
-        connection.send("HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\n\r\ndata: ");
-        for (int piece = 0; piece <= 64; ++piece)
-            connection.send(std::string(1048576, 'x'));
-        connection.waitForClose();
-    });
-    setService(peer.url(), R"(,"interop":true)");
-    EXPECT_EQ(rpc(), failed(-6));
+TEST_F(McpForwardTest, AnswersAreBoundedAlsoByWhatTheyBecome) {
+    LogCapture log;
+    constexpr std::size_t kMax = 1 << 20;
+    agent_.setMaxAnswerBytes(kMax);
+    const std::string counted = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(kMax - 100) + "\r\n\r\n";
+    const std::string large = "\"" + std::string(kMax - 102, 'x') + "\"";
+    struct Row { const char* name; std::string head, body; bool isTaken; };
+    for (const Row& row : {Row{"large", counted, large, true},
+                           {"grows when it is escaped", counted, std::string(kMax - 100, '\x01'), false},
+                           {"announces too much", "HTTP/1.1 200 OK\r\nContent-Length: 1048577\r\n\r\n", "", false},
+                           {"has no end", "HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\n\r\ndata: ",
+                            std::string(2 * kMax, 'x'), false},
+                           {"has no end of the head", "HTTP/1.1 200 OK\r\nA: ", std::string(70000, 'x'), false}})
+        for (const bool isInterop : {true, false}) {
+            SCOPED_TRACE(row.name + std::string(isInterop ? ", with interoperability" : ""));
+            ScriptedPeer peer([&row](ScriptedPeer::Connection& connection) {
+                connection.receiveRequest();
+                connection.send(row.head + row.body);
+                connection.waitForClose();
+            });
+            setService(peer.url(), isInterop ? R"(,"interop":true)" : "");
+            const std::string address = "127.0.0.1:" + std::to_string(peer.port());
+            const std::string built = row.head == counted ? "" : "the answer of " + address + " is too large";
+            EXPECT_EQ(rpc(), row.isTaken ? R"({"body": )" + large + R"(,"errorCode": 0,"mcpSessionId": "","reason": "OK",)" +
+                                               R"("statusCode": 200,"transportOk": true})"
+                                         : failed(-6, isInterop ? built : ""));
+        }
+}
+
+TEST_F(McpForwardTest, FailuresExplainThemselvesWithInterop) {
+    LogCapture log;
+    ScriptedPeer silent(ScriptedPeer::silent());
+    ScriptedPeer early(ScriptedPeer::answering("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\n{}"));
+    const std::string closed = ScriptedPeer(ScriptedPeer::silent()).url();
+    const std::string address = closed.substr(7, closed.find('/', 7) - 7);
+    ZnResolver::setLookupForTests([](const ZnString&) { return ZnResolver::Result(); });
+    const struct { std::string url; int code; std::string message; } kRows[] = {
+        {closed, 10061, "connection refused by " + address},
+        {silent.url(), -1001, "no answer within 200 ms"},
+        {early.url(), -1001, "127.0.0.1:" + std::to_string(early.port()) + " closed the connection before its answer was complete"},
+        {"http://user:hush@" + address + "/", -1, "the endpoint in the allowlist is no usable URL"},
+        {"http://name.test:81/?hush", 11001, "the host name of name.test:81 is not known"}};
+    for (const auto& row : kRows) {
+        setService(row.url, R"(,"interop":true,"timeoutMs":200)");
+        EXPECT_EQ(rpc(), failed(row.code, row.message));
+        EXPECT_EQ(log.countOf("call to service \"s\" failed: " + std::to_string(row.code) + ", " + row.message), 1);
+    }
+    for (int i = 0; i < 30; ++i)
+        rpc();
+    EXPECT_LE(log.countOf("call to service"), 2 * McpForwardCalls::kReportsPerSecond + 5);
+    EXPECT_EQ(log.countOf("hush"), 0);
+    setService("http://user:hush@" + address + "/a@b?c", "");
+    EXPECT_TRUE(holds(bodyOf(call("GET", "/services/s")), "\"endpoint\": \"http://" + address + "/a@b?c\""));
+}
+
+TEST_F(McpForwardTest, ACallEndsWithItsClient) {
+    ASSERT_TRUE(agent_.start("", 0, "", ""));
+    for (const bool isReset : {true, false}) {
+        std::promise<void> requested;
+        std::promise<void> closed;
+        ScriptedPeer peer([&](ScriptedPeer::Connection& connection) {
+            connection.receiveRequest();
+            requested.set_value();
+            connection.waitForClose();
+            closed.set_value();
+        });
+        setService(peer.url(), R"(,"timeoutMs":60000)");
+        const int client = connectToLoopback(agent_.localPort());
+        const std::string body = bridgeCall("s");
+        const std::string message = "POST /mcp HTTP/1.1\r\nhost: a\r\nmcp-session-id: " + session_ +
+                                    "\r\ncontent-length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+        ASSERT_EQ(::send(client, message.data(), message.size(), 0), static_cast<ssize_t>(message.size()));
+        std::future<void> isRequested = requested.get_future();
+        ASSERT_TRUE(pollUntil([&] { return isRequested.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
+        const linger reset = {isReset ? 1 : 0, 0};
+        ::setsockopt(client, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+        ::close(client);
+        std::future<void> isClosed = closed.get_future();
+        EXPECT_TRUE(pollUntil([&] { return isClosed.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
+    }
+}
+
+TEST_F(McpForwardTest, ACallHasTheTimeOfItsService) {
+    setService("http://127.0.0.1:1/", R"(,"timeoutMs":100000)");
+    const ZnHttpTimeouts timeouts = Peer::timeouts(agent_);
+    EXPECT_GT(timeouts.handlerTimeoutMs.value_or(0), 100000);
+    EXPECT_EQ(timeouts.bodyTimeoutMs, ZnHttpTimeouts().bodyTimeoutMs);
+}
+
+TEST_F(McpForwardTest, WhatCallsHoldIsBounded) {
+    ZnThreadPool workers;
+    McpForwardCalls calls;
+    McpForwardCall call(McpBridgeServiceRecord(), {}, 1024, workers);
+    {
+        McpForwardCalls::Entry entry(calls, call, "s");
+        EXPECT_TRUE(entry.hold(McpForwardCalls::kMaxBytes));
+        EXPECT_STREQ(calls.refusal("s", 1, false), "Too many bridge bytes in flight");
+        EXPECT_FALSE(entry.hold(McpForwardCalls::kMaxBytes + 1));
+        EXPECT_TRUE(entry.hold(10));
+        EXPECT_EQ(calls.refusal("s", McpForwardCalls::kMaxBytes - 10, false), nullptr);
+    }
+    EXPECT_EQ(calls.refusal("s", McpForwardCalls::kMaxBytes, true), nullptr);
 }
 
 TEST_F(McpForwardTest, EachServiceGetsTheRequestInItsReading) {
@@ -216,11 +318,17 @@ TEST_F(McpForwardTest, CallsInFlightAreBoundedAndDelayNobodyAndEndWithTheAgent) 
     const auto note = [&](std::string text) { results.push_back(std::move(text)); };
     beginRpc(kToService, note);
     ASSERT_TRUE(runUntil([&] { return parkedCount() == 1; }));
-    setService(peer.url());
-    for (std::size_t i = 1; i < McpForwardCalls::kMaxCalls; ++i)
+    const std::string other = R"({"serviceId":"t","request":{}})";
+    setServices(R"({"services":[{"id":"s","endpoint":")" + peer.url() + R"("},{"id":"t","endpoint":")" + peer.url() + "\"}]}");
+    constexpr int kHalf = McpForwardCalls::kMaxCalls / 2;
+    for (int i = 1; i < kHalf; ++i)
         beginRpc(kToService, note);
-    ASSERT_TRUE(runUntil([&] { return parkedCount() == static_cast<int>(McpForwardCalls::kMaxCalls); }));
-    EXPECT_EQ(rpc(), refused("Too many bridge calls in flight", 503));
+    ASSERT_TRUE(runUntil([&] { return parkedCount() == kHalf; }));
+    EXPECT_EQ(rpc(), refused("Too many calls in flight to this service", 503));
+    for (int i = 0; i < kHalf; ++i)
+        beginRpc(other, note);
+    ASSERT_TRUE(runUntil([&] { return parkedCount() == 2 * kHalf; }));
+    EXPECT_EQ(rpc(other), refused("Too many bridge calls in flight", 503));
     EXPECT_EQ(rpc(R"({"serviceId":"s","request":1})"), refused("Field 'request' must be a JSON-RPC object", 400));
     EXPECT_TRUE(results.empty());
     agent_.stop();

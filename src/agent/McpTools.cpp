@@ -117,7 +117,8 @@ ZnByteArray BreltMcpBridgeAgent::forward_(ZnHttpContext& context, ZnJsonValue id
     McpForwardResult result = call.run();
     if (result.errorCode == McpForwardCall::kTooManyBytes)
         return mcp::jsonRpcResult_(id, mcp::toolError_(McpForwardCalls::kTooManyBytes, 503).view());
-    if (!result.message.isEmpty() && result.errorCode != McpForwardCall::kClientGone)
+    const bool isOurDoing = result.errorCode == McpForwardCall::kStopped || result.errorCode == McpForwardCall::kClientGone;
+    if (!result.message.isEmpty() && !isOurDoing)
         calls->report(record.id, result);
     if (!record.interop)
         result.message.clear();

@@ -36,10 +36,10 @@ ZnString ZnProcess::startTime() {
     const ssize_t byteCount = file ? ::read(file.get(), text, sizeof(text)) : -1;
     if (byteCount <= 0)
         return {};
-    // The name of the program stands in brackets and may hold anything; 20 fields come between it and the start time.
+    // The name of the program stands in brackets and may hold anything; the start time is the 20th field behind it.
     std::string_view rest(text, static_cast<std::size_t>(byteCount));
     rest.remove_prefix(std::min(rest.rfind(')') + 1, rest.size()));
-    for (int field = 0; field < 20; ++field)
+    for (int field = 0; field < 19; ++field)
         rest.remove_prefix(std::min(rest.find(' ', 1), rest.size()));
     rest.remove_prefix(rest.empty() ? 0 : 1);
     return ZnString(rest.substr(0, rest.find(' ')));

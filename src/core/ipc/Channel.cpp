@@ -87,7 +87,8 @@ private:
     void tell_(int waitMs) {
         block_->wakeWaiters();
         std::vector<std::uint32_t> pids;
-        const auto outcome = listSubscriberPids(domain_, object_, signal_, pids, waitMs);
+        const auto outcome =
+            listSubscriberPids(domain_, object_, signal_, pids, waitMs, detail::ProcessCheck::WhenDue);
         const bool isBusy = outcome == detail::RegistryOutcome::Busy;
         {
             const ZnMutexLocker locker(lock_);

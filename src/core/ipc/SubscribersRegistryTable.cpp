@@ -22,6 +22,7 @@ constexpr const char* kCategory = "zn.core.ipc.subscribersregistrytable";
 constexpr char kMagic[4] = {'1', 'B', 'U', 'S'};
 constexpr char kTimestampMagic[4] = {'1', 'S', 'M', 'T'};
 constexpr std::uint32_t kVersion = 1;
+constexpr std::uint64_t kProcessCheckMs = 100;
 
 static_assert(sizeof(RegistryRow) == 312 && offsetof(RegistryRow, signal) == 152);
 static_assert(sizeof(RegistryTable) == 159760 && offsetof(RegistryTable, rows) == 16);
@@ -120,14 +121,24 @@ RegistryOutcome withRegistry(const ZnString& domain, int waitMs, Work work) {
     const std::shared_ptr<RegistryTable::Mapping> mapping = RegistryTable::open(domain);
     if (!mapping)
         return RegistryOutcome::NoRegistry;
-    return mapping->withTable(waitMs, work) ? RegistryOutcome::Done : RegistryOutcome::Busy;
+    return mapping->withTable(waitMs, [&](RegistryTable& table) { work(table, *mapping); }) ? RegistryOutcome::Done : RegistryOutcome::Busy;
 }
 
-bool isStale(const RegistryRow& row, std::uint64_t now) {
+bool isStale(const RegistryRow& row, std::uint64_t now, bool checksProcess) {
     const std::uint64_t lastSeenMs = row.lastSeenMs;
     const std::uint32_t pid = row.pid;
     const bool isSilent = now >= lastSeenMs && now - lastSeenMs > RegistryTable::kMaxSilenceMs;
-    return pid == 0 || lastSeenMs == 0 || row.refCount == 0 || isSilent || isProcessGone(pid) == 1;
+    return pid == 0 || lastSeenMs == 0 || row.refCount == 0 || isSilent ||
+           (checksProcess && isProcessGone(pid) == 1);
+}
+
+void purge(RegistryTable& table, std::uint64_t now, bool checksProcesses) {
+    for (std::uint32_t index = 0; index < table.rowCount();) {
+        if (isStale(table.rows[index], now, checksProcesses))
+            table.removeAt(index);
+        else
+            ++index;
+    }
 }
 
 } // namespace
@@ -204,21 +215,24 @@ void SubscribersRegistryTable<kRowCapacity>::Mapping::dropHalfMoved_(Subscribers
         table.removeAt(first);
 }
 
+template <std::uint32_t kRowCapacity>
+bool SubscribersRegistryTable<kRowCapacity>::Mapping::isProcessCheckDue(std::uint64_t nowMs) {
+    if (nowMs - lastProcessCheckMs_.load(std::memory_order_relaxed) < kProcessCheckMs)
+        return false;
+    lastProcessCheckMs_.store(nowMs, std::memory_order_relaxed);
+    return true;
+}
+
 template struct SubscribersRegistryTable<512>;
 
 void purgeStaleRows(RegistryTable& table, std::uint64_t nowMs) {
-    for (std::uint32_t index = 0; index < table.rowCount();) {
-        if (isStale(table.rows[index], nowMs))
-            table.removeAt(index);
-        else
-            ++index;
-    }
+    purge(table, nowMs, true);
 }
 
 RegistryOutcome registerSubscription(const SubscriptionKey& key, int waitMs) {
     RegistryRow row = rowFor(key, 1);
     bool isFull = false;
-    const RegistryOutcome outcome = withRegistry(key.domain, waitMs, [&](RegistryTable& table) {
+    const RegistryOutcome outcome = withRegistry(key.domain, waitMs, [&](RegistryTable& table, auto&) {
         purgeStaleRows(table, nowMs());
         const std::uint32_t index = table.find(row.id);
         if (index == RegistryTable::kCapacity) {
@@ -234,7 +248,7 @@ RegistryOutcome registerSubscription(const SubscriptionKey& key, int waitMs) {
 RegistryOutcome refreshSubscription(const SubscriptionKey& key, std::uint32_t refCount, int waitMs) {
     const RegistryRow row = rowFor(key, refCount);
     bool isFull = false;
-    const RegistryOutcome outcome = withRegistry(key.domain, waitMs, [&](RegistryTable& table) {
+    const RegistryOutcome outcome = withRegistry(key.domain, waitMs, [&](RegistryTable& table, auto&) {
         const std::uint32_t index = table.find(row.id);
         if (index < RegistryTable::kCapacity) {
             table.rows[index] = row; // also puts right what may have been damaged
@@ -248,7 +262,7 @@ RegistryOutcome refreshSubscription(const SubscriptionKey& key, std::uint32_t re
 
 RegistryOutcome listSubscribers(const ZnString& domain, std::vector<SubscriberInfo>& out) {
     out.clear();
-    return withRegistry(domain, kLockWaitMs, [&](RegistryTable& table) {
+    return withRegistry(domain, kLockWaitMs, [&](RegistryTable& table, auto&) {
         const std::uint64_t now = nowMs();
         purgeStaleRows(table, now);
         for (std::uint32_t index = 0; index < table.rowCount(); ++index) {
@@ -269,10 +283,11 @@ int isProcessGone(std::uint32_t pid) {
 }
 
 detail::RegistryOutcome listSubscriberPids(const ZnString& domain, const ZnString& object, const ZnString& signal,
-                                           std::vector<std::uint32_t>& out, int waitMs) {
+                                           std::vector<std::uint32_t>& out, int waitMs, detail::ProcessCheck check) {
     out.clear();
-    return detail::withRegistry(domain, waitMs, [&](detail::RegistryTable& table) {
-        detail::purgeStaleRows(table, detail::nowMs());
+    return detail::withRegistry(domain, waitMs, [&](detail::RegistryTable& table, auto& mapping) {
+        const std::uint64_t now = detail::nowMs();
+        detail::purge(table, now, check == detail::ProcessCheck::Always || mapping.isProcessCheckDue(now));
         for (std::uint32_t index = 0; index < table.rowCount(); ++index) {
             const detail::RegistryRow row = table.rows[index];
             if (row.pid != 0 && detail::isFor(row, domain.view(), object.view(), signal.view()))
@@ -283,7 +298,7 @@ detail::RegistryOutcome listSubscriberPids(const ZnString& domain, const ZnStrin
 
 detail::RegistryOutcome unregisterSubscription(const ZnString& domain, const ZnString& object, const ZnString& signal,
                                                std::uint32_t pid, const ZnString& subscriberObject) {
-    return detail::withRegistry(domain, detail::kLockWaitMs, [&](detail::RegistryTable& table) {
+    return detail::withRegistry(domain, detail::kLockWaitMs, [&](detail::RegistryTable& table, auto&) {
         detail::purgeStaleRows(table, detail::nowMs());
         const std::uint32_t index = table.find(subscriptionId(domain, object, signal, pid, subscriberObject));
         if (index == detail::RegistryTable::kCapacity)

@@ -3,6 +3,7 @@
 #include "core/platform/ZnSharedMutex.h"
 #include "core/types/ZnString.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -64,6 +65,9 @@ public:
     Mapping(std::unique_ptr<ZnSharedMemory> memory, std::unique_ptr<ZnSharedMutex> mutex)
         : memory_(std::move(memory)), mutex_(std::move(mutex)) {}
 
+    /// Under the mutex: whether the processes of the rows are to be looked at again, which costs system calls for each.
+    bool isProcessCheckDue(std::uint64_t nowMs);
+
     /// Calls `work` with the table, under its mutex. False, and nothing called, when the mutex could not be had within
     /// `waitMs` milliseconds.
     template <typename Work>
@@ -84,10 +88,15 @@ private:
 
     const std::unique_ptr<ZnSharedMemory> memory_;
     const std::unique_ptr<ZnSharedMutex> mutex_; // null: it could not be opened, and the registry works without
+    std::atomic<std::uint64_t> lastProcessCheckMs_{0}; // atomic, because the mutex may be missing
 };
 
 /// Removes the rows of subscribers that are gone or have been silent for too long.
 void purgeStaleRows(RegistryTable& table, std::uint64_t nowMs);
+
+/// Whether the system is asked for the processes of the rows: always, or when that was a while ago. A publisher that told
+/// a hundred processes a thousand times a second would ask for little else.
+enum class ProcessCheck { Always, WhenDue };
 
 /// The five texts and numbers that name a subscription.
 struct SubscriptionKey {
@@ -127,7 +136,8 @@ int isProcessGone(std::uint32_t pid);
 
 /// The processes that have subscribed to the signal, one entry for each of their subscriptions.
 detail::RegistryOutcome listSubscriberPids(const ZnString& domain, const ZnString& object, const ZnString& signal,
-                                           std::vector<std::uint32_t>& out, int waitMs = detail::kLockWaitMs);
+                                           std::vector<std::uint32_t>& out, int waitMs = detail::kLockWaitMs,
+                                           detail::ProcessCheck check = detail::ProcessCheck::Always);
 
 /// Counts one less on the subscription's row, and removes it with the last one.
 detail::RegistryOutcome unregisterSubscription(const ZnString& domain, const ZnString& object, const ZnString& signal,

@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr int kMaxPerTake = 256;
+constexpr int kMaxBatches = 16; // per take
 
 struct Address {
     sockaddr_un name;
@@ -44,29 +44,47 @@ int askQueueLimit() {
     return ZnString(text).trimmed().toInt();
 }
 
-/// -1: nothing there; 1: from a process of this user; 0: from someone else.
-int takeOne(int descriptor) {
-    char byte = 0;
-    iovec part = {&byte, 1};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
-    msghdr message = {};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof(control);
-    ssize_t received = -1;
-    do {
-        received = ::recvmsg(descriptor, &message, MSG_CMSG_CLOEXEC);
-    } while (received < 0 && errno == EINTR);
-    if (received < 0)
-        return -1;
+/// Whether a process of this user has sent the datagram.
+bool isFromUser(msghdr& message) {
     const cmsghdr* header = CMSG_FIRSTHDR(&message);
     if (header == nullptr || header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_CREDENTIALS)
-        return 0;
+        return false;
     ucred sender = {};
     std::memcpy(&sender, CMSG_DATA(header), sizeof(sender));
-    return sender.uid == ::getuid() ? 1 : 0;
+    return sender.uid == ::getuid();
 }
+
+/// What a number of datagrams need to be received at once.
+struct Batch {
+    static constexpr unsigned kSize = 16;
+
+    struct Slot {
+        char byte;
+        iovec part;
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
+    };
+
+    /// Number of datagrams that have come; fewer than kSize when there are no more.
+    int receive(int descriptor) {
+        for (unsigned index = 0; index < kSize; ++index) {
+            Slot& slot = slots[index];
+            slot.part = {&slot.byte, 1};
+            messages[index] = {};
+            messages[index].msg_hdr.msg_iov = &slot.part;
+            messages[index].msg_hdr.msg_iovlen = 1;
+            messages[index].msg_hdr.msg_control = slot.control;
+            messages[index].msg_hdr.msg_controllen = sizeof(slot.control);
+        }
+        int received = -1;
+        do {
+            received = ::recvmmsg(descriptor, messages, kSize, MSG_DONTWAIT | MSG_CMSG_CLOEXEC, nullptr);
+        } while (received < 0 && errno == EINTR);
+        return received < 0 ? 0 : received;
+    }
+
+    Slot slots[kSize];
+    mmsghdr messages[kSize];
+};
 
 } // namespace
 
@@ -92,13 +110,18 @@ void ZnNotifySocket::signal(std::uint32_t processId) {
 
 bool ZnNotifySocket::take(bool* hasMore) {
     bool isSet = false;
-    int count = 0;
-    for (int kind = 0; count < kMaxPerTake && (kind = takeOne(descriptor())) >= 0; ++count) {
-        isSet = isSet || kind == 1;
-        if (kind == 0)
-            strangerCount_.fetch_add(1, std::memory_order_relaxed);
+    *hasMore = true;
+    for (int round = 0; *hasMore && round < kMaxBatches; ++round) {
+        Batch batch;
+        const int count = batch.receive(descriptor());
+        for (int index = 0; index < count; ++index) {
+            if (isFromUser(batch.messages[index].msg_hdr))
+                isSet = true;
+            else
+                strangerCount_.fetch_add(1, std::memory_order_relaxed);
+        }
+        *hasMore = count == static_cast<int>(Batch::kSize);
     }
-    *hasMore = count == kMaxPerTake;
     if (strangerCount_.load(std::memory_order_relaxed) >= queueLimit_)
         isSet = true;
     if (isSet)

@@ -8,6 +8,14 @@
 #include <ctime>
 #include <pthread.h>
 
+#if defined(__SANITIZE_THREAD__)
+#define ZN_THREAD_SANITIZER_
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define ZN_THREAD_SANITIZER_
+#endif
+#endif
+
 namespace {
 
 struct Layout {
@@ -53,13 +61,24 @@ pthread_mutex_t* mutexIn(const ZnSharedMemory& memory) {
     return &static_cast<Layout*>(memory.data())->mutex;
 }
 
-timespec deadlineIn(int waitMs) {
+timespec deadlineIn(int waitMs, clockid_t clock) {
     timespec deadline = {};
-    ::clock_gettime(CLOCK_MONOTONIC, &deadline);
+    ::clock_gettime(clock, &deadline);
     const long long ns = deadline.tv_nsec + waitMs * 1000000LL;
     deadline.tv_sec += ns / 1000000000LL;
     deadline.tv_nsec = ns % 1000000000LL;
     return deadline;
+}
+
+int lockWithin(pthread_mutex_t* mutex, int waitMs) {
+#if defined(ZN_THREAD_SANITIZER_)
+    // ThreadSanitizer does not know the other function, and takes the unlock for a mistake.
+    const timespec deadline = deadlineIn(waitMs, CLOCK_REALTIME);
+    return ::pthread_mutex_timedlock(mutex, &deadline);
+#else
+    const timespec deadline = deadlineIn(waitMs, CLOCK_MONOTONIC);
+    return ::pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &deadline);
+#endif
 }
 
 } // namespace
@@ -72,10 +91,8 @@ std::unique_ptr<ZnSharedMutex> ZnSharedMutex::open(const ZnString& name, ZnStrin
 ZnSharedMutex::Outcome ZnSharedMutex::lock(int waitMs) {
     pthread_mutex_t* mutex = mutexIn(*memory_);
     int result = ::pthread_mutex_trylock(mutex);
-    if (result == EBUSY && waitMs > 0) {
-        const timespec deadline = deadlineIn(waitMs);
-        result = ::pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &deadline);
-    }
+    if (result == EBUSY && waitMs > 0)
+        result = lockWithin(mutex, waitMs);
     if (result == EOWNERDEAD) {
         ::pthread_mutex_consistent(mutex);
         return Outcome::Abandoned;

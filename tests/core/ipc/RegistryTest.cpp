@@ -246,6 +246,16 @@ TEST(IpcHostileObjects, ThoseOfAnotherUserAreRefused) {
     ::shm_unlink(name.data());
 }
 
+TEST(IpcHostileObjects, WithoutItsMutexARegistryWorksWithout) {
+    const ZnString domain = testDomain();
+    makeObject(registryMutexName(domain), 0644, 64);
+    LogCapture log;
+    EXPECT_EQ(registerSubscription({domain, "o", "s", ZnProcess::currentId(), ""}), RegistryOutcome::Done);
+    EXPECT_THAT(pidsOf(domain, "o", "s"), ElementsAre(ZnProcess::currentId()));
+    EXPECT_EQ(log.countOf("is open to other users"), 1);
+    ::shm_unlink(registryMutexName(domain).data());
+}
+
 TEST(IpcHostileObjects, GarbageOfTheRightSizeBeginsAnew) {
     const ZnString domain = testDomain();
     for (const ZnString& name : {signalBlockName(domain, "o", "s"), signalMutexName(domain, "o", "s")}) {

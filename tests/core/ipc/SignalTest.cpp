@@ -188,6 +188,20 @@ TEST_F(IpcSignal, WhatCannotBeReadNowIsReadLater) {
     EXPECT_THAT(values_, ElementsAre(70));
 }
 
+TEST_F(IpcSignal, AHeartbeatBringsBackALostRowAndFindsWhatNobodyTold) {
+    const auto subscription = listen();
+    RawObject rows(registryName(domain_));
+    rows.set<std::uint32_t>(8, 0);
+    RawObject block(signalBlockName(domain_, "o", "s"));
+    block.set<std::uint32_t>(24, 16);
+    block.set<std::uint64_t>(28, 5);
+    block.set<std::uint64_t>(16, 1); // by a publisher that has died before it told anyone
+    EXPECT_TRUE(runUntil([&] { return !values_.empty(); }));
+    EXPECT_THAT(values_, ElementsAre(50));
+    EXPECT_EQ(rows.at<std::uint32_t>(8), 1U);
+    EXPECT_EQ(rows.at<std::uint64_t>(16), subscription->id());
+}
+
 TEST_F(IpcSignal, WithoutTheEventAThreadWaits) {
     const auto squatter = ZnNotifySocket::open();
     const auto channel = openChannel();

@@ -1,0 +1,121 @@
+#pragma once
+
+#include "core/ipc/Names.h"
+#include "core/types/ZnString.h"
+
+#include <csignal>
+#include <cstdint>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+/// A domain of one test; no other test or run has the same.
+inline ZnString testDomain() {
+    static int count = 0;
+    return ZnString("test-") + ZnString::number(::getpid()) + "-" + ZnString::number(++count);
+}
+
+/// Names of shared objects that hold `text`.
+inline std::vector<std::string> sharedObjects(const ZnString& text) {
+    std::vector<std::string> names;
+    DIR* directory = ::opendir("/dev/shm");
+    while (const dirent* entry = ::readdir(directory)) {
+        if (std::string(entry->d_name).find(text.str()) != std::string::npos)
+            names.emplace_back(entry->d_name);
+    }
+    ::closedir(directory);
+    return names;
+}
+
+/// A shared object as the system shows it, without the code under test.
+class RawObject {
+public:
+    explicit RawObject(const ZnString& name) {
+        const int descriptor = ::shm_open(name.data(), O_RDWR, 0);
+        struct stat status = {};
+        EXPECT_EQ(::fstat(descriptor, &status), 0) << name.str();
+        byteCount_ = static_cast<std::size_t>(status.st_size);
+        mode_ = status.st_mode;
+        bytes_ = static_cast<char*>(::mmap(nullptr, byteCount_, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0));
+        ::close(descriptor);
+    }
+    ~RawObject() { ::munmap(bytes_, byteCount_); }
+    RawObject(const RawObject&) = delete;
+    RawObject& operator=(const RawObject&) = delete;
+
+    template <typename T>
+    T at(std::size_t offset) const {
+        T value;
+        std::memcpy(&value, bytes_ + offset, sizeof(value));
+        return value;
+    }
+    template <typename T>
+    void set(std::size_t offset, T value) {
+        std::memcpy(bytes_ + offset, &value, sizeof(value));
+    }
+    std::string text(std::size_t offset, std::size_t byteCount) const { return {bytes_ + offset, byteCount}; }
+    std::size_t byteCount() const { return byteCount_; }
+    mode_t mode() const { return mode_; }
+
+private:
+    char* bytes_ = nullptr;
+    std::size_t byteCount_ = 0;
+    mode_t mode_ = 0;
+};
+
+/// A forked child. `body` gets a function that tells the parent, and gives the exit code.
+class Child {
+public:
+    using Body = std::function<int(const std::function<void()>& tell)>;
+
+    explicit Child(const Body& body) {
+        int pipe[2];
+        EXPECT_EQ(::pipe2(pipe, O_CLOEXEC), 0);
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            ::alarm(60); // never outlives a test that has gone wrong
+            const int code = body([&] { (void)!::write(pipe[1], "x", 1); });
+            ::_exit(code);
+        }
+        ::close(pipe[1]);
+        fromChild_ = pipe[0];
+    }
+    ~Child() {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+        }
+        ::close(fromChild_);
+    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    /// Until the child tells; false when it has ended instead.
+    bool awaitTold() {
+        char byte = 0;
+        return ::read(fromChild_, &byte, 1) == 1;
+    }
+    /// Until it has stopped itself.
+    void awaitStop() { EXPECT_EQ(::waitpid(pid_, nullptr, WUNTRACED), pid_); }
+    void signal(int number) { ::kill(pid_, number); }
+    /// Waits for its end: the exit code, or the signal that ended it below 0.
+    int end() {
+        int status = 0;
+        ::waitpid(std::exchange(pid_, -1), &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
+    std::uint32_t pid() const { return static_cast<std::uint32_t>(pid_); }
+
+private:
+    pid_t pid_ = -1;
+    int fromChild_ = -1;
+};

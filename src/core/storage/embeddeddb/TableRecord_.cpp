@@ -1,0 +1,32 @@
+#include "core/storage/embeddeddb/TableRecord_.h"
+
+namespace znEmbeddedDbDetail {
+
+TableRecord_ TableRecord_::of(const RecordView_& record) {
+    return {ZnByteArray(record.key), record.sequence, record.type, ZnByteArray(record.value)};
+}
+
+void appendRecord(std::string* out, const RecordView_& record) {
+    char fixed[16];
+    appendSized(out, record.key);
+    storeLe(fixed, record.sequence);
+    storeLe(fixed + 8, record.type);
+    storeLe(fixed + 12, static_cast<std::uint32_t>(record.value.size()));
+    out->append(fixed, sizeof(fixed));
+    out->append(record.value);
+}
+
+bool readRecord(ByteReader_* reader, RecordView_* record) noexcept {
+    ByteReader_ ahead = *reader;
+    RecordView_ found;
+    if (!ahead.readSized(&found.key) || !ahead.read(&found.sequence) || !ahead.read(&found.type) ||
+        !ahead.readSized(&found.value))
+        return false;
+    if (found.type > kBlobRecord || (found.type == kTombstoneRecord && !found.value.empty()))
+        return false;
+    *reader = ahead;
+    *record = found;
+    return true;
+}
+
+} // namespace znEmbeddedDbDetail

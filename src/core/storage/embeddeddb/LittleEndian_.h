@@ -19,7 +19,7 @@ template <typename Unsigned>
 Unsigned loadLe(const char* at) noexcept {
     Unsigned value = 0;
     for (std::size_t index = 0; index < sizeof(Unsigned); ++index)
-        value |= static_cast<Unsigned>(static_cast<unsigned char>(at[index])) << (8 * index);
+        value = static_cast<Unsigned>(value | Unsigned(static_cast<unsigned char>(at[index])) << (8 * index));
     return value;
 }
 
@@ -44,6 +44,9 @@ public:
     explicit ByteReader_(std::string_view bytes) noexcept : rest_(bytes) {}
 
     std::size_t remaining() const noexcept { return rest_.size(); }
+    std::string_view rest() const noexcept { return rest_; }
+    /// At most remaining().
+    void skip(std::size_t byteCount) noexcept { rest_.remove_prefix(byteCount); }
     bool isAtEnd() const noexcept { return rest_.empty(); }
 
     template <typename Unsigned>

@@ -152,8 +152,10 @@ bool TableCheck_::checkRecords_(const SparseEntry_& entry, std::string_view payl
     ByteReader_ reader(payload);
     RecordView_ record;
     std::string_view last = lastKey.view(); // of the block before
+    samples.beginBlock();
     do {
-        const bool isFirst = reader.remaining() == payload.size();
+        const std::size_t offset = payload.size() - reader.remaining();
+        const bool isFirst = offset == 0;
         if (!readRecord(&reader, &record))
             return fail_(isLast ? "failed to decode last table block" : "table block does not decode");
         if (isFirst && record.key != entry.firstKey.view())
@@ -162,6 +164,7 @@ bool TableCheck_::checkRecords_(const SparseEntry_& entry, std::string_view payl
             return fail_("table keys out of order");
         if (!checkRecord_(record))
             return false;
+        samples.add(offset);
         last = record.key;
         ++recordsSeen_;
     } while (!reader.isAtEnd());

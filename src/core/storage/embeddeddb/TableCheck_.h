@@ -24,6 +24,7 @@ public:
     ZnEmbeddedDbStatus run();
 
     std::vector<SparseEntry_> sparseIndex;
+    RecordSamples_ samples; // complete when records were read
     BloomFilter_ bloom;
     ZnByteArray lastKey;
 

@@ -13,22 +13,22 @@ void TableCursor_::seekToFirst() {
 }
 
 void TableCursor_::seek(std::string_view key) {
-    enterBlock_(table_->blockIndexFor(key));
+    enterBlock_(table_->blockIndexFor(key), key);
     while (isValid_ && record_.key < key)
         next();
 }
 
-void TableCursor_::enterBlock_(std::size_t blockIndex) {
+void TableCursor_::enterBlock_(std::size_t blockIndex, std::string_view key) {
     isValid_ = false;
     isBroken_ = false;
     blockIndex_ = blockIndex;
     if (blockIndex >= table_->sparseIndex().size())
         return;
-    std::string_view payload;
-    isBroken_ = !table_->blockPayload(table_->sparseIndex()[blockIndex], &payload);
+    std::string_view records;
+    isBroken_ = !table_->blockTailFor(key, blockIndex, &records); // the empty key stands in front of all
     if (isBroken_)
         return;
-    rest_ = ByteReader_(payload);
+    rest_ = ByteReader_(records);
     isValid_ = readRecord(&rest_, &record_);
     isBroken_ = !isValid_;
 }

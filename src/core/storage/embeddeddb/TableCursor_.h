@@ -27,7 +27,8 @@ public:
     const RecordView_& record() const noexcept { return record_; }
 
 private:
-    void enterBlock_(std::size_t blockIndex);
+    /// To the first record of the block, or with a key, to one that does not stand behind it.
+    void enterBlock_(std::size_t blockIndex, std::string_view key = std::string_view());
 
     std::shared_ptr<const TableHandle_> table_;
     std::size_t blockIndex_ = 0;

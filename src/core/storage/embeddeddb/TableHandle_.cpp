@@ -30,6 +30,8 @@ bool TableHandle_::open(ZnStorageFiles& files, const ZnString& rootPath, const T
     file_ = std::move(mapped);
     sparseIndex_ = std::move(check.sparseIndex);
     bloom_ = std::move(check.bloom);
+    if (options.verifyFilters)
+        samples_ = std::move(check.samples);
     if (!sparseIndex_.empty())
         firstKey_ = sparseIndex_.front().firstKey;
     lastKey_ = std::move(check.lastKey);
@@ -50,10 +52,10 @@ std::size_t TableHandle_::blockIndexFor(std::string_view key) const noexcept {
 TableHandle_::Find TableHandle_::find(std::string_view key, RecordView_* record) const {
     if (sparseIndex_.empty() || key < firstKey_.view() || lastKey_.view() < key || !bloom_.mayContain(key))
         return Find::Absent;
-    std::string_view payload;
-    if (!blockPayload(sparseIndex_[blockIndexFor(key)], &payload))
+    std::string_view tail;
+    if (!blockTailFor(key, blockIndexFor(key), &tail))
         return Find::Unreadable;
-    ByteReader_ reader(payload);
+    ByteReader_ reader(tail);
     for (RecordView_ found; !reader.isAtEnd();) {
         if (!readRecord(&reader, &found))
             return Find::Unreadable;
@@ -66,6 +68,14 @@ TableHandle_::Find TableHandle_::find(std::string_view key, RecordView_* record)
         }
     }
     return Find::Absent;
+}
+
+bool TableHandle_::blockTailFor(std::string_view key, std::size_t blockIndex, std::string_view* tail) const noexcept {
+    std::string_view payload;
+    if (!blockPayload(sparseIndex_[blockIndex], &payload))
+        return false;
+    *tail = payload.substr(samples_.offsetFor(blockIndex, payload, key));
+    return true;
 }
 
 bool TableHandle_::blockPayload(const SparseEntry_& entry, std::string_view* payload) const noexcept {

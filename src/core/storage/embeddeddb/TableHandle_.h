@@ -2,6 +2,7 @@
 
 #include "core/storage/embeddeddb/BloomFilter_.h"
 #include "core/storage/embeddeddb/MappedFile_.h"
+#include "core/storage/embeddeddb/RecordSamples_.h"
 #include "core/storage/embeddeddb/TableMeta_.h"
 #include "core/storage/embeddeddb/TableRecord_.h"
 #include "core/storage/embeddeddb/ZnEmbeddedDbStatus.h"
@@ -22,7 +23,8 @@ struct SparseEntry_ {
 
 struct TableOpenOptions_ {
     /// Reads every record once on opening. Filter and sparse index have no checksum, and a bit lost there would hide a
-    /// key: without this, only a damage that shows from outside is found.
+    /// key: without this, only a damage that shows from outside is found. It is also what makes searches in a block
+    /// short.
     bool verifyFilters = true;
 };
 
@@ -54,6 +56,8 @@ public:
     Find find(std::string_view key, RecordView_* record) const;
     /// Index of the only block that can hold `key`; 0 also for a key in front of all.
     std::size_t blockIndexFor(std::string_view key) const noexcept;
+    /// The bytes of a block's records, from one that does not stand behind `key` on. False when the block cannot be read.
+    bool blockTailFor(std::string_view key, std::size_t blockIndex, std::string_view* tail) const noexcept;
     /// The bytes of a block's records. False when entry and block do not fit each other.
     bool blockPayload(const SparseEntry_& entry, std::string_view* payload) const noexcept;
     /// Copies of the records of one block, or of all, behind what `*out` holds. False, with `*out` as it was, for a
@@ -66,6 +70,7 @@ private:
     MappedFile_ file_;
     std::vector<SparseEntry_> sparseIndex_;
     BloomFilter_ bloom_;
+    RecordSamples_ samples_; // of no block, unless all records were read
     ZnByteArray firstKey_;
     ZnByteArray lastKey_;
 };

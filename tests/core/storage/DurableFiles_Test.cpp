@@ -54,6 +54,7 @@ TEST(RandomAccessFile_, AFailedAppendLeavesNothingOrEndsAppending) {
     ASSERT_TRUE(file.open("/d/f", Mode::Append) && append(&file, "first"));
     files.failOperation(1, EIO);
     EXPECT_FALSE(append(&file, "lost"));
+    EXPECT_TRUE(file.canAppend());
     EXPECT_EQ(files.content("/d/f"), "first");
     EXPECT_TRUE(append(&file, "second"));
     EXPECT_EQ(files.content("/d/f"), "firstsecond");
@@ -65,8 +66,9 @@ TEST(RandomAccessFile_, AFailedAppendLeavesNothingOrEndsAppending) {
     EXPECT_FALSE(append(&file, "fourth"));
     files.stopAt(0);
     ZnString error;
+    EXPECT_FALSE(file.canAppend());
     EXPECT_FALSE(file.append("x", 1, nullptr, &error));
-    EXPECT_EQ(error, "append behind a failed append: 0");
+    EXPECT_EQ(error, "append behind a failure: 0");
 }
 
 TEST(RandomAccessFile_, AFailedFlushIsNotRepeated) {

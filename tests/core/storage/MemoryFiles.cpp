@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
 #include <utility>
 
 class MemoryFile final : public ZnStorageFile {
@@ -12,6 +13,7 @@ public:
         : files_(files), node_(std::move(node)), syncEach_(syncEach) {}
 
     int readAt(std::uint64_t offset, char* buffer, std::size_t byteCount, std::size_t* movedBytes) override {
+        const std::lock_guard lock(files_.mutex_);
         if (const int error = files_.fault(); error != 0)
             return error;
         const std::string& content = node_->current;
@@ -19,6 +21,7 @@ public:
         return 0;
     }
     int writeAt(std::uint64_t offset, const char* bytes, std::size_t byteCount, std::size_t* movedBytes) override {
+        const std::lock_guard lock(files_.mutex_);
         const int error = files_.fault();
         if (error != 0)
             byteCount /= 2;
@@ -33,12 +36,14 @@ public:
         return error != 0 ? error : byteCount == 0 ? ENOSPC : 0;
     }
     int truncate(std::uint64_t sizeBytes) override {
+        const std::lock_guard lock(files_.mutex_);
         const int error = files_.fault();
         if (error == 0)
             change({true, sizeBytes, {}});
         return error;
     }
     int sync() override {
+        const std::lock_guard lock(files_.mutex_);
         const int error = files_.fault();
         for (const MemoryFiles::Change& change : node_->pending)
             if (error == 0)
@@ -48,6 +53,7 @@ public:
     }
     int syncData() override { return sync(); }
     int size(std::uint64_t* sizeBytes) override {
+        const std::lock_guard lock(files_.mutex_);
         *sizeBytes = node_->current.size();
         return files_.fault();
     }
@@ -75,10 +81,9 @@ struct MemoryMapping final : ZnStorageMapping {
 };
 
 struct MemoryLock final : ZnStorageLock {
-    MemoryLock(std::set<ZnString>& taken, ZnString lockedPath) : locks(taken), path(std::move(lockedPath)) {}
-    ~MemoryLock() override { locks.erase(path); }
-    std::set<ZnString>& locks;
-    const ZnString path;
+    explicit MemoryLock(std::function<void()> whenReleased) : release(std::move(whenReleased)) {}
+    ~MemoryLock() override { release(); }
+    const std::function<void()> release;
 };
 
 } // namespace
@@ -158,6 +163,7 @@ std::vector<ZnString> MemoryFiles::paths() const {
 }
 
 int MemoryFiles::open(const ZnString& path, Access access, std::unique_ptr<ZnStorageFile>* file, bool* isNew) {
+    const std::lock_guard guard(mutex_);
     if (const int error = fault(); error != 0)
         return error;
     *isNew = !has(path);
@@ -174,6 +180,7 @@ int MemoryFiles::open(const ZnString& path, Access access, std::unique_ptr<ZnSto
 }
 
 int MemoryFiles::map(const ZnString& path, std::unique_ptr<ZnStorageMapping>* mapping, std::uint64_t* sizeBytes) {
+    const std::lock_guard guard(mutex_);
     if (const int error = fault(); error != 0)
         return error;
     if (!has(path))
@@ -186,6 +193,7 @@ int MemoryFiles::map(const ZnString& path, std::unique_ptr<ZnStorageMapping>* ma
 }
 
 int MemoryFiles::rename(const ZnString& from, const ZnString& to) {
+    const std::lock_guard guard(mutex_);
     if (const int error = fault(); error != 0)
         return error;
     if (!has(from))
@@ -201,6 +209,7 @@ int MemoryFiles::rename(const ZnString& from, const ZnString& to) {
 }
 
 int MemoryFiles::remove(const ZnString& path) {
+    const std::lock_guard guard(mutex_);
     if (const int error = fault(); error != 0)
         return error;
     if (!has(path))
@@ -210,10 +219,12 @@ int MemoryFiles::remove(const ZnString& path) {
 }
 
 int MemoryFiles::makePath(const ZnString&) {
+    const std::lock_guard guard(mutex_);
     return fault();
 }
 
 int MemoryFiles::syncDirectory(const ZnString& path) {
+    const std::lock_guard guard(mutex_);
     const int error = fault();
     std::vector<NameChange> others;
     for (NameChange& change : pendingNames_) {
@@ -233,6 +244,7 @@ int MemoryFiles::syncDirectory(const ZnString& path) {
 }
 
 int MemoryFiles::list(const ZnString& path, std::vector<ZnString>* names) {
+    const std::lock_guard guard(mutex_);
     if (const int error = fault(); error != 0)
         return error;
     for (const auto& [name, node] : names_)
@@ -242,10 +254,14 @@ int MemoryFiles::list(const ZnString& path, std::vector<ZnString>* names) {
 }
 
 int MemoryFiles::lock(const ZnString& path, std::unique_ptr<ZnStorageLock>* lock) {
+    const std::lock_guard guard(mutex_);
     if (const int error = fault(); error != 0)
         return error;
     if (!locks_.insert(path).second)
         return EWOULDBLOCK;
-    *lock = std::make_unique<MemoryLock>(locks_, path);
+    *lock = std::make_unique<MemoryLock>([this, path] {
+        const std::lock_guard again(mutex_);
+        locks_.erase(path);
+    });
     return 0;
 }

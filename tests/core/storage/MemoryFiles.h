@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <random>
 #include <set>
 #include <string>
@@ -15,6 +16,7 @@
 ///
 /// Harsher than most disks: a file's content and its name are synced apart, the two directories of a rename are too, and
 /// a failed sync loses what it could not write while reading still shows it. Directories themselves are never lost.
+/// Thread: any for the operations; the rest while nobody uses the files.
 class MemoryFiles final : public ZnStorageFiles {
 public:
     /// The operation of this number, counted from the next one as 1, fails with `error`; of a write the first half is
@@ -67,6 +69,7 @@ private:
     void changeNames(NameChange change);
     static void keepSome(Node* node, std::mt19937_64* random);
 
+    std::recursive_mutex mutex_; // of everything below, and of all nodes
     std::map<ZnString, NodePtr> names_;
     std::map<ZnString, NodePtr> durableNames_;
     std::vector<NameChange> pendingNames_;

@@ -123,6 +123,18 @@ TEST(Table_, IsWrittenAndReadByteForByte) {
     }
 }
 
+TEST(Table_, IsTheSameOnADisk) {
+    const TemporaryDirectory directory;
+    TableMeta_ meta = metaOf(kPrimaryTable, 0, 2);
+    ZnEmbeddedDbStatus status = writeTable(znStorageFiles(), directory.path("tmp"), directory.path("tables"), &meta,
+                                           goldenRecords());
+    EXPECT_EQ(status, ZnEmbeddedDbStatus());
+    EXPECT_EQ(contentOf(directory.path("tables/L0-2.sst")), golden("L0-2.sst"));
+    const auto handle = std::make_shared<TableHandle_>();
+    ASSERT_TRUE(handle->open(znStorageFiles(), directory.path(), meta, {}, &status)) << status.message();
+    expectRecords(handle, goldenRecords());
+}
+
 TEST(Table_, EveryDamageIsFoundOrChangesNothing) {
     Table table(goldenRecords());
     int harmlessCount = 0;
@@ -155,6 +167,10 @@ TEST(Table_, ChecksTellWhatIsWrong) {
         return bytes.replace(offset, 1, byte, 1);
     };
     const std::size_t footer = good.size() - kTableFooterBytes;
+    std::string longSparseIndex = with(footer + 16, "\x27");
+    longSparseIndex.insert(0x126, 1, '\0');
+    std::string longFilter = good;
+    longFilter.insert(footer, 1, '\0');
     const struct {
         const char* message;
         std::string bytes;
@@ -169,7 +185,9 @@ TEST(Table_, ChecksTellWhatIsWrong) {
         {"table footer mismatch", with(footer + 24, "\5")},
         {"invalid sparse index", with(footer + 15, "\1")},
         {"invalid sparse entry", with(0x10D, "\2")},
+        {"invalid sparse index", longSparseIndex},
         {"invalid bloom section", with(0x12A, "\x21")},
+        {"invalid bloom section", longFilter},
         {"invalid table block header", with(0x30, "\1")},
         {"table block checksum mismatch", with(0x41, "B")},
         {"table block is not the one of the sparse index", with(0x115, "b")},

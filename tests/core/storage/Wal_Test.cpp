@@ -190,11 +190,13 @@ TEST(Wal_, AFailedAppendLeavesNothingAndAFailedSyncEndsTheLog) {
     files.setFreeBytes(20);
     EXPECT_EQ(writer.append({&batch}, 7, 6).message(), "short append: 0: /w/WAL-1.log");
     files.setFreeBytes(1000);
+    EXPECT_TRUE(writer.canAppend());
     EXPECT_TRUE(writer.append({&batch}, 8, 6).isOk()); // 7 was used up
     EXPECT_EQ(textOf(files), "8 remove plum\nend");
     files.failOperation(1, EIO);
     EXPECT_FALSE(writer.sync().isOk());
     EXPECT_FALSE(writer.sync().isOk());
+    EXPECT_FALSE(writer.canAppend());
     EXPECT_FALSE(writer.append({&batch}, 9, 6).isOk());
 }
 

@@ -107,8 +107,8 @@ bool RandomAccessFile_::writeAt(std::uint64_t offset, const char* bytes, std::si
 }
 
 bool RandomAccessFile_::append(const char* bytes, std::size_t byteCount, std::uint64_t* offsetOut, ZnString* errorOut) {
-    if (refusesAppend_)
-        return failWithCode("append behind a failed append", 0, errorOut);
+    if (isOpen() && !canAppend())
+        return failWithCode("append behind a failure", syncError_, errorOut);
     const std::uint64_t offset = size_;
     if (!appends_()) {
         if (!writeAt(offset, bytes, byteCount, errorOut))

@@ -41,6 +41,8 @@ public:
     /// the two appending modes left is cut off, and where that fails too, this object appends no more.
     bool append(const char* bytes, std::size_t byteCount, std::uint64_t* offsetOut = nullptr,
                 ZnString* errorOut = nullptr);
+    /// False after a failed append that could not be cut off, and after a failed flush.
+    bool canAppend() const noexcept { return isOpen() && !refusesAppend_ && syncError_ == 0; }
     bool truncate(std::uint64_t sizeBytes, ZnString* errorOut = nullptr);
     /// Brings the file to stable storage; nothing to do for AppendWriteThrough. After one failure every later call
     /// fails too: the system may have given up what it could not write, and would report success the next time.

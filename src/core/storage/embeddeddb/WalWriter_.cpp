@@ -18,7 +18,6 @@ ZnEmbeddedDbStatus WalWriter_::create(const ZnString& walDir, const WalHeader_& 
     const std::string bytes = encodeWalHeader(header);
     ZnString error;
     salt_ = header.salt;
-    syncFailed_ = false;
     if (!file_.open(path, RandomAccessFile_::Mode::Append, &error))
         return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(path);
     if (file_.size() != 0) {
@@ -34,8 +33,6 @@ ZnEmbeddedDbStatus WalWriter_::create(const ZnString& walDir, const WalHeader_& 
 
 ZnEmbeddedDbStatus WalWriter_::append(const std::vector<WalBatch_*>& group, std::uint64_t firstSequence,
                                       std::uint64_t durableSequence) {
-    if (syncFailed_)
-        return failed_("append behind a failed sync");
     frames_.clear();
     for (WalBatch_* batch : group) {
         frames_ += batch->seal(salt_, firstSequence, durableSequence);
@@ -50,10 +47,7 @@ ZnEmbeddedDbStatus WalWriter_::append(const std::vector<WalBatch_*>& group, std:
 
 ZnEmbeddedDbStatus WalWriter_::sync() {
     ZnString error;
-    if (file_.flushData(&error))
-        return {};
-    syncFailed_ = true;
-    return failed_(std::move(error));
+    return file_.flushData(&error) ? ZnEmbeddedDbStatus() : failed_(std::move(error));
 }
 
 ZnEmbeddedDbStatus WalWriter_::failed_(ZnString message) const {

@@ -23,10 +23,11 @@ public:
     bool isOpen() const noexcept { return file_.isOpen(); }
     void close() noexcept { file_.close(); }
 
-    /// Appends the batches as frames, numbering their operations from `firstSequence` on. Code 6 and nothing written
-    /// for a failure; whether a later call can succeed shows when it is made.
+    /// Appends the batches as frames, numbering their operations from `firstSequence` on. Code 6 for a failure: while
+    /// canAppend() holds nothing was written, and a later call may succeed.
     ZnEmbeddedDbStatus append(const std::vector<WalBatch_*>& group, std::uint64_t firstSequence,
                               std::uint64_t durableSequence);
+    bool canAppend() const noexcept { return file_.canAppend(); }
     /// Brings all frames to stable storage. After a failure it is not known which of them are there, and every
     /// later append and sync fails too.
     ZnEmbeddedDbStatus sync();
@@ -37,7 +38,6 @@ private:
 
     RandomAccessFile_ file_;
     std::uint64_t salt_ = 0;
-    bool syncFailed_ = false;
     std::string frames_; // of a group; kept for its capacity
 };
 

@@ -1,5 +1,5 @@
-// The files of the store: checksums, building a table, opening it, and reading it in order and at random. Files lie in a
-// temporary directory, so building includes what the disk takes for two syncs.
+// The files of the store: checksums, building a table, opening it, and reading it in order and at random. Files lie in
+// a temporary directory, so building includes what the disk takes for two syncs.
 
 #include "core/storage/embeddeddb/Crc32_.h"
 #include "core/storage/embeddeddb/TableCursor_.h"

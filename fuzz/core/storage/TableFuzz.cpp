@@ -22,7 +22,8 @@ TableMeta_ metaOf(const std::string& bytes) {
     meta.minSequence = loadLe<std::uint64_t>(bytes.data() + 16);
     meta.maxSequence = loadLe<std::uint64_t>(bytes.data() + 24);
     meta.recordCount = loadLe<std::uint64_t>(bytes.data() + 32);
-    meta.indexName = ZnString(std::string_view(bytes).substr(kTableHeaderBytes, loadLe<std::uint32_t>(bytes.data() + 40)));
+    const auto nameBytes = loadLe<std::uint32_t>(bytes.data() + 40);
+    meta.indexName = ZnString(std::string_view(bytes).substr(kTableHeaderBytes, nameBytes));
     return meta;
 }
 

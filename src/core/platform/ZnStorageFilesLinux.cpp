@@ -56,14 +56,14 @@ public:
     int readAt(std::uint64_t offset, char* buffer, std::size_t byteCount, std::size_t* movedBytes) override {
         if (!isInRange(offset, byteCount))
             return EINVAL;
-        return moved_(uninterrupted([&] { return ::pread(file_.get(), buffer, byteCount, static_cast<off_t>(offset)); }),
-                      movedBytes);
+        const auto at = static_cast<off_t>(offset);
+        return moved_(uninterrupted([&] { return ::pread(file_.get(), buffer, byteCount, at); }), movedBytes);
     }
     int writeAt(std::uint64_t offset, const char* bytes, std::size_t byteCount, std::size_t* movedBytes) override {
         if (!isInRange(offset, byteCount))
             return EFBIG;
-        return moved_(uninterrupted([&] { return ::pwrite(file_.get(), bytes, byteCount, static_cast<off_t>(offset)); }),
-                      movedBytes);
+        const auto at = static_cast<off_t>(offset);
+        return moved_(uninterrupted([&] { return ::pwrite(file_.get(), bytes, byteCount, at); }), movedBytes);
     }
     int truncate(std::uint64_t sizeBytes) override {
         if (!isInRange(sizeBytes, 0))

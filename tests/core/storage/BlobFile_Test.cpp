@@ -47,7 +47,8 @@ TEST(BlobFile_, DamageIsNamedWithItsPlaceAndTakesNoMemory) {
         EXPECT_EQ(entry.value.isEmpty(), !isUntouched) << what;
     });
     files.put("/s/blobs/BLOB-3.dat", good);
-    for (const auto& [offset, size] : {std::pair<std::uint64_t, std::uint32_t>(5, 0xFFFFFFFF), {~std::uint64_t(0), 28}}) {
+    using Place = std::pair<std::uint64_t, std::uint32_t>;
+    for (const auto& [offset, size] : {Place(5, 0xFFFFFFFF), Place(~std::uint64_t(0), 28)}) {
         ValueEntry_ entry = entryOf({true, 3, offset, size, 0, 0});
         EXPECT_EQ(readBlobValue(files, "/s/blobs", &entry).message(),
                   "blob value beyond the end of its file: /s/blobs/BLOB-3.dat at " + ZnString::number(offset));

@@ -67,7 +67,8 @@ TEST(Manifest_, RefusesWhatNoStoreWrites) {
         const char* by;
         const char* error;
     } rows[] = {
-        {R"("maxSequence": 42,"nextTableId")", R"("maxSequence": 41,"nextTableId")", "sequences or record count out of range of table \"L0-2.sst\""},
+        {R"("maxSequence": 42,"nextTableId")", R"("maxSequence": 41,"nextTableId")",
+         "sequences or record count out of range of table \"L0-2.sst\""},
         {R"("nextTableId": 5)", R"("nextTableId": 4)", "id out of range of table \"L1-4.sst\""},
         {R"("nextTableId": 5)", R"("nextTableId": -5)", "no valid number \"nextTableId\""},
         {R"("nextTableId": 5)", R"("nextTableId": 5.0)", "no valid number \"nextTableId\""},

@@ -14,8 +14,8 @@
 /// A file system in memory that tells what is on stable storage from what is not, lets operations fail, and can lose
 /// its power.
 ///
-/// Harsher than most disks: a file's content and its name are synced apart, the two directories of a rename are too, and
-/// a failed sync loses what it could not write while reading still shows it. Directories themselves are never lost.
+/// Harsher than most disks: a file's content and its name are synced apart, the two directories of a rename are too,
+/// and a failed sync loses what it could not write while reading still shows it. Directories themselves are never lost.
 /// Thread: any for the operations; the rest while nobody uses the files.
 class MemoryFiles final : public ZnStorageFiles {
 public:

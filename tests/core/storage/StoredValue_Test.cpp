@@ -85,6 +85,7 @@ TEST(Crc32_, IsTheStandardOneInAnyNumberOfSteps) {
     const std::string_view digits = "123456789";
     EXPECT_EQ(crc32(digits), 0xCBF43926u);
     EXPECT_EQ(crc32(""), 0u);
+    EXPECT_EQ(crc32(std::string_view(), 5), 5u);
     for (std::size_t split = 0; split <= digits.size(); ++split)
         EXPECT_EQ(crc32(digits.substr(split), crc32(digits.substr(0, split))), 0xCBF43926u);
 }

@@ -242,9 +242,9 @@ TEST(Table_, BlocksEndBeforeTheTargetSizeAndRecordsAreNeverSplit) {
 
 TEST(Table_, EveryKeyIsFoundAndSoughtInBlocksOfManyRecords) {
     Records records;
-    for (int number = 0; number < 5000; ++number)
-        records.push_back(record(std::to_string(100002 + 2 * number), 1 + static_cast<std::uint64_t>(number % 7), kInlineRecord,
-                                 std::string(static_cast<std::size_t>(number % 60), 'v')));
+    for (std::size_t number = 0; number < 5000; ++number)
+        records.push_back(record(std::to_string(100002 + 2 * number), 1 + number % 7, kInlineRecord,
+                                 std::string(number % 60, 'v')));
     Table table(records);
     for (const bool verifies : {true, false}) {
         table.options.verifyFilters = verifies;
@@ -254,10 +254,10 @@ TEST(Table_, EveryKeyIsFoundAndSoughtInBlocksOfManyRecords) {
         ASSERT_GT(handle->sparseIndex().size(), 3u);
         expectRecords(handle, records);
         TableCursor_ cursor(handle);
-        for (int number = 0; number < 5000; ++number) {
+        for (std::size_t number = 0; number < 5000; ++number) {
             cursor.seek(std::to_string(100002 + 2 * number - 1));
             ASSERT_TRUE(cursor.isValid());
-            ASSERT_EQ(cursor.record().key, records[static_cast<std::size_t>(number)].key.view());
+            ASSERT_EQ(cursor.record().key, records[number].key.view());
         }
     }
 }

@@ -27,7 +27,8 @@ ZnEmbeddedDbStatus BlobWriter_::append(std::string_view value, BlobRef_* blob) {
         if (ZnEmbeddedDbStatus status = flush(); !status.isOk())
             return status;
     }
-    *blob = {true, blobFileId_, file_.size() + staged_.size(), static_cast<std::uint32_t>(value.size()), crc32(value), 0};
+    const std::uint64_t offset = file_.size() + staged_.size();
+    *blob = {true, blobFileId_, offset, static_cast<std::uint32_t>(value.size()), crc32(value), 0};
     if (value.size() >= kStagingBytes)
         return write_(value); // nothing is staged, and a copy would gain nothing
     staged_.append(value);
@@ -50,7 +51,8 @@ ZnEmbeddedDbStatus BlobWriter_::write_(std::string_view bytes) {
 bool blobFileHasData(ZnStorageFiles& files, const ZnString& blobsDir, std::uint64_t blobFileId) {
     RandomAccessFile_ file(files);
     return blobFileId != 0 &&
-           file.open(joinPath(blobsDir, blobFileName(blobFileId)), RandomAccessFile_::Mode::ReadOnly) && file.size() > 0;
+           file.open(joinPath(blobsDir, blobFileName(blobFileId)), RandomAccessFile_::Mode::ReadOnly) &&
+           file.size() > 0;
 }
 
 ZnEmbeddedDbStatus readBlob(const RandomAccessFile_& file, const BlobRef_& blob, ZnByteArray* value) {

@@ -5,7 +5,7 @@
 namespace znEmbeddedDbDetail {
 
 std::uint32_t crc32(std::string_view bytes, std::uint32_t before) noexcept {
-    // Nothing to read makes the library answer 0, whatever stood in front.
+    // A null pointer, which an empty view may have, makes the library answer 0, whatever stood in front.
     return bytes.empty() ? before : ::libdeflate_crc32(before, bytes.data(), bytes.size());
 }
 

@@ -14,8 +14,10 @@ bool MappedFile_::open(ZnStorageFiles& files, const ZnString& path, ZnString* er
     const int error = files.map(normal, &mapping, &sizeBytes);
     if (sizeBytes == 0)
         return failWithCode("GetFileSizeEx failed", 0, errorOut);
-    if (error != 0) // without a size it was not even opened
-        return failWithCode(sizeBytes == kUnknown ? "CreateFileW mmap failed" : "MapViewOfFile failed", error, errorOut);
+    if (error != 0) {
+        const bool wasOpened = sizeBytes != kUnknown;
+        return failWithCode(wasOpened ? "MapViewOfFile failed" : "CreateFileW mmap failed", error, errorOut);
+    }
     path_ = std::move(normal);
     mapping_ = std::move(mapping);
     bytes_ = {mapping_->data(), static_cast<std::size_t>(sizeBytes)};

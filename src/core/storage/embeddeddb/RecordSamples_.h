@@ -7,8 +7,8 @@
 
 namespace znEmbeddedDbDetail {
 
-/// Where every sixteenth record of a table lies in its block: a search in a block compares a few of these, and then walks
-/// over less than sixteen records instead of some hundreds. A quarter of a byte a record.
+/// Where every sixteenth record of a table lies in its block: a search in a block compares a few of these, and then
+/// walks over less than sixteen records instead of some hundreds. A quarter of a byte a record.
 ///
 /// Thread: a value. Filled block by block, record by record; then it does not change.
 class RecordSamples_ {

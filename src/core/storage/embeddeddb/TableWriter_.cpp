@@ -154,8 +154,8 @@ void TableWriter_::appendFooter_(std::string* out, std::uint64_t bloomOffset) co
     appendLe(out, static_cast<std::uint32_t>(meta_.kind));
 }
 
-ZnEmbeddedDbStatus writeTable(ZnStorageFiles& files, const ZnString& tempDir, const ZnString& tablesDir, TableMeta_* meta,
-                              const std::vector<TableRecord_>& records, ZnString* syncErrorOut) {
+ZnEmbeddedDbStatus writeTable(ZnStorageFiles& files, const ZnString& tempDir, const ZnString& tablesDir,
+                              TableMeta_* meta, const std::vector<TableRecord_>& records, ZnString* syncErrorOut) {
     if (records.empty())
         return {ZnEmbeddedDbStatus::InvalidArgument, "cannot write empty table"};
     TableWriter_ writer(files, tempDir, tablesDir, *meta);

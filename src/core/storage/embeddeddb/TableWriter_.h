@@ -63,7 +63,8 @@ private:
 
 /// Writes `records`, which are sorted, as one table. Fills in the sequences, the record count and the file name of
 /// `*meta`.
-ZnEmbeddedDbStatus writeTable(ZnStorageFiles& files, const ZnString& tempDir, const ZnString& tablesDir, TableMeta_* meta,
-                              const std::vector<TableRecord_>& records, ZnString* syncErrorOut = nullptr);
+ZnEmbeddedDbStatus writeTable(ZnStorageFiles& files, const ZnString& tempDir, const ZnString& tablesDir,
+                              TableMeta_* meta, const std::vector<TableRecord_>& records,
+                              ZnString* syncErrorOut = nullptr);
 
 } // namespace znEmbeddedDbDetail

@@ -9,8 +9,8 @@
 #include <string>
 #include <string_view>
 
-// A write-ahead log "WAL-<id>.log": a header, then frames at multiples of 8. One frame is one batch, which is there as a
-// whole or not at all. Integers are little-endian.
+// A write-ahead log "WAL-<id>.log": a header, then frames at multiples of 8. One frame is one batch, which is there as
+// a whole or not at all. Integers are little-endian.
 //
 //   header, 48 bytes                                  frame
 //    0  "ZNDBWAL1"                                     0  "ZNFR"

@@ -53,9 +53,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t byte
         std::vector<TableRecord_> records;
         const bool isReadable = isOpen && table->readAllRecords(&records);
         TableCursor_ cursor(table);
-        for (cursor.seekToFirst(); cursor.isValid(); cursor.next()) {
-        }
+        std::size_t forwardCount = 0;
+        for (cursor.seekToFirst(); cursor.isValid(); cursor.next())
+            ++forwardCount;
         ZN_ASSERT(!isOpen || isReadable == !cursor.isBroken());
+        for (cursor.seekToLast(); cursor.isValid(); cursor.previous())
+            --forwardCount;
+        ZN_ASSERT(!isReadable || forwardCount == 0);
         if (!isOpen || !verifies)
             continue;
         // A verified table holds what it says, every record can be found, and written again it is the same.

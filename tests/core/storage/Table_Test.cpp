@@ -101,6 +101,12 @@ void expectRecords(const std::shared_ptr<TableHandle_>& table, const Records& re
         cursor.next();
     }
     EXPECT_FALSE(cursor.isValid() || cursor.isBroken());
+    cursor.seekToLast();
+    for (auto expected = records.rbegin(); expected != records.rend(); ++expected, cursor.previous()) {
+        ASSERT_TRUE(cursor.isValid());
+        ASSERT_EQ(cursor.record().key, expected->key.view());
+    }
+    EXPECT_FALSE(cursor.isValid() || cursor.isBroken());
 }
 
 TEST(Table_, IsWrittenAndReadByteForByte) {
@@ -258,6 +264,14 @@ TEST(Table_, EveryKeyIsFoundAndSoughtInBlocksOfManyRecords) {
             cursor.seek(std::to_string(100002 + 2 * number - 1));
             ASSERT_TRUE(cursor.isValid());
             ASSERT_EQ(cursor.record().key, records[number].key.view());
+            for (std::size_t back = 1; back <= std::min(number, number % 40); ++back) { // to and fro
+                cursor.previous();
+                ASSERT_TRUE(cursor.isValid());
+                ASSERT_EQ(cursor.record().key, records[number - back].key.view());
+            }
+            cursor.next();
+            EXPECT_TRUE(cursor.isValid() ? cursor.record().key == records[number - number % 40 + 1].key.view()
+                                         : number == 4999);
         }
     }
 }

@@ -52,10 +52,11 @@ std::size_t TableHandle_::blockIndexFor(std::string_view key) const noexcept {
 TableHandle_::Find TableHandle_::find(std::string_view key, RecordView_* record) const {
     if (sparseIndex_.empty() || key < firstKey_.view() || lastKey_.view() < key || !bloom_.mayContain(key))
         return Find::Absent;
-    std::string_view tail;
-    if (!blockTailFor(key, blockIndexFor(key), &tail))
+    const std::size_t blockIndex = blockIndexFor(key);
+    std::string_view payload;
+    if (!blockPayload(sparseIndex_[blockIndex], &payload))
         return Find::Unreadable;
-    ByteReader_ reader(tail);
+    ByteReader_ reader(payload.substr(searchOffset(key, blockIndex, payload)));
     for (RecordView_ found; !reader.isAtEnd();) {
         if (!readRecord(&reader, &found))
             return Find::Unreadable;
@@ -68,14 +69,6 @@ TableHandle_::Find TableHandle_::find(std::string_view key, RecordView_* record)
         }
     }
     return Find::Absent;
-}
-
-bool TableHandle_::blockTailFor(std::string_view key, std::size_t blockIndex, std::string_view* tail) const noexcept {
-    std::string_view payload;
-    if (!blockPayload(sparseIndex_[blockIndex], &payload))
-        return false;
-    *tail = payload.substr(samples_.offsetFor(blockIndex, payload, key));
-    return true;
 }
 
 bool TableHandle_::blockPayload(const SparseEntry_& entry, std::string_view* payload) const noexcept {

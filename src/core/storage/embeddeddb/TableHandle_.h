@@ -56,9 +56,10 @@ public:
     Find find(std::string_view key, RecordView_* record) const;
     /// Index of the only block that can hold `key`; 0 also for a key in front of all.
     std::size_t blockIndexFor(std::string_view key) const noexcept;
-    /// The bytes of a block's records, from one that does not stand behind `key` on. False when the block cannot be
-    /// read.
-    bool blockTailFor(std::string_view key, std::size_t blockIndex, std::string_view* tail) const noexcept;
+    /// Where to begin looking for `key` in the payload of a block: at a record that does not stand behind it, or at 0.
+    std::size_t searchOffset(std::string_view key, std::size_t blockIndex, std::string_view payload) const noexcept {
+        return samples_.offsetFor(blockIndex, payload, key);
+    }
     /// The bytes of a block's records. False when entry and block do not fit each other.
     bool blockPayload(const SparseEntry_& entry, std::string_view* payload) const noexcept;
     /// Copies of the records of one block, or of all, behind what `*out` holds. False, with `*out` as it was, for a

@@ -1,0 +1,89 @@
+#include "core/storage/embeddeddb/BlobFile_.h"
+
+#include "core/fs/ZnPath.h"
+#include "core/storage/embeddeddb/Crc32_.h"
+#include "core/storage/embeddeddb/FileNames_.h"
+#include "core/types/ZnAssert.h"
+
+#include <limits>
+#include <utility>
+
+namespace znEmbeddedDbDetail {
+
+ZnEmbeddedDbStatus BlobWriter_::open(const ZnString& blobsDir, std::uint64_t blobFileId) {
+    const ZnString path = joinPath(blobsDir, blobFileName(blobFileId));
+    ZnString error;
+    staged_.clear();
+    blobFileId_ = blobFileId;
+    if (file_.open(path, RandomAccessFile_::Mode::AppendWriteThrough, &error))
+        return {};
+    return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(path);
+}
+
+ZnEmbeddedDbStatus BlobWriter_::append(std::string_view value, BlobRef_* blob) {
+    ZN_ASSERT(file_.isOpen());
+    ZN_ASSERT(value.size() <= std::numeric_limits<std::uint32_t>::max());
+    if (staged_.size() + value.size() > kStagingBytes) {
+        if (ZnEmbeddedDbStatus status = flush(); !status.isOk())
+            return status;
+    }
+    const std::uint64_t offset = file_.size() + staged_.size();
+    *blob = {true, blobFileId_, offset, static_cast<std::uint32_t>(value.size()), crc32(value), 0};
+    if (value.size() >= kStagingBytes)
+        return write_(value); // nothing is staged, and a copy would gain nothing
+    staged_.append(value);
+    return {};
+}
+
+ZnEmbeddedDbStatus BlobWriter_::flush() {
+    ZnEmbeddedDbStatus status = write_(staged_);
+    staged_.clear();
+    return status;
+}
+
+ZnEmbeddedDbStatus BlobWriter_::write_(std::string_view bytes) {
+    ZnString error;
+    if (file_.append(bytes.data(), bytes.size(), nullptr, &error))
+        return {};
+    return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(file_.path());
+}
+
+bool blobFileHasData(ZnStorageFiles& files, const ZnString& blobsDir, std::uint64_t blobFileId) {
+    RandomAccessFile_ file(files);
+    return blobFileId != 0 &&
+           file.open(joinPath(blobsDir, blobFileName(blobFileId)), RandomAccessFile_::Mode::ReadOnly) &&
+           file.size() > 0;
+}
+
+ZnEmbeddedDbStatus readBlob(const RandomAccessFile_& file, const BlobRef_& blob, ZnByteArray* value) {
+    const ZnString place = file.path() + " at " + ZnString::number(blob.offset);
+    ZnString error;
+    std::uint64_t fileBytes = file.size();
+    if (blob.offset + blob.size > fileBytes && !file.readSize(&fileBytes, &error)) // it may have grown since
+        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(place);
+    if (blob.offset > fileBytes || blob.size > fileBytes - blob.offset) // before memory is taken for it
+        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::Corruption, "blob value beyond the end of its file").at(place);
+    std::string bytes(blob.size, '\0');
+    if (!file.readAt(blob.offset, bytes.data(), bytes.size(), &error))
+        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(place);
+    if (crc32(bytes) != blob.crc32)
+        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::Corruption, "blob value checksum mismatch").at(place);
+    *value = ZnByteArray(bytes);
+    return {};
+}
+
+ZnEmbeddedDbStatus readBlobValue(ZnStorageFiles& files, const ZnString& blobsDir, ValueEntry_* entry) {
+    if (entry->inlineValue || !entry->blob.valid)
+        return {};
+    const ZnString path = joinPath(blobsDir, blobFileName(entry->blob.blobFileId));
+    RandomAccessFile_ file(files);
+    ZnString error;
+    if (!file.open(path, RandomAccessFile_::Mode::ReadOnly, &error))
+        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(path);
+    ZnEmbeddedDbStatus status = readBlob(file, entry->blob, &entry->value);
+    if (status.isOk())
+        entry->inlineValue = true;
+    return status;
+}
+
+} // namespace znEmbeddedDbDetail

@@ -1,0 +1,134 @@
+#include "core/storage/embeddeddb/Memtable_.h"
+
+#include "core/storage/embeddeddb/IndexKey_.h"
+
+#include <algorithm>
+#include <string>
+#include <utility>
+
+namespace znEmbeddedDbDetail {
+
+namespace {
+
+/// Puts the entry in unless a newer one is there.
+template <typename Map, typename Entry>
+void insertNewest(Map* map, ZnByteArray key, Entry entry) {
+    const auto [at, isNew] = map->try_emplace(std::move(key));
+    if (isNew || at->second.sequence <= entry.sequence)
+        at->second = std::move(entry);
+}
+
+template <typename Map>
+void mergeNewest(Map* target, Map* source) {
+    target->reserve(target->size() + source->size());
+    while (!source->empty()) {
+        auto node = source->extract(source->begin());
+        const auto at = target->find(node.key());
+        if (at == target->end())
+            target->insert(std::move(node));
+        else if (at->second.sequence <= node.mapped().sequence)
+            at->second = std::move(node.mapped());
+    }
+}
+
+template <typename Map>
+void buildSorted(const Map& map, std::vector<const typename Map::value_type*>* sorted) {
+    if (sorted->size() == map.size()) // nothing is ever taken out
+        return;
+    sorted->clear();
+    sorted->reserve(map.size());
+    for (const auto& entry : map)
+        sorted->push_back(&entry);
+    std::sort(sorted->begin(), sorted->end(),
+              [](const auto* left, const auto* right) { return left->first.view() < right->first.view(); });
+}
+
+std::uint64_t smallestAboveZero(std::uint64_t left, std::uint64_t right) {
+    return left == 0 || right == 0 ? std::max(left, right) : std::min(left, right);
+}
+
+ZnByteArray indexKeyOf(std::string_view secondary, std::string_view primary) {
+    std::string key;
+    appendIndexKey(&key, secondary, primary);
+    return ZnByteArray(key);
+}
+
+} // namespace
+
+bool Memtable_::apply(const WalOperation_& operation, std::uint64_t sequence) {
+    ValueEntry_ entry;
+    RetiredKeys_ retired;
+    if (!decodeRetiredKeys(operation, &retired))
+        return false;
+    if (!operation.isRemove &&
+        (!decodeStoredValue(operation.storedValue.data(), operation.storedValue.size(), &entry) || !entry.inlineValue))
+        return false;
+    entry.tombstone = operation.isRemove;
+    entry.sequence = sequence;
+    for (const RetiredKey_& key : retired)
+        insertIndex(key.indexName, indexKeyOf(key.key.view(), operation.key), {true, sequence});
+    for (const auto& [indexName, keys] : entry.indexKeys)
+        for (const ZnByteArray& key : keys)
+            insertIndex(indexName, indexKeyOf(key.view(), operation.key), {false, sequence});
+    insert(ZnByteArray(operation.key), std::move(entry));
+    return true;
+}
+
+void Memtable_::noteEntry_(std::uint64_t sequence, std::uint64_t byteCount) {
+    minSequence_ = smallestAboveZero(minSequence_, sequence);
+    maxSequence_ = std::max(maxSequence_, sequence);
+    approximateBytes_ += byteCount + kEntryBytes;
+}
+
+void Memtable_::insert(ZnByteArray key, ValueEntry_ entry) {
+    std::uint64_t byteCount = key.size() + entry.value.size();
+    for (const auto& [indexName, keys] : entry.indexKeys)
+        for (const ZnByteArray& indexKey : keys)
+            byteCount += indexKey.size();
+    noteEntry_(entry.sequence, byteCount);
+    insertNewest(&primary_, std::move(key), std::move(entry));
+}
+
+void Memtable_::insertIndex(const ZnString& indexName, ZnByteArray indexKey, IndexEntry_ entry) {
+    noteEntry_(entry.sequence, indexKey.size());
+    insertNewest(&indexes_[indexName], std::move(indexKey), entry);
+}
+
+void Memtable_::merge(Memtable_&& source) {
+    walId = smallestAboveZero(walId, source.walId);
+    blobFileId = std::max(blobFileId, source.blobFileId);
+    minSequence_ = smallestAboveZero(minSequence_, source.minSequence_);
+    maxSequence_ = std::max(maxSequence_, source.maxSequence_);
+    approximateBytes_ += source.approximateBytes_;
+    mergeNewest(&primary_, &source.primary_);
+    for (auto& [indexName, index] : source.indexes_)
+        mergeNewest(&indexes_[indexName], &index);
+    source = Memtable_();
+}
+
+const ValueEntry_* Memtable_::find(std::string_view key) const {
+    const auto at = primary_.find(key);
+    return at == primary_.end() ? nullptr : &at->second;
+}
+
+const IndexEntry_* Memtable_::findIndex(std::string_view indexName, std::string_view indexKey) const {
+    const auto index = indexes_.find(indexName);
+    if (index == indexes_.end())
+        return nullptr;
+    const auto at = index->second.find(indexKey);
+    return at == index->second.end() ? nullptr : &at->second;
+}
+
+const std::vector<const Memtable_::Primary::value_type*>& Memtable_::sortedKeys() {
+    buildSorted(primary_, &sortedKeys_);
+    return sortedKeys_;
+}
+
+const std::vector<const Memtable_::Index::value_type*>& Memtable_::sortedIndexKeys(const ZnString& indexName) {
+    std::vector<const Index::value_type*>& sorted = sortedIndexKeys_[indexName];
+    if (const auto index = indexes_.find(indexName); index != indexes_.end())
+        buildSorted(index->second, &sorted);
+    return sorted;
+}
+
+} // namespace znEmbeddedDbDetail

@@ -1,0 +1,92 @@
+#pragma once
+
+#include "core/storage/embeddeddb/BloomFilter_.h"
+#include "core/storage/embeddeddb/StoredValue_.h"
+#include "core/storage/embeddeddb/WalFrame_.h"
+#include "core/types/ZnByteArray.h"
+#include "core/types/ZnMap.h"
+
+#include <cstdint>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace znEmbeddedDbDetail {
+
+/// One entry of a secondary index in memory.
+struct IndexEntry_ {
+    bool tombstone = false;
+    std::uint64_t sequence = 0;
+};
+
+/// Lets a map with ZnByteArray keys be asked with a view.
+struct KeyHash_ {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view key) const noexcept {
+        return static_cast<std::size_t>(BloomFilter_::hashOf(key).first);
+    }
+    std::size_t operator()(const ZnByteArray& key) const noexcept { return (*this)(key.view()); }
+};
+struct KeyEqual_ {
+    using is_transparent = void;
+    static std::string_view viewOf(std::string_view key) noexcept { return key; }
+    static std::string_view viewOf(const ZnByteArray& key) noexcept { return key.view(); }
+    template <typename Left, typename Right>
+    bool operator()(const Left& left, const Right& right) const noexcept {
+        return viewOf(left) == viewOf(right);
+    }
+};
+
+/// The records that are in the log and not yet in tables: the newest of each key.
+///
+/// Thread: none of its own; whoever shares it holds a reader/writer lock. sortedKeys() and sortedIndexKeys() may build
+/// their answer, and so count as writing unless it has been built already.
+/// Invariant: of the entries offered for a key it holds the one with the largest sequence, of equal ones the last.
+class Memtable_ {
+public:
+    using Primary = std::unordered_map<ZnByteArray, ValueEntry_, KeyHash_, KeyEqual_>;
+    using Index = std::unordered_map<ZnByteArray, IndexEntry_, KeyHash_, KeyEqual_>;
+
+    /// Counted for an entry besides its keys and its value.
+    static constexpr std::uint64_t kEntryBytes = 128;
+
+    /// Does what one operation of the log tells: the record, its secondary keys, and those that it retires. False, with
+    /// nothing done, when it does not decode.
+    bool apply(const WalOperation_& operation, std::uint64_t sequence);
+    void insert(ZnByteArray key, ValueEntry_ entry);
+    void insertIndex(const ZnString& indexName, ZnByteArray indexKey, IndexEntry_ entry);
+    /// Takes over everything that `source` holds, and leaves it empty.
+    void merge(Memtable_&& source);
+
+    /// Null for a key that it knows nothing about; a tombstone is an entry.
+    const ValueEntry_* find(std::string_view key) const;
+    const IndexEntry_* findIndex(std::string_view indexName, std::string_view indexKey) const;
+    bool isEmpty() const noexcept { return primary_.empty() && indexes_.isEmpty(); }
+    const Primary& primary() const noexcept { return primary_; }
+    const ZnMap<ZnString, Index>& indexes() const noexcept { return indexes_; }
+
+    /// In ascending order of the keys; good until the next change.
+    const std::vector<const Primary::value_type*>& sortedKeys();
+    const std::vector<const Index::value_type*>& sortedIndexKeys(const ZnString& indexName);
+
+    std::uint64_t minSequence() const noexcept { return minSequence_; } // smallest above 0
+    std::uint64_t maxSequence() const noexcept { return maxSequence_; }
+    /// What all entries that were ever put in took; overwritten ones are not taken off.
+    std::uint64_t approximateBytes() const noexcept { return approximateBytes_; }
+
+    std::uint64_t walId = 0;      // oldest log that holds records of it; 0 for none
+    std::uint64_t blobFileId = 0; // blob file that a flush has begun to fill; 0 for none
+
+private:
+    void noteEntry_(std::uint64_t sequence, std::uint64_t byteCount);
+
+    Primary primary_;
+    ZnMap<ZnString, Index> indexes_;
+    std::uint64_t minSequence_ = 0;
+    std::uint64_t maxSequence_ = 0;
+    std::uint64_t approximateBytes_ = 0;
+    std::vector<const Primary::value_type*> sortedKeys_; // empty: to be built, as are those of an index
+    ZnMap<ZnString, std::vector<const Index::value_type*>> sortedIndexKeys_;
+};
+
+} // namespace znEmbeddedDbDetail

@@ -1,0 +1,109 @@
+#include "core/storage/embeddeddb/StoredValue_.h"
+
+#include "core/storage/embeddeddb/LittleEndian_.h"
+#include "core/types/ZnAssert.h"
+
+#include <utility>
+
+namespace znEmbeddedDbDetail {
+
+namespace {
+
+constexpr std::uint8_t kInlineStorage = 0;
+constexpr std::uint8_t kExternalStorage = 1;
+
+bool readBlobRef(ByteReader_* reader, BlobRef_* blob) noexcept {
+    blob->valid = true;
+    return reader->read(&blob->blobFileId) && reader->read(&blob->offset) && reader->read(&blob->size) &&
+           reader->read(&blob->crc32) && reader->read(&blob->flags);
+}
+
+/// Counts from the bytes only end loops, and every turn of a loop uses up bytes: nothing is reserved by them.
+bool readKeys(ByteReader_* reader, ZnVector<ZnByteArray>* keys) {
+    std::uint32_t keyCount = 0;
+    if (!reader->read(&keyCount))
+        return false;
+    for (std::string_view key; keyCount > 0; --keyCount) {
+        if (!reader->readSized(&key))
+            return false;
+        keys->append(ZnByteArray(key));
+    }
+    return true;
+}
+
+std::string encodedMetadata(const IndexKeys_& indexKeys) {
+    std::string out;
+    appendLe(&out, static_cast<std::uint32_t>(indexKeys.size()));
+    for (const auto& [name, keys] : indexKeys) {
+        appendSized(&out, name.view());
+        appendLe(&out, static_cast<std::uint32_t>(keys.size()));
+        for (const ZnByteArray& key : keys)
+            appendSized(&out, key.view());
+    }
+    return out;
+}
+
+} // namespace
+
+bool parseStoredValue(std::string_view bytes, StoredValueView_* view) noexcept {
+    ByteReader_ reader(bytes);
+    StoredValueView_ found;
+    std::uint8_t storage = 0;
+    if (!reader.read(&storage) || storage > kExternalStorage || !reader.readSized(&found.metadata))
+        return false;
+    found.isInline = storage == kInlineStorage;
+    if (!(found.isInline ? reader.readSized(&found.value) : readBlobRef(&reader, &found.blob)) || !reader.isAtEnd())
+        return false;
+    *view = found;
+    return true;
+}
+
+bool decodeIndexKeys(std::string_view metadata, IndexKeys_* keys) {
+    ByteReader_ reader(metadata);
+    IndexKeys_ found;
+    std::uint32_t indexCount = 0;
+    std::string_view lastName;
+    if (!reader.read(&indexCount))
+        return false;
+    for (std::uint32_t index = 0; index < indexCount; ++index) {
+        std::string_view name;
+        if (!reader.readSized(&name) || (index > 0 && name <= lastName) ||
+            !readKeys(&reader, &found.slotNearEnd(ZnString(name))))
+            return false;
+        lastName = name;
+    }
+    if (!reader.isAtEnd())
+        return false;
+    *keys = std::move(found);
+    return true;
+}
+
+bool decodeStoredValue(const char* bytes, std::size_t byteCount, ValueEntry_* entry) {
+    StoredValueView_ view;
+    IndexKeys_ indexKeys;
+    if (!parseStoredValue({bytes, byteCount}, &view) || !decodeIndexKeys(view.metadata, &indexKeys))
+        return false;
+    entry->inlineValue = view.isInline;
+    entry->value = ZnByteArray(view.value);
+    entry->blob = view.blob;
+    entry->indexKeys = std::move(indexKeys);
+    return true;
+}
+
+void encodeStoredValue(const ValueEntry_& entry, std::string* out) {
+    ZN_ASSERT(!entry.tombstone);
+    ZN_ASSERT(entry.inlineValue || entry.blob.valid);
+    appendLe(out, entry.inlineValue ? kInlineStorage : kExternalStorage);
+    appendSized(out, encodedMetadata(entry.indexKeys));
+    if (entry.inlineValue) {
+        appendSized(out, entry.value.view());
+        return;
+    }
+    appendLe(out, entry.blob.blobFileId);
+    appendLe(out, entry.blob.offset);
+    appendLe(out, entry.blob.size);
+    appendLe(out, entry.blob.crc32);
+    appendLe(out, entry.blob.flags);
+}
+
+} // namespace znEmbeddedDbDetail

@@ -1,0 +1,113 @@
+#include "core/storage/embeddeddb/TableHandle_.h"
+
+#include "core/fs/ZnPath.h"
+#include "core/storage/embeddeddb/TableCheck_.h"
+#include "core/storage/embeddeddb/TableFormat_.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace znEmbeddedDbDetail {
+
+bool TableHandle_::open(ZnStorageFiles& files, const ZnString& rootPath, const TableMeta_& meta,
+                        const TableOpenOptions_& options, ZnEmbeddedDbStatus* status) {
+    close();
+    const ZnString path = joinPath(joinPath(rootPath, kTablesDirectory), meta.fileName);
+    ZnString error;
+    MappedFile_ mapped;
+    RandomAccessFile_ file(files);
+    if (!mapped.open(files, path, &error) || !file.open(path, RandomAccessFile_::Mode::ReadOnly, &error)) {
+        *status = {ZnEmbeddedDbStatus::IoError, std::move(error)};
+        return false;
+    }
+    TableCheck_ check(file, meta, options.verifyFilters);
+    *status = check.run();
+    if (status->isOk() && mapped.size() != file.size()) // two files: it was replaced in between
+        *status = {ZnEmbeddedDbStatus::Corruption, "table changed while it was opened"};
+    if (!status->isOk())
+        return false;
+    meta_ = meta;
+    file_ = std::move(mapped);
+    sparseIndex_ = std::move(check.sparseIndex);
+    bloom_ = std::move(check.bloom);
+    if (options.verifyFilters)
+        samples_ = std::move(check.samples);
+    if (!sparseIndex_.empty())
+        firstKey_ = sparseIndex_.front().firstKey;
+    lastKey_ = std::move(check.lastKey);
+    return true;
+}
+
+void TableHandle_::close() {
+    *this = TableHandle_();
+}
+
+std::size_t TableHandle_::blockIndexFor(std::string_view key) const noexcept {
+    const auto behind =
+        std::upper_bound(sparseIndex_.begin(), sparseIndex_.end(), key,
+                         [](std::string_view left, const SparseEntry_& right) { return left < right.firstKey.view(); });
+    return behind == sparseIndex_.begin() ? 0 : static_cast<std::size_t>(behind - sparseIndex_.begin()) - 1;
+}
+
+TableHandle_::Find TableHandle_::find(std::string_view key, RecordView_* record) const {
+    if (sparseIndex_.empty() || key < firstKey_.view() || lastKey_.view() < key || !bloom_.mayContain(key))
+        return Find::Absent;
+    const std::size_t blockIndex = blockIndexFor(key);
+    std::string_view payload;
+    if (!blockPayload(sparseIndex_[blockIndex], &payload))
+        return Find::Unreadable;
+    ByteReader_ reader(payload.substr(searchOffset(key, blockIndex, payload)));
+    for (RecordView_ found; !reader.isAtEnd();) {
+        if (!readRecord(&reader, &found))
+            return Find::Unreadable;
+        const int order = found.key.compare(key);
+        if (order > 0)
+            break;
+        if (order == 0) {
+            *record = found;
+            return Find::Found;
+        }
+    }
+    return Find::Absent;
+}
+
+bool TableHandle_::blockPayload(const SparseEntry_& entry, std::string_view* payload) const noexcept {
+    const std::string_view bytes = file_.bytes();
+    if (entry.offset > bytes.size() || entry.size > bytes.size() - entry.offset || entry.size < kBlockHeaderBytes)
+        return false;
+    const std::string_view block = bytes.substr(static_cast<std::size_t>(entry.offset), entry.size);
+    const std::size_t payloadBytes = loadLe<std::uint32_t>(block.data());
+    if (payloadBytes > block.size() - kBlockHeaderBytes)
+        return false;
+    *payload = block.substr(kBlockHeaderBytes, payloadBytes);
+    return true;
+}
+
+bool TableHandle_::decodeBlock(const SparseEntry_& entry, std::vector<TableRecord_>* out) const {
+    std::string_view payload;
+    if (!blockPayload(entry, &payload))
+        return false;
+    const std::size_t countBefore = out->size();
+    ByteReader_ reader(payload);
+    for (RecordView_ record; !reader.isAtEnd();) {
+        if (!readRecord(&reader, &record)) {
+            out->resize(countBefore);
+            return false;
+        }
+        out->push_back(TableRecord_::of(record));
+    }
+    return true;
+}
+
+bool TableHandle_::readAllRecords(std::vector<TableRecord_>* out) const {
+    const std::size_t countBefore = out->size();
+    for (const SparseEntry_& entry : sparseIndex_) {
+        if (!decodeBlock(entry, out)) {
+            out->resize(countBefore);
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace znEmbeddedDbDetail

@@ -1,0 +1,57 @@
+#include "core/storage/embeddeddb/WalWriter_.h"
+
+#include "core/fs/ZnPath.h"
+#include "core/storage/embeddeddb/FileNames_.h"
+
+#include <utility>
+
+namespace znEmbeddedDbDetail {
+
+namespace {
+
+constexpr std::size_t kKeptBytes = 2 * 1024 * 1024; // of the buffer, between groups
+
+} // namespace
+
+ZnEmbeddedDbStatus WalWriter_::create(const ZnString& walDir, const WalHeader_& header) {
+    const ZnString path = joinPath(walDir, walFileName(header.walId));
+    const std::string bytes = encodeWalHeader(header);
+    ZnString error;
+    salt_ = header.salt;
+    if (!file_.open(path, RandomAccessFile_::Mode::Append, &error))
+        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(path);
+    if (file_.size() != 0) {
+        file_.close();
+        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, "log is there already").at(path);
+    }
+    if (file_.append(bytes.data(), bytes.size(), nullptr, &error) && file_.flushData(&error))
+        return {};
+    ZnEmbeddedDbStatus status = failed_(std::move(error));
+    file_.close();
+    return status;
+}
+
+ZnEmbeddedDbStatus WalWriter_::append(const std::vector<WalBatch_*>& group, std::uint64_t firstSequence,
+                                      std::uint64_t durableSequence) {
+    frames_.clear();
+    for (WalBatch_* batch : group) {
+        frames_ += batch->seal(salt_, firstSequence, durableSequence);
+        firstSequence += batch->operationCount();
+    }
+    ZnString error;
+    const bool isWritten = file_.append(frames_.data(), frames_.size(), nullptr, &error);
+    if (frames_.capacity() > kKeptBytes)
+        std::string().swap(frames_);
+    return isWritten ? ZnEmbeddedDbStatus() : failed_(std::move(error));
+}
+
+ZnEmbeddedDbStatus WalWriter_::sync() {
+    ZnString error;
+    return file_.flushData(&error) ? ZnEmbeddedDbStatus() : failed_(std::move(error));
+}
+
+ZnEmbeddedDbStatus WalWriter_::failed_(ZnString message) const {
+    return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(message)).at(file_.path());
+}
+
+} // namespace znEmbeddedDbDetail

@@ -1,0 +1,175 @@
+#include "core/storage/StoreTestSupport.h"
+#include "core/storage/embeddeddb/DurableFiles_.h"
+#include "core/storage/embeddeddb/FileNames_.h"
+#include "core/storage/embeddeddb/MappedFile_.h"
+#include "core/storage/embeddeddb/RandomAccessFile_.h"
+
+#include <cerrno>
+#include <gmock/gmock.h>
+
+using namespace znEmbeddedDbDetail;
+using Mode = RandomAccessFile_::Mode;
+
+namespace {
+
+bool append(RandomAccessFile_* file, const std::string& bytes, std::uint64_t* offset = nullptr) {
+    return file->append(bytes.data(), bytes.size(), offset);
+}
+
+TEST(RandomAccessFile_, ReadsAndWritesInEveryMode) {
+    const TemporaryDirectory directory;
+    const ZnString path = directory.path("sub/file");
+    RandomAccessFile_ file(znStorageFiles());
+    ZnString error;
+    char buffer[8];
+    EXPECT_FALSE(file.open(path, Mode::ReadOnly, &error));
+    EXPECT_EQ(error, "CreateFileW failed: 2 (No such file or directory)");
+    EXPECT_FALSE(file.readAt(0, buffer, 1, &error));
+    EXPECT_EQ(error, "readAt on closed file: 0");
+    EXPECT_FALSE(file.writeAt(0, "x", 1, &error));
+    EXPECT_EQ(error, "writeAt on closed file: 0");
+    EXPECT_FALSE(file.flush());
+    std::uint64_t expectedBytes = 0;
+    for (const Mode mode : {Mode::ReadWrite, Mode::Append, Mode::AppendWriteThrough, Mode::Truncate}) {
+        ASSERT_TRUE(file.open(path, mode, &error)) << error;
+        expectedBytes = mode == Mode::Truncate ? 0 : expectedBytes;
+        std::uint64_t offset = 99;
+        EXPECT_TRUE(append(&file, "abc", &offset) && file.flush());
+        EXPECT_EQ(offset, expectedBytes);
+        EXPECT_EQ(file.size(), expectedBytes += 3);
+        EXPECT_TRUE(file.readAt(offset, buffer, 3));
+        EXPECT_EQ(std::string_view(buffer, 3), "abc");
+        EXPECT_TRUE(file.readAt(file.size(), buffer, 0));
+        EXPECT_FALSE(file.readAt(file.size(), buffer, 1, &error));
+        EXPECT_EQ(error, "short read: 0");
+    }
+    ASSERT_TRUE(file.open(path, Mode::ReadOnly));
+    EXPECT_EQ(file.size(), 3u);
+    EXPECT_FALSE(append(&file, "x"));
+}
+
+TEST(RandomAccessFile_, AFailedAppendLeavesNothingOrEndsAppending) {
+    MemoryFiles files;
+    RandomAccessFile_ file(files);
+    ASSERT_TRUE(file.open("/d/f", Mode::Append) && append(&file, "first"));
+    files.failOperation(1, EIO);
+    EXPECT_FALSE(append(&file, "lost"));
+    EXPECT_TRUE(file.canAppend());
+    EXPECT_EQ(files.content("/d/f"), "first");
+    EXPECT_TRUE(append(&file, "second"));
+    EXPECT_EQ(files.content("/d/f"), "firstsecond");
+    files.setFreeBytes(2);
+    EXPECT_FALSE(append(&file, "third")); // short
+    EXPECT_EQ(files.content("/d/f"), "firstsecond");
+    files.setFreeBytes(100);
+    files.stopAt(1); // the truncate fails, too
+    EXPECT_FALSE(append(&file, "fourth"));
+    files.stopAt(0);
+    ZnString error;
+    EXPECT_FALSE(file.canAppend());
+    EXPECT_FALSE(file.append("x", 1, nullptr, &error));
+    EXPECT_EQ(error, "append behind a failure: 0");
+}
+
+TEST(RandomAccessFile_, AFailedFlushIsNotRepeated) {
+    MemoryFiles files;
+    RandomAccessFile_ file(files);
+    ASSERT_TRUE(file.open("/d/f", Mode::ReadWrite) && append(&file, "abc"));
+    files.failOperation(1, EIO);
+    EXPECT_FALSE(file.flushData());
+    EXPECT_FALSE(file.flush()); // the system would say yes now
+    files.cutPower();
+    EXPECT_EQ(files.content("/d/f"), ""); // and yet the name was durable from the opening on
+}
+
+TEST(RandomAccessFile_, WriteThroughIsDurableWhenItReturns) {
+    MemoryFiles files;
+    RandomAccessFile_ file(files);
+    ASSERT_TRUE(file.open("/d/f", Mode::AppendWriteThrough) && append(&file, "abc"));
+    const long before = files.operationCount();
+    EXPECT_TRUE(file.flush());
+    EXPECT_EQ(files.operationCount(), before);
+    files.cutPower();
+    EXPECT_EQ(files.content("/d/f"), "abc");
+}
+
+TEST(MappedFile_, MapsEverythingButEmptyFiles) {
+    const TemporaryDirectory directory;
+    MappedFile_ mapped;
+    ZnString error;
+    EXPECT_TRUE(mapped.open(znStorageFiles(), directory.file("full", "abc")));
+    EXPECT_EQ(mapped.bytes(), "abc");
+    EXPECT_FALSE(mapped.open(znStorageFiles(), directory.file("empty", ""), &error));
+    EXPECT_EQ(error, "GetFileSizeEx failed: 0");
+    EXPECT_TRUE(mapped.bytes().empty());
+    EXPECT_FALSE(mapped.open(znStorageFiles(), directory.path("none"), &error));
+    EXPECT_EQ(error, "CreateFileW mmap failed: 2 (No such file or directory)");
+}
+
+TEST(DurableFiles_, AtomicWriteLeavesTheOldOrTheNewWhateverFailsAndWheneverThePowerGoes) {
+    std::mt19937_64 random(20240607);
+    const std::string old = "old content";
+    const std::string fresh(3000000, 'n');
+    bool isHit = true;
+    for (long number = 1; isHit; ++number) {
+        for (int round = 0; round < 8; ++round) {
+            SCOPED_TRACE("operation " + std::to_string(number) + ", round " + std::to_string(round));
+            MemoryFiles files;
+            files.put("/d/f", old);
+            files.put("/d/f.tmp", "stale, and longer than what will be written");
+            if (round % 2 == 0)
+                files.stopAt(number);
+            else
+                files.failOperation(number, ENOSPC);
+            ZnString error;
+            ZnString syncError;
+            const bool isWritten = writeFileAtomic(files, "/d/f", fresh, &error, &syncError);
+            isHit = files.operationCount() >= number;
+            EXPECT_EQ(isWritten, error.isEmpty());
+            const bool isDurable = isWritten && syncError.isEmpty();
+            // A stop fails all that comes behind it. A single failure may be one that does not matter.
+            EXPECT_TRUE(round % 2 == 0 ? isDurable == !isHit : isDurable || isHit);
+            files.cutPower(round < 2 ? nullptr : &random);
+            const std::string content = files.content("/d/f");
+            EXPECT_TRUE(content == fresh || (!isDurable && content == old)) << content.size() << " bytes";
+        }
+    }
+    MemoryFiles files;
+    ZnString error;
+    EXPECT_FALSE(writeFileAtomic(files, "/f", "x", &error));
+    EXPECT_EQ(error, "failed to create directory: ");
+}
+
+TEST(DurableFiles_, AFullDiskKeepsTheOldContentAndNoTemporaryFile) {
+    MemoryFiles files;
+    files.put("/d/f", "old");
+    files.setFreeBytes(4);
+    ZnString error;
+    EXPECT_FALSE(writeFileAtomic(files, "/d/f", "too much", &error));
+    EXPECT_EQ(error, "short write: 0");
+    EXPECT_EQ(files.content("/d/f"), "old");
+    EXPECT_THAT(files.paths(), testing::ElementsAre(ZnString("/d/f")));
+}
+
+TEST(FileNames_, IdsAreReadFromNamesThatTheStoreWrites) {
+    const struct {
+        const char* name;
+        std::uint64_t id;
+    } rows[] = {
+        {"WAL-7.log", 7},   {"/a/WAL-3.b/WAL-12.log", 12}, {"WAL-18446744073709551615.log", ~std::uint64_t(0)},
+        {"WAL-abc.log", 0}, {"WAL-18446744073709551616.log", 0}, {"WAL-.log", 0}, {"WAL-07.log", 0}, {"WAL-+7.log", 0},
+        {"WAL-7.log.tmp", 0}, {"WAL-7x.log", 0}, {"BLOB-7.log", 0}, {"", 0},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(parseFileId(row.name, kWalPrefix, kWalSuffix), row.id) << row.name;
+    EXPECT_EQ(tableFileName(1, 23), "L1-23.sst");
+    EXPECT_EQ(blobFileName(3), "BLOB-3.dat");
+    MemoryFiles files;
+    for (const char* name : {"/w/WAL-9.log", "/w/WAL-10.log", "/w/WAL-x.log", "/w/other", "/v/WAL-1.log"})
+        files.put(name, "");
+    EXPECT_THAT(listFiles(files, "/w", kWalPrefix, kWalSuffix),
+                testing::ElementsAre(ZnString("/w/WAL-10.log"), ZnString("/w/WAL-9.log"), ZnString("/w/WAL-x.log")));
+    EXPECT_TRUE(listFiles(znStorageFiles(), "/no/such/place", kWalPrefix, kWalSuffix).empty());
+}
+
+} // namespace

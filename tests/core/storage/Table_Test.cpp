@@ -1,0 +1,342 @@
+#include "core/storage/StoreTestSupport.h"
+#include "core/storage/embeddeddb/StoredValue_.h"
+#include "core/storage/embeddeddb/TableCursor_.h"
+#include "core/storage/embeddeddb/TableFormat_.h"
+#include "core/storage/embeddeddb/TableHandle_.h"
+#include "core/storage/embeddeddb/TableWriter_.h"
+
+#include <cerrno>
+#include <gmock/gmock.h>
+
+using namespace znEmbeddedDbDetail;
+
+namespace {
+
+using Records = std::vector<TableRecord_>;
+
+TableRecord_ record(const std::string& key, std::uint64_t sequence, std::uint32_t type, const std::string& value) {
+    return {ZnByteArray(key), sequence, type, ZnByteArray(value)};
+}
+
+TableMeta_ metaOf(std::int32_t kind, std::int32_t level, std::uint64_t id, const char* indexName = "") {
+    TableMeta_ meta;
+    meta.kind = kind;
+    meta.level = level;
+    meta.fileId = id;
+    meta.indexName = indexName;
+    return meta;
+}
+
+std::string inlineValue(const std::string& value, const IndexKeys_& keys = {}) {
+    ValueEntry_ entry;
+    entry.inlineValue = true;
+    entry.value = ZnByteArray(value);
+    entry.indexKeys = keys;
+    std::string bytes;
+    encodeStoredValue(entry, &bytes);
+    return bytes;
+}
+
+std::string blobValue() {
+    ValueEntry_ entry;
+    entry.blob = {true, 3, 5, 28, 0x7E95C0A3, 0};
+    std::string bytes;
+    encodeStoredValue(entry, &bytes);
+    return bytes;
+}
+
+Records goldenRecords() {
+    IndexKeys_ keys;
+    keys["color"].append(ZnByteArray(std::string_view("green")));
+    keys["tag"].append(ZnByteArray(std::string_view("a")));
+    keys["tag"].append(ZnByteArray(std::string_view("b")));
+    return {record("apple", 40, kInlineRecord, inlineValue("red")), record("cherry", 41, kTombstoneRecord, ""),
+            record("pear", 7, kInlineRecord, inlineValue("green", keys)), record("plum", 42, kBlobRecord, blobValue())};
+}
+
+/// Table "L0-2.sst" under "/s", with what the manifest would say of it.
+struct Table {
+    explicit Table(const Records& tableRecords, TableMeta_ tableMeta = metaOf(kPrimaryTable, 0, 2))
+        : meta(std::move(tableMeta)), records(tableRecords) {
+        EXPECT_EQ(writeTable(files, "/s/tmp", "/s/tables", &meta, records), ZnEmbeddedDbStatus());
+        path = "/s/tables/" + meta.fileName;
+    }
+    std::string bytes() const { return files.content(path); }
+    std::shared_ptr<TableHandle_> open(ZnEmbeddedDbStatus* status) {
+        auto table = std::make_shared<TableHandle_>();
+        return table->open(files, "/s", meta, options, status) ? table : nullptr;
+    }
+    ZnEmbeddedDbStatus statusWith(const std::string& bytes) {
+        files.put(path, bytes);
+        ZnEmbeddedDbStatus status;
+        open(&status);
+        return status;
+    }
+
+    MemoryFiles files;
+    TableMeta_ meta;
+    Records records;
+    TableOpenOptions_ options;
+    ZnString path;
+};
+
+/// Every way to read must give exactly the records.
+void expectRecords(const std::shared_ptr<TableHandle_>& table, const Records& records) {
+    Records all;
+    ASSERT_TRUE(table->readAllRecords(&all));
+    ASSERT_EQ(all.size(), records.size());
+    TableCursor_ cursor(table);
+    cursor.seekToFirst();
+    for (std::size_t index = 0; index < records.size(); ++index) {
+        const RecordView_ expected = records[index].view();
+        RecordView_ found;
+        ASSERT_EQ(table->find(expected.key, &found), TableHandle_::Find::Found) << expected.key;
+        ASSERT_TRUE(cursor.isValid());
+        for (const RecordView_& seen : {all[index].view(), found, cursor.record()}) {
+            ASSERT_EQ(seen.key, expected.key);
+            ASSERT_TRUE(seen.sequence == expected.sequence && seen.type == expected.type &&
+                        seen.value == expected.value);
+        }
+        EXPECT_EQ(table->find(std::string(expected.key) + '\0', &found), TableHandle_::Find::Absent);
+        cursor.next();
+    }
+    EXPECT_FALSE(cursor.isValid() || cursor.isBroken());
+    cursor.seekToLast();
+    for (auto expected = records.rbegin(); expected != records.rend(); ++expected, cursor.previous()) {
+        ASSERT_TRUE(cursor.isValid());
+        ASSERT_EQ(cursor.record().key, expected->key.view());
+    }
+    EXPECT_FALSE(cursor.isValid() || cursor.isBroken());
+}
+
+TEST(Table_, IsWrittenAndReadByteForByte) {
+    ZnEmbeddedDbStatus status;
+    Table primary(goldenRecords());
+    EXPECT_EQ(primary.bytes(), golden("L0-2.sst"));
+    EXPECT_EQ(primary.meta.minSequence, 7u);
+    Table index({record(std::string("green\0\1pear", 11), 7, kInlineRecord, ""),
+                 record(std::string("red\0\1cherry", 11), 41, kTombstoneRecord, "")},
+                metaOf(kIndexTable, 1, 4, "color"));
+    EXPECT_EQ(index.bytes(), golden("L1-4.sst"));
+    for (Table* table : {&primary, &index}) {
+        table->files.put(table->path, golden(table->meta.fileName.data()));
+        const auto handle = table->open(&status);
+        ASSERT_NE(handle, nullptr) << status.message();
+        expectRecords(handle, table->records);
+        EXPECT_EQ(handle->firstKey(), table->records.front().key);
+        EXPECT_EQ(handle->lastKey(), table->records.back().key);
+        EXPECT_EQ(handle->bloom().bits.size(), 32u);
+    }
+}
+
+TEST(Table_, IsTheSameOnADisk) {
+    const TemporaryDirectory directory;
+    TableMeta_ meta = metaOf(kPrimaryTable, 0, 2);
+    ZnEmbeddedDbStatus status = writeTable(znStorageFiles(), directory.path("tmp"), directory.path("tables"), &meta,
+                                           goldenRecords());
+    EXPECT_EQ(status, ZnEmbeddedDbStatus());
+    EXPECT_EQ(contentOf(directory.path("tables/L0-2.sst")), golden("L0-2.sst"));
+    const auto handle = std::make_shared<TableHandle_>();
+    ASSERT_TRUE(handle->open(znStorageFiles(), directory.path(), meta, {}, &status)) << status.message();
+    expectRecords(handle, goldenRecords());
+}
+
+TEST(Table_, EveryDamageIsFoundOrChangesNothing) {
+    Table table(goldenRecords());
+    int harmlessCount = 0;
+    forEachDamage(table.bytes(), [&](const std::string& damaged, const std::string& what) {
+        SCOPED_TRACE(what);
+        for (const bool verifies : {true, false}) {
+            table.options.verifyFilters = verifies;
+            table.files.put(table.path, damaged);
+            ZnEmbeddedDbStatus status;
+            const auto handle = table.open(&status);
+            EXPECT_EQ(handle != nullptr, status.isOk());
+            if (handle == nullptr && !damaged.empty()) {
+                EXPECT_EQ(status.code(), ZnEmbeddedDbStatus::Corruption) << status.message();
+            }
+            if (handle != nullptr && verifies)
+                expectRecords(handle, table.records);
+            harmlessCount += handle != nullptr && verifies ? 1 : 0;
+        }
+    });
+    // The target size of blocks, which nobody reads, and bits of the filter that only make it say "maybe".
+    EXPECT_GT(harmlessCount, 32);
+    EXPECT_LT(harmlessCount, 32 + 256);
+}
+
+TEST(Table_, ChecksTellWhatIsWrong) {
+    Table table(goldenRecords());
+    const std::string good = table.bytes();
+    const auto with = [&](std::size_t offset, const char* byte) {
+        std::string bytes = good;
+        return bytes.replace(offset, 1, byte, 1);
+    };
+    const std::size_t footer = good.size() - kTableFooterBytes;
+    std::string longSparseIndex = with(footer + 16, "\x27");
+    longSparseIndex.insert(0x126, 1, '\0');
+    std::string longFilter = good;
+    longFilter.insert(footer, 1, '\0');
+    const struct {
+        const char* message;
+        std::string bytes;
+    } rows[] = {
+        {"table too small", good.substr(0, 43)},
+        {"invalid table magic", with(0, "X")},
+        {"invalid table magic", golden("WAL-1.log")},
+        {"invalid table header", with(8, "\2")},
+        {"invalid table header", with(43, "\x7F")},
+        {"invalid table footer", with(footer, "X")},
+        {"table footer mismatch", with(footer + 32, "\5")},
+        {"table footer mismatch", with(footer + 24, "\5")},
+        {"invalid sparse index", with(footer + 15, "\1")},
+        {"invalid sparse entry", with(0x10D, "\2")},
+        {"invalid sparse index", longSparseIndex},
+        {"invalid bloom section", with(0x12A, "\x21")},
+        {"invalid bloom section", longFilter},
+        {"invalid table block header", with(0x30, "\1")},
+        {"table block checksum mismatch", with(0x41, "B")},
+        {"table block is not the one of the sparse index", with(0x115, "b")},
+        {"table filter lacks a key", with(0x134, "\1")},
+        {"table is not the one of the manifest", golden("L1-4.sst")},
+        {"table is not the one of the manifest", with(0x10, "\6")},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(table.statusWith(row.bytes), ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::Corruption, row.message));
+    EXPECT_EQ(table.statusWith(""), ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, "GetFileSizeEx failed: 0"));
+    EXPECT_EQ(table.statusWith(good), ZnEmbeddedDbStatus());
+}
+
+TEST(Table_, BlocksEndBeforeTheTargetSizeAndRecordsAreNeverSplit) {
+    const std::size_t full = kBlockTargetBytes - kRecordFixedBytes - 1; // fills a block, with a key of one byte
+    const Records records = {
+        record("a", 1, kInlineRecord, std::string(full - 100 - kRecordFixedBytes - 1, 'v')),
+        record("b", 2, kInlineRecord, std::string(100, 'v')), // ends exactly at the target
+        record("c", 3, kInlineRecord, ""),
+        record("d", 4, kInlineRecord, std::string(full + 1, 'v')),
+        record("e", 5, kInlineRecord, std::string(3000000, 'v')),
+        record("f", 6, kTombstoneRecord, ""),
+    };
+    Table table(records);
+    ZnEmbeddedDbStatus status;
+    const auto handle = table.open(&status);
+    ASSERT_NE(handle, nullptr) << status.message();
+    std::string firstKeys;
+    for (const SparseEntry_& entry : handle->sparseIndex())
+        firstKeys += entry.firstKey.view();
+    EXPECT_EQ(firstKeys, "acdef");
+    EXPECT_EQ(handle->sparseIndex()[0].size, kBlockTargetBytes + kBlockHeaderBytes);
+    expectRecords(handle, records);
+    TableCursor_ cursor(handle);
+    for (const auto& [sought, found] : {std::pair("", "a"), {"aa", "b"}, {"bb", "c"}, {"f", "f"}}) {
+        cursor.seek(sought);
+        ASSERT_TRUE(cursor.isValid());
+        EXPECT_EQ(cursor.record().key, found);
+    }
+    cursor.seek("g");
+    EXPECT_FALSE(cursor.isValid() || cursor.isBroken());
+    // Damage outside of the checksums, in a table of several blocks.
+    const std::string good = table.bytes();
+    const auto sparseOffset = loadLe<std::uint64_t>(good.data() + good.size() - kTableFooterBytes + 8);
+    const auto bloomOffset = loadLe<std::uint64_t>(good.data() + good.size() - kTableFooterBytes + 16);
+    for (std::size_t bit = sparseOffset * 8; bit < bloomOffset * 8; bit += 5) {
+        std::string damaged = good;
+        damaged[bit / 8] = static_cast<char>(damaged[bit / 8] ^ (1 << (bit % 8)));
+        EXPECT_EQ(table.statusWith(damaged).code(), ZnEmbeddedDbStatus::Corruption) << bit;
+    }
+}
+
+TEST(Table_, EveryKeyIsFoundAndSoughtInBlocksOfManyRecords) {
+    Records records;
+    for (std::size_t number = 0; number < 5000; ++number)
+        records.push_back(record(std::to_string(100002 + 2 * number), 1 + number % 7, kInlineRecord,
+                                 std::string(number % 60, 'v')));
+    Table table(records);
+    for (const bool verifies : {true, false}) {
+        table.options.verifyFilters = verifies;
+        ZnEmbeddedDbStatus status;
+        const auto handle = table.open(&status);
+        ASSERT_NE(handle, nullptr) << status.message();
+        ASSERT_GT(handle->sparseIndex().size(), 3u);
+        expectRecords(handle, records);
+        TableCursor_ cursor(handle);
+        for (std::size_t number = 0; number < 5000; ++number) {
+            cursor.seek(std::to_string(100002 + 2 * number - 1));
+            ASSERT_TRUE(cursor.isValid());
+            ASSERT_EQ(cursor.record().key, records[number].key.view());
+            for (std::size_t back = 1; back <= std::min(number, number % 40); ++back) { // to and fro
+                cursor.previous();
+                ASSERT_TRUE(cursor.isValid());
+                ASSERT_EQ(cursor.record().key, records[number - back].key.view());
+            }
+            cursor.next();
+            EXPECT_TRUE(cursor.isValid() ? cursor.record().key == records[number - number % 40 + 1].key.view()
+                                         : number == 4999);
+        }
+    }
+}
+
+TEST(Table_, FilterHasTenBitsAKeyAndRulesOutMostOthers) {
+    EXPECT_EQ(BloomFilter_::byteLengthFor(1), 32u);
+    EXPECT_EQ(BloomFilter_::byteLengthFor(100), 125u);
+    BloomFilter_ filter;
+    EXPECT_TRUE(filter.mayContain("anything"));
+    filter.add("");
+    EXPECT_EQ(filter.bits.size(), 32u);
+    filter.bits = ZnByteArray(std::string(BloomFilter_::byteLengthFor(1000), '\0'));
+    int falseCount = 0;
+    for (int key = 0; key < 1000; ++key)
+        filter.add(std::to_string(key));
+    for (int key = 0; key < 1000; ++key) {
+        EXPECT_TRUE(filter.mayContain(std::to_string(key)));
+        falseCount += filter.mayContain("other" + std::to_string(key)) ? 1 : 0;
+    }
+    EXPECT_LT(falseCount, 40);
+}
+
+TEST(Table_, AFailedWriteLeavesNoFileAndAFinishedOneSurvivesThePowerCut) {
+    std::mt19937_64 random(7);
+    const Records records = goldenRecords();
+    bool isHit = true;
+    for (long number = 1; isHit; ++number) {
+        for (const bool stops : {false, true}) {
+            SCOPED_TRACE(number);
+            MemoryFiles files;
+            TableMeta_ meta = metaOf(kPrimaryTable, 0, 2);
+            stops ? files.stopAt(number) : files.failOperation(number, ENOSPC);
+            ZnString syncError;
+            const ZnEmbeddedDbStatus status = writeTable(files, "/s/tmp", "/s/tables", &meta, records, &syncError);
+            isHit = files.operationCount() >= number;
+            if (!status.isOk() && !stops) {
+                EXPECT_TRUE(files.paths().empty());
+            }
+            if (!status.isOk()) {
+                EXPECT_EQ(status.code(), ZnEmbeddedDbStatus::IoError);
+            }
+            const bool isDurable = status.isOk() && syncError.isEmpty();
+            EXPECT_TRUE(stops ? isDurable == !isHit : isDurable || isHit);
+            files.cutPower(&random);
+            if (isDurable || files.has("/s/tables/L0-2.sst")) {
+                EXPECT_EQ(files.content("/s/tables/L0-2.sst"), golden("L0-2.sst"));
+            }
+        }
+    }
+    MemoryFiles files;
+    TableMeta_ meta = metaOf(kPrimaryTable, 0, 2);
+    EXPECT_EQ(writeTable(files, "/s/tmp", "/s/tables", &meta, {}),
+              ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::InvalidArgument, "cannot write empty table"));
+}
+
+TEST(Table_, ADiskErrorOnOpeningIsAStatus) {
+    Table table(goldenRecords());
+    for (long number = 1;; ++number) {
+        table.files.failOperation(number, EIO);
+        ZnEmbeddedDbStatus status;
+        if (table.open(&status) != nullptr)
+            break;
+        EXPECT_EQ(status.code(), ZnEmbeddedDbStatus::IoError) << number;
+        ASSERT_LT(number, 100);
+    }
+}
+
+} // namespace

@@ -70,6 +70,7 @@ TEST(Manifest_, RefusesWhatNoStoreWrites) {
         {R"("maxSequence": 42,"nextTableId")", R"("maxSequence": 41,"nextTableId")",
          "sequences or record count out of range of table \"L0-2.sst\""},
         {R"("nextTableId": 5)", R"("nextTableId": 4)", "id out of range of table \"L1-4.sst\""},
+        {R"("blobFileId": 3)", R"("blobFileId": 5)", "id out of range of table \"L0-2.sst\""},
         {R"("nextTableId": 5)", R"("nextTableId": -5)", "no valid number \"nextTableId\""},
         {R"("nextTableId": 5)", R"("nextTableId": 5.0)", "no valid number \"nextTableId\""},
         {R"("nextTableId": 5)", R"("nextTableId": 18446744073709551615)", "no valid number \"nextTableId\""},

@@ -68,6 +68,14 @@ ZnJsonValue* ZnJsonObject::lowerBound_(std::string_view name) const noexcept {
 
 /// Null when there is none.
 ZnJsonValue* ZnJsonObject::find_(std::string_view name) const noexcept {
+    constexpr std::size_t kFew = 8; // most objects: looking at each name is quicker than halving
+    if (size() <= kFew) {
+        for (ZnJsonValue* at = cell_.values(); at != cell_.values() + cell_.valueCount(); at += 2) {
+            if (at->string() == name)
+                return at;
+        }
+        return nullptr;
+    }
     ZnJsonValue* const at = lowerBound_(name);
     return at != cell_.values() + cell_.valueCount() && at->string() == name ? at : nullptr;
 }

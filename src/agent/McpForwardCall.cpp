@@ -75,15 +75,20 @@ bool McpForwardCall::takeAnswer_(const ZnMap<ZnString, ZnString>& headers, std::
 
 bool McpForwardCall::takeEvents_() {
     const ZnPointer<ZnEventLoop> self(&loop_); // the call itself is no object: they go together
-    while (stream_->hasEvent()) {
-        const auto event = std::make_shared<McpStreamEvent>(stream_->takeEvent());
-        if (event->text.size() < McpRpcAnswer::kLargeBytes) {
-            event->parse();
-        } else if (!mcp::awaitWork(pool_, [event] { event->parse(); }) || !self || hasEnded_) {
+    while (stream_->hasEvents()) {
+        const auto events = std::make_shared<std::deque<McpStreamEvent>>(stream_->takeEvents());
+        const auto parse = [events] {
+            for (McpStreamEvent& event : *events)
+                event.parse();
+        };
+        if (answerBytes_ < McpRpcAnswer::kLargeBytes)
+            parse();
+        else if (!mcp::awaitWork(pool_, parse) || !self || hasEnded_)
             return false;
+        for (McpStreamEvent& event : *events) {
+            if (stream_->takeMessages(event))
+                return true;
         }
-        if (stream_->takeMessages(*event))
-            return true;
     }
     return false;
 }
@@ -108,5 +113,7 @@ void McpForwardCall::finishForward_(bool transportOk, int errorCode) {
         result_.message = mcp::failureText(errorCode, endpoint_, timeoutMs_, client_.failureDetail());
     else if (result_.lacksAnswer)
         result_.message = "the event stream ended without the answer";
+    else if (!result_.isSuccess())
+        result_.message = mcp::statusText(endpoint_, result_.statusCode, result_.reason);
     loop_.quit();
 }

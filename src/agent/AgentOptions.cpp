@@ -134,7 +134,7 @@ bool AgentOptions::readToken_(ZnString* token, ZnString* errorText) const {
     const bool isOpen = file.open(ZnFile::OpenMode::Read);
     *token = isOpen ? file.readAll().trimmed() : ZnString();
     if (token->isEmpty())
-        *errorText = "token file " + path + (isOpen ? ": holds no token" : ": cannot be read");
+        *errorText = "token file " + (isOpen ? path + ": holds no token" : mcp::fileProblem(path));
     return !token->isEmpty();
 }
 

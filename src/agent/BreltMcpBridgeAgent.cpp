@@ -1,11 +1,14 @@
 #include "agent/BreltMcpBridgeAgent.h"
 
+#include "agent/McpText.h"
+#include "core/platform/ZnFileIdentity.h"
+#include "core/platform/ZnSocketError.h"
 #include "core/platform/ZnThreadControl.h"
 #include "core/runtime/ZnCoreApplication.h"
 #include "core/runtime/ZnTimer.h"
-#include "core/types/ZnLogger.h"
 
 #include <algorithm>
+#include <iostream>
 #include <limits>
 #include <utility>
 
@@ -29,6 +32,34 @@ void runDeferredDeletions(ZnCoreApplication& application) {
         const ZnPointer<ZnObject> guard(marker);
         marker->deleteLater();
         application.processUntil([&] { return !guard; }, kDeletionMs);
+    }
+}
+
+/// False, with the reason on standard error.
+bool loadCertificate(ZnSslServer& server, const ZnString& certPath, const ZnString& keyPath) {
+    if (server.reloadLocalCredentials(ZnSslServer::makeLocalCredentials_(certPath, keyPath)))
+        return true;
+    for (const ZnString& path : {certPath.trimmed(), keyPath.trimmed()}) {
+        if (ZnFileIdentity::of(path).kind != ZnFileIdentity::Kind::File) {
+            std::cerr << "[McpBridge] " << mcp::fileProblem(path) << std::endl;
+            return false;
+        }
+    }
+    std::cerr << "[McpBridge] certificate and key cannot be used: " << certPath << ", " << keyPath << std::endl;
+    return false;
+}
+
+ZnString listenProblem(int error, const ZnString& address, std::uint16_t port) {
+    switch (error) {
+    case ZnSocketError::kAddressInUse:
+        return "port " + ZnString::number(port) + " is in use";
+    case ZnSocketError::kAccessDenied:
+        return "port " + ZnString::number(port) + " may not be used by this user";
+    case ZnSocketError::kAddressNotAvailable:
+    case ZnSocketError::kHostNotFound:
+        return address + " is no address of this machine";
+    default:
+        return "cannot listen, error " + ZnString::number(error);
     }
 }
 
@@ -85,13 +116,13 @@ bool BreltMcpBridgeAgent::start(const ZnString& bindAddress, std::uint16_t port,
     const ZnString trimmed = bindAddress.trimmed();
     const ZnString address = trimmed.isEmpty() ? ZnString("127.0.0.1") : trimmed;
     const bool usesTls = !tlsCertPath.isEmpty() && !tlsKeyPath.isEmpty();
-    const bool isListening =
-        usesTls ? server->sslServer().reloadLocalCredentials(
-                      ZnSslServer::makeLocalCredentials_(tlsCertPath, tlsKeyPath)) &&
-                      server->sslServer().listen(address, port)
-                : server->tcpServer().listen(address, port);
-    if (!isListening)
+    if (usesTls && !loadCertificate(server->sslServer(), tlsCertPath, tlsKeyPath))
         return false;
+    ZnTcpServer& listener = usesTls ? server->sslServer() : server->tcpServer();
+    if (!listener.listen(address, port)) {
+        std::cerr << "[McpBridge] " << listenProblem(listener.listenError(), address, port) << std::endl;
+        return false;
+    }
     server_ = std::move(server);
     return true;
 }
@@ -114,7 +145,7 @@ bool BreltMcpBridgeAgent::check(const ZnString& tlsCertPath, const ZnString& tls
     if (tlsCertPath.isEmpty() || tlsKeyPath.isEmpty())
         return hasServices;
     ZnSslServer server;
-    return server.reloadLocalCredentials(ZnSslServer::makeLocalCredentials_(tlsCertPath, tlsKeyPath)) && hasServices;
+    return loadCertificate(server, tlsCertPath, tlsKeyPath) && hasServices;
 }
 
 void BreltMcpBridgeAgent::stop() {

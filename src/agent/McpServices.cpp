@@ -2,27 +2,13 @@
 
 #include "agent/BreltMcpBridgeAgent.h"
 #include "agent/McpFailureText.h"
+#include "agent/McpText.h"
 #include "core/io/ZnFile.h"
 #include "core/platform/ZnFileIdentity.h"
 #include "core/types/ZnJsonArray.h"
 
 #include <iostream>
 #include <utility>
-
-namespace {
-
-const char* causeOf(const ZnFileIdentity& file) {
-    switch (file.kind) {
-    case ZnFileIdentity::Kind::Missing:
-        return "no such file";
-    case ZnFileIdentity::Kind::Directory:
-        return "is a directory";
-    default:
-        return "cannot be opened";
-    }
-}
-
-} // namespace
 
 bool BreltMcpBridgeAgent::loadServices_() {
     remarks_.clear();
@@ -37,7 +23,7 @@ bool BreltMcpBridgeAgent::loadServices_() {
         return true;
     std::cerr << "[McpBridge] Cannot load services file " << servicesFile_ << ": " << error << std::endl;
     if (!isOpen)
-        std::cerr << "[McpBridge] " << servicesFile_ << ": " << causeOf(ZnFileIdentity::of(servicesFile_)) << std::endl;
+        std::cerr << "[McpBridge] " << mcp::fileProblem(servicesFile_) << std::endl;
     return false;
 }
 

@@ -1,5 +1,7 @@
 #include "agent/McpText.h"
 
+#include "core/platform/ZnFileIdentity.h"
+
 #include <algorithm>
 #include <cctype>
 #include <numeric>
@@ -141,6 +143,17 @@ std::string_view nearestName(std::string_view name, const std::vector<std::strin
         }
     }
     return nearest;
+}
+
+ZnString fileProblem(const ZnString& path) {
+    switch (ZnFileIdentity::of(path).kind) {
+    case ZnFileIdentity::Kind::Missing:
+        return path + ": no such file";
+    case ZnFileIdentity::Kind::Directory:
+        return path + ": is a directory";
+    default:
+        return path + ": cannot be used";
+    }
 }
 
 } // namespace mcp

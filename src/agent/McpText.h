@@ -24,4 +24,7 @@ ZnString lineText(int line, const ZnString& serviceId);
 /// count); empty when none is near.
 std::string_view nearestName(std::string_view name, const std::vector<std::string_view>& known);
 
+/// Why the file at `path` cannot be used: "PATH: no such file" and the like.
+ZnString fileProblem(const ZnString& path);
+
 } // namespace mcp

@@ -9,7 +9,7 @@ TEST(AgentProgram, LinesAndExitCodes) {
     unsigned short takenPort = 0;
     const int taken = listenOnLoopback(&takenPort);
     const std::string port = freePort();
-    struct Row { const char* name; std::vector<std::string> arguments; std::string lastLine; int exitCode; };
+    struct Row { const char* name; std::vector<std::string> arguments; std::string lines; int exitCode; };
     const Row rows[] = {
         {"raw values are shown",
          {"--port=" + port, "--bind=", "--mcp_path", "mcp/", "--services_file=", "--duration_ms=1"},
@@ -21,25 +21,28 @@ TEST(AgentProgram, LinesAndExitCodes) {
         {"version", {"--version=1"}, "brelt-mcp-bridge-agent 0.1.0", 0},
         {"strict", {"--strict", "--mcp-token=x", "--services_file=", "--port=" + port},
          "[McpBridge] Unable to start on 127.0.0.1:" + port, 2},
-        {"no token file", {"--mcp_token_file=none", "--services_file="}, "[McpBridge] token file none: cannot be read", 2},
+        {"no token file", {"--mcp_token_file=none", "--services_file="}, "[McpBridge] token file none: no such file", 2},
         {"check", {"--check", "--services_file="}, "[McpBridge] check: 0 services, plain HTTP, 0 warnings: fine", 0},
         {"check finds something", {"--check", "--services_file=", "--mcp_tokn=x", "--mcp_token=", "--mcp_interop=maybe"},
          "[McpBridge] check: 0 services, plain HTTP, 3 warnings: starts, unless --strict", 1},
         {"no services file", {"--port=" + port, "--services_file= none.json "},
-         "[McpBridge] Cannot load services file none.json: Unable to open file", 2},
+         "[McpBridge] Cannot load services file none.json: Unable to open file\n[McpBridge] none.json: no such file", 2},
         {"port out of range", {"--port=70000", "--bind=999.0.0.1", "--services_file="},
-         "[McpBridge] Unable to start on 999.0.0.1:9010", 2},
+         "[McpBridge] 999.0.0.1 is no address of this machine\n[McpBridge] Unable to start on 999.0.0.1:9010", 2},
         {"no certificate", {"--tls_cert_path=a.pem", "--tls_key_path=a.key", "--port=" + port, "--services_file="},
-         "[McpBridge] Unable to start on 127.0.0.1:" + port, 2},
+         "[McpBridge] a.pem: no such file\n[McpBridge] Unable to start on 127.0.0.1:" + port, 2},
         {"port in use", {"--port=" + std::to_string(takenPort), "--services_file="},
-         "[McpBridge] Unable to start on 127.0.0.1:" + std::to_string(takenPort), 2}};
+         "[McpBridge] port " + std::to_string(takenPort) + " is in use\n[McpBridge] Unable to start on 127.0.0.1:" +
+             std::to_string(takenPort), 2}};
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         TestProgram agent(BRELT_AGENT_PROGRAM, row.arguments);
         std::string line = agent.readLine();
         while (holds(line, "[ERROR]") || holds(line, "Warning"))
             line = agent.readLine();
-        EXPECT_EQ(line, row.lastLine);
+        if (row.lines.find('\n') != std::string::npos)
+            line += "\n" + agent.readLine();
+        EXPECT_EQ(line, row.lines);
         EXPECT_EQ(agent.exitCode(), row.exitCode);
     }
     ::close(taken);

@@ -69,7 +69,9 @@ bool ZnTcpServer::listen(const ZnString& address, unsigned short port) {
         return true;
     close();
     const ZnResolver::Result addresses = resolveBindAddresses(host, port);
+    listenError_ = 0;
     if (addresses.empty()) {
+        listenError_ = ZnSocketError::kHostNotFound;
         ZN_LOG_ERROR(kCategory, "ZnTcpServer::listen") << "invalid bind address: " << address;
         return false;
     }
@@ -81,6 +83,7 @@ bool ZnTcpServer::listen(const ZnString& address, unsigned short port) {
         error = listenOnAll_(addresses, isWildcard(host));
     }
     if (error != 0) {
+        listenError_ = error;
         ZN_LOG_ERROR(kCategory, "ZnTcpServer::listen") << failedStep_ << " failed: " << error;
         close();
         return false;

@@ -26,6 +26,8 @@ public:
     /// The oldest accepted socket, or null. The caller owns it.
     virtual ZnTcpSocket* nextPendingConnection();
     unsigned short localPort() const noexcept { return localPort_; }
+    /// Why the last listen() failed, a ZnSocketError number; 0 when it did not.
+    int listenError() const noexcept { return listenError_; }
     /// The first address of a name.
     const ZnString& localAddress() const noexcept { return localAddress_; }
 
@@ -57,6 +59,7 @@ private:
 
     std::vector<Listener_> listeners_; // one per address; empty: not listening
     const char* failedStep_ = "";
+    int listenError_ = 0;
     unsigned short localPort_ = 0;
     ZnString localAddress_;
     ZnString boundHost_; // as asked for, without brackets

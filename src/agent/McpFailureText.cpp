@@ -46,6 +46,8 @@ ZnString withoutUserInformation(const ZnString& endpoint) {
 }
 
 ZnString statusText(const ZnString& endpoint, int statusCode, const ZnString& reason) {
+    if (statusCode == 0)
+        return "the answer of " + endpointAddress(endpoint) + " is malformed"; // no status line
     const ZnString words = reason.isEmpty() ? ZnString() : " " + printable(reason.view(), 40);
     return endpointAddress(endpoint) + " answered with status " + ZnString::number(statusCode) + words;
 }

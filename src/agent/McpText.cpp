@@ -134,7 +134,8 @@ ZnString lineText(int line, const ZnString& serviceId) {
 std::string_view nearestName(std::string_view name, const std::vector<std::string_view>& known) {
     const std::string wanted = folded(name);
     std::string_view nearest;
-    std::size_t leastDistance = wanted.size() / 3 + 2; // more than a third of it is another name
+    // More than a third of it is another name, and so is all of it.
+    std::size_t leastDistance = std::min(wanted.size() / 3 + 2, wanted.size());
     for (const std::string_view candidate : known) {
         const std::size_t distance = distanceOf(wanted, folded(candidate));
         if (distance < leastDistance) {

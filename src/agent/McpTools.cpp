@@ -116,7 +116,11 @@ ZnByteArray BreltMcpBridgeAgent::forward_(ZnHttpContext& context, ZnString idTex
     McpForwardCall call(record, std::move(request), maxAnswerBytes_, workers_);
     McpForwardCalls::Entry entry(*calls, call, record.id);
     entry.hold(requestBytes);
-    call.setGrowth([&](std::size_t answerBytes) { return entry.hold(requestBytes + answerBytes); });
+    bool wasLarge = false; // also an answer that is not taken
+    call.setGrowth([&](std::size_t answerBytes) {
+        wasLarge = wasLarge || answerBytes >= McpRpcAnswer::kLargeBytes;
+        return entry.hold(requestBytes + answerBytes);
+    });
     const ZnHttpAbandonGuard guard(context.request(), [&] { call.end(McpForwardCall::kClientGone); });
     McpForwardResult result = call.run();
     const auto refuse = [](std::string_view id, const char* text) {
@@ -130,11 +134,11 @@ ZnByteArray BreltMcpBridgeAgent::forward_(ZnHttpContext& context, ZnString idTex
     else if (!mcp::awaitWork(workers_, [answer] { answer->build(); }))
         return refuse("null", McpForwardCalls::kStopping);
     calls->report(record.id, answer->result());
+    if (wasLarge && !alive.expired())
+        giveMemoryBackSoon_();
     ZnByteArray text = answer->takeText();
     if (text.size() < McpRpcAnswer::kLargeBytes)
         return text;
-    if (!alive.expired())
-        giveMemoryBackSoon_();
     context.request().keptUntilSent = McpForwardCalls::holdUnsent(calls, text.size());
     return context.request().keptUntilSent ? std::move(text)
                                            : refuse(answer->idText().view(), McpForwardCalls::kTooManyBytes);

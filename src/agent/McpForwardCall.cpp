@@ -10,6 +10,8 @@
 
 namespace {
 constexpr long long kUsPerMs = 1000;
+constexpr std::size_t kBytesInOneGo = 65536; // of small events: a million of them may come in one stream
+constexpr std::size_t kEventBytes = 64;      // what an event costs beside its text
 } // namespace
 
 McpForwardCall::McpForwardCall(const McpBridgeServiceRecord& record, McpForwardRequest request,
@@ -77,13 +79,23 @@ bool McpForwardCall::takeEvents_() {
     const ZnPointer<ZnEventLoop> self(&loop_); // the call itself is no object: they go together
     while (stream_->hasEvents()) {
         const auto events = std::make_shared<std::deque<McpStreamEvent>>(stream_->takeEvents());
+        std::size_t byteCount = 0;
+        for (const McpStreamEvent& event : *events)
+            byteCount += event.text.size();
         const auto parse = [events] {
             for (McpStreamEvent& event : *events)
                 event.parse();
         };
-        if (answerBytes_ < McpRpcAnswer::kLargeBytes)
+        unpausedBytes_ += byteCount + events->size() * kEventBytes;
+        if (byteCount >= McpRpcAnswer::kLargeBytes) {
+            if (!mcp::awaitWork(pool_, parse))
+                return false;
+        } else {
+            if (std::exchange(unpausedBytes_, unpausedBytes_ % kBytesInOneGo) >= kBytesInOneGo)
+                mcp::letOthersRun();
             parse();
-        else if (!mcp::awaitWork(pool_, parse) || !self || hasEnded_)
+        }
+        if (!self || hasEnded_)
             return false;
         for (McpStreamEvent& event : *events) {
             if (stream_->takeMessages(event))

@@ -3,7 +3,9 @@
 #include "agent/McpText.h"
 #include "core/platform/ZnFileIdentity.h"
 #include "core/platform/ZnSocketError.h"
+#include "core/platform/ZnThreadControl.h"
 #include "core/runtime/ZnCoreApplication.h"
+#include "core/runtime/ZnTimer.h"
 
 #include <algorithm>
 #include <iostream>
@@ -157,6 +159,20 @@ void BreltMcpBridgeAgent::stop() {
     server_.reset();
     if (application != nullptr)
         runDeferredDeletions(*application);
+}
+
+/// What a large message has needed in small pieces stays with the allocator otherwise.
+void BreltMcpBridgeAgent::giveMemoryBackSoon_() {
+    constexpr int kDelayMs = 500; // for a burst once, and behind the end of most calls
+    if (ZnCoreApplication::instance() == nullptr || std::exchange(isMemoryDue_, true))
+        return;
+    ZnTimer::singleShot(kDelayMs, [this, alive = std::weak_ptr<const bool>(aliveToken_)] {
+        if (alive.expired())
+            return;
+        isMemoryDue_ = false;
+        const auto giveBack = [] { ZnThreadControl::giveMemoryBack(); };
+        workers_.start(new ZnCallableRunnable<decltype(giveBack)>(giveBack));
+    });
 }
 
 std::uint16_t BreltMcpBridgeAgent::localPort() const {

@@ -26,8 +26,9 @@
 /// allowlist.
 ///
 /// States: constructed, listening, stopped. Configuration is set before start and never changes afterwards.
-/// Thread: one, that of its ZnCoreApplication. Handlers run on fibers and interleave where one waits for a service;
-/// no lock is held across that wait, and no two at once.
+/// Thread: one, that of its ZnCoreApplication, but for messages above 256 KiB, which are read and answered on a pool.
+/// Handlers run on fibers and interleave where one waits for a service; no lock is held across that wait, and no two at
+/// once.
 /// Owner: the entry function.
 class BreltMcpBridgeAgent {
 public:
@@ -145,9 +146,10 @@ private:
     ZnString callTool_(const ZnString& name, const ZnJsonObject& arguments);
     ZnString getServiceTool_(const ZnJsonObject& arguments);
     ServiceRef_ serviceToCall_(const ZnJsonObject& arguments, ZnString* refusal);
-    ZnByteArray callRpcTool_(McpMessage& message, const ZnJsonObject& arguments);
-    ZnByteArray forward_(ZnHttpContext& context, ZnJsonValue id, const McpBridgeServiceRecord& record,
+    ZnByteArray callRpcTool_(ZnHttpContext& context, McpMessage& message);
+    ZnByteArray forward_(ZnHttpContext& context, ZnString idText, const McpBridgeServiceRecord& record,
                          McpForwardRequest request);
+    void giveMemoryBackSoon_();
 
     std::unique_ptr<ZnHttpApp> server_; // null unless listening
     ZnString servicesFile_;
@@ -167,7 +169,8 @@ private:
     McpFailureTable failures_ ZN_GUARDED_BY(failuresMutex_);
     const std::shared_ptr<const bool> aliveToken_ = std::make_shared<bool>(true); // tells fibers that were parked
     const std::shared_ptr<McpForwardCalls> calls_;
-    ZnThreadPool workers_; // for messages that are too large for the loop
     std::int64_t maxAnswerBytes_ = kDefaultAnswerBytes;
     std::function<long long()> clock_ = monotonicNowNs;
+    bool isMemoryDue_ = false; // giveMemoryBackSoon_() has a timer
+    ZnThreadPool workers_; // for messages that are too large for the loop; the last member: its tasks use the others
 };

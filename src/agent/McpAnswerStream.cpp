@@ -22,16 +22,10 @@ void McpAnswerStream::take(std::string_view bytes) {
     const auto note = [this](std::string_view type, std::string_view data) {
         const bool isMessage = type.empty() || type == "message";
         if (isMessage && !trimmedView(data).empty())
-            events_.push_back(ZnString(data));
+            events_.push_back({ZnString(data), ZnJsonValue()});
         return true;
     };
     isReadable_ = isReadable_ && parser_.feed(bytes, note);
-}
-
-McpStreamEvent McpAnswerStream::takeEvent() {
-    McpStreamEvent event{std::move(events_.front()), ZnJsonValue()};
-    events_.pop_front();
-    return event;
 }
 
 bool McpAnswerStream::takeMessages(McpStreamEvent& event) {

@@ -8,8 +8,10 @@
 #include <deque>
 #include <optional>
 #include <string_view>
+#include <utility>
 
-/// One event of a stream, as text and as what it says. It stands by itself: a large one may be parsed on another thread.
+/// One event of a stream, as text and as what it says. It stands by itself: those of a large
+/// answer are parsed on another thread.
 struct McpStreamEvent {
     /// Exactly; a text that is no JSON becomes a string, and bytes that are no UTF-8 are replaced.
     void parse();
@@ -33,9 +35,9 @@ public:
 
     /// Notes the events that end in `bytes`. One that is too large ends the reading.
     void take(std::string_view bytes);
-    bool hasEvent() const noexcept { return !events_.empty(); }
-    /// The next one, which is to be parsed.
-    McpStreamEvent takeEvent();
+    bool hasEvents() const noexcept { return !events_.empty(); }
+    /// Those that were noted, in their order; they are to be parsed.
+    std::deque<McpStreamEvent> takeEvents() { return std::exchange(events_, {}); }
     /// Takes the messages of a parsed event. Returns whether the answer has come; what stands behind it is not read.
     bool takeMessages(McpStreamEvent& event);
 
@@ -52,7 +54,7 @@ private:
     const std::optional<ZnJsonValue> requestId_;
     ZnEventStreamParser parser_;
     bool isReadable_ = true;
-    std::deque<ZnString> events_;
+    std::deque<McpStreamEvent> events_;
     ZnJsonValue answer_;
     ZnJsonArray others_;
 };

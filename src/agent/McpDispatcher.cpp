@@ -107,55 +107,61 @@ ZnJsonObject initializeResult(const ZnString& protocolVersion) {
              "bridge.list_services first. bridge.rpc only calls services listed in the local allowlist."}};
 }
 
-} // namespace
+/// False when the request's body is no single JSON object.
+bool readMessage(JsonReading reading, McpMessage* message) {
+    ZnString error;
+    return message->context.parseJsonBody(&message->document, &error, reading, mcp::kMaxJsonValues) &&
+           message->document.root().isObject();
+}
 
-namespace {
-
-/// A body that is read on another thread: the frame that waits for it may go before that is done.
-struct ReadWork {
+/// A message that is handled on another thread: the frame that waits for it may go before that is done.
+struct LargeMessage {
+    explicit LargeMessage(const ZnHttpRequest& from) {
+        request.headers = from.headers;
+        request.body = std::move(from.body);
+    }
     ZnHttpRequest request;
-    ZnJsonDocument document;
-    bool isRead = false;
+    ZnHttpContext context{request};
+    McpMessage message{context};
 };
 
-/// Reads the request's body, on another thread when it is large. False when it is no single JSON object, or the wait was
-/// ended.
-bool readMessage(ZnThreadPool& workers, JsonReading reading, McpMessage* message) {
-    ZnHttpContext& context = message->context;
-    if (context.request().body.size() < McpRpcAnswer::kLargeBytes) {
-        ZnString error;
-        return context.parseJsonBody(&message->document, &error, reading, mcp::kMaxJsonValues) &&
-               message->document.root().isObject();
-    }
-    const auto work = std::make_shared<ReadWork>();
-    work->request.body = std::move(context.request().body);
-    const bool hasRun = mcp::awaitWork(workers, [work, reading] {
-        ZnString error;
-        work->isRead = ZnHttpContext(work->request).parseJsonBody(&work->document, &error, reading, mcp::kMaxJsonValues);
-    });
-    if (!hasRun)
-        return false;
-    context.request().body = std::move(work->request.body);
-    message->document = std::move(work->document);
-    return work->isRead && message->document.root().isObject();
+void takeAnswer(ZnHttpResponse answer, ZnHttpContext* context) {
+    for (const auto& [name, value] : answer.headers)
+        context->setHeader(name, value);
+    context->send(std::move(answer.body), ZnString(), answer.status);
 }
 
 } // namespace
 
 void BreltMcpBridgeAgent::handlePost_(ZnHttpContext& context) {
-    McpMessage message(context);
-    const std::weak_ptr<const bool> alive = aliveToken_;
-    const bool isMessage = readMessage(workers_, interop_ ? JsonReading::Exact : JsonReading::Dialect, &message);
-    if (alive.expired())
-        return context.sendStatus(503);
-    if (isMessage)
+    if (context.request().body.size() < McpRpcAnswer::kLargeBytes) {
+        McpMessage message(context);
         handleMessage_(message);
+        if (message.service)
+            context.send(callRpcTool_(context, message), ZnString(zn::http::kJsonText));
+        return;
+    }
+    const std::weak_ptr<const bool> alive = aliveToken_;
+    const auto large = std::make_shared<LargeMessage>(context.request());
+    const bool hasRun = mcp::awaitWork(workers_, [this, large] {
+        handleMessage_(large->message);
+        if (!large->message.service)
+            large->message.document = ZnJsonDocument(); // here: it may be a million values
+    });
+    if (!hasRun || alive.expired())
+        return context.sendStatus(503);
+    giveMemoryBackSoon_();
+    if (large->message.service)
+        context.send(callRpcTool_(context, large->message), ZnString(zn::http::kJsonText));
     else
-        sendError(context, 400, "Expected a single JSON-RPC object");
+        takeAnswer(std::move(large->context.response()), &context);
 }
 
+/// Answers in the message's context, unless the message is a call to forward. Of a large message: not on the loop.
 void BreltMcpBridgeAgent::handleMessage_(McpMessage& read) {
     ZnHttpContext& context = read.context;
+    if (!readMessage(interop_ ? JsonReading::Exact : JsonReading::QuietDialect, &read))
+        return sendError(context, 400, "Expected a single JSON-RPC object");
     const ZnJsonObject& message = read.object();
     const bool hasId = message.contains("id");
     const ZnJsonValue& id = message.value("id");
@@ -184,6 +190,7 @@ void BreltMcpBridgeAgent::handleNotification_(ZnHttpContext& context, std::strin
         const SessionRef_ session = requireSession_(context);
         if (!session)
             return;
+        ZnMutexLocker locker(sessionsMutex_);
         session->initialized = true;
     }
     context.sendStatus(202);
@@ -197,7 +204,9 @@ void BreltMcpBridgeAgent::handleSessionRequest_(McpMessage& message, std::string
     const std::string_view version = headerVersion.empty() ? session->protocolVersion.view() : headerVersion;
     if (!isSupportedProtocol_(version) || version != session->protocolVersion.view())
         return sendError(context, 400, "MCP protocol version mismatch");
-    context.send(dispatchRequest_(message), ZnString(zn::http::kJsonText)); // may park: the agent is not used behind it
+    ZnByteArray answer = dispatchRequest_(message);
+    if (!message.service)
+        context.send(std::move(answer), ZnString(zn::http::kJsonText));
 }
 
 BreltMcpBridgeAgent::SessionRef_ BreltMcpBridgeAgent::requireSession_(ZnHttpContext& context) {
@@ -240,6 +249,7 @@ ZnString BreltMcpBridgeAgent::handleInitialize_(const ZnJsonObject& request, ZnS
     return mcp::jsonRpcResult_(id, ZnJsonValue(initializeResult(requested)).toJson().view());
 }
 
+/// Empty for a call to forward.
 ZnByteArray BreltMcpBridgeAgent::dispatchRequest_(McpMessage& message) {
     const ZnJsonObject& request = message.object();
     const std::string_view method = methodOf(request);

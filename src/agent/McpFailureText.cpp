@@ -45,6 +45,13 @@ ZnString withoutUserInformation(const ZnString& endpoint) {
     return ZnString(text.substr(0, begin)) + ZnString(text.substr(at + 1));
 }
 
+ZnString statusText(const ZnString& endpoint, int statusCode, const ZnString& reason) {
+    if (statusCode == 0)
+        return "the answer of " + endpointAddress(endpoint) + " is malformed"; // no status line
+    const ZnString words = reason.isEmpty() ? ZnString() : " " + printable(reason.view(), 40);
+    return endpointAddress(endpoint) + " answered with status " + ZnString::number(statusCode) + words;
+}
+
 ZnString failureText(int errorCode, const ZnString& endpoint, int timeoutMs, const ZnString& detail) {
     const ZnString address = endpointAddress(endpoint);
     switch (errorCode) {

@@ -8,6 +8,9 @@ namespace mcp {
 /// McpForwardCall give it; `detail`: what is known of a failure of TLS.
 ZnString failureText(int errorCode, const ZnString& endpoint, int timeoutMs, const ZnString& detail);
 
+/// The same for an answer whose status is none of success.
+ZnString statusText(const ZnString& endpoint, int statusCode, const ZnString& reason);
+
 /// The address of an endpoint as it may be shown, without user information and query.
 ZnString endpointAddress(const ZnString& endpoint);
 

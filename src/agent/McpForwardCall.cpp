@@ -10,6 +10,8 @@
 
 namespace {
 constexpr long long kUsPerMs = 1000;
+constexpr std::size_t kBytesInOneGo = 65536; // of small events: a million of them may come in one stream
+constexpr std::size_t kEventBytes = 64;      // what an event costs beside its text
 } // namespace
 
 McpForwardCall::McpForwardCall(const McpBridgeServiceRecord& record, McpForwardRequest request,
@@ -75,15 +77,30 @@ bool McpForwardCall::takeAnswer_(const ZnMap<ZnString, ZnString>& headers, std::
 
 bool McpForwardCall::takeEvents_() {
     const ZnPointer<ZnEventLoop> self(&loop_); // the call itself is no object: they go together
-    while (stream_->hasEvent()) {
-        const auto event = std::make_shared<McpStreamEvent>(stream_->takeEvent());
-        if (event->text.size() < McpRpcAnswer::kLargeBytes) {
-            event->parse();
-        } else if (!mcp::awaitWork(pool_, [event] { event->parse(); }) || !self || hasEnded_) {
-            return false;
+    while (stream_->hasEvents()) {
+        const auto events = std::make_shared<std::deque<McpStreamEvent>>(stream_->takeEvents());
+        std::size_t byteCount = 0;
+        for (const McpStreamEvent& event : *events)
+            byteCount += event.text.size();
+        const auto parse = [events] {
+            for (McpStreamEvent& event : *events)
+                event.parse();
+        };
+        unpausedBytes_ += byteCount + events->size() * kEventBytes;
+        if (byteCount >= McpRpcAnswer::kLargeBytes) {
+            if (!mcp::awaitWork(pool_, parse))
+                return false;
+        } else {
+            if (std::exchange(unpausedBytes_, unpausedBytes_ % kBytesInOneGo) >= kBytesInOneGo)
+                mcp::letOthersRun();
+            parse();
         }
-        if (stream_->takeMessages(*event))
-            return true;
+        if (!self || hasEnded_)
+            return false;
+        for (McpStreamEvent& event : *events) {
+            if (stream_->takeMessages(event))
+                return true;
+        }
     }
     return false;
 }
@@ -108,5 +125,7 @@ void McpForwardCall::finishForward_(bool transportOk, int errorCode) {
         result_.message = mcp::failureText(errorCode, endpoint_, timeoutMs_, client_.failureDetail());
     else if (result_.lacksAnswer)
         result_.message = "the event stream ended without the answer";
+    else if (!result_.isSuccess())
+        result_.message = mcp::statusText(endpoint_, result_.statusCode, result_.reason);
     loop_.quit();
 }

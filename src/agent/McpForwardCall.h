@@ -64,6 +64,7 @@ private:
     McpForwardRequest request_;
     std::optional<McpAnswerStream> stream_; // while the answer is an event stream that is to be decoded
     std::size_t answerBytes_ = 0;
+    std::size_t unpausedBytes_ = 0; // of events that were parsed on the loop since others had their turn
     ZnHttpClient client_;
     ZnTimer timer_;
     ZnEventLoop loop_;

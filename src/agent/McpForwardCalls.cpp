@@ -6,8 +6,19 @@
 
 #include <utility>
 
+std::shared_ptr<const void> McpForwardCalls::holdUnsent(const std::shared_ptr<McpForwardCalls>& calls,
+                                                        std::size_t byteCount) {
+    if (calls->unsentBytes_ > 0 && calls->unsentBytes_ + byteCount > kMaxBytes)
+        return nullptr;
+    calls->unsentBytes_ += byteCount;
+    return {calls.get(), [calls, byteCount](const void*) { calls->unsentBytes_ -= byteCount; }};
+}
+
 void McpForwardCalls::report(const ZnString& serviceId, const McpForwardResult& result) {
     constexpr const char* kCategory = "zn.agent.mcpforwardcalls";
+    const bool isMeant = result.errorCode == McpForwardCall::kClientGone || result.errorCode == McpForwardCall::kStopped;
+    if (isMeant || result.message.isEmpty())
+        return;
     const long long second = monotonicNowNs() / 1000000000;
     if (second != std::exchange(reportSecond_, second))
         reportCount_ = 0;

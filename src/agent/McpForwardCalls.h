@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <list>
+#include <memory>
 
 /// The upstream calls in flight and what they hold, bounded: neither many calls nor large ones take what others need, and
 /// one service that hangs leaves room for those beside it.
@@ -56,10 +57,15 @@ public:
             return "Too many calls in flight to this service";
         return bytes_ + byteCount > kMaxBytes ? kTooManyBytes : nullptr;
     }
+    /// Counts the bytes of an answer until what is returned goes. Null when the answers that wait for slow clients leave
+    /// no room for it; alone it may have any size.
+    static std::shared_ptr<const void> holdUnsent(const std::shared_ptr<McpForwardCalls>& calls, std::size_t byteCount);
+
     static constexpr const char* kTooManyBytes = "Too many bridge bytes in flight";
     static constexpr const char* kStopping = "Agent is stopping";
 
-    /// One line in the log about a call that has failed; at most kReportsPerSecond, the others with their number later.
+    /// One line in the log about a call that has failed and was not ended on purpose; at most kReportsPerSecond, the
+    /// others with their number later.
     void report(const ZnString& serviceId, const McpForwardResult& result);
     static constexpr int kReportsPerSecond = 10;
 
@@ -75,6 +81,7 @@ private:
     std::list<McpForwardCall*> inFlight_;
     ZnMap<ZnString, std::size_t> byService_; // calls in flight, of services that have any
     std::size_t bytes_ = 0;
+    std::size_t unsentBytes_ = 0; // of answers that are built
     bool isStopping_ = false;
     long long reportSecond_ = 0; // of the monotonic clock
     int reportCount_ = 0;        // in that second

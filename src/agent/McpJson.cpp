@@ -63,10 +63,13 @@ ZnJsonObject errorBody_(const char* message) {
 }
 
 ZnString jsonRpcResult_(const ZnJsonValue& id, std::string_view resultText) {
-    const ZnString idText = id.toJson();
+    return jsonRpcResultTo_(id.toJson().view(), resultText);
+}
+
+ZnString jsonRpcResultTo_(std::string_view idText, std::string_view resultText) {
     ZnString text;
     text.reserve(idText.size() + resultText.size() + 48);
-    text.append("{\"id\": ").append(idText.view()).append(",\"jsonrpc\": \"2.0\",\"result\": ");
+    text.append("{\"id\": ").append(idText).append(",\"jsonrpc\": \"2.0\",\"result\": ");
     return std::move(text.append(resultText).append("}"));
 }
 

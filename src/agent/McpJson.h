@@ -24,7 +24,8 @@ ZnString textMember_(const ZnJsonObject& object, std::string_view name);
 /// {"error": message}
 ZnJsonObject errorBody_(const char* message);
 
-// JSON-RPC responses, as text. `resultText` is JSON.
+// JSON-RPC responses, as text. `resultText` and `idText` are JSON.
+ZnString jsonRpcResultTo_(std::string_view idText, std::string_view resultText);
 ZnString jsonRpcResult_(const ZnJsonValue& id, std::string_view resultText);
 /// "data" is left out when it is null.
 ZnString jsonRpcError_(const ZnJsonValue& id, int code, const char* message, ZnJsonValue data = ZnJsonValue());

@@ -1,9 +1,11 @@
 #include "agent/McpRpcAnswer.h"
 
+#include "agent/McpFailureText.h"
 #include "agent/McpJson.h"
 #include "agent/McpText.h"
 #include "core/io/ZnHttpClient.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace {
@@ -32,29 +34,29 @@ std::size_t escapedBytes(std::string_view text) {
 } // namespace
 
 void McpRpcAnswer::build() {
-    if (reading_ == JsonReading::Exact)
+    if (isExact_)
         repairTexts_();
     readBody_();
     ZnString payload = payload_();
     if (payload.size() > kPayloadFactor * maxBytes_ || escapedBytes(payload.view()) + payload.size() > kTextFactor * maxBytes_) {
-        result_ = McpForwardResult::failure(ZnHttpClient::kResponseTooLarge);
+        fail_();
         payload = payload_();
     }
-    writeText_(std::move(payload));
+    writeText_(payload);
 }
 
 void McpRpcAnswer::repairTexts_() {
     result_.reason = mcp::wellFormed(std::move(result_.reason));
     result_.mcpSessionId = mcp::wellFormed(std::move(result_.mcpSessionId));
-    if (!mcp::isWellFormed(result_.rawBody.view()))
-        result_.rawBody = ZnByteArray(mcp::wellFormed(ZnString(result_.rawBody.view())));
+    result_.rawBody = mcp::wellFormed(std::move(result_.rawBody));
 }
 
 void McpRpcAnswer::readBody_() {
     if (!result_.transportOk || result_.isDecoded || trimmedView(result_.rawBody.view()).empty())
         return;
+    const JsonReading reading = isExact_ ? JsonReading::Exact : JsonReading::QuietDialect;
     ZnString error; // a body that is no JSON is handed on as it is
-    ZnJsonDocument document = ZnJsonDocument::fromJson(result_.rawBody.view(), &error, reading_, mcp::kMaxJsonValues);
+    ZnJsonDocument document = ZnJsonDocument::fromJson(result_.rawBody.view(), &error, reading, mcp::kMaxJsonValues);
     if (error.isEmpty())
         result_.body = std::move(document.root());
 }
@@ -73,7 +75,7 @@ ZnString McpRpcAnswer::payload_() {
     }
     text.append("\"errorCode\": ").append(ZnString::number(result_.errorCode).view());
     appendTextMember(&text, "mcpSessionId", result_.mcpSessionId.view());
-    if (!result_.message.isEmpty())
+    if (isExact_ && !result_.message.isEmpty())
         appendTextMember(&text, "message", result_.message.view());
     if (!result_.notifications.isEmpty()) {
         text.append(",\"notifications\": ");
@@ -88,21 +90,27 @@ ZnString McpRpcAnswer::payload_() {
     text.append(",\"transportOk\": ").append(result_.transportOk ? "true}" : "false}");
     if (!isTooLarge)
         return text;
-    result_ = McpForwardResult::failure(ZnHttpClient::kResponseTooLarge);
+    fail_();
     return payload_();
 }
 
-void McpRpcAnswer::writeText_(ZnString payload) {
-    const ZnString idText = id_.toJson();
-    ZnString text;
-    text.reserve(idText.size() + escapedBytes(payload.view()) + payload.size() + 160);
-    text.append("{\"id\": ").append(idText.view()).append(",\"jsonrpc\": \"2.0\",\"result\": ");
-    text.append("{\"content\": [{\"text\": \"");
-    appendEscapedJson(&text, payload.view());
-    text.append("\",\"type\": \"text\"}],");
+void McpRpcAnswer::fail_() {
+    result_ = McpForwardResult::failure(ZnHttpClient::kResponseTooLarge);
+    result_.message = mcp::failureText(result_.errorCode, endpoint_, 0, ZnString());
+}
+
+void McpRpcAnswer::writeText_(const ZnString& payload) {
+    text_.reserve(idText_.size() + escapedBytes(payload.view()) + payload.size() + 160);
+    text_.append("{\"id\": ");
+    text_.append(idText_.view());
+    text_.append(",\"jsonrpc\": \"2.0\",\"result\": {\"content\": [{\"text\": \"");
+    constexpr std::size_t kPieceBytes = 65536;
+    for (std::string_view rest = payload.view(); !rest.empty(); rest.remove_prefix(std::min(kPieceBytes, rest.size())))
+        text_.append(escapeJsonString(rest.substr(0, kPieceBytes)).view());
+    text_.append("\",\"type\": \"text\"}],");
     if (!result_.isSuccess())
-        text.append("\"isError\": true,");
-    text.append("\"structuredContent\": ").append(payload.view()).append("}}");
-    payload = ZnString(); // gives its memory back in front of the copy
-    text_ = ZnByteArray(text);
+        text_.append("\"isError\": true,");
+    text_.append("\"structuredContent\": ");
+    text_.append(payload.view());
+    text_.append("}}");
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "agent/McpBridgeServiceRecord.h"
 #include "agent/McpForwardResult.h"
 #include "core/types/ZnJsonDocument.h"
 
@@ -9,30 +10,36 @@
 ///
 /// Thread: a value; build() may run on another thread than the rest. Reading and writing a large answer takes long, which
 /// is why it is apart from everything that belongs to the loop.
-/// Memory: the text is at most three times the bound of an answer, and making it needs no more than as much again; an
+/// Memory: the text is at most three times the bound of an answer, and what it is made from at most as much again; an
 /// answer that grows beyond that becomes the failure of one that is too large.
 class McpRpcAnswer {
 public:
     static constexpr std::size_t kLargeBytes = 262144; // from here on it is too much for the loop
 
-    /// `id`: of the client's request. `maxBytes`: of a service's answer.
-    McpRpcAnswer(ZnJsonValue id, McpForwardResult result, JsonReading reading, std::size_t maxBytes)
-        : id_(std::move(id)), result_(std::move(result)), reading_(reading), maxBytes_(maxBytes) {}
+    /// `idText`: of the client's request, as JSON. `maxBytes`: of a service's answer.
+    McpRpcAnswer(ZnString idText, McpForwardResult result, const McpBridgeServiceRecord& service, std::size_t maxBytes)
+        : idText_(std::move(idText)), result_(std::move(result)), isExact_(service.interop), endpoint_(service.endpoint),
+          maxBytes_(maxBytes) {}
 
-    bool isLarge() const noexcept { return result_.rawBody.size() >= kLargeBytes; }
+    bool isLarge() const noexcept { return result_.rawBody.size() + idText_.size() >= kLargeBytes; }
     /// Once.
     void build();
     ZnByteArray takeText() { return std::move(text_); }
+    const ZnString& idText() const noexcept { return idText_; }
+    /// After build(): without what has gone into the text.
+    const McpForwardResult& result() const noexcept { return result_; }
 
 private:
+    void fail_();
     void repairTexts_();
     void readBody_();
     ZnString payload_();
-    void writeText_(ZnString payload);
+    void writeText_(const ZnString& payload);
 
-    ZnJsonValue id_;
+    const ZnString idText_;
     McpForwardResult result_;
-    JsonReading reading_;
-    std::size_t maxBytes_;
+    const bool isExact_; // the service is one with interoperability
+    const ZnString endpoint_;
+    const std::size_t maxBytes_;
     ZnByteArray text_;
 };

@@ -44,6 +44,30 @@ std::size_t wellFormedEnd(std::string_view text, std::size_t at) {
     return at;
 }
 
+/// Calls `take` with what is UTF-8 and with a replacement for each byte that is not.
+template <typename Take>
+void forEachPart(std::string_view text, Take take) {
+    for (std::size_t at = 0, end = 0; at < text.size(); at = end + 1) {
+        end = wellFormedEnd(text, at);
+        take(text.substr(at, end - at));
+        if (end < text.size())
+            take(std::string_view("\xEF\xBF\xBD"));
+    }
+}
+
+template <typename Text>
+Text repaired(Text text) {
+    const std::string_view view = text.view();
+    if (wellFormedEnd(view, 0) == view.size())
+        return text;
+    std::size_t byteCount = 0; // it may be three times as large: one piece, of that size
+    forEachPart(view, [&](std::string_view part) { byteCount += part.size(); });
+    Text out;
+    out.reserve(byteCount);
+    forEachPart(view, [&](std::string_view part) { out.append(part); });
+    return out;
+}
+
 void appendEscaped(ZnString& out, char c) {
     constexpr char kDigits[] = "0123456789ABCDEF";
     const auto byte = static_cast<unsigned char>(c);
@@ -94,23 +118,12 @@ ZnString printable(std::string_view text, std::size_t maxBytes) {
     return text.size() > maxBytes ? std::move(out.append("...")) : out;
 }
 
-bool isWellFormed(std::string_view text) {
-    return wellFormedEnd(text, 0) == text.size();
+ZnString wellFormed(ZnString text) {
+    return repaired(std::move(text));
 }
 
-ZnString wellFormed(ZnString text) {
-    const std::string_view view = text.view();
-    std::size_t end = wellFormedEnd(view, 0);
-    if (end == view.size())
-        return text;
-    ZnString out(view.substr(0, end));
-    while (end < view.size()) {
-        out.append("\xEF\xBF\xBD");
-        const std::size_t begin = end + 1;
-        end = wellFormedEnd(view, begin);
-        out.append(view.substr(begin, end - begin));
-    }
-    return out;
+ZnByteArray wellFormed(ZnByteArray bytes) {
+    return repaired(std::move(bytes));
 }
 
 ZnString lineText(int line, const ZnString& serviceId) {
@@ -121,7 +134,8 @@ ZnString lineText(int line, const ZnString& serviceId) {
 std::string_view nearestName(std::string_view name, const std::vector<std::string_view>& known) {
     const std::string wanted = folded(name);
     std::string_view nearest;
-    std::size_t leastDistance = wanted.size() / 3 + 2; // more than a third of it is another name
+    // More than a third of it is another name, and so is all of it.
+    std::size_t leastDistance = std::min(wanted.size() / 3 + 2, wanted.size());
     for (const std::string_view candidate : known) {
         const std::size_t distance = distanceOf(wanted, folded(candidate));
         if (distance < leastDistance) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/types/ZnByteArray.h"
 #include "core/types/ZnString.h"
 
 #include <string_view>
@@ -12,10 +13,9 @@ namespace mcp {
 /// `maxBytes` bytes of it with "..." behind.
 ZnString printable(std::string_view text, std::size_t maxBytes = 80);
 
-/// Whether it is UTF-8.
-bool isWellFormed(std::string_view text);
 /// With U+FFFD for each byte that belongs to no UTF-8 character; usually the text itself.
 ZnString wellFormed(ZnString text);
+ZnByteArray wellFormed(ZnByteArray bytes);
 
 /// `line N, service "id": `, the service only where there is one.
 ZnString lineText(int line, const ZnString& serviceId);

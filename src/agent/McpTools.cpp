@@ -31,8 +31,13 @@ ZnByteArray BreltMcpBridgeAgent::handleToolsCall_(McpMessage& message) {
     if (!value.isNull() && !value.isObject())
         return mcp::jsonRpcError_(id, kInvalidParams, "tools/call params.arguments must be an object");
     const ZnJsonObject& arguments = value.isNull() ? kNoArguments : *value.object();
-    if (name == "bridge.rpc")
-        return callRpcTool_(message, arguments);
+    if (name == "bridge.rpc") {
+        ZnString refusal;
+        message.service = serviceToCall_(arguments, &refusal);
+        message.idText = id.toJson();
+        return message.service ? ZnByteArray()
+                               : ZnByteArray(mcp::jsonRpcResultTo_(message.idText.view(), refusal.view()));
+    }
     return mcp::jsonRpcResult_(id, callTool_(name, arguments).view());
 }
 
@@ -75,58 +80,66 @@ BreltMcpBridgeAgent::ServiceRef_ BreltMcpBridgeAgent::serviceToCall_(const ZnJso
     return record;
 }
 
-ZnByteArray BreltMcpBridgeAgent::callRpcTool_(McpMessage& message, const ZnJsonObject& arguments) {
-    ZnJsonValue id = message.object().value("id");
-    ZnString refusal;
-    const ServiceRef_ service = serviceToCall_(arguments, &refusal);
-    if (!service)
-        return mcp::jsonRpcResult_(id, refusal.view());
+/// The answer to a message that has a service to go to. Parks; the agent may be gone behind it.
+ZnByteArray BreltMcpBridgeAgent::callRpcTool_(ZnHttpContext& context, McpMessage& message) {
+    const ServiceRef_ service = message.service;
     const std::weak_ptr<const bool> alive = aliveToken_;
-    const JsonReading reading = service->interop ? JsonReading::Exact : JsonReading::Dialect;
-    const bool isLarge = message.context.request().body.size() >= McpRpcAnswer::kLargeBytes;
-    const auto request = std::make_shared<McpRpcRequest>(std::move(message.document),
-                                                         std::move(message.context.request().body), reading,
+    const JsonReading reading = service->interop ? JsonReading::Exact : JsonReading::QuietDialect;
+    ZnByteArray& body = message.context.request().body;
+    const bool isLarge = body.size() >= McpRpcAnswer::kLargeBytes;
+    const auto request = std::make_shared<McpRpcRequest>(std::move(message.document), std::move(body), reading,
                                                          service->interop != interop_);
+    const auto refuse = [&message](const char* text, int status) {
+        return ZnByteArray(mcp::jsonRpcResultTo_(message.idText.view(), mcp::toolError_(text, status).view()));
+    };
     if (!isLarge)
         request->build();
     else if (!mcp::awaitWork(workers_, [request] { request->build(); }) || alive.expired())
-        return mcp::jsonRpcResult_(id, mcp::toolError_(McpForwardCalls::kStopping, 503).view());
-    const char* unusable = request->refusal();
-    if (unusable != nullptr)
-        return mcp::jsonRpcResult_(id, mcp::toolError_(unusable, 400).view());
+        return refuse(McpForwardCalls::kStopping, 503);
+    if (const char* unusable = request->refusal())
+        return refuse(unusable, 400);
     if (!mcp::isHeaderValue(service->bearerToken.view()))
-        return mcp::jsonRpcResult_(
-            id, mcp::toolError_("The bearer token of this service is not a valid header value", 500).view());
-    return forward_(message.context, std::move(id), *service, request->take());
+        return refuse("The bearer token of this service is not a valid header value", 500);
+    McpForwardRequest toSend = request->take();
+    if (const char* refusal = calls_->refusal(service->id, toSend.body.size(), serviceCount() > 1))
+        return refuse(refusal, 503);
+    return forward_(context, std::move(message.idText), *service, std::move(toSend));
 }
 
 /// Parks; the agent may be gone behind it.
-ZnByteArray BreltMcpBridgeAgent::forward_(ZnHttpContext& context, ZnJsonValue id, const McpBridgeServiceRecord& record,
+ZnByteArray BreltMcpBridgeAgent::forward_(ZnHttpContext& context, ZnString idText, const McpBridgeServiceRecord& record,
                                           McpForwardRequest request) {
     const std::size_t requestBytes = request.body.size();
-    if (const char* refusal = calls_->refusal(record.id, requestBytes, serviceCount() > 1))
-        return mcp::jsonRpcResult_(id, mcp::toolError_(refusal, 503).view());
     const std::weak_ptr<const bool> alive = aliveToken_;
     const std::shared_ptr<McpForwardCalls> calls = calls_;
     const std::size_t maxBytes = static_cast<std::size_t>(maxAnswerBytes_);
     McpForwardCall call(record, std::move(request), maxAnswerBytes_, workers_);
     McpForwardCalls::Entry entry(*calls, call, record.id);
     entry.hold(requestBytes);
-    call.setGrowth([&](std::size_t answerBytes) { return entry.hold(requestBytes + answerBytes); });
+    bool wasLarge = false; // also an answer that is not taken
+    call.setGrowth([&](std::size_t answerBytes) {
+        wasLarge = wasLarge || answerBytes >= McpRpcAnswer::kLargeBytes;
+        return entry.hold(requestBytes + answerBytes);
+    });
     const ZnHttpAbandonGuard guard(context.request(), [&] { call.end(McpForwardCall::kClientGone); });
     McpForwardResult result = call.run();
+    const auto refuse = [](std::string_view id, const char* text) {
+        return ZnByteArray(mcp::jsonRpcResultTo_(id, mcp::toolError_(text, 503).view()));
+    };
     if (result.errorCode == McpForwardCall::kTooManyBytes)
-        return mcp::jsonRpcResult_(id, mcp::toolError_(McpForwardCalls::kTooManyBytes, 503).view());
-    const bool isOurDoing = result.errorCode == McpForwardCall::kStopped || result.errorCode == McpForwardCall::kClientGone;
-    if (!result.message.isEmpty() && !isOurDoing)
-        calls->report(record.id, result);
-    if (!record.interop)
-        result.message.clear();
-    const JsonReading reading = record.interop ? JsonReading::Exact : JsonReading::Dialect;
-    const auto answer = std::make_shared<McpRpcAnswer>(std::move(id), std::move(result), reading, maxBytes);
+        return refuse(idText.view(), McpForwardCalls::kTooManyBytes);
+    const auto answer = std::make_shared<McpRpcAnswer>(std::move(idText), std::move(result), record, maxBytes);
     if (!answer->isLarge() || alive.expired())
         answer->build();
     else if (!mcp::awaitWork(workers_, [answer] { answer->build(); }))
-        return mcp::jsonRpcResult_(ZnJsonValue(), mcp::toolError_(McpForwardCalls::kStopping, 503).view());
-    return answer->takeText();
+        return refuse("null", McpForwardCalls::kStopping);
+    calls->report(record.id, answer->result());
+    if (wasLarge && !alive.expired())
+        giveMemoryBackSoon_();
+    ZnByteArray text = answer->takeText();
+    if (text.size() < McpRpcAnswer::kLargeBytes)
+        return text;
+    context.request().keptUntilSent = McpForwardCalls::holdUnsent(calls, text.size());
+    return context.request().keptUntilSent ? std::move(text)
+                                           : refuse(answer->idText().view(), McpForwardCalls::kTooManyBytes);
 }

@@ -1,6 +1,8 @@
 #include "agent/McpWork.h"
 
 #include "core/runtime/ZnCoreApplication.h"
+#include "core/runtime/ZnEventLoop.h"
+#include "core/runtime/ZnTimer.h"
 
 #include <atomic>
 #include <memory>
@@ -53,6 +55,18 @@ bool awaitWork(ZnThreadPool& pool, std::function<void()> work) {
     static_cast<void>(task.release());
     application->fiberPool().yieldCurrent(wait->waitId, &wait->hasEnded);
     return wait->hasRun.load(std::memory_order_acquire);
+}
+
+void letOthersRun() {
+    ZnCoreApplication* application = ZnCoreApplication::instance();
+    if (application == nullptr || !application->fiberPool().isOnFiber())
+        return;
+    ZnEventLoop turn;
+    ZnTimer timer;
+    timer.setSingleShot(true);
+    timer.connect(&ZnTimer::timeout, &turn, &ZnEventLoop::quit);
+    timer.start(0);
+    turn.exec();
 }
 
 } // namespace mcp

@@ -11,4 +11,7 @@ namespace mcp {
 /// nothing.
 bool awaitWork(ZnThreadPool& pool, std::function<void()> work);
 
+/// Parks the calling fiber for one turn of the loop. Nothing when it is on none.
+void letOthersRun();
+
 } // namespace mcp

@@ -80,7 +80,7 @@ TEST(AgentProgram, NoFailureShowsASecret) {
             if (line == ready) {
                 session = sessionOf(curl(kInitialize, "authorization: Bearer hush-client"));
                 for (const char* service : {"s", "t"})
-                    curl(bridgeCall(service), "authorization: Bearer hush-client");
+                    curl(bridgeCall(service, R"({"password":")" + digits + "\"}"), "authorization: Bearer hush-client");
                 curl(toolCall("bridge.list_services", "{}"), "authorization: Bearer hush-client");
                 curl(kPing, "authorization: Bearer hush-wrong");
             }

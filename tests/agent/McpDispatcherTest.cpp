@@ -1,4 +1,7 @@
 #include "agent/AgentFixture.h"
+#include "agent/McpRpcAnswer.h"
+
+#include <thread>
 
 namespace {
 
@@ -104,6 +107,37 @@ TEST_F(McpDispatcherTest, InitializeOpensASessionAndDeleteEndsIt) {
     EXPECT_EQ(call("DELETE", "/mcp").status, 400);
     for (const int status : {204, 404})
         EXPECT_EQ(call("DELETE", "/mcp", {{"mcp-session-id", id}}).status, status);
+}
+
+TEST_F(McpDispatcherTest, LargeMessagesGetTheSameAnswersAwayFromTheLoop) {
+    const std::string session = newSession();
+    bool isOnLoop = true;
+    Peer::setClock(agent_, [&, loop = std::this_thread::get_id()] { // asked for every session, last of all
+        isOnLoop = std::this_thread::get_id() == loop;
+        return nowNs_;
+    });
+    const auto answerOf = [&](const std::string& body, bool isLarge) {
+        const auto response = std::make_shared<ZnHttpResponse>();
+        bool isDone = false;
+        ZnTask task([&, response] {
+            *response = post(isLarge ? body + std::string(McpRpcAnswer::kLargeBytes, ' ') : body, session);
+            isDone = true;
+        });
+        EXPECT_TRUE(runUntil([&] { return application_.tryPostOnLane(task, 2); }));
+        EXPECT_TRUE(runUntil([&] { return isDone; }));
+        std::string text = std::to_string(response->status) + " " + bodyOf(*response);
+        for (const auto& [name, value] : response->headers)
+            text += name == "mcp-session-id" ? " with a session" : "\n" + name.str() + ": " + value.str();
+        return text;
+    };
+    for (const std::string& body : {std::string("x"), std::string("[]"), kInitialize, kPing, rpcMessage("oops", "{}"),
+                                    rpcMessage("notifications/initialized", "{}").erase(16, 7), toolCall("oops", "{}"),
+                                    bridgeCall("oops"), std::string(R"({"id":7})"), std::string("{}")})
+        EXPECT_EQ(answerOf(body, true), answerOf(body, false));
+    for (const bool isLarge : {true, false}) {
+        answerOf(kPing, isLarge);
+        EXPECT_EQ(isOnLoop, !isLarge);
+    }
 }
 
 TEST_F(McpDispatcherTest, RoomIsMadeByUnusedSessionsAndThenByIdleOnes) {

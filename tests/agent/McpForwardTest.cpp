@@ -166,6 +166,26 @@ TEST_F(McpForwardTest, AnswersOfAServiceWithInterop) {
     }
 }
 
+TEST_F(McpForwardTest, ALongStreamOfSmallEventsKeepsItsOrder) {
+    constexpr int kCount = 30000; // more than is read on the loop
+    std::string events;
+    std::string notifications;
+    for (int i = 0; i < kCount; ++i) {
+        const std::string message = R"({"n": )" + std::to_string(i) + "}";
+        events += "data: " + message + "\n\n";
+        notifications += (i == 0 ? "" : ",") + message;
+    }
+    ScriptedPeer peer([&](ScriptedPeer::Connection& connection) {
+        connection.receiveRequest();
+        connection.send("HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\n\r\n" + events + "data: {\"id\":1}\n\n");
+        connection.waitForClose();
+    });
+    setService(peer.url(), R"(,"interop":true)");
+    EXPECT_TRUE(rpc(R"({"serviceId":"s","request":{"id":1}})") ==
+                R"({"body": {"id": 1},"errorCode": 0,"mcpSessionId": "","notifications": [)" + notifications +
+                    R"(],"reason": "OK","statusCode": 200,"transportOk": true})");
+}
+
 TEST_F(McpForwardTest, AnswersAreBoundedAlsoByWhatTheyBecome) {
     LogCapture log;
     constexpr std::size_t kMax = 1 << 20;
@@ -188,10 +208,9 @@ TEST_F(McpForwardTest, AnswersAreBoundedAlsoByWhatTheyBecome) {
             });
             setService(peer.url(), isInterop ? R"(,"interop":true)" : "");
             const std::string address = "127.0.0.1:" + std::to_string(peer.port());
-            const std::string built = row.head == counted ? "" : "the answer of " + address + " is too large";
             EXPECT_EQ(rpc(), row.isTaken ? R"({"body": )" + large + R"(,"errorCode": 0,"mcpSessionId": "","reason": "OK",)" +
                                                R"("statusCode": 200,"transportOk": true})"
-                                         : failed(-6, isInterop ? built : ""));
+                                         : failed(-6, isInterop ? "the answer of " + address + " is too large" : ""));
         }
 }
 
@@ -213,6 +232,12 @@ TEST_F(McpForwardTest, FailuresExplainThemselvesWithInterop) {
         EXPECT_EQ(rpc(), failed(row.code, row.message));
         EXPECT_EQ(log.countOf("call to service \"s\" failed: " + std::to_string(row.code) + ", " + row.message), 1);
     }
+    ScriptedPeer status(ScriptedPeer::answering("HTTP/1.1 401 No\x1Bway\r\nContent-Length: 0\r\n\r\n"));
+    setService(status.url(), R"(,"interop":true)");
+    const std::string saysNo = ":" + std::to_string(status.port()) + " answered with status 401 No\\x1Bway";
+    EXPECT_TRUE(holds(rpc(), "\"message\": \"127.0.0.1" + std::string(saysNo).insert(saysNo.find('\\'), "\\")));
+    EXPECT_EQ(log.countOf("call to service \"s\" failed: 0, 127.0.0.1" + saysNo), 1);
+    setService(closed, "");
     for (int i = 0; i < 30; ++i)
         rpc();
     EXPECT_LE(log.countOf("call to service"), 2 * McpForwardCalls::kReportsPerSecond + 5);
@@ -268,6 +293,12 @@ TEST_F(McpForwardTest, WhatCallsHoldIsBounded) {
         EXPECT_EQ(calls.refusal("s", McpForwardCalls::kMaxBytes - 10, false), nullptr);
     }
     EXPECT_EQ(calls.refusal("s", McpForwardCalls::kMaxBytes, true), nullptr);
+    const auto shared = std::make_shared<McpForwardCalls>(); // and what waits for slow clients
+    std::shared_ptr<const void> alone = McpForwardCalls::holdUnsent(shared, 2 * McpForwardCalls::kMaxBytes);
+    EXPECT_TRUE(alone);
+    EXPECT_FALSE(McpForwardCalls::holdUnsent(shared, 1));
+    alone.reset();
+    EXPECT_TRUE(McpForwardCalls::holdUnsent(shared, 1));
 }
 
 TEST_F(McpForwardTest, EachServiceGetsTheRequestInItsReading) {

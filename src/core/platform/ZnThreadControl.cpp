@@ -33,4 +33,8 @@ void keepLittleMemory() noexcept {
     ::mallopt(M_MMAP_THRESHOLD, 256 * 1024);
 }
 
+void giveMemoryBack() noexcept {
+    ::malloc_trim(0);
+}
+
 } // namespace ZnThreadControl

@@ -17,4 +17,7 @@ inline void raisePriority() noexcept { setPriority(2); }
 void raiseDescriptorLimit() noexcept;
 /// Lets large blocks of memory go back to the system as soon as they are freed. At the start of a program.
 void keepLittleMemory() noexcept;
+/// Gives back what small blocks have left behind: the allocator itself keeps all of it that lies below a block in use.
+/// May take milliseconds. Any thread.
+void giveMemoryBack() noexcept;
 } // namespace ZnThreadControl

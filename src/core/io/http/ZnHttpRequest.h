@@ -34,11 +34,13 @@ struct ZnHttpRequest {
     ZnString peerAddress;
     std::uint16_t peerPort = 0;
     ZnList<ZnHttpMultipartPart> multipartParts; // in the order of the body
-    /// For the handler, when it has read the body and will wait for long.
-    void releaseBody() const { body.release(); }
-
     ZnMap<ZnString, ZnString> formFields;       // the named parts that are no files; the last one of a name
     /// Who wants to know when the answer is no longer wanted; see ZnHttpAbandonGuard.
     mutable ZnHttpAbandonGuard* abandonGuard = nullptr;
+    /// The handler's: goes when the answer has left, or will not leave any more.
+    mutable std::shared_ptr<const void> keptUntilSent;
     std::shared_ptr<ZnHttpTempFiles> tempFiles; // owns the files of multipartParts; null without any
+
+    /// For the handler, when it has read the body and will wait for long.
+    void releaseBody() const { body.release(); }
 };

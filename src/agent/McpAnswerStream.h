@@ -27,6 +27,9 @@ struct McpStreamEvent {
 /// Thread: a value, on the loop.
 class McpAnswerStream {
 public:
+    /// More messages than this are no answer that anybody wants, and take many times their size.
+    static constexpr std::size_t kMaxMessages = 100000;
+
     static bool isEventStream(std::string_view contentType);
 
     /// Without an id there is no answer to wait for.
@@ -41,6 +44,7 @@ public:
     /// Takes the messages of a parsed event. Returns whether the answer has come; what stands behind it is not read.
     bool takeMessages(McpStreamEvent& event);
 
+    bool hasTooMany() const noexcept { return others_.size() > kMaxMessages; }
     bool awaitsAnswer() const noexcept { return requestId_.has_value(); }
     /// Null without an answer.
     ZnJsonValue& answer() noexcept { return answer_; }

@@ -101,6 +101,10 @@ bool McpForwardCall::takeEvents_() {
             if (stream_->takeMessages(event))
                 return true;
         }
+        if (stream_->hasTooMany()) {
+            end(ZnHttpClient::kResponseTooLarge);
+            return false;
+        }
     }
     return false;
 }

@@ -214,6 +214,20 @@ TEST_F(McpForwardTest, AnswersAreBoundedAlsoByWhatTheyBecome) {
         }
 }
 
+TEST_F(McpForwardTest, AStreamOfTooManyMessagesIsCutOff) {
+    LogCapture log;
+    std::string events;
+    for (std::size_t i = 0; i <= McpAnswerStream::kMaxMessages; ++i)
+        events += "data:0\n\n";
+    ScriptedPeer peer([&](ScriptedPeer::Connection& connection) {
+        connection.receiveRequest();
+        connection.send("HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\n\r\n" + events);
+        connection.waitForClose();
+    });
+    setService(peer.url(), R"(,"interop":true)");
+    EXPECT_TRUE(holds(rpc(R"({"serviceId":"s","request":{"id":1}})"), "\"errorCode\": -6"));
+}
+
 TEST_F(McpForwardTest, FailuresExplainThemselvesWithInterop) {
     LogCapture log;
     ScriptedPeer silent(ScriptedPeer::silent());

@@ -98,8 +98,7 @@ TEST_F(ZnHttpMultipart, BothReadersGiveTheSamePartsWhereverTheInputIsCut) {
         {"no file", part("; name=a; filename=\"\"", "1") + kEnd, "[a|||1]1{a=1}."},
         {"nearly a delimiter", part("; filename=f", "\r\n--c\r\r\n-\r\n--") + kEnd, "[|f||13F]\r\n--c\r\r\n-\r\n--."},
         {"a line end in front and text behind", "\r\n" + file + kEnd + "\r\n--b\r\n", "[|f||1F]1."},
-        {"only the end", kEnd, "."},
-        {"two line ends in front", "\r\n\r\n" + kEnd, "400 Malformed multipart boundary"},
+        {"only the end", kEnd, "."}, {"two line ends in front", "\r\n\r\n" + kEnd, "400 Malformed multipart boundary"},
         {"delimiter with a tail", file + "--bbb", "400 Malformed multipart boundary delimiter"},
         {"too short", "--", "400 Malformed multipart body", incomplete},
         {"no end of the headers", "--b\r\nx:y\r\n", "400 Malformed multipart headers", incomplete},
@@ -134,8 +133,7 @@ TEST_F(ZnHttpMultipart, ContentTypesThatAreRead) {
     const std::pair<const char*, const char*> rows[] = {
         {"multipart/form-data; boundary=\"\"", "400 Missing multipart boundary"},
         {"multipart/form-data-x; boundary=b", "400 Missing multipart boundary"},
-        {"MULTIPART/FORM-DATA; charset=x; Boundary=\"b\"", "."},
-        {"multipart/mixed; boundary=b", "unread"},
+        {"MULTIPART/FORM-DATA; charset=x; Boundary=\"b\"", "."}, {"multipart/mixed; boundary=b", "unread"},
     };
     const std::string longest(70, 'b');
     const std::string type = "multipart/form-data; boundary=" + longest;

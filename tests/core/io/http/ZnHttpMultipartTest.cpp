@@ -49,13 +49,6 @@ std::string describe(const ZnHttpRequest& request) {
 /// Files into a directory of its own, and limits that a table row can reach.
 class ZnHttpMultipart : public testing::Test {
 protected:
-    ZnHttpMultipart() {
-        limits_.maxMultipartParts = 3;
-        limits_.maxMultipartHeaderBytes = 96;
-        limits_.maxMultipartFieldBytes = 20;
-        limits_.multipartTempDir = directory_.path("up/loads");
-    }
-
     void feed(std::string_view wire) { (parser_ ? *parser_ : parser_.emplace(limits_)).feed(wire, requests_); }
 
     /// What the session would make of it: the parts, or the error answer.
@@ -80,7 +73,8 @@ protected:
     }
 
     const TemporaryDirectory directory_;
-    ZnHttpLimits limits_;
+    ZnHttpLimits limits_{.maxMultipartParts = 3, .maxMultipartHeaderBytes = 96, .maxMultipartFieldBytes = 20,
+                         .multipartTempDir = directory_.path("up/loads")};
     std::optional<ZnHttpParser_> parser_;
     ZnList<ZnHttpParser_::RequestRef> requests_;
 };
@@ -105,8 +99,7 @@ TEST_F(ZnHttpMultipart, BothReadersGiveTheSamePartsWhereverTheInputIsCut) {
         {"ends in a part", file + part("", "x"), "400 Multipart closing boundary not found", incomplete},
         {"header without a name", "--b\r\n : x\r\n\r\n\r\n" + kEnd, "400 Malformed multipart part header"},
         {"no disposition", "--b\r\nx: y\r\n\r\n\r\n" + kEnd, "400 Missing Content-Disposition in multipart part"},
-        {"other disposition", "--b\r\ncontent-disposition: x\r\n\r\n\r\n" + kEnd,
-         "400 Unsupported multipart Content-Disposition"},
+        {"other", "--b\r\ncontent-disposition: x\r\n\r\n\r\n" + kEnd, "400 Unsupported multipart Content-Disposition"},
         {"most parts", file + file + file + kEnd, "[|f||1F]1[|f||1F]1[|f||1F]1."},
         {"too many parts", file + file + file + file + kEnd, "400 Too many multipart parts"},
         {"longest headers", part("", "", longest + "\r\n") + kEnd, "[|||0]."},

@@ -106,6 +106,15 @@ TEST_F(IpcProcesses, ManyPublishersAndListenersLoseNothing) {
         EXPECT_EQ(child->end(), 0);
 }
 
+TEST_F(IpcProcesses, RowsOfTheKilledGo) {
+    Child listener(listenerUntil(1));
+    ASSERT_TRUE(listener.awaitTold());
+    EXPECT_THAT(pids(), ElementsAre(listener.pid()));
+    listener.signal(SIGKILL);
+    EXPECT_EQ(listener.end(), -SIGKILL);
+    EXPECT_THAT(pids(), IsEmpty());
+}
+
 TEST_F(IpcProcesses, OneThatDiesWithAMutexStopsNobody) {
     Child listener(listenerUntil(2));
     ASSERT_TRUE(listener.awaitTold());

@@ -235,8 +235,7 @@ TEST_F(ZnSslSocketTest, WithoutRoomNeitherReadsNorWritesAreTriedAgainAndAgain) {
 TEST_F(ZnSslSocketTest, VerifiesRealServers) {
     struct Row { std::string certificate; std::string version; const char* host; const char* logText; };
     const Row rows[] = { // null: the connection works
-        {"good", "-tls1_2", "localhost", nullptr},
-        {"good", "-tls1_3", "127.0.0.1", nullptr},
+        {"good", "-tls1_2", "localhost", nullptr}, {"good", "-tls1_3", "127.0.0.1", nullptr},
         {"good", "-tls1_3", "other.test", "verify=62 (hostname mismatch) openssl="},
         {"a", "-tls1_2", "localhost", "verify=62 (hostname mismatch) openssl="},
         {"expired", "-tls1_3", "localhost", "verify=10 (certificate has expired) openssl="},

@@ -152,10 +152,7 @@ TEST(DurableFiles_, AFullDiskKeepsTheOldContentAndNoTemporaryFile) {
 }
 
 TEST(FileNames_, IdsAreReadFromNamesThatTheStoreWrites) {
-    const struct {
-        const char* name;
-        std::uint64_t id;
-    } rows[] = {
+    const struct { const char* name; std::uint64_t id; } rows[] = {
         {"WAL-7.log", 7},   {"/a/WAL-3.b/WAL-12.log", 12}, {"WAL-18446744073709551615.log", ~std::uint64_t(0)},
         {"WAL-abc.log", 0}, {"WAL-18446744073709551616.log", 0}, {"WAL-.log", 0}, {"WAL-07.log", 0}, {"WAL-+7.log", 0},
         {"WAL-7.log.tmp", 0}, {"WAL-7x.log", 0}, {"BLOB-7.log", 0}, {"", 0},

@@ -104,13 +104,17 @@ int MemoryFiles::fault() {
     return failNumber_ != 0 && count_ == failNumber_ ? failError_ : 0;
 }
 
-void MemoryFiles::changeNames(NameChange change) {
+void MemoryFiles::apply(std::map<ZnString, NodePtr>* names, const NameChange& change) {
     for (const auto& [path, node] : change.names) {
         if (node != nullptr)
-            names_[path] = node;
+            (*names)[path] = node;
         else
-            names_.erase(path);
+            names->erase(path);
     }
+}
+
+void MemoryFiles::changeNames(NameChange change) {
+    apply(&names_, change);
     pendingNames_.push_back(std::move(change));
 }
 
@@ -125,16 +129,9 @@ void MemoryFiles::keepSome(Node* node, std::mt19937_64* random) {
 }
 
 void MemoryFiles::cutPower(std::mt19937_64* random) {
-    for (const NameChange& change : pendingNames_) {
-        if (random == nullptr || (*random)() % 2 == 0)
-            continue;
-        for (const auto& [path, node] : change.names) {
-            if (node != nullptr)
-                durableNames_[path] = node;
-            else
-                durableNames_.erase(path);
-        }
-    }
+    for (const NameChange& change : pendingNames_)
+        if (random != nullptr && (*random)() % 2 != 0)
+            apply(&durableNames_, change);
     pendingNames_.clear();
     names_ = durableNames_;
     std::set<NodePtr> nodes;
@@ -228,16 +225,10 @@ int MemoryFiles::syncDirectory(const ZnString& path) {
     const int error = fault();
     std::vector<NameChange> others;
     for (NameChange& change : pendingNames_) {
-        if (parentPath(change.names.front().first) != path) {
+        if (parentPath(change.names.front().first) != path)
             others.push_back(std::move(change));
-            continue;
-        }
-        for (const auto& [name, node] : change.names) {
-            if (error == 0 && node != nullptr)
-                durableNames_[name] = node;
-            else if (error == 0)
-                durableNames_.erase(name);
-        }
+        else if (error == 0)
+            apply(&durableNames_, change);
     }
     pendingNames_ = std::move(others); // after a failure, too: the system gives them up
     return error;

@@ -66,6 +66,7 @@ private:
 
     static void apply(std::string* content, const Change& change);
     int fault();
+    static void apply(std::map<ZnString, NodePtr>* names, const NameChange& change);
     void changeNames(NameChange change);
     static void keepSome(Node* node, std::mt19937_64* random);
 

@@ -1,9 +1,8 @@
+#include "core/storage/StoreTestSupport.h"
 #include "core/storage/embeddeddb/IndexKey_.h"
 #include "core/storage/embeddeddb/Memtable_.h"
 
-#include <gtest/gtest.h>
 #include <map>
-#include <random>
 
 using namespace znEmbeddedDbDetail;
 
@@ -26,18 +25,14 @@ bool apply(Memtable_* memtable, const WalBatch_& filled, std::uint64_t sequence)
 
 WalBatch_ putOf(std::string_view key, std::string_view value, const std::vector<std::string>& colors = {},
                 const std::vector<std::string>& retiredColors = {}) {
-    ValueEntry_ entry;
-    entry.inlineValue = true;
-    entry.value = ZnByteArray(value);
+    ValueEntry_ entry = inlineEntry(value);
     RetiredKeys_ retired;
     for (const std::string& color : colors)
         entry.indexKeys["color"].append(ZnByteArray(color));
     for (const std::string& color : retiredColors)
         retired.append({"color", ZnByteArray(color)});
-    std::string stored;
-    encodeStoredValue(entry, &stored);
     WalBatch_ batch;
-    batch.put(key, stored, retired);
+    batch.put(key, encoded(entry), retired);
     return batch;
 }
 

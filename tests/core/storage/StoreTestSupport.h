@@ -2,6 +2,7 @@
 
 #include "core/fs/TemporaryDirectory.h"
 #include "core/storage/MemoryFiles.h"
+#include "core/storage/embeddeddb/StoredValue_.h"
 #include "core/storage/embeddeddb/ZnEmbeddedDbStatus.h"
 
 #include <ostream>
@@ -9,6 +10,19 @@
 
 inline void PrintTo(const ZnEmbeddedDbStatus& status, std::ostream* out) {
     *out << status.code() << " " << status.message();
+}
+
+inline znEmbeddedDbDetail::ValueEntry_ inlineEntry(std::string_view value) {
+    znEmbeddedDbDetail::ValueEntry_ entry;
+    entry.inlineValue = true;
+    entry.value = ZnByteArray(value);
+    return entry;
+}
+
+inline std::string encoded(const znEmbeddedDbDetail::ValueEntry_& entry) {
+    std::string bytes;
+    znEmbeddedDbDetail::encodeStoredValue(entry, &bytes);
+    return bytes;
 }
 
 #ifdef ZN_GOLDEN_DIRECTORY

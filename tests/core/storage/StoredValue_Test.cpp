@@ -1,8 +1,5 @@
 #include "core/storage/embeddeddb/Crc32_.h"
-#include "core/storage/embeddeddb/StoredValue_.h"
-
-#include <gtest/gtest.h>
-#include <string>
+#include "core/storage/StoreTestSupport.h"
 
 using namespace znEmbeddedDbDetail;
 
@@ -25,19 +22,14 @@ std::string bytesOf(const std::string& text) {
 }
 
 TEST(StoredValue_, IsWrittenAndReadByteForByte) {
-    ValueEntry_ red;
-    red.inlineValue = true;
-    red.value = ZnByteArray(std::string_view("red"));
+    const ValueEntry_ red = inlineEntry("red");
     ValueEntry_ tagged = red;
     tagged.indexKeys["tag"].append(ZnByteArray(std::string_view("a")));
     tagged.indexKeys["tag"].append(ZnByteArray(std::string_view()));
     tagged.indexKeys["color"];
     ValueEntry_ outside;
     outside.blob = {true, 3, 0x0102030405060708, 28, 0x7E95C0A3, 0};
-    const struct {
-        const ValueEntry_& entry;
-        std::string bytes;
-    } rows[] = {
+    const struct { const ValueEntry_& entry; std::string bytes; } rows[] = {
         {red, bytesOf("00 04000000 00000000 03000000 'red'")},
         {tagged, bytesOf("00 25000000 02000000 05000000 'color' 00000000 03000000 'tag' 02000000 01000000 'a' 00000000"
                          "03000000 'red'")},
@@ -45,9 +37,7 @@ TEST(StoredValue_, IsWrittenAndReadByteForByte) {
     };
     for (const auto& [entry, bytes] : rows) {
         SCOPED_TRACE(bytes);
-        std::string encoded;
-        encodeStoredValue(entry, &encoded);
-        EXPECT_EQ(encoded, bytes);
+        EXPECT_EQ(encoded(entry), bytes);
         ValueEntry_ decoded;
         decoded.sequence = 5;
         ASSERT_TRUE(decodeStoredValue(bytes.data(), bytes.size(), &decoded));

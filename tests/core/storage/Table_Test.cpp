@@ -1,5 +1,4 @@
 #include "core/storage/StoreTestSupport.h"
-#include "core/storage/embeddeddb/StoredValue_.h"
 #include "core/storage/embeddeddb/TableCursor_.h"
 #include "core/storage/embeddeddb/TableFormat_.h"
 #include "core/storage/embeddeddb/TableHandle_.h"
@@ -27,31 +26,15 @@ TableMeta_ metaOf(std::int32_t kind, std::int32_t level, std::uint64_t id, const
     return meta;
 }
 
-std::string inlineValue(const std::string& value, const IndexKeys_& keys = {}) {
-    ValueEntry_ entry;
-    entry.inlineValue = true;
-    entry.value = ZnByteArray(value);
-    entry.indexKeys = keys;
-    std::string bytes;
-    encodeStoredValue(entry, &bytes);
-    return bytes;
-}
-
-std::string blobValue() {
-    ValueEntry_ entry;
-    entry.blob = {true, 3, 5, 28, 0x7E95C0A3, 0};
-    std::string bytes;
-    encodeStoredValue(entry, &bytes);
-    return bytes;
-}
-
 Records goldenRecords() {
-    IndexKeys_ keys;
-    keys["color"].append(ZnByteArray(std::string_view("green")));
-    keys["tag"].append(ZnByteArray(std::string_view("a")));
-    keys["tag"].append(ZnByteArray(std::string_view("b")));
-    return {record("apple", 40, kInlineRecord, inlineValue("red")), record("cherry", 41, kTombstoneRecord, ""),
-            record("pear", 7, kInlineRecord, inlineValue("green", keys)), record("plum", 42, kBlobRecord, blobValue())};
+    ValueEntry_ pear = inlineEntry("green");
+    pear.indexKeys["color"].append(ZnByteArray(std::string_view("green")));
+    pear.indexKeys["tag"].append(ZnByteArray(std::string_view("a")));
+    pear.indexKeys["tag"].append(ZnByteArray(std::string_view("b")));
+    ValueEntry_ plum;
+    plum.blob = {true, 3, 5, 28, 0x7E95C0A3, 0};
+    return {record("apple", 40, kInlineRecord, encoded(inlineEntry("red"))), record("cherry", 41, kTombstoneRecord, ""),
+            record("pear", 7, kInlineRecord, encoded(pear)), record("plum", 42, kBlobRecord, encoded(plum))};
 }
 
 /// Table "L0-2.sst" under "/s", with what the manifest would say of it.
@@ -177,28 +160,17 @@ TEST(Table_, ChecksTellWhatIsWrong) {
     longSparseIndex.insert(0x126, 1, '\0');
     std::string longFilter = good;
     longFilter.insert(footer, 1, '\0');
-    const struct {
-        const char* message;
-        std::string bytes;
-    } rows[] = {
-        {"table too small", good.substr(0, 43)},
-        {"invalid table magic", with(0, "X")},
-        {"invalid table magic", golden("WAL-1.log")},
-        {"invalid table header", with(8, "\2")},
-        {"invalid table header", with(43, "\x7F")},
-        {"invalid table footer", with(footer, "X")},
-        {"table footer mismatch", with(footer + 32, "\5")},
-        {"table footer mismatch", with(footer + 24, "\5")},
-        {"invalid sparse index", with(footer + 15, "\1")},
-        {"invalid sparse entry", with(0x10D, "\2")},
-        {"invalid sparse index", longSparseIndex},
-        {"invalid bloom section", with(0x12A, "\x21")},
-        {"invalid bloom section", longFilter},
-        {"invalid table block header", with(0x30, "\1")},
+    const struct { const char* message; std::string bytes; } rows[] = {
+        {"table too small", good.substr(0, 43)}, {"invalid table magic", with(0, "X")},
+        {"invalid table magic", golden("WAL-1.log")}, {"invalid table header", with(8, "\2")},
+        {"invalid table header", with(43, "\x7F")}, {"invalid table footer", with(footer, "X")},
+        {"table footer mismatch", with(footer + 32, "\5")}, {"table footer mismatch", with(footer + 24, "\5")},
+        {"invalid sparse index", with(footer + 15, "\1")}, {"invalid sparse entry", with(0x10D, "\2")},
+        {"invalid sparse index", longSparseIndex}, {"invalid bloom section", with(0x12A, "\x21")},
+        {"invalid bloom section", longFilter}, {"invalid table block header", with(0x30, "\1")},
         {"table block checksum mismatch", with(0x41, "B")},
         {"table block is not the one of the sparse index", with(0x115, "b")},
-        {"table filter lacks a key", with(0x134, "\1")},
-        {"table is not the one of the manifest", golden("L1-4.sst")},
+        {"table filter lacks a key", with(0x134, "\1")}, {"table is not the one of the manifest", golden("L1-4.sst")},
         {"table is not the one of the manifest", with(0x10, "\6")},
     };
     for (const auto& row : rows)

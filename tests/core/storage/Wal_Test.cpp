@@ -1,5 +1,4 @@
 #include "core/storage/StoreTestSupport.h"
-#include "core/storage/embeddeddb/StoredValue_.h"
 #include "core/storage/embeddeddb/WalReader_.h"
 #include "core/storage/embeddeddb/WalWriter_.h"
 
@@ -10,17 +9,6 @@ using namespace znEmbeddedDbDetail;
 namespace {
 
 constexpr WalHeader_ kHeader{1, 6, 0x1122334455667788};
-
-std::string storedValue(const char* value, const char* color) {
-    ValueEntry_ entry;
-    entry.inlineValue = true;
-    entry.value = ZnByteArray(std::string_view(value));
-    if (color != nullptr)
-        entry.indexKeys["color"].append(ZnByteArray(std::string_view(color)));
-    std::string bytes;
-    encodeStoredValue(entry, &bytes);
-    return bytes;
-}
 
 /// Every operation of the log as a line, then how it ends.
 std::string textOf(MemoryFiles& files, std::uint64_t id = 1) {
@@ -67,8 +55,10 @@ TEST(Wal_, IsWrittenAndReadByteForByte) {
     WalBatch_ third;
     RetiredKeys_ retired;
     retired.append({"color", ZnByteArray(std::string_view("yellow"))});
-    first.put("pear", storedValue("green", "green"));
-    second.put("apple", storedValue("red", nullptr), retired);
+    ValueEntry_ green = inlineEntry("green");
+    green.indexKeys["color"].append(green.value);
+    first.put("pear", encoded(green));
+    second.put("apple", encoded(inlineEntry("red")), retired);
     second.remove("cherry");
     third.remove("plum");
     ASSERT_EQ(writer.create("/w", kHeader), ZnEmbeddedDbStatus());

@@ -84,10 +84,8 @@ TEST(ZnJson, TextBehindTheValueLeavesItInPlace) {
 
 TEST(ZnJson, ReadsAndRewrites) {
     const std::pair<std::string, std::string> kRows[] = {
-        {" [\t1\v,\f2\r\n,] ", "[1,2]"},
-        {R"({"b":1,"a":2,"ab":[],"":{},})", R"({"": {},"a": 2,"ab": [],"b": 1})"},
-        {"\xEF\xBB\xBF[[],[[]],{\"a\":[{}]}]", "[[],[[]],{\"a\": [{}]}]"},
-        {"[true,false,null]", "[true,false,null]"},
+        {" [\t1\v,\f2\r\n,] ", "[1,2]"}, {R"({"b":1,"a":2,"ab":[],"":{},})", R"({"": {},"a": 2,"ab": [],"b": 1})"},
+        {"\xEF\xBB\xBF[[],[[]],{\"a\":[{}]}]", "[[],[[]],{\"a\": [{}]}]"}, {"[true,false,null]", "[true,false,null]"},
         {"[0,-0,-9223372036854775808,9223372036854775807]", "[0,0,-9223372036854775808,9223372036854775807]"},
         {"[1.0,-0.0,2.50,1E2,1e-7,3.14159265]", "[1,0,2.5,100,1e-07,3.14159]"},
         {"[9007199254740993.0,-9.223372036854775808e18]", "[9007199254740992,-9223372036854775808]"},
@@ -303,8 +301,7 @@ TEST(ZnJson, ConvertsBetweenTypes) {
     using Ints = std::numeric_limits<int>;
     struct Row { ZnJsonValue value; ZnString text; ZnString display; int asInt; long long asLong; double asDouble; };
     const Row kRows[] = {
-        {ZnJsonValue(), "null", "null", -7, 0, -7},
-        {ZnJsonValue(true), "true", "true", 1, 1, 1},
+        {ZnJsonValue(), "null", "null", -7, 0, -7}, {ZnJsonValue(true), "true", "true", 1, 1, 1},
         {ZnJsonValue(0x1FFFFFFFFLL), "8589934591", "8589934591", -1, 0x1FFFFFFFFLL, 8589934591.0},
         {ZnJsonValue(-2.75), "-2.750000", "-2.75", -2, -2, -2.75},
         {ZnJsonValue(1e10), "10000000000.000000", "1e+10", Ints::max(), 10000000000, 1e10},
@@ -369,8 +366,7 @@ TEST(ZnJson, KeysEncipherScalars) {
     // Bare scalars that are not enciphered are read as they stand; a plain text is an error.
     struct Row { std::string_view text; ZnString rewritten; const char* error = ""; };
     const Row kRows[] = {
-        {written.view(), tree.toJson()},
-        {"[true,null,12,-2.5]", "[true,null,12,-2.5]"},
+        {written.view(), tree.toJson()}, {"[true,null,12,-2.5]", "[true,null,12,-2.5]"},
         {R"(["plain"])", "null", R"(Unable to decrypt string value (index 8) near "["plain"]")"},
         {"[*]", "null", R"(Expected digit in number literal (index 1) near "[*]")"}};
     ZnString error;

@@ -49,13 +49,6 @@ std::string describe(const ZnHttpRequest& request) {
 /// Files into a directory of its own, and limits that a table row can reach.
 class ZnHttpMultipart : public testing::Test {
 protected:
-    ZnHttpMultipart() {
-        limits_.maxMultipartParts = 3;
-        limits_.maxMultipartHeaderBytes = 96;
-        limits_.maxMultipartFieldBytes = 20;
-        limits_.multipartTempDir = directory_.path("up/loads");
-    }
-
     void feed(std::string_view wire) { (parser_ ? *parser_ : parser_.emplace(limits_)).feed(wire, requests_); }
 
     /// What the session would make of it: the parts, or the error answer.
@@ -80,7 +73,8 @@ protected:
     }
 
     const TemporaryDirectory directory_;
-    ZnHttpLimits limits_;
+    ZnHttpLimits limits_{.maxMultipartParts = 3, .maxMultipartHeaderBytes = 96, .maxMultipartFieldBytes = 20,
+                         .multipartTempDir = directory_.path("up/loads")};
     std::optional<ZnHttpParser_> parser_;
     ZnList<ZnHttpParser_::RequestRef> requests_;
 };
@@ -98,16 +92,14 @@ TEST_F(ZnHttpMultipart, BothReadersGiveTheSamePartsWhereverTheInputIsCut) {
         {"no file", part("; name=a; filename=\"\"", "1") + kEnd, "[a|||1]1{a=1}."},
         {"nearly a delimiter", part("; filename=f", "\r\n--c\r\r\n-\r\n--") + kEnd, "[|f||13F]\r\n--c\r\r\n-\r\n--."},
         {"a line end in front and text behind", "\r\n" + file + kEnd + "\r\n--b\r\n", "[|f||1F]1."},
-        {"only the end", kEnd, "."},
-        {"two line ends in front", "\r\n\r\n" + kEnd, "400 Malformed multipart boundary"},
+        {"only the end", kEnd, "."}, {"two line ends in front", "\r\n\r\n" + kEnd, "400 Malformed multipart boundary"},
         {"delimiter with a tail", file + "--bbb", "400 Malformed multipart boundary delimiter"},
         {"too short", "--", "400 Malformed multipart body", incomplete},
         {"no end of the headers", "--b\r\nx:y\r\n", "400 Malformed multipart headers", incomplete},
         {"ends in a part", file + part("", "x"), "400 Multipart closing boundary not found", incomplete},
         {"header without a name", "--b\r\n : x\r\n\r\n\r\n" + kEnd, "400 Malformed multipart part header"},
         {"no disposition", "--b\r\nx: y\r\n\r\n\r\n" + kEnd, "400 Missing Content-Disposition in multipart part"},
-        {"other disposition", "--b\r\ncontent-disposition: x\r\n\r\n\r\n" + kEnd,
-         "400 Unsupported multipart Content-Disposition"},
+        {"other", "--b\r\ncontent-disposition: x\r\n\r\n\r\n" + kEnd, "400 Unsupported multipart Content-Disposition"},
         {"most parts", file + file + file + kEnd, "[|f||1F]1[|f||1F]1[|f||1F]1."},
         {"too many parts", file + file + file + file + kEnd, "400 Too many multipart parts"},
         {"longest headers", part("", "", longest + "\r\n") + kEnd, "[|||0]."},
@@ -134,8 +126,7 @@ TEST_F(ZnHttpMultipart, ContentTypesThatAreRead) {
     const std::pair<const char*, const char*> rows[] = {
         {"multipart/form-data; boundary=\"\"", "400 Missing multipart boundary"},
         {"multipart/form-data-x; boundary=b", "400 Missing multipart boundary"},
-        {"MULTIPART/FORM-DATA; charset=x; Boundary=\"b\"", "."},
-        {"multipart/mixed; boundary=b", "unread"},
+        {"MULTIPART/FORM-DATA; charset=x; Boundary=\"b\"", "."}, {"multipart/mixed; boundary=b", "unread"},
     };
     const std::string longest(70, 'b');
     const std::string type = "multipart/form-data; boundary=" + longest;

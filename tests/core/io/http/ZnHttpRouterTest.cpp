@@ -43,18 +43,11 @@ TEST(ZnHttpRouter, MostSpecificRouteAnswers) {
     EXPECT_EQ(router.namedPattern("bad"), "");
     router.setFallback(named("fallback"));
     const struct { const char *method, *path, *expected; } kRows[] = {
-        {"GET", "/a/b", "200 literal"},
-        {"HEAD", "/a/b/", "200 literal"},
-        {"GET", "/A/b", "200 fallback"},
-        {"GET", "/a/12", "200 typed id=12"},
-        {"GET", "/a/x", "200 plain id=x"},
-        {"GET", "/a", "200 fallback"},
-        {"GET", "/a/b/c", "200 fallback"},
-        {"GET", "/files", "200 files wildcard="},
-        {"GET", "/files/a/b/", "200 files wildcard=a/b"},
-        {"GET", "/rest/a", "200 rest tail=a"},
-        {"GET", "/", "200 root"},
-        {"PATCH", "/any/1/2", "200 any x=1 y=2"},
+        {"GET", "/a/b", "200 literal"}, {"HEAD", "/a/b/", "200 literal"}, {"GET", "/A/b", "200 fallback"},
+        {"GET", "/a/12", "200 typed id=12"}, {"GET", "/a/x", "200 plain id=x"}, {"GET", "/a", "200 fallback"},
+        {"GET", "/a/b/c", "200 fallback"}, {"GET", "/files", "200 files wildcard="},
+        {"GET", "/files/a/b/", "200 files wildcard=a/b"}, {"GET", "/rest/a", "200 rest tail=a"},
+        {"GET", "/", "200 root"}, {"PATCH", "/any/1/2", "200 any x=1 y=2"},
         {"DELETE", "/a/b", "405 Method Not Allowed allow: GET, POST"},
         {"GET", "/later", "500 Async route requires async dispatch"},
     };
@@ -84,17 +77,12 @@ TEST(ZnHttpRouter, ParameterTypes) {
 TEST(ZnHttpRouter, TrailingSlashRedirects) {
     using Mode = ZnHttpRouter::TrailingSlash;
     const struct { Mode mode; ZnString path, query; const char* location; } kRows[] = { // null: none
-        {Mode::Leave, "/a/", "", nullptr},
-        {Mode::Strip, "/", "", nullptr},
-        {Mode::Strip, "/a", "", nullptr},
-        {Mode::Strip, "/a/", "x=1&y=%41", "/a?x=1&y=%41"},
-        {Mode::Strip, "//evil.test/", "", "/evil.test"},
+        {Mode::Leave, "/a/", "", nullptr}, {Mode::Strip, "/", "", nullptr}, {Mode::Strip, "/a", "", nullptr},
+        {Mode::Strip, "/a/", "x=1&y=%41", "/a?x=1&y=%41"}, {Mode::Strip, "//evil.test/", "", "/evil.test"},
         {Mode::Strip, "/\\evil.test/", "", "/%5Cevil.test"},
         {Mode::Strip, ZnString("/a\r\nset-cookie: x\0/", 19), "", "/a%0D%0Aset-cookie:%20x%00"},
         {Mode::Strip, "/100%?#\xC3\xA4/", "x=\n\"<#", "/100%25%3F%23%C3%A4?x=%0A%22%3C%23"},
-        {Mode::Strip, "//", "", "/"},
-        {Mode::Add, "/", "", nullptr},
-        {Mode::Add, "/a/", "", nullptr},
+        {Mode::Strip, "//", "", "/"}, {Mode::Add, "/", "", nullptr}, {Mode::Add, "/a/", "", nullptr},
         {Mode::Add, "//evil.test", "q", "/evil.test/?q"},
     };
     for (const auto& [mode, path, query, location] : kRows) {

@@ -142,7 +142,7 @@ TEST_F(ZnHttpServerTest, AppAnswers) {
     EXPECT_TRUE(runUntil([&] { return app_->activeSessionCount() == 0; }));
 }
 
-TEST_F(ZnHttpServerTest, ALargeBodyCrossesBothWaysAndByteByByte) {
+TEST_F(ZnHttpServerTest, ALargeBodyCrossesBothWays) {
     std::string body;
     while (body.size() < 6 * 1024 * 1024)
         body += std::to_string(body.size());
@@ -151,13 +151,6 @@ TEST_F(ZnHttpServerTest, ALargeBodyCrossesBothWaysAndByteByByte) {
     ASSERT_TRUE(runUntil([&] { return client->received.size() > body.size() && client->received.ends_with(body); }));
     EXPECT_EQ(app_->stats().bytesIn, static_cast<std::int64_t>(body.size()));
     EXPECT_EQ(app_->stats().bytesOut, static_cast<std::int64_t>(body.size()));
-
-    client->received.clear();
-    for (const char c : std::string("GET /echo/slow HTTP/1.1\r\nx-y: z\r\n\r\n")) {
-        client->socket.write(ZnString(&c, 1));
-        settle(0);
-    }
-    EXPECT_TRUE(runUntil([&] { return client->received.ends_with("slow"); }));
 }
 
 // The peer is still sending when the server has already refused: it must see the answer all the same.
@@ -218,12 +211,9 @@ TEST_F(ZnHttpServerTest, APeerThatHasClosedItsSideGetsTheAnswersThatAreDue) {
     ASSERT_TRUE(app_->sslServer().listen("127.0.0.1", 0));
     const auto get = [](const std::string& path) { return "GET " + path + " HTTP/1.1\r\n\r\n"; };
     const struct { std::string input; std::vector<std::string_view> bodies; } kRows[] = {
-        {get("/echo/a"), {"a"}},
-        {get("/slow"), {"slow"}},
-        {get("/slow") + get("/async") + get("/slow"), {"slow", "async", "slow"}},
-        {get("/file"), {content}},
-        {get("/async") + get("/file") + "GET /echo/half HTTP/1.1\r\n", {"async", content}},
-        {"GET /ec", {}},
+        {get("/echo/a"), {"a"}}, {get("/slow"), {"slow"}},
+        {get("/slow") + get("/async") + get("/slow"), {"slow", "async", "slow"}}, {get("/file"), {content}},
+        {get("/async") + get("/file") + "GET /echo/half HTTP/1.1\r\n", {"async", content}}, {"GET /ec", {}},
         {"GET\r\n\r\n", {"Malformed request line"}},
         {"POST /body HTTP/1.1\r\ncontent-length: 9\r\n\r\nhalf", {}}};
     for (const auto& [input, bodies] : kRows) {
@@ -256,9 +246,7 @@ TEST_F(ZnHttpServerTest, APeerThatHasClosedItsSideGetsTheAnswersThatAreDue) {
 }
 
 TEST_F(ZnHttpServerTest, ASlowReaderIsServedAndOneThatStopsIsCut) {
-    ZnHttpTimeouts timeouts;
-    timeouts.writeTimeoutMs = 400;
-    app_->setTimeouts(timeouts);
+    app_->setTimeouts({.writeTimeoutMs = 400});
     const std::string body(16 << 20, 'x');
     app_->get("/large", [&](ZnHttpContext& context) { context.sendString(body, "x/y"); });
     for (const bool isReading : {true, false}) {
@@ -285,10 +273,7 @@ TEST_F(ZnHttpServerTest, ASlowReaderIsServedAndOneThatStopsIsCut) {
 }
 
 TEST_F(ZnHttpServerTest, AdmissionLimits) {
-    ZnHttpLimits limits;
-    limits.maxConnections = 2;
-    limits.maxInflightRequests = 1;
-    app_->setLimits(limits);
+    app_->setLimits({.maxConnections = 2, .maxInflightRequests = 1});
     const auto parked = sendGet("/park");
     ASSERT_TRUE(runUntil([&] { return parkedHandlers_ == 1; }));
     const auto busy = sendGet("/echo/x");
@@ -304,8 +289,7 @@ TEST_F(ZnHttpServerTest, AdmissionLimits) {
     EXPECT_EQ(app_->stats().inFlight, 0);
 
     // What nobody can answer any more does not count as being handled.
-    limits.maxConnections = 0;
-    app_->setLimits(limits);
+    app_->setLimits({.maxInflightRequests = 1});
     ZnHttpResponseCallback kept;
     app_->router().addAsyncRoute("GET", "/kept", [&](const auto&, const auto& answer) { kept = answer; });
     app_->router().addAsyncRoute("GET", "/lost", [](const auto&, const auto&) {});
@@ -363,14 +347,11 @@ TEST_F(ZnHttpServerTest, ManySlowCallsLeaveTheLoopItsFibers) {
     EXPECT_TRUE(firstAnswer("/slow").ends_with("slow"));
     EXPECT_EQ(app_->stats().inFlight, 0);
 
-    ZnHttpLimits limits; // of one's own
-    limits.maxParkedRequests = 2 * kCallCount;
-    app_->setLimits(limits);
+    app_->setLimits({.maxParkedRequests = 2 * kCallCount}); // of one's own
     callsToAwait += kCallCount + 1;
     EXPECT_EQ(callAll()["HTTP/1.1 200"], kCallCount);
     EXPECT_GT(mostParked, application_.fiberPool().warmTarget()); // more than there are warm fibers
-    limits.maxParkedRequests = 1;
-    app_->setLimits(limits);
+    app_->setLimits({.maxParkedRequests = 1});
     const auto first = sendGet("/slow");
     ASSERT_TRUE(runUntil([&] { return parked == 1; }));
     EXPECT_TRUE(firstAnswer("/echo/x").ends_with("\r\n\r\nServer busy"));
@@ -400,9 +381,7 @@ TEST_F(ZnHttpServerTest, WhatIsRefusedAnywayIsRefusedInFrontOfItsBody) {
         {"POST /body?throw" + body, interim.c_str(), interim.c_str(), true},
         {"GET /echo/a HTTP/1.1\r\n\r\nPOST /none" + body, "HTTP/1.1 200 ", "\r\n\r\na", true}}; // in its turn
     for (const bool isEarly : {true, false}) {
-        ZnHttpLimits limits;
-        limits.refuseBeforeBody = isEarly;
-        app_->setLimits(limits);
+        app_->setLimits({.refuseBeforeBody = isEarly});
         for (const auto& row : kRows) {
             SCOPED_TRACE(row.input);
             const auto client = send(row.input);
@@ -550,9 +529,7 @@ TEST_F(ZnHttpServerPoolTest, RoutesRunOnThePool) {
 }
 
 TEST_F(ZnHttpServerPoolTest, AFullPoolIsNotWaitedForAndWhatItDropsIsAnswered) {
-    ZnHttpLimits limits;
-    limits.maxThreadPoolRequests = 3;
-    app_->setLimits(limits);
+    app_->setLimits({.maxThreadPoolRequests = 3});
     pool_->setMaxThreadCount(1);
     pool_->setMaxQueuedTaskCount(1);
     EXPECT_NE(firstAnswer("/pool/x").find("200 OK"), std::string::npos);
@@ -562,8 +539,7 @@ TEST_F(ZnHttpServerPoolTest, AFullPoolIsNotWaitedForAndWhatItDropsIsAnswered) {
     ASSERT_TRUE(pollUntil([&] { return pool_->queuedTaskCount() == 1; }));
     EXPECT_NE(firstAnswer("/pool/x").find("\r\n\r\nThreadPool saturated"), std::string::npos);
     EXPECT_EQ(app_->stats().poolRefused, 0); // by the pool
-    limits.maxThreadPoolRequests = 2;
-    app_->setLimits(limits);
+    app_->setLimits({.maxThreadPoolRequests = 2});
     EXPECT_NE(firstAnswer("/pool/x").find("503 Service Unavailable"), std::string::npos);
     EXPECT_EQ(app_->stats().poolRefused, 1);
     EXPECT_NE(firstAnswer("/async").find("async"), std::string::npos);
@@ -612,10 +588,8 @@ TEST_F(ZnHttpServerPoolTest, JobsOutliveTheirConnections) {
 TEST_F(ZnHttpServerPoolTest, FilesOfUploadsGoWithTheirRequest) {
     const TemporaryDirectory directory;
     const ZnString taken = directory.path("taken");
-    ZnHttpLimits limits;
-    limits.streamMultipart = true;
-    limits.multipartTempDir = directory.path("incoming");
-    app_->setLimits(limits);
+    const ZnString incoming = directory.path("incoming");
+    app_->setLimits({.streamMultipart = true, .multipartTempDir = incoming});
     app_->post("/upload", [&](ZnHttpContext& context) {
         const ZnHttpMultipartPart& part = context.request().multipartParts[0];
         EXPECT_EQ(contentOf(part.tempFilePath), "content");
@@ -626,9 +600,7 @@ TEST_F(ZnHttpServerPoolTest, FilesOfUploadsGoWithTheirRequest) {
             std::filesystem::rename(part.tempFilePath.str(), taken.str());
         context.text("done");
     });
-    const auto fileCount = [&] {
-        return std::distance(std::filesystem::directory_iterator(limits.multipartTempDir.str()), {});
-    };
+    const auto fileCount = [&] { return std::distance(std::filesystem::directory_iterator(incoming.str()), {}); };
     const struct {
         std::string query;
         std::size_t withheldBytes; // of the end of the body

@@ -127,19 +127,23 @@ bool checkState(const ManifestState_& state, ZnString* errorText) {
     return true;
 }
 
-/// 0 or the system's error number.
-int readWholeFile(ZnStorageFiles& files, const ZnString& path, std::string* content, ZnString* errorText) {
+/// A file that is not there is reported as `ifMissing`.
+ZnEmbeddedDbStatus readWholeFile(ZnStorageFiles& files, const ZnString& path, ZnEmbeddedDbStatus::Code ifMissing,
+                                 std::string* content) {
     std::unique_ptr<ZnStorageFile> probe;
     bool isNew = false;
+    ZnString reason;
     if (const int error = files.open(path, {}, &probe, &isNew); error != 0) {
-        failWithCode("CreateFileW failed", error, errorText);
-        return error;
+        failWithCode("CreateFileW failed", error, &reason);
+        return ZnEmbeddedDbStatus(error == ENOENT ? ifMissing : ZnEmbeddedDbStatus::IoError, std::move(reason)).at(path);
     }
     RandomAccessFile_ file(files);
-    if (!file.open(path, RandomAccessFile_::Mode::ReadOnly, errorText))
-        return EIO;
-    content->resize(static_cast<std::size_t>(file.size()));
-    return file.readAt(0, content->data(), content->size(), errorText) ? 0 : EIO;
+    if (file.open(path, RandomAccessFile_::Mode::ReadOnly, &reason)) {
+        content->resize(static_cast<std::size_t>(file.size()));
+        if (file.readAt(0, content->data(), content->size(), &reason))
+            return {};
+    }
+    return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(reason)).at(path);
 }
 
 } // namespace
@@ -215,11 +219,8 @@ ZnEmbeddedDbStatus writeManifest(ZnStorageFiles& files, const ZnString& rootPath
 ZnEmbeddedDbStatus readCurrent(ZnStorageFiles& files, const ZnString& rootPath, std::uint64_t* manifestId) {
     const ZnString path = joinPath(rootPath, kCurrentFileName);
     std::string content;
-    ZnString error;
-    if (const int code = readWholeFile(files, path, &content, &error); code != 0)
-        return ZnEmbeddedDbStatus(code == ENOENT ? ZnEmbeddedDbStatus::NotFound : ZnEmbeddedDbStatus::IoError,
-                                  std::move(error))
-            .at(path);
+    if (auto status = readWholeFile(files, path, ZnEmbeddedDbStatus::NotFound, &content); !status.isOk())
+        return status;
     const ZnString name(std::string_view(content).substr(0, content.find('\n')));
     const std::uint64_t id = parseFileId(name, kManifestPrefix, kManifestSuffix);
     if (content != (manifestFileName(id) + "\n").view()) // also for number 0, which stands for what does not parse
@@ -232,11 +233,9 @@ ZnEmbeddedDbStatus readManifest(ZnStorageFiles& files, const ZnString& rootPath,
                                 ManifestState_* state) {
     const ZnString path = joinPath(rootPath, manifestFileName(manifestId));
     std::string content;
+    if (auto status = readWholeFile(files, path, ZnEmbeddedDbStatus::Corruption, &content); !status.isOk())
+        return status;
     ZnString error;
-    if (const int code = readWholeFile(files, path, &content, &error); code != 0)
-        return ZnEmbeddedDbStatus(code == ENOENT ? ZnEmbeddedDbStatus::Corruption : ZnEmbeddedDbStatus::IoError,
-                                  std::move(error))
-            .at(path);
     ManifestState_ found;
     if (!decodeManifest(content, &found, &error))
         return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::Corruption, "invalid manifest, " + error).at(path);

@@ -1,6 +1,6 @@
+#include "core/storage/embeddeddb/Memtable_.h"
 #include "core/storage/StoreTestSupport.h"
 #include "core/storage/embeddeddb/IndexKey_.h"
-#include "core/storage/embeddeddb/Memtable_.h"
 
 #include <map>
 
@@ -37,7 +37,9 @@ WalBatch_ putOf(std::string_view key, std::string_view value, const std::vector<
 }
 
 TEST(IndexKey_, StandsInTheOrderOfSecondaryThenPrimaryKeyAndComesApartAgain) {
-    const std::string alphabet("\0\1\xFF""a", 4);
+    const std::string alphabet("\0\1\xFF"
+                               "a",
+                               4);
     std::mt19937_64 random(5);
     const auto text = [&] {
         std::string out;
@@ -61,8 +63,8 @@ TEST(IndexKey_, StandsInTheOrderOfSecondaryThenPrimaryKeyAndComesApartAgain) {
     }
     std::string secondary;
     std::string_view primary;
-    for (const std::string_view none : {std::string_view(""), std::string_view("a"), std::string_view("a\0", 2),
-                                        std::string_view("a\0\2b", 4)})
+    for (const std::string_view none :
+         {std::string_view(""), std::string_view("a"), std::string_view("a\0", 2), std::string_view("a\0\2b", 4)})
         EXPECT_FALSE(splitIndexKey(none, &secondary, &primary));
 }
 
@@ -85,6 +87,7 @@ TEST(Memtable_, DoesWhatTheLogTells) {
     EXPECT_TRUE(memtable.findIndex("color", indexKeyOf("red", "apple"))->tombstone);
     EXPECT_FALSE(memtable.findIndex("color", indexKeyOf("sour", "apple"))->tombstone);
     EXPECT_EQ(memtable.findIndex("taste", indexKeyOf("sour", "apple")), nullptr);
+    memtable.sort();
     EXPECT_EQ(memtable.sortedIndexKeys("color").size(), 3u);
     EXPECT_TRUE(memtable.sortedIndexKeys("taste").empty());
     WalBatch_ damaged;
@@ -107,18 +110,14 @@ TEST(Memtable_, HoldsTheNewestOfEachKeyHoweverItIsMerged) {
             auto& newest = model[key];
             newest = std::max(newest, {sequence, value});
             indexModel[indexKeyOf("c", key)] = newest.first;
-            if (step % 50 == 0) {
-                tables[0].sortedKeys(); // what was built must not be kept too long
-                tables[0].sortedIndexKeys("color");
-            }
         }
         tables[0].walId = 7;
         tables[1].walId = 5;
         const std::uint64_t byteCount =
             tables[0].approximateBytes() + tables[1].approximateBytes() + tables[2].approximateBytes();
-        tables[0].merge(std::move(tables[1]));
-        tables[0].merge(std::move(tables[2]));
-        EXPECT_TRUE(tables[1].isEmpty());
+        tables[0].merge(tables[1]);
+        tables[0].merge(tables[2]);
+        tables[0].sort();
         EXPECT_EQ(tables[0].walId, 5u);
         EXPECT_EQ(tables[0].approximateBytes(), byteCount);
         ASSERT_EQ(tables[0].sortedKeys().size(), model.size());

@@ -19,28 +19,21 @@ void insertNewest(Map* map, ZnByteArray key, Entry entry) {
 }
 
 template <typename Map>
-void mergeNewest(Map* target, Map* source) {
-    target->reserve(target->size() + source->size());
-    while (!source->empty()) {
-        auto node = source->extract(source->begin());
-        const auto at = target->find(node.key());
-        if (at == target->end())
-            target->insert(std::move(node));
-        else if (at->second.sequence <= node.mapped().sequence)
-            at->second = std::move(node.mapped());
-    }
+void mergeNewest(Map* target, const Map& source) {
+    target->reserve(target->size() + source.size());
+    for (const auto& [key, entry] : source)
+        insertNewest(target, key, entry);
 }
 
 template <typename Map>
-void buildSorted(const Map& map, std::vector<const typename Map::value_type*>* sorted) {
-    if (sorted->size() == map.size()) // nothing is ever taken out
-        return;
-    sorted->clear();
-    sorted->reserve(map.size());
+std::vector<const typename Map::value_type*> sortedEntries(const Map& map) {
+    std::vector<const typename Map::value_type*> sorted;
+    sorted.reserve(map.size());
     for (const auto& entry : map)
-        sorted->push_back(&entry);
-    std::sort(sorted->begin(), sorted->end(),
+        sorted.push_back(&entry);
+    std::sort(sorted.begin(), sorted.end(),
               [](const auto* left, const auto* right) { return left->first.view() < right->first.view(); });
+    return sorted;
 }
 
 std::uint64_t smallestAboveZero(std::uint64_t left, std::uint64_t right) {
@@ -94,16 +87,14 @@ void Memtable_::insertIndex(const ZnString& indexName, ZnByteArray indexKey, Ind
     insertNewest(&indexes_[indexName], std::move(indexKey), entry);
 }
 
-void Memtable_::merge(Memtable_&& source) {
+void Memtable_::merge(const Memtable_& source) {
     walId = smallestAboveZero(walId, source.walId);
-    blobFileId = std::max(blobFileId, source.blobFileId);
     minSequence_ = smallestAboveZero(minSequence_, source.minSequence_);
     maxSequence_ = std::max(maxSequence_, source.maxSequence_);
     approximateBytes_ += source.approximateBytes_;
-    mergeNewest(&primary_, &source.primary_);
-    for (auto& [indexName, index] : source.indexes_)
-        mergeNewest(&indexes_[indexName], &index);
-    source = Memtable_();
+    mergeNewest(&primary_, source.primary_);
+    for (const auto& [indexName, index] : source.indexes_)
+        mergeNewest(&indexes_[indexName], index);
 }
 
 const ValueEntry_* Memtable_::find(std::string_view key) const {
@@ -119,16 +110,16 @@ const IndexEntry_* Memtable_::findIndex(std::string_view indexName, std::string_
     return at == index->second.end() ? nullptr : &at->second;
 }
 
-const std::vector<const Memtable_::Primary::value_type*>& Memtable_::sortedKeys() {
-    buildSorted(primary_, &sortedKeys_);
-    return sortedKeys_;
+void Memtable_::sort() {
+    sortedKeys_ = sortedEntries(primary_);
+    for (const auto& [indexName, index] : indexes_)
+        sortedIndexKeys_[indexName] = sortedEntries(index);
 }
 
-const std::vector<const Memtable_::Index::value_type*>& Memtable_::sortedIndexKeys(const ZnString& indexName) {
-    std::vector<const Index::value_type*>& sorted = sortedIndexKeys_[indexName];
-    if (const auto index = indexes_.find(indexName); index != indexes_.end())
-        buildSorted(index->second, &sorted);
-    return sorted;
+const Memtable_::SortedIndexKeys& Memtable_::sortedIndexKeys(const ZnString& indexName) const noexcept {
+    static const SortedIndexKeys kNone;
+    const auto at = sortedIndexKeys_.find(indexName);
+    return at == sortedIndexKeys_.end() ? kNone : at->second;
 }
 
 } // namespace znEmbeddedDbDetail

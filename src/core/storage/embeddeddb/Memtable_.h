@@ -39,24 +39,26 @@ struct KeyEqual_ {
 
 /// The records that are in the log and not yet in tables: the newest of each key.
 ///
-/// Thread: none of its own; whoever shares it holds a reader/writer lock. sortedKeys() and sortedIndexKeys() may build
-/// their answer, and so count as writing unless it has been built already.
-/// Invariant: of the entries offered for a key it holds the one with the largest sequence, of equal ones the last.
+/// Thread: none of its own; whoever shares it holds a reader/writer lock. sort() counts as writing.
+/// Invariant: of the entries offered for a key it holds the one with the largest sequence, of equal ones the
+/// last.
 class Memtable_ {
 public:
     using Primary = std::unordered_map<ZnByteArray, ValueEntry_, KeyHash_, KeyEqual_>;
     using Index = std::unordered_map<ZnByteArray, IndexEntry_, KeyHash_, KeyEqual_>;
+    using SortedKeys = std::vector<const Primary::value_type*>;
+    using SortedIndexKeys = std::vector<const Index::value_type*>;
 
     /// Counted for an entry besides its keys and its value.
     static constexpr std::uint64_t kEntryBytes = 128;
 
-    /// Does what one operation of the log tells: the record, its secondary keys, and those that it retires. False, with
-    /// nothing done, when it does not decode.
+    /// Does what one operation of the log tells: the record, its secondary keys, and those that it retires.
+    /// False, with nothing done, when it does not decode.
     bool apply(const WalOperation_& operation, std::uint64_t sequence);
     void insert(ZnByteArray key, ValueEntry_ entry);
     void insertIndex(const ZnString& indexName, ZnByteArray indexKey, IndexEntry_ entry);
-    /// Takes over everything that `source` holds, and leaves it empty.
-    void merge(Memtable_&& source);
+    /// Takes in copies of all that `source` holds.
+    void merge(const Memtable_& source);
 
     /// Null for a key that it knows nothing about; a tombstone is an entry.
     const ValueEntry_* find(std::string_view key) const;
@@ -65,17 +67,19 @@ public:
     const Primary& primary() const noexcept { return primary_; }
     const ZnMap<ZnString, Index>& indexes() const noexcept { return indexes_; }
 
-    /// In ascending order of the keys; good until the next change.
-    const std::vector<const Primary::value_type*>& sortedKeys();
-    const std::vector<const Index::value_type*>& sortedIndexKeys(const ZnString& indexName);
+    /// Builds the two lists below, which are good until the next change.
+    void sort();
+    /// In ascending order of the keys.
+    const SortedKeys& sortedKeys() const noexcept { return sortedKeys_; }
+    /// Empty for an index without entries.
+    const SortedIndexKeys& sortedIndexKeys(const ZnString& indexName) const noexcept;
 
     std::uint64_t minSequence() const noexcept { return minSequence_; } // smallest above 0
     std::uint64_t maxSequence() const noexcept { return maxSequence_; }
     /// What all entries that were ever put in took; overwritten ones are not taken off.
     std::uint64_t approximateBytes() const noexcept { return approximateBytes_; }
 
-    std::uint64_t walId = 0;      // oldest log that holds records of it; 0 for none
-    std::uint64_t blobFileId = 0; // blob file that a flush has begun to fill; 0 for none
+    std::uint64_t walId = 0; // oldest log that holds records of it; 0 for none
 
 private:
     void noteEntry_(std::uint64_t sequence, std::uint64_t byteCount);
@@ -85,8 +89,8 @@ private:
     std::uint64_t minSequence_ = 0;
     std::uint64_t maxSequence_ = 0;
     std::uint64_t approximateBytes_ = 0;
-    std::vector<const Primary::value_type*> sortedKeys_; // empty: to be built, as are those of an index
-    ZnMap<ZnString, std::vector<const Index::value_type*>> sortedIndexKeys_;
+    SortedKeys sortedKeys_;
+    ZnMap<ZnString, SortedIndexKeys> sortedIndexKeys_;
 };
 
 } // namespace znEmbeddedDbDetail

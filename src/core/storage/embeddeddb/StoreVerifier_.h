@@ -1,0 +1,19 @@
+#pragma once
+
+#include "core/storage/embeddeddb/ReadView_.h"
+#include "core/storage/embeddeddb/StorePaths_.h"
+#include "core/storage/embeddeddb/TableMeta_.h"
+#include "core/storage/embeddeddb/ZnEmbeddedDbVerifyReport.h"
+
+#include <vector>
+
+namespace znEmbeddedDbDetail {
+
+/// Reads every table, block, filter, stored value and blob value that `view` refers to, from the disk, and
+/// checks them against each other: tables with their metas of the manifest, tables of one kind for their
+/// order and for equal sequences of a key, indexes with primary records. `view` has no active memtable. Code
+/// 7, with the report, when anything is wrong.
+ZnEmbeddedDbStatus verifyStore(ZnStorageFiles& files, const StorePaths_& paths, const ReadView_& view,
+                               ZnEmbeddedDbVerifyReport* report, const ZnEmbeddedDbProgress& progress);
+
+} // namespace znEmbeddedDbDetail

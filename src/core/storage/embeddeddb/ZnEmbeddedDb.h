@@ -1,0 +1,111 @@
+#pragma once
+
+#include "core/platform/ZnStorageFiles.h"
+#include "core/storage/embeddeddb/ZnEmbeddedDbBatch.h"
+#include "core/storage/embeddeddb/ZnEmbeddedDbIterator.h"
+#include "core/storage/embeddeddb/ZnEmbeddedDbOptions.h"
+#include "core/storage/embeddeddb/ZnEmbeddedDbSnapshot.h"
+#include "core/storage/embeddeddb/ZnEmbeddedDbStats.h"
+#include "core/storage/embeddeddb/ZnEmbeddedDbStatus.h"
+#include "core/storage/embeddeddb/ZnEmbeddedDbVerifyReport.h"
+#include "core/types/ZnByteArray.h"
+#include "core/types/ZnByteView.h"
+#include "core/types/ZnString.h"
+#include "core/types/ZnVector.h"
+
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <optional>
+
+namespace znEmbeddedDbDetail {
+class Store_;
+} // namespace znEmbeddedDbDetail
+
+/// The records that a scan goes through: from `start` (included) to `end` (excluded), of them those that
+/// begin with `prefix`. Null and empty bounds do not bound.
+struct ZnEmbeddedDbRange {
+    ZnByteArray start;
+    ZnByteArray end;
+    ZnByteArray prefix;
+    bool reverse = false;                                            // from the greatest key down
+    std::uint64_t limit = std::numeric_limits<std::uint64_t>::max(); // number of records
+    bool keysOnly = false;                                           // values stay unread
+    ZnEmbeddedDbSnapshotPtr snapshot;                                // null: as it is now
+};
+
+/// A key-value store in a directory: ordered keys, any number of secondary indexes, atomic batches,
+/// snapshots.
+///
+/// One object at a time, in one process, has a store open for writing; any number open it to read. Needs no
+/// event loop. Thread: any for every operation but open(), close() and the destructor, which belong to the
+/// owner: nothing else may be called while open() runs. Writes, sync() and flush() block; on the thread of an
+/// event loop use writeAsync. Keys have 0 to 65535 bytes, values up to 1 GiB. Statuses name the path and the
+/// cause. Code 5 is that of a store that is not open, or closes.
+class ZnEmbeddedDb {
+public:
+    static constexpr std::size_t kMaxKeyBytes = 65535;
+    static constexpr std::size_t kMaxValueBytes = 1024 * 1024 * 1024;
+
+    /// `files` must outlive the store, its snapshots and its iterators.
+    explicit ZnEmbeddedDb(ZnStorageFiles& files = znStorageFiles());
+    /// Closes.
+    ~ZnEmbeddedDb();
+    ZnEmbeddedDb(const ZnEmbeddedDb&) = delete;
+    ZnEmbeddedDb& operator=(const ZnEmbeddedDb&) = delete;
+
+    /// Code 1: no store there, and none is to be made. Code 2: another process, or another object, has it
+    /// open for writing. Code 4: it is open, or exists although it must not. Code 6: the file system. Code 7:
+    /// damaged. After a failure the object is as before, and nothing on the disk was repaired or removed.
+    ZnEmbeddedDbStatus open(const ZnString& path, const ZnEmbeddedDbOptions& options = {});
+    /// Writes everything to tables and releases the store. Never fails: what could not be written comes back
+    /// from the log on the next open(). Waiting writers end with code 5.
+    void close();
+    bool isOpen() const;
+
+    /// All or nothing, in the order of the calls that have returned. Code 3 for a store that was opened to
+    /// read. After code 6 the outcome is unknown until the store is opened anew: the write is there as a
+    /// whole, or not at all.
+    ZnEmbeddedDbStatus put(ZnByteView key, ZnByteView value, const ZnEmbeddedDbIndexKeys& indexKeys = {},
+                           ZnEmbeddedDbDurability durability = ZnEmbeddedDbDurability::Default);
+    /// Ok also when there is no such key.
+    ZnEmbeddedDbStatus remove(ZnByteView key, ZnEmbeddedDbDurability durability = ZnEmbeddedDbDurability::Default);
+    ZnEmbeddedDbStatus write(const ZnEmbeddedDbBatch& batch,
+                             ZnEmbeddedDbDurability durability = ZnEmbeddedDbDurability::Default);
+    /// Does not wait for the write; `callback` gets its status, exactly once: on the calling thread's event
+    /// loop when it has one, else on a thread of the store, which it must not hold up.
+    void writeAsync(const ZnEmbeddedDbBatch& batch, std::function<void(const ZnEmbeddedDbStatus&)> callback,
+                    ZnEmbeddedDbDurability durability = ZnEmbeddedDbDurability::Default);
+
+    /// Code 1 when there is no such key, with `*value` as it was.
+    ZnEmbeddedDbStatus get(ZnByteView key, ZnByteArray* value, const ZnEmbeddedDbSnapshotPtr& snapshot = nullptr) const;
+    /// As many values as keys, all of one moment; nothing for a key that is not there.
+    ZnEmbeddedDbStatus multiGet(const ZnVector<ZnByteArray>& keys, ZnVector<std::optional<ZnByteArray>>* values,
+                                const ZnEmbeddedDbSnapshotPtr& snapshot = nullptr) const;
+    /// Code 0 or 1, or a failure.
+    ZnEmbeddedDbStatus contains(ZnByteView key, const ZnEmbeddedDbSnapshotPtr& snapshot = nullptr) const;
+
+    /// The iterator stands on the first record.
+    ZnEmbeddedDbIterator scan(const ZnEmbeddedDbRange& range = {}) const;
+    /// The records that have this secondary key, in the order of their primary keys.
+    ZnEmbeddedDbIterator indexLookup(const ZnString& indexName, ZnByteView secondaryKey,
+                                     const ZnEmbeddedDbSnapshotPtr& snapshot = nullptr) const;
+    /// Records in the order of (secondary key, primary key), once for each secondary key in the range.
+    ZnEmbeddedDbIterator indexScan(const ZnString& indexName, const ZnEmbeddedDbRange& secondaryKeys = {}) const;
+    /// Null when the store is not open.
+    ZnEmbeddedDbSnapshotPtr snapshot() const;
+
+    /// When it is Ok, all that was committed before the call is on stable storage.
+    ZnEmbeddedDbStatus sync();
+    /// Writes all records in memory to tables, and waits for it.
+    ZnEmbeddedDbStatus flush();
+
+    ZnEmbeddedDbStats stats() const;
+    /// Reads everything and checks it. Code 7 when anything is wrong; what, is in `*report` (may be null).
+    ZnEmbeddedDbStatus verify(ZnEmbeddedDbVerifyReport* report = nullptr,
+                              const ZnEmbeddedDbProgress& progress = {}) const;
+
+private:
+    const std::unique_ptr<znEmbeddedDbDetail::Store_> store_;
+};

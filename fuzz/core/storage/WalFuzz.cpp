@@ -26,17 +26,26 @@ void repairChecksums(std::string* bytes) {
     }
 }
 
-/// Whoever writes the operations of a frame gets the frame.
+/// Whoever writes the operations of a frame gets the frame, if its stored values are what a store writes.
 void checkWritingAgain(const WalReader_& reader, std::string_view frame) {
     WalBatch_ batch;
     WalOperationReader_ operations = reader.operations();
     for (WalOperation_ operation; operations.next(&operation);) {
         RetiredKeys_ retired;
+        ValueEntry_ entry;
+        std::string stored;
         ZN_ASSERT(decodeRetiredKeys(operation, &retired));
-        if (operation.isRemove)
+        if (operation.isRemove) {
             batch.remove(operation.key, retired);
-        else
-            batch.put(operation.key, operation.storedValue, retired);
+            continue;
+        }
+        if (!decodeStoredValue(operation.storedValue.data(), operation.storedValue.size(), &entry) ||
+            !entry.inlineValue)
+            return;
+        encodeStoredValue(entry, &stored);
+        if (stored != operation.storedValue)
+            return;
+        batch.put(operation.key, entry.value.view(), entry.indexKeys, retired);
     }
     ZN_ASSERT(operations.isComplete());
     ZN_ASSERT(batch.seal(reader.header().salt, reader.frame().firstSequence, reader.frame().durableSequence) == frame);

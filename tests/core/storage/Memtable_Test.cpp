@@ -25,14 +25,14 @@ bool apply(Memtable_* memtable, const WalBatch_& filled, std::uint64_t sequence)
 
 WalBatch_ putOf(std::string_view key, std::string_view value, const std::vector<std::string>& colors = {},
                 const std::vector<std::string>& retiredColors = {}) {
-    ValueEntry_ entry = inlineEntry(value);
+    IndexKeys_ indexKeys;
     RetiredKeys_ retired;
     for (const std::string& color : colors)
-        entry.indexKeys["color"].append(ZnByteArray(color));
+        indexKeys["color"].append(ZnByteArray(color));
     for (const std::string& color : retiredColors)
         retired.append({"color", ZnByteArray(color)});
     WalBatch_ batch;
-    batch.put(key, encoded(entry), retired);
+    batch.put(key, value, indexKeys, retired);
     return batch;
 }
 
@@ -90,9 +90,7 @@ TEST(Memtable_, DoesWhatTheLogTells) {
     memtable.sort();
     EXPECT_EQ(memtable.sortedIndexKeys("color").size(), 3u);
     EXPECT_TRUE(memtable.sortedIndexKeys("taste").empty());
-    WalBatch_ damaged;
-    damaged.put("plum", "no stored value");
-    EXPECT_FALSE(apply(&memtable, damaged, 7));
+    EXPECT_FALSE(memtable.apply({false, "plum", "no stored value", 0, {}}, 7));
     EXPECT_EQ(memtable.find("plum"), nullptr);
 }
 

@@ -18,16 +18,22 @@ std::string textOf(MemoryFiles& files, std::uint64_t id = 1) {
     std::string text;
     for (;;) {
         switch (reader.next()) {
-        case WalReader_::Step::End: return text + "end";
-        case WalReader_::Step::Failed: return text + reader.status().message().str();
+        case WalReader_::Step::End:
+            return text + "end";
+        case WalReader_::Step::Failed:
+            return text + reader.status().message().str();
         case WalReader_::Step::Invalid:
             switch (reader.classifyTail()) {
-            case WalReader_::Tail::Torn: return text + "torn at " + std::to_string(reader.goodBytes());
-            case WalReader_::Tail::Damaged: return text + "damaged at " + std::to_string(reader.goodBytes());
-            case WalReader_::Tail::Failed: return text + reader.status().message().str();
+            case WalReader_::Tail::Torn:
+                return text + "torn at " + std::to_string(reader.goodBytes());
+            case WalReader_::Tail::Damaged:
+                return text + "damaged at " + std::to_string(reader.goodBytes());
+            case WalReader_::Tail::Failed:
+                return text + reader.status().message().str();
             }
             break;
-        case WalReader_::Step::Frame: break;
+        case WalReader_::Step::Frame:
+            break;
         }
         std::uint64_t sequence = reader.frame().firstSequence;
         WalOperationReader_ operations = reader.operations();
@@ -55,10 +61,10 @@ TEST(Wal_, IsWrittenAndReadByteForByte) {
     WalBatch_ third;
     RetiredKeys_ retired;
     retired.append({"color", ZnByteArray(std::string_view("yellow"))});
-    ValueEntry_ green = inlineEntry("green");
-    green.indexKeys["color"].append(green.value);
-    first.put("pear", encoded(green));
-    second.put("apple", encoded(inlineEntry("red")), retired);
+    IndexKeys_ green;
+    green["color"].append(ZnByteArray(std::string_view("green")));
+    first.put("pear", "green", green);
+    second.put("apple", "red", {}, retired);
     second.remove("cherry");
     third.remove("plum");
     ASSERT_EQ(writer.create("/w", kHeader), ZnEmbeddedDbStatus());
@@ -90,8 +96,8 @@ TEST(Wal_, ATornTailIsToldFromDamageBeforeWhatWasSynced) {
                 << what;
             return;
         }
-        const std::size_t at = static_cast<std::size_t>(
-            std::mismatch(good.begin(), good.end(), damaged.begin()).first - good.begin());
+        const std::size_t at =
+            static_cast<std::size_t>(std::mismatch(good.begin(), good.end(), damaged.begin()).first - good.begin());
         EXPECT_EQ(text, at < 48    ? "damaged at 0"
                         : at < 144 ? "damaged at 48"
                         : at < 248 ? kFirst + "damaged at 144"

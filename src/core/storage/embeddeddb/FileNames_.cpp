@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <charconv>
+#include <iterator>
+#include <utility>
 
 namespace znEmbeddedDbDetail {
 
@@ -47,6 +49,21 @@ std::uint64_t parseFileId(const ZnString& path, std::string_view prefix, std::st
     std::uint64_t id = 0;
     const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), id);
     return result.ec == std::errc() && nameOf(prefix, id, suffix) == ZnString(name) ? id : 0;
+}
+
+bool isStoreFileName(const ZnString& name) {
+    constexpr std::string_view kTemporarySuffix = ".tmp";
+    constexpr std::pair<std::string_view, std::string_view> kForms[] = {{kBlobPrefix, kBlobSuffix},
+                                                                        {kWalPrefix, kWalSuffix},
+                                                                        {kManifestPrefix, kManifestSuffix},
+                                                                        {"L0-", ".sst"},
+                                                                        {"L1-", ".sst"}};
+    std::string_view bare = name.view();
+    if (bare.ends_with(kTemporarySuffix))
+        bare.remove_suffix(kTemporarySuffix.size());
+    return bare == kCurrentFileName || bare == kLockFileName || manifestFileName(0).view() == bare ||
+           std::any_of(std::begin(kForms), std::end(kForms),
+                       [&](const auto& form) { return parseFileId(ZnString(bare), form.first, form.second) != 0; });
 }
 
 std::vector<ZnString> listFiles(ZnStorageFiles& files, const ZnString& directory, std::string_view prefix,

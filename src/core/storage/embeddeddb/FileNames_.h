@@ -29,6 +29,9 @@ ZnString manifestFileName(std::uint64_t id);
 /// would not have written (a leading zero, a sign, more than 64 bits).
 std::uint64_t parseFileId(const ZnString& path, std::string_view prefix, std::string_view suffix);
 
+/// Whether a bare name is that of a file of a store, of one in the making (".tmp" behind it) included.
+bool isStoreFileName(const ZnString& name);
+
 /// Full paths, in ascending order, of the files in `directory` whose names begin and end so; none when there is no such
 /// directory.
 std::vector<ZnString> listFiles(ZnStorageFiles& files, const ZnString& directory, std::string_view prefix,

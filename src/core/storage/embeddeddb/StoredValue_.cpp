@@ -31,16 +31,18 @@ bool readKeys(ByteReader_* reader, ZnVector<ZnByteArray>* keys) {
     return true;
 }
 
-std::string encodedMetadata(const IndexKeys_& indexKeys) {
-    std::string out;
-    appendLe(&out, static_cast<std::uint32_t>(indexKeys.size()));
+void appendMetadata(const IndexKeys_& indexKeys, std::string* out) {
+    const std::size_t lengthAt = out->size();
+    appendLe(out, std::uint32_t(0)); // known below
+    appendLe(out, static_cast<std::uint32_t>(indexKeys.size()));
     for (const auto& [name, keys] : indexKeys) {
-        appendSized(&out, name.view());
-        appendLe(&out, static_cast<std::uint32_t>(keys.size()));
+        appendSized(out, name.view());
+        appendLe(out, static_cast<std::uint32_t>(keys.size()));
         for (const ZnByteArray& key : keys)
-            appendSized(&out, key.view());
+            appendSized(out, key.view());
     }
-    return out;
+    const std::size_t metadataBytes = out->size() - lengthAt - sizeof(std::uint32_t);
+    storeLe(out->data() + lengthAt, static_cast<std::uint32_t>(metadataBytes));
 }
 
 } // namespace
@@ -90,20 +92,29 @@ bool decodeStoredValue(const char* bytes, std::size_t byteCount, ValueEntry_* en
     return true;
 }
 
+void encodeInlineValue(std::string_view value, const IndexKeys_& indexKeys, std::string* out) {
+    appendLe(out, kInlineStorage);
+    appendMetadata(indexKeys, out);
+    appendSized(out, value);
+}
+
+void encodeBlobValue(const BlobRef_& blob, const IndexKeys_& indexKeys, std::string* out) {
+    ZN_ASSERT(blob.valid);
+    appendLe(out, kExternalStorage);
+    appendMetadata(indexKeys, out);
+    appendLe(out, blob.blobFileId);
+    appendLe(out, blob.offset);
+    appendLe(out, blob.size);
+    appendLe(out, blob.crc32);
+    appendLe(out, blob.flags);
+}
+
 void encodeStoredValue(const ValueEntry_& entry, std::string* out) {
     ZN_ASSERT(!entry.tombstone);
-    ZN_ASSERT(entry.inlineValue || entry.blob.valid);
-    appendLe(out, entry.inlineValue ? kInlineStorage : kExternalStorage);
-    appendSized(out, encodedMetadata(entry.indexKeys));
-    if (entry.inlineValue) {
-        appendSized(out, entry.value.view());
-        return;
-    }
-    appendLe(out, entry.blob.blobFileId);
-    appendLe(out, entry.blob.offset);
-    appendLe(out, entry.blob.size);
-    appendLe(out, entry.blob.crc32);
-    appendLe(out, entry.blob.flags);
+    if (entry.inlineValue)
+        encodeInlineValue(entry.value.view(), entry.indexKeys, out);
+    else
+        encodeBlobValue(entry.blob, entry.indexKeys, out);
 }
 
 } // namespace znEmbeddedDbDetail

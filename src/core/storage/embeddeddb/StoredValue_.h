@@ -61,5 +61,9 @@ bool decodeStoredValue(const char* bytes, std::size_t byteCount, ValueEntry_* en
 
 /// Appends. The entry must not be a tombstone.
 void encodeStoredValue(const ValueEntry_& entry, std::string* out);
+/// Appends the stored value of an inline value.
+void encodeInlineValue(std::string_view value, const IndexKeys_& indexKeys, std::string* out);
+/// Appends the stored value of a value in a blob file.
+void encodeBlobValue(const BlobRef_& blob, const IndexKeys_& indexKeys, std::string* out);
 
 } // namespace znEmbeddedDbDetail

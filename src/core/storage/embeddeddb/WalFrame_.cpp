@@ -16,6 +16,7 @@ constexpr std::uint32_t kWalVersion = 1;
 constexpr std::uint8_t kPut = 0;
 constexpr std::uint8_t kRemove = 1;
 constexpr std::size_t kLeastOperationBytes = 9; // type, length of an empty key, number of retired keys
+constexpr std::size_t kPutFixedBytes = 40;      // of a put without secondary keys, with what pads the frame
 constexpr std::uint64_t kLastSequence = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
 
 constexpr std::size_t paddingBehind(std::size_t byteCount) {
@@ -65,11 +66,22 @@ bool decodeWalHeader(std::string_view bytes, WalHeader_* header) noexcept {
     return true;
 }
 
-void WalBatch_::put(std::string_view key, std::string_view storedValue, const RetiredKeys_& retired) {
+void WalBatch_::put(std::string_view key, std::string_view value, const IndexKeys_& indexKeys,
+                    const RetiredKeys_& retired) {
+    if (operationCount_ == 0) // most batches have one
+        bytes_.reserve(bytes_.size() + key.size() + value.size() + kPutFixedBytes);
     appendLe(&bytes_, kPut);
     appendSized(&bytes_, key);
-    appendSized(&bytes_, storedValue);
+    const std::size_t lengthAt = bytes_.size();
+    appendLe(&bytes_, std::uint32_t(0)); // known below
+    encodeInlineValue(value, indexKeys, &bytes_);
+    const std::size_t storedBytes = bytes_.size() - lengthAt - sizeof(std::uint32_t);
+    storeLe(bytes_.data() + lengthAt, static_cast<std::uint32_t>(storedBytes));
     finishOperation_(retired);
+}
+
+WalOperationReader_ WalBatch_::operations() const noexcept {
+    return {std::string_view(bytes_).substr(kWalFrameHeaderBytes), operationCount_};
 }
 
 void WalBatch_::remove(std::string_view key, const RetiredKeys_& retired) {

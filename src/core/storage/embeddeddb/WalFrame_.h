@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/storage/embeddeddb/LittleEndian_.h"
+#include "core/storage/embeddeddb/StoredValue_.h"
 #include "core/types/ZnByteArray.h"
 #include "core/types/ZnString.h"
 #include "core/types/ZnVector.h"
@@ -51,29 +52,6 @@ struct RetiredKey_ {
 };
 using RetiredKeys_ = ZnVector<RetiredKey_>;
 
-/// The operations of one batch, on their way into the log.
-///
-/// Filled by a writer without knowing the sequences; sealed when these are known. Thread: one at a time.
-class WalBatch_ {
-public:
-    WalBatch_() : bytes_(kWalFrameHeaderBytes, '\0') {}
-
-    /// `storedValue` as in a table, inline, with the secondary keys of the record.
-    void put(std::string_view key, std::string_view storedValue, const RetiredKeys_& retired = {});
-    void remove(std::string_view key, const RetiredKeys_& retired = {});
-    std::uint32_t operationCount() const noexcept { return operationCount_; }
-    /// Length of the frame.
-    std::size_t frameBytes() const noexcept;
-    /// The frame. Nothing may be added any more; sealing again with other numbers is fine.
-    std::string_view seal(std::uint64_t salt, std::uint64_t firstSequence, std::uint64_t durableSequence);
-
-private:
-    void finishOperation_(const RetiredKeys_& retired);
-
-    std::string bytes_; // room for the header, then the operations
-    std::uint32_t operationCount_ = 0;
-};
-
 /// The fixed part of a frame.
 struct WalFrameHeader_ {
     std::uint32_t crc = 0;
@@ -114,6 +92,31 @@ public:
 private:
     ByteReader_ reader_;
     std::uint32_t left_;
+};
+
+/// The operations of one batch, on their way into the log.
+///
+/// Filled by a writer without knowing the sequences; sealed when these are known. Thread: one at a time.
+class WalBatch_ {
+public:
+    WalBatch_() : bytes_(kWalFrameHeaderBytes, '\0') {}
+
+    /// `indexKeys`: the secondary keys of the record.
+    void put(std::string_view key, std::string_view value, const IndexKeys_& indexKeys = {},
+             const RetiredKeys_& retired = {});
+    void remove(std::string_view key, const RetiredKeys_& retired = {});
+    std::uint32_t operationCount() const noexcept { return operationCount_; }
+    WalOperationReader_ operations() const noexcept;
+    /// Length of the frame.
+    std::size_t frameBytes() const noexcept;
+    /// The frame. Nothing may be added any more; sealing again with other numbers is fine.
+    std::string_view seal(std::uint64_t salt, std::uint64_t firstSequence, std::uint64_t durableSequence);
+
+private:
+    void finishOperation_(const RetiredKeys_& retired);
+
+    std::string bytes_; // room for the header, then the operations
+    std::uint32_t operationCount_ = 0;
 };
 
 bool decodeRetiredKeys(const WalOperation_& operation, RetiredKeys_* keys);

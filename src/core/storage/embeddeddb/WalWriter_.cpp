@@ -33,13 +33,18 @@ ZnEmbeddedDbStatus WalWriter_::create(const ZnString& walDir, const WalHeader_& 
 
 ZnEmbeddedDbStatus WalWriter_::append(const std::vector<WalBatch_*>& group, std::uint64_t firstSequence,
                                       std::uint64_t durableSequence) {
+    std::string_view frames;
     frames_.clear();
     for (WalBatch_* batch : group) {
-        frames_ += batch->seal(salt_, firstSequence, durableSequence);
+        frames = batch->seal(salt_, firstSequence, durableSequence);
         firstSequence += batch->operationCount();
+        if (group.size() > 1) // a single one is written from where it is
+            frames_ += frames;
     }
+    if (group.size() > 1)
+        frames = frames_;
     ZnString error;
-    const bool isWritten = file_.append(frames_.data(), frames_.size(), nullptr, &error);
+    const bool isWritten = file_.append(frames.data(), frames.size(), nullptr, &error);
     if (frames_.capacity() > kKeptBytes)
         std::string().swap(frames_);
     return isWritten ? ZnEmbeddedDbStatus() : failed_(std::move(error));

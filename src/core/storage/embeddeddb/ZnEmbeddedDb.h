@@ -20,7 +20,7 @@
 #include <optional>
 
 namespace znEmbeddedDbDetail {
-class Store_;
+struct Store_;
 } // namespace znEmbeddedDbDetail
 
 /// The records that a scan goes through: from `start` (included) to `end` (excluded), of them those that

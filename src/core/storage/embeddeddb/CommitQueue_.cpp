@@ -1,0 +1,434 @@
+#include "core/storage/embeddeddb/CommitQueue_.h"
+
+#include "core/platform/ZnMonotonicClock.h"
+#include "core/storage/embeddeddb/ZnEmbeddedDbFlushScheduler.h"
+#include "core/types/ZnAssert.h"
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <random>
+#include <utility>
+
+namespace znEmbeddedDbDetail {
+
+namespace {
+
+constexpr std::size_t kGroupBytes = 1024 * 1024;
+constexpr std::size_t kSmallGroupBytes = 128 * 1024;
+constexpr std::uint64_t kLeastWalLimitBytes = 64 * 1024 * 1024;
+constexpr long long kLongestGroupWaitNs = 1'000'000;
+constexpr long long kNsPerMs = 1'000'000;
+
+ZnEmbeddedDbStatus closingStatus() {
+    return {ZnEmbeddedDbStatus::NotAvailable, "database is closing"};
+}
+
+std::uint64_t randomSalt() {
+    std::random_device device;
+    return (std::uint64_t(device()) << 32) ^ device();
+}
+
+/// Makes the log, in place of what an attempt that failed may have left.
+ZnEmbeddedDbStatus createLog(ZnStorageFiles& files, const StorePaths_& paths, std::uint64_t walId,
+                             std::uint64_t previousSequence, WalWriter_* log) {
+    const ZnString path = walPath(paths, walId);
+    files.remove(path);
+    ZnEmbeddedDbStatus status = log->create(paths.walDir, {walId, previousSequence, randomSalt()});
+    if (!status.isOk())
+        files.remove(path);
+    return status;
+}
+
+} // namespace
+
+CommitQueue_::CommitQueue_(StoreCore_& core, FlushScheduler_& flushes)
+    : core_(core), flushes_(flushes), log_(core.files) {}
+
+ZnEmbeddedDbStatus CommitQueue_::beginLog() {
+    const ZnMutexLocker locker(core_.mutex);
+    const std::uint64_t walId = core_.manifest.nextWalId;
+    log_ = WalWriter_(core_.files);
+    ZnEmbeddedDbStatus status = createLog(core_.files, core_.paths, walId, core_.lastCommittedSequence, &log_);
+    if (!status.isOk())
+        return status;
+    core_.manifest.activeWalId = walId;
+    core_.manifest.nextWalId = walId + 1;
+    nextSequence_ = core_.lastCommittedSequence + 1;
+    return {};
+}
+
+void CommitQueue_::startCommitWorker() {
+    const ZnMutexLocker locker(core_.mutex);
+    commitStopRequested_ = false;
+    syncRequested_ = false;
+    periodicDueNs_ = 0;
+    expectedWriters_ = 0;
+    commitWorkerRunning_ = true;
+    commitThread_ = std::thread([this] { runWorker_(); });
+}
+
+ZnEmbeddedDbStatus CommitQueue_::refusal_() const {
+    if (core_.closing)
+        return closingStatus();
+    if (!commitWorkerRunning_)
+        return {ZnEmbeddedDbStatus::NotAvailable, "database is not open"};
+    return core_.backgroundError;
+}
+
+/// A synced write does not when others are about to come: one sync for all of them is better than two.
+bool CommitQueue_::mayLead_(const PendingWrite_& write) const {
+    return !commitActive_ && pendingWrites_.empty() && !(write.isSynced && expectedWriters_ > 1);
+}
+
+ZnEmbeddedDbStatus CommitQueue_::commit(const WritePtr_& write) {
+    {
+        const ZnMutexLocker locker(core_.mutex);
+        if (ZnEmbeddedDbStatus status = refusal_(); !status.isOk())
+            return status;
+        if (mayLead_(*write)) {
+            commitActive_ = true;
+            ZnEmbeddedDbStatus status = commitGroup_({&write, 1});
+            leave_();
+            return status;
+        }
+        pendingWrites_.push_back(write);
+        core_.commitCondition.notify_one();
+    }
+    std::unique_lock lock(write->mutex);
+    write->condition.wait(lock, [&] { return write->done; });
+    return write->status;
+}
+
+void CommitQueue_::commitAsync(WritePtr_ write) {
+    ZnEmbeddedDbStatus status;
+    {
+        const ZnMutexLocker locker(core_.mutex);
+        status = refusal_();
+        if (status.isOk()) {
+            pendingWrites_.push_back(write);
+            core_.commitCondition.notify_one();
+        }
+    }
+    if (!status.isOk())
+        write->whenDone(status);
+}
+
+ZnEmbeddedDbStatus CommitQueue_::sync(bool forClose) {
+    const ZnMutexLocker locker(core_.mutex);
+    if (core_.closing && !forClose)
+        return closingStatus();
+    if (!core_.backgroundError.isOk())
+        return core_.backgroundError;
+    const std::uint64_t target = core_.lastCommittedSequence;
+    if (core_.durableSequence >= target && pendingWrites_.empty())
+        return {};
+    syncRequested_ = true;
+    core_.commitCondition.notify_one();
+    const std::uint64_t generation = core_.openGeneration;
+    while (core_.backgroundError.isOk() && core_.durableSequence < target &&
+           (commitWorkerRunning_ || !pendingWrites_.empty())) {
+        core_.workerCondition.wait(core_.mutex);
+        if (core_.openGeneration != generation)
+            return closingStatus();
+    }
+    if (!core_.backgroundError.isOk() || core_.durableSequence >= target)
+        return core_.backgroundError;
+    return {ZnEmbeddedDbStatus::IoError, "failed to durably flush pending writes"};
+}
+
+void CommitQueue_::stopCommitWorker() {
+    {
+        const ZnMutexLocker locker(core_.mutex);
+        commitStopRequested_ = true;
+    }
+    core_.commitCondition.notify_all();
+    if (commitThread_.joinable())
+        commitThread_.join();
+    const ZnMutexLocker locker(core_.mutex);
+    while (commitActive_) // a writer that commits on its own thread
+        core_.workerCondition.wait(core_.mutex);
+    commitWorkerRunning_ = false;
+    commitStopRequested_ = false;
+    syncRequested_ = false;
+    core_.workerCondition.notify_all();
+}
+
+void CommitQueue_::failPendingWrites() {
+    Group_ group;
+    {
+        const ZnMutexLocker locker(core_.mutex);
+        group.assign(pendingWrites_.begin(), pendingWrites_.end());
+        pendingWrites_.clear();
+    }
+    finish_(group, closingStatus());
+}
+
+std::uint64_t CommitQueue_::logBytes() {
+    const ZnMutexLocker locker(core_.mutex);
+    while (commitActive_)
+        core_.workerCondition.wait(core_.mutex);
+    return log_.fileBytes();
+}
+
+/// Ends in any case by saying so, so that nobody waits for a worker that is gone.
+void CommitQueue_::runWorker_() {
+    const ZnMutexLocker locker(core_.mutex);
+    try {
+        while (!commitStopRequested_ || commitActive_) {
+            waitForWork_();
+            flushes_.runTimers(monotonicNowNs());
+            if (commitActive_ || commitStopRequested_)
+                continue;
+            commitActive_ = true;
+            ZnEmbeddedDbStatus status; // a failed sync is told by the background error
+            if (!pendingWrites_.empty()) {
+                Group_ group;
+                waitForGroup_();
+                takeGroup_(&group);
+                status = commitGroup_(group);
+                core_.mutex.unlock();
+                finish_(group, status);
+                core_.mutex.lock();
+            } else if (wantsSync_(monotonicNowNs()) && hasUnsynced_() && core_.backgroundError.isOk()) {
+                status = syncLog_();
+            }
+            leave_();
+        }
+        if (hasUnsynced_() && core_.backgroundError.isOk())
+            static_cast<void>(syncLog_()); // as above
+    } catch (const std::exception& exception) {
+        commitActive_ = false;
+        core_.setBackgroundError(
+            {ZnEmbeddedDbStatus::IoError, ZnString("the commit worker ended: ") + exception.what()});
+    }
+    commitWorkerRunning_ = false;
+    core_.workerCondition.notify_all();
+}
+
+bool CommitQueue_::hasUnsynced_() const {
+    return core_.durableSequence < core_.lastCommittedSequence;
+}
+
+bool CommitQueue_::wantsSync_(long long nowNs) const {
+    return syncRequested_ || (periodicDueNs_ != 0 && periodicDueNs_ <= nowNs);
+}
+
+bool CommitQueue_::hasWork_(long long nowNs) const {
+    if (flushes_.nextTimerNs() <= nowNs)
+        return true;
+    if (commitActive_)
+        return false;
+    return commitStopRequested_ || !pendingWrites_.empty() || wantsSync_(nowNs);
+}
+
+void CommitQueue_::waitForWork_() {
+    for (;;) {
+        if (!hasUnsynced_() || !core_.backgroundError.isOk()) { // nothing left to do for those who want a sync
+            syncRequested_ = false;
+            periodicDueNs_ = 0;
+        }
+        const long long nowNs = monotonicNowNs();
+        if (hasWork_(nowNs))
+            return;
+        long long untilNs = flushes_.nextTimerNs();
+        if (periodicDueNs_ > nowNs)
+            untilNs = std::min(untilNs, periodicDueNs_);
+        if (untilNs == FlushScheduler_::kNever)
+            core_.commitCondition.wait(core_.mutex);
+        else
+            core_.commitCondition.wait_for(core_.mutex, std::chrono::nanoseconds(untilNs - nowNs));
+    }
+}
+
+/// Those whose writes were synced together come back together. Waiting for them for a fraction of what a sync takes
+/// makes one sync of what else would be two.
+void CommitQueue_::waitForGroup_() {
+    if (!pendingWrites_.front()->isSynced)
+        return;
+    const long long untilNs = monotonicNowNs() + std::min(syncNs_ / 4, kLongestGroupWaitNs);
+    while (pendingWrites_.size() < expectedWriters_ && !commitStopRequested_) {
+        const long long leftNs = untilNs - monotonicNowNs();
+        if (leftNs <= 0)
+            return;
+        core_.commitCondition.wait_for(core_.mutex, std::chrono::nanoseconds(leftNs));
+    }
+}
+
+void CommitQueue_::takeGroup_(Group_* group) {
+    std::size_t byteCount = 0;
+    std::size_t limit = kGroupBytes;
+    while (!pendingWrites_.empty()) {
+        const PendingWrite_& next = *pendingWrites_.front();
+        const std::size_t frameBytes = next.batch.frameBytes();
+        if (group->empty() && frameBytes <= kSmallGroupBytes)
+            limit = frameBytes + kSmallGroupBytes;
+        if (!group->empty() && (byteCount + frameBytes > limit || (next.isSynced && !group->front()->isSynced)))
+            break;
+        byteCount += frameBytes;
+        group->push_back(std::move(pendingWrites_.front()));
+        pendingWrites_.pop_front();
+    }
+}
+
+ZnEmbeddedDbStatus CommitQueue_::commitGroup_(GroupView_ group) {
+    ZnEmbeddedDbStatus status = makeRoom_();
+    if (!status.isOk())
+        return status;
+    const std::uint64_t firstSequence = nextSequence_;
+    const bool syncs = syncRequested_ ||
+                       std::any_of(group.begin(), group.end(), [](const WritePtr_& write) { return write->isSynced; });
+    status = append_(group, syncs);
+    if (!status.isOk())
+        return status;
+    insert_(group, firstSequence);
+    if (syncs) {
+        core_.durableSequence = std::max(core_.durableSequence, core_.lastCommittedSequence);
+        expectedWriters_ = group.size() + pendingWrites_.size();
+    } else if (periodicDueNs_ == 0 &&
+               std::any_of(group.begin(), group.end(), [](const WritePtr_& write) { return write->isPeriodic; })) {
+        periodicDueNs_ = core_.lastWriteNs + core_.options.syncIntervalMs * kNsPerMs;
+        core_.commitCondition.notify_one();
+    }
+    return {};
+}
+
+/// Before a group is written: a place for it in memory, and in a log that is not too long.
+ZnEmbeddedDbStatus CommitQueue_::makeRoom_() {
+    if (ZnEmbeddedDbStatus status = waitForFlush_(); !status.isOk())
+        return status;
+    const std::uint64_t walLimitBytes = std::max(4 * core_.options.memtableSizeBytes, kLeastWalLimitBytes);
+    std::uint64_t memtableBytes = 0;
+    {
+        const MemtableReadScope_ scope(core_.activeMemtable->lock);
+        memtableBytes = core_.activeMemtable->table.approximateBytes();
+    }
+    if (memtableBytes < core_.options.memtableSizeBytes && log_.fileBytes() < walLimitBytes)
+        return {};
+    return rotate_();
+}
+
+ZnEmbeddedDbStatus CommitQueue_::waitForFlush_() {
+    const long long beganNs = monotonicNowNs();
+    bool hasWaited = false;
+    while (core_.backgroundError.isOk() && flushes_.fullCount() >= core_.options.maxImmutableMemtables) {
+        if (core_.closing)
+            return closingStatus();
+        if (!flushes_.lastFailure().isOk())
+            return flushes_.lastFailure();
+        hasWaited = true;
+        core_.workerCondition.wait(core_.mutex);
+    }
+    if (hasWaited) {
+        core_.counters->stallCount.add();
+        core_.counters->stallMicroseconds.add(static_cast<std::uint64_t>((monotonicNowNs() - beganNs) / 1000));
+    }
+    return core_.backgroundError;
+}
+
+/// Begins a new log and a new memtable. The old log is synced first, so that of all logs the last one alone can end in
+/// half a frame.
+ZnEmbeddedDbStatus CommitQueue_::rotate_() {
+    const std::uint64_t walId = core_.manifest.nextWalId;
+    const std::uint64_t lastSequence = core_.lastCommittedSequence;
+    WalWriter_ next(core_.files);
+    if (ZnEmbeddedDbStatus status = syncLog_(); !status.isOk())
+        return status;
+    core_.mutex.unlock();
+    ZnEmbeddedDbStatus status = createLog(core_.files, core_.paths, walId, lastSequence, &next);
+    core_.mutex.lock();
+    core_.noteSyncFailure();
+    if (!status.isOk())
+        return status;
+    log_ = std::move(next);
+    core_.sealActive(true);
+    core_.manifest.activeWalId = walId;
+    core_.manifest.nextWalId = walId + 1;
+    core_.counters->walRotationCount.add();
+    flushes_.scheduleIfNeeded();
+    return {};
+}
+
+ZnEmbeddedDbStatus CommitQueue_::append_(GroupView_ group, bool syncs) {
+    std::uint64_t operationCount = 0;
+    batches_.clear();
+    for (const WritePtr_& write : group) {
+        batches_.push_back(&write->batch);
+        operationCount += write->batch.operationCount();
+    }
+    const std::uint64_t firstSequence = nextSequence_;
+    const std::uint64_t durableSequence = core_.durableSequence;
+    nextSequence_ += operationCount; // whatever happens: numbers are never used again
+    core_.mutex.unlock();
+    const std::uint64_t bytesBefore = log_.fileBytes();
+    ZnEmbeddedDbStatus status = log_.append(batches_, firstSequence, durableSequence);
+    core_.counters->groupCount.add();
+    core_.counters->walBytesWritten.add(log_.fileBytes() - bytesBefore);
+    const bool isBroken = !log_.canAppend();
+    core_.mutex.lock();
+    if (isBroken)
+        core_.setBackgroundError(status);
+    return status.isOk() && syncs ? syncLog_() : status;
+}
+
+ZnEmbeddedDbStatus CommitQueue_::syncLog_() {
+    const std::uint64_t target = core_.lastCommittedSequence;
+    core_.mutex.unlock();
+    const long long beganNs = monotonicNowNs();
+    ZnEmbeddedDbStatus status = log_.sync();
+    const long long tookNs = monotonicNowNs() - beganNs;
+    core_.counters->walSyncCount.add();
+    core_.mutex.lock();
+    core_.noteSyncFailure();
+    if (status.isOk()) {
+        syncNs_ = syncNs_ == 0 ? tookNs : (7 * syncNs_ + tookNs) / 8;
+        core_.durableSequence = std::max(core_.durableSequence, target);
+        core_.workerCondition.notify_all();
+    }
+    return status;
+}
+
+/// The whole group in one hold of both locks: no reader ever sees half a batch.
+void CommitQueue_::insert_(GroupView_ group, std::uint64_t firstSequence) {
+    std::uint64_t sequence = firstSequence;
+    {
+        const MemtableWriteScope_ scope(core_.activeMemtable->lock);
+        Memtable_& table = core_.activeMemtable->table;
+        for (const WritePtr_& write : group) {
+            WalOperationReader_ operations = write->batch.operations();
+            for (WalOperation_ operation; operations.next(&operation);) {
+                const bool isApplied = table.apply(operation, sequence++);
+                ZN_ASSERT(isApplied);
+            }
+        }
+        if (table.walId == 0)
+            table.walId = core_.manifest.activeWalId;
+    }
+    if (core_.lastCommittedSequence == core_.manifest.maxSequence) // the worker's idle timer begins
+        core_.commitCondition.notify_one();
+    core_.lastCommittedSequence = sequence - 1;
+    core_.lastWriteNs = monotonicNowNs();
+}
+
+/// The end of whatever commitActive was set for.
+void CommitQueue_::leave_() {
+    commitActive_ = false;
+    core_.workerCondition.notify_all();
+    if (!pendingWrites_.empty() || syncRequested_ || commitStopRequested_)
+        core_.commitCondition.notify_one();
+}
+
+void CommitQueue_::finish_(GroupView_ group, const ZnEmbeddedDbStatus& status) {
+    for (const WritePtr_& write : group) {
+        if (write->whenDone) {
+            write->whenDone(status);
+            continue;
+        }
+        const std::lock_guard lock(write->mutex);
+        write->status = status;
+        write->done = true;
+        write->condition.notify_all();
+    }
+}
+
+} // namespace znEmbeddedDbDetail

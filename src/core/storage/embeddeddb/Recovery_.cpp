@@ -1,0 +1,377 @@
+#include "core/storage/embeddeddb/Recovery_.h"
+
+#include "core/fs/ZnPath.h"
+#include "core/storage/embeddeddb/DurableFiles_.h"
+#include "core/storage/embeddeddb/FileNames_.h"
+#include "core/storage/embeddeddb/WalWriter_.h"
+#include "core/types/ZnLogger.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <set>
+#include <thread>
+#include <utility>
+
+namespace znEmbeddedDbDetail {
+
+namespace {
+
+constexpr const char* kCategory = "zn.core.storage.znembeddeddb";
+constexpr unsigned kOpeningThreads = 4;
+constexpr int kReadOnlyAttempts = 20; // beside a process that writes, each finds another manifest
+
+ZnEmbeddedDbStatus corruption(const char* message, const ZnString& path) {
+    return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::Corruption, message).at(path);
+}
+
+/// Calls `work(index)` for every index below `count`, on several threads.
+template <typename Work>
+void forEachInParallel(std::size_t count, Work work) {
+    std::atomic<std::size_t> nextIndex{0};
+    const auto run = [&] {
+        for (std::size_t index = nextIndex++; index < count; index = nextIndex++)
+            work(index);
+    };
+    std::vector<std::thread> helpers;
+    const std::size_t helperCount =
+        std::min<std::size_t>(count, std::clamp(std::thread::hardware_concurrency(), 1U, kOpeningThreads)) - 1;
+    for (std::size_t helper = 0; helper < helperCount; ++helper)
+        helpers.emplace_back(run);
+    run();
+    for (std::thread& helper : helpers)
+        helper.join();
+}
+
+std::uint64_t largestId(ZnStorageFiles& files, const ZnString& directory, std::string_view prefix,
+                        std::string_view suffix) {
+    std::uint64_t largest = 0;
+    for (const ZnString& path : listFiles(files, directory, prefix, suffix))
+        largest = std::max(largest, parseFileId(path, prefix, suffix));
+    return largest;
+}
+
+/// The largest id of the tables of either level, whatever their suffix is: ".sst", or ".sst.tmp".
+std::uint64_t largestTableId(ZnStorageFiles& files, const ZnString& directory, std::string_view suffix) {
+    return std::max(largestId(files, directory, "L0-", suffix), largestId(files, directory, "L1-", suffix));
+}
+
+/// The directories that are not there yet, from `path` upwards.
+std::vector<ZnString> missingDirectories(ZnStorageFiles& files, ZnString path) {
+    std::vector<ZnString> missing;
+    std::vector<ZnString> names;
+    for (; !path.isEmpty() && files.list(path, &names) == ENOENT; path = parentPath(path))
+        missing.push_back(path);
+    return missing;
+}
+
+/// Makes a directory last: its own name, and those of all that had to be made above it.
+ZnEmbeddedDbStatus makeDirectory(ZnStorageFiles& files, const ZnString& path) {
+    ZnString error;
+    std::vector<ZnString> toSync = missingDirectories(files, path);
+    if (const int code = files.makePath(path); code != 0) {
+        failWithCode("mkdir failed", code, &error);
+        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(path);
+    }
+    if (toSync.empty())
+        toSync.push_back(path);
+    if (const ZnString above = parentPath(toSync.back()); !above.isEmpty())
+        toSync.push_back(above);
+    for (const ZnString& directory : toSync)
+        if (!syncDirectory(files, directory, &error))
+            return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(directory);
+    return {};
+}
+
+/// The first file that only a store with content can have; empty when there is none.
+ZnString firstFileOfStore(ZnStorageFiles& files, const StorePaths_& paths) {
+    std::vector<ZnString> found = listFiles(files, paths.tablesDir, "L", ".sst");
+    for (const ZnString& path : listFiles(files, paths.blobsDir, kBlobPrefix, kBlobSuffix))
+        found.push_back(path);
+    for (const ZnString& path : listFiles(files, paths.rootPath, kManifestPrefix, kManifestSuffix))
+        if (parseFileId(path, kManifestPrefix, kManifestSuffix) > 0)
+            found.push_back(path);
+    for (const ZnString& path : listFiles(files, paths.walDir, kWalPrefix, kWalSuffix)) {
+        RandomAccessFile_ file(files);
+        if (!file.open(path, RandomAccessFile_::Mode::ReadOnly) || file.size() > kWalHeaderBytes)
+            found.push_back(path);
+    }
+    return found.empty() ? ZnString() : found.front();
+}
+
+} // namespace
+
+ZnEmbeddedDbStatus createStore(ZnStorageFiles& files, const StorePaths_& paths) {
+    if (const ZnString file = firstFileOfStore(files, paths); !file.isEmpty())
+        return corruption("CURRENT is missing", paths.rootPath).at("there is " + file);
+    for (const ZnString* directory :
+         {&paths.rootPath, &paths.walDir, &paths.tablesDir, &paths.blobsDir, &paths.tempDir})
+        if (ZnEmbeddedDbStatus status = makeDirectory(files, *directory); !status.isOk())
+            return status;
+    ManifestState_ manifest;
+    WalWriter_ log(files);
+    files.remove(walPath(paths, manifest.activeWalId)); // of a creation that was cut short
+    if (ZnEmbeddedDbStatus status = log.create(paths.walDir, {manifest.activeWalId, 0, 0}); !status.isOk())
+        return status;
+    ZnString syncError;
+    ZnEmbeddedDbStatus status = writeManifest(files, paths.rootPath, &manifest, &syncError);
+    if (status.isOk() && !syncError.isEmpty())
+        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(syncError)).at(paths.rootPath);
+    return status;
+}
+
+ZnEmbeddedDbStatus Recovery_::run(RecoveredStore_* store) {
+    std::uint64_t manifestId = 0;
+    ZnEmbeddedDbStatus status = readCurrent(files_, paths_.rootPath, &manifestId);
+    for (int attempt = 1; status.isOk(); ++attempt) {
+        *store = {};
+        status = runOnce_(store, manifestId);
+        if (status.isOk() || !options_.readOnly || attempt == kReadOnlyAttempts)
+            break;
+        // Whoever writes may have replaced what was being read, or have been in the middle of a write.
+        const std::uint64_t manifestIdBefore = manifestId;
+        const ZnEmbeddedDbStatus failure = std::exchange(status, readCurrent(files_, paths_.rootPath, &manifestId));
+        if (status.isOk() && manifestId == manifestIdBefore && attempt > 2)
+            return failure;
+    }
+    return status;
+}
+
+ZnEmbeddedDbStatus Recovery_::runOnce_(RecoveredStore_* store, std::uint64_t manifestId) {
+    logs_.clear();
+    tableSequence_ = 0;
+    lastFrameSequence_ = 0;
+    ZnEmbeddedDbStatus status = readManifest(files_, paths_.rootPath, manifestId, &store->manifest);
+    if (status.isOk())
+        status = listLogs_(*store); // before anything else is read: what is written meanwhile is left out as a whole
+    if (status.isOk())
+        status = openTables_(store);
+    if (!status.isOk())
+        return status;
+    // A number in the manifest has no checksum: what the tables do not show to be in them comes from the logs.
+    for (const TableMeta_& table : store->manifest.tables)
+        tableSequence_ = std::max(tableSequence_, table.maxSequence);
+    store->manifest.manifestId = manifestId + 1;
+    raiseIds_(store);
+    return replayLogs_(store);
+}
+
+ZnEmbeddedDbStatus Recovery_::openTables_(RecoveredStore_* store) {
+    const std::vector<TableMeta_>& metas = store->manifest.tables;
+    std::vector<std::shared_ptr<TableHandle_>> tables(metas.size());
+    std::vector<ZnEmbeddedDbStatus> statuses(metas.size());
+    if (metas.empty())
+        return {};
+    forEachInParallel(metas.size(), [&](std::size_t index) {
+        tables[index] = std::make_shared<TableHandle_>();
+        tables[index]->open(files_, paths_.rootPath, metas[index], {options_.verifyFilters}, &statuses[index]);
+    });
+    for (std::size_t index = 0; index < metas.size(); ++index) {
+        if (!statuses[index].isOk())
+            return statuses[index].at(joinPath(paths_.tablesDir, metas[index].fileName));
+        store->tableHandles[metas[index].fileName.str()] = std::move(tables[index]);
+    }
+    return {};
+}
+
+/// The log that was active when the manifest was written must be there: only a later manifest lets it go.
+ZnEmbeddedDbStatus Recovery_::listLogs_(const RecoveredStore_& store) {
+    for (const ZnString& path : listFiles(files_, paths_.walDir, kWalPrefix, kWalSuffix)) {
+        Log_ log;
+        log.walId = parseFileId(path, kWalPrefix, kWalSuffix);
+        if (log.walId != 0 && log.walId >= store.manifest.replayFromWalId)
+            logs_.push_back(log);
+    }
+    std::sort(logs_.begin(), logs_.end(), [](const Log_& left, const Log_& right) { return left.walId < right.walId; });
+    const bool hasActive = std::any_of(logs_.begin(), logs_.end(),
+                                       [&](const Log_& log) { return log.walId == store.manifest.activeWalId; });
+    if (!hasActive && !options_.salvageLog)
+        return corruption("log is missing", walPath(paths_, store.manifest.activeWalId));
+    return {};
+}
+
+/// Above every id that is on the disk: the manifest may be older than the last id that was given out.
+void Recovery_::raiseIds_(RecoveredStore_* store) const {
+    ManifestState_& manifest = store->manifest;
+    const std::uint64_t tableId =
+        std::max({largestTableId(files_, paths_.tablesDir, ".sst"), largestTableId(files_, paths_.tempDir, ".sst.tmp"),
+                  largestId(files_, paths_.blobsDir, kBlobPrefix, kBlobSuffix)});
+    manifest.nextTableId = std::max(manifest.nextTableId, tableId + 1);
+    manifest.nextWalId = std::max(manifest.nextWalId, largestId(files_, paths_.walDir, kWalPrefix, kWalSuffix) + 1);
+    manifest.manifestId =
+        std::max(manifest.manifestId, largestId(files_, paths_.rootPath, kManifestPrefix, kManifestSuffix) + 1);
+}
+
+ZnEmbeddedDbStatus Recovery_::replayLogs_(RecoveredStore_* store) {
+    store->lastSequence = store->manifest.maxSequence;
+    bool isEnd = false;
+    for (std::size_t logIndex = 0; logIndex < logs_.size() && !isEnd; ++logIndex)
+        if (ZnEmbeddedDbStatus status = replayLog_(store, logIndex, &isEnd); !status.isOk())
+            return status;
+    return {};
+}
+
+ZnEmbeddedDbStatus Recovery_::replayLog_(RecoveredStore_* store, std::size_t logIndex, bool* isEnd) {
+    const std::uint64_t walId = logs_[logIndex].walId;
+    WalReader_ reader(files_);
+    if (ZnEmbeddedDbStatus status = reader.open(paths_.walDir, walId); !status.isOk())
+        return status;
+    if (ZnEmbeddedDbStatus status = checkHeader_(*store, logIndex, &reader, isEnd); !status.isOk() || *isEnd)
+        return status;
+    for (;;) {
+        switch (reader.next()) {
+        case WalReader_::Step::Frame:
+            if (reader.frame().firstSequence <= lastFrameSequence_)
+                return damage_(logIndex, reader.goodBytes(), "log goes back in its sequences", isEnd);
+            if (ZnEmbeddedDbStatus status = applyFrame_(store, walId, reader); !status.isOk())
+                return status;
+            break;
+        case WalReader_::Step::End:
+            return {};
+        case WalReader_::Step::Failed:
+            return reader.status();
+        case WalReader_::Step::Invalid:
+            return endOfLog_(logIndex, &reader, isEnd);
+        }
+    }
+}
+
+/// Of a log whose making a crash cut short there is no whole header; it is the last one then, and no manifest knows it.
+ZnEmbeddedDbStatus Recovery_::checkHeader_(const RecoveredStore_& store, std::size_t logIndex, WalReader_* reader,
+                                           bool* isEnd) {
+    Log_& log = logs_[logIndex];
+    if (reader->hasHeader())
+        return reader->header().previousSequence <= store.lastSequence
+                   ? ZnEmbeddedDbStatus()
+                   : damage_(logIndex, 0, "the log before this one lacks its end", isEnd);
+    const bool isUnfinished = logIndex + 1 == logs_.size() && log.walId > store.manifest.activeWalId &&
+                              reader->classifyTail() == WalReader_::Tail::Torn;
+    if (!isUnfinished)
+        return damage_(logIndex, 0, "invalid log header", isEnd);
+    log.isDropped = true;
+    *isEnd = true;
+    return {};
+}
+
+/// What follows is no frame: the end of a write that was cut short, or damage.
+ZnEmbeddedDbStatus Recovery_::endOfLog_(std::size_t logIndex, WalReader_* reader, bool* isEnd) {
+    if (logIndex + 1 < logs_.size())
+        return nextLogNeedsNothingOf_(logIndex) ? ZnEmbeddedDbStatus()
+                                                : damage_(logIndex, reader->goodBytes(), "log is damaged", isEnd);
+    switch (reader->classifyTail()) {
+    case WalReader_::Tail::Failed:
+        return reader->status();
+    case WalReader_::Tail::Damaged:
+        return damage_(logIndex, reader->goodBytes(), "log is damaged", isEnd);
+    case WalReader_::Tail::Torn:
+        break;
+    }
+    logs_[logIndex].isCut = true;
+    logs_[logIndex].cutAt = reader->goodBytes();
+    return {};
+}
+
+/// Whether all that the log held, up to the beginning of the next one, is in tables.
+bool Recovery_::nextLogNeedsNothingOf_(std::size_t logIndex) const {
+    WalReader_ next(files_);
+    return next.open(paths_.walDir, logs_[logIndex + 1].walId).isOk() && next.hasHeader() &&
+           next.header().previousSequence <= tableSequence_;
+}
+
+/// With salvageLog, the store ends here; without, it is not opened.
+ZnEmbeddedDbStatus Recovery_::damage_(std::size_t logIndex, std::uint64_t offset, const char* what, bool* isEnd) {
+    const ZnString path = walPath(paths_, logs_[logIndex].walId);
+    if (!options_.salvageLog)
+        return corruption(what, path).at("offset " + ZnString::number(offset));
+    ZN_LOG_ERROR(kCategory, "ZnEmbeddedDb::open")
+        << what << ": " << path << ": what stands behind offset " << offset << ", and " << logs_.size() - logIndex - 1
+        << " later logs, are given up";
+    logs_[logIndex].isCut = offset > 0;
+    logs_[logIndex].cutAt = offset;
+    for (std::size_t index = offset > 0 ? logIndex + 1 : logIndex; index < logs_.size(); ++index)
+        logs_[index].isDropped = true;
+    *isEnd = true;
+    return {};
+}
+
+ZnEmbeddedDbStatus Recovery_::applyFrame_(RecoveredStore_* store, std::uint64_t walId, const WalReader_& reader) {
+    WalOperationReader_ operations = reader.operations();
+    std::uint64_t sequence = reader.frame().firstSequence;
+    for (WalOperation_ operation; operations.next(&operation); ++sequence) {
+        if (sequence <= tableSequence_)
+            continue;
+        if (store->memtables.empty() || store->memtables.back().isFull)
+            store->memtables.push_back({std::make_shared<SharedMemtable_>(), false, false});
+        SealedMemtable_& last = store->memtables.back();
+        const MemtableWriteScope_ scope(last.memtable->lock);
+        Memtable_& table = last.memtable->table;
+        if (!table.apply(operation, sequence))
+            return corruption("log holds no stored value", walPath(paths_, walId));
+        if (table.walId == 0)
+            table.walId = walId;
+    }
+    lastFrameSequence_ = reader.lastSequence();
+    store->lastSequence = std::max(store->lastSequence, lastFrameSequence_);
+    if (!store->memtables.empty()) { // between frames only: a batch does not straddle two
+        SealedMemtable_& last = store->memtables.back();
+        const MemtableReadScope_ scope(last.memtable->lock);
+        last.isFull = last.memtable->table.approximateBytes() >= options_.memtableSizeBytes;
+    }
+    return {};
+}
+
+ZnEmbeddedDbStatus Recovery_::repair() {
+    for (auto log = logs_.rbegin(); log != logs_.rend(); ++log) {
+        const ZnString path = walPath(paths_, log->walId);
+        ZnString error;
+        if (log->isDropped) {
+            if (const int code = files_.remove(path); code != 0 && code != ENOENT) {
+                failWithCode("DeleteFileW failed", code, &error);
+                return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(path);
+            }
+            continue;
+        }
+        RandomAccessFile_ file(files_);
+        if (!file.open(path, RandomAccessFile_::Mode::ReadWrite, &error) ||
+            (log->isCut && !file.truncate(log->cutAt, &error)) || !file.flushData(&error))
+            return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(path);
+    }
+    ZnString error;
+    if (syncDirectory(files_, paths_.walDir, &error))
+        return {};
+    return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(paths_.walDir);
+}
+
+void Recovery_::clean(const ManifestState_& manifest, const TableHandles_& tables) {
+    std::set<ZnString> tablePaths;
+    std::set<ZnString> blobPaths;
+    bool knowsBlobFileIds = true;
+    for (const auto& [name, table] : tables) {
+        tablePaths.insert(joinPath(paths_.tablesDir, table->meta().fileName));
+        knowsBlobFileIds = knowsBlobFileIds && table->knowsBlobFileIds();
+        for (const std::uint64_t id : table->blobFileIds())
+            blobPaths.insert(blobPath(paths_, id));
+    }
+    removeUnknown_(paths_.rootPath, {}, ".tmp");
+    removeUnknown_(paths_.tempDir, {}, ".tmp");
+    removeUnknown_(paths_.tablesDir, tablePaths, ".sst");
+    if (knowsBlobFileIds)
+        removeUnknown_(paths_.blobsDir, blobPaths, kBlobSuffix);
+    removeOldManifests(files_, paths_.rootPath, manifest.manifestId - 1, options_.keepManifests);
+}
+
+void Recovery_::removeUnknown_(const ZnString& directory, const std::set<ZnString>& known,
+                               std::string_view suffix) const {
+    std::vector<ZnString> names;
+    files_.list(directory, &names); // none, when it cannot be listed: cleaning can wait
+    for (const ZnString& name : names) {
+        const ZnString path = joinPath(directory, name);
+        const bool isOurs = isStoreFileName(name);
+        if (isOurs && name.endsWith(suffix) && known.count(path) == 0)
+            files_.remove(path);
+        else if (!isOurs)
+            ZN_LOG_WARNING(kCategory, "ZnEmbeddedDb::open") << "no file of a store, left alone: " << path;
+    }
+}
+
+} // namespace znEmbeddedDbDetail

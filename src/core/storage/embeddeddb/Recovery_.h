@@ -1,0 +1,65 @@
+#pragma once
+
+#include "core/storage/embeddeddb/StoreCore_.h"
+#include "core/storage/embeddeddb/WalReader_.h"
+
+#include <cstdint>
+#include <set>
+#include <string_view>
+#include <vector>
+
+namespace znEmbeddedDbDetail {
+
+/// Reads a store from the disk: the manifest in force, the tables that it names, and what the logs hold beyond them.
+///
+/// Code 7 for what cannot have been written like that; the message names the file. What a crash may leave is none of
+/// it. Thread: one. Owner: open, as a local.
+class Recovery_ {
+public:
+    Recovery_(ZnStorageFiles& files, const StorePaths_& paths, const ZnEmbeddedDbOptions& options)
+        : files_(files), paths_(paths), options_(options) {}
+
+    /// Changes nothing on the disk. `*store` is complete when this is Ok.
+    ZnEmbeddedDbStatus run(RecoveredStore_* store);
+    /// For a store that is opened to write: cuts off the half of a frame at the end of the last log, and brings to
+    /// stable storage what a process that was killed may have left in the system's memory.
+    ZnEmbeddedDbStatus repair();
+    /// Removes what a crash left behind. Only when the manifest of this opening is in force; `tables` are those that it
+    /// names. Names that are no file of a store are left alone.
+    void clean(const ManifestState_& manifest, const TableHandles_& tables);
+
+private:
+    struct Log_ {
+        std::uint64_t walId = 0;
+        std::uint64_t cutAt = 0; // with isCut: what stands behind this is no part of the log
+        bool isCut = false;
+        bool isDropped = false; // not a part of the store at all
+    };
+
+    ZnEmbeddedDbStatus runOnce_(RecoveredStore_* store, std::uint64_t manifestId);
+    ZnEmbeddedDbStatus openTables_(RecoveredStore_* store);
+    ZnEmbeddedDbStatus listLogs_(const RecoveredStore_& store);
+    void raiseIds_(RecoveredStore_* store) const;
+    ZnEmbeddedDbStatus replayLogs_(RecoveredStore_* store);
+    ZnEmbeddedDbStatus replayLog_(RecoveredStore_* store, std::size_t logIndex, bool* isEnd);
+    ZnEmbeddedDbStatus checkHeader_(const RecoveredStore_& store, std::size_t logIndex, WalReader_* reader,
+                                    bool* isEnd);
+    ZnEmbeddedDbStatus endOfLog_(std::size_t logIndex, WalReader_* reader, bool* isEnd);
+    ZnEmbeddedDbStatus applyFrame_(RecoveredStore_* store, std::uint64_t walId, const WalReader_& reader);
+    ZnEmbeddedDbStatus damage_(std::size_t logIndex, std::uint64_t offset, const char* what, bool* isEnd);
+    bool nextLogNeedsNothingOf_(std::size_t logIndex) const;
+    void removeUnknown_(const ZnString& directory, const std::set<ZnString>& known, std::string_view suffix) const;
+
+    ZnStorageFiles& files_;
+    const StorePaths_& paths_;
+    const ZnEmbeddedDbOptions& options_;
+    std::vector<Log_> logs_;              // to be replayed, ascending
+    std::uint64_t tableSequence_ = 0;     // everything at or below it is in tables
+    std::uint64_t lastFrameSequence_ = 0; // of the frames read so far
+};
+
+/// Makes an empty store where none is: directories, first log, first manifest, CURRENT, in this order. Code 7 when
+/// there are files of a store already.
+ZnEmbeddedDbStatus createStore(ZnStorageFiles& files, const StorePaths_& paths);
+
+} // namespace znEmbeddedDbDetail

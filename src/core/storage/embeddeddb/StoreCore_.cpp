@@ -1,0 +1,280 @@
+#include "core/storage/embeddeddb/StoreCore_.h"
+
+#include "core/fs/ZnPath.h"
+#include "core/platform/ZnMonotonicClock.h"
+#include "core/storage/embeddeddb/FileNames_.h"
+#include "core/types/ZnLogger.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace znEmbeddedDbDetail {
+
+namespace {
+
+constexpr const char* kCategory = "zn.core.storage.znembeddeddb";
+constexpr std::size_t kSmallSealedLimit = 4;
+constexpr std::uint64_t kMergedUnderLockBytes = 1024 * 1024; // a copy of so much takes about a millisecond
+constexpr std::uint64_t kManifestCleanInterval = 16;
+
+struct CounterField {
+    Counter_ StoreCounters_::*counter;
+    std::uint64_t ZnEmbeddedDbStats::*field;
+};
+constexpr CounterField kCounterFields[] = {
+    {&StoreCounters_::putCount, &ZnEmbeddedDbStats::putCount},
+    {&StoreCounters_::removeCount, &ZnEmbeddedDbStats::removeCount},
+    {&StoreCounters_::getCount, &ZnEmbeddedDbStats::getCount},
+    {&StoreCounters_::getHitCount, &ZnEmbeddedDbStats::getHitCount},
+    {&StoreCounters_::scanCount, &ZnEmbeddedDbStats::scanCount},
+    {&StoreCounters_::indexLookupCount, &ZnEmbeddedDbStats::indexLookupCount},
+    {&StoreCounters_::batchCount, &ZnEmbeddedDbStats::batchCount},
+    {&StoreCounters_::groupCount, &ZnEmbeddedDbStats::groupCount},
+    {&StoreCounters_::walBytesWritten, &ZnEmbeddedDbStats::walBytesWritten},
+    {&StoreCounters_::walSyncCount, &ZnEmbeddedDbStats::walSyncCount},
+    {&StoreCounters_::walRotationCount, &ZnEmbeddedDbStats::walRotationCount},
+    {&StoreCounters_::flushCount, &ZnEmbeddedDbStats::flushCount},
+    {&StoreCounters_::flushBytesWritten, &ZnEmbeddedDbStats::flushBytesWritten},
+    {&StoreCounters_::flushFailedCount, &ZnEmbeddedDbStats::flushFailedCount},
+    {&StoreCounters_::compactionCount, &ZnEmbeddedDbStats::compactionCount},
+    {&StoreCounters_::compactionBytesRead, &ZnEmbeddedDbStats::compactionBytesRead},
+    {&StoreCounters_::compactionBytesWritten, &ZnEmbeddedDbStats::compactionBytesWritten},
+    {&StoreCounters_::compactionFailedCount, &ZnEmbeddedDbStats::compactionFailedCount},
+    {&StoreCounters_::blobGcCount, &ZnEmbeddedDbStats::blobGcCount},
+    {&StoreCounters_::blobGcAbandonedCount, &ZnEmbeddedDbStats::blobGcAbandonedCount},
+    {&StoreCounters_::blobBytesWritten, &ZnEmbeddedDbStats::blobBytesWritten},
+    {&StoreCounters_::blobBytesRead, &ZnEmbeddedDbStats::blobBytesRead},
+    {&StoreCounters_::bloomNegativeCount, &ZnEmbeddedDbStats::bloomNegativeCount},
+    {&StoreCounters_::bloomFalsePositiveCount, &ZnEmbeddedDbStats::bloomFalsePositiveCount},
+    {&StoreCounters_::stallCount, &ZnEmbeddedDbStats::stallCount},
+    {&StoreCounters_::stallMicroseconds, &ZnEmbeddedDbStats::stallMicroseconds},
+};
+
+std::uint64_t bytesOf(SharedMemtable_& memtable) {
+    const MemtableReadScope_ scope(memtable.lock);
+    return memtable.table.approximateBytes();
+}
+
+/// The memtable that stands for two adjoining ones.
+std::shared_ptr<SharedMemtable_> mergedOf(SharedMemtable_& older, SharedMemtable_& newer) {
+    auto merged = std::make_shared<SharedMemtable_>();
+    const MemtableWriteScope_ scope(merged->lock);
+    for (SharedMemtable_* source : {&older, &newer}) {
+        const MemtableReadScope_ sourceScope(source->lock);
+        merged->table.merge(source->table);
+    }
+    return merged;
+}
+
+bool isNewer(const TableMeta_& left, const TableMeta_& right) {
+    return left.level != right.level ? left.level < right.level : left.fileId > right.fileId;
+}
+
+} // namespace
+
+ZnString walPath(const StorePaths_& paths, std::uint64_t walId) {
+    return joinPath(paths.walDir, walFileName(walId));
+}
+
+ZnString blobPath(const StorePaths_& paths, std::uint64_t blobFileId) {
+    return joinPath(paths.blobsDir, blobFileName(blobFileId));
+}
+
+void removeOldManifests(ZnStorageFiles& files, const ZnString& rootPath, std::uint64_t currentId,
+                        std::uint32_t keptCount) {
+    std::vector<std::uint64_t> ids;
+    for (const ZnString& path : listFiles(files, rootPath, kManifestPrefix, kManifestSuffix)) {
+        const std::uint64_t id = parseFileId(path, kManifestPrefix, kManifestSuffix);
+        if (id < currentId && path == joinPath(rootPath, manifestFileName(id))) // else it is none, or the one in force
+            ids.push_back(id);
+    }
+    std::sort(ids.begin(), ids.end(), std::greater<>());
+    for (std::size_t index = keptCount - 1; index < ids.size(); ++index)
+        files.remove(joinPath(rootPath, manifestFileName(ids[index])));
+}
+
+void StoreCore_::adopt(RecoveredStore_&& recovered) {
+    manifest = std::move(recovered.manifest);
+    tableHandles = std::move(recovered.tableHandles);
+    immutableMemtables = std::move(recovered.memtables);
+    activeMemtable = std::make_shared<SharedMemtable_>();
+    lastCommittedSequence = recovered.lastSequence;
+    durableSequence = recovered.lastSequence;
+    lastWriteNs = monotonicNowNs();
+    rebuildReadView();
+    publishView();
+}
+
+void StoreCore_::reset() {
+    ++openGeneration;
+    options = {};
+    paths = {};
+    counters = std::make_shared<StoreCounters_>();
+    blobs = nullptr;
+    manifest = {};
+    tableHandles.clear();
+    activeMemtable = std::make_shared<SharedMemtable_>();
+    immutableMemtables.clear();
+    tableViews = nullptr;
+    lastCommittedSequence = 0;
+    durableSequence = 0;
+    backgroundError = {};
+    closing = false;
+    manifestCommits_ = 0;
+    files.forget();
+    ReadViewPtr_ last; // as in publishView
+    const ZnMutexLocker locker(viewLock_);
+    view_.swap(last);
+}
+
+void StoreCore_::setBackgroundError(ZnEmbeddedDbStatus status) {
+    if (!backgroundError.isOk())
+        return;
+    ZN_LOG_ERROR(kCategory, "ZnEmbeddedDb::setBackgroundError")
+        << paths.rootPath << " takes no more writes: " << status.message();
+    backgroundError = std::move(status);
+    workerCondition.notify_all();
+    commitCondition.notify_all();
+}
+
+void StoreCore_::noteSyncFailure() {
+    if (files.hasFailed())
+        setBackgroundError({ZnEmbeddedDbStatus::IoError, files.failure()});
+}
+
+void StoreCore_::rebuildReadView() {
+    auto views = std::make_shared<TableViews_>();
+    std::vector<TableMeta_> tables = manifest.tables;
+    std::sort(tables.begin(), tables.end(), isNewer);
+    for (const TableMeta_& table : tables) {
+        const auto handle = tableHandles.find(table.fileName.str());
+        if (handle == tableHandles.end())
+            continue;
+        if (table.kind == kIndexTable) {
+            views->indexViews[table.indexName].push_back(handle->second);
+            continue;
+        }
+        views->primaryView.push_back(handle->second);
+        if (views->largestPrimaryKey < handle->second->lastKey())
+            views->largestPrimaryKey = handle->second->lastKey();
+    }
+    tableViews = std::move(views);
+}
+
+void StoreCore_::publishView() {
+    auto next = std::make_shared<ReadView_>();
+    next->active = activeMemtable;
+    next->sealed.reserve(immutableMemtables.size());
+    for (auto sealed = immutableMemtables.rbegin(); sealed != immutableMemtables.rend(); ++sealed)
+        next->sealed.push_back(sealed->memtable);
+    next->tables = tableViews;
+    next->blobs = blobs;
+    next->counters = counters;
+    ReadViewPtr_ last = std::move(next); // what nobody needs any more goes with the lock released
+    const ZnMutexLocker locker(viewLock_);
+    view_.swap(last);
+}
+
+ReadViewPtr_ StoreCore_::view() const {
+    const ZnMutexLocker locker(viewLock_);
+    return view_;
+}
+
+ReadViewPtr_ StoreCore_::stableView(std::uint64_t* sequence) {
+    const ZnMutexLocker locker(mutex);
+    sealActive(false);
+    *sequence = lastCommittedSequence;
+    auto stable = std::make_shared<ReadView_>(*view());
+    stable->active = nullptr;
+    return stable;
+}
+
+void StoreCore_::sealActive(bool isFull) {
+    {
+        const MemtableReadScope_ scope(activeMemtable->lock);
+        if (activeMemtable->table.isEmpty())
+            return;
+    }
+    immutableMemtables.push_back({std::move(activeMemtable), isFull, false});
+    activeMemtable = std::make_shared<SharedMemtable_>();
+    mergeSmallSealed_();
+    publishView();
+}
+
+/// Keeps the line short when every write is followed by a snapshot: adjoining small ones of about the same size become
+/// one, so that a record is copied a few times at most. What has come together to a full one is flushed.
+void StoreCore_::mergeSmallSealed_() {
+    const auto isSmall = [](const SealedMemtable_& sealed) {
+        return !sealed.isFull && !sealed.isFlushing;
+    };
+    const auto firstSmall = std::find_if_not(immutableMemtables.rbegin(), immutableMemtables.rend(), isSmall).base();
+    const auto first = static_cast<std::size_t>(firstSmall - immutableMemtables.begin());
+    std::uint64_t allBytes = 0;
+    for (std::size_t index = first; index < immutableMemtables.size(); ++index)
+        allBytes += bytesOf(*immutableMemtables[index].memtable);
+    if (allBytes >= options.memtableSizeBytes) {
+        immutableMemtables.back().isFull = true;
+        return;
+    }
+    while (immutableMemtables.size() - first > kSmallSealedLimit) {
+        SealedMemtable_& newer = immutableMemtables.back();
+        SealedMemtable_& older = immutableMemtables[immutableMemtables.size() - 2];
+        const std::uint64_t newerBytes = bytesOf(*newer.memtable);
+        const std::uint64_t olderBytes = bytesOf(*older.memtable);
+        if (olderBytes > 2 * newerBytes || olderBytes + newerBytes > kMergedUnderLockBytes)
+            return;
+        older.memtable = mergedOf(*older.memtable, *newer.memtable);
+        immutableMemtables.pop_back();
+    }
+}
+
+void StoreCore_::recomputeReplayFromWalId() {
+    std::uint64_t oldest = manifest.activeWalId == 0 ? 1 : manifest.activeWalId;
+    const auto consider = [&oldest](SharedMemtable_& memtable) {
+        const MemtableReadScope_ scope(memtable.lock);
+        if (memtable.table.walId != 0)
+            oldest = std::min(oldest, memtable.table.walId);
+    };
+    consider(*activeMemtable);
+    for (const SealedMemtable_& sealed : immutableMemtables)
+        consider(*sealed.memtable);
+    manifest.replayFromWalId = oldest;
+}
+
+void StoreCore_::collectObsoleteWalFiles() {
+    recomputeReplayFromWalId();
+    if (!backgroundError.isOk())
+        return;
+    for (const ZnString& path : listFiles(files, paths.walDir, kWalPrefix, kWalSuffix)) {
+        const std::uint64_t id = parseFileId(path, kWalPrefix, kWalSuffix);
+        if (id != 0 && id < manifest.replayFromWalId)
+            files.remove(path);
+    }
+}
+
+ZnEmbeddedDbStatus StoreCore_::writeManifest() {
+    ZnEmbeddedDbStatus status = znEmbeddedDbDetail::writeManifest(files, paths.rootPath, &manifest);
+    noteSyncFailure();
+    if (status.isOk() && ++manifestCommits_ % kManifestCleanInterval == 0 && backgroundError.isOk())
+        removeOldManifests(files, paths.rootPath, manifest.manifestId - 1, options.keepManifests);
+    return status;
+}
+
+void StoreCore_::fillStats(ZnEmbeddedDbStats* stats) {
+    const ZnMutexLocker locker(mutex);
+    for (const auto& [counter, field] : kCounterFields)
+        stats->*field = ((*counters).*counter).value();
+    for (const TableMeta_& table : manifest.tables)
+        ++(table.level == 0 ? stats->level0TableCount : stats->level1TableCount);
+    for (const auto& [name, handle] : tableHandles)
+        stats->tableBytes += handle->fileBytes();
+    stats->memtableCount = immutableMemtables.size() + 1;
+    stats->memtableBytes = bytesOf(*activeMemtable);
+    for (const SealedMemtable_& sealed : immutableMemtables)
+        stats->memtableBytes += bytesOf(*sealed.memtable);
+    stats->lastCommittedSequence = lastCommittedSequence;
+    stats->durableSequence = durableSequence;
+    stats->backgroundError = backgroundError;
+}
+
+} // namespace znEmbeddedDbDetail

@@ -1,0 +1,113 @@
+#pragma once
+
+#include "core/storage/embeddeddb/Manifest_.h"
+#include "core/storage/embeddeddb/ReadView_.h"
+#include "core/storage/embeddeddb/StorePaths_.h"
+#include "core/storage/embeddeddb/SyncWatch_.h"
+#include "core/storage/embeddeddb/ZnEmbeddedDbOptions.h"
+#include "core/storage/embeddeddb/ZnEmbeddedDbStats.h"
+#include "core/types/ZnMutex.h"
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <unordered_map>
+
+namespace znEmbeddedDbDetail {
+
+/// A memtable that takes no more writes and waits to become tables.
+struct SealedMemtable_ {
+    std::shared_ptr<SharedMemtable_> memtable;
+    bool isFull = false;     // else a snapshot sealed it: it may wait for a full one
+    bool isFlushing = false; // its place in the line must not change
+};
+
+/// By file name.
+using TableHandles_ = std::unordered_map<std::string, std::shared_ptr<const TableHandle_>>;
+
+/// What recovery found, and what an open store goes on from.
+struct RecoveredStore_ {
+    ManifestState_ manifest; // manifestId: of the next one
+    TableHandles_ tableHandles;
+    std::deque<SealedMemtable_> memtables; // oldest first; what the logs hold beyond the tables
+    std::uint64_t lastSequence = 0;
+};
+
+/// What the parts of an open store share: its files, its state under one mutex, and the view that readers get.
+///
+/// Thread: any, as the fields tell. Owner: Store_, by value; outlives the parts.
+/// Invariants: every sequence at or below manifest.maxSequence is in tables; a memtable leaves immutableMemtables in
+/// the same hold of `mutex` in which its tables come into force.
+struct StoreCore_ {
+    explicit StoreCore_(ZnStorageFiles& storageFiles) : baseFiles(storageFiles), files(storageFiles) {}
+
+    ZnStorageFiles& baseFiles; // for what may outlive the store
+    SyncWatch_ files;          // for everything that the store writes
+
+    // Set while nothing else runs, by open and by the end of close.
+    ZnEmbeddedDbOptions options;
+    StorePaths_ paths;
+    std::shared_ptr<StoreCounters_> counters = std::make_shared<StoreCounters_>();
+    std::shared_ptr<BlobFiles_> blobs;
+
+    ZnMutex mutex;                               // first of the store's locks; see docs/lock-order.md
+    std::condition_variable_any workerCondition; // with mutex: something was committed, flushed, or failed
+    std::condition_variable_any commitCondition; // with mutex: the commit worker has something to do
+
+    ManifestState_ manifest ZN_GUARDED_BY(mutex);
+    TableHandles_ tableHandles ZN_GUARDED_BY(mutex);
+    std::shared_ptr<SharedMemtable_> activeMemtable ZN_GUARDED_BY(mutex);
+    std::deque<SealedMemtable_> immutableMemtables ZN_GUARDED_BY(mutex); // oldest first
+    std::shared_ptr<const TableViews_> tableViews ZN_GUARDED_BY(mutex);  // of `manifest.tables`
+    std::uint64_t lastCommittedSequence ZN_GUARDED_BY(mutex) = 0;
+    std::uint64_t durableSequence ZN_GUARDED_BY(mutex) = 0;
+    ZnEmbeddedDbStatus backgroundError ZN_GUARDED_BY(mutex);
+    bool closing ZN_GUARDED_BY(mutex) = false;
+    std::uint64_t openGeneration ZN_GUARDED_BY(mutex) = 0; // background work of another one does nothing
+    long long lastWriteNs ZN_GUARDED_BY(mutex) = 0;
+
+    void adopt(RecoveredStore_&& recovered) ZN_REQUIRES(mutex);
+    /// Everything but the files as in a store that was never opened; background work that is still there does nothing.
+    void reset() ZN_REQUIRES(mutex);
+    /// From here on every write fails with this status; the first one stays.
+    void setBackgroundError(ZnEmbeddedDbStatus status) ZN_REQUIRES(mutex);
+    /// Turns a failed sync, wherever it was, into the background error.
+    void noteSyncFailure() ZN_REQUIRES(mutex);
+
+    /// Makes tableViews anew from the manifest's tables that have a handle.
+    void rebuildReadView() ZN_REQUIRES(mutex);
+    /// Gives readers the state as it is now.
+    void publishView() ZN_REQUIRES(mutex);
+    ReadViewPtr_ view() const;
+    /// A view that does not change: seals what the active memtable holds.
+    ReadViewPtr_ stableView(std::uint64_t* sequence);
+
+    /// Puts the active memtable, unless it is empty, at the end of the line, and an empty one in its place. Publishes.
+    void sealActive(bool isFull) ZN_REQUIRES(mutex);
+    void recomputeReplayFromWalId() ZN_REQUIRES(mutex);
+    /// Deletes the logs that are not needed any more; those that cannot be deleted are tried again the next time.
+    void collectObsoleteWalFiles() ZN_REQUIRES(mutex);
+    /// Writes the state as the next manifest and makes it the one in force. A failed sync of a directory is a failure.
+    ZnEmbeddedDbStatus writeManifest() ZN_REQUIRES(mutex);
+
+    void fillStats(ZnEmbeddedDbStats* stats) ZN_EXCLUDES(mutex);
+
+private:
+    void mergeSmallSealed_() ZN_REQUIRES(mutex);
+    void collectOldManifests_() ZN_REQUIRES(mutex);
+
+    mutable ZnMutex viewLock_; // leaf, behind mutex
+    ReadViewPtr_ view_ ZN_GUARDED_BY(viewLock_);
+    std::uint64_t manifestCommits_ ZN_GUARDED_BY(mutex) = 0;
+};
+
+/// "WAL-7.log" of the store's log directory, and so on.
+ZnString walPath(const StorePaths_& paths, std::uint64_t walId);
+ZnString blobPath(const StorePaths_& paths, std::uint64_t blobFileId);
+
+/// Deletes all manifests but the last `keptCount` up to the one in force, `currentId`.
+void removeOldManifests(ZnStorageFiles& files, const ZnString& rootPath, std::uint64_t currentId,
+                        std::uint32_t keptCount);
+
+} // namespace znEmbeddedDbDetail

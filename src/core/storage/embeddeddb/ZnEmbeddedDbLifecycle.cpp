@@ -1,0 +1,194 @@
+#include "core/storage/embeddeddb/ZnEmbeddedDbLifecycle.h"
+
+#include "core/platform/ZnDirPlatform.h"
+#include "core/storage/embeddeddb/FileNames_.h"
+#include "core/storage/embeddeddb/Recovery_.h"
+#include "core/storage/embeddeddb/Store_.h"
+#include "core/types/ZnLogger.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+namespace znEmbeddedDbDetail {
+
+namespace {
+
+constexpr const char* kCategory = "zn.core.storage.znembeddeddb";
+constexpr long long kCloseWaitMs = 15000;
+constexpr std::uint64_t kOpenBlobFileBytes = 16 * 1024; // what an open file is counted as
+constexpr std::uint64_t kLeastMemtableBytes = 4 * 1024;
+constexpr std::uint64_t kMostMemtableBytes = std::uint64_t(4) * 1024 * 1024 * 1024;
+
+ZnEmbeddedDbOptions inRange(ZnEmbeddedDbOptions options) {
+    options.memtableSizeBytes = std::clamp(options.memtableSizeBytes, kLeastMemtableBytes, kMostMemtableBytes);
+    options.maxImmutableMemtables = std::max(options.maxImmutableMemtables, 1U);
+    options.keepManifests = std::max(options.keepManifests, 1U);
+    if (options.durability == ZnEmbeddedDbDurability::Default)
+        options.durability = ZnEmbeddedDbDurability::Buffered;
+    return options;
+}
+
+bool hasCurrent(ZnStorageFiles& files, const StorePaths_& paths) {
+    std::uint64_t manifestId = 0;
+    return readCurrent(files, paths.rootPath, &manifestId).code() != ZnEmbeddedDbStatus::NotFound;
+}
+
+} // namespace
+
+ZnEmbeddedDbStatus LifecycleManager_::open(const ZnString& path, const ZnEmbeddedDbOptions& options) {
+    if (store_.isOpen.load())
+        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::InvalidArgument, "database is open already")
+            .at(store_.core.paths.rootPath);
+    const ZnString root = znDirPlatform()->normalizePath(path);
+    if (path.isEmpty() || root.isEmpty())
+        return {ZnEmbeddedDbStatus::InvalidArgument, "database without a path"};
+    resetState_();
+    store_.core.options = inRange(options);
+    store_.core.paths = StorePaths_(root);
+    ZnEmbeddedDbStatus status = openFiles_();
+    if (status.isOk()) {
+        store_.isOpen.store(true);
+        return status;
+    }
+    store_.commits.closeLog();
+    store_.lockFile.release();
+    resetState_();
+    return status;
+}
+
+ZnEmbeddedDbStatus LifecycleManager_::openFiles_() {
+    StoreCore_& core = store_.core;
+    if (ZnEmbeddedDbStatus status = prepareDirectory_(); !status.isOk())
+        return status;
+    RecoveredStore_ recovered;
+    Recovery_ recovery(core.files, core.paths, core.options);
+    if (ZnEmbeddedDbStatus status = recovery.run(&recovered); !status.isOk())
+        return status;
+    return takeOver_(&recovery, &recovered);
+}
+
+/// The lock, and a store to be opened.
+ZnEmbeddedDbStatus LifecycleManager_::prepareDirectory_() {
+    StoreCore_& core = store_.core;
+    const ZnString& root = core.paths.rootPath;
+    const bool mayCreate = core.options.createIfMissing && !core.options.readOnly;
+    const ZnEmbeddedDbStatus none = ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::NotFound, "no database there").at(root);
+    std::vector<ZnString> names;
+    ZnString error;
+    const int code = core.files.list(root, &names);
+    if (code == ENOENT && !mayCreate)
+        return none;
+    if (code != 0 && code != ENOENT) {
+        failWithCode("FindFirstFileW failed", code, &error);
+        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(root);
+    }
+    if (core.options.readOnly)
+        return hasCurrent(core.files, core.paths) ? ZnEmbeddedDbStatus() : none;
+    if (const int made = code == ENOENT ? core.files.makePath(root) : 0; made != 0) {
+        failWithCode("mkdir failed", made, &error);
+        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(root);
+    }
+    if (ZnEmbeddedDbStatus status = store_.lockFile.take(core.files, core.paths); !status.isOk())
+        return status;
+    if (!hasCurrent(core.files, core.paths))
+        return mayCreate ? createStore(core.files, core.paths) : none;
+    if (core.options.errorIfExists)
+        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::InvalidArgument, "database exists already").at(root);
+    return {};
+}
+
+ZnEmbeddedDbStatus LifecycleManager_::takeOver_(Recovery_* recovery, RecoveredStore_* recovered) {
+    StoreCore_& core = store_.core;
+    if (!core.options.readOnly)
+        if (ZnEmbeddedDbStatus status = recovery->repair(); !status.isOk())
+            return status;
+    noteIndexes_(*recovered);
+    const std::uint64_t openLimit = core.options.sharedTableStateSize / kOpenBlobFileBytes;
+    core.blobs = std::make_shared<BlobFiles_>(core.baseFiles, core.paths.blobsDir, static_cast<std::size_t>(openLimit),
+                                              core.counters);
+    {
+        const ZnMutexLocker locker(core.mutex);
+        core.adopt(std::move(*recovered));
+    }
+    return core.options.readOnly ? pinBlobFiles_() : beginToWrite_(recovery);
+}
+
+/// A new log, which the new manifest makes the active one; then what the old ones left behind can go.
+ZnEmbeddedDbStatus LifecycleManager_::beginToWrite_(Recovery_* recovery) {
+    StoreCore_& core = store_.core;
+    if (ZnEmbeddedDbStatus status = store_.commits.beginLog(); !status.isOk())
+        return status;
+    {
+        const ZnMutexLocker locker(core.mutex);
+        core.recomputeReplayFromWalId();
+        if (ZnEmbeddedDbStatus status = core.writeManifest(); !status.isOk())
+            return status;
+        if (!core.backgroundError.isOk())
+            return core.backgroundError;
+        core.collectObsoleteWalFiles();
+        recovery->clean(core.manifest, core.tableHandles);
+        store_.flushes.reset();
+    }
+    store_.commits.startCommitWorker();
+    const ZnMutexLocker locker(core.mutex);
+    store_.flushes.scheduleIfNeeded();
+    return {};
+}
+
+/// Beside a process that writes, blob files may go at any time: open ones stay readable. One that has gone already is
+/// missed by whoever reads it.
+ZnEmbeddedDbStatus LifecycleManager_::pinBlobFiles_() {
+    StoreCore_& core = store_.core;
+    for (const ZnString& path : listFiles(core.files, core.paths.blobsDir, kBlobPrefix, kBlobSuffix)) {
+        const std::uint64_t id = parseFileId(path, kBlobPrefix, kBlobSuffix);
+        if (id == 0)
+            continue;
+        const ZnEmbeddedDbStatus status = core.blobs->pin(id);
+        if (!status.isOk())
+            ZN_LOG_DEBUG(kCategory, "ZnEmbeddedDb::open") << status.message();
+    }
+    return {};
+}
+
+void LifecycleManager_::noteIndexes_(const RecoveredStore_& recovered) {
+    bool hasIndexes = false;
+    for (const TableMeta_& table : recovered.manifest.tables)
+        hasIndexes = hasIndexes || table.kind == kIndexTable;
+    for (const SealedMemtable_& sealed : recovered.memtables)
+        hasIndexes = hasIndexes || !sealed.memtable->sealed().indexes().isEmpty();
+    store_.hasIndexes.store(hasIndexes);
+}
+
+void LifecycleManager_::close() {
+    StoreCore_& core = store_.core;
+    if (!store_.isOpen.exchange(false) && !store_.lockFile.isHeld()) {
+        resetState_();
+        return;
+    }
+    {
+        const ZnMutexLocker locker(core.mutex);
+        core.closing = true;
+        core.workerCondition.notify_all();
+    }
+    if (!core.options.readOnly && store_.lockFile.isHeld()) {
+        if (const ZnEmbeddedDbStatus status = store_.commits.sync(true); !status.isOk())
+            ZN_LOG_ERROR(kCategory, "ZnEmbeddedDb::close") << core.paths.rootPath << ": " << status.message();
+        store_.commits.stopCommitWorker();
+        store_.commits.failPendingWrites();
+        store_.flushes.flushAllSync([this] { store_.commits.closeLog(); });
+        store_.threadPool.waitForDone(ZnThreadPool::Deadline::inMs(kCloseWaitMs));
+    }
+    store_.lockFile.release();
+    resetState_();
+}
+
+void LifecycleManager_::resetState_() {
+    StoreCore_& core = store_.core;
+    const ZnMutexLocker locker(core.mutex);
+    core.reset();
+    store_.flushes.reset();
+    store_.hasIndexes.store(false);
+}
+
+} // namespace znEmbeddedDbDetail

@@ -1,0 +1,227 @@
+// A store that loses its power, its disk or its memory anywhere, compared with a model.
+
+#include "core/storage/StoreModel.h"
+
+#include <cerrno>
+#include <functional>
+
+namespace {
+
+ZnEmbeddedDbOptions smallOptions() {
+    ZnEmbeddedDbOptions options;
+    options.memtableSizeBytes = 4096; // some twenty records
+    options.blobThresholdBytes = 40;
+    options.idleFlushMs = 0;
+    return options;
+}
+
+/// Drives a store by random operations, and its model along with it.
+class Driver {
+public:
+    explicit Driver(std::uint64_t seed) : random_(seed) {}
+
+    /// Opens, works, and closes at times, until `count` operations are done or the store refuses to go on.
+    void run(int count) {
+        if (!open())
+            return;
+        for (int done = 0; done < count && store_->isOpen(); ++done)
+            step();
+    }
+    /// What is left when the process ends here: the files as they are.
+    void endProcess() {
+        files.stopAt(1);
+        store_ = nullptr;
+    }
+    bool open() {
+        store_ = std::make_unique<ZnEmbeddedDb>(files);
+        if (store_->open("/s", smallOptions()).isOk())
+            return true;
+        store_ = nullptr;
+        return false;
+    }
+    void close() { store_ = nullptr; }
+    /// The store must open, and show something that is possible.
+    void check() {
+        ASSERT_EQ(openStatus(), ZnEmbeddedDbStatus());
+        const StoreContent content = contentOf(*store_);
+        ASSERT_TRUE(model.mayBe(content)) << "lost, or half there";
+        ZnEmbeddedDbVerifyReport report;
+        const ZnEmbeddedDbStatus status = store_->verify(&report);
+        ASSERT_EQ(status, ZnEmbeddedDbStatus()) << (report.problems.size() > 0 ? report.problems[0] : ZnString());
+        model.settle(content);
+    }
+
+    MemoryFiles files;
+    StoreModel model;
+
+private:
+    ZnEmbeddedDbStatus openStatus() {
+        store_ = std::make_unique<ZnEmbeddedDb>(files);
+        return store_->open("/s", smallOptions());
+    }
+    void step() {
+        switch (random_() % 24) {
+        case 0:
+            whenOk(store_->sync(), true);
+            return;
+        case 1:
+            whenOk(store_->flush(), true);
+            return;
+        case 2:
+            snapshots_.push_back(store_->snapshot());
+            return;
+        case 3:
+            snapshots_.clear();
+            return;
+        case 4: // in order, as far as that goes
+            snapshots_.clear();
+            store_->close();
+            open();
+            return;
+        case 5: {
+            bool isReadable = false;
+            const StoreContent content = contentOf(*store_, &isReadable);
+            ASSERT_TRUE(!isReadable || model.isNow(content));
+            return;
+        }
+        default:
+            write();
+        }
+    }
+    void whenOk(const ZnEmbeddedDbStatus& status, bool isDurable) {
+        if (status.isOk() && isDurable)
+            model.durable();
+    }
+    void write() {
+        StoreModel::Change change;
+        ZnEmbeddedDbBatch batch;
+        for (std::uint64_t left = 1 + (random_() % 4 == 0 ? random_() % 4 : 0); left > 0; --left) {
+            const std::string key(1, static_cast<char>('a' + random_() % 8));
+            std::string value;
+            if (random_() % 4 != 0)
+                value = std::string(1, static_cast<char>('A' + random_() % 3)) + std::to_string(++valueNumber_) +
+                        std::string(random_() % 3 == 0 ? 60 : 5, '.');
+            if (value.empty())
+                batch.remove(key);
+            else
+                batch.put(key, value, tagsOf(value));
+            change.emplace_back(key, value);
+        }
+        const bool isSynced = random_() % 6 == 0;
+        const ZnEmbeddedDbStatus status =
+            store_->write(batch, isSynced ? ZnEmbeddedDbDurability::Synced : ZnEmbeddedDbDurability::Buffered);
+        if (status.isOk())
+            model.committed(change, isSynced);
+        else
+            model.uncertain(change);
+    }
+
+    std::mt19937_64 random_;
+    std::unique_ptr<ZnEmbeddedDb> store_;
+    std::vector<ZnEmbeddedDbSnapshotPtr> snapshots_;
+    int valueNumber_ = 0;
+};
+
+std::uint64_t baseSeed() {
+    const char* given = std::getenv("ZN_TEST_SEED");
+    return given == nullptr ? std::random_device()() : std::strtoull(given, nullptr, 10);
+}
+
+/// The n-th operation on the files fails, for every n until none does; then the power goes, and once more while the
+/// store recovers.
+void failEveryOperation(std::uint64_t seed, std::function<void(MemoryFiles&, long)> breakAt) {
+    long number = 1;
+    for (bool wasReached = true; wasReached && !::testing::Test::HasFatalFailure(); ++number) {
+        SCOPED_TRACE("operation " + std::to_string(number) + " of seed " + std::to_string(seed));
+        Driver driver(seed);
+        std::mt19937_64 random(seed + static_cast<std::uint64_t>(number));
+        breakAt(driver.files, number);
+        driver.run(60);
+        wasReached = driver.files.operationCount() >= number;
+        driver.endProcess();
+        driver.files.cutPower(random() % 2 == 0 ? &random : nullptr);
+        driver.files.stopAt(1 + static_cast<long>(random() % 60));
+        driver.open();
+        driver.endProcess();
+        driver.files.cutPower(&random);
+        driver.check();
+    }
+    EXPECT_GT(number, 100);
+}
+
+TEST(StoreCrash, AnyOperationMayFail) {
+    const std::uint64_t seed = baseSeed();
+    constexpr int kErrors[] = {EIO, ENOSPC};
+    for (int round = 0; round < 2; ++round)
+        failEveryOperation(seed + static_cast<std::uint64_t>(round),
+                           [&](MemoryFiles& files, long number) { files.failOperation(number, kErrors[round]); });
+}
+
+TEST(StoreCrash, ThePowerMayGoAtAnyOperation) {
+    failEveryOperation(baseSeed(), [](MemoryFiles& files, long number) { files.stopAt(number); });
+}
+
+TEST(StoreCrash, AKilledProcessLosesNothingThatWasAcknowledged) {
+    const std::uint64_t seed = baseSeed();
+    for (std::uint64_t round = 0; round < 200 && !HasFatalFailure(); ++round) {
+        SCOPED_TRACE("seed " + std::to_string(seed + round));
+        Driver driver(seed + round);
+        driver.run(static_cast<int>(20 + round));
+        driver.model.durable(); // in the system's memory, which is still there
+        driver.endProcess();
+        driver.files.stopAt(0);
+        driver.check();
+    }
+}
+
+TEST(StoreCrash, AFullDiskStopsWritesAndNothingElse) {
+    Driver driver(baseSeed());
+    MemoryFiles& files = driver.files;
+    ZnEmbeddedDb store(files);
+    StoreContent expected;
+    ASSERT_EQ(store.open("/s", smallOptions()), ZnEmbeddedDbStatus());
+    files.setFreeBytes(20000);
+    int refusedCount = 0;
+    for (int number = 0; refusedCount < 20; ++number) {
+        const std::string key = "key" + std::to_string(number % 50);
+        const std::string value = "A" + std::to_string(number);
+        const ZnEmbeddedDbStatus status = store.put(key, value, tagsOf(value));
+        if (status.isOk())
+            expected[key] = value;
+        else
+            ++refusedCount;
+        ASSERT_TRUE(status.isOk() || status.message().contains("No space left") || status.message().contains("short"))
+            << status.message();
+    }
+    EXPECT_EQ(contentOf(store), expected);
+    files.setFreeBytes(1 << 20);
+    EXPECT_EQ(store.flush(), ZnEmbeddedDbStatus());
+    EXPECT_EQ(store.put("more", "B", tagsOf("B")), ZnEmbeddedDbStatus());
+    expected["more"] = "B";
+    store.close();
+    ASSERT_EQ(store.open("/s", smallOptions()), ZnEmbeddedDbStatus());
+    EXPECT_EQ(contentOf(store), expected);
+}
+
+/// What could not be synced may be gone, whatever the system says later.
+TEST(StoreCrash, AfterAFailedSyncNothingIsAcknowledgedAnyMore) {
+    for (const bool isSyncCall : {true, false}) {
+        MemoryFiles files;
+        ZnEmbeddedDb store(files);
+        ASSERT_EQ(store.open("/s", smallOptions()), ZnEmbeddedDbStatus());
+        ASSERT_EQ(store.put("a", "A1"), ZnEmbeddedDbStatus());
+        files.failOperation(isSyncCall ? 1 : 2, EIO); // without and with a write before it
+        const ZnEmbeddedDbStatus status =
+            isSyncCall ? store.sync() : store.put("b", "B1", {}, ZnEmbeddedDbDurability::Synced);
+        EXPECT_EQ(status.code(), ZnEmbeddedDbStatus::IoError);
+        EXPECT_TRUE(status.message().contains("FlushFileBuffers failed: 5")) << status.message();
+        EXPECT_TRUE(status.message().contains("WAL-")) << status.message();
+        EXPECT_EQ(store.put("c", "C1").code(), ZnEmbeddedDbStatus::IoError);
+        EXPECT_EQ(store.sync().code(), ZnEmbeddedDbStatus::IoError);
+        EXPECT_EQ(store.stats().backgroundError.code(), ZnEmbeddedDbStatus::IoError);
+        ZnByteArray value;
+        EXPECT_TRUE(store.get("a", &value).isOk()); // reading goes on
+    }
+}
+
+} // namespace

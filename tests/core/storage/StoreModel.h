@@ -1,0 +1,100 @@
+#pragma once
+
+#include "core/storage/StoreTestSupport.h"
+#include "core/storage/embeddeddb/ZnEmbeddedDb.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+using StoreContent = std::map<std::string, std::string>;
+
+/// The tag of a value is its first byte; every record has it as its secondary key.
+inline ZnEmbeddedDbIndexKeys tagsOf(std::string_view value) {
+    ZnEmbeddedDbIndexKeys keys;
+    if (!value.empty())
+        keys["tag"].append(ZnByteArray(value.substr(0, 1)));
+    return keys;
+}
+
+/// All that a store shows, by scan, by key and by index, which must agree. Empty, with a failure of the test, when not.
+inline StoreContent contentOf(const ZnEmbeddedDb& store, bool* isReadable = nullptr) {
+    StoreContent content;
+    std::map<std::string, std::set<std::string>> byTag;
+    ZnEmbeddedDbStatus status;
+    for (auto records = store.scan(); records.valid() || !(status = records.status()).isOk(); records.next()) {
+        if (!records.valid())
+            break;
+        content[std::string(records.key())] = std::string(records.value());
+        byTag[std::string(records.value().substr(0, 1))].insert(std::string(records.key()));
+        ZnByteArray value;
+        status = store.get(records.key(), &value);
+        if (!status.isOk() || value.view() != records.value())
+            break;
+    }
+    std::map<std::string, std::set<std::string>> indexed;
+    for (auto records = store.indexScan("tag"); status.isOk() && records.valid(); records.next())
+        indexed[std::string(records.secondaryKey())].insert(std::string(records.key()));
+    byTag.erase("");
+    if (isReadable != nullptr)
+        *isReadable = status.isOk();
+    else
+        EXPECT_EQ(status, ZnEmbeddedDbStatus());
+    EXPECT_TRUE(!status.isOk() || indexed == byTag) << "index and records differ";
+    return content;
+}
+
+/// Follows what a store may hold: what was acknowledged, what may be there or not, and how much of it must survive.
+///
+/// Thread: one; so there is one order of the changes, and after a crash the store holds the first few of them.
+class StoreModel {
+public:
+    using Change = std::vector<std::pair<std::string, std::string>>; // an empty value: removed
+
+    void committed(const Change& change, bool isDurable) {
+        for (StoreContent& state : now_)
+            apply(&state, change);
+        remember();
+        if (isDurable)
+            durable();
+    }
+    /// It failed: it may be there, as a whole.
+    void uncertain(const Change& change) {
+        std::set<StoreContent> both(now_.begin(), now_.end());
+        for (StoreContent state : now_) {
+            apply(&state, change);
+            both.insert(std::move(state));
+        }
+        now_.assign(both.begin(), both.end());
+        remember();
+    }
+    void durable() {
+        possible_.clear();
+        remember();
+    }
+    /// The store was opened and shows this: nothing else is possible any more.
+    void settle(const StoreContent& content) {
+        now_ = {content};
+        durable();
+    }
+    bool isNow(const StoreContent& content) const { return std::find(now_.begin(), now_.end(), content) != now_.end(); }
+    bool mayBe(const StoreContent& content) const { return possible_.count(content) != 0; }
+
+private:
+    static void apply(StoreContent* state, const Change& change) {
+        for (const auto& [key, value] : change) {
+            if (value.empty())
+                state->erase(key);
+            else
+                (*state)[key] = value;
+        }
+    }
+    void remember() { possible_.insert(now_.begin(), now_.end()); }
+
+    std::vector<StoreContent> now_ = {{}};
+    std::set<StoreContent> possible_ = {{}}; // after a crash
+};

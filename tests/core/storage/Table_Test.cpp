@@ -17,6 +17,11 @@ TableRecord_ record(const std::string& key, std::uint64_t sequence, std::uint32_
     return {ZnByteArray(key), sequence, type, ZnByteArray(value)};
 }
 
+/// A stored value of that length, which is 13 at least.
+std::string storedValue(std::size_t byteCount) {
+    return encoded(inlineEntry(std::string(byteCount - 13, 'v')));
+}
+
 TableMeta_ metaOf(std::int32_t kind, std::int32_t level, std::uint64_t id, const char* indexName = "") {
     TableMeta_ meta;
     meta.kind = kind;
@@ -182,11 +187,11 @@ TEST(Table_, ChecksTellWhatIsWrong) {
 TEST(Table_, BlocksEndBeforeTheTargetSizeAndRecordsAreNeverSplit) {
     const std::size_t full = kBlockTargetBytes - kRecordFixedBytes - 1; // fills a block, with a key of one byte
     const Records records = {
-        record("a", 1, kInlineRecord, std::string(full - 100 - kRecordFixedBytes - 1, 'v')),
-        record("b", 2, kInlineRecord, std::string(100, 'v')), // ends exactly at the target
-        record("c", 3, kInlineRecord, ""),
-        record("d", 4, kInlineRecord, std::string(full + 1, 'v')),
-        record("e", 5, kInlineRecord, std::string(3000000, 'v')),
+        record("a", 1, kInlineRecord, storedValue(full - 100 - kRecordFixedBytes - 1)),
+        record("b", 2, kInlineRecord, storedValue(100)), // ends exactly at the target
+        record("c", 3, kInlineRecord, storedValue(13)),
+        record("d", 4, kInlineRecord, storedValue(full + 1)),
+        record("e", 5, kInlineRecord, storedValue(3000000)),
         record("f", 6, kTombstoneRecord, ""),
     };
     Table table(records);
@@ -222,7 +227,7 @@ TEST(Table_, EveryKeyIsFoundAndSoughtInBlocksOfManyRecords) {
     Records records;
     for (std::size_t number = 0; number < 5000; ++number)
         records.push_back(record(std::to_string(100002 + 2 * number), 1 + number % 7, kInlineRecord,
-                                 std::string(number % 60, 'v')));
+                                 storedValue(13 + number % 60)));
     Table table(records);
     for (const bool verifies : {true, false}) {
         table.options.verifyFilters = verifies;

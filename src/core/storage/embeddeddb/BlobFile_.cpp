@@ -5,10 +5,25 @@
 #include "core/storage/embeddeddb/FileNames_.h"
 #include "core/types/ZnAssert.h"
 
+#include <algorithm>
 #include <limits>
 #include <utility>
 
 namespace znEmbeddedDbDetail {
+
+namespace {
+
+/// Room to read into. Its bytes are set once, before the disk's replace them: there is no array of unset bytes.
+ZnByteArray bytesOfSize(std::size_t byteCount) {
+    static constexpr char kFill[4096] = {};
+    ZnByteArray bytes;
+    bytes.reserve(byteCount);
+    for (std::size_t left = byteCount; left > 0; left -= std::min(left, sizeof(kFill)))
+        bytes.append(kFill, std::min(left, sizeof(kFill)));
+    return bytes;
+}
+
+} // namespace
 
 ZnEmbeddedDbStatus BlobWriter_::open(const ZnString& blobsDir, std::uint64_t blobFileId) {
     const ZnString path = joinPath(blobsDir, blobFileName(blobFileId));
@@ -56,19 +71,23 @@ bool blobFileHasData(ZnStorageFiles& files, const ZnString& blobsDir, std::uint6
 }
 
 ZnEmbeddedDbStatus readBlob(const RandomAccessFile_& file, const BlobRef_& blob, ZnByteArray* value) {
-    const ZnString place = file.path() + " at " + ZnString::number(blob.offset);
+    // What only failures need is made only for them: this is all that stands between a reader and the disk.
+    const auto fail = [&](ZnEmbeddedDbStatus::Code code, ZnString message) {
+        return ZnEmbeddedDbStatus(code, std::move(message)).at(file.path() + " at " + ZnString::number(blob.offset));
+    };
     ZnString error;
     std::uint64_t fileBytes = file.size();
     if (blob.offset + blob.size > fileBytes && !file.readSize(&fileBytes, &error)) // it may have grown since
-        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(place);
+        return fail(ZnEmbeddedDbStatus::IoError, std::move(error));
     if (blob.offset > fileBytes || blob.size > fileBytes - blob.offset) // before memory is taken for it
-        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::Corruption, "blob value beyond the end of its file").at(place);
-    std::string bytes(blob.size, '\0');
-    if (!file.readAt(blob.offset, bytes.data(), bytes.size(), &error))
-        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(place);
-    if (crc32(bytes) != blob.crc32)
-        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::Corruption, "blob value checksum mismatch").at(place);
-    *value = ZnByteArray(bytes);
+        return fail(ZnEmbeddedDbStatus::Corruption, "blob value beyond the end of its file");
+    ZnByteArray bytes = bytesOfSize(blob.size);
+    char* buffer = blob.size == 0 ? nullptr : &bytes[0];
+    if (!file.readAt(blob.offset, buffer, blob.size, &error))
+        return fail(ZnEmbeddedDbStatus::IoError, std::move(error));
+    if (crc32(bytes.view()) != blob.crc32)
+        return fail(ZnEmbeddedDbStatus::Corruption, "blob value checksum mismatch");
+    *value = std::move(bytes);
     return {};
 }
 

@@ -1,7 +1,13 @@
 #pragma once
 
+#include "core/storage/embeddeddb/PointRead_.h"
 #include "core/storage/embeddeddb/ReadView_.h"
+#include "core/storage/embeddeddb/RecordMerge_.h"
 #include "core/storage/embeddeddb/ZnEmbeddedDb.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
 
 namespace znEmbeddedDbDetail {
 
@@ -10,5 +16,60 @@ ZnEmbeddedDbIterator openScan(ReadViewPtr_ view, const ZnEmbeddedDbRange& range)
 ZnEmbeddedDbIterator openIndexLookup(ReadViewPtr_ view, const ZnString& indexName, std::string_view secondaryKey);
 ZnEmbeddedDbIterator openIndexScan(ReadViewPtr_ view, const ZnString& indexName,
                                    const ZnEmbeddedDbRange& secondaryKeys);
+
+/// Sources of a merge, in the order of the view: of its primary records, and of one index.
+std::vector<MergeSource_> primarySources(const ReadView_& view);
+std::vector<MergeSource_> indexSources(const ReadView_& view, const ZnString& indexName);
+
+/// Whether a record has that secondary key. False also for a tombstone, and for a stored value that does not parse.
+bool recordHasIndexKey(const FoundRecord_& found, std::string_view indexName, std::string_view secondaryKey) noexcept;
+
+/// What an iterator does: goes from one record that is to be seen to the next.
+///
+/// Every hit of an index is checked, as its entries may be older than the records they lead to.
+/// Thread: one at a time. Owner: a ZnEmbeddedDbIterator. Keeps the view alive, in whose memory keys and inline values
+/// lie.
+class IteratorCore_ {
+public:
+    /// Which records, and how. Thread: a value.
+    struct Plan {
+        ZnString indexName; // empty: the records themselves, in the order of their keys
+        KeyBounds_ bounds;  // of the keys, or of the index keys
+        bool isReverse = false;
+        std::uint64_t limit = 0;
+        bool keysOnly = false;
+    };
+
+    IteratorCore_(ReadViewPtr_ view, Plan plan);
+
+    bool isValid() const noexcept { return isValid_; }
+    void next();
+    std::string_view key() const noexcept { return found_.record.key; }
+    std::string_view value() const noexcept { return value_; }
+    std::uint64_t sequence() const noexcept { return found_.record.sequence; }
+    IndexKeys_ indexKeys() const;
+    std::string_view secondaryKey() const noexcept { return secondaryKey_; }
+    const ZnEmbeddedDbStatus& status() const noexcept { return status_; }
+
+private:
+    void settle_();
+    bool findIndexed_();
+    bool takeFound_();
+    bool takeBlob_(const BlobRef_& blob);
+    bool fail_(ZnEmbeddedDbStatus status);
+
+    const ReadViewPtr_ view_;
+    const ZnString indexName_;
+    const bool keysOnly_;
+    std::uint64_t left_; // records that may still be given, this one included
+    RecordMerge_ merge_;
+    bool isValid_ = false;
+    FoundRecord_ found_; // the record that it stands on
+    std::string_view metadata_; // of found_, when it is in a table
+    std::string_view value_;
+    ZnByteArray blobValue_; // what value_ is a view of, when it lies in a blob file
+    std::string secondaryKey_;
+    ZnEmbeddedDbStatus status_;
+};
 
 } // namespace znEmbeddedDbDetail

@@ -39,4 +39,9 @@ struct ReadView_ {
 };
 using ReadViewPtr_ = std::shared_ptr<const ReadView_>;
 
+/// A sealed memtable for looking up single keys: that takes no order, so nobody waits until it is sorted.
+inline const Memtable_& unsorted(const SharedMemtable_& sealed) ZN_NO_THREAD_SAFETY_ANALYSIS {
+    return sealed.table;
+}
+
 } // namespace znEmbeddedDbDetail

@@ -18,17 +18,29 @@ bool readBlobRef(ByteReader_* reader, BlobRef_* blob) noexcept {
            reader->read(&blob->crc32) && reader->read(&blob->flags);
 }
 
-/// Counts from the bytes only end loops, and every turn of a loop uses up bytes: nothing is reserved by them.
-bool readKeys(ByteReader_* reader, ZnVector<ZnByteArray>* keys) {
-    std::uint32_t keyCount = 0;
-    if (!reader->read(&keyCount))
+/// Calls `beginIndex(name)` for every index, and behind it `addKey(name, key)` for each of its keys. False for what is no
+/// metadata, found perhaps after some of the calls. Counts from the bytes only end loops, and every turn of a loop uses up
+/// bytes: nothing is reserved by them.
+template <typename BeginIndex, typename AddKey>
+bool walkIndexKeys(std::string_view metadata, BeginIndex beginIndex, AddKey addKey) {
+    ByteReader_ reader(metadata);
+    std::uint32_t indexCount = 0;
+    std::string_view name;
+    if (!reader.read(&indexCount))
         return false;
-    for (std::string_view key; keyCount > 0; --keyCount) {
-        if (!reader->readSized(&key))
+    for (std::uint32_t index = 0; index < indexCount; ++index) {
+        const std::string_view lastName = name;
+        std::uint32_t keyCount = 0;
+        if (!reader.readSized(&name) || (index > 0 && name <= lastName) || !reader.read(&keyCount))
             return false;
-        keys->append(ZnByteArray(key));
+        beginIndex(name);
+        for (std::string_view key; keyCount > 0; --keyCount) {
+            if (!reader.readSized(&key))
+                return false;
+            addKey(name, key);
+        }
     }
-    return true;
+    return reader.isAtEnd();
 }
 
 void appendMetadata(const IndexKeys_& indexKeys, std::string* out) {
@@ -61,23 +73,28 @@ bool parseStoredValue(std::string_view bytes, StoredValueView_* view) noexcept {
 }
 
 bool decodeIndexKeys(std::string_view metadata, IndexKeys_* keys) {
-    ByteReader_ reader(metadata);
     IndexKeys_ found;
-    std::uint32_t indexCount = 0;
-    std::string_view lastName;
-    if (!reader.read(&indexCount))
-        return false;
-    for (std::uint32_t index = 0; index < indexCount; ++index) {
-        std::string_view name;
-        if (!reader.readSized(&name) || (index > 0 && name <= lastName) ||
-            !readKeys(&reader, &found.slotNearEnd(ZnString(name))))
-            return false;
-        lastName = name;
-    }
-    if (!reader.isAtEnd())
+    ZnVector<ZnByteArray>* ofIndex = nullptr;
+    const auto beginIndex = [&](std::string_view name) { ofIndex = &found.slotNearEnd(ZnString(name)); };
+    const auto addKey = [&](std::string_view, std::string_view key) { ofIndex->append(ZnByteArray(key)); };
+    if (!walkIndexKeys(metadata, beginIndex, addKey))
         return false;
     *keys = std::move(found);
     return true;
+}
+
+bool checkIndexKeys(std::string_view metadata) noexcept {
+    constexpr std::string_view kNoKeys("\0\0\0\0", 4);
+    return metadata == kNoKeys ||
+           walkIndexKeys(metadata, [](std::string_view) {}, [](std::string_view, std::string_view) {});
+}
+
+bool hasIndexKey(std::string_view metadata, std::string_view indexName, std::string_view key) noexcept {
+    bool isFound = false;
+    const auto compareKey = [&](std::string_view name, std::string_view found) {
+        isFound = isFound || (found == key && name == indexName);
+    };
+    return walkIndexKeys(metadata, [](std::string_view) {}, compareKey) && isFound;
 }
 
 bool decodeStoredValue(const char* bytes, std::size_t byteCount, ValueEntry_* entry) {

@@ -56,6 +56,10 @@ struct StoredValueView_ {
 /// All of these give false, with the output as it was, for bytes that do not parse or do not end where they must.
 bool parseStoredValue(std::string_view bytes, StoredValueView_* view) noexcept;
 bool decodeIndexKeys(std::string_view metadata, IndexKeys_* keys);
+/// Whether decodeIndexKeys() would give true.
+bool checkIndexKeys(std::string_view metadata) noexcept;
+/// Whether the metadata decodes and has that key under that index.
+bool hasIndexKey(std::string_view metadata, std::string_view indexName, std::string_view key) noexcept;
 /// Leaves `tombstone` and `sequence` alone, which are not in the stored value.
 bool decodeStoredValue(const char* bytes, std::size_t byteCount, ValueEntry_* entry);
 

@@ -1,6 +1,7 @@
 #include "core/storage/embeddeddb/TableCheck_.h"
 
 #include "core/storage/embeddeddb/Crc32_.h"
+#include "core/storage/embeddeddb/RecordValue_.h"
 #include "core/storage/embeddeddb/TableFormat_.h"
 
 #include <algorithm>
@@ -123,6 +124,8 @@ bool TableCheck_::checkBlocks_() {
         if (!checkBlock_(entry, &entry == &sparseIndex.back()))
             return false;
         offset += entry.size;
+        if (options_.onBlock)
+            options_.onBlock(entry.size);
     }
     if (offset != sparseOffset_)
         return fail_("invalid table block header");
@@ -175,7 +178,20 @@ bool TableCheck_::checkRecords_(const SparseEntry_& entry, std::string_view payl
 bool TableCheck_::checkRecord_(const RecordView_& record) {
     if (record.sequence > maxSequence_ || (record.sequence != 0 && record.sequence < minSequence_))
         return fail_("table sequence mismatch");
-    return bloom.mayContain(record.key) || fail_("table filter lacks a key");
+    if (!bloom.mayContain(record.key))
+        return fail_("table filter lacks a key");
+    return !readsRecords_ || meta_.kind != kPrimaryTable || record.type == kTombstoneRecord || checkValue_(record);
+}
+
+bool TableCheck_::checkValue_(const RecordView_& record) {
+    StoredValueView_ stored;
+    if (!parseRecordValue(record, &stored))
+        return fail_("table has a stored value that does not parse");
+    if (stored.blob.valid && (stored.blob.blobFileId != lastBlobFileId_ || lastBlobFileId_ == 0)) {
+        lastBlobFileId_ = stored.blob.blobFileId;
+        blobFileIds.insert(lastBlobFileId_);
+    }
+    return true;
 }
 
 } // namespace znEmbeddedDbDetail

@@ -4,6 +4,7 @@
 #include "core/storage/embeddeddb/TableHandle_.h"
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,8 +18,8 @@ namespace znEmbeddedDbDetail {
 /// Thread: one. Owner: TableHandle_::open, as a local.
 class TableCheck_ {
 public:
-    TableCheck_(const RandomAccessFile_& file, const TableMeta_& meta, bool readsRecords)
-        : file_(file), meta_(meta), readsRecords_(readsRecords) {}
+    TableCheck_(const RandomAccessFile_& file, const TableMeta_& meta, const TableOpenOptions_& options)
+        : file_(file), meta_(meta), options_(options), readsRecords_(options.verifyFilters) {}
 
     /// The parts below are complete after Ok alone.
     ZnEmbeddedDbStatus run();
@@ -27,6 +28,7 @@ public:
     RecordSamples_ samples; // complete when records were read
     BloomFilter_ bloom;
     ZnByteArray lastKey;
+    std::set<std::uint64_t> blobFileIds; // that records refer to; complete when records were read
 
 private:
     bool readHeader_();
@@ -38,11 +40,13 @@ private:
     bool checkBlock_(const SparseEntry_& entry, bool isLast);
     bool checkRecords_(const SparseEntry_& entry, std::string_view payload);
     bool checkRecord_(const RecordView_& record);
+    bool checkValue_(const RecordView_& record);
     bool read_(std::uint64_t offset, std::uint64_t byteCount, std::string* bytes);
     bool fail_(const char* message);
 
     const RandomAccessFile_& file_;
     const TableMeta_& meta_;
+    const TableOpenOptions_& options_;
     const bool readsRecords_;
     ZnEmbeddedDbStatus status_;
 
@@ -54,6 +58,7 @@ private:
     std::uint64_t sparseOffset_ = 0;
     std::uint64_t bloomOffset_ = 0;
     std::uint64_t recordsSeen_ = 0;
+    std::uint64_t lastBlobFileId_ = 0; // 0: none yet; spares looking into the set for every record
     std::string block_;
 };
 

@@ -1,7 +1,5 @@
 #include "core/storage/embeddeddb/TableCursor_.h"
 
-#include "core/types/ZnAssert.h"
-
 #include <algorithm>
 #include <utility>
 
@@ -28,16 +26,20 @@ void TableCursor_::seek(std::string_view key) {
         next();
 }
 
-void TableCursor_::next() {
-    ZN_ASSERT(isValid_);
-    if (nextOffset_ < payload_.size())
-        readAt_(nextOffset_);
-    else if (enterBlock_(blockIndex_ + 1))
+void TableCursor_::seekBefore(std::string_view key) {
+    seek(key);
+    if (isValid_)
+        previous();
+    else if (!isBroken_)
+        seekToLast();
+}
+
+void TableCursor_::enterNextBlock_() {
+    if (enterBlock_(blockIndex_ + 1))
         readAt_(0);
 }
 
-void TableCursor_::previous() {
-    ZN_ASSERT(isValid_);
+void TableCursor_::stepBack_() {
     if (offset_ > 0)
         readBefore_(offset_);
     else if (blockIndex_ == 0)
@@ -59,14 +61,6 @@ bool TableCursor_::enterBlock_(std::size_t blockIndex) {
     return !isBroken_;
 }
 
-void TableCursor_::readAt_(std::size_t offset) {
-    ByteReader_ reader(payload_.substr(offset));
-    isValid_ = readRecord(&reader, &record_);
-    isBroken_ = !isValid_;
-    offset_ = offset;
-    nextOffset_ = payload_.size() - reader.remaining();
-}
-
 /// To the last record in front of `offset`, which is that of a record, or the end of the block.
 void TableCursor_::readBefore_(std::size_t offset) {
     for (isValid_ = true; isValid_ && listedTo_ < offset; listedTo_ = nextOffset_) {
@@ -76,8 +70,10 @@ void TableCursor_::readBefore_(std::size_t offset) {
     const auto at = std::lower_bound(offsets_.begin(), offsets_.end(), offset);
     isBroken_ = !isValid_ || at == offsets_.begin(); // a block without records is none
     isValid_ = !isBroken_;
-    if (isValid_)
-        readAt_(*(at - 1));
+    if (!isValid_)
+        return;
+    listIndex_ = static_cast<std::size_t>(at - offsets_.begin()) - 1;
+    readAt_(offsets_[listIndex_]);
 }
 
 } // namespace znEmbeddedDbDetail

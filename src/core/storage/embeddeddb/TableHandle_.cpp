@@ -20,7 +20,7 @@ bool TableHandle_::open(ZnStorageFiles& files, const ZnString& rootPath, const T
         *status = {ZnEmbeddedDbStatus::IoError, std::move(error)};
         return false;
     }
-    TableCheck_ check(file, meta, options.verifyFilters);
+    TableCheck_ check(file, meta, options);
     *status = check.run();
     if (status->isOk() && mapped.size() != file.size()) // two files: it was replaced in between
         *status = {ZnEmbeddedDbStatus::Corruption, "table changed while it was opened"};
@@ -35,6 +35,8 @@ bool TableHandle_::open(ZnStorageFiles& files, const ZnString& rootPath, const T
     if (!sparseIndex_.empty())
         firstKey_ = sparseIndex_.front().firstKey;
     lastKey_ = std::move(check.lastKey);
+    blobFileIds_ = std::move(check.blobFileIds);
+    knowsBlobFileIds_ = options.verifyFilters;
     return true;
 }
 
@@ -49,9 +51,29 @@ std::size_t TableHandle_::blockIndexFor(std::string_view key) const noexcept {
     return behind == sparseIndex_.begin() ? 0 : static_cast<std::size_t>(behind - sparseIndex_.begin()) - 1;
 }
 
+ZnString TableHandle_::placeOf(std::string_view bytes) const {
+    return file_.path() + " at " + ZnString::number(static_cast<std::uint64_t>(bytes.data() - file_.bytes().data()));
+}
+
 TableHandle_::Find TableHandle_::find(std::string_view key, RecordView_* record) const {
-    if (sparseIndex_.empty() || key < firstKey_.view() || lastKey_.view() < key || !bloom_.mayContain(key))
+    FilterCounts_ counts;
+    return find(key, BloomFilter_::hashOf(key), record, &counts);
+}
+
+TableHandle_::Find TableHandle_::find(std::string_view key, BloomFilter_::Hash hash, RecordView_* record,
+                                      FilterCounts_* counts) const {
+    if (sparseIndex_.empty() || key < firstKey_.view() || lastKey_.view() < key)
         return Find::Absent;
+    if (!bloom_.mayContain(hash)) {
+        ++counts->negativeCount;
+        return Find::Absent;
+    }
+    const Find found = findInBlock_(key, record);
+    counts->falsePositiveCount += found == Find::Absent ? 1 : 0;
+    return found;
+}
+
+TableHandle_::Find TableHandle_::findInBlock_(std::string_view key, RecordView_* record) const {
     const std::size_t blockIndex = blockIndexFor(key);
     std::string_view payload;
     if (!blockPayload(sparseIndex_[blockIndex], &payload))

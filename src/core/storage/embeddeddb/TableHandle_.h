@@ -9,6 +9,8 @@
 #include "core/types/ZnByteArray.h"
 
 #include <cstdint>
+#include <functional>
+#include <set>
 #include <string_view>
 #include <vector>
 
@@ -26,6 +28,14 @@ struct TableOpenOptions_ {
     /// key: without this, only a damage that shows from outside is found. It is also what makes searches in a block
     /// short.
     bool verifyFilters = true;
+    /// Told the size of every block that has been read.
+    std::function<void(std::uint64_t blockBytes)> onBlock = {};
+};
+
+/// What the filters of tables did for lookups. Thread: a value.
+struct FilterCounts_ {
+    std::uint64_t negativeCount = 0;      // keys that a filter ruled out
+    std::uint64_t falsePositiveCount = 0; // keys that a filter let pass although they are not there
 };
 
 /// One open table, every block of which has been checked.
@@ -51,9 +61,19 @@ public:
     const ZnByteArray& firstKey() const noexcept { return firstKey_; }
     const ZnByteArray& lastKey() const noexcept { return lastKey_; }
     std::uint64_t fileBytes() const noexcept { return file_.size(); }
+    const ZnString& path() const noexcept { return file_.path(); }
+    /// For people: the path, and where in the file `bytes` lie, which are a view that this table gave.
+    ZnString placeOf(std::string_view bytes) const;
+
+    /// Whether blobFileIds() is known, which takes reading all records on opening.
+    bool knowsBlobFileIds() const noexcept { return knowsBlobFileIds_; }
+    /// The blob files that records refer to.
+    const std::set<std::uint64_t>& blobFileIds() const noexcept { return blobFileIds_; }
 
     /// The record of a key, without a copy.
     Find find(std::string_view key, RecordView_* record) const;
+    /// The same for a key whose hash is known already, raising the counts.
+    Find find(std::string_view key, BloomFilter_::Hash hash, RecordView_* record, FilterCounts_* counts) const;
     /// Index of the only block that can hold `key`; 0 also for a key in front of all.
     std::size_t blockIndexFor(std::string_view key) const noexcept;
     /// Where to begin looking for `key` in the payload of a block: at a record that does not stand behind it, or at 0.
@@ -68,6 +88,8 @@ public:
     bool readAllRecords(std::vector<TableRecord_>* out) const;
 
 private:
+    Find findInBlock_(std::string_view key, RecordView_* record) const;
+
     TableMeta_ meta_;
     MappedFile_ file_;
     std::vector<SparseEntry_> sparseIndex_;
@@ -75,6 +97,8 @@ private:
     RecordSamples_ samples_; // of no block, unless all records were read
     ZnByteArray firstKey_;
     ZnByteArray lastKey_;
+    std::set<std::uint64_t> blobFileIds_;
+    bool knowsBlobFileIds_ = false;
 };
 
 } // namespace znEmbeddedDbDetail

@@ -51,15 +51,12 @@ void RecordMerge_::findSkip_() {
 
 /// Bytes that the key has not count as 0; so equal words say nothing, and different ones all.
 std::uint64_t RecordMerge_::wordOf_(std::string_view key) const noexcept {
+    constexpr std::size_t kWordBytes = sizeof(std::uint64_t);
+    if (key.size() >= skip_ + kWordBytes) [[likely]]
+        return __builtin_bswap64(loadLe<std::uint64_t>(key.data() + skip_)) ^ flip_;
     std::uint64_t word = 0;
-    constexpr std::size_t kWordBytes = sizeof(word);
-    if (key.size() >= skip_ + kWordBytes) {
-        for (std::size_t index = 0; index < kWordBytes; ++index)
-            word = word << 8 | static_cast<unsigned char>(key[skip_ + index]);
-    } else {
-        for (std::size_t index = skip_; index < skip_ + kWordBytes; ++index)
-            word = word << 8 | (index < key.size() ? static_cast<unsigned char>(key[index]) : 0u);
-    }
+    for (std::size_t index = skip_; index < skip_ + kWordBytes; ++index)
+        word = word << 8 | (index < key.size() ? static_cast<unsigned char>(key[index]) : 0u);
     return word ^ flip_;
 }
 

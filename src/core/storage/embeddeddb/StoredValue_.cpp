@@ -59,14 +59,19 @@ std::string encodedMetadata(const IndexKeys_& indexKeys) {
 
 bool parseStoredValue(std::string_view bytes, StoredValueView_* view) noexcept {
     ByteReader_ reader(bytes);
-    StoredValueView_ found;
     std::uint8_t storage = 0;
-    if (!reader.read(&storage) || storage > kExternalStorage || !reader.readSized(&found.metadata))
+    std::string_view metadata;
+    std::string_view value;
+    BlobRef_ blob;
+    if (!reader.read(&storage) || storage > kExternalStorage || !reader.readSized(&metadata))
         return false;
-    found.isInline = storage == kInlineStorage;
-    if (!(found.isInline ? reader.readSized(&found.value) : readBlobRef(&reader, &found.blob)) || !reader.isAtEnd())
+    const bool isInline = storage == kInlineStorage;
+    if (!(isInline ? reader.readSized(&value) : readBlobRef(&reader, &blob)) || !reader.isAtEnd())
         return false;
-    *view = found;
+    view->isInline = isInline; // field by field: reads of the whole would wait for the writes of its parts
+    view->metadata = metadata;
+    view->value = value;
+    view->blob = blob;
     return true;
 }
 

@@ -53,7 +53,7 @@ void RecordMerge_::findSkip_() {
 std::uint64_t RecordMerge_::wordOf_(std::string_view key) const noexcept {
     constexpr std::size_t kWordBytes = sizeof(std::uint64_t);
     if (key.size() >= skip_ + kWordBytes) [[likely]]
-        return __builtin_bswap64(loadLe<std::uint64_t>(key.data() + skip_)) ^ flip_;
+        return __builtin_bswap64(loadLe<std::uint64_t>(key.data() + skip_)) ^ flip_; // the first byte weighs most
     std::uint64_t word = 0;
     for (std::size_t index = skip_; index < skip_ + kWordBytes; ++index)
         word = word << 8 | (index < key.size() ? static_cast<unsigned char>(key[index]) : 0u);

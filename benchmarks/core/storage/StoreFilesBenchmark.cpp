@@ -1,6 +1,6 @@
 // The files of the store: checksums, building a table, opening it, and reading it in order and at random; then reading
-// through a view of several tables. Files lie in a temporary directory, so building includes what the disk takes for two
-// syncs.
+// through a view of several tables. Files lie in a temporary directory, so building includes what the disk takes for
+// two syncs.
 
 #include "core/storage/embeddeddb/Crc32_.h"
 #include "core/storage/embeddeddb/IteratorCore_.h"
@@ -205,7 +205,12 @@ void BM_ViewScan(benchmark::State& state) {
     scanView(state, false);
 }
 BENCHMARK(BM_ViewScan)
-    ->Args({1, 0})->Args({16, 0})->Args({4, 1})->Args({16, 1})->Args({1, 2})->Args({4, 2})
+    ->Args({1, 0})
+    ->Args({16, 0})
+    ->Args({4, 1})
+    ->Args({16, 1})
+    ->Args({1, 2})
+    ->Args({4, 2})
     ->Unit(benchmark::kMillisecond);
 void BM_ViewScanReverse(benchmark::State& state) {
     scanView(state, true);

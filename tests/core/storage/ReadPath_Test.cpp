@@ -52,7 +52,9 @@ public:
 
     std::uint64_t below(std::uint64_t count) { return random_() % count; }
     std::string text(std::uint64_t most) {
-        constexpr std::string_view kAlphabet("\0\1\xFF" "ab", 5);
+        constexpr std::string_view kAlphabet("\0\1\xFF"
+                                             "ab",
+                                             5);
         std::string out(below(most + 1), 'a');
         for (char& c : out)
             c = kAlphabet[below(kAlphabet.size())];
@@ -60,14 +62,20 @@ public:
     }
     void change() {
         switch (below(40)) {
-        case 0: store.seal(); break;
+        case 0:
+            store.seal();
+            break;
         case 1:
         case 2:
             if (!store.sealed.empty())
                 store.flush();
             break;
-        case 3: compactSome(&store.tables.primaryView); break;
-        case 4: compactSome(&store.tables.indexViews["color"]); break;
+        case 3:
+            compactSome(&store.tables.primaryView);
+            break;
+        case 4:
+            compactSome(&store.tables.indexViews["color"]);
+            break;
         default:
             if (below(4) == 0)
                 store.remove(text(4), below(3) > 0);
@@ -76,7 +84,9 @@ public:
         }
     }
     ZnEmbeddedDbRange range() {
-        const auto bound = [&] { return ZnByteArray(below(2) == 0 ? std::string() : text(3)); };
+        const auto bound = [&] {
+            return ZnByteArray(below(2) == 0 ? std::string() : text(3));
+        };
         ZnEmbeddedDbRange range;
         range.start = bound();
         range.end = bound();
@@ -285,11 +295,15 @@ TEST(ReadPath, ABlobFileThatCannotBeReadEndsEveryWayOfReadingWithAStatus) {
 }
 
 TEST(ReadPath, ATableThatIsDamagedBehindItsOpeningEndsEveryWayOfReadingWithAStatus) {
-    const struct { const char* message; std::size_t offset; char byte; } rows[] = {
+    const struct {
+        const char* message;
+        std::size_t offset;
+        char byte;
+    } rows[] = {
         {"stored value does not parse: /s/tables/L0-1.sst at ", 4 + 1 + 8 + 4 + 4, '\7'}, // storage
         {"stored value does not parse: /s/tables/L0-1.sst at ", 4 + 1 + 8, '\2'},         // inline, but called a blob
-        {"table block does not decode: /s/tables/L0-1.sst", 4 + 1 + 8, '\3'},              // no type of record
-        {"table block does not decode: /s/tables/L0-1.sst", 4 + 1 + 8 + 4 + 3, '\1'},      // length of the value
+        {"table block does not decode: /s/tables/L0-1.sst", 4 + 1 + 8, '\3'},             // no type of record
+        {"table block does not decode: /s/tables/L0-1.sst", 4 + 1 + 8 + 4 + 3, '\1'},     // length of the value
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.offset);

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <gmock/gmock.h>
+#include <set>
 
 using namespace znEmbeddedDbDetail;
 
@@ -114,6 +115,36 @@ TEST(Table_, IsWrittenAndReadByteForByte) {
         EXPECT_EQ(handle->firstKey(), table->records.front().key);
         EXPECT_EQ(handle->lastKey(), table->records.back().key);
         EXPECT_EQ(handle->bloom().bits.size(), 32u);
+    }
+}
+
+TEST(Table_, OpeningParsesTheValuesAndTellsWhichBlobFilesTheyReferTo) {
+    ValueEntry_ blob;
+    Records records = goldenRecords();
+    for (const std::uint64_t blobFileId : {7, 3, 0, 7}) {
+        blob.blob = {true, blobFileId, 5, 28, 0x7E95C0A3, 0};
+        records.push_back(record("z" + std::to_string(records.size()), 42, kBlobRecord, encoded(blob)));
+    }
+    Table table(records);
+    ZnEmbeddedDbStatus status;
+    EXPECT_EQ(table.open(&status)->blobFileIds(), (std::set<std::uint64_t>{0, 3, 7}));
+    EXPECT_TRUE(table.open(&status)->knowsBlobFileIds());
+    table.options.verifyFilters = false;
+    EXPECT_FALSE(table.open(&status)->knowsBlobFileIds());
+    const std::string inlineValue = encoded(inlineEntry("red"));
+    const TableRecord_ rows[] = {
+        record("k", 1, kBlobRecord, inlineValue), record("k", 1, kInlineRecord, encoded(blob)),
+        record("k", 1, kInlineRecord, ""), record("k", 1, kInlineRecord, inlineValue + "x"),
+        record("k", 1, kInlineRecord, "\1" + inlineValue.substr(1)),
+        record("k", 1, kInlineRecord, inlineValue.substr(0, 5) + "\1" + inlineValue.substr(6)), // an index too many
+    };
+    for (const TableRecord_& row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row.value.view()));
+        Table damaged({row});
+        EXPECT_EQ(damaged.open(&status), nullptr);
+        EXPECT_EQ(status.message(), "table has a stored value that does not parse");
+        damaged.options.verifyFilters = false;
+        EXPECT_NE(damaged.open(&status), nullptr);
     }
 }
 

@@ -15,7 +15,8 @@ namespace znEmbeddedDbDetail {
 ///
 /// Goes one way through the keys within bounds. No virtual calls: a scan asks for every record. A table whose first key
 /// in that direction is known without reading stands in front of it, and touches no block before load().
-/// Thread: one at a time; not moved after begin(). Owner: a RecordMerge_, which lives no longer than the view that the source is of.
+/// Thread: one at a time; not moved after begin(). Owner: a RecordMerge_, which lives no longer than the view that the
+/// source is of.
 class MergeSource_ {
 public:
     explicit MergeSource_(std::shared_ptr<const TableHandle_> table) : table_(std::move(table)) {}
@@ -75,18 +76,16 @@ private:
         takePosition_();
     }
     void takePosition_() noexcept;
-    std::size_t listSize_() const noexcept {
-        return records_ != nullptr ? records_->size() : indexEntries_->size();
-    }
+    std::size_t listSize_() const noexcept { return records_ != nullptr ? records_->size() : indexEntries_->size(); }
     std::string_view keyAt_(std::size_t position) const noexcept {
         return records_ != nullptr ? (*records_)[position]->first.view() : (*indexEntries_)[position]->first.view();
     }
     std::size_t positionOf_(std::string_view key) const noexcept;
 
-    std::shared_ptr<const TableHandle_> table_;               // or
+    std::shared_ptr<const TableHandle_> table_;                // or
     const Memtable_::SortedKeys* records_ = nullptr;           // or
     const Memtable_::SortedIndexKeys* indexEntries_ = nullptr; // exactly one of the three
-    RecordView_ ownRecord_;                // of a list, or the key alone of a table that has not been read
+    RecordView_ ownRecord_;               // of a list, or the key alone of a table that has not been read
     const RecordView_* record_ = nullptr; // ownRecord_, or that of the cursor: copying it costs more than reading it
     const ValueEntry_* entry_ = nullptr;
     bool isValid_ = false;

@@ -45,19 +45,7 @@ void RecordMerge_::findSkip_() {
     smallest = std::max<std::string_view>(smallest, bounds_->lower);
     if (bounds_->upper.has_value())
         largest = std::min<std::string_view>(largest, *bounds_->upper);
-    const auto at = std::mismatch(smallest.begin(), smallest.end(), largest.begin(), largest.end()).first;
-    skip_ = static_cast<std::size_t>(at - smallest.begin());
-}
-
-/// Bytes that the key has not count as 0; so equal words say nothing, and different ones all.
-std::uint64_t RecordMerge_::wordOf_(std::string_view key) const noexcept {
-    constexpr std::size_t kWordBytes = sizeof(std::uint64_t);
-    if (key.size() >= skip_ + kWordBytes) [[likely]]
-        return __builtin_bswap64(loadLe<std::uint64_t>(key.data() + skip_)) ^ flip_; // the first byte weighs most
-    std::uint64_t word = 0;
-    for (std::size_t index = skip_; index < skip_ + kWordBytes; ++index)
-        word = word << 8 | (index < key.size() ? static_cast<unsigned char>(key[index]) : 0u);
-    return word ^ flip_;
+    skip_ = commonBytes(smallest, largest);
 }
 
 bool RecordMerge_::comesFirstOfEqual_(const Slot_& left, const Slot_& right) const noexcept {

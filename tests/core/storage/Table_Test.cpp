@@ -266,6 +266,8 @@ TEST(Table_, EveryKeyIsFoundAndSoughtInBlocksOfManyRecords) {
         const auto handle = table.open(&status);
         ASSERT_NE(handle, nullptr) << status.message();
         ASSERT_GT(handle->sparseIndex().size(), 3u);
+        EXPECT_EQ(handle->blockIndexFor("0"), 0u); // the table's keys all begin with "1"
+        EXPECT_EQ(handle->blockIndexFor("2"), handle->sparseIndex().size() - 1);
         expectRecords(handle, records);
         TableCursor_ cursor(handle);
         for (std::size_t number = 0; number < 5000; ++number) {
@@ -280,6 +282,11 @@ TEST(Table_, EveryKeyIsFoundAndSoughtInBlocksOfManyRecords) {
             cursor.next();
             EXPECT_TRUE(cursor.isValid() ? cursor.record().key == records[number - number % 40 + 1].key.view()
                                          : number == 4999);
+            if (!cursor.isValid())
+                continue;
+            cursor.previous();
+            ASSERT_TRUE(cursor.isValid());
+            EXPECT_EQ(cursor.record().key, records[number - number % 40].key.view());
         }
     }
 }

@@ -72,6 +72,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t byte
     ZN_ASSERT(step != WalReader_::Step::Failed);
     ZN_ASSERT((step == WalReader_::Step::End) == (reader.hasHeader() && goodBytes == bytes.size()));
     if (step == WalReader_::Step::Invalid)
-        ZN_ASSERT(reader.classifyTail() != WalReader_::Tail::Failed);
+        ZN_ASSERT(reader.classifyTail(0) != WalReader_::Tail::Failed);
     return 0;
 }

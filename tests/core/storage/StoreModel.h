@@ -26,19 +26,23 @@ inline StoreContent contentOf(const ZnEmbeddedDb& store, bool* isReadable = null
     StoreContent content;
     std::map<std::string, std::set<std::string>> byTag;
     ZnEmbeddedDbStatus status;
-    for (auto records = store.scan(); records.valid() || !(status = records.status()).isOk(); records.next()) {
-        if (!records.valid())
-            break;
+    auto records = store.scan();
+    for (; status.isOk() && records.valid(); records.next()) {
         content[std::string(records.key())] = std::string(records.value());
         byTag[std::string(records.value().substr(0, 1))].insert(std::string(records.key()));
         ZnByteArray value;
         status = store.get(records.key(), &value);
-        if (!status.isOk() || value.view() != records.value())
-            break;
+        EXPECT_TRUE(!status.isOk() || value.view() == records.value());
     }
+    if (status.isOk())
+        status = records.status();
     std::map<std::string, std::set<std::string>> indexed;
-    for (auto records = store.indexScan("tag"); status.isOk() && records.valid(); records.next())
-        indexed[std::string(records.secondaryKey())].insert(std::string(records.key()));
+    if (status.isOk()) {
+        auto entries = store.indexScan("tag");
+        for (; entries.valid(); entries.next())
+            indexed[std::string(entries.secondaryKey())].insert(std::string(entries.key()));
+        status = entries.status();
+    }
     byTag.erase("");
     if (isReadable != nullptr)
         *isReadable = status.isOk();
@@ -83,6 +87,8 @@ public:
     }
     bool isNow(const StoreContent& content) const { return std::find(now_.begin(), now_.end(), content) != now_.end(); }
     bool mayBe(const StoreContent& content) const { return possible_.count(content) != 0; }
+    /// The change that the next write would have made, for a message.
+    const std::set<StoreContent>& possible() const { return possible_; }
 
 private:
     static void apply(StoreContent* state, const Change& change) {

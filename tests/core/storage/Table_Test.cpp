@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <gmock/gmock.h>
+#include <set>
 
 using namespace znEmbeddedDbDetail;
 
@@ -114,6 +115,36 @@ TEST(Table_, IsWrittenAndReadByteForByte) {
         EXPECT_EQ(handle->firstKey(), table->records.front().key);
         EXPECT_EQ(handle->lastKey(), table->records.back().key);
         EXPECT_EQ(handle->bloom().bits.size(), 32u);
+    }
+}
+
+TEST(Table_, OpeningParsesTheValuesAndTellsWhichBlobFilesTheyReferTo) {
+    ValueEntry_ blob;
+    Records records = goldenRecords();
+    for (const std::uint64_t blobFileId : {7, 3, 0, 7}) {
+        blob.blob = {true, blobFileId, 5, 28, 0x7E95C0A3, 0};
+        records.push_back(record("z" + std::to_string(records.size()), 42, kBlobRecord, encoded(blob)));
+    }
+    Table table(records);
+    ZnEmbeddedDbStatus status;
+    EXPECT_EQ(table.open(&status)->blobFileIds(), (std::set<std::uint64_t>{0, 3, 7}));
+    EXPECT_TRUE(table.open(&status)->knowsBlobFileIds());
+    table.options.verifyFilters = false;
+    EXPECT_FALSE(table.open(&status)->knowsBlobFileIds());
+    const std::string inlineValue = encoded(inlineEntry("red"));
+    const TableRecord_ rows[] = {
+        record("k", 1, kBlobRecord, inlineValue), record("k", 1, kInlineRecord, encoded(blob)),
+        record("k", 1, kInlineRecord, ""), record("k", 1, kInlineRecord, inlineValue + "x"),
+        record("k", 1, kInlineRecord, "\1" + inlineValue.substr(1)),
+        record("k", 1, kInlineRecord, inlineValue.substr(0, 5) + "\1" + inlineValue.substr(6)), // an index too many
+    };
+    for (const TableRecord_& row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row.value.view()));
+        Table damaged({row});
+        EXPECT_EQ(damaged.open(&status), nullptr);
+        EXPECT_EQ(status.message(), "table has a stored value that does not parse");
+        damaged.options.verifyFilters = false;
+        EXPECT_NE(damaged.open(&status), nullptr);
     }
 }
 
@@ -235,6 +266,8 @@ TEST(Table_, EveryKeyIsFoundAndSoughtInBlocksOfManyRecords) {
         const auto handle = table.open(&status);
         ASSERT_NE(handle, nullptr) << status.message();
         ASSERT_GT(handle->sparseIndex().size(), 3u);
+        EXPECT_EQ(handle->blockIndexFor("0"), 0u); // the table's keys all begin with "1"
+        EXPECT_EQ(handle->blockIndexFor("2"), handle->sparseIndex().size() - 1);
         expectRecords(handle, records);
         TableCursor_ cursor(handle);
         for (std::size_t number = 0; number < 5000; ++number) {
@@ -249,6 +282,11 @@ TEST(Table_, EveryKeyIsFoundAndSoughtInBlocksOfManyRecords) {
             cursor.next();
             EXPECT_TRUE(cursor.isValid() ? cursor.record().key == records[number - number % 40 + 1].key.view()
                                          : number == 4999);
+            if (!cursor.isValid())
+                continue;
+            cursor.previous();
+            ASSERT_TRUE(cursor.isValid());
+            EXPECT_EQ(cursor.record().key, records[number - number % 40].key.view());
         }
     }
 }

@@ -23,7 +23,8 @@ std::string textOf(MemoryFiles& files, std::uint64_t id = 1) {
         case WalReader_::Step::Failed:
             return text + reader.status().message().str();
         case WalReader_::Step::Invalid:
-            switch (reader.classifyTail()) {
+            switch (reader.classifyTail(0)) {
+            case WalReader_::Tail::Covered: return text + "covered";
             case WalReader_::Tail::Torn:
                 return text + "torn at " + std::to_string(reader.goodBytes());
             case WalReader_::Tail::Damaged:

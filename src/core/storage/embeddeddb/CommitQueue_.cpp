@@ -29,17 +29,6 @@ std::uint64_t randomSalt() {
     return (std::uint64_t(device()) << 32) ^ device();
 }
 
-/// Makes the log, in place of what an attempt that failed may have left.
-ZnEmbeddedDbStatus createLog(ZnStorageFiles& files, const StorePaths_& paths, std::uint64_t walId,
-                             std::uint64_t previousSequence, WalWriter_* log) {
-    const ZnString path = walPath(paths, walId);
-    files.remove(path);
-    ZnEmbeddedDbStatus status = log->create(paths.walDir, {walId, previousSequence, randomSalt()});
-    if (!status.isOk())
-        files.remove(path);
-    return status;
-}
-
 } // namespace
 
 CommitQueue_::CommitQueue_(StoreCore_& core, FlushScheduler_& flushes)
@@ -49,13 +38,23 @@ ZnEmbeddedDbStatus CommitQueue_::beginLog() {
     const ZnMutexLocker locker(core_.mutex);
     const std::uint64_t walId = core_.manifest.nextWalId;
     log_ = WalWriter_(core_.files);
-    ZnEmbeddedDbStatus status = createLog(core_.files, core_.paths, walId, core_.lastCommittedSequence, &log_);
-    if (!status.isOk())
+    failedWalId_ = 0;
+    if (ZnEmbeddedDbStatus status = createLog_(walId, core_.lastCommittedSequence, &log_); !status.isOk())
         return status;
     core_.manifest.activeWalId = walId;
     core_.manifest.nextWalId = walId + 1;
     nextSequence_ = core_.lastCommittedSequence + 1;
     return {};
+}
+
+/// In place of what an attempt that failed may have left; anything else that has the name is left alone.
+ZnEmbeddedDbStatus CommitQueue_::createLog_(std::uint64_t walId, std::uint64_t previousSequence, WalWriter_* log) {
+    const ZnString path = walPath(core_.paths, walId);
+    if (failedWalId_ == walId)
+        core_.files.remove(path);
+    ZnEmbeddedDbStatus status = log->create(core_.paths.walDir, {walId, previousSequence, randomSalt()});
+    failedWalId_ = status.isOk() ? 0 : walId;
+    return status;
 }
 
 void CommitQueue_::startCommitWorker() {
@@ -335,7 +334,7 @@ ZnEmbeddedDbStatus CommitQueue_::rotate_() {
     if (ZnEmbeddedDbStatus status = syncLog_(); !status.isOk())
         return status;
     core_.mutex.unlock();
-    ZnEmbeddedDbStatus status = createLog(core_.files, core_.paths, walId, lastSequence, &next);
+    ZnEmbeddedDbStatus status = createLog_(walId, lastSequence, &next);
     core_.mutex.lock();
     core_.noteSyncFailure();
     if (!status.isOk())

@@ -60,6 +60,7 @@ private:
     ZnEmbeddedDbStatus makeRoom_() ZN_REQUIRES(core_.mutex);
     ZnEmbeddedDbStatus waitForFlush_() ZN_REQUIRES(core_.mutex);
     ZnEmbeddedDbStatus rotate_() ZN_REQUIRES(core_.mutex);
+    ZnEmbeddedDbStatus createLog_(std::uint64_t walId, std::uint64_t previousSequence, WalWriter_* log);
     ZnEmbeddedDbStatus append_(GroupView_ group, bool syncs) ZN_REQUIRES(core_.mutex);
     ZnEmbeddedDbStatus syncLog_() ZN_REQUIRES(core_.mutex);
     void insert_(GroupView_ group, std::uint64_t firstSequence) ZN_REQUIRES(core_.mutex);
@@ -71,6 +72,7 @@ private:
     FlushScheduler_& flushes_;
     WalWriter_ log_;                  // of whoever holds commitActive_, as is batches_
     std::vector<WalBatch_*> batches_; // of the group; kept for its capacity
+    std::uint64_t failedWalId_ = 0;   // of a log whose making failed; it is made again under the same id
     std::thread commitThread_;
 
     std::deque<WritePtr_> pendingWrites_ ZN_GUARDED_BY(core_.mutex);

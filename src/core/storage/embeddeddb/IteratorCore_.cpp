@@ -108,15 +108,15 @@ void IteratorCore_::settle_() {
     for (; merge_.isValid(); merge_.advanceKey()) {
         if (merge_.record().type == kTombstoneRecord)
             continue;
-        if (indexName_.isEmpty())
-            found_ = {merge_.record(), merge_.source().entry(), merge_.source().table()};
-        else if (!findIndexed_()) {
-            if (!status_.isOk())
-                return;
-            continue;
+        if (indexName_.isEmpty()) {
+            const MergeSource_& source = merge_.source();
+            isValid_ = takeRecord_(source.record(), source.entry(), source.table());
+            return;
         }
-        isValid_ = takeFound_();
-        return;
+        const bool isLive = findIndexed_();
+        isValid_ = isLive && takeRecord_(found_.record, found_.entry, found_.table);
+        if (isLive || !status_.isOk())
+            return;
     }
     if (merge_.broken() != nullptr)
         fail_(unreadableTable(*merge_.broken()->table()));
@@ -126,11 +126,15 @@ void IteratorCore_::settle_() {
 bool IteratorCore_::findIndexed_() {
     std::string_view primary;
     if (!splitIndexKey(merge_.record().key, &secondaryKey_, &primary))
-        return fail_(ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::Corruption, "index key does not come apart").at(placeOf(merge_)));
+        return fail_(
+            ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::Corruption, "index key does not come apart").at(placeOf(merge_)));
     switch (findRecord(*view_, primary, &found_)) {
-    case TableHandle_::Find::Absent: return false;
-    case TableHandle_::Find::Unreadable: return fail_(unreadableTable(*found_.table));
-    case TableHandle_::Find::Found: break;
+    case TableHandle_::Find::Absent:
+        return false;
+    case TableHandle_::Find::Unreadable:
+        return fail_(unreadableTable(*found_.table));
+    case TableHandle_::Find::Found:
+        break;
     }
     if (recordHasIndexKey(found_, indexName_.view(), secondaryKey_))
         return true;
@@ -141,13 +145,16 @@ bool IteratorCore_::findIndexed_() {
 }
 
 /// Parses also when only keys are asked for: a record that cannot be one must not be told of.
-bool IteratorCore_::takeFound_() {
-    const ValueEntry_* entry = found_.entry;
+bool IteratorCore_::takeRecord_(const RecordView_& record, const ValueEntry_* entry, const TableHandle_* table) {
+    record_ = &record;
+    entry_ = entry;
+    if (entry != nullptr) {
+        value_ = keysOnly_ ? std::string_view() : record.value;
+        return entry->inlineValue || keysOnly_ || takeBlob_(entry->blob);
+    }
     StoredValueView_ stored;
-    if (entry != nullptr)
-        stored = {entry->inlineValue, {}, found_.record.value, entry->blob};
-    else if (!parseRecordValue(found_.record, &stored))
-        return fail_(unreadableValue(*found_.table, found_.record));
+    if (!parseRecordValue(record, &stored))
+        return fail_(unreadableValue(*table, record));
     metadata_ = stored.metadata;
     value_ = keysOnly_ ? std::string_view() : stored.value;
     return stored.isInline || keysOnly_ || takeBlob_(stored.blob);
@@ -166,10 +173,10 @@ bool IteratorCore_::fail_(ZnEmbeddedDbStatus status) {
 }
 
 IndexKeys_ IteratorCore_::indexKeys() const {
-    if (found_.entry != nullptr)
-        return found_.entry->indexKeys;
+    if (entry_ != nullptr)
+        return entry_->indexKeys;
     IndexKeys_ keys;
-    decodeIndexKeys(metadata_, &keys); // which takeFound_() has checked
+    decodeIndexKeys(metadata_, &keys); // which takeRecord_() has checked
     return keys;
 }
 

@@ -44,9 +44,9 @@ public:
 
     bool isValid() const noexcept { return isValid_; }
     void next();
-    std::string_view key() const noexcept { return found_.record.key; }
+    std::string_view key() const noexcept { return record_->key; }
     std::string_view value() const noexcept { return value_; }
-    std::uint64_t sequence() const noexcept { return found_.record.sequence; }
+    std::uint64_t sequence() const noexcept { return record_->sequence; }
     IndexKeys_ indexKeys() const;
     std::string_view secondaryKey() const noexcept { return secondaryKey_; }
     const ZnEmbeddedDbStatus& status() const noexcept { return status_; }
@@ -54,7 +54,7 @@ public:
 private:
     void settle_();
     bool findIndexed_();
-    bool takeFound_();
+    bool takeRecord_(const RecordView_& record, const ValueEntry_* entry, const TableHandle_* table);
     bool takeBlob_(const BlobRef_& blob);
     bool fail_(ZnEmbeddedDbStatus status);
 
@@ -64,8 +64,10 @@ private:
     std::uint64_t left_; // records that may still be given, this one included
     RecordMerge_ merge_;
     bool isValid_ = false;
-    FoundRecord_ found_; // the record that it stands on
-    std::string_view metadata_; // of found_, when it is in a table
+    const RecordView_* record_ = nullptr; // on which it stands: the merge's, or that of found_
+    const ValueEntry_* entry_ = nullptr;  // of the record, when it is in memory
+    FoundRecord_ found_;                  // to which an index led
+    std::string_view metadata_;           // of the record, when it is in a table
     std::string_view value_;
     ZnByteArray blobValue_; // what value_ is a view of, when it lies in a blob file
     std::string secondaryKey_;

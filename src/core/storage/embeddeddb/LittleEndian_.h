@@ -1,25 +1,35 @@
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 
-/// Integers of the store's files: little-endian, byte by byte, whatever the machine's own order is. (Compilers make one
-/// move of it where the orders agree.)
+/// Integers of the store's files: little-endian, whatever the machine's own order is. Where the orders agree it is one
+/// move; compilers do not make one of the loops.
 namespace znEmbeddedDbDetail {
 
 template <typename Unsigned>
 void storeLe(char* at, Unsigned value) noexcept {
-    for (std::size_t index = 0; index < sizeof(Unsigned); ++index)
-        at[index] = static_cast<char>(static_cast<unsigned char>(value >> (8 * index)));
+    if constexpr (std::endian::native == std::endian::little) {
+        std::memcpy(at, &value, sizeof(value));
+    } else {
+        for (std::size_t index = 0; index < sizeof(Unsigned); ++index)
+            at[index] = static_cast<char>(static_cast<unsigned char>(value >> (8 * index)));
+    }
 }
 
 template <typename Unsigned>
 Unsigned loadLe(const char* at) noexcept {
     Unsigned value = 0;
-    for (std::size_t index = 0; index < sizeof(Unsigned); ++index)
-        value = static_cast<Unsigned>(value | Unsigned(static_cast<unsigned char>(at[index])) << (8 * index));
+    if constexpr (std::endian::native == std::endian::little) {
+        std::memcpy(&value, at, sizeof(value));
+    } else {
+        for (std::size_t index = 0; index < sizeof(Unsigned); ++index)
+            value = static_cast<Unsigned>(value | Unsigned(static_cast<unsigned char>(at[index])) << (8 * index));
+    }
     return value;
 }
 

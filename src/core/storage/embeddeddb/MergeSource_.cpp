@@ -11,7 +11,9 @@ template <typename List>
 void fetchAhead(const List& list, std::size_t position, bool isReverse) noexcept {
     constexpr std::size_t kNodeDistance = 12;
     constexpr std::size_t kKeyDistance = 6;
-    const auto ahead = [&](std::size_t distance) { return isReverse ? position - distance : position + distance; };
+    const auto ahead = [&](std::size_t distance) {
+        return isReverse ? position - distance : position + distance;
+    };
     if (ahead(kNodeDistance) < list.size()) {
         const char* node = reinterpret_cast<const char*>(list[ahead(kNodeDistance)]);
         for (std::size_t at = 0; at < sizeof(*list[0]); at += 64)
@@ -42,6 +44,7 @@ void MergeSource_::beginTable_(const KeyBounds_& bounds) {
     if (checksBound_)
         bound_ = isReverse_ ? std::string_view(bounds.lower) : std::string_view(*bounds.upper);
     cursor_.emplace(table_);
+    record_ = &cursor_->record();
     if (isReverse_ ? !passesUpper : !passesLower) {
         beginLazily_(isReverse_ ? lastKey() : firstKey());
         return;
@@ -54,13 +57,15 @@ void MergeSource_::beginTable_(const KeyBounds_& bounds) {
 }
 
 void MergeSource_::beginLazily_(std::string_view key) {
-    record_ = {key, 0, kInlineRecord, {}};
+    ownRecord_ = {key, 0, kInlineRecord, {}};
+    record_ = &ownRecord_;
     isLazy_ = true;
     isValid_ = true;
 }
 
 void MergeSource_::readFirst_() {
     isLazy_ = false;
+    record_ = &cursor_->record();
     if (isReverse_)
         cursor_->seekToLast();
     else
@@ -71,6 +76,7 @@ void MergeSource_::readFirst_() {
 void MergeSource_::beginList_(const KeyBounds_& bounds) {
     const std::size_t first = positionOf_(bounds.lower);
     const std::size_t end = bounds.upper.has_value() ? positionOf_(*bounds.upper) : listSize_();
+    record_ = &ownRecord_;
     left_ = end - first;
     position_ = isReverse_ ? end - 1 : first;
     takePosition_();
@@ -83,12 +89,12 @@ void MergeSource_::takePosition_() noexcept {
     if (indexEntries_ != nullptr) {
         const auto& [key, entry] = *(*indexEntries_)[position_];
         fetchAhead(*indexEntries_, position_, isReverse_);
-        record_ = {key.view(), entry.sequence, entry.tombstone ? kTombstoneRecord : kInlineRecord, {}};
+        ownRecord_ = {key.view(), entry.sequence, entry.tombstone ? kTombstoneRecord : kInlineRecord, {}};
         return;
     }
     const auto& [key, entry] = *(*records_)[position_];
     fetchAhead(*records_, position_, isReverse_);
-    record_ = {key.view(), entry.sequence, entry.tombstone ? kTombstoneRecord : kInlineRecord, entry.value.view()};
+    ownRecord_ = {key.view(), entry.sequence, entry.tombstone ? kTombstoneRecord : kInlineRecord, entry.value.view()};
     entry_ = &entry;
 }
 

@@ -15,7 +15,8 @@ namespace znEmbeddedDbDetail {
 ///
 /// Goes one way through the keys within bounds. No virtual calls: a scan asks for every record. A table whose first key
 /// in that direction is known without reading stands in front of it, and touches no block before load().
-/// Thread: one at a time. Owner: a RecordMerge_, which lives no longer than the view that the source is of.
+/// Thread: one at a time; not moved after begin(). Owner: a RecordMerge_, which lives no longer than the view that the
+/// source is of.
 class MergeSource_ {
 public:
     explicit MergeSource_(std::shared_ptr<const TableHandle_> table) : table_(std::move(table)) {}
@@ -39,9 +40,9 @@ public:
         else
             advancePosition_();
     }
-    std::string_view key() const noexcept { return record_.key; }
+    std::string_view key() const noexcept { return record_->key; }
     /// The value of a memtable's is the user's, of a table's the stored one; of an index it is empty.
-    const RecordView_& record() const noexcept { return record_; }
+    const RecordView_& record() const noexcept { return *record_; }
     /// Null unless it is a primary record of a memtable.
     const ValueEntry_* entry() const noexcept { return entry_; }
     /// Null unless it is of a table.
@@ -66,11 +67,8 @@ private:
     }
     void takeCursor_() {
         isValid_ = cursor_->isValid();
-        if (!isValid_)
-            return;
-        record_ = cursor_->record();
-        if (checksBound_)
-            isValid_ = isReverse_ ? bound_ <= record_.key : record_.key < bound_;
+        if (isValid_ && checksBound_)
+            isValid_ = isReverse_ ? bound_ <= record_->key : record_->key < bound_;
     }
     void advancePosition_() {
         --left_;
@@ -78,21 +76,20 @@ private:
         takePosition_();
     }
     void takePosition_() noexcept;
-    std::size_t listSize_() const noexcept {
-        return records_ != nullptr ? records_->size() : indexEntries_->size();
-    }
+    std::size_t listSize_() const noexcept { return records_ != nullptr ? records_->size() : indexEntries_->size(); }
     std::string_view keyAt_(std::size_t position) const noexcept {
         return records_ != nullptr ? (*records_)[position]->first.view() : (*indexEntries_)[position]->first.view();
     }
     std::size_t positionOf_(std::string_view key) const noexcept;
 
-    std::shared_ptr<const TableHandle_> table_;               // or
+    std::shared_ptr<const TableHandle_> table_;                // or
     const Memtable_::SortedKeys* records_ = nullptr;           // or
     const Memtable_::SortedIndexKeys* indexEntries_ = nullptr; // exactly one of the three
-    RecordView_ record_;
+    RecordView_ ownRecord_;               // of a list, or the key alone of a table that has not been read
+    const RecordView_* record_ = nullptr; // ownRecord_, or that of the cursor: copying it costs more than reading it
     const ValueEntry_* entry_ = nullptr;
     bool isValid_ = false;
-    bool isLazy_ = false; // record_ is a key alone, and the cursor has not been placed
+    bool isLazy_ = false; // there is a key alone, and the cursor has not been placed
     bool isReverse_ = false;
     bool checksBound_ = false; // the table has keys beyond `bound_`
     std::string_view bound_;   // where it ends; in reverse it is included

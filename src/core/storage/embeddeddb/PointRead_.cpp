@@ -69,9 +69,12 @@ ZnEmbeddedDbStatus readBelowActive(const ReadView_& view, std::string_view key, 
                                    IndexKeys_* indexKeys) {
     FoundRecord_ found;
     switch (findRecord(view, key, &found)) {
-    case Find::Found: return readFound(view, found, value, indexKeys);
-    case Find::Unreadable: return unreadableTable(*found.table);
-    case Find::Absent: break;
+    case Find::Found:
+        return readFound(view, found, value, indexKeys);
+    case Find::Unreadable:
+        return unreadableTable(*found.table);
+    case Find::Absent:
+        break;
     }
     return notFound();
 }
@@ -124,8 +127,7 @@ TableHandle_::Find findIndexRecord(const ReadView_& view, const ZnString& indexN
     return findInTables(tables->second, indexKey, *view.counters, found);
 }
 
-ZnEmbeddedDbStatus readRecord(const ReadView_& view, std::string_view key, ZnByteArray* value,
-                              IndexKeys_* indexKeys) {
+ZnEmbeddedDbStatus readRecord(const ReadView_& view, std::string_view key, ZnByteArray* value, IndexKeys_* indexKeys) {
     if (view.active != nullptr) {
         const MemtableReadScope_ scope(view.active->lock);
         if (const ValueEntry_* entry = view.active->table.find(key))

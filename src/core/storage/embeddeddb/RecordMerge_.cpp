@@ -45,22 +45,7 @@ void RecordMerge_::findSkip_() {
     smallest = std::max<std::string_view>(smallest, bounds_->lower);
     if (bounds_->upper.has_value())
         largest = std::min<std::string_view>(largest, *bounds_->upper);
-    const auto at = std::mismatch(smallest.begin(), smallest.end(), largest.begin(), largest.end()).first;
-    skip_ = static_cast<std::size_t>(at - smallest.begin());
-}
-
-/// Bytes that the key has not count as 0; so equal words say nothing, and different ones all.
-std::uint64_t RecordMerge_::wordOf_(std::string_view key) const noexcept {
-    std::uint64_t word = 0;
-    constexpr std::size_t kWordBytes = sizeof(word);
-    if (key.size() >= skip_ + kWordBytes) {
-        for (std::size_t index = 0; index < kWordBytes; ++index)
-            word = word << 8 | static_cast<unsigned char>(key[skip_ + index]);
-    } else {
-        for (std::size_t index = skip_; index < skip_ + kWordBytes; ++index)
-            word = word << 8 | (index < key.size() ? static_cast<unsigned char>(key[index]) : 0u);
-    }
-    return word ^ flip_;
+    skip_ = commonBytes(smallest, largest);
 }
 
 bool RecordMerge_::comesFirstOfEqual_(const Slot_& left, const Slot_& right) const noexcept {

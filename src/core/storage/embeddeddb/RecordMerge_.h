@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/storage/embeddeddb/KeyWord_.h"
 #include "core/storage/embeddeddb/MergeSource_.h"
 
 #include <cstdint>
@@ -40,7 +41,7 @@ private:
     };
 
     void findSkip_();
-    std::uint64_t wordOf_(std::string_view key) const noexcept;
+    std::uint64_t wordOf_(std::string_view key) const noexcept { return keyWord(key, skip_) ^ flip_; }
     bool comesFirst_(const Slot_& left, const Slot_& right) const noexcept {
         return left.word != right.word ? left.word < right.word : comesFirstOfEqual_(left, right);
     }

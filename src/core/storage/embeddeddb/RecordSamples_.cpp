@@ -19,16 +19,19 @@ std::string_view keyAt(std::string_view payload, std::size_t offset) noexcept {
 
 std::size_t RecordSamples_::offsetFor(std::size_t blockIndex, std::string_view payload,
                                       std::string_view key) const noexcept {
-    if (blockIndex >= firstSamples_.size())
+    if (blockIndex >= blocks_.size())
         return 0;
-    const auto begin = offsets_.begin() + static_cast<std::ptrdiff_t>(firstSamples_[blockIndex]);
-    const auto end = blockIndex + 1 == firstSamples_.size()
-                         ? offsets_.end()
-                         : offsets_.begin() + static_cast<std::ptrdiff_t>(firstSamples_[blockIndex + 1]);
-    const auto behind = std::upper_bound(begin, end, key, [&](std::string_view sought, std::uint32_t offset) {
-        return sought < keyAt(payload, offset);
-    });
-    return behind == begin ? 0 : std::min<std::size_t>(*(behind - 1), payload.size());
+    const auto [first, sharedBytes] = blocks_[blockIndex];
+    const std::size_t end = blockIndex + 1 == blocks_.size() ? offsets_.size() : blocks_[blockIndex + 1].firstSample;
+    const auto at = [](const auto& list, std::size_t index) {
+        return list.begin() + static_cast<std::ptrdiff_t>(index);
+    };
+    const auto equal = std::equal_range(at(words_, first), at(words_, end), keyWord(key, sharedBytes));
+    const auto behind = std::upper_bound(
+        at(offsets_, static_cast<std::size_t>(equal.first - words_.begin())),
+        at(offsets_, static_cast<std::size_t>(equal.second - words_.begin())), key,
+        [&](std::string_view sought, std::uint32_t offset) { return sought < keyAt(payload, offset); });
+    return behind == at(offsets_, first) ? 0 : std::min<std::size_t>(*(behind - 1), payload.size());
 }
 
 } // namespace znEmbeddedDbDetail

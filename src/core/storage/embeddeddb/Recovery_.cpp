@@ -43,17 +43,16 @@ void forEachInParallel(std::size_t count, Work work) {
         helper.join();
 }
 
-std::uint64_t largestId(ZnStorageFiles& files, const ZnString& directory, std::string_view prefix,
-                        std::string_view suffix) {
+std::uint64_t largestId(const std::vector<ZnString>& names, std::string_view prefix, std::string_view suffix) {
     std::uint64_t largest = 0;
-    for (const ZnString& path : listFiles(files, directory, prefix, suffix))
-        largest = std::max(largest, parseFileId(path, prefix, suffix));
+    for (const ZnString& name : names)
+        largest = std::max(largest, parseFileId(name, prefix, suffix));
     return largest;
 }
 
-/// The largest id of the tables of either level, whatever their suffix is: ".sst", or ".sst.tmp".
-std::uint64_t largestTableId(ZnStorageFiles& files, const ZnString& directory, std::string_view suffix) {
-    return std::max(largestId(files, directory, "L0-", suffix), largestId(files, directory, "L1-", suffix));
+/// Of the tables of either level, whatever their suffix is: ".sst", or ".sst.tmp".
+std::uint64_t largestTableId(const std::vector<ZnString>& names, std::string_view suffix) {
+    return std::max(largestId(names, "L0-", suffix), largestId(names, "L1-", suffix));
 }
 
 /// The directories that are not there yet, from `path` upwards.
@@ -83,26 +82,52 @@ ZnEmbeddedDbStatus makeDirectory(ZnStorageFiles& files, const ZnString& path) {
     return {};
 }
 
+/// Whether a log holds more than its header, or that cannot be ruled out.
+bool mayHaveFrames(ZnStorageFiles& files, const ZnString& path) {
+    RandomAccessFile_ file(files);
+    return !file.open(path, RandomAccessFile_::Mode::ReadOnly) || file.size() > kWalHeaderBytes;
+}
+
 /// The first file that only a store with content can have; empty when there is none.
-ZnString firstFileOfStore(ZnStorageFiles& files, const StorePaths_& paths) {
-    std::vector<ZnString> found = listFiles(files, paths.tablesDir, "L", ".sst");
-    for (const ZnString& path : listFiles(files, paths.blobsDir, kBlobPrefix, kBlobSuffix))
-        found.push_back(path);
-    for (const ZnString& path : listFiles(files, paths.rootPath, kManifestPrefix, kManifestSuffix))
-        if (parseFileId(path, kManifestPrefix, kManifestSuffix) > 0)
-            found.push_back(path);
-    for (const ZnString& path : listFiles(files, paths.walDir, kWalPrefix, kWalSuffix)) {
-        RandomAccessFile_ file(files);
-        if (!file.open(path, RandomAccessFile_::Mode::ReadOnly) || file.size() > kWalHeaderBytes)
-            found.push_back(path);
-    }
-    return found.empty() ? ZnString() : found.front();
+ZnString firstFileOfStore(ZnStorageFiles& files, const StorePaths_& paths, const StoreListing_& listing) {
+    for (const ZnString& name : listing.root)
+        if (parseFileId(name, kManifestPrefix, kManifestSuffix) > 0)
+            return name;
+    for (const ZnString& name : listing.wal)
+        if (parseFileId(name, kWalPrefix, kWalSuffix) != 0 && mayHaveFrames(files, joinPath(paths.walDir, name)))
+            return name;
+    for (const auto* names : {&listing.tables, &listing.blobs})
+        for (const ZnString& name : *names)
+            if (isStoreFileName(name))
+                return name;
+    return {};
 }
 
 } // namespace
 
+ZnEmbeddedDbStatus StoreListing_::read(ZnStorageFiles& files, const StorePaths_& paths) {
+    const std::pair<const ZnString*, std::vector<ZnString>*> parts[] = {{&paths.rootPath, &root},
+                                                                        {&paths.walDir, &wal},
+                                                                        {&paths.tablesDir, &tables},
+                                                                        {&paths.blobsDir, &blobs},
+                                                                        {&paths.tempDir, &temporary}};
+    for (const auto& [directory, names] : parts) {
+        names->clear();
+        const int code = files.list(*directory, names);
+        ZnString error;
+        if (code == 0 || code == ENOENT)
+            continue;
+        failWithCode("FindFirstFileW failed", code, &error);
+        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(*directory);
+    }
+    return {};
+}
+
 ZnEmbeddedDbStatus createStore(ZnStorageFiles& files, const StorePaths_& paths) {
-    if (const ZnString file = firstFileOfStore(files, paths); !file.isEmpty())
+    StoreListing_ listing;
+    if (ZnEmbeddedDbStatus status = listing.read(files, paths); !status.isOk())
+        return status;
+    if (const ZnString file = firstFileOfStore(files, paths, listing); !file.isEmpty())
         return corruption("CURRENT is missing", paths.rootPath).at("there is " + file);
     for (const ZnString* directory :
          {&paths.rootPath, &paths.walDir, &paths.tablesDir, &paths.blobsDir, &paths.tempDir})
@@ -143,7 +168,9 @@ ZnEmbeddedDbStatus Recovery_::runOnce_(RecoveredStore_* store, std::uint64_t man
     lastFrameSequence_ = 0;
     ZnEmbeddedDbStatus status = readManifest(files_, paths_.rootPath, manifestId, &store->manifest);
     if (status.isOk())
-        status = listLogs_(*store); // before anything else is read: what is written meanwhile is left out as a whole
+        status = listing_.read(files_, paths_);
+    if (status.isOk())
+        status = findLogs_(*store); // before anything else is read: what is written meanwhile is left out as a whole
     if (status.isOk())
         status = openTables_(store);
     if (!status.isOk())
@@ -167,18 +194,21 @@ ZnEmbeddedDbStatus Recovery_::openTables_(RecoveredStore_* store) {
         tables[index]->open(files_, paths_.rootPath, metas[index], {options_.verifyFilters}, &statuses[index]);
     });
     for (std::size_t index = 0; index < metas.size(); ++index) {
+        const ZnString& name = metas[index].fileName;
+        if (!statuses[index].isOk() && std::count(listing_.tables.begin(), listing_.tables.end(), name) == 0)
+            return corruption("table is missing", joinPath(paths_.tablesDir, name));
         if (!statuses[index].isOk())
-            return statuses[index].at(joinPath(paths_.tablesDir, metas[index].fileName));
+            return statuses[index].at(joinPath(paths_.tablesDir, name));
         store->tableHandles[metas[index].fileName.str()] = std::move(tables[index]);
     }
     return {};
 }
 
 /// The log that was active when the manifest was written must be there: only a later manifest lets it go.
-ZnEmbeddedDbStatus Recovery_::listLogs_(const RecoveredStore_& store) {
-    for (const ZnString& path : listFiles(files_, paths_.walDir, kWalPrefix, kWalSuffix)) {
+ZnEmbeddedDbStatus Recovery_::findLogs_(const RecoveredStore_& store) {
+    for (const ZnString& name : listing_.wal) {
         Log_ log;
-        log.walId = parseFileId(path, kWalPrefix, kWalSuffix);
+        log.walId = parseFileId(name, kWalPrefix, kWalSuffix);
         if (log.walId != 0 && log.walId >= store.manifest.replayFromWalId)
             logs_.push_back(log);
     }
@@ -194,12 +224,12 @@ ZnEmbeddedDbStatus Recovery_::listLogs_(const RecoveredStore_& store) {
 void Recovery_::raiseIds_(RecoveredStore_* store) const {
     ManifestState_& manifest = store->manifest;
     const std::uint64_t tableId =
-        std::max({largestTableId(files_, paths_.tablesDir, ".sst"), largestTableId(files_, paths_.tempDir, ".sst.tmp"),
-                  largestId(files_, paths_.blobsDir, kBlobPrefix, kBlobSuffix)});
+        std::max({largestTableId(listing_.tables, ".sst"), largestTableId(listing_.temporary, ".sst.tmp"),
+                  largestId(listing_.blobs, kBlobPrefix, kBlobSuffix)});
     manifest.nextTableId = std::max(manifest.nextTableId, tableId + 1);
-    manifest.nextWalId = std::max(manifest.nextWalId, largestId(files_, paths_.walDir, kWalPrefix, kWalSuffix) + 1);
+    manifest.nextWalId = std::max(manifest.nextWalId, largestId(listing_.wal, kWalPrefix, kWalSuffix) + 1);
     manifest.manifestId =
-        std::max(manifest.manifestId, largestId(files_, paths_.rootPath, kManifestPrefix, kManifestSuffix) + 1);
+        std::max(manifest.manifestId, largestId(listing_.root, kManifestPrefix, kManifestSuffix) + 1);
 }
 
 ZnEmbeddedDbStatus Recovery_::replayLogs_(RecoveredStore_* store) {
@@ -231,7 +261,8 @@ ZnEmbeddedDbStatus Recovery_::replayLog_(RecoveredStore_* store, std::size_t log
         case WalReader_::Step::Failed:
             return reader.status();
         case WalReader_::Step::Invalid:
-            return endOfLog_(logIndex, &reader, isEnd);
+            if (const WalReader_::Tail tail = reader.classifyTail(tableSequence_); tail != WalReader_::Tail::Covered)
+                return endOfLog_(logIndex, &reader, tail, isEnd);
         }
     }
 }
@@ -245,7 +276,7 @@ ZnEmbeddedDbStatus Recovery_::checkHeader_(const RecoveredStore_& store, std::si
                    ? ZnEmbeddedDbStatus()
                    : damage_(logIndex, 0, "the log before this one lacks its end", isEnd);
     const bool isUnfinished = logIndex + 1 == logs_.size() && log.walId > store.manifest.activeWalId &&
-                              reader->classifyTail() == WalReader_::Tail::Torn;
+                              reader->classifyTail(tableSequence_) == WalReader_::Tail::Torn;
     if (!isUnfinished)
         return damage_(logIndex, 0, "invalid log header", isEnd);
     log.isDropped = true;
@@ -254,18 +285,14 @@ ZnEmbeddedDbStatus Recovery_::checkHeader_(const RecoveredStore_& store, std::si
 }
 
 /// What follows is no frame: the end of a write that was cut short, or damage.
-ZnEmbeddedDbStatus Recovery_::endOfLog_(std::size_t logIndex, WalReader_* reader, bool* isEnd) {
-    if (logIndex + 1 < logs_.size())
-        return nextLogNeedsNothingOf_(logIndex) ? ZnEmbeddedDbStatus()
-                                                : damage_(logIndex, reader->goodBytes(), "log is damaged", isEnd);
-    switch (reader->classifyTail()) {
-    case WalReader_::Tail::Failed:
+ZnEmbeddedDbStatus Recovery_::endOfLog_(std::size_t logIndex, WalReader_* reader, WalReader_::Tail tail, bool* isEnd) {
+    if (tail == WalReader_::Tail::Failed)
         return reader->status();
-    case WalReader_::Tail::Damaged:
+    const bool isLast = logIndex + 1 == logs_.size();
+    if (!isLast && nextLogNeedsNothingOf_(logIndex))
+        return {};
+    if (!isLast || tail == WalReader_::Tail::Damaged)
         return damage_(logIndex, reader->goodBytes(), "log is damaged", isEnd);
-    case WalReader_::Tail::Torn:
-        break;
-    }
     logs_[logIndex].isCut = true;
     logs_[logIndex].cutAt = reader->goodBytes();
     return {};
@@ -352,18 +379,16 @@ void Recovery_::clean(const ManifestState_& manifest, const TableHandles_& table
         for (const std::uint64_t id : table->blobFileIds())
             blobPaths.insert(blobPath(paths_, id));
     }
-    removeUnknown_(paths_.rootPath, {}, ".tmp");
-    removeUnknown_(paths_.tempDir, {}, ".tmp");
-    removeUnknown_(paths_.tablesDir, tablePaths, ".sst");
+    removeUnknown_(paths_.rootPath, listing_.root, {}, ".tmp");
+    removeUnknown_(paths_.tempDir, listing_.temporary, {}, ".tmp");
+    removeUnknown_(paths_.tablesDir, listing_.tables, tablePaths, ".sst");
     if (knowsBlobFileIds)
-        removeUnknown_(paths_.blobsDir, blobPaths, kBlobSuffix);
+        removeUnknown_(paths_.blobsDir, listing_.blobs, blobPaths, kBlobSuffix);
     removeOldManifests(files_, paths_.rootPath, manifest.manifestId - 1, options_.keepManifests);
 }
 
-void Recovery_::removeUnknown_(const ZnString& directory, const std::set<ZnString>& known,
-                               std::string_view suffix) const {
-    std::vector<ZnString> names;
-    files_.list(directory, &names); // none, when it cannot be listed: cleaning can wait
+void Recovery_::removeUnknown_(const ZnString& directory, const std::vector<ZnString>& names,
+                               const std::set<ZnString>& known, std::string_view suffix) const {
     for (const ZnString& name : names) {
         const ZnString path = joinPath(directory, name);
         const bool isOurs = isStoreFileName(name);

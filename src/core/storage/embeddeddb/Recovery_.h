@@ -10,6 +10,17 @@
 
 namespace znEmbeddedDbDetail {
 
+/// The bare names of what lies in the directories of a store; a directory that is not there has none. Thread: a value.
+struct StoreListing_ {
+    std::vector<ZnString> root;
+    std::vector<ZnString> wal;
+    std::vector<ZnString> tables;
+    std::vector<ZnString> blobs;
+    std::vector<ZnString> temporary;
+
+    ZnEmbeddedDbStatus read(ZnStorageFiles& files, const StorePaths_& paths);
+};
+
 /// Reads a store from the disk: the manifest in force, the tables that it names, and what the logs hold beyond them.
 ///
 /// Code 7 for what cannot have been written like that; the message names the file. What a crash may leave is none of
@@ -38,21 +49,23 @@ private:
 
     ZnEmbeddedDbStatus runOnce_(RecoveredStore_* store, std::uint64_t manifestId);
     ZnEmbeddedDbStatus openTables_(RecoveredStore_* store);
-    ZnEmbeddedDbStatus listLogs_(const RecoveredStore_& store);
+    ZnEmbeddedDbStatus findLogs_(const RecoveredStore_& store);
     void raiseIds_(RecoveredStore_* store) const;
     ZnEmbeddedDbStatus replayLogs_(RecoveredStore_* store);
     ZnEmbeddedDbStatus replayLog_(RecoveredStore_* store, std::size_t logIndex, bool* isEnd);
     ZnEmbeddedDbStatus checkHeader_(const RecoveredStore_& store, std::size_t logIndex, WalReader_* reader,
                                     bool* isEnd);
-    ZnEmbeddedDbStatus endOfLog_(std::size_t logIndex, WalReader_* reader, bool* isEnd);
+    ZnEmbeddedDbStatus endOfLog_(std::size_t logIndex, WalReader_* reader, WalReader_::Tail tail, bool* isEnd);
     ZnEmbeddedDbStatus applyFrame_(RecoveredStore_* store, std::uint64_t walId, const WalReader_& reader);
     ZnEmbeddedDbStatus damage_(std::size_t logIndex, std::uint64_t offset, const char* what, bool* isEnd);
     bool nextLogNeedsNothingOf_(std::size_t logIndex) const;
-    void removeUnknown_(const ZnString& directory, const std::set<ZnString>& known, std::string_view suffix) const;
+    void removeUnknown_(const ZnString& directory, const std::vector<ZnString>& names, const std::set<ZnString>& known,
+                        std::string_view suffix) const;
 
     ZnStorageFiles& files_;
     const StorePaths_& paths_;
     const ZnEmbeddedDbOptions& options_;
+    StoreListing_ listing_;
     std::vector<Log_> logs_;              // to be replayed, ascending
     std::uint64_t tableSequence_ = 0;     // everything at or below it is in tables
     std::uint64_t lastFrameSequence_ = 0; // of the frames read so far

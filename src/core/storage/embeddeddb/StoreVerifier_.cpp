@@ -110,7 +110,7 @@ private:
     const StorePaths_& paths_;
     const ReadView_& view_;
     ProgressMeter progress_;
-    ReadView_ fresh_; // the same as view_, but read from the disk now
+    ReadView_ fresh_;                   // the same as view_, but read from the disk now
     std::set<ZnString> damagedIndexes_; // of which a table could not be opened
     bool lacksRecords_ = false;         // the same of the primary records
     bool foundCorruption_ = false;
@@ -118,7 +118,8 @@ private:
 
 ZnEmbeddedDbStatus Verification::run() {
     openTables_();
-    walk_(primarySources(fresh_), [&](const FoundRecord_& found, bool isNewest) { checkPrimaryRecord_(found, isNewest); });
+    walk_(primarySources(fresh_),
+          [&](const FoundRecord_& found, bool isNewest) { checkPrimaryRecord_(found, isNewest); });
     for (const ZnString& indexName : indexNames_())
         checkIndex_(indexName);
     findOrphans_();
@@ -176,7 +177,11 @@ std::shared_ptr<const TableHandle_> Verification::openTable_(const TableHandle_&
     report.tableBytes += known.fileBytes();
     ZnEmbeddedDbStatus status;
     const auto table = std::make_shared<TableHandle_>();
-    if (!table->open(files_, paths_.rootPath, meta, {true, [&](std::uint64_t byteCount) { progress_.add(byteCount); }},
+    if (!table->open(files_, paths_.rootPath, meta,
+                     {true,
+                      [&](std::uint64_t byteCount) {
+                          progress_.add(byteCount);
+                      }},
                      &status)) {
         addProblem_(status.code(), meta.fileName + ": " + status.message());
         return nullptr;
@@ -214,13 +219,12 @@ void Verification::checkOrder_(const FoundRecord_& newer, const FoundRecord_& ol
     if (newer.record.sequence > older.record.sequence)
         return;
     const bool isEqual = newer.record.sequence == older.record.sequence;
-    addProblem_(ZnEmbeddedDbStatus::Corruption,
-                nameOf(newer.table) + ": key " + keyText(newer.record.key) + " has sequence " +
-                    ZnString::number(newer.record.sequence) +
-                    (isEqual ? ZnString(", which it also has in ")
-                             : " and hides the newer one of sequence " + ZnString::number(older.record.sequence) +
-                                   " in ") +
-                    nameOf(older.table));
+    addProblem_(ZnEmbeddedDbStatus::Corruption, nameOf(newer.table) + ": key " + keyText(newer.record.key) +
+                                                    " has sequence " + ZnString::number(newer.record.sequence) +
+                                                    (isEqual ? ZnString(", which it also has in ")
+                                                             : " and hides the newer one of sequence " +
+                                                                   ZnString::number(older.record.sequence) + " in ") +
+                                                    nameOf(older.table));
 }
 
 void Verification::checkPrimaryRecord_(const FoundRecord_& found, bool isNewest) {
@@ -268,9 +272,9 @@ void Verification::checkIndexed_(const FoundRecord_& found, std::string_view met
             FoundRecord_ entry;
             const Find result = findIndexRecord(fresh_, indexName, indexKey, &entry);
             if (result != Find::Found || entry.record.type == kTombstoneRecord)
-                addProblem_(ZnEmbeddedDbStatus::Corruption,
-                            nameOf(found.table) + ": key " + keyText(found.record.key) + " is not in index " +
-                                indexName + " under " + keyText(key.view()));
+                addProblem_(ZnEmbeddedDbStatus::Corruption, nameOf(found.table) + ": key " + keyText(found.record.key) +
+                                                                " is not in index " + indexName + " under " +
+                                                                keyText(key.view()));
         }
     }
 }

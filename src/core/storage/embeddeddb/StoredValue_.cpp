@@ -18,9 +18,9 @@ bool readBlobRef(ByteReader_* reader, BlobRef_* blob) noexcept {
            reader->read(&blob->crc32) && reader->read(&blob->flags);
 }
 
-/// Calls `beginIndex(name)` for every index, and behind it `addKey(name, key)` for each of its keys. False for what is no
-/// metadata, found perhaps after some of the calls. Counts from the bytes only end loops, and every turn of a loop uses up
-/// bytes: nothing is reserved by them.
+/// Calls `beginIndex(name)` for every index, and behind it `addKey(name, key)` for each of its keys. False for what is
+/// no metadata, found perhaps after some of the calls. Counts from the bytes only end loops, and every turn of a loop
+/// uses up bytes: nothing is reserved by them.
 template <typename BeginIndex, typename AddKey>
 bool walkIndexKeys(std::string_view metadata, BeginIndex beginIndex, AddKey addKey) {
     ByteReader_ reader(metadata);
@@ -61,22 +61,31 @@ void appendMetadata(const IndexKeys_& indexKeys, std::string* out) {
 
 bool parseStoredValue(std::string_view bytes, StoredValueView_* view) noexcept {
     ByteReader_ reader(bytes);
-    StoredValueView_ found;
     std::uint8_t storage = 0;
-    if (!reader.read(&storage) || storage > kExternalStorage || !reader.readSized(&found.metadata))
+    std::string_view metadata;
+    std::string_view value;
+    BlobRef_ blob;
+    if (!reader.read(&storage) || storage > kExternalStorage || !reader.readSized(&metadata))
         return false;
-    found.isInline = storage == kInlineStorage;
-    if (!(found.isInline ? reader.readSized(&found.value) : readBlobRef(&reader, &found.blob)) || !reader.isAtEnd())
+    const bool isInline = storage == kInlineStorage;
+    if (!(isInline ? reader.readSized(&value) : readBlobRef(&reader, &blob)) || !reader.isAtEnd())
         return false;
-    *view = found;
+    view->isInline = isInline; // field by field: reads of the whole would wait for the writes of its parts
+    view->metadata = metadata;
+    view->value = value;
+    view->blob = blob;
     return true;
 }
 
 bool decodeIndexKeys(std::string_view metadata, IndexKeys_* keys) {
     IndexKeys_ found;
     ZnVector<ZnByteArray>* ofIndex = nullptr;
-    const auto beginIndex = [&](std::string_view name) { ofIndex = &found.slotNearEnd(ZnString(name)); };
-    const auto addKey = [&](std::string_view, std::string_view key) { ofIndex->append(ZnByteArray(key)); };
+    const auto beginIndex = [&](std::string_view name) {
+        ofIndex = &found.slotNearEnd(ZnString(name));
+    };
+    const auto addKey = [&](std::string_view, std::string_view key) {
+        ofIndex->append(ZnByteArray(key));
+    };
     if (!walkIndexKeys(metadata, beginIndex, addKey))
         return false;
     *keys = std::move(found);
@@ -85,8 +94,8 @@ bool decodeIndexKeys(std::string_view metadata, IndexKeys_* keys) {
 
 bool checkIndexKeys(std::string_view metadata) noexcept {
     constexpr std::string_view kNoKeys("\0\0\0\0", 4);
-    return metadata == kNoKeys ||
-           walkIndexKeys(metadata, [](std::string_view) {}, [](std::string_view, std::string_view) {});
+    return metadata == kNoKeys || walkIndexKeys(
+                                      metadata, [](std::string_view) {}, [](std::string_view, std::string_view) {});
 }
 
 bool hasIndexKey(std::string_view metadata, std::string_view indexName, std::string_view key) noexcept {
@@ -94,7 +103,9 @@ bool hasIndexKey(std::string_view metadata, std::string_view indexName, std::str
     const auto compareKey = [&](std::string_view name, std::string_view found) {
         isFound = isFound || (found == key && name == indexName);
     };
-    return walkIndexKeys(metadata, [](std::string_view) {}, compareKey) && isFound;
+    return walkIndexKeys(
+               metadata, [](std::string_view) {}, compareKey) &&
+           isFound;
 }
 
 bool decodeStoredValue(const char* bytes, std::size_t byteCount, ValueEntry_* entry) {

@@ -155,7 +155,7 @@ bool TableCheck_::checkRecords_(const SparseEntry_& entry, std::string_view payl
     ByteReader_ reader(payload);
     RecordView_ record;
     std::string_view last = lastKey.view(); // of the block before
-    samples.beginBlock();
+    samples.beginBlock(isLast ? 0 : commonBytes(entry.firstKey.view(), (&entry + 1)->firstKey.view()));
     do {
         const std::size_t offset = payload.size() - reader.remaining();
         const bool isFirst = offset == 0;
@@ -167,7 +167,7 @@ bool TableCheck_::checkRecords_(const SparseEntry_& entry, std::string_view payl
             return fail_("table keys out of order");
         if (!checkRecord_(record))
             return false;
-        samples.add(offset);
+        samples.add(offset, record.key);
         last = record.key;
         ++recordsSeen_;
     } while (!reader.isAtEnd());

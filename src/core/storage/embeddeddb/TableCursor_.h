@@ -63,9 +63,9 @@ private:
 
     std::shared_ptr<const TableHandle_> table_;
     std::size_t blockIndex_ = 0;
-    std::string_view payload_;    // of the block
-    std::size_t offset_ = 0;     // of record_ in it
-    std::size_t nextOffset_ = 0;  // behind record_
+    std::string_view payload_;         // of the block
+    std::size_t offset_ = 0;           // of record_ in it
+    std::size_t nextOffset_ = 0;       // behind record_
     std::vector<std::size_t> offsets_; // of the block's records in front of listedTo_
     std::size_t listedTo_ = 0;
     std::size_t listIndex_ = 0; // of offset_ in the list, when that is what stands there

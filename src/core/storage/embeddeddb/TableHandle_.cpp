@@ -1,6 +1,7 @@
 #include "core/storage/embeddeddb/TableHandle_.h"
 
 #include "core/fs/ZnPath.h"
+#include "core/storage/embeddeddb/KeyWord_.h"
 #include "core/storage/embeddeddb/TableCheck_.h"
 #include "core/storage/embeddeddb/TableFormat_.h"
 
@@ -8,6 +9,19 @@
 #include <utility>
 
 namespace znEmbeddedDbDetail {
+
+namespace {
+
+/// Has the memory that a search is about to walk over brought in at once: each record tells only where the next one
+/// begins, so the walk would wait for one after the other.
+void fetchFront(std::string_view records) noexcept {
+    constexpr std::size_t kLineBytes = 64;
+    constexpr std::size_t kFetchedBytes = 16 * kLineBytes;
+    for (std::size_t offset = kLineBytes; offset < std::min(records.size(), kFetchedBytes); offset += kLineBytes)
+        __builtin_prefetch(records.data() + offset);
+}
+
+} // namespace
 
 bool TableHandle_::open(ZnStorageFiles& files, const ZnString& rootPath, const TableMeta_& meta,
                         const TableOpenOptions_& options, ZnEmbeddedDbStatus* status) {
@@ -37,6 +51,7 @@ bool TableHandle_::open(ZnStorageFiles& files, const ZnString& rootPath, const T
     lastKey_ = std::move(check.lastKey);
     blobFileIds_ = std::move(check.blobFileIds);
     knowsBlobFileIds_ = options.verifyFilters;
+    takeBlockWords_();
     return true;
 }
 
@@ -44,11 +59,24 @@ void TableHandle_::close() {
     *this = TableHandle_();
 }
 
+void TableHandle_::takeBlockWords_() {
+    sharedBytes_ = commonBytes(firstKey_.view(), lastKey_.view());
+    blockWords_.reserve(sparseIndex_.size());
+    for (const SparseEntry_& entry : sparseIndex_)
+        blockWords_.push_back(keyWord(entry.firstKey.view(), sharedBytes_));
+}
+
 std::size_t TableHandle_::blockIndexFor(std::string_view key) const noexcept {
+    if (sparseIndex_.empty() || key <= firstKey_.view())
+        return 0;
+    if (lastKey_.view() <= key) // so that words tell about all others
+        return sparseIndex_.size() - 1;
+    const auto equal = std::equal_range(blockWords_.begin(), blockWords_.end(), keyWord(key, sharedBytes_));
     const auto behind =
-        std::upper_bound(sparseIndex_.begin(), sparseIndex_.end(), key,
+        std::upper_bound(sparseIndex_.begin() + (equal.first - blockWords_.begin()),
+                         sparseIndex_.begin() + (equal.second - blockWords_.begin()), key,
                          [](std::string_view left, const SparseEntry_& right) { return left < right.firstKey.view(); });
-    return behind == sparseIndex_.begin() ? 0 : static_cast<std::size_t>(behind - sparseIndex_.begin()) - 1;
+    return static_cast<std::size_t>(behind - sparseIndex_.begin()) - 1;
 }
 
 ZnString TableHandle_::placeOf(std::string_view bytes) const {
@@ -79,6 +107,7 @@ TableHandle_::Find TableHandle_::findInBlock_(std::string_view key, RecordView_*
     if (!blockPayload(sparseIndex_[blockIndex], &payload))
         return Find::Unreadable;
     ByteReader_ reader(payload.substr(searchOffset(key, blockIndex, payload)));
+    fetchFront(reader.rest());
     for (RecordView_ found; !reader.isAtEnd();) {
         if (!readRecord(&reader, &found))
             return Find::Unreadable;

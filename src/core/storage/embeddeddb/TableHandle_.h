@@ -76,9 +76,10 @@ public:
     Find find(std::string_view key, BloomFilter_::Hash hash, RecordView_* record, FilterCounts_* counts) const;
     /// Index of the only block that can hold `key`; 0 also for a key in front of all.
     std::size_t blockIndexFor(std::string_view key) const noexcept;
-    /// Where to begin looking for `key` in the payload of a block: at a record that does not stand behind it, or at 0.
+    /// Where to begin looking for `key` in the payload of the block that blockIndexFor() gave: at a record that does
+    /// not stand behind it, or at 0.
     std::size_t searchOffset(std::string_view key, std::size_t blockIndex, std::string_view payload) const noexcept {
-        return samples_.offsetFor(blockIndex, payload, key);
+        return key <= sparseIndex_[blockIndex].firstKey.view() ? 0 : samples_.offsetFor(blockIndex, payload, key);
     }
     /// The bytes of a block's records. False when entry and block do not fit each other.
     bool blockPayload(const SparseEntry_& entry, std::string_view* payload) const noexcept;
@@ -88,6 +89,7 @@ public:
     bool readAllRecords(std::vector<TableRecord_>* out) const;
 
 private:
+    void takeBlockWords_();
     Find findInBlock_(std::string_view key, RecordView_* record) const;
 
     TableMeta_ meta_;
@@ -97,6 +99,8 @@ private:
     RecordSamples_ samples_; // of no block, unless all records were read
     ZnByteArray firstKey_;
     ZnByteArray lastKey_;
+    std::size_t sharedBytes_ = 0;           // that all keys begin with
+    std::vector<std::uint64_t> blockWords_; // of the blocks' first keys, behind the shared bytes
     std::set<std::uint64_t> blobFileIds_;
     bool knowsBlobFileIds_ = false;
 };

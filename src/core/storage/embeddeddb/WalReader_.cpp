@@ -48,7 +48,8 @@ bool WalReader_::view_(std::uint64_t offset, std::uint64_t byteCount, std::strin
     return true;
 }
 
-WalReader_::Frame_ WalReader_::readFrame_(std::uint64_t offset, std::uint64_t leastDurable, WalFrameHeader_* header,
+template <typename Condition>
+WalReader_::Frame_ WalReader_::readFrame_(std::uint64_t offset, Condition isWanted, WalFrameHeader_* header,
                                           std::string_view* payload) {
     const std::uint64_t left = file_.size() - offset;
     std::string_view bytes;
@@ -56,8 +57,8 @@ WalReader_::Frame_ WalReader_::readFrame_(std::uint64_t offset, std::uint64_t le
         return Frame_::Invalid;
     if (!view_(offset, kWalFrameHeaderBytes, &bytes))
         return Frame_::Failed;
-    if (!parseWalFrameHeader(bytes, header) || header->frameBytes() > left || header->durableSequence < leastDurable ||
-        header->firstSequence <= lastSequence_)
+    if (!parseWalFrameHeader(bytes, header) || header->frameBytes() > left ||
+        header->firstSequence <= lastSequence_ || !isWanted(*header))
         return Frame_::Invalid;
     if (!view_(offset, header->frameBytes(), &bytes))
         return Frame_::Failed;
@@ -74,7 +75,7 @@ WalReader_::Frame_ WalReader_::readFrame_(std::uint64_t offset, std::uint64_t le
 WalReader_::Step WalReader_::next() {
     if (!hasHeader_ || goodBytes_ == file_.size())
         return hasHeader_ ? Step::End : Step::Invalid;
-    switch (readFrame_(goodBytes_, 0, &frame_, &payload_)) {
+    switch (readFrame_(goodBytes_, [](const WalFrameHeader_&) { return true; }, &frame_, &payload_)) {
     case Frame_::Failed: return Step::Failed;
     case Frame_::Invalid: return Step::Invalid;
     case Frame_::Valid: break;
@@ -84,17 +85,26 @@ WalReader_::Step WalReader_::next() {
     return Step::Frame;
 }
 
-WalReader_::Tail WalReader_::classifyTail() {
+WalReader_::Tail WalReader_::classifyTail(std::uint64_t tableSequence) {
     if (!hasHeader_)
         return file_.size() > kWalHeaderBytes || header_.walId != 0 ? Tail::Damaged : Tail::Torn;
     const std::uint64_t checkedLimit = checkedBytes_ + kSearchFactor * file_.size();
+    const std::uint64_t reached = std::max(lastSequence_, tableSequence);
+    const auto isCovered = [&](const WalFrameHeader_& header) { return header.firstSequence <= tableSequence + 1; };
+    const auto isTelling = [&](const WalFrameHeader_& header) {
+        return isCovered(header) || header.durableSequence > reached;
+    };
     WalFrameHeader_ header;
     std::string_view payload;
     for (std::uint64_t offset = goodBytes_; offset < file_.size(); offset += kWalAlignment) {
-        switch (readFrame_(offset, lastSequence_ + 1, &header, &payload)) {
+        switch (readFrame_(offset, isTelling, &header, &payload)) {
         case Frame_::Failed: return Tail::Failed;
-        case Frame_::Valid: return Tail::Damaged;
         case Frame_::Invalid: break;
+        case Frame_::Valid:
+            if (!isCovered(header))
+                return Tail::Damaged;
+            goodBytes_ = offset;
+            return Tail::Covered;
         }
         if (checkedBytes_ > checkedLimit)
             return Tail::Damaged;

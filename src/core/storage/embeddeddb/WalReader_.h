@@ -23,6 +23,7 @@ public:
         Failed   // the disk: see status()
     };
     enum class Tail {
+        Covered, // what is damaged is in tables: next() gives the frame behind it
         Torn,    // the end of a write that a crash cut short; nothing that was synced is behind it
         Damaged, // operations that had been synced are lost, or that cannot be ruled out
         Failed   // the disk: see status()
@@ -48,18 +49,20 @@ public:
     /// Of the last good operation; the header's when there was none.
     std::uint64_t lastSequence() const noexcept { return lastSequence_; }
 
-    /// After Step::Invalid: looks for a later frame from which follows that more had been synced than was read. The
-    /// damage of the very last synced frame cannot be told from a torn tail. Without a header, the log is torn when
-    /// its making was cut short, and damaged when anything stands behind the header's place, for a header is synced
-    /// before the first frame is written.
-    Tail classifyTail();
+    /// After Step::Invalid: looks for a later frame. It goes on from there when everything in front of it, up to
+    /// `tableSequence`, is in tables: frames of what has been flushed may be lost although later ones are not. Else a
+    /// frame that tells of more having been synced than was read, or is in tables, means damage. The damage of the very
+    /// last synced frame cannot be told from a torn tail. Without a header, the log is torn when its making was cut
+    /// short, and damaged when anything stands behind the header's place, for a header is synced before the first frame
+    /// is written.
+    Tail classifyTail(std::uint64_t tableSequence);
     const ZnEmbeddedDbStatus& status() const noexcept { return status_; }
 
 private:
     enum class Frame_ { Valid, Invalid, Failed };
     bool view_(std::uint64_t offset, std::uint64_t byteCount, std::string_view* bytes);
-    Frame_ readFrame_(std::uint64_t offset, std::uint64_t leastDurable, WalFrameHeader_* header,
-                      std::string_view* payload);
+    template <typename Condition>
+    Frame_ readFrame_(std::uint64_t offset, Condition isWanted, WalFrameHeader_* header, std::string_view* payload);
 
     RandomAccessFile_ file_;
     ZnEmbeddedDbStatus status_;

@@ -94,12 +94,13 @@ ZnEmbeddedDbStatus FlushScheduler_::flush() {
         core_.workerCondition.wait(core_.mutex);
         if (core_.openGeneration != generation)
             return isClosing;
+        retryNs_ = kNever; // whoever asks does not wait for the timer
         scheduleIfNeeded();
     }
+    if (!core_.backgroundError.isOk()) // then what is in tables may yet be lost
+        return core_.backgroundError;
     if (core_.manifest.maxSequence >= target)
         return {};
-    if (!core_.backgroundError.isOk())
-        return core_.backgroundError;
     return core_.closing ? isClosing : lastFailure_;
 }
 
@@ -186,7 +187,8 @@ ZnEmbeddedDbStatus FlushScheduler_::commit_(const MemtableFlush_& flush, std::si
         return status;
     }
     core_.publishView();
-    core_.durableSequence = std::max(core_.durableSequence, flush.maxSequence());
+    if (core_.backgroundError.isOk()) // else the manifest's name may be lost
+        core_.durableSequence = std::max(core_.durableSequence, flush.maxSequence());
     core_.counters->flushCount.add();
     if (!core_.closing)
         core_.collectObsoleteWalFiles();

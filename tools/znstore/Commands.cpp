@@ -62,13 +62,15 @@ constexpr Command kCommands[] = {
      kIndex, runIndex},
     {"stats", "writes the store's counters and gauges: NAME, tab, NUMBER", "", kStoreAlone, runStats},
     {"dump", "writes a table, manifest, log or blob file, or CURRENT, in readable form",
-     "Needs no store around the file; knows it by its name, else by its content. Fields stand between tabs. A damaged\n"
-     "file is written as far as it goes, with lines \"damage at OFFSET: REASON\", and exit code 5.\n",
+     R"(Needs no store around the file; knows it by its name, else by its content. Fields stand between tabs. Those of
+a record: sequence; put, remove, or blob for a value in a blob file; key; value; secondary keys. A damaged file
+is written as far as it goes, with lines "damage at OFFSET: REASON", and exit code 5.
+)",
      kDump, runDump},
     {"export", "writes all records as JSON lines",
-     "One record a line: {\"key\":TEXT,\"value\":TEXT,\"indexKeys\":{\"NAME\":[TEXT,...],...}}. TEXT is a string where "
-     "the\n"
-     "bytes are valid UTF-8, and {\"hex\":\"00ff\"} where they are not.\n",
+     R"(One record a line: {"key":TEXT,"value":TEXT,"indexKeys":{"NAME":[TEXT,...],...}}. TEXT is a string where the
+bytes are valid UTF-8, and {"hex":"00ff"} where they are not.
+)",
      kStoreAlone, runExport},
     {"put", "writes a record",
      "Makes the store if there is none. Replaces a record of that key, with its secondary keys.\n", kPut, runPut},

@@ -14,6 +14,10 @@ namespace {
 
 using namespace znEmbeddedDbDetail;
 
+const char* typeText(std::uint32_t type) {
+    return type == kTombstoneRecord ? "\tremove\t" : type == kBlobRecord ? "\tblob\t" : "\tput\t";
+}
+
 /// Goes through a table from front to back, and over what damage it can.
 class TableDump {
 public:
@@ -121,8 +125,7 @@ private:
     }
 
     bool writeRecord_(const RecordView_& record) {
-        const char* type = record.type == kTombstoneRecord ? "\tremove\t" : "\tput\t";
-        output_.write(("  " + ZnString::number(record.sequence) + type).view());
+        output_.write(("  " + ZnString::number(record.sequence) + typeText(record.type)).view());
         if (kind_ == kIndexTable) {
             std::string secondary;
             std::string_view primary;

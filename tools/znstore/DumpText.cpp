@@ -52,8 +52,8 @@ bool writeStoredValue(std::string_view bytes, Output& output) {
     if (value.isInline) {
         output.writeEscaped(value.value);
     } else {
-        output.write(("in " + blobFileName(value.blob.blobFileId) + " at " + ZnString::number(value.blob.offset) +
-                      ", " + ZnString::number(value.blob.size) + " bytes, crc32 " + crcText(value.blob.crc32))
+        output.write((blobFileName(value.blob.blobFileId) + " at " + ZnString::number(value.blob.offset) + ", " +
+                      ZnString::number(value.blob.size) + " bytes, crc32 " + crcText(value.blob.crc32))
                          .view());
     }
     for (const auto& [name, keys] : indexKeys)

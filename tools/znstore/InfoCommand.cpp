@@ -119,7 +119,8 @@ int runInfo(const Arguments& arguments, Output& output) {
     const StorePaths_ paths(arguments.text("DIR"));
     ManifestState_ state;
     if (const auto status = readManifestInForce(paths.rootPath, &state); !status.isOk())
-        return failToOpen(status);
+        return status.code() == ZnEmbeddedDbStatus::NotFound ? fail(kExitNotOpened, "no store: " + paths.rootPath)
+                                                             : fail(status);
     output.line("manifest: ", manifestFileName(state.manifestId));
     writeCounters(state, output);
     const bool hasTables = writeTables(state, paths, output);

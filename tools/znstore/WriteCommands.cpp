@@ -5,8 +5,10 @@
 #include "Exit.h"
 #include "JsonLines.h"
 #include "Progress.h"
+#include "core/storage/embeddeddb/Manifest_.h"
 #include "core/storage/embeddeddb/ZnEmbeddedDb.h"
 
+#include <algorithm>
 #include <fstream>
 #include <iostream>
 #include <string>
@@ -49,12 +51,14 @@ int readValue(std::string_view text, std::string* value) {
 
 int readIndexKeys(const Arguments& arguments, ZnEmbeddedDbIndexKeys* indexKeys) {
     for (const std::string& text : arguments.values("--index")) {
-        const std::size_t nameBytes = text.find('=');
-        ZnString errorText = "there is no \"=\"";
+        const std::size_t nameBytes = std::min(text.find('='), text.size());
+        const std::string name = text.substr(0, nameBytes);
+        ZnString errorText = "not NAME=SECONDARYKEY";
         std::string secondaryKey;
-        if (nameBytes == std::string::npos || !unescape(text.substr(nameBytes + 1), &secondaryKey, &errorText))
-            return fail(kExitUsage, "--index: " + errorText);
-        (*indexKeys)[ZnString(text.substr(0, nameBytes))].append(ZnByteArray(secondaryKey));
+        if (nameBytes == text.size() || !znEmbeddedDbDetail::isIndexName(name) ||
+            !unescape(std::string_view(text).substr(nameBytes + 1), &secondaryKey, &errorText))
+            return fail(kExitUsage, "--index " + ZnString(text) + ": " + errorText);
+        (*indexKeys)[ZnString(name)].append(ZnByteArray(secondaryKey));
     }
     return kExitOk;
 }

@@ -7,6 +7,7 @@
 #include "core/storage/embeddeddb/TableRecord_.h"
 
 #include <algorithm>
+#include <string>
 
 namespace znstore {
 
@@ -34,8 +35,7 @@ public:
         }
         writeSparseIndex_();
         writeFilter_();
-        output_.line("footer at ", ZnString::number(footerOffset_), "\tsparse index ", ZnString::number(sparseOffset_),
-                     "\tfilter ", ZnString::number(bloomOffset_));
+        writeFooter_();
     }
 
 private:
@@ -185,6 +185,20 @@ private:
             file_.damage(bloomOffset_, "no filter");
         else
             output_.line("filter at ", ZnString::number(bloomOffset_), "\t", ZnString::number(bits.size()), " bytes");
+    }
+
+    void writeFooter_() {
+        std::string_view footer;
+        std::string_view header;
+        if (!file_.read(footerOffset_, kTableFooterBytes, &footer))
+            return;
+        output_.line("footer at ", ZnString::number(footerOffset_), "\tsparse index ", ZnString::number(sparseOffset_),
+                     "\tfilter ", ZnString::number(bloomOffset_));
+        const std::string repeated(footer.substr(24)); // the next read takes the view away
+        if (!file_.read(0, kTableHeaderBytes, &header))
+            return;
+        if (repeated != std::string(header.substr(24, 16)) + std::string(header.substr(12, 4)))
+            file_.damage(footerOffset_ + 24, "sequence, record count and kind are not those of the header");
     }
 
     DumpFile& file_;

@@ -61,3 +61,7 @@ unsigned ZnProcess::forkCount() {
     (void)isRegistered; // fails for want of memory only
     return forks.load(std::memory_order_relaxed);
 }
+
+bool ZnProcess::hasTerminalForErrors() {
+    return ::isatty(STDERR_FILENO) == 1;
+}

@@ -21,4 +21,7 @@ int isGone(std::uint32_t processId);
 /// it is looked at from another one. Counts forks from the first call on.
 unsigned forkCount();
 
+/// Whether what the process writes to standard error goes to a terminal.
+bool hasTerminalForErrors();
+
 } // namespace ZnProcess

@@ -66,7 +66,7 @@ void writeBlobFiles(const StorePaths_& paths, Output& output) {
 }
 
 /// What stands behind the last frame; empty for a log that ends with it.
-ZnString tailText(WalReader_& reader, WalReader_::Step step, bool* isDamaged) {
+ZnString tailText(WalReader_& reader, WalReader_::Step step, std::uint64_t tableSequence, bool* isDamaged) {
     if (step == WalReader_::Step::End)
         return "";
     if (step == WalReader_::Step::Failed) {
@@ -74,13 +74,16 @@ ZnString tailText(WalReader_& reader, WalReader_::Step step, bool* isDamaged) {
         return "\t" + reader.status().message();
     }
     const ZnString rest = "\t" + ZnString::number(reader.fileBytes() - reader.goodBytes()) + " bytes behind: ";
-    if (reader.classifyTail() == WalReader_::Tail::Torn)
+    const WalReader_::Tail tail = reader.classifyTail(tableSequence);
+    if (tail == WalReader_::Tail::Torn)
         return rest + "a write cut short";
+    if (tail == WalReader_::Tail::Covered)
+        return rest + "damage to what is in tables";
     *isDamaged = true;
     return rest + "damage";
 }
 
-ZnString logText(const StorePaths_& paths, std::uint64_t id, bool* isDamaged) {
+ZnString logText(const StorePaths_& paths, std::uint64_t id, std::uint64_t tableSequence, bool* isDamaged) {
     WalReader_ reader(znStorageFiles());
     if (const auto status = reader.open(paths.walDir, id); !status.isOk()) {
         *isDamaged = true;
@@ -95,7 +98,7 @@ ZnString logText(const StorePaths_& paths, std::uint64_t id, bool* isDamaged) {
     }
     return ZnString::number(reader.fileBytes()) + " bytes\t" + ZnString::number(frameCount) + " frames\t" +
            ZnString::number(operationCount) + " operations\tsequences to " + ZnString::number(reader.lastSequence()) +
-           tailText(reader, step, isDamaged);
+           tailText(reader, step, tableSequence, isDamaged);
 }
 
 bool writeLogs(const ManifestState_& state, const StorePaths_& paths, Output& output) {
@@ -107,7 +110,7 @@ bool writeLogs(const ManifestState_& state, const StorePaths_& paths, Output& ou
         const bool isNeeded = id >= state.replayFromWalId;
         bool isThisDamaged = false;
         output.line("  ", nameOf(path), isNeeded ? "\t" : "\tnot needed any more\t",
-                    id == 0 ? ZnString("no name of a log") : logText(paths, id, &isThisDamaged));
+                    id == 0 ? ZnString("no name of a log") : logText(paths, id, state.maxSequence, &isThisDamaged));
         isDamaged |= isNeeded && isThisDamaged;
     }
     return !isDamaged;

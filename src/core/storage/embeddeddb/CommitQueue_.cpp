@@ -51,9 +51,11 @@ ZnEmbeddedDbStatus CommitQueue_::beginLog() {
 ZnEmbeddedDbStatus CommitQueue_::createLog_(std::uint64_t walId, std::uint64_t previousSequence, WalWriter_* log) {
     const ZnString path = walPath(core_.paths, walId);
     if (failedWalId_ == walId)
-        core_.files.remove(path);
+        core_.files.remove(path); // it may still be there
     ZnEmbeddedDbStatus status = log->create(core_.paths.walDir, {walId, previousSequence, randomSalt()});
     failedWalId_ = status.isOk() ? 0 : walId;
+    if (!status.isOk())
+        core_.files.remove(path); // writes go on in the old log
     return status;
 }
 

@@ -207,14 +207,12 @@ ZnEmbeddedDbStatus Recovery_::openTables_(RecoveredStore_* store) {
 /// The log that was active when the manifest was written must be there: only a later manifest lets it go.
 ZnEmbeddedDbStatus Recovery_::findLogs_(const RecoveredStore_& store) {
     for (const ZnString& name : listing_.wal) {
-        Log_ log;
-        log.walId = parseFileId(name, kWalPrefix, kWalSuffix);
-        if (log.walId != 0 && log.walId >= store.manifest.replayFromWalId)
-            logs_.push_back(log);
+        const std::uint64_t walId = parseFileId(name, kWalPrefix, kWalSuffix);
+        if (walId != 0 && walId >= store.manifest.replayFromWalId)
+            logs_.push_back(walId);
     }
-    std::sort(logs_.begin(), logs_.end(), [](const Log_& left, const Log_& right) { return left.walId < right.walId; });
-    const bool hasActive = std::any_of(logs_.begin(), logs_.end(),
-                                       [&](const Log_& log) { return log.walId == store.manifest.activeWalId; });
+    std::sort(logs_.begin(), logs_.end());
+    const bool hasActive = std::binary_search(logs_.begin(), logs_.end(), store.manifest.activeWalId);
     if (!hasActive && !options_.salvageLog)
         return corruption("log is missing", walPath(paths_, store.manifest.activeWalId));
     return {};
@@ -228,25 +226,42 @@ void Recovery_::raiseIds_(RecoveredStore_* store) const {
                   largestId(listing_.blobs, kBlobPrefix, kBlobSuffix)});
     manifest.nextTableId = std::max(manifest.nextTableId, tableId + 1);
     manifest.nextWalId = std::max(manifest.nextWalId, largestId(listing_.wal, kWalPrefix, kWalSuffix) + 1);
-    manifest.manifestId =
-        std::max(manifest.manifestId, largestId(listing_.root, kManifestPrefix, kManifestSuffix) + 1);
+    manifest.manifestId = std::max(manifest.manifestId, largestId(listing_.root, kManifestPrefix, kManifestSuffix) + 1);
 }
 
 ZnEmbeddedDbStatus Recovery_::replayLogs_(RecoveredStore_* store) {
     store->lastSequence = store->manifest.maxSequence;
     bool isEnd = false;
+    if (ZnEmbeddedDbStatus status = dropUnfinished_(*store); !status.isOk())
+        return status;
     for (std::size_t logIndex = 0; logIndex < logs_.size() && !isEnd; ++logIndex)
         if (ZnEmbeddedDbStatus status = replayLog_(store, logIndex, &isEnd); !status.isOk())
             return status;
     return {};
 }
 
+/// A log whose making failed, or was cut short, has no whole header and no frames; no manifest knows it, and what was
+/// written after a failure is in the log before it. Had it held anything, the next log would tell.
+ZnEmbeddedDbStatus Recovery_::dropUnfinished_(const RecoveredStore_& store) {
+    std::vector<std::uint64_t> finished;
+    for (const std::uint64_t walId : logs_) {
+        WalReader_ reader(files_);
+        if (ZnEmbeddedDbStatus status = reader.open(paths_.walDir, walId); !status.isOk())
+            return status;
+        if (walId <= store.manifest.activeWalId || reader.hasHeader() ||
+            reader.classifyTail(0) != WalReader_::Tail::Torn)
+            finished.push_back(walId);
+    }
+    logs_ = std::move(finished);
+    return {};
+}
+
 ZnEmbeddedDbStatus Recovery_::replayLog_(RecoveredStore_* store, std::size_t logIndex, bool* isEnd) {
-    const std::uint64_t walId = logs_[logIndex].walId;
+    const std::uint64_t walId = logs_[logIndex];
     WalReader_ reader(files_);
     if (ZnEmbeddedDbStatus status = reader.open(paths_.walDir, walId); !status.isOk())
         return status;
-    if (ZnEmbeddedDbStatus status = checkHeader_(*store, logIndex, &reader, isEnd); !status.isOk() || *isEnd)
+    if (ZnEmbeddedDbStatus status = checkHeader_(*store, logIndex, reader, isEnd); !status.isOk() || *isEnd)
         return status;
     for (;;) {
         switch (reader.next()) {
@@ -267,20 +282,12 @@ ZnEmbeddedDbStatus Recovery_::replayLog_(RecoveredStore_* store, std::size_t log
     }
 }
 
-/// Of a log whose making a crash cut short there is no whole header; it is the last one then, and no manifest knows it.
-ZnEmbeddedDbStatus Recovery_::checkHeader_(const RecoveredStore_& store, std::size_t logIndex, WalReader_* reader,
+ZnEmbeddedDbStatus Recovery_::checkHeader_(const RecoveredStore_& store, std::size_t logIndex, const WalReader_& reader,
                                            bool* isEnd) {
-    Log_& log = logs_[logIndex];
-    if (reader->hasHeader())
-        return reader->header().previousSequence <= store.lastSequence
-                   ? ZnEmbeddedDbStatus()
-                   : damage_(logIndex, 0, "the log before this one lacks its end", isEnd);
-    const bool isUnfinished = logIndex + 1 == logs_.size() && log.walId > store.manifest.activeWalId &&
-                              reader->classifyTail(tableSequence_) == WalReader_::Tail::Torn;
-    if (!isUnfinished)
+    if (!reader.hasHeader())
         return damage_(logIndex, 0, "invalid log header", isEnd);
-    log.isDropped = true;
-    *isEnd = true;
+    if (reader.header().previousSequence > store.lastSequence)
+        return damage_(logIndex, 0, "the log before this one lacks its end", isEnd);
     return {};
 }
 
@@ -293,30 +300,24 @@ ZnEmbeddedDbStatus Recovery_::endOfLog_(std::size_t logIndex, WalReader_* reader
         return {};
     if (!isLast || tail == WalReader_::Tail::Damaged)
         return damage_(logIndex, reader->goodBytes(), "log is damaged", isEnd);
-    logs_[logIndex].isCut = true;
-    logs_[logIndex].cutAt = reader->goodBytes();
     return {};
 }
 
 /// Whether all that the log held, up to the beginning of the next one, is in tables.
 bool Recovery_::nextLogNeedsNothingOf_(std::size_t logIndex) const {
     WalReader_ next(files_);
-    return next.open(paths_.walDir, logs_[logIndex + 1].walId).isOk() && next.hasHeader() &&
+    return next.open(paths_.walDir, logs_[logIndex + 1]).isOk() && next.hasHeader() &&
            next.header().previousSequence <= tableSequence_;
 }
 
 /// With salvageLog, the store ends here; without, it is not opened.
 ZnEmbeddedDbStatus Recovery_::damage_(std::size_t logIndex, std::uint64_t offset, const char* what, bool* isEnd) {
-    const ZnString path = walPath(paths_, logs_[logIndex].walId);
+    const ZnString path = walPath(paths_, logs_[logIndex]);
     if (!options_.salvageLog)
         return corruption(what, path).at("offset " + ZnString::number(offset));
     ZN_LOG_ERROR(kCategory, "ZnEmbeddedDb::open")
         << what << ": " << path << ": what stands behind offset " << offset << ", and " << logs_.size() - logIndex - 1
         << " later logs, are given up";
-    logs_[logIndex].isCut = offset > 0;
-    logs_[logIndex].cutAt = offset;
-    for (std::size_t index = offset > 0 ? logIndex + 1 : logIndex; index < logs_.size(); ++index)
-        logs_[index].isDropped = true;
     *isEnd = true;
     return {};
 }
@@ -345,28 +346,6 @@ ZnEmbeddedDbStatus Recovery_::applyFrame_(RecoveredStore_* store, std::uint64_t 
         last.isFull = last.memtable->table.approximateBytes() >= options_.memtableSizeBytes;
     }
     return {};
-}
-
-ZnEmbeddedDbStatus Recovery_::repair() {
-    for (auto log = logs_.rbegin(); log != logs_.rend(); ++log) {
-        const ZnString path = walPath(paths_, log->walId);
-        ZnString error;
-        if (log->isDropped) {
-            if (const int code = files_.remove(path); code != 0 && code != ENOENT) {
-                failWithCode("DeleteFileW failed", code, &error);
-                return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(path);
-            }
-            continue;
-        }
-        RandomAccessFile_ file(files_);
-        if (!file.open(path, RandomAccessFile_::Mode::ReadWrite, &error) ||
-            (log->isCut && !file.truncate(log->cutAt, &error)) || !file.flushData(&error))
-            return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(path);
-    }
-    ZnString error;
-    if (syncDirectory(files_, paths_.walDir, &error))
-        return {};
-    return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(paths_.walDir);
 }
 
 void Recovery_::clean(const ManifestState_& manifest, const TableHandles_& tables) {

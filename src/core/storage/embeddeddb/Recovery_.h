@@ -32,28 +32,19 @@ public:
 
     /// Changes nothing on the disk. `*store` is complete when this is Ok.
     ZnEmbeddedDbStatus run(RecoveredStore_* store);
-    /// For a store that is opened to write: cuts off the half of a frame at the end of the last log, and brings to
-    /// stable storage what a process that was killed may have left in the system's memory.
-    ZnEmbeddedDbStatus repair();
     /// Removes what a crash left behind. Only when the manifest of this opening is in force; `tables` are those that it
     /// names. Names that are no file of a store are left alone.
     void clean(const ManifestState_& manifest, const TableHandles_& tables);
 
 private:
-    struct Log_ {
-        std::uint64_t walId = 0;
-        std::uint64_t cutAt = 0; // with isCut: what stands behind this is no part of the log
-        bool isCut = false;
-        bool isDropped = false; // not a part of the store at all
-    };
-
     ZnEmbeddedDbStatus runOnce_(RecoveredStore_* store, std::uint64_t manifestId);
     ZnEmbeddedDbStatus openTables_(RecoveredStore_* store);
     ZnEmbeddedDbStatus findLogs_(const RecoveredStore_& store);
     void raiseIds_(RecoveredStore_* store) const;
     ZnEmbeddedDbStatus replayLogs_(RecoveredStore_* store);
+    ZnEmbeddedDbStatus dropUnfinished_(const RecoveredStore_& store);
     ZnEmbeddedDbStatus replayLog_(RecoveredStore_* store, std::size_t logIndex, bool* isEnd);
-    ZnEmbeddedDbStatus checkHeader_(const RecoveredStore_& store, std::size_t logIndex, WalReader_* reader,
+    ZnEmbeddedDbStatus checkHeader_(const RecoveredStore_& store, std::size_t logIndex, const WalReader_& reader,
                                     bool* isEnd);
     ZnEmbeddedDbStatus endOfLog_(std::size_t logIndex, WalReader_* reader, WalReader_::Tail tail, bool* isEnd);
     ZnEmbeddedDbStatus applyFrame_(RecoveredStore_* store, std::uint64_t walId, const WalReader_& reader);
@@ -66,7 +57,7 @@ private:
     const StorePaths_& paths_;
     const ZnEmbeddedDbOptions& options_;
     StoreListing_ listing_;
-    std::vector<Log_> logs_;              // to be replayed, ascending
+    std::vector<std::uint64_t> logs_;     // ids of those to be replayed, ascending
     std::uint64_t tableSequence_ = 0;     // everything at or below it is in tables
     std::uint64_t lastFrameSequence_ = 0; // of the frames read so far
 };

@@ -99,7 +99,7 @@ void StoreCore_::adopt(RecoveredStore_&& recovered) {
     immutableMemtables = std::move(recovered.memtables);
     activeMemtable = std::make_shared<SharedMemtable_>();
     lastCommittedSequence = recovered.lastSequence;
-    durableSequence = recovered.lastSequence;
+    durableSequence = manifest.maxSequence;
     lastWriteNs = monotonicNowNs();
     rebuildReadView();
     publishView();

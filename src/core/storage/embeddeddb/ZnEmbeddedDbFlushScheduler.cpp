@@ -217,6 +217,17 @@ void FlushScheduler_::noteOutcome_(const ZnEmbeddedDbStatus& status) {
     ZN_LOG_ERROR(kCategory, "ZnEmbeddedDb::flushMemtableToTables") << core_.paths.rootPath << ": " << status.message();
 }
 
+ZnEmbeddedDbStatus FlushScheduler_::flushRecovered() {
+    const ZnMutexLocker locker(core_.mutex);
+    Memtables_ memtables;
+    for (const SealedMemtable_& sealed : core_.immutableMemtables)
+        memtables.push_back(sealed.memtable);
+    if (memtables.empty())
+        return {};
+    ZnEmbeddedDbStatus status = flushMemtablesToTables_(memtables, memtables.size());
+    return status.isOk() ? core_.backgroundError : status;
+}
+
 FlushScheduler_::Memtables_ FlushScheduler_::detachAll_() {
     const ZnMutexLocker locker(core_.mutex);
     while (flushRunning_) // its memtables must not be flushed twice

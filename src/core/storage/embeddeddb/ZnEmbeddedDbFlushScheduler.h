@@ -38,6 +38,8 @@ public:
 
     /// Writes all that is in memory now to tables, and waits until it is there.
     ZnEmbeddedDbStatus flush() ZN_EXCLUDES(core_.mutex);
+    /// By open: writes what recovery found in the logs to tables.
+    ZnEmbeddedDbStatus flushRecovered() ZN_EXCLUDES(core_.mutex);
     /// By close, when nothing is committed any more: drains all memtables on the calling thread. `closeLog` is called
     /// when they have been taken.
     template <typename CloseLog>

@@ -100,9 +100,6 @@ ZnEmbeddedDbStatus LifecycleManager_::prepareDirectory_() {
 
 ZnEmbeddedDbStatus LifecycleManager_::takeOver_(Recovery_* recovery, RecoveredStore_* recovered) {
     StoreCore_& core = store_.core;
-    if (!core.options.readOnly)
-        if (ZnEmbeddedDbStatus status = recovery->repair(); !status.isOk())
-            return status;
     noteIndexes_(*recovered);
     const std::uint64_t openLimit = core.options.sharedTableStateSize / kOpenBlobFileBytes;
     core.blobs = std::make_shared<BlobFiles_>(core.baseFiles, core.paths.blobsDir, static_cast<std::size_t>(openLimit),
@@ -114,9 +111,13 @@ ZnEmbeddedDbStatus LifecycleManager_::takeOver_(Recovery_* recovery, RecoveredSt
     return core.options.readOnly ? pinBlobFiles_() : beginToWrite_(recovery);
 }
 
-/// A new log, which the new manifest makes the active one; then what the old ones left behind can go.
+/// What the logs held goes into tables first. It may have been read from the system's memory, and a process before this
+/// one may have seen a sync of it fail: then no sync of that log would tell what is on the disk. New files do. After
+/// that a new log, which the new manifest makes the active one, and what the old ones left behind can go.
 ZnEmbeddedDbStatus LifecycleManager_::beginToWrite_(Recovery_* recovery) {
     StoreCore_& core = store_.core;
+    if (ZnEmbeddedDbStatus status = store_.flushes.flushRecovered(); !status.isOk())
+        return status;
     if (ZnEmbeddedDbStatus status = store_.commits.beginLog(); !status.isOk())
         return status;
     {
@@ -131,8 +132,6 @@ ZnEmbeddedDbStatus LifecycleManager_::beginToWrite_(Recovery_* recovery) {
         store_.flushes.reset();
     }
     store_.commits.startCommitWorker();
-    const ZnMutexLocker locker(core.mutex);
-    store_.flushes.scheduleIfNeeded();
     return {};
 }
 

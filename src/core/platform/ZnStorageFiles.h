@@ -23,6 +23,8 @@ public:
     virtual int sync() = 0;
     virtual int syncData() = 0;
     virtual int size(std::uint64_t* sizeBytes) = 0;
+    /// Lets the system begin to write the range to the disk, so that a later sync has less to wait for. A hint.
+    virtual void startWriteback(std::uint64_t /*offset*/, std::uint64_t /*byteCount*/) {}
 };
 
 /// The bytes of a file, mapped for reading. Any thread; unmapped with the object.

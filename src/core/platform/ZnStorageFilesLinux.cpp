@@ -84,6 +84,11 @@ public:
         return error;
     }
 
+    void startWriteback(std::uint64_t offset, std::uint64_t byteCount) override {
+        ::sync_file_range(file_.get(), static_cast<off64_t>(offset), static_cast<off64_t>(byteCount),
+                          SYNC_FILE_RANGE_WRITE);
+    }
+
 private:
     static int moved_(ssize_t returned, std::size_t* movedBytes) {
         if (returned < 0)

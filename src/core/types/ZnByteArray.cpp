@@ -13,7 +13,6 @@
 
 namespace {
 
-constexpr char kNoBytes[1] = {'\0'};
 
 void requirePointer(const char* data, std::size_t byteCount, const char* message) {
     if (data == nullptr && byteCount > 0)
@@ -149,10 +148,6 @@ void ZnByteArray::release() noexcept {
     begin_ = 0;
     size_ = 0;
     null_ = false;
-}
-
-const char* ZnByteArray::data() const noexcept {
-    return data_.empty() ? kNoBytes : data_.data() + begin_;
 }
 
 char& ZnByteArray::operator[](std::size_t index) {

@@ -43,7 +43,7 @@ public:
     bool isEmpty() const noexcept { return size_ == 0; }
     bool isNull() const noexcept { return null_; }
     /// NUL-terminated; valid until the next mutation.
-    const char* data() const noexcept;
+    const char* data() const noexcept { return data_.empty() ? "" : data_.data() + begin_; }
     std::string_view view() const noexcept { return {data(), size()}; }
     ZnString toZnString() const { return ZnString(view()); }
     char& operator[](std::size_t index);

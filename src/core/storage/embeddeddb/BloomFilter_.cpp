@@ -23,6 +23,13 @@ BloomFilter_::Hash BloomFilter_::hashOf(std::string_view key) noexcept {
     return hash;
 }
 
+std::uint64_t BloomFilter_::firstHashOf(std::string_view key) noexcept {
+    std::uint64_t hash = kFirstStart;
+    for (const char c : key)
+        hash = (hash ^ static_cast<unsigned char>(c)) * kPrime;
+    return hash;
+}
+
 std::uint64_t BloomFilter_::byteLengthFor(std::uint64_t keyCount) noexcept {
     return (std::max<std::uint64_t>(keyCount * 10, kLeastBytes * 8) + 7) / 8;
 }

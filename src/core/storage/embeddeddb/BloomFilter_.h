@@ -21,6 +21,8 @@ struct BloomFilter_ {
     static constexpr std::uint32_t kHashCount = 6;
 
     static Hash hashOf(std::string_view key) noexcept;
+    /// The first of the two alone.
+    static std::uint64_t firstHashOf(std::string_view key) noexcept;
     /// 10 bits a key, 256 bits at least.
     static std::uint64_t byteLengthFor(std::uint64_t keyCount) noexcept;
 

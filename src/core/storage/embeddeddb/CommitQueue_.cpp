@@ -39,6 +39,7 @@ ZnEmbeddedDbStatus CommitQueue_::beginLog() {
     const std::uint64_t walId = core_.manifest.nextWalId;
     log_ = WalWriter_(core_.files);
     failedWalId_ = 0;
+    wantsNextLog_ = false;
     if (ZnEmbeddedDbStatus status = createLog_(walId, core_.lastCommittedSequence, &log_); !status.isOk())
         return status;
     core_.manifest.activeWalId = walId;
@@ -50,13 +51,43 @@ ZnEmbeddedDbStatus CommitQueue_::beginLog() {
 /// In place of what an attempt that failed may have left; anything else that has the name is left alone.
 ZnEmbeddedDbStatus CommitQueue_::createLog_(std::uint64_t walId, std::uint64_t previousSequence, WalWriter_* log) {
     const ZnString path = walPath(core_.paths, walId);
+    ZnEmbeddedDbStatus status;
     if (failedWalId_ == walId)
         core_.files.remove(path); // it may still be there
-    ZnEmbeddedDbStatus status = log->create(core_.paths.walDir, {walId, previousSequence, randomSalt()});
+    if (!log->isOpen())
+        status = log->prepare(core_.paths.walDir, walId);
+    if (status.isOk())
+        status = log->begin({walId, previousSequence, randomSalt()});
     failedWalId_ = status.isOk() ? 0 : walId;
     if (!status.isOk())
         core_.files.remove(path); // writes go on in the old log
     return status;
+}
+
+/// The next log's file, so that a change of logs has two syncs less to wait for. What fails here fails there again.
+void CommitQueue_::prepareLog_() {
+    const std::uint64_t walId = core_.manifest.nextWalId;
+    wantsNextLog_ = false;
+    preparesLog_ = true;
+    core_.mutex.unlock();
+    auto log = std::make_unique<WalWriter_>(core_.files);
+    const bool isPrepared = log->prepare(core_.paths.walDir, walId).isOk();
+    core_.mutex.lock();
+    core_.noteSyncFailure();
+    if (isPrepared)
+        nextLog_ = std::move(log);
+    else
+        failedWalId_ = walId;
+    preparesLog_ = false;
+    core_.workerCondition.notify_all();
+}
+
+void CommitQueue_::closeLog() {
+    const ZnMutexLocker locker(core_.mutex);
+    log_.close();
+    if (nextLog_ != nullptr)
+        core_.files.remove(walPath(core_.paths, core_.manifest.nextWalId));
+    nextLog_ = nullptr;
 }
 
 void CommitQueue_::startCommitWorker() {
@@ -93,12 +124,18 @@ ZnEmbeddedDbStatus CommitQueue_::commit(const WritePtr_& write) {
             leave_();
             return status;
         }
-        pendingWrites_.push_back(write);
-        core_.commitCondition.notify_one();
+        enqueue_(write);
     }
     std::unique_lock lock(write->mutex);
     write->condition.wait(lock, [&] { return write->done; });
     return write->status;
+}
+
+/// Wakes the worker when it may have something to do, and when all have come that it waits for.
+void CommitQueue_::enqueue_(WritePtr_ write) {
+    pendingWrites_.push_back(std::move(write));
+    if (pendingWrites_.size() == 1 || pendingWrites_.size() == expectedWriters_)
+        core_.commitCondition.notify_one();
 }
 
 void CommitQueue_::commitAsync(WritePtr_ write) {
@@ -107,8 +144,7 @@ void CommitQueue_::commitAsync(WritePtr_ write) {
         const ZnMutexLocker locker(core_.mutex);
         status = refusal_();
         if (status.isOk()) {
-            pendingWrites_.push_back(write);
-            core_.commitCondition.notify_one();
+            enqueue_(write);
         }
     }
     if (!status.isOk())
@@ -179,6 +215,8 @@ void CommitQueue_::runWorker_() {
         while (!commitStopRequested_ || commitActive_) {
             waitForWork_();
             flushes_.runTimers(monotonicNowNs());
+            if (wantsNextLog_ && !preparesLog_)
+                prepareLog_();
             if (commitActive_ || commitStopRequested_)
                 continue;
             commitActive_ = true;
@@ -216,7 +254,7 @@ bool CommitQueue_::wantsSync_(long long nowNs) const {
 }
 
 bool CommitQueue_::hasWork_(long long nowNs) const {
-    if (flushes_.nextTimerNs() <= nowNs)
+    if ((wantsNextLog_ && !preparesLog_) || flushes_.nextTimerNs() <= nowNs)
         return true;
     if (commitActive_)
         return false;
@@ -247,7 +285,7 @@ void CommitQueue_::waitForWork_() {
 void CommitQueue_::waitForGroup_() {
     if (!pendingWrites_.front()->isSynced)
         return;
-    const long long untilNs = monotonicNowNs() + std::min(syncNs_ / 4, kLongestGroupWaitNs);
+    const long long untilNs = monotonicNowNs() + std::min(syncNs_ / 2, kLongestGroupWaitNs);
     while (pendingWrites_.size() < expectedWriters_ && !commitStopRequested_) {
         const long long leftNs = untilNs - monotonicNowNs();
         if (leftNs <= 0)
@@ -283,6 +321,11 @@ ZnEmbeddedDbStatus CommitQueue_::commitGroup_(GroupView_ group) {
     if (!status.isOk())
         return status;
     insert_(group, firstSequence);
+    if (core_.activeMemtableBytes > core_.options.memtableSizeBytes / 2 && nextLog_ == nullptr && !preparesLog_ &&
+        !wantsNextLog_ && failedWalId_ == 0) {
+        wantsNextLog_ = true;
+        core_.commitCondition.notify_one();
+    }
     if (syncs) {
         core_.durableSequence = std::max(core_.durableSequence, core_.lastCommittedSequence);
         expectedWriters_ = group.size() + pendingWrites_.size();
@@ -299,12 +342,7 @@ ZnEmbeddedDbStatus CommitQueue_::makeRoom_() {
     if (ZnEmbeddedDbStatus status = waitForFlush_(); !status.isOk())
         return status;
     const std::uint64_t walLimitBytes = std::max(4 * core_.options.memtableSizeBytes, kLeastWalLimitBytes);
-    std::uint64_t memtableBytes = 0;
-    {
-        const MemtableReadScope_ scope(core_.activeMemtable->lock);
-        memtableBytes = core_.activeMemtable->table.approximateBytes();
-    }
-    if (memtableBytes < core_.options.memtableSizeBytes && log_.fileBytes() < walLimitBytes)
+    if (core_.activeMemtableBytes < core_.options.memtableSizeBytes && log_.fileBytes() < walLimitBytes)
         return {};
     return rotate_();
 }
@@ -332,12 +370,18 @@ ZnEmbeddedDbStatus CommitQueue_::waitForFlush_() {
 ZnEmbeddedDbStatus CommitQueue_::rotate_() {
     const std::uint64_t walId = core_.manifest.nextWalId;
     const std::uint64_t lastSequence = core_.lastCommittedSequence;
-    WalWriter_ next(core_.files);
     if (ZnEmbeddedDbStatus status = syncLog_(); !status.isOk())
         return status;
+    while (preparesLog_)
+        core_.workerCondition.wait(core_.mutex);
+    WalWriter_ next = nextLog_ == nullptr ? WalWriter_(core_.files) : std::move(*nextLog_);
+    nextLog_ = nullptr;
+    wantsNextLog_ = false;
+    preparesLog_ = true;
     core_.mutex.unlock();
     ZnEmbeddedDbStatus status = createLog_(walId, lastSequence, &next);
     core_.mutex.lock();
+    preparesLog_ = false;
     core_.noteSyncFailure();
     if (!status.isOk())
         return status;
@@ -404,6 +448,7 @@ void CommitQueue_::insert_(GroupView_ group, std::uint64_t firstSequence) {
         }
         if (table.walId == 0)
             table.walId = core_.manifest.activeWalId;
+        core_.activeMemtableBytes = table.approximateBytes();
     }
     if (core_.lastCommittedSequence == core_.manifest.maxSequence) // the worker's idle timer begins
         core_.commitCondition.notify_one();

@@ -37,7 +37,7 @@ public:
     /// By close. Syncs what is not synced yet, as far as that is possible; after it nobody commits any more.
     void stopCommitWorker() ZN_EXCLUDES(core_.mutex);
     void failPendingWrites() ZN_EXCLUDES(core_.mutex);
-    void closeLog() { log_.close(); }
+    void closeLog();
     std::uint64_t logBytes() ZN_EXCLUDES(core_.mutex);
 
 private:
@@ -46,6 +46,7 @@ private:
     using GroupView_ = std::span<const WritePtr_>;
 
     ZnEmbeddedDbStatus refusal_() const ZN_REQUIRES(core_.mutex);
+    void enqueue_(WritePtr_ write) ZN_REQUIRES(core_.mutex);
     bool mayLead_(const PendingWrite_& write) const ZN_REQUIRES(core_.mutex);
     void runWorker_();
     bool wantsSync_(long long nowNs) const ZN_REQUIRES(core_.mutex);
@@ -61,6 +62,7 @@ private:
     ZnEmbeddedDbStatus waitForFlush_() ZN_REQUIRES(core_.mutex);
     ZnEmbeddedDbStatus rotate_() ZN_REQUIRES(core_.mutex);
     ZnEmbeddedDbStatus createLog_(std::uint64_t walId, std::uint64_t previousSequence, WalWriter_* log);
+    void prepareLog_() ZN_REQUIRES(core_.mutex);
     ZnEmbeddedDbStatus append_(GroupView_ group, bool syncs) ZN_REQUIRES(core_.mutex);
     ZnEmbeddedDbStatus syncLog_() ZN_REQUIRES(core_.mutex);
     void insert_(GroupView_ group, std::uint64_t firstSequence) ZN_REQUIRES(core_.mutex);
@@ -73,6 +75,9 @@ private:
     WalWriter_ log_;                  // of whoever holds commitActive_, as is batches_
     std::vector<WalBatch_*> batches_; // of the group; kept for its capacity
     std::uint64_t failedWalId_ = 0;   // of a log whose making failed; it is made again under the same id
+    std::unique_ptr<WalWriter_> nextLog_ ZN_GUARDED_BY(core_.mutex); // an empty file, made while nobody waits
+    bool wantsNextLog_ ZN_GUARDED_BY(core_.mutex) = false;
+    bool preparesLog_ ZN_GUARDED_BY(core_.mutex) = false; // somebody makes a log, and nobody else may
     std::thread commitThread_;
 
     std::deque<WritePtr_> pendingWrites_ ZN_GUARDED_BY(core_.mutex);

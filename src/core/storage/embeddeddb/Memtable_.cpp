@@ -1,6 +1,7 @@
 #include "core/storage/embeddeddb/Memtable_.h"
 
 #include "core/storage/embeddeddb/IndexKey_.h"
+#include "core/storage/embeddeddb/KeyWord_.h"
 
 #include <algorithm>
 #include <string>
@@ -27,12 +28,24 @@ void mergeNewest(Map* target, const Map& source) {
 
 template <typename Map>
 std::vector<const typename Map::value_type*> sortedEntries(const Map& map) {
-    std::vector<const typename Map::value_type*> sorted;
-    sorted.reserve(map.size());
+    struct Item {
+        std::uint64_t word;
+        const typename Map::value_type* entry;
+    };
+    std::vector<Item> items;
+    items.reserve(map.size());
+    std::size_t skip = map.empty() ? 0 : map.begin()->first.size();
     for (const auto& entry : map)
-        sorted.push_back(&entry);
-    std::sort(sorted.begin(), sorted.end(),
-              [](const auto* left, const auto* right) { return left->first.view() < right->first.view(); });
+        skip = std::min(skip, commonBytes(map.begin()->first.view(), entry.first.view()));
+    for (const auto& entry : map)
+        items.push_back({keyWord(entry.first.view(), skip), &entry});
+    std::sort(items.begin(), items.end(), [](const Item& left, const Item& right) {
+        return left.word != right.word ? left.word < right.word : left.entry->first.view() < right.entry->first.view();
+    });
+    std::vector<const typename Map::value_type*> sorted;
+    sorted.reserve(items.size());
+    for (const Item& item : items)
+        sorted.push_back(item.entry);
     return sorted;
 }
 

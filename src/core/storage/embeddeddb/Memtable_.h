@@ -23,7 +23,7 @@ struct IndexEntry_ {
 struct KeyHash_ {
     using is_transparent = void;
     std::size_t operator()(std::string_view key) const noexcept {
-        return static_cast<std::size_t>(BloomFilter_::hashOf(key).first);
+        return static_cast<std::size_t>(BloomFilter_::firstHashOf(key));
     }
     std::size_t operator()(const ZnByteArray& key) const noexcept { return (*this)(key.view()); }
 };
@@ -52,6 +52,8 @@ public:
     /// Counted for an entry besides its keys and its value.
     static constexpr std::uint64_t kEntryBytes = 128;
 
+    /// Makes room for so many records, so that the first ones do not move again and again.
+    void reserve(std::size_t recordCount) { primary_.reserve(recordCount); }
     /// Does what one operation of the log tells: the record, its secondary keys, and those that it retires.
     /// False, with nothing done, when it does not decode.
     bool apply(const WalOperation_& operation, std::uint64_t sequence);

@@ -50,6 +50,12 @@ public:
     /// As flush(), without attributes that reading the content back does not take.
     bool flushData(ZnString* errorOut = nullptr);
 
+    /// A hint to begin with what flush() will wait for.
+    void startWriteback(std::uint64_t offset, std::uint64_t byteCount) {
+        if (isOpen())
+            file_->startWriteback(offset, byteCount);
+    }
+
     Mode mode() const noexcept { return mode_; }
     const ZnString& path() const noexcept { return path_; }
     std::uint64_t size() const noexcept { return size_; }
@@ -67,7 +73,7 @@ private:
     Mode mode_ = Mode::ReadOnly;
     ZnString path_;
     std::uint64_t size_ = 0;
-    int syncError_ = 0;        // of the first flush that failed
+    int syncError_ = 0;          // of the first flush that failed
     bool refusesAppend_ = false; // the end of the file is not known to be clean
 };
 

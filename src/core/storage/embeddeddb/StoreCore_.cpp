@@ -97,11 +97,11 @@ void StoreCore_::adopt(RecoveredStore_&& recovered) {
     manifest = std::move(recovered.manifest);
     tableHandles = std::move(recovered.tableHandles);
     immutableMemtables = std::move(recovered.memtables);
-    activeMemtable = std::make_shared<SharedMemtable_>();
+    beginMemtable_();
     lastCommittedSequence = recovered.lastSequence;
     durableSequence = manifest.maxSequence;
     lastWriteNs = monotonicNowNs();
-    rebuildReadView();
+    rebuildReadView_();
     publishView();
 }
 
@@ -113,7 +113,7 @@ void StoreCore_::reset() {
     blobs = nullptr;
     manifest = {};
     tableHandles.clear();
-    activeMemtable = std::make_shared<SharedMemtable_>();
+    beginMemtable_();
     immutableMemtables.clear();
     tableViews = nullptr;
     lastCommittedSequence = 0;
@@ -125,6 +125,11 @@ void StoreCore_::reset() {
     ReadViewPtr_ last; // as in publishView
     const ZnMutexLocker locker(viewLock_);
     view_.swap(last);
+}
+
+void StoreCore_::beginMemtable_() {
+    activeMemtable = std::make_shared<SharedMemtable_>();
+    activeMemtableBytes = 0;
 }
 
 void StoreCore_::setBackgroundError(ZnEmbeddedDbStatus status) {
@@ -142,7 +147,7 @@ void StoreCore_::noteSyncFailure() {
         setBackgroundError({ZnEmbeddedDbStatus::IoError, files.failure()});
 }
 
-void StoreCore_::rebuildReadView() {
+void StoreCore_::rebuildReadView_() {
     auto views = std::make_shared<TableViews_>();
     std::vector<TableMeta_> tables = manifest.tables;
     std::sort(tables.begin(), tables.end(), isNewer);
@@ -196,7 +201,12 @@ void StoreCore_::sealActive(bool isFull) {
             return;
     }
     immutableMemtables.push_back({std::move(activeMemtable), isFull, false});
-    activeMemtable = std::make_shared<SharedMemtable_>();
+    beginMemtable_();
+    if (isFull) { // the next one is likely to become as full
+        const std::uint64_t recordCount = std::clamp<std::uint64_t>(options.memtableSizeBytes / 256, 512, 8192);
+        const MemtableWriteScope_ scope(activeMemtable->lock);
+        activeMemtable->table.reserve(static_cast<std::size_t>(recordCount));
+    }
     mergeSmallSealed_();
     publishView();
 }
@@ -228,7 +238,7 @@ void StoreCore_::mergeSmallSealed_() {
     }
 }
 
-void StoreCore_::recomputeReplayFromWalId() {
+std::uint64_t StoreCore_::replayFromWalId_(std::size_t flushedCount) {
     std::uint64_t oldest = manifest.activeWalId == 0 ? 1 : manifest.activeWalId;
     const auto consider = [&oldest](SharedMemtable_& memtable) {
         const MemtableReadScope_ scope(memtable.lock);
@@ -236,28 +246,64 @@ void StoreCore_::recomputeReplayFromWalId() {
             oldest = std::min(oldest, memtable.table.walId);
     };
     consider(*activeMemtable);
-    for (const SealedMemtable_& sealed : immutableMemtables)
-        consider(*sealed.memtable);
-    manifest.replayFromWalId = oldest;
+    for (std::size_t index = flushedCount; index < immutableMemtables.size(); ++index)
+        consider(*immutableMemtables[index].memtable);
+    return oldest;
+}
+
+ZnEmbeddedDbStatus StoreCore_::commitTables(const TableChange_& change) {
+    while (manifestBusy_)
+        workerCondition.wait(mutex);
+    ManifestState_ next = manifest;
+    for (const TableMeta_& table : change.removed)
+        std::erase(next.tables, table);
+    for (const auto& table : change.added)
+        next.tables.push_back(table->meta());
+    next.maxSequence = std::max(next.maxSequence, change.maxSequence);
+    next.replayFromWalId = replayFromWalId_(change.flushedMemtableCount);
+    manifestBusy_ = true;
+    mutex.unlock();
+    ZnEmbeddedDbStatus status = writeManifest(files, paths.rootPath, &next);
+    mutex.lock();
+    manifestBusy_ = false;
+    workerCondition.notify_all();
+    noteSyncFailure();
+    if (status.isOk())
+        adoptTables_(change, std::move(next));
+    return status;
+}
+
+/// What others changed while the manifest was written stays as they left it: the ids that were given out, and the log.
+void StoreCore_::adoptTables_(const TableChange_& change, ManifestState_&& written) {
+    manifest.manifestId = written.manifestId;
+    manifest.maxSequence = written.maxSequence;
+    manifest.replayFromWalId = written.replayFromWalId;
+    manifest.tables = std::move(written.tables);
+    for (const TableMeta_& table : change.removed)
+        tableHandles.erase(table.fileName.str());
+    for (const auto& table : change.added)
+        tableHandles[table->meta().fileName.str()] = table;
+    const auto flushed = static_cast<std::ptrdiff_t>(change.flushedMemtableCount);
+    immutableMemtables.erase(immutableMemtables.begin(), immutableMemtables.begin() + flushed);
+    rebuildReadView_();
+    publishView();
 }
 
 void StoreCore_::collectObsoleteWalFiles() {
-    recomputeReplayFromWalId();
     if (!backgroundError.isOk())
         return;
+    const std::uint64_t replayFrom = manifest.replayFromWalId;
+    const std::uint64_t manifestId = manifest.manifestId - 1;
+    const bool cleansManifests = ++manifestCommits_ % kManifestCleanInterval == 0;
+    mutex.unlock(); // a large file takes its time to go
     for (const ZnString& path : listFiles(files, paths.walDir, kWalPrefix, kWalSuffix)) {
         const std::uint64_t id = parseFileId(path, kWalPrefix, kWalSuffix);
-        if (id != 0 && id < manifest.replayFromWalId)
+        if (id != 0 && id < replayFrom)
             files.remove(path);
     }
-}
-
-ZnEmbeddedDbStatus StoreCore_::writeManifest() {
-    ZnEmbeddedDbStatus status = znEmbeddedDbDetail::writeManifest(files, paths.rootPath, &manifest);
-    noteSyncFailure();
-    if (status.isOk() && ++manifestCommits_ % kManifestCleanInterval == 0 && backgroundError.isOk())
-        removeOldManifests(files, paths.rootPath, manifest.manifestId - 1, options.keepManifests);
-    return status;
+    if (cleansManifests)
+        removeOldManifests(files, paths.rootPath, manifestId, options.keepManifests);
+    mutex.lock();
 }
 
 void StoreCore_::fillStats(ZnEmbeddedDbStats* stats) {

@@ -34,6 +34,14 @@ struct RecoveredStore_ {
     std::uint64_t lastSequence = 0;
 };
 
+/// A change of the set of tables.
+struct TableChange_ {
+    std::vector<std::shared_ptr<const TableHandle_>> added;
+    std::vector<TableMeta_> removed;
+    std::uint64_t maxSequence = 0;        // of what was added
+    std::size_t flushedMemtableCount = 0; // of the oldest sealed memtables: they are in `added`
+};
+
 /// What the parts of an open store share: its files, its state under one mutex, and the view that readers get.
 ///
 /// Thread: any, as the fields tell. Owner: Store_, by value; outlives the parts.
@@ -58,6 +66,7 @@ struct StoreCore_ {
     ManifestState_ manifest ZN_GUARDED_BY(mutex);
     TableHandles_ tableHandles ZN_GUARDED_BY(mutex);
     std::shared_ptr<SharedMemtable_> activeMemtable ZN_GUARDED_BY(mutex);
+    std::uint64_t activeMemtableBytes ZN_GUARDED_BY(mutex) = 0;
     std::deque<SealedMemtable_> immutableMemtables ZN_GUARDED_BY(mutex); // oldest first
     std::shared_ptr<const TableViews_> tableViews ZN_GUARDED_BY(mutex);  // of `manifest.tables`
     std::uint64_t lastCommittedSequence ZN_GUARDED_BY(mutex) = 0;
@@ -75,8 +84,6 @@ struct StoreCore_ {
     /// Turns a failed sync, wherever it was, into the background error.
     void noteSyncFailure() ZN_REQUIRES(mutex);
 
-    /// Makes tableViews anew from the manifest's tables that have a handle.
-    void rebuildReadView() ZN_REQUIRES(mutex);
     /// Gives readers the state as it is now.
     void publishView() ZN_REQUIRES(mutex);
     ReadViewPtr_ view() const;
@@ -85,20 +92,27 @@ struct StoreCore_ {
 
     /// Puts the active memtable, unless it is empty, at the end of the line, and an empty one in its place. Publishes.
     void sealActive(bool isFull) ZN_REQUIRES(mutex);
-    void recomputeReplayFromWalId() ZN_REQUIRES(mutex);
-    /// Deletes the logs that are not needed any more; those that cannot be deleted are tried again the next time.
+    /// All or nothing: writes a manifest with the change, makes it the one in force, and only then tells readers. Lets
+    /// go of the mutex while the disk works: writers do not wait, and no other change begins.
+    ZnEmbeddedDbStatus commitTables(const TableChange_& change) ZN_REQUIRES(mutex);
+    /// Deletes the logs that are not needed any more; those that cannot be deleted are tried again the next time. Lets
+    /// go of the mutex, too.
     void collectObsoleteWalFiles() ZN_REQUIRES(mutex);
-    /// Writes the state as the next manifest and makes it the one in force. A failed sync of a directory is a failure.
-    ZnEmbeddedDbStatus writeManifest() ZN_REQUIRES(mutex);
 
     void fillStats(ZnEmbeddedDbStats* stats) ZN_EXCLUDES(mutex);
 
 private:
+    /// Makes tableViews anew from the manifest's tables that have a handle.
+    void rebuildReadView_() ZN_REQUIRES(mutex);
+    /// The oldest log that is needed when the first `flushedCount` sealed memtables are not.
+    std::uint64_t replayFromWalId_(std::size_t flushedCount) ZN_REQUIRES(mutex);
+    void adoptTables_(const TableChange_& change, ManifestState_&& written) ZN_REQUIRES(mutex);
+    void beginMemtable_() ZN_REQUIRES(mutex);
     void mergeSmallSealed_() ZN_REQUIRES(mutex);
-    void collectOldManifests_() ZN_REQUIRES(mutex);
 
     mutable ZnMutex viewLock_; // leaf, behind mutex
     ReadViewPtr_ view_ ZN_GUARDED_BY(viewLock_);
+    bool manifestBusy_ ZN_GUARDED_BY(mutex) = false; // one is being written
     std::uint64_t manifestCommits_ ZN_GUARDED_BY(mutex) = 0;
 };
 

@@ -23,6 +23,9 @@ public:
     int sync() override { return watch_.noteSync(file_->sync(), path_); }
     int syncData() override { return watch_.noteSync(file_->syncData(), path_); }
     int size(std::uint64_t* sizeBytes) override { return file_->size(sizeBytes); }
+    void startWriteback(std::uint64_t offset, std::uint64_t byteCount) override {
+        file_->startWriteback(offset, byteCount);
+    }
 
 private:
     SyncWatch_& watch_;

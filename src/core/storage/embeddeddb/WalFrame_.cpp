@@ -66,12 +66,18 @@ bool decodeWalHeader(std::string_view bytes, WalHeader_* header) noexcept {
     return true;
 }
 
+void WalBatch_::beginOperation_(std::uint8_t type, std::string_view key, std::size_t roomBytes) {
+    if (bytes_.empty()) { // most batches have one operation: one allocation
+        bytes_.reserve(kWalFrameHeaderBytes + kPutFixedBytes + key.size() + roomBytes);
+        bytes_.resize(kWalFrameHeaderBytes);
+    }
+    appendLe(&bytes_, type);
+    appendSized(&bytes_, key);
+}
+
 void WalBatch_::put(std::string_view key, std::string_view value, const IndexKeys_& indexKeys,
                     const RetiredKeys_& retired) {
-    if (operationCount_ == 0) // most batches have one
-        bytes_.reserve(bytes_.size() + key.size() + value.size() + kPutFixedBytes);
-    appendLe(&bytes_, kPut);
-    appendSized(&bytes_, key);
+    beginOperation_(kPut, key, value.size());
     const std::size_t lengthAt = bytes_.size();
     appendLe(&bytes_, std::uint32_t(0)); // known below
     encodeInlineValue(value, indexKeys, &bytes_);
@@ -85,8 +91,7 @@ WalOperationReader_ WalBatch_::operations() const noexcept {
 }
 
 void WalBatch_::remove(std::string_view key, const RetiredKeys_& retired) {
-    appendLe(&bytes_, kRemove);
-    appendSized(&bytes_, key);
+    beginOperation_(kRemove, key, 0);
     finishOperation_(retired);
 }
 

@@ -99,8 +99,6 @@ private:
 /// Filled by a writer without knowing the sequences; sealed when these are known. Thread: one at a time.
 class WalBatch_ {
 public:
-    WalBatch_() : bytes_(kWalFrameHeaderBytes, '\0') {}
-
     /// `indexKeys`: the secondary keys of the record.
     void put(std::string_view key, std::string_view value, const IndexKeys_& indexKeys = {},
              const RetiredKeys_& retired = {});
@@ -113,6 +111,7 @@ public:
     std::string_view seal(std::uint64_t salt, std::uint64_t firstSequence, std::uint64_t durableSequence);
 
 private:
+    void beginOperation_(std::uint8_t type, std::string_view key, std::size_t roomBytes);
     void finishOperation_(const RetiredKeys_& retired);
 
     std::string bytes_; // room for the header, then the operations

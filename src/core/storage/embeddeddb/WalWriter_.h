@@ -20,6 +20,9 @@ public:
 
     /// Makes the log, which must not be there yet. Header and name are on stable storage when this is Ok.
     ZnEmbeddedDbStatus create(const ZnString& walDir, const WalHeader_& header);
+    /// The two halves of create(): an empty file under the log's name, which is no log yet, and the header.
+    ZnEmbeddedDbStatus prepare(const ZnString& walDir, std::uint64_t walId);
+    ZnEmbeddedDbStatus begin(const WalHeader_& header);
     bool isOpen() const noexcept { return file_.isOpen(); }
     void close() noexcept { file_.close(); }
 
@@ -38,7 +41,8 @@ private:
 
     RandomAccessFile_ file_;
     std::uint64_t salt_ = 0;
-    std::string frames_; // of a group; kept for its capacity
+    std::uint64_t writtenBackTo_ = 0; // what stands in front of it is on its way to the disk
+    std::string frames_;              // of a group; kept for its capacity
 };
 
 } // namespace znEmbeddedDbDetail

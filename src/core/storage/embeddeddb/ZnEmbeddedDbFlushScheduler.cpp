@@ -164,35 +164,16 @@ ZnEmbeddedDbStatus FlushScheduler_::flushMemtablesToTables_(const Memtables_& me
     return status;
 }
 
-/// All or nothing: the tables in, the memtables out, the manifest written, readers told.
 ZnEmbeddedDbStatus FlushScheduler_::commit_(const MemtableFlush_& flush, std::size_t sealedCount) {
-    const ManifestState_ manifestBefore = core_.manifest;
-    const std::deque<SealedMemtable_> sealedBefore = core_.immutableMemtables;
-    for (const auto& table : flush.tables()) {
-        core_.manifest.tables.push_back(table->meta());
-        core_.tableHandles[table->meta().fileName.str()] = table;
-    }
-    core_.manifest.maxSequence = std::max(core_.manifest.maxSequence, flush.maxSequence());
-    core_.immutableMemtables.erase(core_.immutableMemtables.begin(),
-                                   core_.immutableMemtables.begin() + static_cast<std::ptrdiff_t>(sealedCount));
-    core_.rebuildReadView();
-    core_.recomputeReplayFromWalId();
-    ZnEmbeddedDbStatus status = core_.writeManifest();
-    if (!status.isOk()) {
-        core_.manifest = manifestBefore;
-        core_.immutableMemtables = sealedBefore;
-        for (const auto& table : flush.tables())
-            core_.tableHandles.erase(table->meta().fileName.str());
-        core_.rebuildReadView();
+    TableChange_ change{flush.tables(), {}, flush.maxSequence(), sealedCount};
+    if (ZnEmbeddedDbStatus status = core_.commitTables(change); !status.isOk())
         return status;
-    }
-    core_.publishView();
     if (core_.backgroundError.isOk()) // else the manifest's name may be lost
         core_.durableSequence = std::max(core_.durableSequence, flush.maxSequence());
     core_.counters->flushCount.add();
+    core_.workerCondition.notify_all();
     if (!core_.closing)
         core_.collectObsoleteWalFiles();
-    core_.workerCondition.notify_all();
     return {};
 }
 
@@ -246,8 +227,7 @@ void FlushScheduler_::flushDetached_(const Memtables_& memtables) {
     if (!memtables.empty()) {
         status = flushMemtablesToTables_(memtables, 0);
     } else {
-        core_.recomputeReplayFromWalId();
-        status = core_.writeManifest();
+        status = core_.commitTables({});
     }
     if (!status.isOk())
         ZN_LOG_ERROR(kCategory, "ZnEmbeddedDb::flushAllSync") << core_.paths.rootPath << ": " << status.message();

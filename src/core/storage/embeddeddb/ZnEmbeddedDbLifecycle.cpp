@@ -122,8 +122,7 @@ ZnEmbeddedDbStatus LifecycleManager_::beginToWrite_(Recovery_* recovery) {
         return status;
     {
         const ZnMutexLocker locker(core.mutex);
-        core.recomputeReplayFromWalId();
-        if (ZnEmbeddedDbStatus status = core.writeManifest(); !status.isOk())
+        if (ZnEmbeddedDbStatus status = core.commitTables({}); !status.isOk())
             return status;
         if (!core.backgroundError.isOk())
             return core.backgroundError;

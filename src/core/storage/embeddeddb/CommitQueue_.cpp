@@ -64,12 +64,17 @@ ZnEmbeddedDbStatus CommitQueue_::createLog_(std::uint64_t walId, std::uint64_t p
     return status;
 }
 
-/// The next log's file, so that a change of logs has two syncs less to wait for. What fails here fails there again.
+/// While writers go on: syncs most of this log, and makes the file of the next one, so that the change of logs has
+/// little to wait for. What fails here fails there again.
 void CommitQueue_::prepareLog_() {
     const std::uint64_t walId = core_.manifest.nextWalId;
+    const ZnString currentPath = walPath(core_.paths, core_.manifest.activeWalId);
     wantsNextLog_ = false;
     preparesLog_ = true;
     core_.mutex.unlock();
+    RandomAccessFile_ current(core_.files); // of its own: the log's belongs to whoever commits
+    if (current.open(currentPath, RandomAccessFile_::Mode::ReadWrite))
+        current.flushData();
     auto log = std::make_unique<WalWriter_>(core_.files);
     const bool isPrepared = log->prepare(core_.paths.walDir, walId).isOk();
     core_.mutex.lock();
@@ -321,7 +326,7 @@ ZnEmbeddedDbStatus CommitQueue_::commitGroup_(GroupView_ group) {
     if (!status.isOk())
         return status;
     insert_(group, firstSequence);
-    if (core_.activeMemtableBytes > core_.options.memtableSizeBytes / 2 && nextLog_ == nullptr && !preparesLog_ &&
+    if (core_.activeMemtableBytes > core_.options.memtableSizeBytes / 4 * 3 && nextLog_ == nullptr && !preparesLog_ &&
         !wantsNextLog_ && failedWalId_ == 0) {
         wantsNextLog_ = true;
         core_.commitCondition.notify_one();

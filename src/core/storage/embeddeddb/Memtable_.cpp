@@ -14,8 +14,8 @@ namespace {
 /// Puts the entry in unless a newer one is there.
 template <typename Map, typename Entry>
 void insertNewest(Map* map, ZnByteArray key, Entry entry) {
-    const auto [at, isNew] = map->try_emplace(std::move(key));
-    if (isNew || at->second.sequence <= entry.sequence)
+    const auto [at, isNew] = map->try_emplace(std::move(key), std::move(entry)); // moves only into a new place
+    if (!isNew && at->second.sequence <= entry.sequence)
         at->second = std::move(entry);
 }
 

@@ -203,7 +203,7 @@ void StoreCore_::sealActive(bool isFull) {
     immutableMemtables.push_back({std::move(activeMemtable), isFull, false});
     beginMemtable_();
     if (isFull) { // the next one is likely to become as full
-        const std::uint64_t recordCount = std::clamp<std::uint64_t>(options.memtableSizeBytes / 256, 512, 8192);
+        const std::uint64_t recordCount = std::clamp<std::uint64_t>(options.memtableSizeBytes / 256, 512, 65536);
         const MemtableWriteScope_ scope(activeMemtable->lock);
         activeMemtable->table.reserve(static_cast<std::size_t>(recordCount));
     }

@@ -135,6 +135,9 @@ ZnEmbeddedDbStatus FlushScheduler_::flushOldest_() {
         memtables.push_back(core_.immutableMemtables[index].memtable);
     }
     ZnEmbeddedDbStatus status = flushMemtablesToTables_(memtables, count);
+    core_.mutex.unlock();
+    memtables.clear(); // which takes its time for a large one that nobody else holds
+    core_.mutex.lock();
     if (!status.isOk())
         for (std::size_t index = 0; index < std::min(count, core_.immutableMemtables.size()); ++index)
             core_.immutableMemtables[index].isFlushing = false;

@@ -178,7 +178,7 @@ struct ViewSample {
             entry.inlineValue = true;
             entry.sequence = static_cast<std::uint64_t>(number) + 1;
             entry.value = ZnByteArray(std::string(100, 'v'));
-            filled->table.insert(ZnByteArray(keyOf(2 * number)), std::move(entry));
+            filled->table.insert(keyOf(2 * number), entry);
         }
         return filled;
     }

@@ -81,7 +81,7 @@ TEST(Memtable_, DoesWhatTheLogTells) {
     EXPECT_EQ(memtable.maxSequence(), 6u);
     ASSERT_NE(memtable.find("apple"), nullptr);
     EXPECT_EQ(memtable.find("apple")->value.view(), "green");
-    EXPECT_EQ(memtable.find("apple")->indexKeys.value("color").size(), 2u);
+    EXPECT_EQ(memtable.find("apple")->indexKeys().value("color").size(), 2u);
     EXPECT_TRUE(memtable.find("pear")->tombstone);
     EXPECT_EQ(memtable.find("plum"), nullptr);
     EXPECT_TRUE(memtable.findIndex("color", indexKeyOf("red", "apple"))->tombstone);

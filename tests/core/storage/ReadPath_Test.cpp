@@ -285,13 +285,13 @@ TEST(ReadPath, ABlobFileThatCannotBeReadEndsEveryWayOfReadingWithAStatus) {
     store.put("z", "inline", {});
     store.seal();
     store.flush();
-    const ZnString path = "/s/blobs/BLOB-1.dat";
+    const ZnString path = "/s/blobs/BLOB-2.dat";
     expectAllFail((store.files.put(path, value.substr(1)), store.view()), ZnEmbeddedDbStatus::Corruption,
-                  "beyond the end of its file: /s/blobs/BLOB-1.dat at 0", false);
+                  "beyond the end of its file: /s/blobs/BLOB-2.dat at 0", false);
     expectAllFail((store.files.put(path, "x" + value.substr(1)), store.view()), ZnEmbeddedDbStatus::Corruption,
-                  "checksum mismatch: /s/blobs/BLOB-1.dat at 0", false);
+                  "checksum mismatch: /s/blobs/BLOB-2.dat at 0", false);
     store.files.remove(path);
-    expectAllFail(store.view(), ZnEmbeddedDbStatus::IoError, "/s/blobs/BLOB-1.dat", false);
+    expectAllFail(store.view(), ZnEmbeddedDbStatus::IoError, "/s/blobs/BLOB-2.dat", false);
 }
 
 TEST(ReadPath, ATableThatIsDamagedBehindItsOpeningEndsEveryWayOfReadingWithAStatus) {

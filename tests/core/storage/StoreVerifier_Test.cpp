@@ -105,23 +105,23 @@ TEST(StoreVerifier, TellsWhatIsWrongAndGoesOn) {
         std::uint64_t problemCount;
         std::function<void(Store*)> damage;
     } rows[] = {
-        {"L0-2.sst: table footer mismatch", kDamaged, 1,
+        {"L0-1.sst: table footer mismatch", kDamaged, 1,
          [](Store* store) {
-             flipLastByte(store, "/s/tables/L0-2.sst");
+             flipLastByte(store, "/s/tables/L0-1.sst");
          }},
         {"L0-3.sst: ", kUnread, 1,
          [](Store* store) {
              store->files.remove("/s/tables/L0-3.sst");
          }},
-        {"L0-2.sst: key \"b\": blob value checksum mismatch: /s/blobs/BLOB-1.dat at 0", kDamaged, 1,
+        {"L0-1.sst: key \"b\": blob value checksum mismatch: /s/blobs/BLOB-2.dat at 0", kDamaged, 1,
          [](Store* store) {
-             flipLastByte(store, "/s/blobs/BLOB-1.dat");
+             flipLastByte(store, "/s/blobs/BLOB-2.dat");
          }},
-        {"/s/blobs/BLOB-1.dat", kUnread, 1,
+        {"/s/blobs/BLOB-2.dat", kUnread, 1,
          [](Store* store) {
-             store->files.remove("/s/blobs/BLOB-1.dat");
+             store->files.remove("/s/blobs/BLOB-2.dat");
          }},
-        {"L0-2.sst: key \"a\" has sequence 1 and hides the newer one of sequence 4 in L0-4.sst", kDamaged, 2,
+        {"L0-1.sst: key \"a\" has sequence 1 and hides the newer one of sequence 4 in L0-4.sst", kDamaged, 2,
          [](Store* store) {
              std::swap(store->tables.primaryView[0], store->tables.primaryView[1]);
          }},
@@ -129,7 +129,7 @@ TEST(StoreVerifier, TellsWhatIsWrongAndGoesOn) {
          [](Store* store) {
              store->tables.primaryView.insert(store->tables.primaryView.begin(), store->tables.primaryView[0]);
          }},
-        {"L0-2.sst: key \"b\" is not in index color under \"red\"", kDamaged, 1,
+        {"L0-1.sst: key \"b\" is not in index color under \"red\"", kDamaged, 1,
          [](Store* store) {
              store->tables.indexViews["color"].pop_back();
          }},
@@ -141,7 +141,7 @@ TEST(StoreVerifier, TellsWhatIsWrongAndGoesOn) {
          [](Store* store) {
              store->addTable(kIndexTable, 0, {{ZnByteArray("b\0\1c", 4), 9, kInlineRecord, ZnByteArray("value", 5)}});
          }},
-        {"L0-2.sst: has keys above the largest that the store looks for", kDamaged, 1,
+        {"L0-1.sst: has keys above the largest that the store looks for", kDamaged, 1,
          [](Store* store) {
              store->tables.largestPrimaryKey = ZnByteArray("b", 1);
          }},

@@ -1,7 +1,7 @@
 #include "core/storage/StoreViewFixture.h"
 
-#include "core/storage/embeddeddb/FileNames_.h"
 #include "core/storage/embeddeddb/IndexKey_.h"
+#include "core/storage/embeddeddb/MemtableFlush_.h"
 
 #include <gtest/gtest.h>
 
@@ -40,10 +40,10 @@ void StoreViewFixture::insert_(const std::string& key, ValueEntry_ entry, const 
     if (const auto old = model.find(key); old != model.end() && retires)
         for (const std::string& color : old->second.colors)
             if (colors.count(color) == 0)
-                active->table.insertIndex("color", indexKeyOf(color, key), {true, lastSequence});
+                active->table.insertIndex("color", indexKeyOf(color, key).view(), {true, lastSequence});
     for (const std::string& color : colors)
-        active->table.insertIndex("color", indexKeyOf(color, key), {false, lastSequence});
-    active->table.insert(ZnByteArray(key), entry);
+        active->table.insertIndex("color", indexKeyOf(color, key).view(), {false, lastSequence});
+    active->table.insert(key, entry);
 }
 
 void StoreViewFixture::seal() {
@@ -52,32 +52,20 @@ void StoreViewFixture::seal() {
 }
 
 void StoreViewFixture::flush() {
-    const Memtable_& memtable = sealed.back()->sealed();
-    BlobWriter_ blobs(files);
-    std::vector<TableRecord_> records;
-    std::vector<TableRecord_> indexRecords;
-    for (const auto* pair : memtable.sortedKeys()) {
-        ValueEntry_ entry = pair->second;
-        if (entry.value.size() > kLargestInline) {
-            if (!blobs.isOpen()) {
-                ASSERT_TRUE(blobs.open(paths.blobsDir, ++lastId).isOk());
-            }
-            ASSERT_TRUE(blobs.append(entry.value.view(), &entry.blob).isOk());
-            entry.inlineValue = false;
-        }
-        const auto type = entry.tombstone ? kTombstoneRecord : entry.inlineValue ? kInlineRecord : kBlobRecord;
-        records.push_back({pair->first, entry.sequence, type, ZnByteArray(entry.tombstone ? "" : encoded(entry))});
+    MemtableFlush_ flush(files, paths, *counters,
+                         {0, kLargestInline, options,
+                          [this] {
+                              return ++lastId;
+                          }},
+                         {sealed.back()});
+    ASSERT_EQ(flush.run(), ZnEmbeddedDbStatus());
+    for (const auto& table : flush.tables()) {
+        const bool isPrimary = table->meta().kind == kPrimaryTable;
+        TableList_& list = isPrimary ? tables.primaryView : tables.indexViews["color"];
+        list.insert(list.begin(), table);
+        if (isPrimary && tables.largestPrimaryKey < table->lastKey())
+            tables.largestPrimaryKey = table->lastKey();
     }
-    if (blobs.isOpen()) {
-        ASSERT_TRUE(blobs.flush().isOk());
-    }
-    for (const auto* pair : memtable.sortedIndexKeys("color"))
-        indexRecords.push_back({pair->first, pair->second.sequence,
-                                pair->second.tombstone ? kTombstoneRecord : kInlineRecord, ZnByteArray()});
-    if (!records.empty())
-        addTable(kPrimaryTable, 0, records);
-    if (!indexRecords.empty())
-        addTable(kIndexTable, 0, indexRecords);
     sealed.pop_back();
 }
 

@@ -355,6 +355,7 @@ ZnEmbeddedDbStatus CommitQueue_::makeRoom_() {
 ZnEmbeddedDbStatus CommitQueue_::waitForFlush_() {
     const long long beganNs = monotonicNowNs();
     bool hasWaited = false;
+    flushes_.scheduleIfNeeded(); // what snapshots sealed may have come together to full ones
     while (core_.backgroundError.isOk() && flushes_.fullCount() >= core_.options.maxImmutableMemtables) {
         if (core_.closing)
             return closingStatus();

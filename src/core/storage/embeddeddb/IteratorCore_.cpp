@@ -78,10 +78,10 @@ bool recordHasIndexKey(const FoundRecord_& found, std::string_view indexName, st
         StoredValueView_ stored;
         return parseRecordValue(found.record, &stored) && hasIndexKey(stored.metadata, indexName, secondaryKey);
     }
-    const auto keys = found.entry->indexKeys.find(indexName);
-    return keys != found.entry->indexKeys.end() &&
-           std::any_of(keys->second.begin(), keys->second.end(),
-                       [&](const ZnByteArray& key) { return key.view() == secondaryKey; });
+    const IndexKeys_& indexKeys = found.entry->indexKeys();
+    const auto keys = indexKeys.find(indexName);
+    return keys != indexKeys.end() && std::any_of(keys->second.begin(), keys->second.end(),
+                                                  [&](const ZnByteArray& key) { return key.view() == secondaryKey; });
 }
 
 IteratorCore_::IteratorCore_(ReadViewPtr_ view, Plan plan)
@@ -145,12 +145,12 @@ bool IteratorCore_::findIndexed_() {
 }
 
 /// Parses also when only keys are asked for: a record that cannot be one must not be told of.
-bool IteratorCore_::takeRecord_(const RecordView_& record, const ValueEntry_* entry, const TableHandle_* table) {
+bool IteratorCore_::takeRecord_(const RecordView_& record, const MemtableEntry_* entry, const TableHandle_* table) {
     record_ = &record;
     entry_ = entry;
     if (entry != nullptr) {
         value_ = keysOnly_ ? std::string_view() : record.value;
-        return entry->inlineValue || keysOnly_ || takeBlob_(entry->blob);
+        return true;
     }
     StoredValueView_ stored;
     if (!parseRecordValue(record, &stored))
@@ -174,7 +174,7 @@ bool IteratorCore_::fail_(ZnEmbeddedDbStatus status) {
 
 IndexKeys_ IteratorCore_::indexKeys() const {
     if (entry_ != nullptr)
-        return entry_->indexKeys;
+        return entry_->indexKeys();
     IndexKeys_ keys;
     decodeIndexKeys(metadata_, &keys); // which takeRecord_() has checked
     return keys;

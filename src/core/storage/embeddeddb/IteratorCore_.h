@@ -54,7 +54,7 @@ public:
 private:
     void settle_();
     bool findIndexed_();
-    bool takeRecord_(const RecordView_& record, const ValueEntry_* entry, const TableHandle_* table);
+    bool takeRecord_(const RecordView_& record, const MemtableEntry_* entry, const TableHandle_* table);
     bool takeBlob_(const BlobRef_& blob);
     bool fail_(ZnEmbeddedDbStatus status);
 
@@ -64,10 +64,10 @@ private:
     std::uint64_t left_; // records that may still be given, this one included
     RecordMerge_ merge_;
     bool isValid_ = false;
-    const RecordView_* record_ = nullptr; // on which it stands: the merge's, or that of found_
-    const ValueEntry_* entry_ = nullptr;  // of the record, when it is in memory
-    FoundRecord_ found_;                  // to which an index led
-    std::string_view metadata_;           // of the record, when it is in a table
+    const RecordView_* record_ = nullptr;   // on which it stands: the merge's, or that of found_
+    const MemtableEntry_* entry_ = nullptr; // of the record, when it is in memory
+    FoundRecord_ found_;                    // to which an index led
+    std::string_view metadata_;             // of the record, when it is in a table
     std::string_view value_;
     ZnByteArray blobValue_; // what value_ is a view of, when it lies in a blob file
     std::string secondaryKey_;

@@ -94,22 +94,23 @@ ZnEmbeddedDbStatus MemtableFlush_::writePrimary_() {
     return status.isOk() ? finish_(&writer, blobFileId_) : status;
 }
 
-ZnEmbeddedDbStatus MemtableFlush_::addPrimary_(TableWriter_* writer, std::string_view key, const ValueEntry_& entry) {
+ZnEmbeddedDbStatus MemtableFlush_::addPrimary_(TableWriter_* writer, std::string_view key,
+                                               const MemtableEntry_& entry) {
     storedValue_.clear();
     if (entry.tombstone)
         return writer->add({key, entry.sequence, kTombstoneRecord, {}});
     if (entry.value.size() <= settings_.blobThresholdBytes) {
-        encodeStoredValue(entry, &storedValue_);
+        encodeInlineValue(entry.value.view(), entry.indexKeys(), &storedValue_);
         return writer->add({key, entry.sequence, kInlineRecord, storedValue_});
     }
     BlobRef_ blob;
     if (ZnEmbeddedDbStatus status = externalizeBlobValue_(entry, &blob); !status.isOk())
         return status;
-    encodeBlobValue(blob, entry.indexKeys, &storedValue_);
+    encodeBlobValue(blob, entry.indexKeys(), &storedValue_);
     return writer->add({key, entry.sequence, kBlobRecord, storedValue_});
 }
 
-ZnEmbeddedDbStatus MemtableFlush_::externalizeBlobValue_(const ValueEntry_& entry, BlobRef_* blob) {
+ZnEmbeddedDbStatus MemtableFlush_::externalizeBlobValue_(const MemtableEntry_& entry, BlobRef_* blob) {
     if (blobFileId_ == 0) {
         blobFileId_ = settings_.nextTableId();
         if (ZnEmbeddedDbStatus status = blobWriter_.open(paths_.blobsDir, blobFileId_); !status.isOk())

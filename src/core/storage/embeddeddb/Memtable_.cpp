@@ -3,6 +3,8 @@
 #include "core/storage/embeddeddb/IndexKey_.h"
 #include "core/storage/embeddeddb/KeyWord_.h"
 
+#include "core/types/ZnAssert.h"
+
 #include <algorithm>
 #include <string>
 #include <utility>
@@ -11,19 +13,15 @@ namespace znEmbeddedDbDetail {
 
 namespace {
 
-/// Puts the entry in unless a newer one is there.
-template <typename Map, typename Entry>
-void insertNewest(Map* map, ZnByteArray key, Entry entry) {
-    const auto [at, isNew] = map->try_emplace(std::move(key), std::move(entry)); // moves only into a new place
-    if (!isNew && at->second.sequence <= entry.sequence)
-        at->second = std::move(entry);
-}
-
+/// The place of an entry with that key and sequence; null when a newer one is there.
 template <typename Map>
-void mergeNewest(Map* target, const Map& source) {
-    target->reserve(target->size() + source.size());
-    for (const auto& [key, entry] : source)
-        insertNewest(target, key, entry);
+typename Map::mapped_type* placeFor(Map* map, MemtableArena_* arena, std::string_view key, std::uint64_t sequence) {
+    const auto [at, isNew] = map->try_emplace(HeldBytes_(key));
+    if (isNew)
+        at->first.moveTo(arena->hold(key).data());
+    else if (at->second.sequence > sequence)
+        return nullptr;
+    return &at->second;
 }
 
 template <typename Map>
@@ -53,30 +51,44 @@ std::uint64_t smallestAboveZero(std::uint64_t left, std::uint64_t right) {
     return left == 0 || right == 0 ? std::max(left, right) : std::min(left, right);
 }
 
-ZnByteArray indexKeyOf(std::string_view secondary, std::string_view primary) {
-    std::string key;
-    appendIndexKey(&key, secondary, primary);
-    return ZnByteArray(key);
+std::uint64_t bytesOf(const IndexKeys_& indexKeys) {
+    std::uint64_t byteCount = 0;
+    for (const auto& [indexName, keys] : indexKeys)
+        for (const ZnByteArray& key : keys)
+            byteCount += key.size();
+    return byteCount;
 }
 
 } // namespace
 
+const IndexKeys_& MemtableEntry_::indexKeys() const noexcept {
+    static const IndexKeys_ kNone;
+    return keys == nullptr ? kNone : *keys;
+}
+
 bool Memtable_::apply(const WalOperation_& operation, std::uint64_t sequence) {
-    ValueEntry_ entry;
+    StoredValueView_ stored;
+    IndexKeys_ indexKeys;
     RetiredKeys_ retired;
     if (!decodeRetiredKeys(operation, &retired))
         return false;
-    if (!operation.isRemove &&
-        (!decodeStoredValue(operation.storedValue.data(), operation.storedValue.size(), &entry) || !entry.inlineValue))
+    if (!operation.isRemove && (!parseStoredValue(operation.storedValue, &stored) || !stored.isInline ||
+                                !decodeIndexKeys(stored.metadata, &indexKeys)))
         return false;
-    entry.tombstone = operation.isRemove;
-    entry.sequence = sequence;
-    for (const RetiredKey_& key : retired)
-        insertIndex(key.indexName, indexKeyOf(key.key.view(), operation.key), {true, sequence});
-    for (const auto& [indexName, keys] : entry.indexKeys)
-        for (const ZnByteArray& key : keys)
-            insertIndex(indexName, indexKeyOf(key.view(), operation.key), {false, sequence});
-    insert(ZnByteArray(operation.key), std::move(entry));
+    std::string indexKey;
+    for (const RetiredKey_& key : retired) {
+        indexKey.clear();
+        appendIndexKey(&indexKey, key.key.view(), operation.key);
+        insertIndex(key.indexName, indexKey, {true, sequence});
+    }
+    for (const auto& [indexName, keys] : indexKeys) {
+        for (const ZnByteArray& key : keys) {
+            indexKey.clear();
+            appendIndexKey(&indexKey, key.view(), operation.key);
+            insertIndex(indexName, indexKey, {false, sequence});
+        }
+    }
+    put_(operation.key, stored.value, indexKeys, operation.isRemove, sequence);
     return true;
 }
 
@@ -86,31 +98,47 @@ void Memtable_::noteEntry_(std::uint64_t sequence, std::uint64_t byteCount) {
     approximateBytes_ += byteCount + kEntryBytes;
 }
 
-void Memtable_::insert(ZnByteArray key, ValueEntry_ entry) {
-    std::uint64_t byteCount = key.size() + entry.value.size();
-    for (const auto& [indexName, keys] : entry.indexKeys)
-        for (const ZnByteArray& indexKey : keys)
-            byteCount += indexKey.size();
-    noteEntry_(entry.sequence, byteCount);
-    insertNewest(&primary_, std::move(key), std::move(entry));
+void Memtable_::insert(std::string_view key, const ValueEntry_& entry) {
+    ZN_ASSERT(entry.tombstone || entry.inlineValue);
+    put_(key, entry.value.view(), entry.indexKeys, entry.tombstone, entry.sequence);
 }
 
-void Memtable_::insertIndex(const ZnString& indexName, ZnByteArray indexKey, IndexEntry_ entry) {
+void Memtable_::put_(std::string_view key, std::string_view value, const IndexKeys_& indexKeys, bool isTombstone,
+                     std::uint64_t sequence) {
+    noteEntry_(sequence, key.size() + value.size() + bytesOf(indexKeys));
+    MemtableEntry_* entry = placeFor(&primary_, &arena_, key, sequence);
+    if (entry == nullptr)
+        return;
+    entry->tombstone = isTombstone;
+    entry->sequence = sequence;
+    entry->value = arena_.hold(value);
+    entry->keys = indexKeys.isEmpty() ? nullptr : std::make_unique<const IndexKeys_>(indexKeys);
+}
+
+Memtable_::Index& Memtable_::index_(const ZnString& indexName) {
+    return indexes_.try_emplace(indexName, &arena_).first->second;
+}
+
+void Memtable_::insertIndex(const ZnString& indexName, std::string_view indexKey, IndexEntry_ entry) {
     noteEntry_(entry.sequence, indexKey.size());
-    insertNewest(&indexes_[indexName], std::move(indexKey), entry);
+    if (IndexEntry_* place = placeFor(&index_(indexName), &arena_, indexKey, entry.sequence))
+        *place = entry;
 }
 
 void Memtable_::merge(const Memtable_& source) {
     walId = smallestAboveZero(walId, source.walId);
     minSequence_ = smallestAboveZero(minSequence_, source.minSequence_);
     maxSequence_ = std::max(maxSequence_, source.maxSequence_);
-    approximateBytes_ += source.approximateBytes_;
-    mergeNewest(&primary_, source.primary_);
+    const std::uint64_t byteCount = approximateBytes_ + source.approximateBytes_;
+    for (const auto& [key, entry] : source.primary_)
+        put_(key.view(), entry.value.view(), entry.indexKeys(), entry.tombstone, entry.sequence);
     for (const auto& [indexName, index] : source.indexes_)
-        mergeNewest(&indexes_[indexName], index);
+        for (const auto& [key, entry] : index)
+            insertIndex(indexName, key.view(), entry);
+    approximateBytes_ = byteCount; // overwritten entries included, as before
 }
 
-const ValueEntry_* Memtable_::find(std::string_view key) const {
+const MemtableEntry_* Memtable_::find(std::string_view key) const {
     const auto at = primary_.find(key);
     return at == primary_.end() ? nullptr : &at->second;
 }

@@ -44,7 +44,7 @@ public:
     /// The value of a memtable's is the user's, of a table's the stored one; of an index it is empty.
     const RecordView_& record() const noexcept { return *record_; }
     /// Null unless it is a primary record of a memtable.
-    const ValueEntry_* entry() const noexcept { return entry_; }
+    const MemtableEntry_* entry() const noexcept { return entry_; }
     /// Null unless it is of a table.
     const TableHandle_* table() const noexcept { return table_.get(); }
 
@@ -87,7 +87,7 @@ private:
     const Memtable_::SortedIndexKeys* indexEntries_ = nullptr; // exactly one of the three
     RecordView_ ownRecord_;               // of a list, or the key alone of a table that has not been read
     const RecordView_* record_ = nullptr; // ownRecord_, or that of the cursor: copying it costs more than reading it
-    const ValueEntry_* entry_ = nullptr;
+    const MemtableEntry_* entry_ = nullptr;
     bool isValid_ = false;
     bool isLazy_ = false; // there is a key alone, and the cursor has not been placed
     bool isReverse_ = false;

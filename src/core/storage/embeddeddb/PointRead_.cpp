@@ -32,24 +32,20 @@ Find findInTables(const TableList_& tables, std::string_view key, StoreCounters_
     return result;
 }
 
-ZnEmbeddedDbStatus readEntry(const ReadView_& view, const ValueEntry_& entry, ZnByteArray* value,
-                             IndexKeys_* indexKeys) {
+ZnEmbeddedDbStatus readEntry(const MemtableEntry_& entry, ZnByteArray* value, IndexKeys_* indexKeys) {
     if (entry.tombstone)
         return notFound();
-    if (value != nullptr && entry.inlineValue)
+    if (value != nullptr)
         value->assign(entry.value.data(), entry.value.size());
-    else if (value != nullptr)
-        if (ZnEmbeddedDbStatus status = view.blobs->read(entry.blob, value); !status.isOk())
-            return status;
     if (indexKeys != nullptr)
-        *indexKeys = entry.indexKeys;
+        *indexKeys = entry.indexKeys();
     return {};
 }
 
 ZnEmbeddedDbStatus readFound(const ReadView_& view, const FoundRecord_& found, ZnByteArray* value,
                              IndexKeys_* indexKeys) {
     if (found.entry != nullptr)
-        return readEntry(view, *found.entry, value, indexKeys);
+        return readEntry(*found.entry, value, indexKeys);
     if (found.record.type == kTombstoneRecord)
         return notFound();
     StoredValueView_ stored;
@@ -99,7 +95,7 @@ ZnEmbeddedDbStatus unreadableValue(const TableHandle_& table, const RecordView_&
 
 TableHandle_::Find findRecord(const ReadView_& view, std::string_view key, FoundRecord_* found) {
     for (const auto& memtable : view.sealed) {
-        if (const ValueEntry_* entry = unsorted(*memtable).find(key)) {
+        if (const MemtableEntry_* entry = unsorted(*memtable).find(key)) {
             const std::uint32_t type = entry->tombstone ? kTombstoneRecord : kInlineRecord;
             *found = {{key, entry->sequence, type, entry->value.view()}, entry, nullptr};
             return Find::Found;
@@ -130,8 +126,8 @@ TableHandle_::Find findIndexRecord(const ReadView_& view, const ZnString& indexN
 ZnEmbeddedDbStatus readRecord(const ReadView_& view, std::string_view key, ZnByteArray* value, IndexKeys_* indexKeys) {
     if (view.active != nullptr) {
         const MemtableReadScope_ scope(view.active->lock);
-        if (const ValueEntry_* entry = view.active->table.find(key))
-            return readEntry(view, *entry, value, indexKeys);
+        if (const MemtableEntry_* entry = view.active->table.find(key))
+            return readEntry(*entry, value, indexKeys);
     }
     return readBelowActive(view, key, value, indexKeys);
 }
@@ -145,11 +141,11 @@ ZnEmbeddedDbStatus readRecords(const ReadView_& view, const ZnVector<ZnByteArray
     if (view.active != nullptr) {
         const MemtableReadScope_ scope(view.active->lock); // once: a batch is seen as a whole or not at all
         for (std::size_t index = 0; index < keys.size(); ++index) {
-            const ValueEntry_* entry = view.active->table.find(keys[index].view());
+            const MemtableEntry_* entry = view.active->table.find(keys[index].view());
             isDecided[index] = entry != nullptr;
             ZnByteArray value;
             if (entry != nullptr)
-                if (ZnEmbeddedDbStatus status = readEntry(view, *entry, &value, nullptr);
+                if (ZnEmbeddedDbStatus status = readEntry(*entry, &value, nullptr);
                     !takeAnswer(status, std::move(value), &answers[index]))
                     return status;
         }

@@ -19,8 +19,8 @@ ZnEmbeddedDbStatus readRecords(const ReadView_& view, const ZnVector<ZnByteArray
 
 /// A record where it lies, in a sealed memtable or in a table. Thread: a value; good as long as the view.
 struct FoundRecord_ {
-    RecordView_ record;                 // the value of a memtable's is the user's, of a table's the stored one
-    const ValueEntry_* entry = nullptr; // of the memtable; null: it lies in `table`
+    RecordView_ record;                    // the value of a memtable's is the user's, of a table's the stored one
+    const MemtableEntry_* entry = nullptr; // of the memtable; null: it lies in `table`
     const TableHandle_* table = nullptr;
 };
 

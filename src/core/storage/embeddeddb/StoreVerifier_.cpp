@@ -232,8 +232,7 @@ void Verification::checkPrimaryRecord_(const FoundRecord_& found, bool isNewest)
         return;
     StoredValueView_ stored;
     if (found.entry != nullptr) {
-        stored.isInline = found.entry->inlineValue;
-        stored.blob = found.entry->blob;
+        stored.isInline = true;
     } else if (!parseRecordValue(found.record, &stored)) {
         addProblem_(ZnEmbeddedDbStatus::Corruption, unreadableValue(*found.table, found.record).message());
         return;
@@ -263,7 +262,7 @@ void Verification::checkIndexed_(const FoundRecord_& found, std::string_view met
     IndexKeys_ decoded;
     if (found.entry == nullptr)
         decodeIndexKeys(metadata, &decoded); // has been checked with the value
-    for (const auto& [indexName, keys] : found.entry != nullptr ? found.entry->indexKeys : decoded) {
+    for (const auto& [indexName, keys] : found.entry != nullptr ? found.entry->indexKeys() : decoded) {
         if (damagedIndexes_.count(indexName) != 0)
             continue;
         for (const ZnByteArray& key : keys) {
@@ -349,10 +348,6 @@ std::set<ZnString> Verification::usedBlobFiles_() const {
     for (const auto& table : fresh_.tables->primaryView)
         for (const std::uint64_t blobFileId : table->blobFileIds())
             names.insert(blobFileName(blobFileId));
-    for (const auto& memtable : fresh_.sealed)
-        for (const auto& [key, entry] : unsorted(*memtable).primary())
-            if (!entry.inlineValue && entry.blob.valid)
-                names.insert(blobFileName(entry.blob.blobFileId));
     return names;
 }
 

@@ -154,7 +154,7 @@ void LifecycleManager_::noteIndexes_(const RecoveredStore_& recovered) {
     for (const TableMeta_& table : recovered.manifest.tables)
         hasIndexes = hasIndexes || table.kind == kIndexTable;
     for (const SealedMemtable_& sealed : recovered.memtables)
-        hasIndexes = hasIndexes || !sealed.memtable->sealed().indexes().isEmpty();
+        hasIndexes = hasIndexes || !sealed.memtable->sealed().indexes().empty();
     store_.hasIndexes.store(hasIndexes);
 }
 

@@ -253,7 +253,14 @@ ZnEmbeddedDbStatus ZnEmbeddedDb::multiGet(const ZnVector<ZnByteArray>& keys,
                                           ZnVector<std::optional<ZnByteArray>>* values,
                                           const ZnEmbeddedDbSnapshotPtr& snapshot) const {
     const ReadViewPtr_ view = viewOf(*store_, snapshot);
-    return view == nullptr ? notOpen() : readRecords(*view, keys, values);
+    if (view == nullptr)
+        return notOpen();
+    view->counters->getCount.add(keys.size());
+    ZnEmbeddedDbStatus status = readRecords(*view, keys, values);
+    if (status.isOk())
+        view->counters->getHitCount.add(static_cast<std::uint64_t>(
+            std::count_if(values->begin(), values->end(), [](const auto& value) { return value.has_value(); })));
+    return status;
 }
 
 ZnEmbeddedDbStatus ZnEmbeddedDb::contains(ZnByteView key, const ZnEmbeddedDbSnapshotPtr& snapshot) const {

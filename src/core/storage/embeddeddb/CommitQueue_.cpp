@@ -175,6 +175,7 @@ std::uint64_t CommitQueue_::logBytes() {
 /// Ends in any case by saying so, so that nobody waits for a worker that is gone.
 void CommitQueue_::runWorker_() {
     const ZnMutexLocker locker(core_.mutex);
+    flushes_.assumeLocked();
     try {
         while (!commitStopRequested_ || commitActive_) {
             waitForWork_();
@@ -216,6 +217,7 @@ bool CommitQueue_::wantsSync_(long long nowNs) const {
 }
 
 bool CommitQueue_::hasWork_(long long nowNs) const {
+    flushes_.assumeLocked();
     if (flushes_.nextTimerNs() <= nowNs)
         return true;
     if (commitActive_)
@@ -224,6 +226,7 @@ bool CommitQueue_::hasWork_(long long nowNs) const {
 }
 
 void CommitQueue_::waitForWork_() {
+    flushes_.assumeLocked();
     for (;;) {
         if (!hasUnsynced_() || !core_.backgroundError.isOk()) { // nothing left to do for those who want a sync
             syncRequested_ = false;
@@ -310,6 +313,7 @@ ZnEmbeddedDbStatus CommitQueue_::makeRoom_() {
 }
 
 ZnEmbeddedDbStatus CommitQueue_::waitForFlush_() {
+    flushes_.assumeLocked();
     const long long beganNs = monotonicNowNs();
     bool hasWaited = false;
     while (core_.backgroundError.isOk() && flushes_.fullCount() >= core_.options.maxImmutableMemtables) {
@@ -330,6 +334,7 @@ ZnEmbeddedDbStatus CommitQueue_::waitForFlush_() {
 /// Begins a new log and a new memtable. The old log is synced first, so that of all logs the last one alone can end in
 /// half a frame.
 ZnEmbeddedDbStatus CommitQueue_::rotate_() {
+    flushes_.assumeLocked();
     const std::uint64_t walId = core_.manifest.nextWalId;
     const std::uint64_t lastSequence = core_.lastCommittedSequence;
     WalWriter_ next(core_.files);

@@ -22,6 +22,8 @@ public:
 
     FlushScheduler_(StoreCore_& core, ZnThreadPool& pool) : core_(core), pool_(pool) {}
 
+    /// Tells the analysis of locks that the caller holds the mutex, which it knows by another name.
+    void assumeLocked() const ZN_ASSUME_HELD(core_.mutex) {}
     /// Begins anew, for a store that has just been opened.
     void reset() ZN_REQUIRES(core_.mutex);
     /// Hands a flush to the pool when there is something to flush and none runs.

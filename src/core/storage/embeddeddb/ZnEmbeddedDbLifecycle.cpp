@@ -137,6 +137,7 @@ ZnEmbeddedDbStatus LifecycleManager_::beginToWrite_(Recovery_* recovery) {
             return core.backgroundError;
         core.collectObsoleteWalFiles();
         recovery->clean(core.manifest, core.tableHandles);
+        store_.flushes.assumeLocked();
         store_.flushes.reset();
     }
     store_.commits.startCommitWorker();
@@ -194,6 +195,7 @@ void LifecycleManager_::resetState_() {
     StoreCore_& core = store_.core;
     const ZnMutexLocker locker(core.mutex);
     core.reset();
+    store_.flushes.assumeLocked();
     store_.flushes.reset();
     store_.hasIndexes.store(false);
 }

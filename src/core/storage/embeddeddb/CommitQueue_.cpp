@@ -407,6 +407,9 @@ void CommitQueue_::insert_(GroupView_ group, std::uint64_t firstSequence) {
                 const bool isApplied = table.apply(operation, sequence++);
                 ZN_ASSERT(isApplied);
             }
+            core_.counters->batchCount.add();
+            core_.counters->putCount.add(write->putCount);
+            core_.counters->removeCount.add(write->batch.operationCount() - write->putCount);
         }
         if (table.walId == 0)
             table.walId = core_.manifest.activeWalId;

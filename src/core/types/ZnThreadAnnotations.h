@@ -17,4 +17,5 @@
 #define ZN_RELEASE(...) ZN_THREAD_ATTRIBUTE_(release_capability(__VA_ARGS__))
 #define ZN_RELEASE_GENERIC(...) ZN_THREAD_ATTRIBUTE_(release_generic_capability(__VA_ARGS__))
 #define ZN_TRY_ACQUIRE(...) ZN_THREAD_ATTRIBUTE_(try_acquire_capability(__VA_ARGS__))
+#define ZN_ASSUME_HELD(...) ZN_THREAD_ATTRIBUTE_(assert_capability(__VA_ARGS__))
 #define ZN_NO_THREAD_SAFETY_ANALYSIS ZN_THREAD_ATTRIBUTE_(no_thread_safety_analysis)

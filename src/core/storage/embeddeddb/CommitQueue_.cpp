@@ -216,6 +216,7 @@ std::uint64_t CommitQueue_::logBytes() {
 /// Ends in any case by saying so, so that nobody waits for a worker that is gone.
 void CommitQueue_::runWorker_() {
     const ZnMutexLocker locker(core_.mutex);
+    flushes_.assumeLocked();
     try {
         while (!commitStopRequested_ || commitActive_) {
             waitForWork_();
@@ -259,6 +260,7 @@ bool CommitQueue_::wantsSync_(long long nowNs) const {
 }
 
 bool CommitQueue_::hasWork_(long long nowNs) const {
+    flushes_.assumeLocked();
     if ((wantsNextLog_ && !preparesLog_) || flushes_.nextTimerNs() <= nowNs)
         return true;
     if (commitActive_)
@@ -267,6 +269,7 @@ bool CommitQueue_::hasWork_(long long nowNs) const {
 }
 
 void CommitQueue_::waitForWork_() {
+    flushes_.assumeLocked();
     for (;;) {
         if (!hasUnsynced_() || !core_.backgroundError.isOk()) { // nothing left to do for those who want a sync
             syncRequested_ = false;
@@ -353,6 +356,7 @@ ZnEmbeddedDbStatus CommitQueue_::makeRoom_() {
 }
 
 ZnEmbeddedDbStatus CommitQueue_::waitForFlush_() {
+    flushes_.assumeLocked();
     const long long beganNs = monotonicNowNs();
     bool hasWaited = false;
     flushes_.scheduleIfNeeded(); // what snapshots sealed may have come together to full ones
@@ -362,6 +366,7 @@ ZnEmbeddedDbStatus CommitQueue_::waitForFlush_() {
         if (!flushes_.lastFailure().isOk())
             return flushes_.lastFailure();
         hasWaited = true;
+        flushes_.scheduleIfNeeded(); // what became full by a snapshot's seal, nobody has told the pool of
         core_.workerCondition.wait(core_.mutex);
     }
     if (hasWaited) {
@@ -374,6 +379,7 @@ ZnEmbeddedDbStatus CommitQueue_::waitForFlush_() {
 /// Begins a new log and a new memtable. The old log is synced first, so that of all logs the last one alone can end in
 /// half a frame.
 ZnEmbeddedDbStatus CommitQueue_::rotate_() {
+    flushes_.assumeLocked();
     const std::uint64_t walId = core_.manifest.nextWalId;
     const std::uint64_t lastSequence = core_.lastCommittedSequence;
     if (ZnEmbeddedDbStatus status = syncLog_(); !status.isOk())
@@ -451,6 +457,9 @@ void CommitQueue_::insert_(GroupView_ group, std::uint64_t firstSequence) {
                 const bool isApplied = table.apply(operation, sequence++);
                 ZN_ASSERT(isApplied);
             }
+            core_.counters->batchCount.add();
+            core_.counters->putCount.add(write->putCount);
+            core_.counters->removeCount.add(write->batch.operationCount() - write->putCount);
         }
         if (table.walId == 0)
             table.walId = core_.manifest.activeWalId;

@@ -123,12 +123,18 @@ ZnEmbeddedDbStatus StoreListing_::read(ZnStorageFiles& files, const StorePaths_&
     return {};
 }
 
-ZnEmbeddedDbStatus createStore(ZnStorageFiles& files, const StorePaths_& paths) {
+ZnEmbeddedDbStatus checkNoStore(ZnStorageFiles& files, const StorePaths_& paths) {
     StoreListing_ listing;
     if (ZnEmbeddedDbStatus status = listing.read(files, paths); !status.isOk())
         return status;
     if (const ZnString file = firstFileOfStore(files, paths, listing); !file.isEmpty())
         return corruption("CURRENT is missing", paths.rootPath).at("there is " + file);
+    return {};
+}
+
+ZnEmbeddedDbStatus createStore(ZnStorageFiles& files, const StorePaths_& paths) {
+    if (ZnEmbeddedDbStatus status = checkNoStore(files, paths); !status.isOk())
+        return status;
     for (const ZnString* directory :
          {&paths.rootPath, &paths.walDir, &paths.tablesDir, &paths.blobsDir, &paths.tempDir})
         if (ZnEmbeddedDbStatus status = makeDirectory(files, *directory); !status.isOk())

@@ -62,6 +62,9 @@ private:
     std::uint64_t lastFrameSequence_ = 0; // of the frames read so far
 };
 
+/// Of a directory without CURRENT: code 7 when it holds what only a store with content can have left.
+ZnEmbeddedDbStatus checkNoStore(ZnStorageFiles& files, const StorePaths_& paths);
+
 /// Makes an empty store where none is: directories, first log, first manifest, CURRENT, in this order. Code 7 when
 /// there are files of a store already.
 ZnEmbeddedDbStatus createStore(ZnStorageFiles& files, const StorePaths_& paths);

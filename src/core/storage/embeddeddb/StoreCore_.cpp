@@ -106,8 +106,7 @@ void StoreCore_::adopt(RecoveredStore_&& recovered) {
 }
 
 void StoreCore_::reset() {
-    ++openGeneration;
-    options = {};
+    ++openGeneration; // the options stay: a writer may read them while the store is closed
     paths = {};
     counters = std::make_shared<StoreCounters_>();
     blobs = nullptr;

@@ -99,12 +99,6 @@ public:
         return {};
     }
     const std::shared_ptr<PendingWrite_>& write() const { return write_; }
-    void count() const {
-        StoreCounters_& counters = *store_.core.counters;
-        counters.batchCount.add();
-        counters.putCount.add(write_->putCount);
-        counters.removeCount.add(write_->batch.operationCount() - write_->putCount);
-    }
 
 private:
     ZnEmbeddedDbStatus findRetired_(std::string_view key, const ZnEmbeddedDbIndexKeys& indexKeys,
@@ -145,10 +139,7 @@ ZnEmbeddedDbStatus commitWrite(Store_& store, ZnEmbeddedDbDurability durability,
         return status;
     if (builder.write()->batch.operationCount() == 0)
         return {};
-    ZnEmbeddedDbStatus status = store.commits.commit(builder.write());
-    if (status.isOk())
-        builder.count();
-    return status;
+    return store.commits.commit(builder.write());
 }
 
 /// Hands an answer to the event loop of the thread that asked, or to the current thread when that has none any more.
@@ -229,11 +220,7 @@ void ZnEmbeddedDb::writeAsync(const ZnEmbeddedDbBatch& batch, std::function<void
         answer(status);
         return;
     }
-    builder.write()->whenDone = [answer, builder](const ZnEmbeddedDbStatus& outcome) {
-        if (outcome.isOk())
-            builder.count();
-        answer(outcome);
-    };
+    builder.write()->whenDone = answer;
     store_->commits.commitAsync(builder.write());
 }
 
@@ -253,7 +240,14 @@ ZnEmbeddedDbStatus ZnEmbeddedDb::multiGet(const ZnVector<ZnByteArray>& keys,
                                           ZnVector<std::optional<ZnByteArray>>* values,
                                           const ZnEmbeddedDbSnapshotPtr& snapshot) const {
     const ReadViewPtr_ view = viewOf(*store_, snapshot);
-    return view == nullptr ? notOpen() : readRecords(*view, keys, values);
+    if (view == nullptr)
+        return notOpen();
+    view->counters->getCount.add(keys.size());
+    ZnEmbeddedDbStatus status = readRecords(*view, keys, values);
+    if (status.isOk())
+        view->counters->getHitCount.add(static_cast<std::uint64_t>(
+            std::count_if(values->begin(), values->end(), [](const auto& value) { return value.has_value(); })));
+    return status;
 }
 
 ZnEmbeddedDbStatus ZnEmbeddedDb::contains(ZnByteView key, const ZnEmbeddedDbSnapshotPtr& snapshot) const {

@@ -121,10 +121,11 @@ void FlushScheduler_::runTask_(std::uint64_t generation) {
 
 /// From the oldest to the first full one; all, when somebody waits for the small ones.
 std::size_t FlushScheduler_::inputCount_() const {
-    const auto& line = core_.immutableMemtables;
-    const auto full =
-        std::find_if(line.begin(), line.end(), [](const SealedMemtable_& sealed) { return sealed.isFull; });
-    return full == line.end() ? line.size() : static_cast<std::size_t>(full - line.begin()) + 1;
+    const auto isFull = [](const SealedMemtable_& sealed) { return sealed.isFull; };
+    const auto begin = core_.immutableMemtables.begin();
+    const auto end = core_.immutableMemtables.end();
+    const auto full = std::find_if(begin, end, isFull);
+    return static_cast<std::size_t>(full - begin) + (full == end ? 0 : 1);
 }
 
 ZnEmbeddedDbStatus FlushScheduler_::flushOldest_() {

@@ -22,23 +22,21 @@ public:
 
     FlushScheduler_(StoreCore_& core, ZnThreadPool& pool) : core_(core), pool_(pool) {}
 
-    // These with the store's mutex held, which the analysis does not know again behind another part's reference to it.
-
+    /// Tells the analysis of locks that the caller holds the mutex, which it knows by another name.
+    void assumeLocked() const ZN_ASSUME_HELD(core_.mutex) {}
     /// Begins anew, for a store that has just been opened.
-    void reset() ZN_NO_THREAD_SAFETY_ANALYSIS;
+    void reset() ZN_REQUIRES(core_.mutex);
     /// Hands a flush to the pool when there is something to flush and none runs.
-    void scheduleIfNeeded() ZN_NO_THREAD_SAFETY_ANALYSIS;
+    void scheduleIfNeeded() ZN_REQUIRES(core_.mutex);
     /// When runTimers() should be called, in nanoseconds of the monotonic clock.
-    long long nextTimerNs() const ZN_NO_THREAD_SAFETY_ANALYSIS;
+    long long nextTimerNs() const ZN_REQUIRES(core_.mutex);
     /// Seals and flushes what has lain in memory without a write for the idle time, and tries again what failed.
-    void runTimers(long long nowNs) ZN_NO_THREAD_SAFETY_ANALYSIS;
+    void runTimers(long long nowNs) ZN_REQUIRES(core_.mutex);
 
     /// Sealed memtables that have reached their size.
-    std::size_t fullCount() const ZN_NO_THREAD_SAFETY_ANALYSIS;
+    std::size_t fullCount() const ZN_REQUIRES(core_.mutex);
     /// Of the latest flush; Ok when it succeeded, or there was none.
-    const ZnEmbeddedDbStatus& lastFailure() const ZN_NO_THREAD_SAFETY_ANALYSIS { return lastFailure_; }
-
-    // The rest without it.
+    const ZnEmbeddedDbStatus& lastFailure() const ZN_REQUIRES(core_.mutex) { return lastFailure_; }
 
     /// Writes all that is in memory now to tables, and waits until it is there.
     ZnEmbeddedDbStatus flush() ZN_EXCLUDES(core_.mutex);

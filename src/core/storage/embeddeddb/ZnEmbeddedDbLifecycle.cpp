@@ -83,8 +83,16 @@ ZnEmbeddedDbStatus LifecycleManager_::prepareDirectory_() {
         failWithCode("FindFirstFileW failed", code, &error);
         return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(root);
     }
-    if (core.options.readOnly)
-        return hasCurrent(core.files, core.paths) ? ZnEmbeddedDbStatus() : none;
+    const auto missing = [&] {
+        const ZnEmbeddedDbStatus lost = checkNoStore(core.files, core.paths);
+        return lost.isOk() ? none : lost;
+    };
+    if (core.options.readOnly) {
+        if (hasCurrent(core.files, core.paths))
+            return {};
+        const ZnEmbeddedDbStatus status = missing();
+        return hasCurrent(core.files, core.paths) ? ZnEmbeddedDbStatus() : status; // it may have been made just now
+    }
     if (const int made = code == ENOENT ? core.files.makePath(root) : 0; made != 0) {
         failWithCode("mkdir failed", made, &error);
         return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(root);
@@ -92,7 +100,7 @@ ZnEmbeddedDbStatus LifecycleManager_::prepareDirectory_() {
     if (ZnEmbeddedDbStatus status = store_.lockFile.take(core.files, core.paths); !status.isOk())
         return status;
     if (!hasCurrent(core.files, core.paths))
-        return mayCreate ? createStore(core.files, core.paths) : none;
+        return mayCreate ? createStore(core.files, core.paths) : missing();
     if (core.options.errorIfExists)
         return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::InvalidArgument, "database exists already").at(root);
     return {};
@@ -128,6 +136,7 @@ ZnEmbeddedDbStatus LifecycleManager_::beginToWrite_(Recovery_* recovery) {
             return core.backgroundError;
         core.collectObsoleteWalFiles();
         recovery->clean(core.manifest, core.tableHandles);
+        store_.flushes.assumeLocked();
         store_.flushes.reset();
     }
     store_.commits.startCommitWorker();
@@ -185,6 +194,7 @@ void LifecycleManager_::resetState_() {
     StoreCore_& core = store_.core;
     const ZnMutexLocker locker(core.mutex);
     core.reset();
+    store_.flushes.assumeLocked();
     store_.flushes.reset();
     store_.hasIndexes.store(false);
 }

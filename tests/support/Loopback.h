@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <string>
 #include <sys/socket.h>
+#include <vector>
 
 /// Blocking sockets of 127.0.0.1, which the caller closes.
 inline int listenOnLoopback(unsigned short* port, int backlog = 8) {
@@ -30,4 +32,19 @@ inline int connectToLoopback(unsigned short port) {
     const int on = 1;
     ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     return descriptor;
+}
+
+/// Everything that comes before the connection's end.
+inline std::string receiveAll(int descriptor) {
+    std::string received;
+    std::vector<char> buffer(65536);
+    for (ssize_t got = 0; (got = ::recv(descriptor, buffer.data(), buffer.size(), 0)) > 0;)
+        received.append(buffer.data(), static_cast<std::size_t>(got));
+    return received;
+}
+
+/// The close that follows resets the connection.
+inline void resetOnClose(int descriptor) {
+    const linger hard{1, 0};
+    ::setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &hard, sizeof(hard));
 }

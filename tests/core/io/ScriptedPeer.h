@@ -34,16 +34,9 @@ public:
         }
         /// Waits until the system has all bytes, or the connection has ended.
         void send(const std::string& bytes) { ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
-        void waitForClose() {
-            char buffer[1024];
-            while (::recv(descriptor_, buffer, sizeof(buffer), 0) > 0) {
-            }
-        }
+        void waitForClose() { receiveAll(descriptor_); }
         /// The script's end then resets the connection.
-        void resetAtEnd() {
-            const linger hard{1, 0};
-            ::setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &hard, sizeof(hard));
-        }
+        void resetAtEnd() { resetOnClose(descriptor_); }
 
     private:
         static bool isComplete_(const std::string& request) {
@@ -86,6 +79,14 @@ public:
         return [response](Connection& connection) {
             connection.receiveRequest();
             connection.send(response);
+        };
+    }
+    /// The same, but the client has to close.
+    static Script answeringAndStaying(const std::string& response) {
+        return [response](Connection& connection) {
+            connection.receiveRequest();
+            connection.send(response);
+            connection.waitForClose();
         };
     }
     /// A script that never answers.

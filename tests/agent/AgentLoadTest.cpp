@@ -10,18 +10,7 @@
 #include <optional>
 #include <sys/resource.h>
 
-#if !defined(__has_feature)
-#define __has_feature(name) 0
-#endif
-
 namespace {
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || \
-    __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool kIsSanitized = true;
-#else
-constexpr bool kIsSanitized = false;
-#endif
 
 /// One keep-alive connection; reads block for at most 20 seconds.
 class Client {
@@ -145,7 +134,7 @@ TEST_F(AgentLoad, CallsBeyondTheBoundAreRefusedAndTheAgentStaysResponsive) {
 }
 
 TEST_F(AgentLoad, ThousandsOfConnectionsBecomingReadyAtOnceAreAllAnswered) {
-    const std::size_t count = std::min<std::size_t>(kIsSanitized ? 2000 : 5000, descriptorLimit_ - 200);
+    const std::size_t count = std::min<std::size_t>(IS_SANITIZED ? 2000 : 5000, descriptorLimit_ - 200);
     long firstResidentKib = 0;
     for (int round = 0; round < 3; ++round) {
         auto clients = connect(count);
@@ -159,7 +148,7 @@ TEST_F(AgentLoad, ThousandsOfConnectionsBecomingReadyAtOnceAreAllAnswered) {
         if (round == 0)
             firstResidentKib = agent_->residentKib();
     }
-    if (!kIsSanitized) {
+    if (!IS_SANITIZED) {
         EXPECT_LT(agent_->residentKib(), firstResidentKib * 5 / 4);
     }
     expectOrderlyEnd(); // without a line in the log

@@ -36,6 +36,16 @@ TEST_F(ZnCoreApplicationTest, QuitFromAnotherThreadEndsASleepingLoop) {
     EXPECT_EQ(application_.exec(), 0); // at once: it cannot be taken back
 }
 
+TEST_F(ZnCoreApplicationTest, SubMillisecondTimersFireInTimeAndInOrder) {
+    std::vector<int> order;
+    const long long startNs = monotonicNowNs();
+    for (const int delayUs : {3000, 200, 201})
+        application_.addTimer([&order, delayUs] { order.push_back(delayUs); }, delayUs, true, 2);
+    ASSERT_TRUE(runUntil([&] { return order.size() == 3; }));
+    EXPECT_EQ(order, (std::vector<int>{200, 201, 3000}));
+    EXPECT_GE(monotonicNowNs() - startNs, 3000000);
+}
+
 TEST_F(ZnCoreApplicationTest, ACancelledTimerWhoseClosureIsQueuedDoesNotFire) {
     bool fired = false;
     int victim = 0;

@@ -5,7 +5,6 @@
 #include "support/TestProgram.h"
 
 #include <algorithm>
-#include <cstring>
 #include <memory>
 #include <optional>
 #include <sys/resource.h>
@@ -34,21 +33,7 @@ public:
         return answer();
     }
     /// Head and body of the next answer; empty when the connection ends or the time is up.
-    std::string answer() {
-        std::string input;
-        for (std::size_t wanted = 0; wanted == 0 || input.size() < wanted;) {
-            char buffer[65536];
-            const ssize_t got = ::recv(fd_, buffer, sizeof(buffer), 0);
-            if (got <= 0)
-                return {};
-            input.append(buffer, static_cast<std::size_t>(got));
-            const std::size_t headEnd = input.find("\r\n\r\n");
-            const std::size_t lengthAt = input.find("content-length: ");
-            if (headEnd != std::string::npos && lengthAt < headEnd)
-                wanted = headEnd + 4 + std::stoul(input.substr(lengthAt + std::strlen("content-length: "), 20));
-        }
-        return input;
-    }
+    std::string answer() { return receiveMessage(fd_); }
     bool hasAnswer() const {
         char byte = 0;
         return ::recv(fd_, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 1;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/HttpReader.h"
+
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -41,6 +43,25 @@ inline std::string receiveAll(int descriptor) {
     for (ssize_t got = 0; (got = ::recv(descriptor, buffer.data(), buffer.size(), 0)) > 0;)
         received.append(buffer.data(), static_cast<std::size_t>(got));
     return received;
+}
+
+/// An HTTP message with its counted body; empty when the connection ends first.
+inline std::string receiveMessage(int descriptor) {
+    std::string message;
+    std::vector<char> buffer(65536);
+    for (std::size_t wantedBytes = 0; wantedBytes == 0 || message.size() < wantedBytes;) {
+        const ssize_t got = ::recv(descriptor, buffer.data(), buffer.size(), 0);
+        if (got <= 0)
+            return {};
+        message.append(buffer.data(), static_cast<std::size_t>(got));
+        const std::size_t headEnd = wantedBytes == 0 ? message.find("\r\n\r\n") : std::string::npos;
+        if (headEnd != std::string::npos) {
+            const std::size_t lengthAt = http_reader::lower(message.substr(0, headEnd)).find("content-length: ");
+            wantedBytes = headEnd + 4;
+            wantedBytes += lengthAt == std::string::npos ? 0 : std::stoul(message.substr(lengthAt + 16, 20));
+        }
+    }
+    return message;
 }
 
 /// The close that follows resets the connection.

@@ -109,8 +109,8 @@ TEST_F(McpForwardTest, AnswersOfAServiceWithInterop) {
         return "{" + body + R"(,"errorCode": 0,"mcpSessionId": "12",)" + others +
                R"("reason": "OK","statusCode": 200,"transportOk": true})";
     };
-    const std::string json = R"({"v": "1.10","jsonrpc": "2.0","n": 1.10,"big": 12345678901234567890,)"
-                             R"("l": ["true","",1e21,1E+2,-0,-0.0,0.1000000000000000055,null,{},"\" \\ \n \u0001"],"é": "ü€😀"})";
+    const std::string json = R"({"v": "1.10","jsonrpc": "2.0","n": 1.10,"big": 12345678901234567890,"l": ["true")"
+                             R"(,"",1e21,1E+2,-0,-0.0,0.1000000000000000055,null,{},"\" \\ \n \u0001"],"é": "ü€😀"})";
     const std::string progress = R"({"jsonrpc":"2.0","method":"notifications/progress","id":"7","params":{"p":1.0}})";
     const std::string answer = "data: {\"id\":\"7\",\ndata: \"result\":{\"n\":1.50}}\n\n";
     const std::string head = "HTTP/1.1 200 OK\r\nMcp-Session-Id: 12\r\nContent-Length: ";
@@ -157,7 +157,8 @@ TEST_F(McpForwardTest, ALongStreamOfSmallEventsKeepsItsOrderAndOneOfTooManyIsCut
         events += "data: " + message + "\n\n";
         notifications += (i == 0 ? "" : ",") + message;
     }
-    EXPECT_TRUE(rpcTo(ScriptedPeer::answeringAndStaying(head + events + "data: {\"id\":1}\n\n"), interop, R"({"id":1})") ==
+    const auto script = ScriptedPeer::answeringAndStaying(head + events + "data: {\"id\":1}\n\n");
+    EXPECT_TRUE(rpcTo(script, interop, R"({"id":1})") ==
                 R"({"body": {"id": 1},"errorCode": 0,"mcpSessionId": "","notifications": [)" + notifications +
                     R"(],"reason": "OK","statusCode": 200,"transportOk": true})");
     LogCapture log;

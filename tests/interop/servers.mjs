@@ -1,5 +1,5 @@
-// Upstream servers for the interoperability tests: made with each SDK, in this process; and server-everything in its own.
-// All on loopback, on free ports.
+// Upstream servers for the interoperability tests: made with each SDK, in this process; and server-everything in its
+// own. All on loopback, on free ports.
 
 import { fork } from 'node:child_process';
 import { randomUUID } from 'node:crypto';

@@ -572,10 +572,11 @@ TEST_F(ZnHttpServerPoolTest, FilesOfUploadsGoWithTheirRequest) {
         opened_.wait();
         context.text("done");
     });
-    const auto fileCount = [&] { return std::distance(std::filesystem::directory_iterator(directory.path().str()), {}); };
+    const std::string folder = directory.path().str();
+    const auto fileCount = [&] { return std::distance(std::filesystem::directory_iterator(folder), {}); };
     const std::string body = "--b\r\ncontent-disposition: form-data; name=f; filename=x\r\n\r\ncontent\r\n--b--\r\n";
-    const std::string input = "POST /upload HTTP/1.1\r\ncontent-type: multipart/form-data; boundary=b\r\ncontent-length: " +
-                              std::to_string(body.size()) + "\r\n\r\n" + body;
+    const std::string input = "POST /upload HTTP/1.1\r\ncontent-type: multipart/form-data; boundary=b\r\n"
+                              "content-length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
     const int client = connectToLoopback(port_);
     ::send(client, input.data(), input.size(), MSG_NOSIGNAL);
     ASSERT_TRUE(pollUntil([&] { return waitingCount_ == 1; }));

@@ -5,23 +5,11 @@
 #include "support/TestProgram.h"
 
 #include <algorithm>
-#include <cstring>
 #include <memory>
 #include <optional>
 #include <sys/resource.h>
 
-#if !defined(__has_feature)
-#define __has_feature(name) 0
-#endif
-
 namespace {
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || \
-    __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool kIsSanitized = true;
-#else
-constexpr bool kIsSanitized = false;
-#endif
 
 /// One keep-alive connection; reads block for at most 20 seconds.
 class Client {
@@ -45,21 +33,7 @@ public:
         return answer();
     }
     /// Head and body of the next answer; empty when the connection ends or the time is up.
-    std::string answer() {
-        std::string input;
-        for (std::size_t wanted = 0; wanted == 0 || input.size() < wanted;) {
-            char buffer[65536];
-            const ssize_t got = ::recv(fd_, buffer, sizeof(buffer), 0);
-            if (got <= 0)
-                return {};
-            input.append(buffer, static_cast<std::size_t>(got));
-            const std::size_t headEnd = input.find("\r\n\r\n");
-            const std::size_t lengthAt = input.find("content-length: ");
-            if (headEnd != std::string::npos && lengthAt < headEnd)
-                wanted = headEnd + 4 + std::stoul(input.substr(lengthAt + std::strlen("content-length: "), 20));
-        }
-        return input;
-    }
+    std::string answer() { return receiveMessage(fd_); }
     bool hasAnswer() const {
         char byte = 0;
         return ::recv(fd_, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 1;
@@ -145,7 +119,7 @@ TEST_F(AgentLoad, CallsBeyondTheBoundAreRefusedAndTheAgentStaysResponsive) {
 }
 
 TEST_F(AgentLoad, ThousandsOfConnectionsBecomingReadyAtOnceAreAllAnswered) {
-    const std::size_t count = std::min<std::size_t>(kIsSanitized ? 2000 : 5000, descriptorLimit_ - 200);
+    const std::size_t count = std::min<std::size_t>(IS_SANITIZED ? 2000 : 5000, descriptorLimit_ - 200);
     long firstResidentKib = 0;
     for (int round = 0; round < 3; ++round) {
         auto clients = connect(count);
@@ -159,7 +133,7 @@ TEST_F(AgentLoad, ThousandsOfConnectionsBecomingReadyAtOnceAreAllAnswered) {
         if (round == 0)
             firstResidentKib = agent_->residentKib();
     }
-    if (!kIsSanitized) {
+    if (!IS_SANITIZED) {
         EXPECT_LT(agent_->residentKib(), firstResidentKib * 5 / 4);
     }
     expectOrderlyEnd(); // without a line in the log

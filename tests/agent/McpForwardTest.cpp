@@ -33,6 +33,12 @@ protected:
         EXPECT_TRUE(runUntil([&] { return !result->empty(); }));
         return *result;
     }
+    /// The result when a service of its own does what `script` says.
+    std::string rpcTo(ScriptedPeer::Script script, const std::string& more, const std::string& request = "{}") {
+        ScriptedPeer peer(std::move(script));
+        setService(peer.url(), more);
+        return rpc(R"({"serviceId":"s","request":)" + request + "}");
+    }
     static std::string failed(int code, const std::string& message = {}) {
         return R"(error: {"errorCode": )" + std::to_string(code) + R"(,"mcpSessionId": "",)" +
                (message.empty() ? "" : R"("message": ")" + message + "\",") +
@@ -88,29 +94,9 @@ TEST_F(McpForwardTest, OutcomesOfTheCall) {
          R"({"errorCode": 0,"mcpSessionId": "","rawBody": "null","reason": "OK","statusCode": 200,"transportOk": true})"},
         {"chunking", "HTTP/1.1 200 OK\r\ntransfer-encoding: chunked\r\n\r\nxyz\r\n", failed(-4)},
         {"closed early", "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\n{}", failed(-1001)}, // at once
-        {"closed in the head", "HTTP/1.1 200 OK\r\nContent-", failed(-1001)},
     };
-    LogCapture log;
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        ScriptedPeer peer(ScriptedPeer::answering(row.response));
-        setService(peer.url(), R"(,"timeoutMs":60000)");
-        EXPECT_EQ(rpc(), row.result);
-    }
-    ScriptedPeer plain([](ScriptedPeer::Connection& connection) {
-        connection.send("no TLS");
-        connection.waitForClose();
-    });
-    ScriptedPeer stalled(ScriptedPeer::silent()); // in the handshake
-    ZnResolver::setLookupForTests([](const ZnString&) { return ZnResolver::Result(); });
-    const std::pair<std::string, int> failures[] = {{"no url", -1},
-                                                    {"https" + plain.url().substr(4), ZnSslSocket::kHandshakeFailed},
-                                                    {"https" + stalled.url().substr(4), -1001},
-                                                    {"http://name.test/", 11001}};
-    for (const auto& [url, code] : failures) {
-        setService(url, code == -1001 ? R"(,"timeoutMs":200)" : "");
-        EXPECT_EQ(rpc(), failed(code)) << url;
-    }
+    for (const Row& row : rows)
+        EXPECT_EQ(rpcTo(ScriptedPeer::answering(row.response), R"(,"timeoutMs":60000)"), row.result) << row.name;
 }
 
 TEST_F(McpForwardTest, AnswersOfAServiceWithInterop) {
@@ -123,14 +109,16 @@ TEST_F(McpForwardTest, AnswersOfAServiceWithInterop) {
         return "{" + body + R"(,"errorCode": 0,"mcpSessionId": "12",)" + others +
                R"("reason": "OK","statusCode": 200,"transportOk": true})";
     };
-    const std::string json = R"({"v": "1.10","jsonrpc": "2.0","n": 1.10,"big": 12345678901234567890})";
+    const std::string json = R"({"v": "1.10","jsonrpc": "2.0","n": 1.10,"big": 12345678901234567890,"l": ["true")"
+                             R"(,"",1e21,1E+2,-0,-0.0,0.1000000000000000055,null,{},"\" \\ \n \u0001"],"é": "ü€😀"})";
     const std::string progress = R"({"jsonrpc":"2.0","method":"notifications/progress","id":"7","params":{"p":1.0}})";
     const std::string answer = "data: {\"id\":\"7\",\ndata: \"result\":{\"n\":1.50}}\n\n";
     const std::string head = "HTTP/1.1 200 OK\r\nMcp-Session-Id: 12\r\nContent-Length: ";
     struct Row { const char* name; const char* request; std::string response; bool isEnded; std::string result; };
     const Row rows[] = {
         {"JSON", R"({"id":"7"})", head + std::to_string(json.size()) + "\r\n\r\n" + json, false,
-         result(R"("body": {"big": 12345678901234567890,"jsonrpc": "2.0","n": 1.10,"v": "1.10"})")},
+         result(R"("body": {"big": 12345678901234567890,"jsonrpc": "2.0","l": ["true","",1e21,1E+2,-0,-0.0,)"
+                R"(0.1000000000000000055,null,{},"\" \\ \n \u0001"],"n": 1.10,"v": "1.10","é": "ü€😀"})")},
         {"no answer to a notification", R"({"method":"m"})", head + "0\r\n\r\n", false,
          R"({"errorCode": 0,"mcpSessionId": "12","rawBody": "","reason": "OK","statusCode": 200,"transportOk": true})"},
         {"others come first", R"({"id":"7"})",
@@ -154,36 +142,30 @@ TEST_F(McpForwardTest, AnswersOfAServiceWithInterop) {
     };
     LogCapture log;
     for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        ScriptedPeer peer([&row](ScriptedPeer::Connection& connection) {
-            connection.receiveRequest();
-            connection.send(row.response);
-            if (!row.isEnded) // the stream stays open
-                connection.waitForClose();
-        });
-        setService(peer.url(), R"(,"interop":true)");
-        EXPECT_EQ(rpc(R"({"serviceId":"s","request":)" + std::string(row.request) + "}"), row.result);
+        const auto script = row.isEnded ? &ScriptedPeer::answering : &ScriptedPeer::answeringAndStaying;
+        EXPECT_EQ(rpcTo(script(row.response), R"(,"interop":true)", row.request), row.result) << row.name;
     }
 }
 
-TEST_F(McpForwardTest, ALongStreamOfSmallEventsKeepsItsOrder) {
-    constexpr int kCount = 30000; // more than is read on the loop
+TEST_F(McpForwardTest, ALongStreamOfSmallEventsKeepsItsOrderAndOneOfTooManyIsCutOff) {
+    const std::string head = "HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\n\r\n";
+    const std::string interop = R"(,"interop":true)";
     std::string events;
     std::string notifications;
-    for (int i = 0; i < kCount; ++i) {
+    for (int i = 0; i < 30000; ++i) { // more than is read on the loop
         const std::string message = R"({"n": )" + std::to_string(i) + "}";
         events += "data: " + message + "\n\n";
         notifications += (i == 0 ? "" : ",") + message;
     }
-    ScriptedPeer peer([&](ScriptedPeer::Connection& connection) {
-        connection.receiveRequest();
-        connection.send("HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\n\r\n" + events + "data: {\"id\":1}\n\n");
-        connection.waitForClose();
-    });
-    setService(peer.url(), R"(,"interop":true)");
-    EXPECT_TRUE(rpc(R"({"serviceId":"s","request":{"id":1}})") ==
+    const auto script = ScriptedPeer::answeringAndStaying(head + events + "data: {\"id\":1}\n\n");
+    EXPECT_TRUE(rpcTo(script, interop, R"({"id":1})") ==
                 R"({"body": {"id": 1},"errorCode": 0,"mcpSessionId": "","notifications": [)" + notifications +
                     R"(],"reason": "OK","statusCode": 200,"transportOk": true})");
+    LogCapture log;
+    events.clear();
+    for (std::size_t i = 0; i <= McpAnswerStream::kMaxMessages; ++i)
+        events += "data:0\n\n";
+    EXPECT_TRUE(holds(rpcTo(ScriptedPeer::answeringAndStaying(head + events), interop), "\"errorCode\": -6"));
 }
 
 TEST_F(McpForwardTest, AnswersAreBoundedAlsoByWhatTheyBecome) {
@@ -201,11 +183,7 @@ TEST_F(McpForwardTest, AnswersAreBoundedAlsoByWhatTheyBecome) {
                            {"has no end of the head", "HTTP/1.1 200 OK\r\nA: ", std::string(70000, 'x'), false}})
         for (const bool isInterop : {true, false}) {
             SCOPED_TRACE(row.name + std::string(isInterop ? ", with interoperability" : ""));
-            ScriptedPeer peer([&row](ScriptedPeer::Connection& connection) {
-                connection.receiveRequest();
-                connection.send(row.head + row.body);
-                connection.waitForClose();
-            });
+            ScriptedPeer peer(ScriptedPeer::answeringAndStaying(row.head + row.body));
             setService(peer.url(), isInterop ? R"(,"interop":true)" : "");
             const std::string address = "127.0.0.1:" + std::to_string(peer.port());
             EXPECT_EQ(rpc(), row.isTaken ? R"({"body": )" + large + R"(,"errorCode": 0,"mcpSessionId": "","reason": "OK",)" +
@@ -214,23 +192,13 @@ TEST_F(McpForwardTest, AnswersAreBoundedAlsoByWhatTheyBecome) {
         }
 }
 
-TEST_F(McpForwardTest, AStreamOfTooManyMessagesIsCutOff) {
+TEST_F(McpForwardTest, FailuresHaveTheirCodeAndExplainThemselvesWithInterop) {
     LogCapture log;
-    std::string events;
-    for (std::size_t i = 0; i <= McpAnswerStream::kMaxMessages; ++i)
-        events += "data:0\n\n";
-    ScriptedPeer peer([&](ScriptedPeer::Connection& connection) {
-        connection.receiveRequest();
-        connection.send("HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\n\r\n" + events);
+    ScriptedPeer silent(ScriptedPeer::silent()); // over TLS it stays in the handshake
+    ScriptedPeer plain([](ScriptedPeer::Connection& connection) {
+        connection.send("no TLS");
         connection.waitForClose();
     });
-    setService(peer.url(), R"(,"interop":true)");
-    EXPECT_TRUE(holds(rpc(R"({"serviceId":"s","request":{"id":1}})"), "\"errorCode\": -6"));
-}
-
-TEST_F(McpForwardTest, FailuresExplainThemselvesWithInterop) {
-    LogCapture log;
-    ScriptedPeer silent(ScriptedPeer::silent());
     ScriptedPeer early(ScriptedPeer::answering("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\n{}"));
     const std::string closed = ScriptedPeer(ScriptedPeer::silent()).url();
     const std::string address = closed.substr(7, closed.find('/', 7) - 7);
@@ -238,13 +206,18 @@ TEST_F(McpForwardTest, FailuresExplainThemselvesWithInterop) {
     const struct { std::string url; int code; std::string message; } kRows[] = {
         {closed, 10061, "connection refused by " + address},
         {silent.url(), -1001, "no answer within 200 ms"},
+        {"https" + silent.url().substr(4), -1001, "no answer within 200 ms"},
+        {"https" + plain.url().substr(4), ZnSslSocket::kHandshakeFailed,
+         "TLS with 127.0.0.1:" + std::to_string(plain.port()) + " failed"},
         {early.url(), -1001, "127.0.0.1:" + std::to_string(early.port()) + " closed the connection before its answer was complete"},
         {"http://user:hush@" + address + "/", -1, "the endpoint in the allowlist is no usable URL"},
         {"http://name.test:81/?hush", 11001, "the host name of name.test:81 is not known"}};
     for (const auto& row : kRows) {
+        log.take();
         setService(row.url, R"(,"interop":true,"timeoutMs":200)");
         EXPECT_EQ(rpc(), failed(row.code, row.message));
         EXPECT_EQ(log.countOf("call to service \"s\" failed: " + std::to_string(row.code) + ", " + row.message), 1);
+        EXPECT_EQ(log.countOf("hush"), 0);
     }
     ScriptedPeer status(ScriptedPeer::answering("HTTP/1.1 401 No\x1Bway\r\nContent-Length: 0\r\n\r\n"));
     setService(status.url(), R"(,"interop":true)");
@@ -255,6 +228,10 @@ TEST_F(McpForwardTest, FailuresExplainThemselvesWithInterop) {
     for (int i = 0; i < 30; ++i)
         rpc();
     EXPECT_LE(log.countOf("call to service"), 2 * McpForwardCalls::kReportsPerSecond + 5);
+    for (const auto& row : kRows) {
+        setService(row.url, R"(,"timeoutMs":200)");
+        EXPECT_EQ(rpc(), failed(row.code)) << row.url;
+    }
     EXPECT_EQ(log.countOf("hush"), 0);
     setService("http://user:hush@" + address + "/a@b?c", "");
     EXPECT_TRUE(holds(bodyOf(call("GET", "/services/s")), "\"endpoint\": \"http://" + address + "/a@b?c\""));
@@ -279,8 +256,8 @@ TEST_F(McpForwardTest, ACallEndsWithItsClient) {
         ASSERT_EQ(::send(client, message.data(), message.size(), 0), static_cast<ssize_t>(message.size()));
         std::future<void> isRequested = requested.get_future();
         ASSERT_TRUE(pollUntil([&] { return isRequested.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
-        const linger reset = {isReset ? 1 : 0, 0};
-        ::setsockopt(client, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+        if (isReset)
+            resetOnClose(client);
         ::close(client);
         std::future<void> isClosed = closed.get_future();
         EXPECT_TRUE(pollUntil([&] { return isClosed.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));

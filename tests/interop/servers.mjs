@@ -1,5 +1,5 @@
-// Upstream servers for the interoperability tests: made with each SDK, in this process; server-everything in its own;
-// and one that answers with exact bytes. All on loopback, on free ports.
+// Upstream servers for the interoperability tests: made with each SDK, in this process; and server-everything in its
+// own. All on loopback, on free ports.
 
 import { fork } from 'node:child_process';
 import { randomUUID } from 'node:crypto';
@@ -78,20 +78,6 @@ export async function startSdkServer(sdk, { stateful, json }, received) {
 export async function startSdk2Handler(received) {
     const handle = toNodeHandler(createMcpHandler(() => makeServer(serverSdks['2.x'])));
     return listen(received, (request, response, text) => handle(request, response, JSON.parse(text)));
-}
-
-/// Answers with the bytes of the request's "v", as JSON or as an event stream.
-export async function startExactServer(received) {
-    return listen(received, (request, response, text) => {
-        const value = /"v": (.*)\},"name"/.exec(text)[1];
-        const answer = `{"result":{"v":${value}},"id":${/"id": ([^,]*),/.exec(text)[1]},"jsonrpc":"2.0"}`;
-        const isStream = text.includes('"name": "stream"');
-        response.writeHead(200, { 'content-type': isStream ? 'text/event-stream' : 'application/json' });
-        if (!isStream)
-            return response.end(answer);
-        // It stays open: the answer ends the call.
-        response.write(`\ufeff: comment\r\ndata: {"method":"note",\ndata: "params":${value}}\r\rdata: ${answer}\n\n`);
-    });
 }
 
 /// server-everything chooses its own address, so loopback and a free port are put in its way.

@@ -3,7 +3,6 @@
 #include "support/Loopback.h"
 
 #include <atomic>
-#include <cstdlib>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -21,40 +20,14 @@ public:
         explicit Connection(int descriptor) : descriptor_(descriptor) {}
 
         /// One request with its counted body; empty when the client closed first.
-        std::string receiveRequest() {
-            std::string request;
-            while (!isComplete_(request)) {
-                char buffer[16384];
-                const ssize_t got = ::recv(descriptor_, buffer, sizeof(buffer), 0);
-                if (got <= 0)
-                    return {};
-                request.append(buffer, static_cast<std::size_t>(got));
-            }
-            return request;
-        }
+        std::string receiveRequest() { return receiveMessage(descriptor_); }
         /// Waits until the system has all bytes, or the connection has ended.
         void send(const std::string& bytes) { ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
-        void waitForClose() {
-            char buffer[1024];
-            while (::recv(descriptor_, buffer, sizeof(buffer), 0) > 0) {
-            }
-        }
+        void waitForClose() { receiveAll(descriptor_); }
         /// The script's end then resets the connection.
-        void resetAtEnd() {
-            const linger hard{1, 0};
-            ::setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &hard, sizeof(hard));
-        }
+        void resetAtEnd() { resetOnClose(descriptor_); }
 
     private:
-        static bool isComplete_(const std::string& request) {
-            const std::size_t headEnd = request.find("\r\n\r\n");
-            if (headEnd == std::string::npos)
-                return false;
-            const std::size_t lengthAt = request.find("Content-Length: ");
-            const int bodyBytes = lengthAt < headEnd ? std::atoi(request.c_str() + lengthAt + 16) : 0;
-            return request.size() >= headEnd + 4 + static_cast<std::size_t>(bodyBytes);
-        }
-
         int descriptor_;
     };
     using Script = std::function<void(Connection&)>;
@@ -86,6 +59,14 @@ public:
         return [response](Connection& connection) {
             connection.receiveRequest();
             connection.send(response);
+        };
+    }
+    /// The same, but the client has to close.
+    static Script answeringAndStaying(const std::string& response) {
+        return [response](Connection& connection) {
+            connection.receiveRequest();
+            connection.send(response);
+            connection.waitForClose();
         };
     }
     /// A script that never answers.

@@ -1,5 +1,6 @@
 #include "core/io/ZnSslSocket.h"
 
+#include "core/io/RawTlsClient.h"
 #include "core/io/TlsPeers.h"
 #include "core/io/ZnSslServer.h"
 #include "core/platform/ZnResolver.h"
@@ -7,10 +8,7 @@
 #include "core/runtime/ZnTimer.h"
 #include "support/LogCapture.h"
 #include "support/LoopFixture.h"
-#include "support/Loopback.h"
 
-#include <future>
-#include <openssl/ssl.h>
 #include <poll.h>
 
 namespace {
@@ -40,46 +38,6 @@ std::string pattern(std::size_t byteCount, unsigned seed) {
         c = static_cast<char>((seed = seed * 1664525U + 1013904223U) >> 24);
     return text;
 }
-
-/// The client's side of a TLS connection in OpenSSL's own terms, on a blocking socket.
-class RawTlsClient {
-public:
-    explicit RawTlsClient(unsigned short port) : descriptor_(connectToLoopback(port)) {
-        SSL_set_fd(ssl_, descriptor_);
-        handshake_ = std::async(std::launch::async, [this] { EXPECT_EQ(SSL_connect(ssl_), 1); });
-    }
-    ~RawTlsClient() {
-        SSL_free(ssl_);
-        SSL_CTX_free(context_);
-        ::close(descriptor_);
-    }
-    /// Behind the handshake, which needs the loop.
-    SSL* ssl() {
-        if (handshake_.valid())
-            handshake_.get();
-        return ssl_;
-    }
-    int descriptor() { return SSL_get_fd(ssl()); }
-    void reset() {
-        const linger hard{1, 0};
-        ::setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &hard, sizeof(hard));
-        ::close(std::exchange(descriptor_, -1));
-    }
-    /// Everything up to the end.
-    std::string readAll() {
-        std::string text;
-        char buffer[1024];
-        for (int got = 0; (got = SSL_read(ssl(), buffer, sizeof(buffer))) > 0;)
-            text.append(buffer, static_cast<std::size_t>(got));
-        return text;
-    }
-
-private:
-    int descriptor_;
-    SSL_CTX* const context_ = SSL_CTX_new(TLS_client_method());
-    SSL* const ssl_ = SSL_new(context_);
-    std::future<void> handshake_;
-};
 
 /// A server with the certificate "good", which takes over what it accepts, and a client that trusts its authority.
 class ZnSslSocketTest : public LoopFixture {

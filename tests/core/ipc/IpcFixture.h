@@ -6,8 +6,8 @@
 #include <csignal>
 #include <cstdint>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
 #include <string>
@@ -27,12 +27,10 @@ inline ZnString testDomain() {
 /// Names of shared objects that hold `text`.
 inline std::vector<std::string> sharedObjects(const ZnString& text) {
     std::vector<std::string> names;
-    DIR* directory = ::opendir("/dev/shm");
-    while (const dirent* entry = ::readdir(directory)) {
-        if (std::string(entry->d_name).find(text.str()) != std::string::npos)
-            names.emplace_back(entry->d_name);
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
+        if (entry.path().filename().string().find(text.view()) != std::string::npos)
+            names.push_back(entry.path().filename().string());
     }
-    ::closedir(directory);
     return names;
 }
 

@@ -262,19 +262,4 @@ TEST(IpcHostileObjects, GarbageOfTheRightSizeBeginsAnew) {
     EXPECT_FALSE(SignalBlock::open(domain, "o", "s", &error));
 }
 
-TEST(IpcSharedMemory, LivesAsLongAsSomeoneHasItOpen) {
-    const ZnString domain = testDomain();
-    const auto open = [&] {
-        ZnString error;
-        return SignalBlock::open(domain, "o", "s", &error);
-    };
-    auto first = open();
-    auto second = open();
-    first->publish(0, [] { return std::optional<SignalValue>({0, 1, 2}); });
-    first.reset();
-    EXPECT_EQ(open()->sequence(), 1U);
-    second.reset();
-    EXPECT_THAT(sharedObjects(domain), IsEmpty());
-}
-
 } // namespace

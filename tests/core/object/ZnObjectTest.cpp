@@ -30,19 +30,6 @@ public:
 
 class ZnObjectTest : public LoopFixture {};
 
-TEST_F(ZnObjectTest, DirectDeliveryKeepsTheOrderAndNamesTheSender) {
-    Sender sender;
-    Receiver first;
-    std::vector<int> order;
-    sender.connect(&Sender::changed, &first, &Receiver::take);
-    sender.connect(&Sender::changed, [&](int value) { order.push_back(value); });
-    sender.connect(&Sender::changed, &first, [&] { order.push_back(-1); }); // ignores the argument
-    sender.changed(7);
-    EXPECT_EQ(first.values, std::vector<int>{7});
-    EXPECT_EQ(first.lastSender, &sender);
-    EXPECT_EQ(order, (std::vector<int>{7, -1}));
-}
-
 TEST_F(ZnObjectTest, ASlotMayDeleteSenderReceiverOrConnection) {
     auto* sender = new Sender;
     auto* doomed = new Receiver;

@@ -141,21 +141,6 @@ __attribute__((noinline)) void burnStack(std::size_t frames) {
     asm volatile("" : : "r"(block) : "memory");
 }
 
-using ZnFiberPoolDeathTest = ZnFiberPoolTest;
-
-TEST_F(ZnFiberPoolDeathTest, OverflowHitsTheGuardPageAndNotTheNeighbour) {
-    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
-    for (int i = 0; i < 10; ++i) // neighbours: enough room below for all that is burnt
-        submit(2, [this, i] {
-            burnStack(90); // deep but legal
-            pool_.yieldCurrent(-1 - i);
-        });
-    runAll();
-    EXPECT_EQ(pool_.stats().blockedCount, 10);
-    submit(2, [] { burnStack(800); });
-    EXPECT_DEATH(runAll(), "");
-}
-
 /// One frame that is larger than a guard page, and touches its far end alone.
 __attribute__((noinline)) void jumpFarDown() {
     char block[2 << 20];
@@ -163,13 +148,19 @@ __attribute__((noinline)) void jumpFarDown() {
     asm volatile("" : : "r"(block) : "memory");
 }
 
-TEST_F(ZnFiberPoolDeathTest, AFrameThatIsLargerThanTheGuardPageDoesNotSkipIt) {
+using ZnFiberPoolDeathTest = ZnFiberPoolTest;
+
+TEST_F(ZnFiberPoolDeathTest, OverflowHitsTheGuardPageAndNotTheNeighbour) {
     ::testing::FLAGS_gtest_death_test_style = "threadsafe";
-    for (int i = 0; i < 20; ++i) // neighbours
-        submit(2, [this, i] { pool_.yieldCurrent(-1 - i); });
+    for (int i = 0; i < 20; ++i) // neighbours: enough room below for all that is burnt
+        submit(2, [this, i] {
+            burnStack(90); // deep but legal
+            pool_.yieldCurrent(-1 - i);
+        });
     runAll();
-    submit(2, [] { jumpFarDown(); });
-    EXPECT_DEATH(runAll(), "");
+    EXPECT_EQ(pool_.stats().blockedCount, 20);
+    EXPECT_DEATH((submit(2, [] { burnStack(800); }), runAll()), "");
+    EXPECT_DEATH((submit(2, &jumpFarDown), runAll()), "");
 }
 
 TEST_F(ZnFiberPoolTest, ExceptionsEndAtTheFiber) {

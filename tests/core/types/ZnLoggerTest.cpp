@@ -207,10 +207,7 @@ TEST_F(ZnLoggerTest, NetworkSinkSendsOneObjectPerLineAndConnectsAgain) {
     writeLine(7, nullptr, "no category");
     logger_.setNetwork("", 0); // closes
     const int second = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    std::string received;
-    for (ssize_t count = 0; (count = ::recv(second, buffer, sizeof(buffer), 0)) > 0;)
-        received.append(buffer, static_cast<std::size_t>(count));
-    EXPECT_EQ(received,
+    EXPECT_EQ(receiveAll(second),
               R"({"type":"log","level":"WARNING","category":"zn.test","appName":"an \"app\"","version":"1.2",)"
               R"("message":"tab\t bell\u0007 quote\" slash\\ )" "\xC3\xA4" R"(\b\f\r\n"})" "\n"
               R"({"type":"log","level":"UNKNOWN","appName":"an \"app\"","version":"1.2","message":"no category"})"

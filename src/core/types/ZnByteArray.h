@@ -18,6 +18,8 @@ public:
     ZnByteArray(const ZnString& text);
     explicit ZnByteArray(std::string_view bytes);
     explicit ZnByteArray(const std::string& bytes) : ZnByteArray(std::string_view(bytes)) {}
+    /// Up to its NUL; a null pointer counts as empty.
+    explicit ZnByteArray(const char* text) : ZnByteArray(text == nullptr ? std::string_view("") : std::string_view(text)) {}
     ZnByteArray(const char* data, std::size_t byteCount);
     ZnByteArray(const ZnByteArray& other);
     ZnByteArray(ZnByteArray&& other) noexcept;

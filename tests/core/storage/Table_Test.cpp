@@ -127,10 +127,10 @@ TEST(Table_, OpeningParsesTheValuesAndTellsWhichBlobFilesTheyReferTo) {
     }
     Table table(records);
     ZnEmbeddedDbStatus status;
-    EXPECT_EQ(table.open(&status)->blobFileIds(), (std::set<std::uint64_t>{0, 3, 7}));
-    EXPECT_TRUE(table.open(&status)->knowsBlobFileIds());
+    EXPECT_EQ(table.open(&status)->blobUses(), (std::map<std::uint64_t, std::uint64_t>{{0, 28}, {3, 56}, {7, 56}}));
+    EXPECT_TRUE(table.open(&status)->knowsBlobUses());
     table.options.verifyFilters = false;
-    EXPECT_FALSE(table.open(&status)->knowsBlobFileIds());
+    EXPECT_FALSE(table.open(&status)->knowsBlobUses());
     const std::string inlineValue = encoded(inlineEntry("red"));
     const TableRecord_ rows[] = {
         record("k", 1, kBlobRecord, inlineValue), record("k", 1, kInlineRecord, encoded(blob)),

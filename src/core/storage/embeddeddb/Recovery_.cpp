@@ -357,17 +357,17 @@ ZnEmbeddedDbStatus Recovery_::applyFrame_(RecoveredStore_* store, std::uint64_t 
 void Recovery_::clean(const ManifestState_& manifest, const TableHandles_& tables) {
     std::set<ZnString> tablePaths;
     std::set<ZnString> blobPaths;
-    bool knowsBlobFileIds = true;
+    bool knowsBlobUses = true;
     for (const auto& [name, table] : tables) {
         tablePaths.insert(joinPath(paths_.tablesDir, table->meta().fileName));
-        knowsBlobFileIds = knowsBlobFileIds && table->knowsBlobFileIds();
-        for (const std::uint64_t id : table->blobFileIds())
+        knowsBlobUses = knowsBlobUses && table->knowsBlobUses();
+        for (const auto& [id, byteCount] : table->blobUses())
             blobPaths.insert(blobPath(paths_, id));
     }
     removeUnknown_(paths_.rootPath, listing_.root, {}, ".tmp");
     removeUnknown_(paths_.tempDir, listing_.temporary, {}, ".tmp");
     removeUnknown_(paths_.tablesDir, listing_.tables, tablePaths, ".sst");
-    if (knowsBlobFileIds)
+    if (knowsBlobUses)
         removeUnknown_(paths_.blobsDir, listing_.blobs, blobPaths, kBlobSuffix);
     removeOldManifests(files_, paths_.rootPath, manifest.manifestId - 1, options_.keepManifests);
 }

@@ -306,20 +306,41 @@ void StoreCore_::collectObsoleteWalFiles() {
 }
 
 void StoreCore_::fillStats(ZnEmbeddedDbStats* stats) {
-    const ZnMutexLocker locker(mutex);
-    for (const auto& [counter, field] : kCounterFields)
-        stats->*field = ((*counters).*counter).value();
-    for (const TableMeta_& table : manifest.tables)
-        ++(table.level == 0 ? stats->level0TableCount : stats->level1TableCount);
-    for (const auto& [name, handle] : tableHandles)
-        stats->tableBytes += handle->fileBytes();
-    stats->memtableCount = immutableMemtables.size() + 1;
-    stats->memtableBytes = bytesOf(*activeMemtable);
-    for (const SealedMemtable_& sealed : immutableMemtables)
-        stats->memtableBytes += bytesOf(*sealed.memtable);
-    stats->lastCommittedSequence = lastCommittedSequence;
-    stats->durableSequence = durableSequence;
-    stats->backgroundError = backgroundError;
+    std::uint64_t usedBlobBytes = 0;
+    ZnString blobsDir;
+    {
+        const ZnMutexLocker locker(mutex);
+        for (const auto& [counter, field] : kCounterFields)
+            stats->*field = ((*counters).*counter).value();
+        for (const TableMeta_& table : manifest.tables)
+            ++(table.level == 0 ? stats->level0TableCount : stats->level1TableCount);
+        for (const auto& [name, handle] : tableHandles) {
+            stats->tableBytes += handle->fileBytes();
+            for (const auto& [blobFileId, byteCount] : handle->blobUses())
+                usedBlobBytes += byteCount;
+        }
+        stats->memtableCount = immutableMemtables.size() + 1;
+        stats->memtableBytes = bytesOf(*activeMemtable);
+        for (const SealedMemtable_& sealed : immutableMemtables)
+            stats->memtableBytes += bytesOf(*sealed.memtable);
+        stats->lastCommittedSequence = lastCommittedSequence;
+        stats->durableSequence = durableSequence;
+        stats->backgroundError = backgroundError;
+        blobsDir = paths.blobsDir;
+    }
+    addBlobGauges_(blobsDir, usedBlobBytes, stats);
+}
+
+/// Asks the disk, without the mutex: what is being written meanwhile may or may not be counted.
+void StoreCore_::addBlobGauges_(const ZnString& blobsDir, std::uint64_t usedBytes, ZnEmbeddedDbStats* stats) {
+    for (const ZnString& path : listFiles(baseFiles, blobsDir, kBlobPrefix, kBlobSuffix)) {
+        RandomAccessFile_ file(baseFiles);
+        if (!file.open(path, RandomAccessFile_::Mode::ReadOnly))
+            continue;
+        ++stats->blobFileCount;
+        stats->blobBytes += file.size();
+    }
+    stats->deadBlobBytes = stats->blobBytes - std::min(stats->blobBytes, usedBytes);
 }
 
 } // namespace znEmbeddedDbDetail

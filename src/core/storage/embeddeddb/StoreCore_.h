@@ -102,6 +102,7 @@ struct StoreCore_ {
     void fillStats(ZnEmbeddedDbStats* stats) ZN_EXCLUDES(mutex);
 
 private:
+    void addBlobGauges_(const ZnString& blobsDir, std::uint64_t usedBytes, ZnEmbeddedDbStats* stats);
     /// Makes tableViews anew from the manifest's tables that have a handle.
     void rebuildReadView_() ZN_REQUIRES(mutex);
     /// The oldest log that is needed when the first `flushedCount` sealed memtables are not.

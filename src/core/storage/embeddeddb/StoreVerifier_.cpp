@@ -346,7 +346,7 @@ void Verification::findOrphansIn_(const ZnString& directory, IsUsed isUsed) {
 std::set<ZnString> Verification::usedBlobFiles_() const {
     std::set<ZnString> names;
     for (const auto& table : fresh_.tables->primaryView)
-        for (const std::uint64_t blobFileId : table->blobFileIds())
+        for (const auto& [blobFileId, byteCount] : table->blobUses())
             names.insert(blobFileName(blobFileId));
     return names;
 }

@@ -187,10 +187,13 @@ bool TableCheck_::checkValue_(const RecordView_& record) {
     StoredValueView_ stored;
     if (!parseRecordValue(record, &stored))
         return fail_("table has a stored value that does not parse");
-    if (stored.blob.valid && (stored.blob.blobFileId != lastBlobFileId_ || lastBlobFileId_ == 0)) {
+    if (!stored.blob.valid)
+        return true;
+    if (lastBlobUse_ == nullptr || stored.blob.blobFileId != lastBlobFileId_) {
         lastBlobFileId_ = stored.blob.blobFileId;
-        blobFileIds.insert(lastBlobFileId_);
+        lastBlobUse_ = &blobUses[lastBlobFileId_];
     }
+    *lastBlobUse_ += stored.blob.size;
     return true;
 }
 

@@ -4,7 +4,7 @@
 #include "core/storage/embeddeddb/TableHandle_.h"
 
 #include <cstdint>
-#include <set>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,7 +28,8 @@ public:
     RecordSamples_ samples; // complete when records were read
     BloomFilter_ bloom;
     ZnByteArray lastKey;
-    std::set<std::uint64_t> blobFileIds; // that records refer to; complete when records were read
+    /// Bytes that records refer to, by blob file; complete when records were read.
+    std::map<std::uint64_t, std::uint64_t> blobUses;
 
 private:
     bool readHeader_();
@@ -58,7 +59,8 @@ private:
     std::uint64_t sparseOffset_ = 0;
     std::uint64_t bloomOffset_ = 0;
     std::uint64_t recordsSeen_ = 0;
-    std::uint64_t lastBlobFileId_ = 0; // 0: none yet; spares looking into the set for every record
+    std::uint64_t* lastBlobUse_ = nullptr; // of lastBlobFileId_: values of one file stand together
+    std::uint64_t lastBlobFileId_ = 0;
     std::string block_;
 };
 

@@ -49,8 +49,8 @@ bool TableHandle_::open(ZnStorageFiles& files, const ZnString& rootPath, const T
     if (!sparseIndex_.empty())
         firstKey_ = sparseIndex_.front().firstKey;
     lastKey_ = std::move(check.lastKey);
-    blobFileIds_ = std::move(check.blobFileIds);
-    knowsBlobFileIds_ = options.verifyFilters;
+    blobUses_ = std::move(check.blobUses);
+    knowsBlobUses_ = options.verifyFilters;
     takeBlockWords_();
     return true;
 }

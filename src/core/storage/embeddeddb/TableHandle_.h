@@ -10,7 +10,7 @@
 
 #include <cstdint>
 #include <functional>
-#include <set>
+#include <map>
 #include <string_view>
 #include <vector>
 
@@ -65,10 +65,10 @@ public:
     /// For people: the path, and where in the file `bytes` lie, which are a view that this table gave.
     ZnString placeOf(std::string_view bytes) const;
 
-    /// Whether blobFileIds() is known, which takes reading all records on opening.
-    bool knowsBlobFileIds() const noexcept { return knowsBlobFileIds_; }
-    /// The blob files that records refer to.
-    const std::set<std::uint64_t>& blobFileIds() const noexcept { return blobFileIds_; }
+    /// Whether blobUses() is known, which takes reading all records on opening.
+    bool knowsBlobUses() const noexcept { return knowsBlobUses_; }
+    /// The blob files that records refer to, with the bytes that they refer to.
+    const std::map<std::uint64_t, std::uint64_t>& blobUses() const noexcept { return blobUses_; }
 
     /// The record of a key, without a copy.
     Find find(std::string_view key, RecordView_* record) const;
@@ -101,8 +101,8 @@ private:
     ZnByteArray lastKey_;
     std::size_t sharedBytes_ = 0;           // that all keys begin with
     std::vector<std::uint64_t> blockWords_; // of the blocks' first keys, behind the shared bytes
-    std::set<std::uint64_t> blobFileIds_;
-    bool knowsBlobFileIds_ = false;
+    std::map<std::uint64_t, std::uint64_t> blobUses_;
+    bool knowsBlobUses_ = false;
 };
 
 } // namespace znEmbeddedDbDetail

@@ -366,7 +366,6 @@ ZnEmbeddedDbStatus CommitQueue_::waitForFlush_() {
         if (!flushes_.lastFailure().isOk())
             return flushes_.lastFailure();
         hasWaited = true;
-        flushes_.scheduleIfNeeded(); // what became full by a snapshot's seal, nobody has told the pool of
         core_.workerCondition.wait(core_.mutex);
     }
     if (hasWaited) {

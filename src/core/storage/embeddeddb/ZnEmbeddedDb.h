@@ -57,7 +57,7 @@ public:
 
     /// Code 1: no store there, and none is to be made. Code 2: another process, or another object, has it
     /// open for writing. Code 4: it is open, or exists although it must not. Code 6: the file system. Code 7:
-    /// damaged. After a failure the object is as before, and nothing on the disk was repaired or removed.
+    /// damaged; nothing on the disk was changed. After a failure the store is closed.
     ZnEmbeddedDbStatus open(const ZnString& path, const ZnEmbeddedDbOptions& options = {});
     /// Writes everything to tables and releases the store. Never fails: what could not be written comes back
     /// from the log on the next open(). Waiting writers end with code 5.

@@ -58,6 +58,8 @@ void FlushScheduler_::scheduleIfNeeded() {
 }
 
 long long FlushScheduler_::nextTimerNs() const {
+    if (core_.closing) // nothing is scheduled any more: the worker would spin, and never let the mutex go
+        return kNever;
     const bool isIdleTimed = core_.options.idleFlushMs != 0 && !flushRunning_ && retryNs_ == kNever &&
                              core_.backgroundError.isOk() && core_.manifest.maxSequence < core_.lastCommittedSequence;
     const long long idleNs = core_.lastWriteNs + core_.options.idleFlushMs * kNsPerMs;

@@ -129,17 +129,6 @@ TEST_F(ZnHttpServerTest, AppAnswers) {
     EXPECT_TRUE(runUntil([&] { return app_->activeSessionCount() == 0; }));
 }
 
-// The peer is still sending when the server has already refused: it must see the answer all the same.
-TEST_F(ZnHttpServerTest, ARefusedUploadGetsItsAnswer) {
-    const auto client = send("POST /body HTTP/1.1\r\ncontent-length: 900000000\r\n\r\n" + std::string(700'000, 'x'));
-    int error = 0;
-    client->socket.connect(&ZnAbstractSocket::errorOccurred, [&error](int code) { error = code; });
-    ASSERT_TRUE(runUntil([&] { return client->isGone(); }));
-    EXPECT_EQ(error, 0);
-    EXPECT_TRUE(client->received.starts_with("HTTP/1.1 413 Payload Too Large\r\n"));
-    EXPECT_TRUE(client->received.ends_with("\r\n\r\nBody too large"));
-}
-
 // Every way to lose the connection under a parked handler; the address sanitizer is the judge.
 TEST_F(ZnHttpServerTest, AParkedHandlerOutlivesClientSessionAndServer) {
     const auto client = send("GET /park HTTP/1.1\r\n\r\nGET /echo/second HTTP/1.1\r\n\r\n");

@@ -121,7 +121,7 @@ TEST(Table_, IsWrittenAndReadByteForByte) {
 TEST(Table_, OpeningParsesTheValuesAndTellsWhichBlobFilesTheyReferTo) {
     ValueEntry_ blob;
     Records records = goldenRecords();
-    for (const std::uint64_t blobFileId : {7, 3, 0, 7}) {
+    for (const std::uint64_t blobFileId : {7U, 3U, 0U, 7U}) {
         blob.blob = {true, blobFileId, 5, 28, 0x7E95C0A3, 0};
         records.push_back(record("z" + std::to_string(records.size()), 42, kBlobRecord, encoded(blob)));
     }

@@ -104,13 +104,13 @@ ZnEmbeddedDbStatus MemtableFlush_::addPrimary_(TableWriter_* writer, std::string
         return writer->add({key, entry.sequence, kInlineRecord, storedValue_});
     }
     BlobRef_ blob;
-    if (ZnEmbeddedDbStatus status = externalizeBlobValue_(entry, &blob); !status.isOk())
+    if (ZnEmbeddedDbStatus status = externalizeBlobValueToFile_(entry, &blob); !status.isOk())
         return status;
     encodeBlobValue(blob, entry.indexKeys(), &storedValue_);
     return writer->add({key, entry.sequence, kBlobRecord, storedValue_});
 }
 
-ZnEmbeddedDbStatus MemtableFlush_::externalizeBlobValue_(const MemtableEntry_& entry, BlobRef_* blob) {
+ZnEmbeddedDbStatus MemtableFlush_::externalizeBlobValueToFile_(const MemtableEntry_& entry, BlobRef_* blob) {
     if (blobFileId_ == 0) {
         blobFileId_ = settings_.nextTableId();
         if (ZnEmbeddedDbStatus status = blobWriter_.open(paths_.blobsDir, blobFileId_); !status.isOk())

@@ -41,7 +41,7 @@ public:
 private:
     ZnEmbeddedDbStatus writePrimary_();
     ZnEmbeddedDbStatus addPrimary_(TableWriter_* writer, std::string_view key, const MemtableEntry_& entry);
-    ZnEmbeddedDbStatus externalizeBlobValue_(const MemtableEntry_& entry, BlobRef_* blob);
+    ZnEmbeddedDbStatus externalizeBlobValueToFile_(const MemtableEntry_& entry, BlobRef_* blob);
     ZnEmbeddedDbStatus writeIndex_(const ZnString& indexName);
     TableMeta_ newMeta_(std::int32_t kind, const ZnString& indexName);
     ZnEmbeddedDbStatus finish_(TableWriter_* writer, std::uint64_t blobFileId);

@@ -237,7 +237,7 @@ void StoreCore_::mergeSmallSealed_() {
     }
 }
 
-std::uint64_t StoreCore_::replayFromWalId_(std::size_t flushedCount) {
+std::uint64_t StoreCore_::recomputeReplayFromWalId_(std::size_t flushedCount) {
     std::uint64_t oldest = manifest.activeWalId == 0 ? 1 : manifest.activeWalId;
     const auto consider = [&oldest](SharedMemtable_& memtable) {
         const MemtableReadScope_ scope(memtable.lock);
@@ -259,7 +259,7 @@ ZnEmbeddedDbStatus StoreCore_::commitTables(const TableChange_& change) {
     for (const auto& table : change.added)
         next.tables.push_back(table->meta());
     next.maxSequence = std::max(next.maxSequence, change.maxSequence);
-    next.replayFromWalId = replayFromWalId_(change.flushedMemtableCount);
+    next.replayFromWalId = recomputeReplayFromWalId_(change.flushedMemtableCount);
     manifestBusy_ = true;
     mutex.unlock();
     ZnEmbeddedDbStatus status = writeManifest(files, paths.rootPath, &next);

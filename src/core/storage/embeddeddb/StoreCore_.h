@@ -106,7 +106,7 @@ private:
     /// Makes tableViews anew from the manifest's tables that have a handle.
     void rebuildReadView_() ZN_REQUIRES(mutex);
     /// The oldest log that is needed when the first `flushedCount` sealed memtables are not.
-    std::uint64_t replayFromWalId_(std::size_t flushedCount) ZN_REQUIRES(mutex);
+    std::uint64_t recomputeReplayFromWalId_(std::size_t flushedCount) ZN_REQUIRES(mutex);
     void adoptTables_(const TableChange_& change, ManifestState_&& written) ZN_REQUIRES(mutex);
     void beginMemtable_() ZN_REQUIRES(mutex);
     void mergeSmallSealed_() ZN_REQUIRES(mutex);

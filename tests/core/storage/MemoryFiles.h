@@ -21,12 +21,24 @@ class MemoryFiles final : public ZnStorageFiles {
 public:
     /// The operation of this number, counted from the next one as 1, fails with `error`; of a write the first half is
     /// done nevertheless. 0 ends it. Opening, mapping and closing for reading count too.
-    void failOperation(long number, int error) { failNumber_ = number, failError_ = error, count_ = 0; }
+    void failOperation(long number, int error) {
+        const std::lock_guard lock(mutex_);
+        failNumber_ = number, failError_ = error, count_ = 0;
+    }
     /// Every operation from that number on fails, as if the process had ended.
-    void stopAt(long number) { stopNumber_ = number, count_ = 0; }
-    long operationCount() const { return count_; }
+    void stopAt(long number) {
+        const std::lock_guard lock(mutex_);
+        stopNumber_ = number, count_ = 0;
+    }
+    long operationCount() const {
+        const std::lock_guard lock(mutex_);
+        return count_;
+    }
     /// Room for so many bytes more; then ENOSPC, and a write that has room for a part is a short one.
-    void setFreeBytes(std::uint64_t bytes) { freeBytes_ = bytes; }
+    void setFreeBytes(std::uint64_t bytes) {
+        const std::lock_guard lock(mutex_);
+        freeBytes_ = bytes;
+    }
 
     /// Drops all that was not synced; with `random`, any part of it stays instead: writes and names in any selection,
     /// a write cut at any byte. Open files must not be used any more. Faults end.
@@ -70,7 +82,7 @@ private:
     void changeNames(NameChange change);
     static void keepSome(Node* node, std::mt19937_64* random);
 
-    std::recursive_mutex mutex_; // of everything below, and of all nodes
+    mutable std::recursive_mutex mutex_; // of everything below, and of all nodes
     std::map<ZnString, NodePtr> names_;
     std::map<ZnString, NodePtr> durableNames_;
     std::vector<NameChange> pendingNames_;

@@ -28,7 +28,8 @@ TEST(RandomAccessFile_, ReadsAndWritesInEveryMode) {
     EXPECT_EQ(error, "readAt on closed file: 0");
     EXPECT_FALSE(file.writeAt(0, "x", 1, &error));
     EXPECT_EQ(error, "writeAt on closed file: 0");
-    EXPECT_FALSE(file.flush());
+    EXPECT_FALSE(file.flush(&error)); // and says nothing
+    EXPECT_EQ(error, "writeAt on closed file: 0");
     std::uint64_t expectedBytes = 0;
     for (const Mode mode : {Mode::ReadWrite, Mode::Append, Mode::AppendWriteThrough, Mode::Truncate}) {
         ASSERT_TRUE(file.open(path, mode, &error)) << error;
@@ -149,6 +150,27 @@ TEST(DurableFiles_, AFullDiskKeepsTheOldContentAndNoTemporaryFile) {
     EXPECT_EQ(error, "short write: 0");
     EXPECT_EQ(files.content("/d/f"), "old");
     EXPECT_THAT(files.paths(), testing::ElementsAre(ZnString("/d/f")));
+}
+
+TEST(DurableFiles_, TakePathsInEveryFormAndTellWhichStepFailed) {
+    const TemporaryDirectory directory;
+    ZnString windows = directory.path("sub") + "\\x\\..\\f";
+    ZnString error;
+    EXPECT_TRUE(writeFileAtomic(znStorageFiles(), windows, "abc", &error)) << error;
+    EXPECT_EQ(contentOf(directory.path("sub/f")), "abc");
+    EXPECT_TRUE(replaceFileDurable(znStorageFiles(), windows, windows + "2", &error)) << error;
+    EXPECT_EQ(contentOf(directory.path("sub/f2")), "abc");
+    EXPECT_FALSE(replaceFileDurable(znStorageFiles(), windows, windows + "2", &error));
+    EXPECT_EQ(error, "MoveFileExW failed: 2 (No such file or directory)");
+    EXPECT_TRUE(syncDirectory(znStorageFiles(), directory.path("sub")) && syncDirectory(znStorageFiles(), ""));
+    for (const char* name : {"none", "sub/f2"}) {
+        EXPECT_FALSE(syncDirectory(znStorageFiles(), directory.path(name), &error));
+        EXPECT_TRUE(error.startsWith("syncDirectory open failed: 2")) << error; // ENOENT 2, ENOTDIR 20
+    }
+    MemoryFiles files;
+    files.failOperation(1, EIO);
+    EXPECT_FALSE(syncDirectory(files, "/d", &error));
+    EXPECT_EQ(error, "FlushFileBuffers(dir) failed: 5 (Input/output error)");
 }
 
 TEST(FileNames_, IdsAreReadFromNamesThatTheStoreWrites) {

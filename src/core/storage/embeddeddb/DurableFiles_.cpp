@@ -4,22 +4,38 @@
 #include "core/platform/ZnDirPlatform.h"
 #include "core/storage/embeddeddb/RandomAccessFile_.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <iterator>
+
 namespace znEmbeddedDbDetail {
+
+namespace {
+
+/// Whether a sync itself failed, and not the opening of the directory for it.
+bool isSyncError(int error) {
+    constexpr int kSyncErrors[] = {EIO, ENOSPC, EDQUOT, EROFS};
+    return std::find(std::begin(kSyncErrors), std::end(kSyncErrors), error) != std::end(kSyncErrors);
+}
+
+} // namespace
 
 bool syncDirectory(ZnStorageFiles& files, const ZnString& path, ZnString* errorOut) {
     const ZnString normal = znDirPlatform()->normalizePath(path);
     if (normal.isEmpty())
         return true;
     const int error = files.syncDirectory(normal);
-    return error == 0 || failWithCode("FlushFileBuffers(dir) failed", error, errorOut);
+    const char* what = isSyncError(error) ? "FlushFileBuffers(dir) failed" : "syncDirectory open failed";
+    return error == 0 || failWithCode(what, error, errorOut);
 }
 
 bool replaceFileDurable(ZnStorageFiles& files, const ZnString& from, const ZnString& to, ZnString* errorOut,
                         ZnString* syncErrorOut) {
+    ZnDirPlatform& paths = *znDirPlatform();
     const ZnString parent = parentPath(to);
     if (!parent.isEmpty())
         files.makePath(parent); // if that fails, the rename below tells why
-    if (const int error = files.rename(from, to); error != 0)
+    if (const int error = files.rename(paths.normalizePath(from), paths.normalizePath(to)); error != 0)
         return failWithCode("MoveFileExW failed", error, errorOut);
     syncDirectory(files, parent, syncErrorOut);
     return true;

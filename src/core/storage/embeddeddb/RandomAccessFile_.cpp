@@ -141,7 +141,7 @@ bool RandomAccessFile_::truncate(std::uint64_t sizeBytes, ZnString* errorOut) {
 }
 
 bool RandomAccessFile_::flush(ZnString* errorOut) {
-    return sync_(false, errorOut);
+    return isOpen() && sync_(false, errorOut);
 }
 
 bool RandomAccessFile_::flushData(ZnString* errorOut) {
@@ -150,7 +150,7 @@ bool RandomAccessFile_::flushData(ZnString* errorOut) {
 
 bool RandomAccessFile_::sync_(bool dataOnly, ZnString* errorOut) {
     if (!isOpen())
-        return failWithCode("flush on closed file", 0, errorOut);
+        return failWithCode("flushData on closed file", 0, errorOut);
     if (writeThrough())
         return true;
     if (syncError_ == 0)

@@ -45,7 +45,8 @@ public:
     bool canAppend() const noexcept { return isOpen() && !refusesAppend_ && syncError_ == 0; }
     bool truncate(std::uint64_t sizeBytes, ZnString* errorOut = nullptr);
     /// Brings the file to stable storage; nothing to do for AppendWriteThrough. After one failure every later call
-    /// fails too: the system may have given up what it could not write, and would report success the next time.
+    /// fails too: the system may have given up what it could not write, and would report success the next time. Of a
+    /// closed file it is false without a reason.
     bool flush(ZnString* errorOut = nullptr);
     /// As flush(), without attributes that reading the content back does not take.
     bool flushData(ZnString* errorOut = nullptr);

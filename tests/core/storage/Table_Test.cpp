@@ -327,6 +327,7 @@ TEST(Table_, AFailedWriteLeavesNoFileAndAFinishedOneSurvivesThePowerCut) {
             }
             if (!status.isOk()) {
                 EXPECT_EQ(status.code(), ZnEmbeddedDbStatus::IoError);
+                EXPECT_TRUE(status.message().contains(": /s/t")) << status.message(); // temporary or final
             }
             const bool isDurable = status.isOk() && syncError.isEmpty();
             EXPECT_TRUE(stops ? isDurable == !isHit : isDurable || isHit);

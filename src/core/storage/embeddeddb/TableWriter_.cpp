@@ -23,8 +23,8 @@ TableMeta_ namedMeta(TableMeta_ meta) {
     return meta;
 }
 
-ZnEmbeddedDbStatus ioStatus(ZnString message) {
-    return {ZnEmbeddedDbStatus::IoError, std::move(message)};
+ZnEmbeddedDbStatus ioStatus(ZnString message, const ZnString& path) {
+    return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(message)).at(path);
 }
 
 } // namespace
@@ -47,7 +47,7 @@ ZnEmbeddedDbStatus TableWriter_::open() {
     ZnString error;
     if (!file_.open(temporaryPath_, RandomAccessFile_::Mode::Truncate, &error)) {
         files_.remove(temporaryPath_); // it may have been made before the failure
-        return ioStatus(std::move(error));
+        return ioStatus(std::move(error), temporaryPath_);
     }
     // The header is written last, when what it says is known.
     nextOffset_ = kTableHeaderBytes + meta_.indexName.size();
@@ -63,7 +63,7 @@ ZnEmbeddedDbStatus TableWriter_::add(const RecordView_& record) {
     const std::size_t payloadBytes = block_.size() - kBlockHeaderBytes;
     ZnString error;
     if (payloadBytes > 0 && payloadBytes + recordBytes > kBlockTargetBytes && !flushBlock_(&error))
-        return ioStatus(std::move(error));
+        return ioStatus(std::move(error), temporaryPath_);
     if (block_.size() == kBlockHeaderBytes)
         blockFirstKey_.assign(record.key);
     appendRecord(&block_, record);
@@ -101,12 +101,12 @@ ZnEmbeddedDbStatus TableWriter_::finish(ZnString* syncErrorOut) {
         return {ZnEmbeddedDbStatus::InvalidArgument, "cannot write empty table"};
     ZnString error;
     if (!flushBlock_(&error) || !writeRest_(&error) || !file_.flush(&error))
-        return ioStatus(std::move(error));
+        return ioStatus(std::move(error), temporaryPath_);
     file_.close();
     if (replaceFileDurable(files_, temporaryPath_, finalPath_, &error, syncErrorOut))
         return {};
     files_.remove(temporaryPath_);
-    return ioStatus(std::move(error));
+    return ioStatus(std::move(error), finalPath_);
 }
 
 /// Everything behind the blocks, then the header.

@@ -181,7 +181,9 @@ TEST_F(StoreCorruption, FilesOfOthersAreLeftAlone) {
     putAll(&files, original_);
     FileContents foreign;
     for (const char* name : {"notes.txt", "CURRENT.old", "MANIFEST-x.dbm", "tables/L0-007.sst", "tables/x.sst.tmp",
-                             "wal/WAL-1.log.bak", "wal/WAL-00.log", "blobs/BLOB-1", "tmp/L0-1.sst.tmp~", "tmp/mine"})
+                             "wal/WAL-1.log.bak", "wal/WAL-00.log", "blobs/BLOB-1", "tmp/L0-1.sst.tmp~", "tmp/mine",
+                             // Numbers that no manifest can hold: counting on from them would be the store's end.
+                             "MANIFEST-9223372036854775807.dbm", "wal/WAL-9223372036854775807.log"})
         foreign[ZnString("/s/") + name] = name;
     putAll(&files, foreign);
     for (int round = 0; round < 2; ++round) {
@@ -191,8 +193,10 @@ TEST_F(StoreCorruption, FilesOfOthersAreLeftAlone) {
         EXPECT_EQ(store.put("a", "B2", tagsOf("B2")), kOk);
         EXPECT_EQ(store.flush(), kOk);
     }
-    for (const auto& [path, bytes] : foreign)
+    for (const auto& [path, bytes] : foreign) {
         EXPECT_EQ(files.content(path), bytes) << path;
+        EXPECT_EQ(log_.countOf("left alone: " + path.str()), path.contains("922337") ? 0 : 2) << path;
+    }
 }
 
 TEST_F(StoreCorruption, ASalvagedStoreShowsWhatStandsBeforeTheDamage) {
@@ -215,6 +219,15 @@ TEST_F(StoreCorruption, ASalvagedStoreShowsWhatStandsBeforeTheDamage) {
     }
     ASSERT_EQ(store.open("/s", tinyOptions()), kOk);
     EXPECT_EQ(contentOf(store), (StoreContent{blob_, {"a", "A1"}, {"f", "A4"}}));
+    store.close();
+
+    FileContents less = original_;
+    less.erase(path);
+    ZnEmbeddedDbOptions salvaging = tinyOptions(true);
+    salvaging.salvageLog = true;
+    log_.take();
+    EXPECT_EQ(outcomeOf(less, salvaging), Earlier);
+    EXPECT_EQ(log_.countOf("log is missing: /s/wal/WAL-2.log"), 1); // the only word about what is lost
 }
 
 } // namespace

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cerrno>
 #include <set>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -25,7 +26,7 @@ ZnEmbeddedDbStatus corruption(const char* message, const ZnString& path) {
     return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::Corruption, message).at(path);
 }
 
-/// Calls `work(index)` for every index below `count`, on several threads.
+/// Calls `work(index)` for every index below `count`, on several threads where the system gives them.
 template <typename Work>
 void forEachInParallel(std::size_t count, Work work) {
     std::atomic<std::size_t> nextIndex{0};
@@ -36,17 +37,28 @@ void forEachInParallel(std::size_t count, Work work) {
     std::vector<std::thread> helpers;
     const std::size_t helperCount =
         std::min<std::size_t>(count, std::clamp(std::thread::hardware_concurrency(), 1U, kOpeningThreads)) - 1;
-    for (std::size_t helper = 0; helper < helperCount; ++helper)
-        helpers.emplace_back(run);
+    helpers.reserve(helperCount);
+    try {
+        while (helpers.size() < helperCount)
+            helpers.emplace_back(run);
+    } catch (const std::system_error&) { // no more threads: those that there are do it all
+    }
     run();
     for (std::thread& helper : helpers)
         helper.join();
 }
 
+/// 0 also for a number that no store has come to: a manifest could not hold many that follow it.
+std::uint64_t idOf(const ZnString& name, std::string_view prefix, std::string_view suffix) {
+    constexpr std::uint64_t kLargestId = std::uint64_t(1) << 62;
+    const std::uint64_t id = parseFileId(name, prefix, suffix);
+    return id <= kLargestId ? id : 0;
+}
+
 std::uint64_t largestId(const std::vector<ZnString>& names, std::string_view prefix, std::string_view suffix) {
     std::uint64_t largest = 0;
     for (const ZnString& name : names)
-        largest = std::max(largest, parseFileId(name, prefix, suffix));
+        largest = std::max(largest, idOf(name, prefix, suffix));
     return largest;
 }
 
@@ -213,14 +225,17 @@ ZnEmbeddedDbStatus Recovery_::openTables_(RecoveredStore_* store) {
 /// The log that was active when the manifest was written must be there: only a later manifest lets it go.
 ZnEmbeddedDbStatus Recovery_::findLogs_(const RecoveredStore_& store) {
     for (const ZnString& name : listing_.wal) {
-        const std::uint64_t walId = parseFileId(name, kWalPrefix, kWalSuffix);
+        const std::uint64_t walId = idOf(name, kWalPrefix, kWalSuffix);
         if (walId != 0 && walId >= store.manifest.replayFromWalId)
             logs_.push_back(walId);
     }
     std::sort(logs_.begin(), logs_.end());
-    const bool hasActive = std::binary_search(logs_.begin(), logs_.end(), store.manifest.activeWalId);
-    if (!hasActive && !options_.salvageLog)
-        return corruption("log is missing", walPath(paths_, store.manifest.activeWalId));
+    if (std::binary_search(logs_.begin(), logs_.end(), store.manifest.activeWalId))
+        return {};
+    ZnEmbeddedDbStatus missing = corruption("log is missing", walPath(paths_, store.manifest.activeWalId));
+    if (!options_.salvageLog)
+        return missing;
+    ZN_LOG_ERROR(kCategory, "ZnEmbeddedDb::open") << missing.message() << ": what it held is given up";
     return {};
 }
 
@@ -367,8 +382,8 @@ void Recovery_::clean(const ManifestState_& manifest, const TableHandles_& table
     removeUnknown_(paths_.rootPath, listing_.root, {}, ".tmp");
     removeUnknown_(paths_.tempDir, listing_.temporary, {}, ".tmp");
     removeUnknown_(paths_.tablesDir, listing_.tables, tablePaths, ".sst");
-    if (knowsBlobUses)
-        removeUnknown_(paths_.blobsDir, listing_.blobs, blobPaths, kBlobSuffix);
+    removeUnknown_(paths_.blobsDir, listing_.blobs, blobPaths, knowsBlobUses ? kBlobSuffix : ".tmp");
+    removeUnknown_(paths_.walDir, listing_.wal, {}, ".tmp"); // logs themselves go by the manifest
     removeOldManifests(files_, paths_.rootPath, manifest.manifestId - 1, options_.keepManifests);
 }
 

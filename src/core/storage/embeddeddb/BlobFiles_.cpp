@@ -42,6 +42,18 @@ ZnEmbeddedDbStatus BlobFiles_::open_(std::uint64_t blobFileId, FilePtr_* file) c
     return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(path);
 }
 
+void BlobFiles_::forget(std::uint64_t blobFileId) {
+    FilePtr_ closed; // with the lock released
+    const ZnMutexLocker locker(lock_);
+    const auto at = byId_.find(blobFileId);
+    if (at == byId_.end())
+        return;
+    if (at->second.use != uses_.end())
+        uses_.erase(at->second.use);
+    closed = std::move(at->second.file);
+    byId_.erase(at);
+}
+
 BlobFiles_::FilePtr_ BlobFiles_::find_(std::uint64_t blobFileId) {
     const ZnMutexLocker locker(lock_);
     const auto at = byId_.find(blobFileId);

@@ -25,6 +25,8 @@ public:
     ZnEmbeddedDbStatus read(const BlobRef_& blob, ZnByteArray* value);
     /// Opens the file for as long as this object lives, so that nobody can take its content away.
     ZnEmbeddedDbStatus pin(std::uint64_t blobFileId);
+    /// Closes the file when its last reader is done; it is not going to be asked for any more.
+    void forget(std::uint64_t blobFileId);
 
 private:
     using FilePtr_ = std::shared_ptr<RandomAccessFile_>;

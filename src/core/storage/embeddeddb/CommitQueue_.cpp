@@ -1,6 +1,7 @@
 #include "core/storage/embeddeddb/CommitQueue_.h"
 
 #include "core/platform/ZnMonotonicClock.h"
+#include "core/storage/embeddeddb/MaintenanceScheduler_.h"
 #include "core/storage/embeddeddb/ZnEmbeddedDbFlushScheduler.h"
 #include "core/types/ZnAssert.h"
 
@@ -17,6 +18,10 @@ namespace {
 constexpr std::size_t kGroupBytes = 1024 * 1024;
 constexpr std::size_t kSmallGroupBytes = 128 * 1024;
 constexpr std::uint64_t kLeastWalLimitBytes = 64 * 1024 * 1024;
+constexpr std::size_t kSlowLevel0Tables = 8;      // of one kind: writers are slowed down
+constexpr std::size_t kVerySlowLevel0Tables = 20; // by more with every further one
+constexpr std::uint64_t kBytesPerDelay = 64 * 1024;
+constexpr long long kLongestDelayMs = 50;
 constexpr long long kLongestGroupWaitNs = 1'000'000;
 constexpr long long kNsPerMs = 1'000'000;
 
@@ -31,8 +36,8 @@ std::uint64_t randomSalt() {
 
 } // namespace
 
-CommitQueue_::CommitQueue_(StoreCore_& core, FlushScheduler_& flushes)
-    : core_(core), flushes_(flushes), log_(core.files) {}
+CommitQueue_::CommitQueue_(StoreCore_& core, FlushScheduler_& flushes, MaintenanceScheduler_& maintenance)
+    : core_(core), flushes_(flushes), maintenance_(maintenance), log_(core.files) {}
 
 ZnEmbeddedDbStatus CommitQueue_::beginLog() {
     const ZnMutexLocker locker(core_.mutex);
@@ -40,6 +45,7 @@ ZnEmbeddedDbStatus CommitQueue_::beginLog() {
     log_ = WalWriter_(core_.files);
     failedWalId_ = 0;
     wantsNextLog_ = false;
+    delayedWalBytes_ = 0;
     if (ZnEmbeddedDbStatus status = createLog_(walId, core_.lastCommittedSequence, &log_); !status.isOk())
         return status;
     core_.manifest.activeWalId = walId;
@@ -349,6 +355,8 @@ ZnEmbeddedDbStatus CommitQueue_::commitGroup_(GroupView_ group) {
 ZnEmbeddedDbStatus CommitQueue_::makeRoom_() {
     if (ZnEmbeddedDbStatus status = waitForFlush_(); !status.isOk())
         return status;
+    if (ZnEmbeddedDbStatus status = waitForCompaction_(); !status.isOk())
+        return status;
     const std::uint64_t walLimitBytes = std::max(4 * core_.options.memtableSizeBytes, kLeastWalLimitBytes);
     if (core_.activeMemtableBytes < core_.options.memtableSizeBytes && log_.fileBytes() < walLimitBytes)
         return {};
@@ -368,11 +376,35 @@ ZnEmbeddedDbStatus CommitQueue_::waitForFlush_() {
         hasWaited = true;
         core_.workerCondition.wait(core_.mutex);
     }
-    if (hasWaited) {
-        core_.counters->stallCount.add();
-        core_.counters->stallMicroseconds.add(static_cast<std::uint64_t>((monotonicNowNs() - beganNs) / 1000));
-    }
+    if (hasWaited)
+        noteStall_(beganNs);
     return core_.backgroundError;
+}
+
+/// Slows writers down, the more the more tables of level 0 there are: compaction must catch up, and reading gets slow.
+/// Never to a stop, as it is flushes that begin compactions. The delay is one for so many bytes, not for a write, so that
+/// small writes are not slowed down more than large ones.
+ZnEmbeddedDbStatus CommitQueue_::waitForCompaction_() {
+    const std::uint64_t walBytes = core_.counters->walBytesWritten.value();
+    if (core_.level0Depth < kSlowLevel0Tables || walBytes - delayedWalBytes_ < kBytesPerDelay)
+        return {};
+    delayedWalBytes_ = walBytes;
+    maintenance_.assumeLocked();
+    maintenance_.scheduleL0CompactionIfNeeded();
+    const std::size_t above = core_.level0Depth - std::min(core_.level0Depth, kVerySlowLevel0Tables);
+    const long long delayMs = std::clamp<long long>(static_cast<long long>(above), 1, kLongestDelayMs);
+    const long long beganNs = monotonicNowNs();
+    const long long untilNs = beganNs + delayMs * kNsPerMs;
+    for (long long nowNs = beganNs; nowNs < untilNs && !core_.closing && core_.backgroundError.isOk();
+         nowNs = monotonicNowNs())
+        core_.workerCondition.wait_for(core_.mutex, std::chrono::nanoseconds(untilNs - nowNs));
+    noteStall_(beganNs);
+    return core_.closing ? closingStatus() : core_.backgroundError;
+}
+
+void CommitQueue_::noteStall_(long long beganNs) {
+    core_.counters->stallCount.add();
+    core_.counters->stallMicroseconds.add(static_cast<std::uint64_t>((monotonicNowNs() - beganNs) / 1000));
 }
 
 /// Begins a new log and a new memtable. The old log is synced first, so that of all logs the last one alone can end in

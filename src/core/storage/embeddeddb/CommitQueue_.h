@@ -13,6 +13,7 @@
 namespace znEmbeddedDbDetail {
 
 class FlushScheduler_;
+class MaintenanceScheduler_;
 
 /// Brings writes into the log and into the active memtable, in one order, many at once where many wait.
 ///
@@ -21,7 +22,7 @@ class FlushScheduler_;
 /// mutex is free while the disk works. Thread: any, where nothing else is said. Owner: Store_.
 class CommitQueue_ {
 public:
-    CommitQueue_(StoreCore_& core, FlushScheduler_& flushes);
+    CommitQueue_(StoreCore_& core, FlushScheduler_& flushes, MaintenanceScheduler_& maintenance);
 
     /// Begins the log of this opening, under the next id. Nothing is in force before a manifest names it. By open.
     ZnEmbeddedDbStatus beginLog() ZN_EXCLUDES(core_.mutex);
@@ -60,6 +61,8 @@ private:
     ZnEmbeddedDbStatus commitGroup_(GroupView_ group) ZN_REQUIRES(core_.mutex);
     ZnEmbeddedDbStatus makeRoom_() ZN_REQUIRES(core_.mutex);
     ZnEmbeddedDbStatus waitForFlush_() ZN_REQUIRES(core_.mutex);
+    ZnEmbeddedDbStatus waitForCompaction_() ZN_REQUIRES(core_.mutex);
+    void noteStall_(long long beganNs) ZN_REQUIRES(core_.mutex);
     ZnEmbeddedDbStatus rotate_() ZN_REQUIRES(core_.mutex);
     ZnEmbeddedDbStatus createLog_(std::uint64_t walId, std::uint64_t previousSequence, WalWriter_* log);
     void prepareLog_() ZN_REQUIRES(core_.mutex);
@@ -72,6 +75,7 @@ private:
 
     StoreCore_& core_;
     FlushScheduler_& flushes_;
+    MaintenanceScheduler_& maintenance_;
     WalWriter_ log_;                  // of whoever holds commitActive_, as is batches_
     std::vector<WalBatch_*> batches_; // of the group; kept for its capacity
     std::uint64_t failedWalId_ = 0;   // of a log whose making failed; it is made again under the same id
@@ -88,6 +92,7 @@ private:
     std::uint64_t nextSequence_ ZN_GUARDED_BY(core_.mutex) = 1;
     long long periodicDueNs_ ZN_GUARDED_BY(core_.mutex) = 0;     // 0: nothing waits for the interval
     std::size_t expectedWriters_ ZN_GUARDED_BY(core_.mutex) = 0; // that will probably come back at once
+    std::uint64_t delayedWalBytes_ ZN_GUARDED_BY(core_.mutex) = 0; // written in all, when writers were last slowed down
     long long syncNs_ ZN_GUARDED_BY(core_.mutex) = 0;            // what a sync took, lately
 };
 

@@ -22,6 +22,14 @@ bool hasForm(std::string_view name, std::string_view prefix, std::string_view su
     return name.size() >= prefix.size() + suffix.size() && name.starts_with(prefix) && name.ends_with(suffix);
 }
 
+ZnString withoutTemporarySuffix(const ZnString& name) {
+    constexpr std::string_view kTemporarySuffix = ".tmp";
+    std::string_view bare = name.view();
+    if (bare.ends_with(kTemporarySuffix))
+        bare.remove_suffix(kTemporarySuffix.size());
+    return ZnString(bare);
+}
+
 } // namespace
 
 ZnString tableFileName(std::int32_t level, std::uint64_t id) {
@@ -51,19 +59,20 @@ std::uint64_t parseFileId(const ZnString& path, std::string_view prefix, std::st
     return result.ec == std::errc() && nameOf(prefix, id, suffix) == ZnString(name) ? id : 0;
 }
 
+std::uint64_t dataFileId(const ZnString& name) {
+    constexpr std::pair<std::string_view, std::string_view> kForms[] = {
+        {kBlobPrefix, kBlobSuffix}, {"L0-", ".sst"}, {"L1-", ".sst"}};
+    const ZnString bare = withoutTemporarySuffix(name);
+    std::uint64_t id = 0;
+    for (const auto& [prefix, suffix] : kForms)
+        id = std::max(id, parseFileId(bare, prefix, suffix));
+    return id;
+}
+
 bool isStoreFileName(const ZnString& name) {
-    constexpr std::string_view kTemporarySuffix = ".tmp";
-    constexpr std::pair<std::string_view, std::string_view> kForms[] = {{kBlobPrefix, kBlobSuffix},
-                                                                        {kWalPrefix, kWalSuffix},
-                                                                        {kManifestPrefix, kManifestSuffix},
-                                                                        {"L0-", ".sst"},
-                                                                        {"L1-", ".sst"}};
-    std::string_view bare = name.view();
-    if (bare.ends_with(kTemporarySuffix))
-        bare.remove_suffix(kTemporarySuffix.size());
-    return bare == kCurrentFileName || bare == kLockFileName || manifestFileName(0).view() == bare ||
-           std::any_of(std::begin(kForms), std::end(kForms),
-                       [&](const auto& form) { return parseFileId(ZnString(bare), form.first, form.second) != 0; });
+    const ZnString bare = withoutTemporarySuffix(name);
+    return bare == kCurrentFileName || bare == kLockFileName || bare == manifestFileName(0) || dataFileId(bare) != 0 ||
+           parseFileId(bare, kWalPrefix, kWalSuffix) != 0 || parseFileId(bare, kManifestPrefix, kManifestSuffix) != 0;
 }
 
 std::vector<ZnString> listFiles(ZnStorageFiles& files, const ZnString& directory, std::string_view prefix,

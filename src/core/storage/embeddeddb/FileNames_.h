@@ -29,6 +29,9 @@ ZnString manifestFileName(std::uint64_t id);
 /// would not have written (a leading zero, a sign, more than 64 bits).
 std::uint64_t parseFileId(const ZnString& path, std::string_view prefix, std::string_view suffix);
 
+/// The id in the bare name of a table or of a blob file, or of one in the making; 0 for other names.
+std::uint64_t dataFileId(const ZnString& name);
+
 /// Whether a bare name is that of a file of a store, of one in the making (".tmp" behind it) included.
 bool isStoreFileName(const ZnString& name);
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/storage/embeddeddb/BlobEpoch_.h"
 #include "core/storage/embeddeddb/BlobFiles_.h"
 #include "core/storage/embeddeddb/SharedMemtable_.h"
 #include "core/storage/embeddeddb/StoreCounters_.h"
@@ -36,6 +37,7 @@ struct ReadView_ {
     std::shared_ptr<const TableViews_> tables;            // never null
     std::shared_ptr<BlobFiles_> blobs;                    // never null, nor are the counters
     std::shared_ptr<StoreCounters_> counters;
+    std::shared_ptr<BlobEpoch_> blobEpoch; // null in a store that was opened to read
 };
 using ReadViewPtr_ = std::shared_ptr<const ReadView_>;
 

@@ -6,6 +6,7 @@
 #include "core/types/ZnLogger.h"
 
 #include <algorithm>
+#include <map>
 #include <utility>
 
 namespace znEmbeddedDbDetail {
@@ -66,10 +67,6 @@ std::shared_ptr<SharedMemtable_> mergedOf(SharedMemtable_& older, SharedMemtable
     return merged;
 }
 
-bool isNewer(const TableMeta_& left, const TableMeta_& right) {
-    return left.level != right.level ? left.level < right.level : left.fileId > right.fileId;
-}
-
 } // namespace
 
 ZnString walPath(const StorePaths_& paths, std::uint64_t walId) {
@@ -78,6 +75,10 @@ ZnString walPath(const StorePaths_& paths, std::uint64_t walId) {
 
 ZnString blobPath(const StorePaths_& paths, std::uint64_t blobFileId) {
     return joinPath(paths.blobsDir, blobFileName(blobFileId));
+}
+
+bool isNewerTable(const TableMeta_& left, const TableMeta_& right) {
+    return left.level != right.level ? left.level < right.level : left.fileId > right.fileId;
 }
 
 void removeOldManifests(ZnStorageFiles& files, const ZnString& rootPath, std::uint64_t currentId,
@@ -101,6 +102,8 @@ void StoreCore_::adopt(RecoveredStore_&& recovered) {
     lastCommittedSequence = recovered.lastSequence;
     durableSequence = manifest.maxSequence;
     lastWriteNs = monotonicNowNs();
+    if (!options.readOnly)
+        beginBlobEpoch_();
     rebuildReadView_();
     publishView();
 }
@@ -115,10 +118,18 @@ void StoreCore_::reset() {
     beginMemtable_();
     immutableMemtables.clear();
     tableViews = nullptr;
+    blobEpoch = nullptr;
+    level0Depth = 0;
+    flushFirstFileId = 0;
+    compactionFirstFileId = 0;
+    blobGcFirstFileId = 0;
     lastCommittedSequence = 0;
     durableSequence = 0;
     backgroundError = {};
+    mayResume = false;
     closing = false;
+    compactionRunning = false;
+    blobGcRunning = false;
     manifestCommits_ = 0;
     files.forget();
     ReadViewPtr_ last; // as in publishView
@@ -141,16 +152,43 @@ void StoreCore_::setBackgroundError(ZnEmbeddedDbStatus status) {
     commitCondition.notify_all();
 }
 
+bool StoreCore_::isIdle() {
+    if (closing || options.readOnly || compactionRunning || !immutableMemtables.empty())
+        return false;
+    const MemtableReadScope_ scope(activeMemtable->lock);
+    return activeMemtable->table.isEmpty();
+}
+
+std::uint64_t StoreCore_::firstRunningFileId() const {
+    std::uint64_t first = manifest.nextTableId;
+    for (const std::uint64_t id : {flushFirstFileId, compactionFirstFileId, blobGcFirstFileId})
+        first = id == 0 ? first : std::min(first, id);
+    return first;
+}
+
+std::uint64_t StoreCore_::takeFileId(std::uint64_t generation) {
+    const ZnMutexLocker locker(mutex);
+    return isEnding(generation) ? 0 : manifest.nextTableId++;
+}
+
 void StoreCore_::noteSyncFailure() {
     if (files.hasFailed())
         setBackgroundError({ZnEmbeddedDbStatus::IoError, files.failure()});
 }
 
+void StoreCore_::beginBlobEpoch_() {
+    blobEpoch = std::make_shared<BlobEpoch_>(baseFiles, blobs, paths.blobsDir);
+}
+
 void StoreCore_::rebuildReadView_() {
     auto views = std::make_shared<TableViews_>();
     std::vector<TableMeta_> tables = manifest.tables;
-    std::sort(tables.begin(), tables.end(), isNewer);
+    std::sort(tables.begin(), tables.end(), isNewerTable);
+    std::map<ZnString, std::size_t> level0Counts; // by index name, which is empty for primary tables
+    level0Depth = 0;
     for (const TableMeta_& table : tables) {
+        if (table.level == 0)
+            level0Depth = std::max(level0Depth, ++level0Counts[table.indexName]);
         const auto handle = tableHandles.find(table.fileName.str());
         if (handle == tableHandles.end())
             continue;
@@ -174,6 +212,7 @@ void StoreCore_::publishView() {
     next->tables = tableViews;
     next->blobs = blobs;
     next->counters = counters;
+    next->blobEpoch = blobEpoch;
     ReadViewPtr_ last = std::move(next); // what nobody needs any more goes with the lock released
     const ZnMutexLocker locker(viewLock_);
     view_.swap(last);
@@ -250,9 +289,13 @@ std::uint64_t StoreCore_::recomputeReplayFromWalId_(std::size_t flushedCount) {
     return oldest;
 }
 
-ZnEmbeddedDbStatus StoreCore_::commitTables(const TableChange_& change) {
+void StoreCore_::awaitManifest() {
     while (manifestBusy_)
         workerCondition.wait(mutex);
+}
+
+ZnEmbeddedDbStatus StoreCore_::commitTables(const TableChange_& change) {
+    awaitManifest();
     ManifestState_ next = manifest;
     for (const TableMeta_& table : change.removed)
         std::erase(next.tables, table);
@@ -264,12 +307,26 @@ ZnEmbeddedDbStatus StoreCore_::commitTables(const TableChange_& change) {
     mutex.unlock();
     ZnEmbeddedDbStatus status = writeManifest(files, paths.rootPath, &next);
     mutex.lock();
+    noteSyncFailure();
+    if (status.isOk()) {
+        adoptTables_(change, std::move(next));
+        publishCommit_();
+    }
     manifestBusy_ = false;
     workerCondition.notify_all();
-    noteSyncFailure();
-    if (status.isOk())
-        adoptTables_(change, std::move(next));
     return status;
+}
+
+/// With the mutex released: another process that stands still must not hold the store. No other manifest is written
+/// meanwhile, so that the last that is told is the last.
+void StoreCore_::publishCommit_() {
+    if (notifier == nullptr)
+        return;
+    const std::uint64_t sequence = lastCommittedSequence;
+    const std::uint64_t manifestId = manifest.manifestId;
+    mutex.unlock();
+    notifier->publish(sequence, manifestId);
+    mutex.lock();
 }
 
 /// What others changed while the manifest was written stays as they left it: the ids that were given out, and the log.
@@ -284,8 +341,16 @@ void StoreCore_::adoptTables_(const TableChange_& change, ManifestState_&& writt
         tableHandles[table->meta().fileName.str()] = table;
     const auto flushed = static_cast<std::ptrdiff_t>(change.flushedMemtableCount);
     immutableMemtables.erase(immutableMemtables.begin(), immutableMemtables.begin() + flushed);
+    if (change.endsBlobEpoch)
+        beginBlobEpoch_();
     rebuildReadView_();
     publishView();
+}
+
+bool StoreCore_::isOldManifestInForce() {
+    std::uint64_t manifestId = 0;
+    return backgroundError.isOk() && readCurrent(files, paths.rootPath, &manifestId).isOk() &&
+           manifestId + 1 == manifest.manifestId;
 }
 
 void StoreCore_::collectObsoleteWalFiles() {
@@ -303,6 +368,33 @@ void StoreCore_::collectObsoleteWalFiles() {
     if (cleansManifests)
         removeOldManifests(files, paths.rootPath, manifestId, options.keepManifests);
     mutex.lock();
+}
+
+void StoreCore_::removeTables(std::vector<ZnString> tablePaths) {
+    {
+        const ZnMutexLocker locker(mutex);
+        if (tableHolds_ > 0) {
+            heldTablePaths_.insert(heldTablePaths_.end(), tablePaths.begin(), tablePaths.end());
+            return;
+        }
+    }
+    for (const ZnString& path : tablePaths) // one that stays is an orphan, which the next opening removes
+        files.remove(path);
+}
+
+void StoreCore_::holdTables() {
+    const ZnMutexLocker locker(mutex);
+    ++tableHolds_;
+}
+
+void StoreCore_::releaseTables() {
+    std::vector<ZnString> tablePaths;
+    {
+        const ZnMutexLocker locker(mutex);
+        if (--tableHolds_ == 0)
+            tablePaths.swap(heldTablePaths_);
+    }
+    removeTables(std::move(tablePaths));
 }
 
 void StoreCore_::fillStats(ZnEmbeddedDbStats* stats) {

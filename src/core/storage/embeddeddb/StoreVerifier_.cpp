@@ -79,8 +79,12 @@ private:
 class Verification {
 public:
     Verification(ZnStorageFiles& files, const StorePaths_& paths, const ReadView_& view,
-                 const ZnEmbeddedDbProgress& progress)
-        : files_(files), paths_(paths), view_(view), progress_(progress, totalBytes_()) {}
+                 std::uint64_t firstRunningFileId, const ZnEmbeddedDbProgress& progress)
+        : files_(files),
+          paths_(paths),
+          view_(view),
+          firstRunningFileId_(firstRunningFileId),
+          progress_(progress, totalBytes_()) {}
 
     ZnEmbeddedDbStatus run();
     ZnEmbeddedDbVerifyReport report;
@@ -109,6 +113,7 @@ private:
     ZnStorageFiles& files_;
     const StorePaths_& paths_;
     const ReadView_& view_;
+    const std::uint64_t firstRunningFileId_;
     ProgressMeter progress_;
     ReadView_ fresh_;                   // the same as view_, but read from the disk now
     std::set<ZnString> damagedIndexes_; // of which a table could not be opened
@@ -339,7 +344,7 @@ void Verification::findOrphansIn_(const ZnString& directory, IsUsed isUsed) {
     }
     std::sort(names.begin(), names.end());
     for (const ZnString& name : names)
-        if (!isUsed(name))
+        if (!isUsed(name) && dataFileId(name) < firstRunningFileId_)
             report.orphans.append(joinPath(directory, name));
 }
 
@@ -369,8 +374,9 @@ ZnEmbeddedDbStatus Verification::result_() const {
 } // namespace
 
 ZnEmbeddedDbStatus verifyStore(ZnStorageFiles& files, const StorePaths_& paths, const ReadView_& view,
-                               ZnEmbeddedDbVerifyReport* report, const ZnEmbeddedDbProgress& progress) {
-    Verification verification(files, paths, view, progress);
+                               std::uint64_t firstRunningFileId, ZnEmbeddedDbVerifyReport* report,
+                               const ZnEmbeddedDbProgress& progress) {
+    Verification verification(files, paths, view, firstRunningFileId, progress);
     ZnEmbeddedDbStatus status = verification.run();
     if (report != nullptr)
         *report = std::move(verification.report);

@@ -11,9 +11,11 @@ namespace znEmbeddedDbDetail {
 
 /// Reads every table, block, filter, stored value and blob value that `view` refers to, from the disk, and
 /// checks them against each other: tables with their metas of the manifest, tables of one kind for their
-/// order and for equal sequences of a key, indexes with primary records. `view` has no active memtable. Code
-/// 7, with the report, when anything is wrong.
+/// order and for equal sequences of a key, indexes with primary records. `view` has no active memtable, and
+/// its tables stay on the disk meanwhile. Files with `firstRunningFileId` and above may be those of work that
+/// is not over: no orphans. Code 7, with the report, when anything is wrong.
 ZnEmbeddedDbStatus verifyStore(ZnStorageFiles& files, const StorePaths_& paths, const ReadView_& view,
-                               ZnEmbeddedDbVerifyReport* report, const ZnEmbeddedDbProgress& progress);
+                               std::uint64_t firstRunningFileId, ZnEmbeddedDbVerifyReport* report,
+                               const ZnEmbeddedDbProgress& progress);
 
 } // namespace znEmbeddedDbDetail

@@ -2,9 +2,12 @@
 
 #include "core/runtime/ZnThreadPool.h"
 #include "core/storage/embeddeddb/CommitQueue_.h"
+#include "core/storage/embeddeddb/MaintenanceScheduler_.h"
 #include "core/storage/embeddeddb/StoreCore_.h"
 #include "core/storage/embeddeddb/StoreLock_.h"
 #include "core/storage/embeddeddb/ZnEmbeddedDbFlushScheduler.h"
+
+#include "core/storage/embeddeddb/ZnEmbeddedDb.h"
 
 #include <atomic>
 
@@ -20,11 +23,18 @@ struct Store_ {
 
     StoreCore_ core;
     ZnThreadPool threadPool;
-    FlushScheduler_ flushes{core, threadPool};
-    CommitQueue_ commits{core, flushes};
+    MaintenanceScheduler_ maintenance{core, threadPool};
+    FlushScheduler_ flushes{core, threadPool, maintenance};
+    CommitQueue_ commits{core, flushes, maintenance};
     StoreLock_ lockFile;
     std::atomic<bool> isOpen{false};
+    long long closeWaitMs = 15000; // for background work that runs when the store closes
     std::atomic<bool> hasIndexes{false}; // some record has secondary keys: writes must look at what they replace
+};
+
+/// What a store is made of, for tests that hold its background work at sync points.
+struct StoreAccess_ {
+    static Store_& of(ZnEmbeddedDb& store) { return *store.store_; }
 };
 
 } // namespace znEmbeddedDbDetail

@@ -57,6 +57,15 @@ void appendMetadata(const IndexKeys_& indexKeys, std::string* out) {
     storeLe(out->data() + lengthAt, static_cast<std::uint32_t>(metadataBytes));
 }
 
+void appendBlobRef(const BlobRef_& blob, std::string* out) {
+    ZN_ASSERT(blob.valid);
+    appendLe(out, blob.blobFileId);
+    appendLe(out, blob.offset);
+    appendLe(out, blob.size);
+    appendLe(out, blob.crc32);
+    appendLe(out, blob.flags);
+}
+
 } // namespace
 
 bool parseStoredValue(std::string_view bytes, StoredValueView_* view) noexcept {
@@ -127,14 +136,21 @@ void encodeInlineValue(std::string_view value, const IndexKeys_& indexKeys, std:
 }
 
 void encodeBlobValue(const BlobRef_& blob, const IndexKeys_& indexKeys, std::string* out) {
-    ZN_ASSERT(blob.valid);
     appendLe(out, kExternalStorage);
     appendMetadata(indexKeys, out);
-    appendLe(out, blob.blobFileId);
-    appendLe(out, blob.offset);
-    appendLe(out, blob.size);
-    appendLe(out, blob.crc32);
-    appendLe(out, blob.flags);
+    appendBlobRef(blob, out);
+}
+
+void encodeInlineValueWith(std::string_view metadata, std::string_view value, std::string* out) {
+    appendLe(out, kInlineStorage);
+    appendSized(out, metadata);
+    appendSized(out, value);
+}
+
+void encodeBlobValueWith(std::string_view metadata, const BlobRef_& blob, std::string* out) {
+    appendLe(out, kExternalStorage);
+    appendSized(out, metadata);
+    appendBlobRef(blob, out);
 }
 
 void encodeStoredValue(const ValueEntry_& entry, std::string* out) {

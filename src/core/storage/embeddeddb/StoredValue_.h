@@ -67,6 +67,9 @@ bool decodeStoredValue(const char* bytes, std::size_t byteCount, ValueEntry_* en
 void encodeStoredValue(const ValueEntry_& entry, std::string* out);
 /// Appends the stored value of an inline value.
 void encodeInlineValue(std::string_view value, const IndexKeys_& indexKeys, std::string* out);
+/// The same with secondary keys as they stand in another stored value.
+void encodeInlineValueWith(std::string_view metadata, std::string_view value, std::string* out);
+void encodeBlobValueWith(std::string_view metadata, const BlobRef_& blob, std::string* out);
 /// Appends the stored value of a value in a blob file.
 void encodeBlobValue(const BlobRef_& blob, const IndexKeys_& indexKeys, std::string* out);
 

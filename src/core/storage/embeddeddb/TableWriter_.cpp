@@ -69,12 +69,12 @@ ZnEmbeddedDbStatus TableWriter_::add(const RecordView_& record) {
     appendRecord(&block_, record);
     lastKey_.assign(record.key);
     hashes_.push_back(BloomFilter_::hashOf(record.key));
-    noteSequence_(record.sequence);
+    noteSequence(record.sequence);
     ++meta_.recordCount;
     return {};
 }
 
-void TableWriter_::noteSequence_(std::uint64_t sequence) {
+void TableWriter_::noteSequence(std::uint64_t sequence) {
     if (sequence != 0)
         meta_.minSequence = meta_.minSequence == 0 ? sequence : std::min(meta_.minSequence, sequence);
     meta_.maxSequence = std::max(meta_.maxSequence, sequence);

@@ -32,6 +32,8 @@ public:
     ZnEmbeddedDbStatus open();
     /// After a failure only dropping the writer makes sense.
     ZnEmbeddedDbStatus add(const RecordView_& record);
+    /// Takes a sequence into the table's range whose record is not written, as a newer one stands for it.
+    void noteSequence(std::uint64_t sequence);
     /// Code 4 for a table without records. `*syncErrorOut` as in replaceFileDurable.
     ZnEmbeddedDbStatus finish(ZnString* syncErrorOut = nullptr);
     /// With sequences, record count and file name, once it is finished.
@@ -40,7 +42,6 @@ public:
     std::uint64_t writtenBytes() const noexcept { return nextOffset_ + block_.size(); }
 
 private:
-    void noteSequence_(std::uint64_t sequence);
     bool flushBlock_(ZnString* errorOut);
     bool writeRest_(ZnString* errorOut);
     std::string header_() const;

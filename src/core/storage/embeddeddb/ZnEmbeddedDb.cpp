@@ -175,6 +175,18 @@ ReadViewPtr_ stableViewOf(Store_& store, const ZnEmbeddedDbSnapshotPtr& snapshot
     return store.isOpen.load(std::memory_order_acquire) ? store.core.stableView(&sequence) : nullptr;
 }
 
+/// Keeps the tables of a view on the disk.
+class TableHold {
+public:
+    explicit TableHold(StoreCore_& core) : core_(core) { core_.holdTables(); }
+    ~TableHold() { core_.releaseTables(); }
+    TableHold(const TableHold&) = delete;
+    TableHold& operator=(const TableHold&) = delete;
+
+private:
+    StoreCore_& core_;
+};
+
 } // namespace
 
 ZnEmbeddedDb::ZnEmbeddedDb(ZnStorageFiles& files) : store_(std::make_unique<Store_>(files)) {}
@@ -299,6 +311,24 @@ ZnEmbeddedDbStatus ZnEmbeddedDb::flush() {
     return store_->flushes.flush();
 }
 
+ZnEmbeddedDbStatus ZnEmbeddedDb::compact() {
+    ZnEmbeddedDbStatus status = flush();
+    if (status.isOk())
+        status = store_->maintenance.compactAll();
+    return status.isOk() ? store_->maintenance.collectGarbage() : status;
+}
+
+ZnEmbeddedDbStatus ZnEmbeddedDb::collectGarbage() {
+    ZnEmbeddedDbStatus status = flush();
+    return status.isOk() ? store_->maintenance.collectGarbage() : status;
+}
+
+ZnEmbeddedDbStatus ZnEmbeddedDb::resume() {
+    if (ZnEmbeddedDbStatus status = checkWritable(*store_); !status.isOk())
+        return status;
+    return store_->maintenance.resume();
+}
+
 ZnEmbeddedDbStats ZnEmbeddedDb::stats() const {
     ZnEmbeddedDbStats stats;
     if (!isOpen())
@@ -310,10 +340,18 @@ ZnEmbeddedDbStats ZnEmbeddedDb::stats() const {
 }
 
 ZnEmbeddedDbStatus ZnEmbeddedDb::verify(ZnEmbeddedDbVerifyReport* report, const ZnEmbeddedDbProgress& progress) const {
+    StoreCore_& core = store_->core;
+    const TableHold hold(core);
+    StorePaths_ paths;
+    std::uint64_t firstRunningFileId = 0;
+    {
+        const ZnMutexLocker locker(core.mutex);
+        paths = core.paths;
+        firstRunningFileId = core.firstRunningFileId(); // before the view: what has come into force since is in it
+    }
     const ReadViewPtr_ view = stableViewOf(*store_, nullptr);
-    ZnEmbeddedDbVerifyReport unused;
     if (view == nullptr)
         return notOpen();
-    return verifyStore(store_->core.baseFiles, store_->core.paths, *view, report == nullptr ? &unused : report,
-                       progress);
+    ZnEmbeddedDbVerifyReport unused;
+    return verifyStore(core.baseFiles, paths, *view, firstRunningFileId, report == nullptr ? &unused : report, progress);
 }

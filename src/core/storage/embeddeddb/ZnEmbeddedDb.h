@@ -21,6 +21,7 @@
 
 namespace znEmbeddedDbDetail {
 struct Store_;
+struct StoreAccess_;
 } // namespace znEmbeddedDbDetail
 
 /// The records that a scan goes through: from `start` (included) to `end` (excluded), of them those that
@@ -101,11 +102,24 @@ public:
     /// Writes all records in memory to tables, and waits for it.
     ZnEmbeddedDbStatus flush();
 
+    /// Writes all records in memory to tables, merges the tables of each kind into one, without what was replaced or
+    /// removed, and collects garbage. Waits for it; others read and write meanwhile. Takes as much room on the disk
+    /// again as the live data, until it is done.
+    ZnEmbeddedDbStatus compact();
+    /// Writes all records in memory to tables and, when a blob file has 30 percent of bytes or more that no record
+    /// refers to, all live records anew, after which the old blob files go. Waits for it; others read and write
+    /// meanwhile. In a store that nobody writes to, this happens in the background.
+    ZnEmbeddedDbStatus collectGarbage();
+    /// Lets a store be written to again after failures that can pass: compactions that failed three times in a row. Gives
+    /// the error that is left.
+    ZnEmbeddedDbStatus resume();
+
     ZnEmbeddedDbStats stats() const;
     /// Reads everything and checks it. Code 7 when anything is wrong; what, is in `*report` (may be null).
     ZnEmbeddedDbStatus verify(ZnEmbeddedDbVerifyReport* report = nullptr,
                               const ZnEmbeddedDbProgress& progress = {}) const;
 
 private:
+    friend struct znEmbeddedDbDetail::StoreAccess_;
     const std::unique_ptr<znEmbeddedDbDetail::Store_> store_;
 };

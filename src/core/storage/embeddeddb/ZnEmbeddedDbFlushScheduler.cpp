@@ -1,6 +1,7 @@
 #include "core/storage/embeddeddb/ZnEmbeddedDbFlushScheduler.h"
 
 #include "core/platform/ZnMonotonicClock.h"
+#include "core/storage/embeddeddb/MaintenanceScheduler_.h"
 #include "core/storage/embeddeddb/MemtableFlush_.h"
 #include "core/types/ZnLogger.h"
 
@@ -153,6 +154,7 @@ ZnEmbeddedDbStatus FlushScheduler_::flushMemtablesToTables_(const Memtables_& me
         const ZnMutexLocker locker(core_.mutex);
         return core_.manifest.nextTableId++;
     };
+    core_.flushFirstFileId = core_.manifest.nextTableId;
     core_.mutex.unlock();
     MemtableFlush_ flush(core_.files, core_.paths, *core_.counters,
                          {0, core_.options.blobThresholdBytes, {core_.options.verifyFilters}, nextTableId}, memtables);
@@ -162,11 +164,12 @@ ZnEmbeddedDbStatus FlushScheduler_::flushMemtablesToTables_(const Memtables_& me
     if (status.isOk())
         status = commit_(flush, sealedCount);
     // Whose name or content may be lost is not known to be out of force either: it stays until the next opening.
-    if (!status.isOk() && core_.backgroundError.isOk() && isOldManifestInForce_()) {
+    if (!status.isOk() && core_.isOldManifestInForce()) {
         core_.mutex.unlock();
         flush.removeFiles();
         core_.mutex.lock();
     }
+    core_.flushFirstFileId = 0;
     return status;
 }
 
@@ -180,13 +183,12 @@ ZnEmbeddedDbStatus FlushScheduler_::commit_(const MemtableFlush_& flush, std::si
     core_.workerCondition.notify_all();
     if (!core_.closing)
         core_.collectObsoleteWalFiles();
+    if (!core_.closing) { // it let go of the mutex
+        maintenance_.assumeLocked();
+        maintenance_.scheduleL0CompactionIfNeeded();
+        maintenance_.scheduleBlobGcIfNeeded();
+    }
     return {};
-}
-
-bool FlushScheduler_::isOldManifestInForce_() {
-    std::uint64_t manifestId = 0;
-    return readCurrent(core_.files, core_.paths.rootPath, &manifestId).isOk() &&
-           manifestId + 1 == core_.manifest.manifestId;
 }
 
 void FlushScheduler_::noteOutcome_(const ZnEmbeddedDbStatus& status) {

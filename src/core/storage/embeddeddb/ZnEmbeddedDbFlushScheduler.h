@@ -9,6 +9,7 @@
 
 namespace znEmbeddedDbDetail {
 
+class MaintenanceScheduler_;
 class MemtableFlush_;
 
 /// Turns sealed memtables into tables, the oldest first, one flush at a time, on the store's thread pool.
@@ -20,7 +21,8 @@ class FlushScheduler_ {
 public:
     static constexpr long long kNever = std::numeric_limits<long long>::max();
 
-    FlushScheduler_(StoreCore_& core, ZnThreadPool& pool) : core_(core), pool_(pool) {}
+    FlushScheduler_(StoreCore_& core, ZnThreadPool& pool, MaintenanceScheduler_& maintenance)
+        : core_(core), pool_(pool), maintenance_(maintenance) {}
 
     /// Tells the analysis of locks that the caller holds the mutex, which it knows by another name.
     void assumeLocked() const ZN_ASSUME_HELD(core_.mutex) {}
@@ -61,13 +63,13 @@ private:
     ZnEmbeddedDbStatus flushMemtablesToTables_(const Memtables_& memtables, std::size_t sealedCount)
         ZN_REQUIRES(core_.mutex);
     ZnEmbeddedDbStatus commit_(const MemtableFlush_& flush, std::size_t sealedCount) ZN_REQUIRES(core_.mutex);
-    bool isOldManifestInForce_() ZN_REQUIRES(core_.mutex);
     void noteOutcome_(const ZnEmbeddedDbStatus& status) ZN_REQUIRES(core_.mutex);
     Memtables_ detachAll_() ZN_EXCLUDES(core_.mutex);
     void flushDetached_(const Memtables_& memtables) ZN_EXCLUDES(core_.mutex);
 
     StoreCore_& core_;
     ZnThreadPool& pool_;
+    MaintenanceScheduler_& maintenance_;
     bool flushRunning_ ZN_GUARDED_BY(core_.mutex) = false;
     std::uint64_t
         demandedSequence_ ZN_GUARDED_BY(core_.mutex) = 0;       // small memtables up to it do not wait for a full one

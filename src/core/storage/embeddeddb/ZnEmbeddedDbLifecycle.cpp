@@ -15,7 +15,6 @@ namespace znEmbeddedDbDetail {
 namespace {
 
 constexpr const char* kCategory = "zn.core.storage.znembeddeddb";
-constexpr long long kCloseWaitMs = 15000;
 constexpr std::uint64_t kOpenBlobFileBytes = 16 * 1024; // what an open file is counted as
 constexpr std::uint64_t kLeastMemtableBytes = 4 * 1024;
 constexpr std::uint64_t kMostMemtableBytes = std::uint64_t(4) * 1024 * 1024 * 1024;
@@ -138,6 +137,9 @@ ZnEmbeddedDbStatus LifecycleManager_::beginToWrite_(Recovery_* recovery) {
         recovery->clean(core.manifest, core.tableHandles);
         store_.flushes.assumeLocked();
         store_.flushes.reset();
+        store_.maintenance.assumeLocked();
+        store_.maintenance.reset();
+        store_.maintenance.scheduleL0CompactionIfNeeded(); // each opening and closing may have added a table
     }
     store_.commits.startCommitWorker();
     return {};
@@ -184,10 +186,20 @@ void LifecycleManager_::close() {
         store_.commits.stopCommitWorker();
         store_.commits.failPendingWrites();
         store_.flushes.flushAllSync([this] { store_.commits.closeLog(); });
-        store_.threadPool.waitForDone(ZnThreadPool::Deadline::inMs(kCloseWaitMs));
+        waitForBackgroundWork_();
     }
+    core.notifier = nullptr;
     store_.lockFile.release();
     resetState_();
+}
+
+/// Work that has not ended in time finds that it has to when it looks again, and does not touch the store any more. Only
+/// a manifest that is being written must be waited for: it is in force as soon as it has its name.
+void LifecycleManager_::waitForBackgroundWork_() {
+    if (!store_.threadPool.waitForDone(ZnThreadPool::Deadline::inMs(store_.closeWaitMs)))
+        ZN_LOG_WARNING(kCategory, "ZnEmbeddedDb::close") << store_.core.paths.rootPath << ": background work goes on";
+    const ZnMutexLocker locker(store_.core.mutex);
+    store_.core.awaitManifest();
 }
 
 void LifecycleManager_::resetState_() {
@@ -196,6 +208,8 @@ void LifecycleManager_::resetState_() {
     core.reset();
     store_.flushes.assumeLocked();
     store_.flushes.reset();
+    store_.maintenance.assumeLocked();
+    store_.maintenance.reset();
     store_.hasIndexes.store(false);
 }
 

@@ -29,6 +29,7 @@ private:
     ZnEmbeddedDbStatus beginToWrite_(Recovery_* recovery);
     ZnEmbeddedDbStatus pinBlobFiles_();
     void noteIndexes_(const RecoveredStore_& recovered);
+    void waitForBackgroundWork_();
     void resetState_();
 
     Store_& store_;

@@ -30,6 +30,9 @@ struct ZnEmbeddedDbOptions {
     std::uint32_t maxImmutableMemtables = 4;
     /// After so long without a write the records in memory go into tables, however few; 0: never.
     std::uint32_t idleFlushMs = 5000;
+    /// With more tables of level 1 of one kind than this, they are merged in the background, which writes all of that
+    /// kind anew. 0: only compact() merges them.
+    std::uint32_t maxLevel1Tables = 0;
 
     /// Room for what reading keeps open, about 16 KiB a blob file; 0: a blob file is opened for every value.
     std::uint64_t sharedTableStateSize = 8 * 1024 * 1024;
@@ -41,4 +44,6 @@ struct ZnEmbeddedDbOptions {
     bool salvageLog = false;
     /// Manifests that stay on disk, the one in force included; at least 1.
     std::uint32_t keepManifests = 2;
+    /// Tells other processes of this user of every change of the tables; see ZnEmbeddedDb::watch.
+    bool notifyChanges = false;
 };

@@ -141,8 +141,7 @@ ZnEmbeddedDbStatus LifecycleManager_::beginToWrite_(Recovery_* recovery) {
         store_.maintenance.reset();
         store_.maintenance.scheduleL0CompactionIfNeeded(); // each opening and closing may have added a table
     }
-    store_.commits.startCommitWorker();
-    return {};
+    return store_.commits.startCommitWorker();
 }
 
 /// Beside a process that writes, blob files may go at any time: open ones stay readable. One that has gone already is

@@ -1,11 +1,12 @@
 #include "agent/BreltMcpBridgeAgent.h"
 
+#include "agent/McpHeaders.h"
+#include "agent/McpJson.h"
 #include "agent/McpText.h"
+#include "core/io/http/ZnHttpAbandonGuard.h"
 #include "core/platform/ZnFileIdentity.h"
 #include "core/platform/ZnSocketError.h"
-#include "core/platform/ZnThreadControl.h"
 #include "core/runtime/ZnCoreApplication.h"
-#include "core/runtime/ZnTimer.h"
 
 #include <algorithm>
 #include <iostream>
@@ -15,7 +16,6 @@
 namespace {
 
 constexpr int kCallsEndMs = 1000;
-constexpr int kWorkerCount = 2;
 constexpr int kDeletionMs = 200;
 
 /// The application whose loop the caller may run, or null.
@@ -63,12 +63,28 @@ ZnString listenProblem(int error, const ZnString& address, std::uint16_t port) {
     }
 }
 
+ZnString normalizedPath(const ZnString& path) {
+    std::string_view text = trimmedView(path.view());
+    while (text.size() > 1 && text.ends_with('/'))
+        text.remove_suffix(1);
+    if (text.empty())
+        return "/mcp";
+    return text.front() == '/' ? ZnString(text) : "/" + ZnString(text);
+}
+
+void send(McpReply reply, ZnHttpContext& context) {
+    for (McpReply::Header& header : reply.headers)
+        context.setHeader(header.name, std::move(header.value));
+    context.request().keptUntilSent = std::move(reply.keptUntilSent);
+    if (reply.text.isEmpty())
+        context.sendStatus(reply.status);
+    else
+        context.send(std::move(reply.text), ZnString(zn::http::kJsonText), reply.status);
+}
+
 } // namespace
 
-BreltMcpBridgeAgent::BreltMcpBridgeAgent() : mcpPath_("/mcp"), calls_(std::make_shared<McpForwardCalls>()) {
-    workers_.setMaxThreadCount(kWorkerCount);
-    workers_.setMaxQueuedTaskCount(-1); // the calls in flight are bounded
-}
+BreltMcpBridgeAgent::BreltMcpBridgeAgent() = default;
 
 BreltMcpBridgeAgent::~BreltMcpBridgeAgent() {
     stop();
@@ -79,37 +95,41 @@ void BreltMcpBridgeAgent::setServicesFile(const ZnString& path) {
 }
 
 void BreltMcpBridgeAgent::setMcpPath(const ZnString& path) {
-    mcpPath_ = normalizeMcpPath_(path);
+    mcpPath_ = normalizedPath(path);
 }
 
 void BreltMcpBridgeAgent::setMcpToken(const ZnString& token) {
-    mcpToken_ = token.trimmed();
+    gate_.settings().token = token.trimmed();
 }
 
 void BreltMcpBridgeAgent::setAllowedOrigin(const ZnString& origin) {
-    allowedOrigin_ = origin.trimmed();
+    gate_.settings().allowedOrigin = origin.trimmed();
 }
 
-ZnString BreltMcpBridgeAgent::normalizeMcpPath_(const ZnString& path) {
-    std::string_view text = trimmedView(path.view());
-    while (text.size() > 1 && text.ends_with('/'))
-        text.remove_suffix(1);
-    if (text.empty())
-        return "/mcp";
-    return text.front() == '/' ? ZnString(text) : "/" + ZnString(text);
+void BreltMcpBridgeAgent::setInterop(bool isOn) {
+    isInterop_ = isOn;
+    gate_.settings().exposesSession = isOn;
+    dispatcher_->setExact(isOn);
+}
+
+// --- starting and stopping
+
+bool BreltMcpBridgeAgent::loadServices_() {
+    return services_->load(servicesFile_, isInterop_);
 }
 
 bool BreltMcpBridgeAgent::start(const ZnString& bindAddress, std::uint16_t port, const ZnString& tlsCertPath,
                                 const ZnString& tlsKeyPath) {
     if (!loadServices_())
         return false;
-    warnAboutServices_();
-    if (isStrict_ && !remarks_.empty())
+    for (const ZnString& remark : remarks())
+        std::cerr << "[McpBridge] Warning: services file, " << remark << std::endl;
+    if (isStrict_ && !remarks().empty())
         return false;
     auto server = std::make_unique<ZnHttpApp>();
     ZnHttpLimits limits = server->limits();
     limits.maxBodyBytes = kMaxBodyBytes;
-    limits.strictGrammar = interop_;
+    limits.strictGrammar = isInterop_;
     server->setLimits(limits);
     server->setTimeouts(timeouts_(server->timeouts()));
     registerRoutes_(*server);
@@ -128,14 +148,11 @@ bool BreltMcpBridgeAgent::start(const ZnString& bindAddress, std::uint16_t port,
 }
 
 /// A call has its own limit of time, in which its result must still get out; a client that has left ends it.
-ZnHttpTimeouts BreltMcpBridgeAgent::timeouts_(ZnHttpTimeouts timeouts) {
+ZnHttpTimeouts BreltMcpBridgeAgent::timeouts_(ZnHttpTimeouts timeouts) const {
     constexpr int kMarginMs = 5000;
     constexpr int kPeerLookMs = 1000;
-    int longestMs = timeouts.bodyTimeoutMs;
-    ZnMutexLocker locker(servicesMutex_);
-    for (const auto& [id, record] : services_)
-        longestMs = std::max(longestMs, std::min(record->timeoutMs, std::numeric_limits<int>::max() - kMarginMs) + kMarginMs);
-    timeouts.handlerTimeoutMs = longestMs;
+    const int longestMs = std::min(services_->longestTimeoutMs(), std::numeric_limits<int>::max() - kMarginMs);
+    timeouts.handlerTimeoutMs = std::max(timeouts.bodyTimeoutMs, longestMs == 0 ? 0 : longestMs + kMarginMs);
     timeouts.peerLookMs = kPeerLookMs;
     return timeouts;
 }
@@ -152,31 +169,102 @@ void BreltMcpBridgeAgent::stop() {
     if (!server_)
         return;
     ZnCoreApplication* application = idleApplication();
-    calls_->stop();
+    dispatcher_->stop();
     if (application != nullptr)
-        application->processUntil([this] { return calls_->isEmpty(); }, kCallsEndMs);
+        application->processUntil([this] { return dispatcher_->isIdle(); }, kCallsEndMs);
     server_->stop();
     server_.reset();
     if (application != nullptr)
         runDeferredDeletions(*application);
 }
 
-/// What a large message has needed in small pieces stays with the allocator otherwise.
-void BreltMcpBridgeAgent::giveMemoryBackSoon_() {
-    constexpr int kDelayMs = 500; // for a burst once, and behind the end of most calls
-    if (ZnCoreApplication::instance() == nullptr || std::exchange(isMemoryDue_, true))
-        return;
-    ZnTimer::singleShot(kDelayMs, [this, alive = std::weak_ptr<const bool>(aliveToken_)] {
-        if (alive.expired())
-            return;
-        isMemoryDue_ = false;
-        const auto giveBack = [] { ZnThreadControl::giveMemoryBack(); };
-        workers_.start(new ZnCallableRunnable<decltype(giveBack)>(giveBack));
-    });
-}
-
 std::uint16_t BreltMcpBridgeAgent::localPort() const {
     if (!server_)
         return 0;
     return server_->sslServer().isListening() ? server_->sslServer().localPort() : server_->tcpServer().localPort();
+}
+
+// --- the routes
+
+void BreltMcpBridgeAgent::registerRoutes_(ZnHttpApp& app) {
+    if (gate_.checksHosts())
+        app.addContextMiddleware([this](ZnHttpContext& context, const std::function<void()>& next) {
+            if (std::optional<McpReply> refusal = gate_.refuseHost(context))
+                send(std::move(*refusal), context);
+            else
+                next();
+        });
+    app.options(mcpPath_, [this](ZnHttpContext& context) { handleOptions_(context); });
+    app.get(mcpPath_, [this](ZnHttpContext& context) { handleGet_(context); });
+    app.post(mcpPath_, [this](ZnHttpContext& context) { handlePost_(context); });
+    app.del(mcpPath_, [this](ZnHttpContext& context) { handleDelete_(context); });
+    app.get("/help", [this](ZnHttpContext& context) { handleHelp_(context); });
+    app.get("/services", [this](ZnHttpContext& context) { context.json(services_->publicViews(), 200); });
+    app.get("/services/:serviceId", [this](ZnHttpContext& context) { handleServiceGet_(context); });
+}
+
+/// Whether a request on the MCP path may pass; else it has been answered.
+bool BreltMcpBridgeAgent::lets_(ZnHttpContext& context) {
+    gate_.setHeaders(context);
+    std::optional<McpReply> refusal = gate_.refuse(context);
+    if (refusal)
+        send(std::move(*refusal), context);
+    return !refusal;
+}
+
+/// Parks; the agent may be gone when it goes on.
+void BreltMcpBridgeAgent::handlePost_(ZnHttpContext& context) {
+    if (!lets_(context))
+        return;
+    McpCaller caller;
+    const ZnHttpAbandonGuard guard(context.request(), [&caller] { caller.leave(); });
+    McpMessage message(std::move(context.request().body), caller);
+    message.sessionId = mcp::headerText(context, "mcp-session-id");
+    message.protocolVersion = mcp::headerText(context, "mcp-protocol-version");
+    const std::shared_ptr<McpDispatcher> dispatcher = dispatcher_;
+    send(dispatcher->answer(std::move(message)), context);
+}
+
+void BreltMcpBridgeAgent::handleDelete_(ZnHttpContext& context) {
+    if (lets_(context))
+        send(dispatcher_->endSession(mcp::headerText(context, "mcp-session-id")), context);
+}
+
+void BreltMcpBridgeAgent::handleGet_(ZnHttpContext& context) {
+    if (!lets_(context))
+        return;
+    context.setHeader("allow", "POST, DELETE, OPTIONS");
+    context.json(mcp::errorBody_("SSE stream is not implemented on this endpoint"), 405);
+}
+
+void BreltMcpBridgeAgent::handleOptions_(ZnHttpContext& context) {
+    gate_.setHeaders(context);
+    if (std::optional<McpReply> refusal = gate_.refusePreflight(context))
+        return send(std::move(*refusal), context);
+    context.setHeader("allow", "POST, GET, DELETE, OPTIONS");
+    context.setHeader("access-control-allow-methods", "POST, GET, DELETE, OPTIONS");
+    context.setHeader("access-control-allow-headers",
+                      "authorization, content-type, accept, mcp-protocol-version, mcp-session-id");
+    context.sendStatus(204);
+}
+
+void BreltMcpBridgeAgent::handleHelp_(ZnHttpContext& context) const {
+    ZnString text = "BreltMcpBridgeAgent API\n"
+                    "=======================\n"
+                    "Local allowlisted bridge to private MCP services reachable from this BRELT client.\n"
+                    "\n"
+                    "  GET    /services             List configured services\n"
+                    "  GET    /services/:serviceId  Read one configured service without token material\n";
+    text += "  POST   " + mcpPath_ + "                 Streamable HTTP MCP endpoint\n";
+    text += "  GET    " + mcpPath_ + "                 Returns 405 (SSE not implemented)\n";
+    text += "  DELETE " + mcpPath_ + "                 Ends an MCP session\n";
+    context.text(text, 200);
+}
+
+void BreltMcpBridgeAgent::handleServiceGet_(ZnHttpContext& context) {
+    const McpServiceList::Ref record = services_->find(context.pathParam("serviceId"));
+    if (record)
+        context.json(McpServiceList::publicView(*record), 200);
+    else
+        context.json(mcp::errorBody_("Service not found"), 404);
 }

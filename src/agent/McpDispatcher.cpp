@@ -1,12 +1,7 @@
-// What happens to the body of a POST on the MCP path: the JSON-RPC checks, the sessions and the methods.
+#include "agent/McpDispatcher.h"
 
-#include "agent/BreltMcpBridgeAgent.h"
-#include "agent/McpHeaders.h"
 #include "agent/McpJson.h"
-#include "agent/McpRpcAnswer.h"
-#include "agent/McpWork.h"
 #include "core/types/ZnCrypto.h"
-#include "core/types/ZnJsonDocument.h"
 
 #include <atomic>
 #include <chrono>
@@ -23,15 +18,7 @@ constexpr std::size_t kSessionIdBytes = 24;
 /// Kept of a client's name and version: sessions are many, and what a client sends may be large.
 constexpr std::size_t kClientTextBytes = 256;
 
-void sendJsonText(ZnHttpContext& context, const ZnString& text) {
-    context.sendString(text, ZnString(zn::http::kJsonText), 200);
-}
-
-void sendError(ZnHttpContext& context, int status, const char* message) {
-    context.json(mcp::errorBody_(message), status);
-}
-
-bool isJsonRpc20_(const ZnJsonObject& object) {
+bool isJsonRpc20(const ZnJsonObject& object) {
     const ZnJsonValue& version = object.value("jsonrpc");
     if (version.type() == JsonType::Integer || version.type() == JsonType::Double)
         return std::fabs(version.toDouble(0.0) - 2.0) < 0.0001; // the usual case: the dialect reads "2.0" as a number
@@ -47,8 +34,8 @@ bool isUsableId(const ZnJsonValue& id) {
     return id.isString() || id.type() == JsonType::Integer;
 }
 
-bool isSupportedProtocol_(std::string_view text) {
-    return text == BreltMcpBridgeAgent::kProtocolVersion;
+bool isSupportedProtocol(std::string_view text) {
+    return text == McpDispatcher::kProtocolVersion;
 }
 
 std::string_view methodOf(const ZnJsonObject& message) {
@@ -68,12 +55,12 @@ ZnString hexText(const ZnCrypto::Bytes& bytes) {
 }
 
 /// Empty when there is no entropy.
-ZnString generateToken_(std::size_t byteCount) {
+ZnString generateToken(std::size_t byteCount) {
     ZnCrypto::Bytes bytes;
     return ZnCrypto::randomBytes(byteCount, &bytes) ? hexText(bytes) : ZnString();
 }
 
-ZnString fallbackId_(const char* prefix) {
+ZnString fallbackId(const char* prefix) {
     static std::atomic<unsigned long long> counter{0};
     const long long nowMs = std::chrono::duration_cast<std::chrono::milliseconds>(
                                 std::chrono::system_clock::now().time_since_epoch())
@@ -92,142 +79,133 @@ ZnString clientText(const ZnJsonObject& params, std::string_view name) {
 
 ZnJsonObject unsupportedVersionData(ZnString requested) {
     ZnJsonArray supported;
-    supported.append(BreltMcpBridgeAgent::kProtocolVersion);
+    supported.append(McpDispatcher::kProtocolVersion);
     return {{"requested", std::move(requested)}, {"supported", std::move(supported)}};
 }
 
-ZnJsonObject initializeResult(const ZnString& protocolVersion) {
-    return {{"protocolVersion", protocolVersion},
+ZnJsonObject initializeResult() {
+    return {{"protocolVersion", McpDispatcher::kProtocolVersion},
             {"capabilities", ZnJsonObject{{"tools", ZnJsonObject{{"listChanged", false}}}}},
             {"serverInfo", ZnJsonObject{{"name", "brelt-mcp-bridge-agent"},
                                         {"title", "Brelt MCP Bridge Agent"},
-                                        {"version", BreltMcpBridgeAgent::kVersion}}},
+                                        {"version", McpDispatcher::kVersion}}},
             {"instructions",
              "Bridge to explicitly configured private MCP services reachable from this BRELT client. Use "
              "bridge.list_services first. bridge.rpc only calls services listed in the local allowlist."}};
 }
 
-/// False when the request's body is no single JSON object.
-bool readMessage(JsonReading reading, McpMessage* message) {
-    ZnString error;
-    return message->context.parseJsonBody(&message->document, &error, reading, mcp::kMaxJsonValues) &&
-           message->document.root().isObject();
-}
-
-/// A message that is handled on another thread: the frame that waits for it may go before that is done.
+/// A message that is answered on another thread: the frame that waits for it may go before that is done.
 struct LargeMessage {
-    explicit LargeMessage(const ZnHttpRequest& from) {
-        request.headers = from.headers;
-        request.body = std::move(from.body);
+    explicit LargeMessage(McpMessage from)
+        : sessionId(from.sessionId), protocolVersion(from.protocolVersion), message(std::move(from)) {
+        message.sessionId = sessionId.view();
+        message.protocolVersion = protocolVersion.view();
     }
-    ZnHttpRequest request;
-    ZnHttpContext context{request};
-    McpMessage message{context};
+    const ZnString sessionId;
+    const ZnString protocolVersion;
+    McpMessage message;
+    McpReply reply;
 };
-
-void takeAnswer(ZnHttpResponse answer, ZnHttpContext* context) {
-    for (const auto& [name, value] : answer.headers)
-        context->setHeader(name, value);
-    context->send(std::move(answer.body), ZnString(), answer.status);
-}
 
 } // namespace
 
-void BreltMcpBridgeAgent::handlePost_(ZnHttpContext& context) {
-    if (context.request().body.size() < McpRpcAnswer::kLargeBytes) {
-        McpMessage message(context);
-        handleMessage_(message);
-        if (message.service)
-            context.send(callRpcTool_(context, message), ZnString(zn::http::kJsonText));
-        return;
+McpDispatcher::McpDispatcher(std::shared_ptr<McpServiceList> services) : tools_(std::move(services), workers_) {}
+
+void McpDispatcher::setExact(bool isExact) {
+    isExact_ = isExact;
+    tools_.setExact(isExact);
+}
+
+McpReply McpDispatcher::answer(McpMessage message) {
+    if (!message.isLarge()) {
+        McpReply reply = process_(&message);
+        return message.service ? tools_.forward(message) : std::move(reply);
     }
-    const std::weak_ptr<const bool> alive = aliveToken_;
-    const auto large = std::make_shared<LargeMessage>(context.request());
-    const bool hasRun = mcp::awaitWork(workers_, [this, large] {
-        handleMessage_(large->message);
+    const auto large = std::make_shared<LargeMessage>(std::move(message));
+    const bool hasRun = workers_->await([self = shared_from_this(), large] {
+        large->reply = self->process_(&large->message);
         if (!large->message.service)
             large->message.document = ZnJsonDocument(); // here: it may be a million values
     });
-    if (!hasRun || alive.expired())
-        return context.sendStatus(503);
-    giveMemoryBackSoon_();
-    if (large->message.service)
-        context.send(callRpcTool_(context, large->message), ZnString(zn::http::kJsonText));
-    else
-        takeAnswer(std::move(large->context.response()), &context);
+    if (!hasRun)
+        return McpReply::ofStatus(503);
+    workers_->giveMemoryBackSoon();
+    return large->message.service ? tools_.forward(large->message) : std::move(large->reply);
 }
 
-/// Answers in the message's context, unless the message is a call to forward. Of a large message: not on the loop.
-void BreltMcpBridgeAgent::handleMessage_(McpMessage& read) {
-    ZnHttpContext& context = read.context;
-    if (!readMessage(interop_ ? JsonReading::Exact : JsonReading::QuietDialect, &read))
-        return sendError(context, 400, "Expected a single JSON-RPC object");
-    const ZnJsonObject& message = read.object();
-    const bool hasId = message.contains("id");
-    const ZnJsonValue& id = message.value("id");
-    if (!isJsonRpc20_(message)) {
-        if (isUsableId(id))
-            return sendJsonText(context, mcp::jsonRpcError_(id, kInvalidRequest, "Invalid Request"));
-        return sendError(context, 400, "Invalid JSON-RPC version");
-    }
-    if (!message.value("method").isString())
-        return context.sendStatus(202); // a client's response ends here
-    const std::string_view headerVersion = mcp::headerText(context, "mcp-protocol-version");
-    if (!headerVersion.empty() && !isSupportedProtocol_(headerVersion))
-        return sendError(context, 400, "Unsupported MCP protocol version");
-    const std::string_view method = methodOf(message);
+McpReply McpDispatcher::endSession(std::string_view id) {
+    if (id.empty())
+        return McpReply::error(400, "Missing Mcp-Session-Id header");
+    ZnMutexLocker locker(sessionsLock_);
+    return McpReply::ofStatus(sessions_.remove(id) ? 204 : 404);
+}
+
+/// Gives the answer, unless the message is a call that a service is to get.
+McpReply McpDispatcher::process_(McpMessage* message) {
+    if (!mcp::readObject(message->body.view(), isExact_ ? JsonReading::Exact : JsonReading::QuietDialect,
+                         &message->document))
+        return McpReply::error(400, "Expected a single JSON-RPC object");
+    const ZnJsonObject& object = message->object();
+    const bool hasId = object.contains("id");
+    const ZnJsonValue& id = object.value("id");
+    if (!isJsonRpc20(object))
+        return isUsableId(id) ? McpReply::json(mcp::jsonRpcError_(id, kInvalidRequest, "Invalid Request"))
+                              : McpReply::error(400, "Invalid JSON-RPC version");
+    if (!object.value("method").isString())
+        return McpReply::ofStatus(202); // a client's response ends here
+    if (!message->protocolVersion.empty() && !isSupportedProtocol(message->protocolVersion))
+        return McpReply::error(400, "Unsupported MCP protocol version");
+    const std::string_view method = methodOf(object);
     if (!hasId)
-        return handleNotification_(context, method);
+        return notify_(*message, method);
     if (!isUsableId(id))
-        return sendJsonText(context, mcp::jsonRpcError_(ZnJsonValue(), kInvalidRequest, "Invalid Request"));
-    if (method == "initialize")
-        return answerInitialize_(context, message);
-    handleSessionRequest_(read, headerVersion);
+        return McpReply::json(mcp::jsonRpcError_(ZnJsonValue(), kInvalidRequest, "Invalid Request"));
+    return method == "initialize" ? initialize_(object) : dispatch_(message, method);
 }
 
-void BreltMcpBridgeAgent::handleNotification_(ZnHttpContext& context, std::string_view method) {
+McpReply McpDispatcher::notify_(const McpMessage& message, std::string_view method) {
+    McpReply refusal;
     if (method == "notifications/initialized") {
-        const SessionRef_ session = requireSession_(context);
+        const SessionRef_ session = requireSession_(message, &refusal);
         if (!session)
-            return;
-        ZnMutexLocker locker(sessionsMutex_);
+            return refusal;
+        ZnMutexLocker locker(sessionsLock_);
         session->initialized = true;
     }
-    context.sendStatus(202);
+    return McpReply::ofStatus(202);
 }
 
-void BreltMcpBridgeAgent::handleSessionRequest_(McpMessage& message, std::string_view headerVersion) {
-    ZnHttpContext& context = message.context;
-    const SessionRef_ session = requireSession_(context);
+McpReply McpDispatcher::dispatch_(McpMessage* message, std::string_view method) {
+    McpReply refusal;
+    const SessionRef_ session = requireSession_(*message, &refusal);
     if (!session)
-        return;
-    const std::string_view version = headerVersion.empty() ? session->protocolVersion.view() : headerVersion;
-    if (!isSupportedProtocol_(version) || version != session->protocolVersion.view())
-        return sendError(context, 400, "MCP protocol version mismatch");
-    ZnByteArray answer = dispatchRequest_(message);
-    if (!message.service)
-        context.send(std::move(answer), ZnString(zn::http::kJsonText));
+        return refusal;
+    const std::string_view agreed = session->protocolVersion.view();
+    if (!message->protocolVersion.empty() ? message->protocolVersion != agreed : !isSupportedProtocol(agreed))
+        return McpReply::error(400, "MCP protocol version mismatch");
+    const ZnJsonValue& id = message->object().value("id");
+    if (method == "ping")
+        return McpReply::json(mcp::jsonRpcResult_(id, "{}"));
+    if (method == "tools/list")
+        return McpReply::json(mcp::jsonRpcResult_(id, mcp::toolCatalogue_().view()));
+    if (method == "tools/call")
+        return McpReply::json(tools_.answer(message));
+    return McpReply::json(mcp::jsonRpcError_(id, kMethodNotFound, "Method not found"));
 }
 
-BreltMcpBridgeAgent::SessionRef_ BreltMcpBridgeAgent::requireSession_(ZnHttpContext& context) {
-    const std::string_view id = mcp::headerText(context, "mcp-session-id");
-    SessionRef_ session = id.empty() ? nullptr : findSession_(id);
-    if (id.empty())
-        sendError(context, 400, "Missing Mcp-Session-Id header");
-    else if (!session)
-        context.sendStatus(404);
+McpDispatcher::SessionRef_ McpDispatcher::requireSession_(const McpMessage& message, McpReply* refusal) {
+    if (message.sessionId.empty()) {
+        *refusal = McpReply::error(400, "Missing Mcp-Session-Id header");
+        return nullptr;
+    }
+    ZnMutexLocker locker(sessionsLock_);
+    SessionRef_ session = sessions_.find(message.sessionId, clock_());
+    if (!session)
+        *refusal = McpReply::ofStatus(404);
     return session;
 }
 
-void BreltMcpBridgeAgent::answerInitialize_(ZnHttpContext& context, const ZnJsonObject& request) {
-    ZnString sessionId;
-    const ZnString response = handleInitialize_(request, &sessionId);
-    if (!sessionId.isEmpty())
-        context.setHeader("mcp-session-id", sessionId);
-    sendJsonText(context, response);
-}
-
-ZnString BreltMcpBridgeAgent::handleInitialize_(const ZnJsonObject& request, ZnString* sessionIdOut) {
+McpReply McpDispatcher::initialize_(const ZnJsonObject& request) {
     static const ZnJsonObject kNoParams;
     const ZnJsonValue& id = request.value("id");
     const ZnJsonObject* params = request.value("params").object();
@@ -235,55 +213,28 @@ ZnString BreltMcpBridgeAgent::handleInitialize_(const ZnJsonObject& request, ZnS
         params = &kNoParams;
     ZnString requested = mcp::textMember_(*params, "protocolVersion");
     if (requested.isEmpty())
-        return mcp::jsonRpcError_(id, kInvalidParams, "Missing params.protocolVersion");
-    if (interop_)
-        requested = kProtocolVersion; // a client that cannot speak it ends the connection itself
-    if (!isSupportedProtocol_(requested.view()))
-        return mcp::jsonRpcError_(id, kInvalidParams, "Unsupported protocol version",
-                                  unsupportedVersionData(std::move(requested)));
-    const SessionRef_ session =
-        createSession_(requested, clientText(*params, "name"), clientText(*params, "version"));
+        return McpReply::json(mcp::jsonRpcError_(id, kInvalidParams, "Missing params.protocolVersion"));
+    // With interoperability any is taken: a client that cannot speak this one ends the connection itself.
+    if (!isExact_ && !isSupportedProtocol(requested.view()))
+        return McpReply::json(mcp::jsonRpcError_(id, kInvalidParams, "Unsupported protocol version",
+                                                 unsupportedVersionData(std::move(requested))));
+    const SessionRef_ session = createSession_(*params);
     if (!session)
-        return mcp::jsonRpcError_(id, kServerBusy, "Too many sessions");
-    *sessionIdOut = session->id;
-    return mcp::jsonRpcResult_(id, ZnJsonValue(initializeResult(requested)).toJson().view());
-}
-
-/// Empty for a call to forward.
-ZnByteArray BreltMcpBridgeAgent::dispatchRequest_(McpMessage& message) {
-    const ZnJsonObject& request = message.object();
-    const std::string_view method = methodOf(request);
-    const ZnJsonValue& id = request.value("id");
-    if (method == "ping")
-        return mcp::jsonRpcResult_(id, "{}");
-    if (method == "tools/list")
-        return mcp::jsonRpcResult_(id, mcp::toolCatalogue_().view());
-    if (method == "tools/call")
-        return handleToolsCall_(message);
-    return mcp::jsonRpcError_(id, kMethodNotFound, "Method not found");
+        return McpReply::json(mcp::jsonRpcError_(id, kServerBusy, "Too many sessions"));
+    McpReply reply = McpReply::json(mcp::jsonRpcResult_(id, ZnJsonValue(initializeResult()).toJson().view()));
+    reply.headers.push_back({"mcp-session-id", session->id});
+    return reply;
 }
 
 /// Null when there are too many sessions.
-BreltMcpBridgeAgent::SessionRef_ BreltMcpBridgeAgent::createSession_(const ZnString& protocolVersion,
-                                                                     const ZnString& clientName,
-                                                                     const ZnString& clientVersion) {
+McpDispatcher::SessionRef_ McpDispatcher::createSession_(const ZnJsonObject& params) {
     auto session = std::make_shared<McpBridgeSession>();
-    session->id = generateToken_(kSessionIdBytes);
+    session->id = generateToken(kSessionIdBytes);
     if (session->id.isEmpty())
-        session->id = fallbackId_("mcp");
-    session->protocolVersion = protocolVersion;
-    session->clientName = clientName;
-    session->clientVersion = clientVersion;
-    ZnMutexLocker locker(sessionsMutex_);
+        session->id = fallbackId("mcp");
+    session->protocolVersion = kProtocolVersion;
+    session->clientName = clientText(params, "name");
+    session->clientVersion = clientText(params, "version");
+    ZnMutexLocker locker(sessionsLock_);
     return sessions_.add(session, clock_()) ? session : nullptr;
-}
-
-BreltMcpBridgeAgent::SessionRef_ BreltMcpBridgeAgent::findSession_(std::string_view id) {
-    ZnMutexLocker locker(sessionsMutex_);
-    return sessions_.find(id, clock_());
-}
-
-bool BreltMcpBridgeAgent::removeSession_(std::string_view id) {
-    ZnMutexLocker locker(sessionsMutex_);
-    return sessions_.remove(id);
 }

@@ -15,10 +15,10 @@ constexpr std::size_t kEventBytes = 64;      // what an event costs beside its t
 } // namespace
 
 McpForwardCall::McpForwardCall(const McpBridgeServiceRecord& record, McpForwardRequest request,
-                               std::int64_t maxAnswerBytes, ZnThreadPool& pool)
+                               std::int64_t maxAnswerBytes, McpWorkers& workers)
     : endpoint_(record.endpoint),
       timeoutMs_(record.timeoutMs < 1 ? McpBridgeServiceRecord::kDefaultTimeoutMs : record.timeoutMs),
-      interop_(record.interop), maxAnswerBytes_(maxAnswerBytes), pool_(pool), request_(std::move(request)) {
+      interop_(record.interop), maxAnswerBytes_(maxAnswerBytes), workers_(workers), request_(std::move(request)) {
     client_.setHeader("Accept", interop_ ? "application/json, text/event-stream" : "application/json");
     if (!request_.protocolVersion.isEmpty())
         client_.setHeader("Mcp-Protocol-Version", request_.protocolVersion);
@@ -88,7 +88,7 @@ bool McpForwardCall::takeEvents_() {
         };
         unpausedBytes_ += byteCount + events->size() * kEventBytes;
         if (byteCount >= McpRpcAnswer::kLargeBytes) {
-            if (!mcp::awaitWork(pool_, parse))
+            if (!workers_.await(parse))
                 return false;
         } else {
             if (std::exchange(unpausedBytes_, unpausedBytes_ % kBytesInOneGo) >= kBytesInOneGo)

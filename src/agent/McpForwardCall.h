@@ -3,9 +3,9 @@
 #include "agent/McpAnswerStream.h"
 #include "agent/McpBridgeServiceRecord.h"
 #include "agent/McpForwardResult.h"
+#include "agent/McpWork.h"
 #include "core/io/ZnHttpClient.h"
 #include "core/runtime/ZnEventLoop.h"
-#include "core/runtime/ZnThreadPool.h"
 #include "core/runtime/ZnTimer.h"
 #include "core/types/ZnJsonDocument.h"
 
@@ -38,9 +38,9 @@ public:
     /// Told how many bytes of the answer have come; false ends the call with kTooManyBytes.
     using Growth = std::function<bool(std::size_t byteCount)>;
 
-    /// `pool` reads messages that are too large for the loop. `maxAnswerBytes`: above 0.
+    /// `workers` read messages that are too large for the loop. `maxAnswerBytes`: above 0.
     McpForwardCall(const McpBridgeServiceRecord& record, McpForwardRequest request, std::int64_t maxAnswerBytes,
-                   ZnThreadPool& pool);
+                   McpWorkers& workers);
     McpForwardCall(const McpForwardCall&) = delete;
     McpForwardCall& operator=(const McpForwardCall&) = delete;
 
@@ -59,7 +59,7 @@ private:
     const int timeoutMs_;
     const bool interop_;
     const std::int64_t maxAnswerBytes_;
-    ZnThreadPool& pool_;
+    McpWorkers& workers_;
     Growth growth_;
     McpForwardRequest request_;
     std::optional<McpAnswerStream> stream_; // while the answer is an event stream that is to be decoded

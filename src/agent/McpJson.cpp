@@ -1,8 +1,9 @@
 #include "agent/McpJson.h"
 
-#include "core/types/ZnJsonDocument.h"
-
+#include <algorithm>
 #include <initializer_list>
+#include <iterator>
+#include <string>
 #include <utility>
 
 namespace mcp {
@@ -48,6 +49,23 @@ ZnString catalogueText() {
 }
 
 } // namespace
+
+bool readObject(std::string_view text, JsonReading reading, ZnJsonDocument* document) {
+    constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+    std::string cleaned;
+    if (text.find('\0') != std::string_view::npos) { // hardly ever: else the text is read where it lies
+        std::copy_if(text.begin(), text.end(), std::back_inserter(cleaned), [](char c) { return c != '\0'; });
+        text = cleaned;
+    }
+    if (text.starts_with(kByteOrderMark))
+        text.remove_prefix(kByteOrderMark.size());
+    ZnString error;
+    ZnJsonDocument read = ZnJsonDocument::fromJson(text, &error, reading, kMaxJsonValues);
+    if (!error.isEmpty() || !read.root().isObject())
+        return false;
+    *document = std::move(read);
+    return true;
+}
 
 ZnString textMember_(const ZnJsonObject& object, std::string_view name) {
     const ZnJsonValue& value = object.value(name);

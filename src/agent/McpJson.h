@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/types/ZnJsonArray.h"
+#include "core/types/ZnJsonDocument.h"
 #include "core/types/ZnJsonObject.h"
 #include "core/types/ZnJsonValue.h"
 #include "core/types/ZnString.h"
@@ -17,6 +18,10 @@ namespace mcp {
 /// No more values are taken from one message, of a client or of a service: a large one of tiny values would be slow to
 /// go through, and needs a multiple of its size.
 constexpr std::size_t kMaxJsonValues = 1000000;
+
+/// Reads a message: text without its NUL bytes and a byte order mark in front, of at most kMaxJsonValues values. False, with
+/// `*document` as it was, when it is no single JSON object.
+bool readObject(std::string_view text, JsonReading reading, ZnJsonDocument* document);
 
 /// The trimmed text of a member, cut at its first NUL; empty when absent, null, an object or an array.
 ZnString textMember_(const ZnJsonObject& object, std::string_view name);

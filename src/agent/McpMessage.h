@@ -1,23 +1,49 @@
 #pragma once
 
 #include "agent/McpBridgeServiceRecord.h"
-#include "core/io/http/ZnHttpContext.h"
+#include "core/types/ZnByteArray.h"
 #include "core/types/ZnJsonDocument.h"
 #include "core/types/ZnJsonObject.h"
+#include "core/types/ZnString.h"
 
+#include <functional>
 #include <memory>
+#include <string_view>
+#include <utility>
 
-/// One message of a client that is being answered: the request it came in, and what it says.
+/// Who sent a message, as long as the answer is awaited. The front tells when nobody awaits it any more.
 ///
-/// Thread: a value; a large message is read, and mostly answered, away from the loop.
-/// Owner: the handler's frame, or the work that the frame waits for.
-struct McpMessage {
-    explicit McpMessage(ZnHttpContext& httpContext) : context(httpContext) {}
+/// Thread: that of the front. Owner: the front's frame, which outlives the call into the dispatcher.
+class McpCaller {
+public:
+    /// `onGone` is called at most once; it must not park. Empty: nobody needs to know.
+    void whenGone(std::function<void()> onGone) { onGone_ = std::move(onGone); }
+    void leave() {
+        if (onGone_)
+            std::exchange(onGone_, nullptr)();
+    }
 
+private:
+    std::function<void()> onGone_;
+};
+
+/// One message of a client that is being answered: what came with it, and what it says.
+///
+/// Thread: a value; a large message is read, and mostly answered, away from the front's thread.
+/// Owner: the dispatcher, while it answers.
+struct McpMessage {
+    McpMessage(ZnByteArray bodyText, McpCaller& sender) : body(std::move(bodyText)), caller(&sender) {}
+
+    static constexpr std::size_t kLargeBytes = 262144; // from here on it is too much for the front's thread
+    bool isLarge() const noexcept { return body.size() >= kLargeBytes; }
     const ZnJsonObject& object() const { return *document.root().object(); }
 
-    ZnHttpContext& context;
-    ZnJsonDocument document; // an object
+    ZnByteArray body;                 // JSON text, as sent
+    std::string_view sessionId;       // these two are the front's, which outlive the call; empty: there is none
+    std::string_view protocolVersion; // as told beside the message
+    McpCaller* caller;
+
+    ZnJsonDocument document; // an object, once the message has been read
     /// Set: there is no answer yet, since the message is a call that this service is to get.
     std::shared_ptr<const McpBridgeServiceRecord> service;
     ZnString idText; // of such a call, as JSON

@@ -27,10 +27,7 @@ void McpRpcRequest::build() {
     ZnJsonDocument other;
     const ZnJsonObject* arguments = asRead;
     if (isOther_) {
-        ZnString error;
-        ZnHttpRequest body;
-        body.body = std::move(text_);
-        const bool isRead = ZnHttpContext(body).parseJsonBody(&other, &error, reading_, mcp::kMaxJsonValues);
+        const bool isRead = mcp::readObject(text_.view(), reading_, &other);
         arguments = isRead ? argumentsOf(other) : nullptr;
     }
     text_.release();

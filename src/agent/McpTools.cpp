@@ -1,13 +1,9 @@
-// The three tools and the call of one.
+#include "agent/McpTools.h"
 
-#include "agent/BreltMcpBridgeAgent.h"
 #include "agent/McpHeaders.h"
 #include "agent/McpJson.h"
 #include "agent/McpRpcAnswer.h"
 #include "agent/McpRpcRequest.h"
-#include "agent/McpWork.h"
-#include "core/io/http/ZnHttpAbandonGuard.h"
-#include "core/types/ZnJsonDocument.h"
 
 #include <utility>
 
@@ -15,11 +11,15 @@ namespace {
 
 constexpr int kInvalidParams = -32602;
 
+McpReply failure(std::string_view idText, const char* text) {
+    return McpReply::json(mcp::jsonRpcResultTo_(idText, mcp::toolError_(text, 503).view()));
+}
+
 } // namespace
 
-ZnByteArray BreltMcpBridgeAgent::handleToolsCall_(McpMessage& message) {
+ZnByteArray McpTools::answer(McpMessage* message) const {
     static const ZnJsonObject kNoArguments;
-    const ZnJsonObject& request = message.object();
+    const ZnJsonObject& request = message->object();
     const ZnJsonValue& id = request.value("id");
     const ZnJsonObject* params = request.value("params").object();
     if (params == nullptr)
@@ -31,36 +31,35 @@ ZnByteArray BreltMcpBridgeAgent::handleToolsCall_(McpMessage& message) {
     if (!value.isNull() && !value.isObject())
         return mcp::jsonRpcError_(id, kInvalidParams, "tools/call params.arguments must be an object");
     const ZnJsonObject& arguments = value.isNull() ? kNoArguments : *value.object();
-    if (name == "bridge.rpc") {
-        ZnString refusal;
-        message.service = serviceToCall_(arguments, &refusal);
-        message.idText = id.toJson();
-        return message.service ? ZnByteArray()
-                               : ZnByteArray(mcp::jsonRpcResultTo_(message.idText.view(), refusal.view()));
-    }
-    return mcp::jsonRpcResult_(id, callTool_(name, arguments).view());
+    if (name != "bridge.rpc")
+        return mcp::jsonRpcResult_(id, call_(name, arguments).view());
+    ZnString refusal;
+    message->service = serviceToCall_(arguments, &refusal);
+    message->idText = id.toJson();
+    return message->service ? ZnByteArray()
+                            : ZnByteArray(mcp::jsonRpcResultTo_(message->idText.view(), refusal.view()));
 }
 
-ZnString BreltMcpBridgeAgent::callTool_(const ZnString& name, const ZnJsonObject& arguments) {
+ZnString McpTools::call_(const ZnString& name, const ZnJsonObject& arguments) const {
     if (name == "bridge.list_services")
-        return mcp::toolResult_(ZnJsonObject{{"services", publicServiceViews_()}}, false);
+        return mcp::toolResult_(ZnJsonObject{{"services", services_->publicViews()}}, false);
     if (name == "bridge.get_service")
-        return getServiceTool_(arguments);
+        return getService_(arguments);
     return mcp::toolError_("Unknown tool: " + name, 404);
 }
 
-ZnString BreltMcpBridgeAgent::getServiceTool_(const ZnJsonObject& arguments) {
+ZnString McpTools::getService_(const ZnJsonObject& arguments) const {
     const ZnString serviceId = mcp::textMember_(arguments, "serviceId");
     if (serviceId.isEmpty())
         return mcp::toolError_("Field 'serviceId' is required", 400);
-    const ServiceRef_ record = findService_(serviceId);
+    const McpServiceList::Ref record = services_->find(serviceId);
     if (!record)
         return mcp::toolError_("Service not found", 404);
-    return mcp::toolResult_(publicServiceView_(*record), false);
+    return mcp::toolResult_(McpServiceList::publicView(*record), false);
 }
 
 /// The checks that need no more than the allowlist; null, with the tool's error, when the service is not to be called.
-BreltMcpBridgeAgent::ServiceRef_ BreltMcpBridgeAgent::serviceToCall_(const ZnJsonObject& arguments, ZnString* refusal) {
+McpServiceList::Ref McpTools::serviceToCall_(const ZnJsonObject& arguments, ZnString* refusal) const {
     const auto refuse = [refusal](const char* text, int status) {
         *refusal = mcp::toolError_(text, status);
         return nullptr;
@@ -70,7 +69,7 @@ BreltMcpBridgeAgent::ServiceRef_ BreltMcpBridgeAgent::serviceToCall_(const ZnJso
         return refuse("Field 'serviceId' is required", 400);
     if (!arguments.value("request").isObject())
         return refuse("Field 'request' must be a JSON-RPC object", 400);
-    ServiceRef_ record = findService_(serviceId);
+    McpServiceList::Ref record = services_->find(serviceId);
     if (!record)
         return refuse("Service not found", 404);
     if (!record->enabled)
@@ -80,66 +79,66 @@ BreltMcpBridgeAgent::ServiceRef_ BreltMcpBridgeAgent::serviceToCall_(const ZnJso
     return record;
 }
 
-/// The answer to a message that has a service to go to. Parks; the agent may be gone behind it.
-ZnByteArray BreltMcpBridgeAgent::callRpcTool_(ZnHttpContext& context, McpMessage& message) {
-    const ServiceRef_ service = message.service;
-    const std::weak_ptr<const bool> alive = aliveToken_;
-    const JsonReading reading = service->interop ? JsonReading::Exact : JsonReading::QuietDialect;
-    ZnByteArray& body = message.context.request().body;
-    const bool isLarge = body.size() >= McpRpcAnswer::kLargeBytes;
-    const auto request = std::make_shared<McpRpcRequest>(std::move(message.document), std::move(body), reading,
-                                                         service->interop != interop_);
-    const auto refuse = [&message](const char* text, int status) {
-        return ZnByteArray(mcp::jsonRpcResultTo_(message.idText.view(), mcp::toolError_(text, status).view()));
-    };
-    if (!isLarge)
-        request->build();
-    else if (!mcp::awaitWork(workers_, [request] { request->build(); }) || alive.expired())
-        return refuse(McpForwardCalls::kStopping, 503);
-    if (const char* unusable = request->refusal())
-        return refuse(unusable, 400);
-    if (!mcp::isHeaderValue(service->bearerToken.view()))
-        return refuse("The bearer token of this service is not a valid header value", 500);
-    McpForwardRequest toSend = request->take();
-    if (const char* refusal = calls_->refusal(service->id, toSend.body.size(), serviceCount() > 1))
-        return refuse(refusal, 503);
-    return forward_(context, std::move(message.idText), *service, std::move(toSend));
+McpReply McpTools::forward(McpMessage& message) {
+    McpForwardRequest request;
+    ZnString refusal;
+    if (!build_(message, &request, &refusal))
+        return McpReply::json(mcp::jsonRpcResultTo_(message.idText.view(), refusal.view()));
+    return send_(message, std::move(request));
 }
 
-/// Parks; the agent may be gone behind it.
-ZnByteArray BreltMcpBridgeAgent::forward_(ZnHttpContext& context, ZnString idText, const McpBridgeServiceRecord& record,
-                                          McpForwardRequest request) {
+bool McpTools::build_(McpMessage& message, McpForwardRequest* request, ZnString* refusal) {
+    const McpBridgeServiceRecord& service = *message.service;
+    const JsonReading reading = service.interop ? JsonReading::Exact : JsonReading::QuietDialect;
+    const bool isLarge = message.isLarge();
+    const auto refuse = [refusal](const char* text, int status) {
+        *refusal = mcp::toolError_(text, status);
+        return false;
+    };
+    const auto building = std::make_shared<McpRpcRequest>(std::move(message.document), std::move(message.body), reading,
+                                                          service.interop != isExact_);
+    if (!isLarge)
+        building->build();
+    else if (!workers_->await([building] { building->build(); }))
+        return refuse(McpCallsInFlight::kStopping, 503);
+    if (const char* unusable = building->refusal())
+        return refuse(unusable, 400);
+    if (!mcp::isHeaderValue(service.bearerToken.view()))
+        return refuse("The bearer token of this service is not a valid header value", 500);
+    *request = building->take();
+    if (const char* noRoom = calls_->refusal(service.id, request->body.size(), services_->size() > 1))
+        return refuse(noRoom, 503);
+    return true;
+}
+
+McpReply McpTools::send_(McpMessage& message, McpForwardRequest request) {
+    const McpBridgeServiceRecord& service = *message.service;
     const std::size_t requestBytes = request.body.size();
-    const std::weak_ptr<const bool> alive = aliveToken_;
-    const std::shared_ptr<McpForwardCalls> calls = calls_;
-    const std::size_t maxBytes = static_cast<std::size_t>(maxAnswerBytes_);
-    McpForwardCall call(record, std::move(request), maxAnswerBytes_, workers_);
-    McpForwardCalls::Entry entry(*calls, call, record.id);
+    McpForwardCall call(service, std::move(request), maxAnswerBytes_, *workers_);
+    McpCallsInFlight::Entry entry(*calls_, call, service.id);
     entry.hold(requestBytes);
     bool wasLarge = false; // also an answer that is not taken
     call.setGrowth([&](std::size_t answerBytes) {
         wasLarge = wasLarge || answerBytes >= McpRpcAnswer::kLargeBytes;
         return entry.hold(requestBytes + answerBytes);
     });
-    const ZnHttpAbandonGuard guard(context.request(), [&] { call.end(McpForwardCall::kClientGone); });
+    message.caller->whenGone([&] { call.end(McpForwardCall::kClientGone); });
     McpForwardResult result = call.run();
-    const auto refuse = [](std::string_view id, const char* text) {
-        return ZnByteArray(mcp::jsonRpcResultTo_(id, mcp::toolError_(text, 503).view()));
-    };
+    message.caller->whenGone(nullptr);
     if (result.errorCode == McpForwardCall::kTooManyBytes)
-        return refuse(idText.view(), McpForwardCalls::kTooManyBytes);
-    const auto answer = std::make_shared<McpRpcAnswer>(std::move(idText), std::move(result), record, maxBytes);
-    if (!answer->isLarge() || alive.expired())
+        return failure(message.idText.view(), McpCallsInFlight::kTooManyBytes);
+    const auto answer = std::make_shared<McpRpcAnswer>(std::move(message.idText), std::move(result), service,
+                                                       static_cast<std::size_t>(maxAnswerBytes_));
+    if (!answer->isLarge())
         answer->build();
-    else if (!mcp::awaitWork(workers_, [answer] { answer->build(); }))
-        return refuse("null", McpForwardCalls::kStopping);
-    calls->report(record.id, answer->result());
-    if (wasLarge && !alive.expired())
-        giveMemoryBackSoon_();
-    ZnByteArray text = answer->takeText();
-    if (text.size() < McpRpcAnswer::kLargeBytes)
-        return text;
-    context.request().keptUntilSent = McpForwardCalls::holdUnsent(calls, text.size());
-    return context.request().keptUntilSent ? std::move(text)
-                                           : refuse(answer->idText().view(), McpForwardCalls::kTooManyBytes);
+    else if (!workers_->await([answer] { answer->build(); }))
+        return failure("null", McpCallsInFlight::kStopping);
+    calls_->report(service.id, answer->result());
+    if (wasLarge)
+        workers_->giveMemoryBackSoon();
+    McpReply reply = McpReply::json(answer->takeText());
+    if (reply.text.size() < McpRpcAnswer::kLargeBytes)
+        return reply;
+    reply.keptUntilSent = McpCallsInFlight::holdUnsent(calls_, reply.text.size());
+    return reply.keptUntilSent ? std::move(reply) : failure(answer->idText().view(), McpCallsInFlight::kTooManyBytes);
 }

@@ -12,11 +12,12 @@
 struct BreltMcpBridgeAgentTestPeer {
     static void registerRoutes(BreltMcpBridgeAgent& agent, ZnHttpApp& app) { agent.registerRoutes_(app); }
     static bool parseServices(BreltMcpBridgeAgent& agent, const ZnString& text, ZnString* error) {
-        return agent.parseServices_(text, error);
+        return agent.services_->read(text, agent.servicesFile_, agent.isInterop_, error);
     }
     static ZnHttpTimeouts timeouts(BreltMcpBridgeAgent& agent) { return agent.timeouts_(ZnHttpTimeouts()); }
     static void setClock(BreltMcpBridgeAgent& agent, std::function<long long()> clock) {
-        agent.clock_ = std::move(clock);
+        agent.gate_.settings().clock = clock;
+        agent.dispatcher_->setClock(std::move(clock));
     }
 };
 

@@ -227,7 +227,7 @@ TEST_F(McpForwardTest, FailuresHaveTheirCodeAndExplainThemselvesWithInterop) {
     setService(closed, "");
     for (int i = 0; i < 30; ++i)
         rpc();
-    EXPECT_LE(log.countOf("call to service"), 2 * McpForwardCalls::kReportsPerSecond + 5);
+    EXPECT_LE(log.countOf("call to service"), 2 * McpCallsInFlight::kReportsPerSecond + 5);
     for (const auto& row : kRows) {
         setService(row.url, R"(,"timeoutMs":200)");
         EXPECT_EQ(rpc(), failed(row.code)) << row.url;
@@ -272,24 +272,24 @@ TEST_F(McpForwardTest, ACallHasTheTimeOfItsService) {
 }
 
 TEST_F(McpForwardTest, WhatCallsHoldIsBounded) {
-    ZnThreadPool workers;
-    McpForwardCalls calls;
-    McpForwardCall call(McpBridgeServiceRecord(), {}, 1024, workers);
+    const auto workers = std::make_shared<McpWorkers>();
+    McpCallsInFlight calls;
+    McpForwardCall call(McpBridgeServiceRecord(), {}, 1024, *workers);
     {
-        McpForwardCalls::Entry entry(calls, call, "s");
-        EXPECT_TRUE(entry.hold(McpForwardCalls::kMaxBytes));
+        McpCallsInFlight::Entry entry(calls, call, "s");
+        EXPECT_TRUE(entry.hold(McpCallsInFlight::kMaxBytes));
         EXPECT_STREQ(calls.refusal("s", 1, false), "Too many bridge bytes in flight");
-        EXPECT_FALSE(entry.hold(McpForwardCalls::kMaxBytes + 1));
+        EXPECT_FALSE(entry.hold(McpCallsInFlight::kMaxBytes + 1));
         EXPECT_TRUE(entry.hold(10));
-        EXPECT_EQ(calls.refusal("s", McpForwardCalls::kMaxBytes - 10, false), nullptr);
+        EXPECT_EQ(calls.refusal("s", McpCallsInFlight::kMaxBytes - 10, false), nullptr);
     }
-    EXPECT_EQ(calls.refusal("s", McpForwardCalls::kMaxBytes, true), nullptr);
-    const auto shared = std::make_shared<McpForwardCalls>(); // and what waits for slow clients
-    std::shared_ptr<const void> alone = McpForwardCalls::holdUnsent(shared, 2 * McpForwardCalls::kMaxBytes);
+    EXPECT_EQ(calls.refusal("s", McpCallsInFlight::kMaxBytes, true), nullptr);
+    const auto shared = std::make_shared<McpCallsInFlight>(); // and what waits for slow clients
+    std::shared_ptr<const void> alone = McpCallsInFlight::holdUnsent(shared, 2 * McpCallsInFlight::kMaxBytes);
     EXPECT_TRUE(alone);
-    EXPECT_FALSE(McpForwardCalls::holdUnsent(shared, 1));
+    EXPECT_FALSE(McpCallsInFlight::holdUnsent(shared, 1));
     alone.reset();
-    EXPECT_TRUE(McpForwardCalls::holdUnsent(shared, 1));
+    EXPECT_TRUE(McpCallsInFlight::holdUnsent(shared, 1));
 }
 
 TEST_F(McpForwardTest, EachServiceGetsTheRequestInItsReading) {
@@ -342,7 +342,7 @@ TEST_F(McpForwardTest, CallsInFlightAreBoundedAndDelayNobodyAndEndWithTheAgent) 
     ASSERT_TRUE(runUntil([&] { return parkedCount() == 1; }));
     const std::string other = R"({"serviceId":"t","request":{}})";
     setServices(R"({"services":[{"id":"s","endpoint":")" + peer.url() + R"("},{"id":"t","endpoint":")" + peer.url() + "\"}]}");
-    constexpr int kHalf = McpForwardCalls::kMaxCalls / 2;
+    constexpr int kHalf = McpCallsInFlight::kMaxCalls / 2;
     for (int i = 1; i < kHalf; ++i)
         beginRpc(kToService, note);
     ASSERT_TRUE(runUntil([&] { return parkedCount() == kHalf; }));
@@ -355,7 +355,7 @@ TEST_F(McpForwardTest, CallsInFlightAreBoundedAndDelayNobodyAndEndWithTheAgent) 
     EXPECT_TRUE(results.empty());
     agent_.stop();
     EXPECT_EQ(agent_.localPort(), 0);
-    EXPECT_EQ(results, std::vector<std::string>(McpForwardCalls::kMaxCalls, failed(-1002)));
+    EXPECT_EQ(results, std::vector<std::string>(McpCallsInFlight::kMaxCalls, failed(-1002)));
     EXPECT_EQ(parkedCount(), 0);
     EXPECT_EQ(rpc(), refused("Agent is stopping", 503));
     release.set_value();

@@ -1,4 +1,4 @@
-#include "agent/McpForwardCalls.h"
+#include "agent/McpCallsInFlight.h"
 
 #include "agent/McpText.h"
 #include "core/platform/ZnMonotonicClock.h"
@@ -6,7 +6,7 @@
 
 #include <utility>
 
-std::shared_ptr<const void> McpForwardCalls::holdUnsent(const std::shared_ptr<McpForwardCalls>& calls,
+std::shared_ptr<const void> McpCallsInFlight::holdUnsent(const std::shared_ptr<McpCallsInFlight>& calls,
                                                         std::size_t byteCount) {
     if (calls->unsentBytes_ > 0 && calls->unsentBytes_ + byteCount > kMaxBytes)
         return nullptr;
@@ -14,8 +14,8 @@ std::shared_ptr<const void> McpForwardCalls::holdUnsent(const std::shared_ptr<Mc
     return {calls.get(), [calls, byteCount](const void*) { calls->unsentBytes_ -= byteCount; }};
 }
 
-void McpForwardCalls::report(const ZnString& serviceId, const McpForwardResult& result) {
-    constexpr const char* kCategory = "zn.agent.mcpforwardcalls";
+void McpCallsInFlight::report(const ZnString& serviceId, const McpForwardResult& result) {
+    constexpr const char* kCategory = "zn.agent.mcpcallsinflight";
     const bool isMeant = result.errorCode == McpForwardCall::kClientGone || result.errorCode == McpForwardCall::kStopped;
     if (isMeant || result.message.isEmpty())
         return;
@@ -28,7 +28,7 @@ void McpForwardCalls::report(const ZnString& serviceId, const McpForwardResult& 
     }
     ++reportCount_;
     const unsigned long long others = std::exchange(unreportedCount_, 0);
-    ZN_LOG_WARNING(kCategory, "McpForwardCalls::report")
+    ZN_LOG_WARNING(kCategory, "McpCallsInFlight::report")
         << "call to service \"" << mcp::printable(serviceId.view()) << "\" failed: " << result.errorCode << ", "
         << result.message << (others == 0 ? "" : " (and " + std::to_string(others) + " more that were not told of)");
 }

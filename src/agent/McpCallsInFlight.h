@@ -12,7 +12,7 @@
 ///
 /// Thread: that of the agent.
 /// Owner: shared by the agent and every call in flight, which may outlive the agent.
-class McpForwardCalls {
+class McpCallsInFlight {
 public:
     static constexpr std::size_t kMaxCalls = 400;
     static constexpr std::size_t kMaxBytes = std::size_t(256) << 20; // of requests and answers, over all calls
@@ -20,7 +20,7 @@ public:
     /// Holds the entry of one call for a scope.
     class Entry {
     public:
-        Entry(McpForwardCalls& calls, McpForwardCall& call, const ZnString& serviceId)
+        Entry(McpCallsInFlight& calls, McpForwardCall& call, const ZnString& serviceId)
             : calls_(calls), serviceId_(serviceId), at_(calls.inFlight_.insert(calls.inFlight_.end(), &call)) {
             ++calls_.byService_[serviceId_];
         }
@@ -40,7 +40,7 @@ public:
         }
 
     private:
-        McpForwardCalls& calls_;
+        McpCallsInFlight& calls_;
         const ZnString serviceId_;
         const std::list<McpForwardCall*>::iterator at_;
         std::size_t bytes_ = 0;
@@ -59,7 +59,7 @@ public:
     }
     /// Counts the bytes of an answer until what is returned goes. Null when the answers that wait for slow clients leave
     /// no room for it; alone it may have any size.
-    static std::shared_ptr<const void> holdUnsent(const std::shared_ptr<McpForwardCalls>& calls, std::size_t byteCount);
+    static std::shared_ptr<const void> holdUnsent(const std::shared_ptr<McpCallsInFlight>& calls, std::size_t byteCount);
 
     static constexpr const char* kTooManyBytes = "Too many bridge bytes in flight";
     static constexpr const char* kStopping = "Agent is stopping";

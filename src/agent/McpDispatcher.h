@@ -1,0 +1,63 @@
+#pragma once
+
+#include "agent/McpBridgeSession.h"
+#include "agent/McpMessage.h"
+#include "agent/McpReply.h"
+#include "agent/McpServiceList.h"
+#include "agent/McpSessionTable.h"
+#include "agent/McpTools.h"
+#include "agent/McpWork.h"
+#include "core/platform/ZnMonotonicClock.h"
+#include "core/types/ZnJsonObject.h"
+#include "core/types/ZnMutex.h"
+
+#include <functional>
+#include <memory>
+#include <string_view>
+
+/// Answers messages: the checks of JSON-RPC, the sessions, the methods. It knows nothing of how they come and go.
+///
+/// Thread: that of its front, whose fibers interleave where one waits for a service; large messages are read and answered
+/// on workers. No lock is held across a wait.
+/// Owner: shared by the agent and by every front that waits for an answer, which may be left alone with it.
+class McpDispatcher : public std::enable_shared_from_this<McpDispatcher> {
+public:
+    static constexpr const char* kProtocolVersion = "2025-06-18";
+    static constexpr const char* kVersion = "0.1.0"; // of the agent
+
+    explicit McpDispatcher(std::shared_ptr<McpServiceList> services);
+
+    /// Set before the first message. Exact: JSON values stay as they are written, and any version is taken in
+    /// `initialize`.
+    void setExact(bool isExact);
+    void setMaxAnswerBytes(std::int64_t maxBytes) { tools_.setMaxAnswerBytes(maxBytes); }
+    void setClock(std::function<long long()> clock) { clock_ = std::move(clock); }
+
+    /// Parks where the answer has to be waited for. The caller holds a reference to the dispatcher meanwhile.
+    McpReply answer(McpMessage message);
+    /// The answer to a front's word that the session is over.
+    McpReply endSession(std::string_view id);
+
+    /// Ends the calls in flight; from now on none begins.
+    void stop() { tools_.stop(); }
+    bool isIdle() const noexcept { return tools_.isIdle(); }
+
+private:
+    using SessionRef_ = std::shared_ptr<McpBridgeSession>;
+
+    // Any thread.
+    McpReply process_(McpMessage* message);
+    McpReply notify_(const McpMessage& message, std::string_view method);
+    McpReply dispatch_(McpMessage* message, std::string_view method);
+    McpReply initialize_(const ZnJsonObject& request);
+    SessionRef_ createSession_(const ZnJsonObject& params);
+    /// The session that the message names; null, with the answer, when there is none.
+    SessionRef_ requireSession_(const McpMessage& message, McpReply* refusal);
+
+    const std::shared_ptr<McpWorkers> workers_ = std::make_shared<McpWorkers>();
+    McpTools tools_;
+    bool isExact_ = false;
+    std::function<long long()> clock_ = monotonicNowNs;
+    ZnMutex sessionsLock_; // leaf
+    McpSessionTable sessions_ ZN_GUARDED_BY(sessionsLock_);
+};

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "agent/McpJson.h"
+#include "core/types/ZnByteArray.h"
+#include "core/types/ZnString.h"
+
+#include <memory>
+#include <utility>
+#include <vector>
+
+/// The answer to a message or to a request, on its way up to the front that sends it.
+///
+/// Thread: a value.
+struct McpReply {
+    struct Header {
+        const char* name; // in lower case
+        ZnString value;
+    };
+
+    static McpReply json(ZnByteArray text) {
+        McpReply reply;
+        reply.text = std::move(text);
+        return reply;
+    }
+    static McpReply json(const ZnString& text) { return json(ZnByteArray(text)); }
+    static McpReply ofStatus(int status) {
+        McpReply reply;
+        reply.status = status;
+        return reply;
+    }
+    /// With {"error": message}.
+    static McpReply error(int status, const char* message) { return error(status, mcp::errorBody_(message)); }
+    static McpReply error(int status, ZnJsonObject body) {
+        McpReply reply = json(ZnJsonValue(std::move(body)).toJson());
+        reply.status = status;
+        return reply;
+    }
+
+    int status = 200; // of HTTP
+    std::vector<Header> headers;
+    ZnByteArray text;                          // JSON; empty: there is no body
+    std::shared_ptr<const void> keptUntilSent; // goes when the text has left, or will not leave any more
+};

@@ -41,7 +41,7 @@ std::optional<McpReply> McpGate::refuse(const ZnHttpContext& context) {
 
 std::optional<McpReply> McpGate::refusePreflight(const ZnHttpContext& context) {
     if (settings_.throttle == Throttle::ByAddress)
-        if (std::optional<McpReply> refusal = refuseThrottled_(failureKey_(context, false)))
+        if (std::optional<McpReply> refusal = refuseThrottled_(clientKey_(context)))
             return refusal;
     const std::string_view origin = mcp::headerText(context, "origin");
     if (origin.empty() || origin == settings_.allowedOrigin.view())
@@ -89,13 +89,13 @@ ZnString McpGate::failureKey_(const ZnHttpContext& context, bool isOfOrigin) con
     return isApart ? "origin " + ZnString(key) : ZnString(key);
 }
 
-std::optional<McpReply> McpGate::refuseThrottled_(const ZnString& key) {
-    if (key.isEmpty())
+std::optional<McpReply> McpGate::refuseThrottled_(std::string_view key) {
+    if (key.empty())
         return std::nullopt;
     long long waitSeconds = 0;
     {
         ZnMutexLocker locker(failuresLock_);
-        waitSeconds = failures_.waitSeconds(key.view(), settings_.clock());
+        waitSeconds = failures_.waitSeconds(key, settings_.clock());
     }
     if (waitSeconds < 1)
         return std::nullopt;
@@ -110,7 +110,7 @@ std::optional<McpReply> McpGate::refuseThrottled_(const ZnString& key) {
 std::optional<McpReply> McpGate::refuseFailure_(const ZnHttpContext& context, bool isOfOrigin) {
     const ZnString key = failureKey_(context, isOfOrigin);
     if (settings_.throttle == Throttle::ByFailure)
-        if (std::optional<McpReply> refusal = refuseThrottled_(key))
+        if (std::optional<McpReply> refusal = refuseThrottled_(key.view()))
             return refusal;
     if (!key.isEmpty()) {
         ZnMutexLocker locker(failuresLock_);

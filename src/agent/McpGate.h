@@ -46,7 +46,7 @@ public:
 private:
     static std::string_view clientKey_(const ZnHttpContext& context);
     ZnString failureKey_(const ZnHttpContext& context, bool isOfOrigin) const;
-    std::optional<McpReply> refuseThrottled_(const ZnString& key);
+    std::optional<McpReply> refuseThrottled_(std::string_view key);
     std::optional<McpReply> refuseFailure_(const ZnHttpContext& context, bool isOfOrigin);
     std::optional<McpReply> refuseToken_(const ZnHttpContext& context);
 

@@ -119,6 +119,7 @@ void StoreCore_::reset() {
     immutableMemtables.clear();
     tableViews = nullptr;
     blobEpoch = nullptr;
+    retiredBlobFiles.clear();
     level0Depth = 0;
     flushFirstFileId = 0;
     compactionFirstFileId = 0;

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <set>
 #include <unordered_map>
 
 namespace znEmbeddedDbDetail {
@@ -75,6 +76,7 @@ struct StoreCore_ {
     std::deque<SealedMemtable_> immutableMemtables ZN_GUARDED_BY(mutex); // oldest first
     std::shared_ptr<const TableViews_> tableViews ZN_GUARDED_BY(mutex);  // of `manifest.tables`
     std::shared_ptr<BlobEpoch_> blobEpoch ZN_GUARDED_BY(mutex);
+    std::set<std::uint64_t> retiredBlobFiles ZN_GUARDED_BY(mutex); // out of force, perhaps still there for older views
     std::size_t level0Depth ZN_GUARDED_BY(mutex) = 0; // tables of level 0 of the kind that has most
     // Files with this id and above may be those of work that runs; 0: none runs.
     std::uint64_t flushFirstFileId ZN_GUARDED_BY(mutex) = 0;

@@ -132,6 +132,7 @@ ZnEmbeddedDbStatus BlobGcManager_::rewrite_() {
     ZnEmbeddedDbStatus status = forEachLive_(add, [](const RecordView_&) {});
     if (status.isOk() && newBlobId_ != 0) // before a table that refers to it gets its name
         status = blobWriter_.flush();
+    counters_->blobBytesWritten.add(blobWriter_.writtenBytes());
     return status.isOk() && writer != nullptr ? finishTable_(writer.get()) : status;
 }
 
@@ -181,10 +182,7 @@ ZnEmbeddedDbStatus BlobGcManager_::externalize_(std::string_view value, BlobRef_
         if (ZnEmbeddedDbStatus status = blobWriter_.open(paths_.blobsDir, newBlobId_); !status.isOk())
             return status;
     }
-    if (const ZnEmbeddedDbStatus status = blobWriter_.append(value, blob); !status.isOk())
-        return {ZnEmbeddedDbStatus::IoError, "failed to externalize blob value: " + status.message()};
-    counters_->blobBytesWritten.add(value.size());
-    return {};
+    return blobWriter_.append(value, blob);
 }
 
 /// Gives the table its name, and reads it back as readers will.

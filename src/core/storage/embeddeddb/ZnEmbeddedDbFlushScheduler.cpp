@@ -183,7 +183,8 @@ ZnEmbeddedDbStatus FlushScheduler_::commit_(const MemtableFlush_& flush, std::si
     core_.workerCondition.notify_all();
     if (!core_.closing)
         core_.collectObsoleteWalFiles();
-    if (!core_.closing) { // it let go of the mutex
+    // It let go of the mutex. While the store is being opened nothing begins that a failure would have to wait for.
+    if (!core_.closing && flushRunning_) {
         maintenance_.assumeLocked();
         maintenance_.scheduleL0CompactionIfNeeded();
         maintenance_.scheduleBlobGcIfNeeded();

@@ -115,8 +115,10 @@ bool MaintenanceScheduler_::startBlobGc_(bool isDemanded, const OutcomePtr_& out
 
 void MaintenanceScheduler_::runCompaction_(std::uint64_t generation, const CompactionGroups_& groups,
                                            Outcome_& outcome) {
-    core_.syncPoints.reach("compaction.begun");
-    const ZnEmbeddedDbStatus status = CompactionManager_(core_, generation).runL0Compaction(groups);
+    const ZnEmbeddedDbStatus status = statusOf([&] {
+        core_.syncPoints.reach("compaction.begun");
+        return CompactionManager_(core_, generation).runL0Compaction(groups);
+    });
     const ZnMutexLocker locker(core_.mutex);
     outcome = {true, status};
     core_.workerCondition.notify_all();
@@ -146,8 +148,10 @@ void MaintenanceScheduler_::noteCompaction_(const ZnEmbeddedDbStatus& status) {
 }
 
 void MaintenanceScheduler_::runBlobGc_(std::uint64_t generation, bool isDemanded, Outcome_& outcome) {
-    core_.syncPoints.reach("gc.begun");
-    const ZnEmbeddedDbStatus status = BlobGcManager_(core_, generation, isDemanded).runBlobGc();
+    const ZnEmbeddedDbStatus status = statusOf([&] {
+        core_.syncPoints.reach("gc.begun");
+        return BlobGcManager_(core_, generation, isDemanded).runBlobGc();
+    });
     const ZnMutexLocker locker(core_.mutex);
     outcome = {true, status};
     core_.workerCondition.notify_all();

@@ -306,7 +306,10 @@ ZnEmbeddedDbStatus StoreCore_::commitTables(const TableChange_& change) {
     next.replayFromWalId = recomputeReplayFromWalId_(change.flushedMemtableCount);
     manifestBusy_ = true;
     mutex.unlock();
-    ZnEmbeddedDbStatus status = writeManifest(files, paths.rootPath, &next);
+    ZnEmbeddedDbStatus status = statusOf([&] {
+        syncPoints.reach("manifest.begun");
+        return writeManifest(files, paths.rootPath, &next);
+    });
     mutex.lock();
     noteSyncFailure();
     if (status.isOk()) {

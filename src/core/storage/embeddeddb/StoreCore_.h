@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <exception>
 #include <memory>
 #include <set>
 #include <unordered_map>
@@ -157,6 +158,16 @@ private:
     std::vector<ZnString> heldTablePaths_ ZN_GUARDED_BY(mutex); // to be removed when nobody holds them
     std::uint64_t manifestCommits_ ZN_GUARDED_BY(mutex) = 0;
 };
+
+/// What `work` returns; after an exception, as of memory that is not to be had, code 6. For work without the mutex.
+template <typename Work>
+ZnEmbeddedDbStatus statusOf(Work work) {
+    try {
+        return work();
+    } catch (const std::exception& exception) {
+        return {ZnEmbeddedDbStatus::IoError, ZnString("ended by an exception: ") + exception.what()};
+    }
+}
 
 /// "WAL-7.log" of the store's log directory, and so on.
 ZnString walPath(const StorePaths_& paths, std::uint64_t walId);

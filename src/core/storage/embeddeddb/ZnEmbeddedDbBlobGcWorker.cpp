@@ -33,8 +33,11 @@ ZnEmbeddedDbStatus BlobGcManager_::runBlobGc() {
     if (!isWorthwhile_())
         return {};
     core_.syncPoints.reach("gc.decided");
-    ZnEmbeddedDbStatus status = rewrite_();
-    core_.syncPoints.reach("gc.rewritten");
+    const ZnEmbeddedDbStatus status = statusOf([this] {
+        ZnEmbeddedDbStatus written = rewrite_();
+        core_.syncPoints.reach("gc.rewritten");
+        return written;
+    });
     if (status.isOk())
         return commit_();
     removeNewFiles_(); // nothing has ever referred to them

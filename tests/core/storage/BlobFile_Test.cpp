@@ -78,7 +78,7 @@ TEST(BlobFile_, LargeAndManyValuesKeepTheirPlacesAndAFailedWriteIsToldOfEachTime
     BlobRef_ blob;
     files.setFreeBytes(3);
     ASSERT_TRUE(writer.append("abcdef", &blob).isOk());
-    EXPECT_EQ(writer.flush().message(), "short append: 0: /s/blobs/BLOB-1.dat");
+    EXPECT_EQ(writer.flush().message(), "failed to externalize blob value: short append: 0: /s/blobs/BLOB-1.dat");
     EXPECT_EQ(files.content("/s/blobs/BLOB-1.dat") == all, true);
     files.setFreeBytes(100);
     ASSERT_TRUE(writer.append("xyz", &blob).isOk() && writer.flush().isOk());

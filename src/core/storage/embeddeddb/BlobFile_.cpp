@@ -4,6 +4,7 @@
 #include "core/storage/embeddeddb/Crc32_.h"
 #include "core/storage/embeddeddb/FileNames_.h"
 #include "core/types/ZnAssert.h"
+#include "core/types/ZnLogger.h"
 
 #include <algorithm>
 #include <limits>
@@ -69,7 +70,9 @@ ZnEmbeddedDbStatus BlobWriter_::write_(std::string_view bytes) {
     ZnString error;
     if (file_.append(bytes.data(), bytes.size(), nullptr, &error))
         return {};
-    return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(file_.path());
+    const ZnString message = error + ": " + file_.path();
+    ZN_LOG_ERROR("zn.core.storage.znembeddeddb", "ZnEmbeddedDb::externalizeBlobValueToFile") << message;
+    return {ZnEmbeddedDbStatus::IoError, "failed to externalize blob value: " + message};
 }
 
 bool blobFileHasData(ZnStorageFiles& files, const ZnString& blobsDir, std::uint64_t blobFileId) {

@@ -29,6 +29,8 @@ public:
     ZnEmbeddedDbStatus append(std::string_view value, BlobRef_* blob);
     /// Brings everything to stable storage. After a failure nothing that was appended since the last flush is there.
     ZnEmbeddedDbStatus flush();
+    /// What is on stable storage.
+    std::uint64_t writtenBytes() const noexcept { return file_.size(); }
 
 private:
     ZnEmbeddedDbStatus writeStaged_();

@@ -46,6 +46,7 @@ Kinds kindsOf(const std::vector<TableMeta_>& tables) {
 void MaintenanceScheduler_::reset() {
     failedInRow_ = 0;
     garbageDemands_ = 0;
+    core_.workerCondition.notify_all(); // those who wait for work of the opening that has ended
 }
 
 void MaintenanceScheduler_::scheduleL0CompactionIfNeeded() {
@@ -101,6 +102,8 @@ bool MaintenanceScheduler_::startCompaction_(CompactionGroups_ groups, const Out
         start_([this, generation = core_.openGeneration, groups = std::move(groups), outcome] {
             runCompaction_(generation, groups, *outcome);
         });
+    if (!core_.compactionRunning)
+        core_.compactionFirstFileId = 0;
     return core_.compactionRunning;
 }
 
@@ -110,13 +113,17 @@ bool MaintenanceScheduler_::startBlobGc_(bool isDemanded, const OutcomePtr_& out
     core_.blobGcRunning = start_([this, generation = core_.openGeneration, isDemanded, outcome] {
         runBlobGc_(generation, isDemanded, *outcome);
     });
+    if (!core_.blobGcRunning)
+        core_.blobGcFirstFileId = 0;
     return core_.blobGcRunning;
 }
 
 void MaintenanceScheduler_::runCompaction_(std::uint64_t generation, const CompactionGroups_& groups,
                                            Outcome_& outcome) {
-    core_.syncPoints.reach("compaction.begun");
-    const ZnEmbeddedDbStatus status = CompactionManager_(core_, generation).runL0Compaction(groups);
+    const ZnEmbeddedDbStatus status = statusOf([&] {
+        core_.syncPoints.reach("compaction.begun");
+        return CompactionManager_(core_, generation).runL0Compaction(groups);
+    });
     const ZnMutexLocker locker(core_.mutex);
     outcome = {true, status};
     core_.workerCondition.notify_all();
@@ -124,6 +131,7 @@ void MaintenanceScheduler_::runCompaction_(std::uint64_t generation, const Compa
         return;
     core_.compactionRunning = false;
     core_.compactionFirstFileId = 0;
+    core_.noteSyncFailure();
     noteCompaction_(status);
     if (!status.isOk())
         return;
@@ -146,8 +154,10 @@ void MaintenanceScheduler_::noteCompaction_(const ZnEmbeddedDbStatus& status) {
 }
 
 void MaintenanceScheduler_::runBlobGc_(std::uint64_t generation, bool isDemanded, Outcome_& outcome) {
-    core_.syncPoints.reach("gc.begun");
-    const ZnEmbeddedDbStatus status = BlobGcManager_(core_, generation, isDemanded).runBlobGc();
+    const ZnEmbeddedDbStatus status = statusOf([&] {
+        core_.syncPoints.reach("gc.begun");
+        return BlobGcManager_(core_, generation, isDemanded).runBlobGc();
+    });
     const ZnMutexLocker locker(core_.mutex);
     outcome = {true, status};
     core_.workerCondition.notify_all();
@@ -155,12 +165,16 @@ void MaintenanceScheduler_::runBlobGc_(std::uint64_t generation, bool isDemanded
         return;
     core_.blobGcRunning = false;
     core_.blobGcFirstFileId = 0;
+    core_.noteSyncFailure();
     if (status.code() == ZnEmbeddedDbStatus::IoError)
         ZN_LOG_ERROR(kCategory, "ZnEmbeddedDb::runBlobGc") << core_.paths.rootPath << ": " << status.message();
+    if (status.code() == ZnEmbeddedDbStatus::NotAvailable) // void; the store may be idle again, with nobody to say so
+        scheduleBlobGcIfNeeded();
 }
 
 ZnEmbeddedDbStatus MaintenanceScheduler_::refusal_(std::uint64_t generation) const {
-    return core_.isEnding(generation) ? closingStatus() : core_.backgroundError;
+    const bool isClosed = core_.tableViews == nullptr; // since the caller found it open
+    return isClosed || core_.isEnding(generation) ? closingStatus() : core_.backgroundError;
 }
 
 ZnEmbeddedDbStatus MaintenanceScheduler_::await_(const OutcomePtr_& outcome, std::uint64_t generation) {

@@ -2,7 +2,6 @@
 
 #include "core/fs/ZnPath.h"
 #include "core/storage/embeddeddb/FileNames_.h"
-#include "core/types/ZnLogger.h"
 
 #include <algorithm>
 #include <set>
@@ -91,6 +90,7 @@ ZnEmbeddedDbStatus MemtableFlush_::writePrimary_() {
         status = addPrimary_(&writer, entry->first.view(), entry->second);
     if (status.isOk() && blobFileId_ != 0) // before a table that refers to it gets its name
         status = blobWriter_.flush();
+    counters_.blobBytesWritten.add(blobWriter_.writtenBytes());
     return status.isOk() ? finish_(&writer, blobFileId_) : status;
 }
 
@@ -116,12 +116,7 @@ ZnEmbeddedDbStatus MemtableFlush_::externalizeBlobValueToFile_(const MemtableEnt
         if (ZnEmbeddedDbStatus status = blobWriter_.open(paths_.blobsDir, blobFileId_); !status.isOk())
             return status;
     }
-    if (const ZnEmbeddedDbStatus status = blobWriter_.append(entry.value.view(), blob); !status.isOk()) {
-        ZN_LOG_ERROR("zn.core.storage.znembeddeddb", "ZnEmbeddedDb::externalizeBlobValueToFile") << status.message();
-        return {ZnEmbeddedDbStatus::IoError, "failed to externalize blob value: " + status.message()};
-    }
-    counters_.blobBytesWritten.add(entry.value.size());
-    return {};
+    return blobWriter_.append(entry.value.view(), blob);
 }
 
 ZnEmbeddedDbStatus MemtableFlush_::writeIndex_(const ZnString& indexName) {

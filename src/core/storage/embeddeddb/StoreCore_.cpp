@@ -119,6 +119,7 @@ void StoreCore_::reset() {
     immutableMemtables.clear();
     tableViews = nullptr;
     blobEpoch = nullptr;
+    retiredBlobFiles.clear();
     level0Depth = 0;
     flushFirstFileId = 0;
     compactionFirstFileId = 0;
@@ -305,7 +306,10 @@ ZnEmbeddedDbStatus StoreCore_::commitTables(const TableChange_& change) {
     next.replayFromWalId = recomputeReplayFromWalId_(change.flushedMemtableCount);
     manifestBusy_ = true;
     mutex.unlock();
-    ZnEmbeddedDbStatus status = writeManifest(files, paths.rootPath, &next);
+    ZnEmbeddedDbStatus status = statusOf([&] {
+        syncPoints.reach("manifest.begun");
+        return writeManifest(files, paths.rootPath, &next);
+    });
     mutex.lock();
     noteSyncFailure();
     if (status.isOk()) {

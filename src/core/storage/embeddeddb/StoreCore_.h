@@ -13,7 +13,9 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <exception>
 #include <memory>
+#include <set>
 #include <unordered_map>
 
 namespace znEmbeddedDbDetail {
@@ -75,6 +77,7 @@ struct StoreCore_ {
     std::deque<SealedMemtable_> immutableMemtables ZN_GUARDED_BY(mutex); // oldest first
     std::shared_ptr<const TableViews_> tableViews ZN_GUARDED_BY(mutex);  // of `manifest.tables`
     std::shared_ptr<BlobEpoch_> blobEpoch ZN_GUARDED_BY(mutex);
+    std::set<std::uint64_t> retiredBlobFiles ZN_GUARDED_BY(mutex); // out of force, perhaps still there for older views
     std::size_t level0Depth ZN_GUARDED_BY(mutex) = 0; // tables of level 0 of the kind that has most
     // Files with this id and above may be those of work that runs; 0: none runs.
     std::uint64_t flushFirstFileId ZN_GUARDED_BY(mutex) = 0;
@@ -155,6 +158,16 @@ private:
     std::vector<ZnString> heldTablePaths_ ZN_GUARDED_BY(mutex); // to be removed when nobody holds them
     std::uint64_t manifestCommits_ ZN_GUARDED_BY(mutex) = 0;
 };
+
+/// What `work` returns; after an exception, as of memory that is not to be had, code 6. For work without the mutex.
+template <typename Work>
+ZnEmbeddedDbStatus statusOf(Work work) {
+    try {
+        return work();
+    } catch (const std::exception& exception) {
+        return {ZnEmbeddedDbStatus::IoError, ZnString("ended by an exception: ") + exception.what()};
+    }
+}
 
 /// "WAL-7.log" of the store's log directory, and so on.
 ZnString walPath(const StorePaths_& paths, std::uint64_t walId);

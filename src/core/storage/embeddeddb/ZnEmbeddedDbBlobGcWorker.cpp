@@ -6,7 +6,6 @@
 #include "core/storage/embeddeddb/RecordValue_.h"
 
 #include <algorithm>
-#include <set>
 #include <utility>
 
 namespace znEmbeddedDbDetail {
@@ -34,8 +33,11 @@ ZnEmbeddedDbStatus BlobGcManager_::runBlobGc() {
     if (!isWorthwhile_())
         return {};
     core_.syncPoints.reach("gc.decided");
-    ZnEmbeddedDbStatus status = rewrite_();
-    core_.syncPoints.reach("gc.rewritten");
+    const ZnEmbeddedDbStatus status = statusOf([this] {
+        ZnEmbeddedDbStatus written = rewrite_();
+        core_.syncPoints.reach("gc.rewritten");
+        return written;
+    });
     if (status.isOk())
         return commit_();
     removeNewFiles_(); // nothing has ever referred to them
@@ -55,6 +57,7 @@ bool BlobGcManager_::begin_() {
     observedManifestId_ = core_.manifest.manifestId;
     firstUnknownFileId_ = core_.firstRunningFileId();
     oldTables_ = core_.tableViews->primaryView;
+    retiredBefore_ = core_.retiredBlobFiles;
     return true;
 }
 
@@ -64,14 +67,18 @@ bool BlobGcManager_::isEnding_() const {
 }
 
 /// A file that cannot be opened is passed over. So is one without an id: nothing would ever remove it, and each flush
-/// would begin a run.
+/// would begin a run. So is one that is there for older views alone: they still need it, and it goes with them.
 void BlobGcManager_::findBlobFiles_() {
+    std::set<std::uint64_t> stillThere;
     for (const ZnString& path : listFiles(core_.files, paths_.blobsDir, kBlobPrefix, kBlobSuffix)) {
         const std::uint64_t id = parseFileId(path, kBlobPrefix, kBlobSuffix);
         RandomAccessFile_ file(core_.files);
-        if (id != 0 && path == blobPath(paths_, id) && file.open(path, RandomAccessFile_::Mode::ReadOnly))
+        if (retiredBefore_.count(id) != 0)
+            stillThere.insert(id);
+        else if (id != 0 && path == blobPath(paths_, id) && file.open(path, RandomAccessFile_::Mode::ReadOnly))
             blobFiles_.push_back({id, file.size()});
     }
+    retiredBefore_ = std::move(stillThere);
 }
 
 /// Calls `visit(record)` for the newest record of every key, but for tombstones, and `see(record)` for every record.
@@ -128,6 +135,7 @@ ZnEmbeddedDbStatus BlobGcManager_::rewrite_() {
     ZnEmbeddedDbStatus status = forEachLive_(add, [](const RecordView_&) {});
     if (status.isOk() && newBlobId_ != 0) // before a table that refers to it gets its name
         status = blobWriter_.flush();
+    counters_->blobBytesWritten.add(blobWriter_.writtenBytes());
     return status.isOk() && writer != nullptr ? finishTable_(writer.get()) : status;
 }
 
@@ -177,10 +185,7 @@ ZnEmbeddedDbStatus BlobGcManager_::externalize_(std::string_view value, BlobRef_
         if (ZnEmbeddedDbStatus status = blobWriter_.open(paths_.blobsDir, newBlobId_); !status.isOk())
             return status;
     }
-    if (const ZnEmbeddedDbStatus status = blobWriter_.append(value, blob); !status.isOk())
-        return {ZnEmbeddedDbStatus::IoError, "failed to externalize blob value: " + status.message()};
-    counters_->blobBytesWritten.add(value.size());
-    return {};
+    return blobWriter_.append(value, blob);
 }
 
 /// Gives the table its name, and reads it back as readers will.
@@ -229,7 +234,7 @@ ZnEmbeddedDbStatus BlobGcManager_::commit_() {
             isNewUnneeded = !status.isOk() && core_.isOldManifestInForce();
             isOldUnneeded = status.isOk() && core_.backgroundError.isOk();
             if (isOldUnneeded)
-                epoch_->retire(obsoleteBlobFiles_());
+                endEpoch_();
         }
     }
     core_.syncPoints.reach("gc.committed");
@@ -259,6 +264,16 @@ std::vector<ZnString> BlobGcManager_::oldTablePaths_() const {
     for (const auto& table : oldTables_)
         paths.push_back(joinPath(paths_.tablesDir, table->meta().fileName));
     return paths;
+}
+
+/// Tables that flushes have added meanwhile stay, and with them blob files that views of this epoch may have seen.
+void BlobGcManager_::endEpoch_() {
+    const std::size_t newCount = newTable_ == nullptr ? 0 : 1;
+    const bool haveSomeStayed = core_.tableViews->primaryView.size() > newCount;
+    const std::vector<std::uint64_t> obsolete = obsoleteBlobFiles_();
+    core_.retiredBlobFiles = retiredBefore_;
+    core_.retiredBlobFiles.insert(obsolete.begin(), obsolete.end());
+    epoch_->retire(obsolete, haveSomeStayed ? core_.blobEpoch : nullptr);
 }
 
 /// Those that were there when this began and that no table refers to now.

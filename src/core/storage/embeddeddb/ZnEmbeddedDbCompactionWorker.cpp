@@ -24,18 +24,21 @@ ZnEmbeddedDbStatus closingStatus() {
 ZnEmbeddedDbStatus CompactionManager_::runL0Compaction(const CompactionGroups_& groups) {
     if (!pin_(groups))
         return closingStatus();
-    core_.syncPoints.reach("compaction.pinned");
-    ZnEmbeddedDbStatus status;
-    for (const PinnedGroup_& pinned : pinned_)
-        if (status.isOk())
-            status = merge_(pinned);
-    core_.syncPoints.reach("compaction.merged");
-    if (status.isOk())
-        status = openOutputs_();
-    core_.syncPoints.reach("compaction.opened");
+    const ZnEmbeddedDbStatus status = statusOf([this] { return writeOutputs_(); });
     if (status.isOk())
         return commit_();
     removeOutputs_(); // nothing has ever referred to them
+    return status;
+}
+
+ZnEmbeddedDbStatus CompactionManager_::writeOutputs_() {
+    core_.syncPoints.reach("compaction.pinned");
+    for (const PinnedGroup_& pinned : pinned_)
+        if (ZnEmbeddedDbStatus status = merge_(pinned); !status.isOk())
+            return status;
+    core_.syncPoints.reach("compaction.merged");
+    ZnEmbeddedDbStatus status = openOutputs_();
+    core_.syncPoints.reach("compaction.opened");
     return status;
 }
 

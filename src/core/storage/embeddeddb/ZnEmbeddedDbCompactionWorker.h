@@ -40,6 +40,7 @@ private:
     };
 
     bool pin_(const CompactionGroups_& groups);
+    ZnEmbeddedDbStatus writeOutputs_();
     ZnEmbeddedDbStatus merge_(const PinnedGroup_& pinned);
     bool isKept_(const PinnedGroup_& pinned, const FoundRecord_& found, ZnEmbeddedDbStatus* status) const;
     bool isStale_(const ZnString& indexName, std::string_view indexKey, ZnEmbeddedDbStatus* status) const;

@@ -6,6 +6,7 @@
 #include "core/types/ZnLogger.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 namespace znEmbeddedDbDetail {
@@ -155,18 +156,25 @@ ZnEmbeddedDbStatus FlushScheduler_::flushMemtablesToTables_(const Memtables_& me
         return core_.manifest.nextTableId++;
     };
     core_.flushFirstFileId = core_.manifest.nextTableId;
+    std::optional<MemtableFlush_> flush;
     core_.mutex.unlock();
-    MemtableFlush_ flush(core_.files, core_.paths, *core_.counters,
-                         {0, core_.options.blobThresholdBytes, {core_.options.verifyFilters}, nextTableId}, memtables);
-    ZnEmbeddedDbStatus status = flush.run();
+    ZnEmbeddedDbStatus status = statusOf([&] {
+        flush.emplace(core_.files, core_.paths, *core_.counters,
+                      MemtableFlush_::Settings{
+                          0, core_.options.blobThresholdBytes, {core_.options.verifyFilters}, nextTableId},
+                      memtables);
+        const ZnEmbeddedDbStatus written = flush->run();
+        core_.syncPoints.reach("flush.written");
+        return written;
+    });
     core_.mutex.lock();
     core_.noteSyncFailure();
     if (status.isOk())
-        status = commit_(flush, sealedCount);
+        status = commit_(*flush, sealedCount);
     // Whose name or content may be lost is not known to be out of force either: it stays until the next opening.
-    if (!status.isOk() && core_.isOldManifestInForce()) {
+    if (!status.isOk() && flush.has_value() && core_.isOldManifestInForce()) {
         core_.mutex.unlock();
-        flush.removeFiles();
+        flush->removeFiles();
         core_.mutex.lock();
     }
     core_.flushFirstFileId = 0;
@@ -183,7 +191,8 @@ ZnEmbeddedDbStatus FlushScheduler_::commit_(const MemtableFlush_& flush, std::si
     core_.workerCondition.notify_all();
     if (!core_.closing)
         core_.collectObsoleteWalFiles();
-    if (!core_.closing) { // it let go of the mutex
+    // It let go of the mutex. While the store is being opened nothing begins that a failure would have to wait for.
+    if (!core_.closing && flushRunning_) {
         maintenance_.assumeLocked();
         maintenance_.scheduleL0CompactionIfNeeded();
         maintenance_.scheduleBlobGcIfNeeded();

@@ -1,0 +1,766 @@
+// Merging of tables and collecting of garbage, beside everything else that a store does.
+
+#include "core/storage/StoreModel.h"
+#include "core/storage/StoreViewFixture.h"
+#include "core/storage/embeddeddb/Manifest_.h"
+#include "core/storage/embeddeddb/NewestRecords_.h"
+#include "core/storage/embeddeddb/Store_.h"
+#include "core/storage/embeddeddb/StoredValue_.h"
+#include "support/LogCapture.h"
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <new>
+#include <optional>
+#include <thread>
+
+using namespace znEmbeddedDbDetail;
+
+namespace {
+
+using Status = ZnEmbeddedDbStatus;
+const Status kOk;
+constexpr std::chrono::seconds kDeadline{20};
+
+ZnEmbeddedDbOptions quietOptions() {
+    ZnEmbeddedDbOptions options;
+    options.idleFlushMs = 0;
+    options.blobThresholdBytes = 40;
+    return options;
+}
+
+/// Holds background work at its sync points, or makes it fail there.
+class Gates {
+public:
+    ~Gates() {
+        const std::lock_guard lock(mutex_);
+        isOver_ = true;
+        condition_.notify_all();
+    }
+    void reach(const std::string& name) {
+        std::unique_lock lock(mutex_);
+        ++counts_[name];
+        if (failures_[name] > 0) {
+            --failures_[name];
+            throw std::bad_alloc();
+        }
+        if (armed_.erase(name) == 0)
+            return;
+        held_.insert(name);
+        condition_.notify_all();
+        condition_.wait_for(lock, kDeadline, [&] { return isOver_ || held_.count(name) == 0; });
+    }
+    /// The next that comes there.
+    void hold(const std::string& name) {
+        const std::lock_guard lock(mutex_);
+        armed_.insert(name);
+    }
+    void fail(const std::string& name, int count) {
+        const std::lock_guard lock(mutex_);
+        failures_[name] = count;
+    }
+    void letGo(const std::string& name) {
+        const std::lock_guard lock(mutex_);
+        EXPECT_EQ(held_.erase(name), 1U) << name;
+        condition_.notify_all();
+    }
+    bool isHeld(const std::string& name, std::chrono::milliseconds timeout = kDeadline) {
+        std::unique_lock lock(mutex_);
+        return condition_.wait_for(lock, timeout, [&] { return held_.count(name) != 0; });
+    }
+    int countOf(const std::string& name) {
+        const std::lock_guard lock(mutex_);
+        return counts_[name];
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable condition_;
+    bool isOver_ = false;
+    std::map<std::string, int> counts_, failures_;
+    std::set<std::string> armed_, held_;
+};
+
+/// A store, what it must hold, and a hand on its background work.
+struct Bench {
+    explicit Bench(const ZnEmbeddedDbOptions& options = quietOptions()) {
+        core().syncPoints.setHandler([gates = gates](std::string_view name) { gates->reach(std::string(name)); });
+        open(options);
+    }
+    Store_& inner() { return StoreAccess_::of(store); }
+    StoreCore_& core() { return inner().core; }
+    void open(const ZnEmbeddedDbOptions& options = quietOptions()) { ASSERT_EQ(store.open("/s", options), kOk); }
+    /// An empty value has no tag, and so no entry in the index.
+    void put(const std::string& key, const std::string& value) {
+        EXPECT_EQ(store.put(key, value, tagsOf(value)), kOk);
+        expected[key] = value;
+    }
+    void remove(const std::string& key) {
+        EXPECT_EQ(store.remove(key), kOk);
+        expected.erase(key);
+    }
+    void flush() { EXPECT_EQ(store.flush(), kOk); }
+    void putAndFlush(const std::string& key, const std::string& value) {
+        put(key, value);
+        flush();
+    }
+    /// Makes the next garbage collection rewrite everything.
+    void leaveBehind(const char* name = "BLOB-1.dat") { files.put(ZnString("/s/blobs/") + name, "left"); }
+
+    template <typename Condition>
+    bool await(Condition condition) {
+        const auto until = std::chrono::steady_clock::now() + kDeadline;
+        for (;;) {
+            {
+                const ZnMutexLocker locker(core().mutex);
+                if (condition())
+                    return true;
+                core().workerCondition.wait_for(core().mutex, std::chrono::milliseconds(2));
+            }
+            if (std::chrono::steady_clock::now() > until)
+                return false;
+        }
+    }
+    void awaitQuiet() {
+        EXPECT_TRUE(await([this]() ZN_NO_THREAD_SAFETY_ANALYSIS {
+            return core().flushFirstFileId == 0 && !core().compactionRunning && !core().blobGcRunning;
+        }));
+    }
+    void awaitClosing() {
+        EXPECT_TRUE(await([this]() ZN_NO_THREAD_SAFETY_ANALYSIS { return core().closing; }));
+    }
+    void awaitPool() {
+        EXPECT_TRUE(await([this] { return inner().threadPool.activeCount() == 0; }));
+    }
+    /// "primary 3+1, tag 4+0": tables of level 0 and of level 1.
+    std::string tables() {
+        std::map<std::string, std::pair<int, int>> counts;
+        const ZnMutexLocker locker(core().mutex);
+        for (const TableMeta_& table : core().manifest.tables) {
+            auto& [level0, level1] = counts[table.indexName.isEmpty() ? "primary" : table.indexName.str()];
+            ++(table.level == 0 ? level0 : level1);
+        }
+        std::string text;
+        for (const auto& [name, count] : counts)
+            text += (text.empty() ? "" : ", ") + name + " " + std::to_string(count.first) + "+" +
+                    std::to_string(count.second);
+        return text;
+    }
+    std::vector<TableMeta_> tablesOnDisk() {
+        std::uint64_t id = 0;
+        ManifestState_ state;
+        EXPECT_EQ(readCurrent(files, "/s", &id), kOk);
+        EXPECT_EQ(readManifest(files, "/s", id, &state), kOk);
+        return state.tables;
+    }
+    /// The only table of that kind.
+    std::shared_ptr<const TableHandle_> table(const ZnString& indexName = {}) {
+        const ZnMutexLocker locker(core().mutex);
+        const auto& views = *core().tableViews;
+        const TableList_& list = indexName.isEmpty() ? views.primaryView : views.indexViews.find(indexName)->second;
+        EXPECT_EQ(list.size(), 1U);
+        return list.front();
+    }
+    /// "a@3 inline, b@4 tombstone"
+    std::string records(const ZnString& indexName = {}) {
+        std::vector<TableRecord_> all;
+        std::string text;
+        EXPECT_TRUE(table(indexName)->readAllRecords(&all));
+        for (const TableRecord_& record : all)
+            text += (text.empty() ? "" : ", ") + std::string(record.key.view().substr(0, 1)) + "@" +
+                    std::to_string(record.sequence) +
+                    (record.type == kTombstoneRecord ? " tombstone" : record.type == kBlobRecord ? " blob" : "");
+        return text;
+    }
+    std::set<std::string> blobs() const {
+        std::set<std::string> names;
+        for (const ZnString& path : files.paths())
+            if (path.startsWith("/s/blobs/"))
+                names.insert(path.str().substr(9));
+        return names;
+    }
+    void check(bool mayHaveOrphans = false) {
+        EXPECT_EQ(contentOf(store), expected);
+        ZnEmbeddedDbVerifyReport report;
+        EXPECT_EQ(store.verify(&report), kOk);
+        EXPECT_TRUE(mayHaveOrphans || report.orphans.isEmpty()) << report.orphans[0];
+    }
+    /// Four tables of each kind, or a blob file of which nothing is used; up to the flush that begins the work.
+    void prepare(bool isGarbage) {
+        for (int count = 1; count < (isGarbage ? 2 : 4); ++count)
+            putAndFlush("a", std::to_string(count) + std::string(isGarbage ? 50 : 0, '.'));
+        put("a", "Z" + std::string(isGarbage ? 50 : 0, '.'));
+        awaitQuiet();
+    }
+
+    LogCapture log;
+    MemoryFiles files;
+    ZnEmbeddedDb store{files};
+    std::shared_ptr<Gates> gates = std::make_shared<Gates>();
+    StoreContent expected;
+};
+
+const char* const kPoints[] = {"compaction.begun",     "compaction.pinned", "compaction.merged", "compaction.opened",
+                               "compaction.committed", "gc.begun",          "gc.observed",       "gc.decided",
+                               "gc.rewritten",         "gc.committed"};
+
+bool isGarbagePoint(std::string_view point) {
+    return point.starts_with("gc.");
+}
+
+TEST(StoreMaintenance, FourTablesOfOneKindHaveAllOfLevel0Merged) {
+    struct Row {
+        const char* steps; // p: a record, t: one with a tag, g: all records go into one table of level 1; each flushed
+        const char* tables;
+        std::uint32_t maxLevel1Tables = 0;
+    };
+    constexpr Row kRows[] = {
+        {"ppp", "primary 3+0"},
+        {"pppp", "primary 0+1"},
+        {"ttt", "primary 3+0, tag 3+0"},
+        {"ptptt", "primary 1+1, tag 1+1"},
+        {"tgttt", "primary 0+2, tag 0+1"},
+        {"tgptt", "primary 3+1, tag 3+0"},
+        {"ppppppppp", "primary 1+2"},
+        {"ppppppppp", "primary 1+1", 1},
+        {"tttttttttttttttt", "primary 0+1, tag 0+1", 3},
+        {"tttttttttttttttt", "primary 0+4, tag 0+4", 4},
+    };
+    for (const Row& row : kRows) {
+        SCOPED_TRACE(std::string(row.steps) + " " + std::to_string(row.maxLevel1Tables));
+        ZnEmbeddedDbOptions options = quietOptions();
+        options.maxLevel1Tables = row.maxLevel1Tables;
+        Bench bench(options);
+        int number = 0;
+        for (const char* step = row.steps; *step != '\0'; ++step, bench.awaitQuiet()) {
+            if (*step != 'g') {
+                bench.putAndFlush("k" + std::to_string(++number), *step == 't' ? "T" : "");
+                continue;
+            }
+            bench.leaveBehind();
+            EXPECT_EQ(bench.store.collectGarbage(), kOk);
+        }
+        EXPECT_EQ(bench.tables(), row.tables);
+        bench.check();
+    }
+}
+
+TEST(StoreMaintenance, TheLargestSequenceDecidesWhateverTheOrder) {
+    const std::string value = encoded(inlineEntry("v"));
+    for (const bool isOlderFirst : {false, true}) {
+        StoreViewFixture store;
+        for (const std::uint64_t sequence : {isOlderFirst ? 3U : 8U, isOlderFirst ? 8U : 3U})
+            store.addTable(kPrimaryTable, 0, {{ZnByteArray("k", 1), sequence, kInlineRecord, ZnByteArray(value)}});
+        NewestRecords_ records(store.tables.primaryView);
+        std::set<std::uint64_t> seen;
+        EXPECT_EQ(records.take([&](const RecordView_& record) { seen.insert(record.sequence); }).record.sequence, 8U);
+        EXPECT_EQ(seen, (std::set<std::uint64_t>{3, 8}));
+        EXPECT_FALSE(records.isValid());
+    }
+}
+
+TEST(StoreMaintenance, MergingKeepsWhatOlderTablesNeedAndCompactDropsIt) {
+    const auto shown = [](Bench& bench) {
+        std::string keys;
+        for (const char* tag : {"A", "B", "C", "D", "E"})
+            for (auto records = bench.store.indexLookup("tag", tag); records.valid(); records.next())
+                keys += tag + std::string(records.key());
+        return keys;
+    };
+    Bench bench;
+    bench.put("b", "B1"); // replaced below, and still in the range of the merged table
+    bench.put("c", "C1");
+    bench.putAndFlush("a", "A" + std::string(60, '.'));
+    std::vector<TableRecord_> before, after;
+    EXPECT_TRUE(bench.table()->readAllRecords(&before));
+    bench.putAndFlush("b", "B2");
+    bench.remove("c");
+    bench.flush();
+    bench.inner().hasIndexes = false; // so that nobody looks what the next one replaces, as in a race
+    bench.putAndFlush("b", "E3");
+    bench.awaitQuiet();
+    EXPECT_EQ(bench.tables(), "primary 0+1, tag 0+1");
+    EXPECT_EQ(bench.records(), "a@3 blob, b@6, c@5 tombstone");
+    EXPECT_EQ(bench.records("tag"), "A@3, B@4, C@5 tombstone, E@6");
+    EXPECT_TRUE(bench.table()->readAllRecords(&after));
+    EXPECT_EQ(after[0].value, before[0].value); // the same place in the same blob file
+    const TableMeta_ meta = bench.table()->meta();
+    EXPECT_EQ(std::make_tuple(meta.minSequence, meta.maxSequence, meta.blobFileId), std::make_tuple(1U, 6U, 0U));
+    EXPECT_EQ(shown(bench), "AaEb");
+    bench.check();
+    ASSERT_EQ(bench.store.compact(), kOk);
+    EXPECT_EQ(bench.records() + "; " + bench.records("tag"), "a@3 blob, b@6; A@3, E@6");
+    EXPECT_EQ(shown(bench), "AaEb");
+    bench.check();
+    bench.remove("a");
+    bench.remove("b");
+    ASSERT_EQ(bench.store.compact(), kOk);
+    EXPECT_EQ(bench.tables(), "");
+    EXPECT_TRUE(bench.blobs().empty());
+    bench.check();
+}
+
+/// The compaction is handed tables that a garbage collection is just taking out of force.
+TEST(StoreMaintenance, WhatIsGoingOutOfForceIsNotMerged) {
+    Bench bench;
+    bench.gates->hold("gc.rewritten");
+    bench.prepare(true);
+    bench.flush();
+    ASSERT_TRUE(bench.gates->isHeld("gc.rewritten"));
+    bench.gates->hold("manifest.begun");
+    bench.gates->letGo("gc.rewritten");
+    ASSERT_TRUE(bench.gates->isHeld("manifest.begun"));
+    const std::uint64_t manifestId = bench.core().manifest.manifestId;
+    std::thread compaction([&] { EXPECT_EQ(bench.store.compact(), kOk); });
+    EXPECT_TRUE(bench.await([&] { return bench.gates->countOf("compaction.begun") == 1; }));
+    bench.gates->hold("compaction.pinned");
+    EXPECT_FALSE(bench.gates->isHeld("compaction.pinned", std::chrono::milliseconds(50)));
+    bench.gates->letGo("manifest.begun");
+    ASSERT_TRUE(bench.gates->isHeld("compaction.pinned"));
+    bench.gates->letGo("compaction.pinned");
+    compaction.join();
+    EXPECT_EQ(bench.tables(), "primary 0+1, tag 0+1");
+    EXPECT_EQ(bench.core().manifest.manifestId, manifestId + 2);
+    EXPECT_EQ(bench.store.stats().compactionCount, 1U); // of the index
+    bench.check();
+}
+
+/// Whether the store waits for it or not; then it ends beside the same store, opened anew.
+TEST(StoreMaintenance, ClosingEndsItBeforeItChangesAnything) {
+    for (const char* point : kPoints) {
+        for (const bool isAwaited : {true, false}) {
+            SCOPED_TRACE(std::string(point) + (isAwaited ? "" : ", not awaited"));
+            Bench bench;
+            bench.inner().closeWaitMs = isAwaited ? 20000 : 3;
+            bench.prepare(isGarbagePoint(point));
+            bench.gates->hold(point);
+            bench.flush();
+            ASSERT_TRUE(bench.gates->isHeld(point));
+            const std::vector<TableMeta_> before = bench.tablesOnDisk();
+            std::thread closing([&] { bench.store.close(); });
+            if (isAwaited) {
+                bench.awaitClosing();
+                bench.gates->letGo(point);
+            }
+            closing.join();
+            EXPECT_EQ(bench.tablesOnDisk() == before, true);
+            bench.open();
+            bench.putAndFlush("b", "B" + std::string(50, '.'));
+            if (!isAwaited)
+                bench.gates->letGo(point);
+            bench.awaitPool();
+            bench.awaitQuiet();
+            EXPECT_EQ(bench.store.stats().compactionFailedCount, 0U);
+            bench.check();
+        }
+    }
+}
+
+TEST(StoreMaintenance, WhoWaitsWhileTheStoreClosesIsTold) {
+    ZnEmbeddedDbOptions options = quietOptions();
+    options.memtableSizeBytes = 4096;
+    options.maxImmutableMemtables = 1;
+    Bench bench(options);
+    bench.gates->hold("flush.written");
+    std::vector<std::thread> waiting;
+    std::atomic<int> toldCount{0};
+    for (int writer = 0; writer < 3; ++writer)
+        waiting.emplace_back([&] {
+            Status status;
+            while (status.isOk())
+                status = bench.store.put("k", std::string(30, '.'));
+            EXPECT_EQ(status.code(), Status::NotAvailable);
+            toldCount += status.message() == "database is closing" ? 1 : 0; // else it came later
+        });
+    ASSERT_TRUE(bench.gates->isHeld("flush.written"));
+    waiting.emplace_back([&] { EXPECT_EQ(bench.store.compact().code(), Status::NotAvailable); });
+    EXPECT_TRUE(bench.await([&] { return bench.inner().flushes.fullCount() == 1; }));
+    std::thread closing([&] { bench.store.close(); });
+    bench.awaitClosing();
+    for (std::thread& thread : waiting)
+        thread.join(); // while the flush is still held
+    EXPECT_GT(toldCount, 0);
+    for (const Status& status : {bench.store.sync(), bench.store.put("k", "v"), bench.store.flush(),
+                                 bench.store.compact(), bench.store.collectGarbage(), bench.store.resume()})
+        EXPECT_EQ(status.code(), Status::NotAvailable);
+    EXPECT_EQ(bench.inner().commits.sync(false), Status(Status::NotAvailable, "database is closing"));
+    bench.gates->letGo("flush.written");
+    closing.join();
+    for (const Status& status : {bench.inner().maintenance.compactAll(), bench.inner().maintenance.collectGarbage()})
+        EXPECT_EQ(status.code(), Status::NotAvailable); // when it found the store open, and came here too late
+}
+
+/// Those who asked for the work, when it cannot be done any more: also when it does not end.
+TEST(StoreMaintenance, WhoAskedForWorkThatClosingPreventsIsTold) {
+    for (const std::string point : {"compaction.pinned", "gc.begun", "gc.rewritten"}) {
+        for (const bool isAwaited : {true, false}) {
+            SCOPED_TRACE(point + (isAwaited ? "" : ", not awaited"));
+            Bench bench;
+            bench.inner().closeWaitMs = isAwaited ? 20000 : 3;
+            bench.putAndFlush("a", "A");
+            bench.awaitQuiet();
+            bench.leaveBehind();
+            bench.gates->hold(point);
+            std::thread asking([&] {
+                const Status status = isGarbagePoint(point) ? bench.store.collectGarbage() : bench.store.compact();
+                EXPECT_EQ(status, Status(Status::NotAvailable, "database is closing"));
+            });
+            ASSERT_TRUE(bench.gates->isHeld(point));
+            std::thread closing([&] { bench.store.close(); });
+            if (isAwaited) {
+                bench.awaitClosing();
+                bench.gates->letGo(point);
+            }
+            closing.join();
+            asking.join();
+            if (!isAwaited)
+                bench.gates->letGo(point);
+        }
+    }
+}
+
+/// Everything that they do on the disk fails once; then the store goes on, unless a sync failed.
+TEST(StoreMaintenance, AFailureLeavesWhatIsInForce) {
+    for (const bool isGarbage : {false, true}) {
+        long number = 1;
+        for (bool wasReached = true; wasReached && !HasFatalFailure(); ++number) {
+            SCOPED_TRACE((isGarbage ? "gc, operation " : "compaction, operation ") + std::to_string(number));
+            Bench bench;
+            bench.prepare(isGarbage);
+            const char* point = isGarbage ? "gc.begun" : "compaction.begun";
+            bench.gates->hold(point);
+            bench.flush();
+            ASSERT_TRUE(bench.gates->isHeld(point));
+            const std::vector<TableMeta_> before = bench.tablesOnDisk();
+            bench.files.failOperation(number, EIO);
+            bench.gates->letGo(point);
+            bench.awaitQuiet();
+            wasReached = bench.files.operationCount() >= number;
+            bench.files.failOperation(0, 0);
+            const ZnEmbeddedDbStats stats = bench.store.stats();
+            EXPECT_EQ(!stats.backgroundError.isOk(), bench.core().files.hasFailed());
+            const bool isDone = stats.compactionCount + stats.blobGcCount == 1;
+            EXPECT_TRUE(wasReached || isDone);
+            EXPECT_EQ(bench.tablesOnDisk() == before, !isDone);
+            bench.check(wasReached);
+            if (stats.backgroundError.isOk() && !isDone) { // the next flush is the next attempt
+                bench.flush();
+                bench.putAndFlush("b", "B");
+                bench.awaitQuiet();
+                EXPECT_EQ(bench.store.stats().compactionCount + bench.store.stats().blobGcCount, 1U);
+            }
+            bench.store.close();
+            bench.open();
+            bench.awaitQuiet();
+            bench.check();
+        }
+        EXPECT_GT(number, 20);
+    }
+}
+
+TEST(StoreMaintenance, ThreeFailuresInARowStopWritingUntilSomebodyResumes) {
+    for (const bool hasSyncFailed : {false, true}) {
+        Bench bench;
+        bench.gates->fail("compaction.merged", 5);
+        const auto failOnce = [&](int number) {
+            bench.put("a", "A" + std::to_string(number));
+            static_cast<void>(bench.store.flush()); // which may see already what it has begun
+            bench.awaitQuiet();
+        };
+        for (int number = 1; number <= 5; ++number)
+            failOnce(number);
+        EXPECT_EQ(bench.store.resume(), kOk); // nothing to do
+        EXPECT_EQ(bench.store.stats().compactionFailedCount, 2U);
+        failOnce(6);
+        const Status error = bench.store.put("b", "B");
+        EXPECT_EQ(error.code(), Status::IoError);
+        EXPECT_TRUE(error.message().startsWith("compaction failed three times in a row: ")) << error.message();
+        EXPECT_EQ(bench.store.stats().backgroundError, error);
+        EXPECT_EQ(bench.store.compact(), error);
+        EXPECT_EQ(bench.store.collectGarbage(), error);
+        if (hasSyncFailed) {
+            bench.core().files.noteSync(EIO, "/s/file");
+            EXPECT_EQ(bench.store.resume().code(), Status::IoError);
+            EXPECT_TRUE(bench.store.put("b", "B").message().contains("/s/file"));
+            continue;
+        }
+        EXPECT_EQ(bench.store.resume(), kOk); // and two failures more, which are the first again
+        bench.awaitQuiet();
+        failOnce(7);
+        failOnce(8);
+        EXPECT_EQ(bench.store.stats().compactionFailedCount, 5U);
+        EXPECT_EQ(bench.tables(), "primary 0+1, tag 0+1");
+        bench.check();
+    }
+}
+
+TEST(StoreMaintenance, GarbageIsCollectedFrom30PercentOn) {
+    struct Row {
+        const char* name;
+        std::size_t liveBytes;
+        std::size_t deadBytes;
+        const char* leftBehind;
+        bool isCollected;
+    };
+    constexpr Row kRows[] = {
+        {"70 percent live", 700, 300, nullptr, true},       {"71 percent live", 710, 290, nullptr, false},
+        {"all live", 700, 0, nullptr, false},               {"nothing live", 0, 700, nullptr, true},
+        {"no blob file", 0, 0, nullptr, false},             {"a stranger", 0, 0, "BLOB-1.dat", true},
+        {"a stranger beside", 700, 0, "BLOB-1.dat", true},  {"no id", 0, 0, "BLOB-0.dat", false},
+        {"no id we write", 700, 0, "BLOB-01.dat", false},   {"no blob file's name", 0, 0, "BLOB-1.da", false},
+        {"an id of later", 0, 0, "BLOB-1000.dat", false},
+    };
+    for (const Row& row : kRows) {
+        SCOPED_TRACE(row.name);
+        Bench bench;
+        bench.put("live", std::string(row.liveBytes, 'L'));
+        bench.put("dead", std::string(row.deadBytes, 'D'));
+        if (row.leftBehind != nullptr)
+            bench.leaveBehind(row.leftBehind);
+        bench.flush();
+        bench.awaitQuiet();
+        bench.remove("dead");
+        bench.flush();
+        bench.awaitQuiet();
+        const ZnEmbeddedDbStats stats = bench.store.stats();
+        EXPECT_EQ(stats.blobGcCount, row.isCollected ? 1U : 0U);
+        EXPECT_EQ(bench.gates->countOf("gc.decided"), row.isCollected ? 1 : 0);
+        EXPECT_TRUE(!row.isCollected || bench.blobs().size() == (row.liveBytes > 0 ? 1U : 0U));
+        bench.check(true);
+    }
+}
+
+TEST(StoreMaintenance, AnEmptyFileIsGarbageAndValuesMoveByTheThresholdOfNow) {
+    Bench bench;
+    const std::string longer(50, 'A');
+    const std::string shorter(30, 'B');
+    bench.put("a", longer);
+    bench.putAndFlush("b", shorter);
+    for (const std::uint64_t threshold : {50U, 49U, 29U}) {
+        bench.awaitQuiet();
+        bench.store.close();
+        ZnEmbeddedDbOptions options = quietOptions();
+        options.blobThresholdBytes = threshold;
+        options.verifyFilters = threshold != 49; // else opening removes the file
+        bench.open(options);
+        bench.files.put("/s/blobs/BLOB-1.dat", "");
+        ASSERT_EQ(bench.store.collectGarbage(), kOk);
+        EXPECT_EQ(bench.store.stats().blobGcCount, 1U);
+        EXPECT_EQ(bench.store.stats().blobBytesWritten, threshold == 50 ? 0U : threshold == 49 ? 50U : 80U);
+        EXPECT_EQ(bench.blobs().size(), threshold == 50 ? 0U : 1U);
+        EXPECT_EQ(bench.tables(), "primary 0+1, tag 1+0");
+        bench.check();
+    }
+    bench.remove("b");
+    ASSERT_EQ(bench.store.collectGarbage(), kOk);
+    EXPECT_EQ(bench.records(), "a@1 blob");
+    EXPECT_EQ(bench.blobs().size(), 1U);
+    bench.remove("a");
+    ASSERT_EQ(bench.store.collectGarbage(), kOk);
+    EXPECT_EQ(bench.tables(), "tag 3+0");
+    EXPECT_TRUE(bench.blobs().empty());
+    bench.check();
+}
+
+/// A run of the background is void when the store was not left alone.
+TEST(StoreMaintenance, ABackgroundCollectionGivesWayAndLeavesNothing) {
+    enum { Write, Flush, Compact };
+    for (const int beside : {Write, Flush, Compact}) {
+        SCOPED_TRACE(beside);
+        Bench bench;
+        bench.prepare(true);
+        bench.gates->hold("gc.rewritten");
+        bench.flush();
+        ASSERT_TRUE(bench.gates->isHeld("gc.rewritten"));
+        std::thread compacting;
+        const std::size_t blobCount = bench.blobs().size();
+        if (beside == Compact) {
+            bench.gates->hold("compaction.begun");
+            compacting = std::thread([&] { EXPECT_EQ(bench.store.compact(), kOk); });
+            ASSERT_TRUE(bench.gates->isHeld("compaction.begun"));
+        } else {
+            bench.put("b", "B");
+        }
+        if (beside == Flush)
+            bench.flush();
+        bench.gates->letGo("gc.rewritten");
+        EXPECT_TRUE(bench.await([&] { return bench.core().counters->blobGcAbandonedCount.value() == 1; }));
+        if (beside == Write) {
+            bench.awaitQuiet();
+            EXPECT_EQ(bench.blobs().size(), blobCount - 1);
+            EXPECT_EQ(bench.tables(), "primary 2+0, tag 2+0");
+        }
+        if (beside == Compact) {
+            bench.gates->letGo("compaction.begun");
+            compacting.join();
+        }
+        bench.flush();
+        bench.awaitQuiet();
+        EXPECT_TRUE(bench.await([&] { return bench.core().counters->blobGcCount.value() == 1; }));
+        bench.awaitQuiet();
+        EXPECT_EQ(bench.blobs().size(), 1U);
+        bench.check();
+    }
+}
+
+/// A collection that was asked for goes on beside writes and flushes, whatever the order of their steps.
+TEST(StoreMaintenance, ADemandedCollectionAndAFlushDoNotTakeEachOthersFiles) {
+    const std::vector<std::string> points = {"gc.begun", "gc.observed", "gc.decided", "gc.rewritten", "gc.committed"};
+    for (std::size_t first = 0; first < points.size(); ++first) {
+        for (std::size_t last = first + 1; last <= points.size(); ++last) {
+            const std::string begin = points[first];
+            const std::string end = last < points.size() ? points[last] : "";
+            SCOPED_TRACE("flush from " + begin + " to " + end);
+            Bench bench;
+            bench.put("a", "A" + std::string(50, '.'));
+            bench.putAndFlush("b", "B" + std::string(50, '.'));
+            bench.awaitQuiet();
+            bench.leaveBehind();
+            bench.gates->hold(begin);
+            std::thread collecting([&] { EXPECT_EQ(bench.store.collectGarbage(), kOk); });
+            ASSERT_TRUE(bench.gates->isHeld(begin));
+            bench.gates->hold("flush.written");
+            bench.put("a", "C" + std::string(50, '.'));
+            bench.remove("b");
+            bench.put("c", "A" + std::string(50, '.'));
+            std::thread flushing([&] { bench.flush(); });
+            ASSERT_TRUE(bench.gates->isHeld("flush.written"));
+            if (!end.empty())
+                bench.gates->hold(end);
+            bench.gates->letGo(begin);
+            if (end.empty())
+                collecting.join();
+            else
+                EXPECT_TRUE(bench.gates->isHeld(end));
+            bench.gates->letGo("flush.written");
+            flushing.join();
+            if (!end.empty()) {
+                bench.gates->letGo(end);
+                collecting.join();
+            }
+            bench.awaitQuiet();
+            bench.check();
+            bench.store.close();
+            bench.open();
+            bench.check();
+        }
+    }
+}
+
+/// Files that only older views need stay exactly as long as these.
+TEST(StoreMaintenance, ViewsKeepTheBlobFilesThatTheySee) {
+    for (const bool isIterator : {false, true}) {
+        Bench bench;
+        ZnEmbeddedDbSnapshotPtr snapshot;
+        std::optional<ZnEmbeddedDbIterator> records;
+        bench.put("a", "A" + std::string(50, '.'));
+        bench.putAndFlush("b", "B" + std::string(50, '.'));
+        bench.awaitQuiet();
+        bench.leaveBehind();
+        // What this flush writes stays in force beyond the collection.
+        bench.gates->hold("gc.rewritten");
+        std::thread collecting([&] { EXPECT_EQ(bench.store.collectGarbage(), kOk); });
+        ASSERT_TRUE(bench.gates->isHeld("gc.rewritten"));
+        bench.putAndFlush("c", "C" + std::string(50, '.'));
+        const StoreContent then = bench.expected;
+        if (isIterator)
+            records.emplace(bench.store.scan());
+        else
+            snapshot = bench.store.snapshot();
+        bench.gates->letGo("gc.rewritten");
+        collecting.join();
+        const int runCount = bench.gates->countOf("gc.decided");
+        std::set<std::string> kept = bench.blobs();
+        for (const char* value : {"D", "E", "F"}) {
+            for (const char* key : {"a", "b", "c"})
+                bench.put(key, value + std::string(50, '.'));
+            ASSERT_EQ(bench.store.collectGarbage(), kOk);
+            bench.awaitQuiet();
+            const std::set<std::string> now = bench.blobs();
+            EXPECT_TRUE(std::includes(now.begin(), now.end(), kept.begin(), kept.end()));
+            ASSERT_EQ(bench.store.collectGarbage(), kOk); // what is kept is no reason
+        }
+        EXPECT_LE(bench.gates->countOf("gc.decided"), runCount + 3);
+        StoreContent shown;
+        ZnEmbeddedDbRange range;
+        range.snapshot = snapshot;
+        if (!isIterator)
+            records.emplace(bench.store.scan(range));
+        for (; records->valid(); records->next())
+            shown[std::string(records->key())] = std::string(records->value());
+        EXPECT_EQ(records->status(), kOk);
+        EXPECT_EQ(shown, then);
+        range.snapshot = nullptr;
+        snapshot = nullptr;
+        records.reset();
+        EXPECT_EQ(bench.blobs().size(), 1U);
+        bench.check();
+    }
+}
+
+TEST(StoreMaintenance, ABlobFileThatCannotBeWrittenIsTold) {
+    Bench bench;
+    bench.put("a", std::string(1500, 'A'));
+    bench.files.setFreeBytes(500); // the table's file comes first, and nothing is in it yet
+    const Status status = bench.store.flush();
+    EXPECT_EQ(status.code(), Status::IoError);
+    EXPECT_TRUE(status.message().startsWith("failed to externalize blob value: ")) << status.message();
+    EXPECT_EQ(bench.log.countOf("short append"), 2); // where it happened, and by the flush
+    EXPECT_EQ(bench.store.stats().blobBytesWritten, 0U);
+    bench.files.setFreeBytes(1 << 20);
+    bench.flush();
+    EXPECT_EQ(bench.store.stats().blobBytesWritten, 1500U);
+    bench.check();
+}
+
+/// What runs out of memory is a failure like others, and nobody waits for it for ever.
+TEST(StoreMaintenance, AnExceptionEndsTheWorkAndNothingElse) {
+    for (const std::string point : {"flush.written", "manifest.begun", "compaction.begun", "compaction.merged",
+                                    "gc.begun", "gc.decided", "gc.rewritten"}) {
+        SCOPED_TRACE(point);
+        Bench bench;
+        bench.putAndFlush("a", "A" + std::string(50, '.'));
+        bench.awaitQuiet();
+        bench.leaveBehind();
+        if (point == "flush.written")
+            bench.put("a", "B" + std::string(50, '.'));
+        bench.gates->fail(point, 1);
+        const Status status = isGarbagePoint(point) ? bench.store.collectGarbage() : bench.store.compact();
+        EXPECT_EQ(status, Status(Status::IoError, "ended by an exception: std::bad_alloc"));
+        bench.awaitQuiet();
+        EXPECT_EQ(bench.store.compact(), kOk);
+        EXPECT_EQ(bench.tables(), "primary 0+1, tag 0+1");
+        bench.awaitQuiet();
+        bench.check(true);
+    }
+}
+
+/// Until it is open nothing works in the background: an opening that fails would not wait for it.
+TEST(StoreMaintenance, AnOpeningThatFailsHasBegunNothing) {
+    long number = 1;
+    for (bool wasReached = true; wasReached; ++number) {
+        SCOPED_TRACE(number);
+        Bench bench;
+        for (int count = 0; count < 3; ++count)
+            bench.putAndFlush("a", "A");
+        bench.put("a", "B");
+        bench.files.stopAt(1);
+        bench.store.close();
+        bench.files.stopAt(0);
+        bench.files.failOperation(number, EIO);
+        const bool isOpen = bench.store.open("/s", quietOptions()).isOk();
+        EXPECT_TRUE(isOpen || bench.gates->countOf("compaction.begun") == 0);
+        bench.awaitQuiet();
+        wasReached = bench.files.operationCount() >= number;
+        bench.files.failOperation(0, 0);
+        bench.store.close();
+        bench.open();
+        bench.awaitQuiet();
+        bench.check();
+    }
+    EXPECT_GT(number, 20);
+}
+
+} // namespace

@@ -8,6 +8,7 @@
 #include "support/OnThreads.h"
 
 #include <atomic>
+#include <mutex>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -20,7 +21,7 @@ using Status = ZnEmbeddedDbStatus;
 const Status kOk;
 const std::string kTail(60, '.'); // makes a value one for a blob file
 
-/// Other files, with something done in front of an operation.
+/// Other files, with something done in front of an operation, one at a time: tables are opened on several threads.
 class HookedFiles final : public ZnStorageFiles {
 public:
     explicit HookedFiles(ZnStorageFiles& files) : files_(files) {}
@@ -29,8 +30,10 @@ public:
     std::function<void(const ZnString& path)> onSync; // of a directory
 
     int open(const ZnString& path, Access access, std::unique_ptr<ZnStorageFile>* file, bool* isNew) override {
-        if (onOpen)
+        if (onOpen) {
+            const std::lock_guard lock(hookMutex_);
             onOpen(path);
+        }
         return files_.open(path, access, file, isNew);
     }
     int syncDirectory(const ZnString& path) override {
@@ -49,6 +52,7 @@ public:
 
 private:
     ZnStorageFiles& files_;
+    std::mutex hookMutex_;
 };
 
 ZnEmbeddedDbOptions quietOptions(bool readOnly, bool verifyFilters = true) {

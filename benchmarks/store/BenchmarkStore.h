@@ -48,6 +48,10 @@ public:
     virtual ScanResult scan(std::string_view start, std::uint64_t limit, bool backwards) = 0;
     /// Writes what is in memory to tables, and waits for it.
     virtual void flush() = 0;
+    /// Brings everything into its smallest form, and waits for it.
+    virtual void compact() = 0;
+    /// Reclaims what replaced values take, where a store that is being written to has to be asked for it. Any thread.
+    virtual void collectGarbage() = 0;
 
 protected:
     static void add(std::string_view key, std::string_view value, ScanResult* result);

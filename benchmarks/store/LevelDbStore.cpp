@@ -84,6 +84,8 @@ public:
         const leveldb::Slice behindAllKeys("\xff\xff");
         db_->CompactRange(&behindAllKeys, &behindAllKeys);
     }
+    void compact() override { db_->CompactRange(nullptr, nullptr); }
+    void collectGarbage() override {} // its compactions do
 
 private:
     static leveldb::WriteOptions writeOptions_(bool sync) {

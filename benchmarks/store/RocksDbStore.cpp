@@ -72,12 +72,15 @@ public:
     }
 
     void flush() override { check_(db_->Flush(rocksdb::FlushOptions())); }
+    void compact() override { check_(db_->CompactRange(rocksdb::CompactRangeOptions(), nullptr, nullptr)); }
+    void collectGarbage() override {} // its compactions do
 
 private:
     rocksdb::Options options_() const {
         rocksdb::Options options;
         options.create_if_missing = true;
         options.enable_blob_files = config_.blobFiles;
+        options.enable_blob_garbage_collection = config_.blobFiles;
         options.min_blob_size = config_.blobFiles ? 4096 : 0;
         if (config_.libraryDefaults)
             return options;

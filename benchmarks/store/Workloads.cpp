@@ -1,5 +1,6 @@
 #include "Workloads.h"
 
+#include "MaintenanceWorkloads.h"
 #include "ProcessUse.h"
 #include "Records.h"
 
@@ -336,7 +337,7 @@ Measurements openAfterKill(const StageContext& context) {
 } // namespace
 
 std::vector<Workload> allWorkloads() {
-    return {
+    std::vector<Workload> workloads = {
         {"fillseq", "1,000,000 records in the order of their keys", {fillInOrder}},
         {"fillrandom", "1,000,000 records in random order", {fillRandom}},
         {"fillbatch", "the same in batches of 100", {fillBatches}},
@@ -349,4 +350,7 @@ std::vector<Workload> allWorkloads() {
         {"open", "opening a store of 1 GiB, and its memory then", {prepareOpen, openLarge}},
         {"recover", "opening a store whose process was killed, 11 MiB in its log", {leaveLog, openAfterKill}},
     };
+    for (Workload& workload : maintenanceWorkloads())
+        workloads.push_back(std::move(workload));
+    return workloads;
 }

@@ -53,6 +53,8 @@ public:
     }
 
     void flush() override { check_(db_.flush()); }
+    void compact() override { check_(db_.compact()); }
+    void collectGarbage() override { check_(db_.collectGarbage()); }
 
 private:
     static ZnEmbeddedDbDurability durability_(bool sync) {

@@ -31,8 +31,8 @@ void onStopSignal(int signalNumber) {
     handlersRunning.fetch_add(1, std::memory_order_seq_cst);
     for (Node_* node = firstNode.load(std::memory_order_acquire); node != nullptr; node = node->next) {
         if (ZnConsoleStopTarget* target = node->target.load(std::memory_order_seq_cst)) {
-            target->requestStop();
-            found = true;
+            if (target->requestStop())
+                found = true;
         }
     }
     if (!found)

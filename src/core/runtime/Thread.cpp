@@ -173,7 +173,7 @@ void Thread::noteStart_(bool hasRuntime) {
 }
 
 void Thread::runLoop_(std::unique_ptr<ZnPoller> poller) {
-    auto application = std::make_unique<ZnCoreApplication>(std::move(poller)); // attaches itself
+    auto application = std::make_unique<ZnCoreApplication>(std::move(poller), isHelper_); // attaches itself
     running_.store(true, std::memory_order_release);
     noteStart_(true);
     callSafely_(onStart_, "onStart");
@@ -229,6 +229,7 @@ Thread* Thread::fallbackThread() {
         auto record = std::make_unique<Thread>("ZnFallbackCoreThread");
         // A stop of the process's loops ends those of others; this one still serves what is deleted after that.
         record->keepsRunning_ = true;
+        record->setHelper();
         if (record->start())
             thread = record.release(); // else the next need tries again
     }

@@ -37,6 +37,9 @@ public:
     /// with a line in the log, when the system has no thread or no descriptors to give, and on the thread itself while it
     /// ends: it cannot wait for its own end.
     bool start();
+    /// Before start(): the thread only works for others. A stop signal ends its loop like any other one, but a program that
+    /// has no other loops ends at once.
+    void setHelper() noexcept { isHelper_ = true; }
     /// Asks the thread's loop to end behind what is queued on lane 0; nothing when it does not run.
     void requestStop();
     /// Any thread but this one.
@@ -108,7 +111,8 @@ private:
     std::atomic<bool> running_{false};
     std::atomic<bool> stopRequested_{false};
     const bool adopted_;
-    bool keepsRunning_ = false; // set before the start: its loop begins anew unless requestStop() was called
+    bool isHelper_ = false;     // set before the start, as is the next one
+    bool keepsRunning_ = false; // its loop begins anew unless requestStop() was called
 
     std::mutex appMutex_;
     ZnCoreApplication* application_ = nullptr; // guarded by appMutex_, as is pending_

@@ -48,8 +48,8 @@ ZnCoreApplication::ZnCoreApplication(int argc, char** argv) : ZnCoreApplication(
 
 ZnCoreApplication::ZnCoreApplication() : ZnCoreApplication(ZnPoller::open()) {}
 
-ZnCoreApplication::ZnCoreApplication(std::unique_ptr<ZnPoller> poller)
-    : poller_(checked(std::move(poller))), ioDispatcher_(*this, *poller_) {
+ZnCoreApplication::ZnCoreApplication(std::unique_ptr<ZnPoller> poller, bool isHelper)
+    : isHelper_(isHelper), poller_(checked(std::move(poller))), ioDispatcher_(*this, *poller_) {
     ZN_ASSERT(currentApplication == nullptr); // one per thread
     currentApplication = this;
     threadId_ = ZnThreadControl::currentThreadId();
@@ -224,9 +224,10 @@ void ZnCoreApplication::quit() {
     poller_->wake();
 }
 
-void ZnCoreApplication::requestStop() noexcept {
+bool ZnCoreApplication::requestStop() noexcept {
     running_.store(false, std::memory_order_release);
     poller_->wake();
+    return !isHelper_;
 }
 
 // --- posts

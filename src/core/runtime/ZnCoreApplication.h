@@ -33,7 +33,8 @@ public:
     ZnCoreApplication(int argc, char** argv);
     ZnCoreApplication();
     /// For who goes on without an application when ZnPoller::open() gives none; the other two end the process then.
-    explicit ZnCoreApplication(std::unique_ptr<ZnPoller> poller);
+    /// `isHelper`: its loop only works for others, so a stop signal that finds no other one ends the process.
+    explicit ZnCoreApplication(std::unique_ptr<ZnPoller> poller, bool isHelper = false);
     /// Deletes the objects that wait for deferred deletion; posts that never ran are destroyed.
     ~ZnCoreApplication() override;
     ZnCoreApplication(const ZnCoreApplication&) = delete;
@@ -115,7 +116,7 @@ private:
     };
 
     void parseCommandLine_(int argc, char** argv);
-    void requestStop() noexcept override; // async-signal-safe
+    bool requestStop() noexcept override; // async-signal-safe
 
     bool runLoop_(const std::function<bool()>* isDone, long long deadlineNs);
     /// At most one unit of work. Returns nanoseconds until the next look: 0 at once, -1 when woken.
@@ -140,6 +141,7 @@ private:
     static bool deleteReceivers_(std::deque<QueuedEvent_>& queued);
 
     std::atomic<bool> running_{true}; // cleared by quit() and the console; pairs with isQuitRequested()
+    const bool isHelper_;
     int exitCode_ = 0;
     std::uint32_t threadId_ = 0;
     const std::unique_ptr<ZnPoller> poller_;

@@ -176,6 +176,7 @@ ZnThreadPool::Worker_* ZnThreadPool::createWorker_() {
     worker->lastActivityNs = monotonicNowNs();
     worker->thread = std::make_unique<ZnThread>("ZnThreadPoolWorker_" + ZnString::number(static_cast<long long>(worker->id)));
     ZnThread& thread = *worker->thread;
+    thread.handle().setHelper(); // a program that has nothing but pools ends by its first stop signal
     // The loop itself raises the thread's priority when it begins, and its first fiber fixes the stack size.
     thread.connect(&ZnThread::started, [stackSize = stackSize_] {
         if (stackSize > 0)

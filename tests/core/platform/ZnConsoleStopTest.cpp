@@ -11,7 +11,10 @@ class CountingTarget : public ZnConsoleStopTarget {
 public:
     CountingTarget() { ZnConsoleStop::add(this); }
     ~CountingTarget() override { ZnConsoleStop::remove(this); }
-    void requestStop() noexcept override { stopCount.fetch_add(1, std::memory_order_relaxed); }
+    bool requestStop() noexcept override {
+        stopCount.fetch_add(1, std::memory_order_relaxed);
+        return true;
+    }
 
     std::atomic<int> stopCount{0};
 };

@@ -8,12 +8,14 @@
 #include "support/OnThreads.h"
 
 #include <algorithm>
+#include <csignal>
 #include <gtest/gtest.h>
 #include <iterator>
 #include <semaphore>
 #include <stdexcept>
 #include <sys/resource.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -334,6 +336,28 @@ TEST(ZnThreadPool, ManyShortTasksFromManyThreads) {
     EXPECT_TRUE(ends(pool));
     EXPECT_EQ(counts.ran, kThreads * kTasks);
     EXPECT_EQ(counts.deleted, kThreads * kTasks);
+}
+
+// The parent's loops must not be found: each child begins anew.
+TEST(ZnThreadPoolDeathTest, AProgramWithoutALoopOfItsOwnEndsByTheFirstStopSignal) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            ZnThreadPool pool; // a program's only loops: a worker's, and the fallback thread's
+            Gate gate(pool);
+            ::raise(SIGTERM);
+            ::_exit(0);
+        },
+        ::testing::ExitedWithCode(128 + SIGTERM), "");
+    EXPECT_EXIT(
+        {
+            ZnCoreApplication application;
+            ZnThreadPool pool;
+            Gate(pool).open();
+            ::raise(SIGTERM);
+            ::_exit(application.exec());
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 } // namespace

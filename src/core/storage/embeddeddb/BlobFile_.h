@@ -14,8 +14,8 @@ namespace znEmbeddedDbDetail {
 
 /// Appends values to one blob file.
 ///
-/// Values are gathered up to 1 MiB and then written at once: one write to stable storage covers many. A reference may
-/// be written into a table only after flush() was Ok.
+/// Values are gathered up to 1 MiB and then written at once. A table that refers to them may get its name only after
+/// flush() was Ok.
 /// Thread: one at a time.
 class BlobWriter_ {
 public:
@@ -31,6 +31,7 @@ public:
     ZnEmbeddedDbStatus flush();
 
 private:
+    ZnEmbeddedDbStatus writeStaged_();
     ZnEmbeddedDbStatus write_(std::string_view bytes);
 
     RandomAccessFile_ file_;

@@ -4,17 +4,21 @@
 #include "core/storage/embeddeddb/MaintenanceScheduler_.h"
 #include "core/storage/embeddeddb/ZnEmbeddedDbFlushScheduler.h"
 #include "core/types/ZnAssert.h"
+#include "core/types/ZnLogger.h"
+#include "core/types/ZnMutexUnlocker.h"
 
 #include <algorithm>
 #include <chrono>
 #include <exception>
 #include <random>
+#include <system_error>
 #include <utility>
 
 namespace znEmbeddedDbDetail {
 
 namespace {
 
+constexpr const char* kCategory = "zn.core.storage.znembeddeddb";
 constexpr std::size_t kGroupBytes = 1024 * 1024;
 constexpr std::size_t kSmallGroupBytes = 128 * 1024;
 constexpr std::uint64_t kLeastWalLimitBytes = 64 * 1024 * 1024;
@@ -36,6 +40,20 @@ std::uint64_t randomSalt() {
 
 } // namespace
 
+/// Holds commitActive_, with the mutex held at either end.
+class CommitQueue_::ActiveScope_ {
+public:
+    explicit ActiveScope_(CommitQueue_& queue) ZN_NO_THREAD_SAFETY_ANALYSIS : queue_(queue) {
+        queue_.commitActive_ = true;
+    }
+    ~ActiveScope_() ZN_NO_THREAD_SAFETY_ANALYSIS { queue_.leave_(); }
+    ActiveScope_(const ActiveScope_&) = delete;
+    ActiveScope_& operator=(const ActiveScope_&) = delete;
+
+private:
+    CommitQueue_& queue_;
+};
+
 CommitQueue_::CommitQueue_(StoreCore_& core, FlushScheduler_& flushes, MaintenanceScheduler_& maintenance)
     : core_(core), flushes_(flushes), maintenance_(maintenance), log_(core.files) {}
 
@@ -48,6 +66,7 @@ ZnEmbeddedDbStatus CommitQueue_::beginLog() {
     delayedWalBytes_ = 0;
     if (ZnEmbeddedDbStatus status = createLog_(walId, core_.lastCommittedSequence, &log_); !status.isOk())
         return status;
+    logBytes_ = log_.fileBytes();
     core_.manifest.activeWalId = walId;
     core_.manifest.nextWalId = walId + 1;
     nextSequence_ = core_.lastCommittedSequence + 1;
@@ -77,13 +96,16 @@ void CommitQueue_::prepareLog_() {
     const ZnString currentPath = walPath(core_.paths, core_.manifest.activeWalId);
     wantsNextLog_ = false;
     preparesLog_ = true;
-    core_.mutex.unlock();
-    RandomAccessFile_ current(core_.files); // of its own: the log's belongs to whoever commits
-    if (current.open(currentPath, RandomAccessFile_::Mode::ReadWrite))
-        current.flushData();
-    auto log = std::make_unique<WalWriter_>(core_.files);
-    const bool isPrepared = log->prepare(core_.paths.walDir, walId).isOk();
-    core_.mutex.lock();
+    std::unique_ptr<WalWriter_> log;
+    bool isPrepared = false;
+    {
+        const ZnMutexUnlocker unlocker(core_.mutex);
+        RandomAccessFile_ current(core_.files); // of its own: the log's belongs to whoever commits
+        if (current.open(currentPath, RandomAccessFile_::Mode::ReadWrite))
+            current.flushData();
+        log = std::make_unique<WalWriter_>(core_.files);
+        isPrepared = log->prepare(core_.paths.walDir, walId).isOk();
+    }
     core_.noteSyncFailure();
     if (isPrepared)
         nextLog_ = std::move(log);
@@ -101,20 +123,25 @@ void CommitQueue_::closeLog() {
     nextLog_ = nullptr;
 }
 
-void CommitQueue_::startCommitWorker() {
+ZnEmbeddedDbStatus CommitQueue_::startCommitWorker() {
     const ZnMutexLocker locker(core_.mutex);
     commitStopRequested_ = false;
     syncRequested_ = false;
     periodicDueNs_ = 0;
     expectedWriters_ = 0;
+    try {
+        commitThread_ = std::thread([this] { runWorker_(); });
+    } catch (const std::system_error& error) {
+        return {ZnEmbeddedDbStatus::IoError, ZnString("no thread for the commit worker: ") + error.what()};
+    }
     commitWorkerRunning_ = true;
-    commitThread_ = std::thread([this] { runWorker_(); });
+    return {};
 }
 
 ZnEmbeddedDbStatus CommitQueue_::refusal_() const {
     if (core_.closing)
         return closingStatus();
-    if (!commitWorkerRunning_)
+    if (!commitWorkerRunning_ && core_.backgroundError.isOk())
         return {ZnEmbeddedDbStatus::NotAvailable, "database is not open"};
     return core_.backgroundError;
 }
@@ -130,10 +157,8 @@ ZnEmbeddedDbStatus CommitQueue_::commit(const WritePtr_& write) {
         if (ZnEmbeddedDbStatus status = refusal_(); !status.isOk())
             return status;
         if (mayLead_(*write)) {
-            commitActive_ = true;
-            ZnEmbeddedDbStatus status = commitGroup_({&write, 1});
-            leave_();
-            return status;
+            const ActiveScope_ scope(*this);
+            return commitOrFail_({&write, 1});
         }
         enqueue_(write);
     }
@@ -159,7 +184,7 @@ void CommitQueue_::commitAsync(WritePtr_ write) {
         }
     }
     if (!status.isOk())
-        write->whenDone(status);
+        callBack_(*write, status);
 }
 
 ZnEmbeddedDbStatus CommitQueue_::sync(bool forClose) {
@@ -214,47 +239,51 @@ void CommitQueue_::failPendingWrites() {
 
 std::uint64_t CommitQueue_::logBytes() {
     const ZnMutexLocker locker(core_.mutex);
-    while (commitActive_)
-        core_.workerCondition.wait(core_.mutex);
-    return log_.fileBytes();
+    return logBytes_;
 }
 
 /// Ends in any case by saying so, so that nobody waits for a worker that is gone.
 void CommitQueue_::runWorker_() {
     const ZnMutexLocker locker(core_.mutex);
-    flushes_.assumeLocked();
     try {
-        while (!commitStopRequested_ || commitActive_) {
-            waitForWork_();
-            flushes_.runTimers(monotonicNowNs());
-            if (wantsNextLog_ && !preparesLog_)
-                prepareLog_();
-            if (commitActive_ || commitStopRequested_)
-                continue;
-            commitActive_ = true;
-            ZnEmbeddedDbStatus status; // a failed sync is told by the background error
-            if (!pendingWrites_.empty()) {
-                Group_ group;
-                waitForGroup_();
-                takeGroup_(&group);
-                status = commitGroup_(group);
-                core_.mutex.unlock();
-                finish_(group, status);
-                core_.mutex.lock();
-            } else if (wantsSync_(monotonicNowNs()) && hasUnsynced_() && core_.backgroundError.isOk()) {
-                status = syncLog_();
-            }
-            leave_();
-        }
+        while (!commitStopRequested_ || commitActive_)
+            runOnce_();
         if (hasUnsynced_() && core_.backgroundError.isOk())
-            static_cast<void>(syncLog_()); // as above
+            static_cast<void>(syncLog_()); // a failure is told by the background error
     } catch (const std::exception& exception) {
-        commitActive_ = false;
         core_.setBackgroundError(
             {ZnEmbeddedDbStatus::IoError, ZnString("the commit worker ended: ") + exception.what()});
     }
     commitWorkerRunning_ = false;
     core_.workerCondition.notify_all();
+    if (core_.backgroundError.isOk() || pendingWrites_.empty())
+        return;
+    Group_ abandoned(pendingWrites_.begin(), pendingWrites_.end());
+    const ZnEmbeddedDbStatus status = core_.backgroundError;
+    pendingWrites_.clear();
+    const ZnMutexUnlocker unlocker(core_.mutex);
+    finish_(abandoned, status);
+}
+
+void CommitQueue_::runOnce_() {
+    flushes_.assumeLocked();
+    waitForWork_();
+    flushes_.runTimers(monotonicNowNs());
+    if (wantsNextLog_ && !preparesLog_)
+        prepareLog_();
+    if (commitActive_ || commitStopRequested_)
+        return;
+    const ActiveScope_ scope(*this);
+    if (!pendingWrites_.empty()) {
+        Group_ group;
+        waitForGroup_();
+        takeGroup_(&group);
+        const ZnEmbeddedDbStatus status = commitOrFail_(group);
+        const ZnMutexUnlocker unlocker(core_.mutex);
+        finish_(group, status);
+    } else if (wantsSync_(monotonicNowNs()) && hasUnsynced_() && core_.backgroundError.isOk()) {
+        static_cast<void>(syncLog_()); // as above
+    }
 }
 
 bool CommitQueue_::hasUnsynced_() const {
@@ -311,6 +340,7 @@ void CommitQueue_::waitForGroup_() {
 void CommitQueue_::takeGroup_(Group_* group) {
     std::size_t byteCount = 0;
     std::size_t limit = kGroupBytes;
+    group->reserve(pendingWrites_.size()); // a failure below would lose a write that somebody waits for
     while (!pendingWrites_.empty()) {
         const PendingWrite_& next = *pendingWrites_.front();
         const std::size_t frameBytes = next.batch.frameBytes();
@@ -321,6 +351,18 @@ void CommitQueue_::takeGroup_(Group_* group) {
         byteCount += frameBytes;
         group->push_back(std::move(pendingWrites_.front()));
         pendingWrites_.pop_front();
+    }
+}
+
+/// A failure that nobody has foreseen, as when there is no memory left, leaves the log and the memtable apart: the
+/// writes may be in one and not in the other.
+ZnEmbeddedDbStatus CommitQueue_::commitOrFail_(GroupView_ group) {
+    try {
+        return commitGroup_(group);
+    } catch (const std::exception& exception) {
+        ZnEmbeddedDbStatus status(ZnEmbeddedDbStatus::IoError, ZnString("a commit ended: ") + exception.what());
+        core_.setBackgroundError(status);
+        return status;
     }
 }
 
@@ -368,22 +410,24 @@ ZnEmbeddedDbStatus CommitQueue_::waitForFlush_() {
     const long long beganNs = monotonicNowNs();
     bool hasWaited = false;
     flushes_.scheduleIfNeeded(); // what snapshots sealed may have come together to full ones
-    while (core_.backgroundError.isOk() && flushes_.fullCount() >= core_.options.maxImmutableMemtables) {
-        if (core_.closing)
-            return closingStatus();
-        if (!flushes_.lastFailure().isOk())
-            return flushes_.lastFailure();
+    const auto isFull = [this] {
+        flushes_.assumeLocked();
+        return flushes_.fullCount() >= core_.options.maxImmutableMemtables;
+    };
+    while (isFull() && core_.backgroundError.isOk() && !core_.closing && flushes_.lastFailure().isOk()) {
         hasWaited = true;
         core_.workerCondition.wait(core_.mutex);
     }
     if (hasWaited)
         noteStall_(beganNs);
-    return core_.backgroundError;
+    if (!core_.backgroundError.isOk() || !isFull())
+        return core_.backgroundError;
+    return core_.closing ? closingStatus() : flushes_.lastFailure();
 }
 
 /// Slows writers down, the more the more tables of level 0 there are: compaction must catch up, and reading gets slow.
-/// Never to a stop, as it is flushes that begin compactions. The delay is one for so many bytes, not for a write, so that
-/// small writes are not slowed down more than large ones.
+/// Never to a stop, as it is flushes that begin compactions. The delay is one for so many bytes, not for a write, so
+/// that small writes are not slowed down more than large ones.
 ZnEmbeddedDbStatus CommitQueue_::waitForCompaction_() {
     const std::uint64_t walBytes = core_.counters->walBytesWritten.value();
     if (core_.level0Depth < kSlowLevel0Tables || walBytes - delayedWalBytes_ < kBytesPerDelay)
@@ -421,14 +465,17 @@ ZnEmbeddedDbStatus CommitQueue_::rotate_() {
     nextLog_ = nullptr;
     wantsNextLog_ = false;
     preparesLog_ = true;
-    core_.mutex.unlock();
-    ZnEmbeddedDbStatus status = createLog_(walId, lastSequence, &next);
-    core_.mutex.lock();
+    ZnEmbeddedDbStatus status;
+    {
+        const ZnMutexUnlocker unlocker(core_.mutex);
+        status = createLog_(walId, lastSequence, &next);
+    }
     preparesLog_ = false;
     core_.noteSyncFailure();
     if (!status.isOk())
         return status;
     log_ = std::move(next);
+    logBytes_ = log_.fileBytes();
     core_.sealActive(true);
     core_.manifest.activeWalId = walId;
     core_.manifest.nextWalId = walId + 1;
@@ -447,26 +494,29 @@ ZnEmbeddedDbStatus CommitQueue_::append_(GroupView_ group, bool syncs) {
     const std::uint64_t firstSequence = nextSequence_;
     const std::uint64_t durableSequence = core_.durableSequence;
     nextSequence_ += operationCount; // whatever happens: numbers are never used again
-    core_.mutex.unlock();
-    const std::uint64_t bytesBefore = log_.fileBytes();
-    ZnEmbeddedDbStatus status = log_.append(batches_, firstSequence, durableSequence);
+    ZnEmbeddedDbStatus status;
+    {
+        const ZnMutexUnlocker unlocker(core_.mutex);
+        status = log_.append(batches_, firstSequence, durableSequence);
+    }
     core_.counters->groupCount.add();
-    core_.counters->walBytesWritten.add(log_.fileBytes() - bytesBefore);
-    const bool isBroken = !log_.canAppend();
-    core_.mutex.lock();
-    if (isBroken)
+    core_.counters->walBytesWritten.add(log_.fileBytes() - logBytes_);
+    logBytes_ = log_.fileBytes();
+    if (!log_.canAppend())
         core_.setBackgroundError(status);
     return status.isOk() && syncs ? syncLog_() : status;
 }
 
 ZnEmbeddedDbStatus CommitQueue_::syncLog_() {
     const std::uint64_t target = core_.lastCommittedSequence;
-    core_.mutex.unlock();
     const long long beganNs = monotonicNowNs();
-    ZnEmbeddedDbStatus status = log_.sync();
+    ZnEmbeddedDbStatus status;
+    {
+        const ZnMutexUnlocker unlocker(core_.mutex);
+        status = log_.sync();
+    }
     const long long tookNs = monotonicNowNs() - beganNs;
     core_.counters->walSyncCount.add();
-    core_.mutex.lock();
     core_.noteSyncFailure();
     if (status.isOk()) {
         syncNs_ = syncNs_ == 0 ? tookNs : (7 * syncNs_ + tookNs) / 8;
@@ -510,10 +560,21 @@ void CommitQueue_::leave_() {
         core_.commitCondition.notify_one();
 }
 
+/// What a callback throws is its own: nobody else's write, and no thread of the store, ends by it.
+void CommitQueue_::callBack_(const PendingWrite_& write, const ZnEmbeddedDbStatus& status) {
+    try {
+        write.whenDone(status);
+    } catch (const std::exception& exception) {
+        ZN_LOG_ERROR(kCategory, "ZnEmbeddedDb::writeAsync") << "a callback threw: " << exception.what();
+    } catch (...) {
+        ZN_LOG_ERROR(kCategory, "ZnEmbeddedDb::writeAsync") << "a callback threw";
+    }
+}
+
 void CommitQueue_::finish_(GroupView_ group, const ZnEmbeddedDbStatus& status) {
     for (const WritePtr_& write : group) {
         if (write->whenDone) {
-            write->whenDone(status);
+            callBack_(*write, status);
             continue;
         }
         const std::lock_guard lock(write->mutex);

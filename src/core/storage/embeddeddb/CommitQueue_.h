@@ -26,7 +26,8 @@ public:
 
     /// Begins the log of this opening, under the next id. Nothing is in force before a manifest names it. By open.
     ZnEmbeddedDbStatus beginLog() ZN_EXCLUDES(core_.mutex);
-    void startCommitWorker();
+    /// Code 6 when the system has no thread to give.
+    ZnEmbeddedDbStatus startCommitWorker() ZN_EXCLUDES(core_.mutex);
 
     /// Blocks until the write is committed, or has failed.
     ZnEmbeddedDbStatus commit(const std::shared_ptr<PendingWrite_>& write) ZN_EXCLUDES(core_.mutex);
@@ -45,11 +46,13 @@ private:
     using WritePtr_ = std::shared_ptr<PendingWrite_>;
     using Group_ = std::vector<WritePtr_>;
     using GroupView_ = std::span<const WritePtr_>;
+    class ActiveScope_;
 
     ZnEmbeddedDbStatus refusal_() const ZN_REQUIRES(core_.mutex);
     void enqueue_(WritePtr_ write) ZN_REQUIRES(core_.mutex);
     bool mayLead_(const PendingWrite_& write) const ZN_REQUIRES(core_.mutex);
     void runWorker_();
+    void runOnce_() ZN_REQUIRES(core_.mutex);
     bool wantsSync_(long long nowNs) const ZN_REQUIRES(core_.mutex);
     bool hasWork_(long long nowNs) const ZN_REQUIRES(core_.mutex);
     bool hasUnsynced_() const ZN_REQUIRES(core_.mutex);
@@ -58,6 +61,7 @@ private:
     void takeGroup_(Group_* group) ZN_REQUIRES(core_.mutex);
 
     // With commitActive_ set by the caller; these let go of the mutex while the disk works.
+    ZnEmbeddedDbStatus commitOrFail_(GroupView_ group) ZN_REQUIRES(core_.mutex);
     ZnEmbeddedDbStatus commitGroup_(GroupView_ group) ZN_REQUIRES(core_.mutex);
     ZnEmbeddedDbStatus makeRoom_() ZN_REQUIRES(core_.mutex);
     ZnEmbeddedDbStatus waitForFlush_() ZN_REQUIRES(core_.mutex);
@@ -71,6 +75,7 @@ private:
     void insert_(GroupView_ group, std::uint64_t firstSequence) ZN_REQUIRES(core_.mutex);
     void leave_() ZN_REQUIRES(core_.mutex);
 
+    static void callBack_(const PendingWrite_& write, const ZnEmbeddedDbStatus& status);
     static void finish_(GroupView_ group, const ZnEmbeddedDbStatus& status);
 
     StoreCore_& core_;
@@ -89,11 +94,12 @@ private:
     bool commitWorkerRunning_ ZN_GUARDED_BY(core_.mutex) = false;
     bool commitStopRequested_ ZN_GUARDED_BY(core_.mutex) = false;
     bool syncRequested_ ZN_GUARDED_BY(core_.mutex) = false;
+    std::uint64_t logBytes_ ZN_GUARDED_BY(core_.mutex) = 0; // of the log that is written to
     std::uint64_t nextSequence_ ZN_GUARDED_BY(core_.mutex) = 1;
-    long long periodicDueNs_ ZN_GUARDED_BY(core_.mutex) = 0;     // 0: nothing waits for the interval
-    std::size_t expectedWriters_ ZN_GUARDED_BY(core_.mutex) = 0; // that will probably come back at once
+    long long periodicDueNs_ ZN_GUARDED_BY(core_.mutex) = 0;       // 0: nothing waits for the interval
+    std::size_t expectedWriters_ ZN_GUARDED_BY(core_.mutex) = 0;   // that will probably come back at once
     std::uint64_t delayedWalBytes_ ZN_GUARDED_BY(core_.mutex) = 0; // written in all, when writers were last slowed down
-    long long syncNs_ ZN_GUARDED_BY(core_.mutex) = 0;            // what a sync took, lately
+    long long syncNs_ ZN_GUARDED_BY(core_.mutex) = 0;              // what a sync took, lately
 };
 
 } // namespace znEmbeddedDbDetail

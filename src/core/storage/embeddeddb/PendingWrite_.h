@@ -17,7 +17,6 @@ struct PendingWrite_ {
     WalBatch_ batch;
     bool isSynced = false;   // the writer waits for stable storage
     bool isPeriodic = false; // brought there within the sync interval
-    bool hasIndexKeys = false;
     std::uint64_t putCount = 0;
     std::function<void(const ZnEmbeddedDbStatus&)> whenDone; // set: nobody waits
 

@@ -24,7 +24,7 @@ ZnEmbeddedDbStatus closingStatus() {
 
 ZnEmbeddedDbStatus BlobGcManager_::runBlobGc() {
     if (!begin_())
-        return {};
+        return isEnding_() ? closingStatus() : ZnEmbeddedDbStatus();
     core_.syncPoints.reach("gc.observed");
     findBlobFiles_();
     if (blobFiles_.empty())

@@ -39,9 +39,12 @@ ZnEmbeddedDbStatus CompactionManager_::runL0Compaction(const CompactionGroups_& 
     return status;
 }
 
-/// Takes hold of the inputs that are in force, so that they can be read whatever happens to the set of tables.
+/// Takes hold of the inputs that are in force, so that they can be read whatever happens to the set of tables. What a
+/// manifest that is being written takes out of force must not come back: a garbage collection that has gone so far does
+/// not see this run.
 bool CompactionManager_::pin_(const CompactionGroups_& groups) {
     const ZnMutexLocker locker(core_.mutex);
+    core_.awaitManifest();
     if (core_.isEnding(generation_))
         return false;
     paths_ = core_.paths;

@@ -176,8 +176,7 @@ ZnEmbeddedDbStatus LifecycleManager_::beginToWrite_(Recovery_* recovery) {
         store_.maintenance.reset();
         store_.maintenance.scheduleL0CompactionIfNeeded(); // each opening and closing may have added a table
     }
-    store_.commits.startCommitWorker();
-    return {};
+    return store_.commits.startCommitWorker();
 }
 
 void LifecycleManager_::noteIndexes_(const RecoveredStore_& recovered) {

@@ -44,6 +44,9 @@ constexpr Parameter kPut[] = {kDirectory,
 constexpr Parameter kRemove[] = {kDirectory, kKey, kSync};
 constexpr Parameter kLoad[] = {
     kDirectory, {"FILE", Parameter::Text, "lines to read; \"-\" or none: standard input"}, kSync, kNoCreate};
+constexpr Parameter kWatch[] = {kDirectory,
+                                {"--count", Parameter::Number, "ends after so many commits"},
+                                {"--timeout", Parameter::Number, "ends after so many milliseconds"}};
 
 constexpr Command kCommands[] = {
     {"info", "shows the manifest in force, tables, blob files and logs",
@@ -79,6 +82,21 @@ bytes are valid UTF-8, and {"hex":"00ff"} where they are not.
      "Makes the store if there is none. At a line that is no record it stops, with its number and exit code 2; the\n"
      "records of all lines before it are in the store then. Blank lines are passed over.\n",
      kLoad, runLoad},
+    {"compact", "merges the tables of each kind into one, and does what gc does",
+     "What was replaced or removed goes. Until then it takes as much room again as the live data. Others may read\n"
+     "meanwhile. Writes the numbers of before and after.\n",
+     kStoreAlone, runCompact},
+    {"gc", "writes the live records anew if 30 percent of a blob file are not used any more",
+     "After that the old blob files go. Others may read meanwhile. Writes the numbers of before and after.\n",
+     kStoreAlone, runGc},
+    {"watch", "writes a line for each commit of tables by another process",
+     R"(Begins with a line "watching" and what is there. Then one for each commit: number of the manifest; sequence of the
+last write until then; number and bytes of tables, and bytes of blob files, as they are now. Of commits in quick
+succession only the last has a line, and writes that are in the log alone have none. put, remove, load, compact and gc
+tell of their commits, of which opening and closing a store are two; a program does if it opens the store with
+notifyChanges. SIGINT and SIGTERM end it, with exit code 0.
+)",
+     kWatch, runWatch},
 };
 
 void writePadded(Output& output, std::string_view text, std::size_t width) {
@@ -120,8 +138,8 @@ Keys and values in arguments and in text output have one form: printable ASCII a
 as "\x" and two hex digits. So no key or value holds a tab or a line feed there. In arguments other bytes may stand as
 themselves. "--" ends the options, for arguments that begin with "--".
 
-put, remove and load open the store for writing, which one process at a time can. All others only read, also beside a
-writer, and never make or change a file.
+put, remove, load, compact and gc open the store for writing, which one process at a time can. All others only read,
+also beside a writer, and never make or change a file.
 
 Exit codes: 0 done; 1 nothing found; 2 wrong arguments, or a wrong line given to load; 3 no store there, or another
 process writes to it; 4 a file cannot be read or written; 5 damaged. The reason is on standard error.

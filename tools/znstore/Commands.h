@@ -30,10 +30,13 @@ int runScan(const Arguments& arguments, Output& output);
 int runIndex(const Arguments& arguments, Output& output);
 int runExport(const Arguments& arguments, Output& output);
 int runStats(const Arguments& arguments, Output& output);
+int runWatch(const Arguments& arguments, Output& output);
 // What opens a store to write to it.
 int runPut(const Arguments& arguments, Output& output);
 int runRemove(const Arguments& arguments, Output& output);
 int runLoad(const Arguments& arguments, Output& output);
+int runCompact(const Arguments& arguments, Output& output);
+int runGc(const Arguments& arguments, Output& output);
 // What reads one file.
 int runDump(const Arguments& arguments, Output& output);
 

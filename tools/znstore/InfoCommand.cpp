@@ -104,13 +104,16 @@ ZnString logText(const StorePaths_& paths, std::uint64_t id, std::uint64_t table
 bool writeLogs(const ManifestState_& state, const StorePaths_& paths, Output& output) {
     const auto files = listFiles(znStorageFiles(), paths.walDir, kWalPrefix, kWalSuffix);
     bool isDamaged = false;
+    std::uint64_t tableSequence = 0; // as opening a store has it: what no table shows to be in it comes from the logs
+    for (const TableMeta_& table : state.tables)
+        tableSequence = std::max(tableSequence, table.maxSequence);
     output.line("logs: ", ZnString::number(files.size()));
     for (const ZnString& path : files) {
         const std::uint64_t id = parseFileId(path, kWalPrefix, kWalSuffix);
         const bool isNeeded = id >= state.replayFromWalId;
         bool isThisDamaged = false;
         output.line("  ", nameOf(path), isNeeded ? "\t" : "\tnot needed any more\t",
-                    id == 0 ? ZnString("no name of a log") : logText(paths, id, state.maxSequence, &isThisDamaged));
+                    id == 0 ? ZnString("no name of a log") : logText(paths, id, tableSequence, &isThisDamaged));
         isDamaged |= isNeeded && isThisDamaged;
     }
     return !isDamaged;

@@ -18,23 +18,23 @@ constexpr std::size_t kPendingBytes = 64 * 1024;
 void Output::write(std::string_view bytes) {
     pending_.append(bytes);
     if (pending_.size() >= kPendingBytes)
-        flush_();
+        flush();
 }
 
 void Output::writeEscaped(std::string_view bytes) {
     appendEscaped(&pending_, bytes);
     if (pending_.size() >= kPendingBytes)
-        flush_();
+        flush();
 }
 
 int Output::finish(int exitCode) {
-    flush_();
+    flush();
     if (error_ == 0 || error_ == EPIPE)
         return exitCode;
     return fail(kExitIo, "cannot write standard output: " + systemErrorText(error_));
 }
 
-void Output::flush_() {
+void Output::flush() {
     if (error_ == 0) {
         errno = 0;
         const std::size_t writtenBytes = std::fwrite(pending_.data(), 1, pending_.size(), stdout);

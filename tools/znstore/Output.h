@@ -25,6 +25,8 @@ public:
         (write(view_(parts)), ...);
         write('\n');
     }
+    /// Writes what has been gathered, for who waits for it.
+    void flush();
     /// False when nothing that is written arrives any more: long work may stop.
     bool isOpen() const noexcept { return error_ == 0; }
     /// Writes the rest. Gives `exitCode`, or that of a failed write with a line on standard error.
@@ -34,7 +36,6 @@ private:
     static std::string_view view_(const ZnString& text) { return text.view(); }
     static std::string_view view_(std::string_view text) { return text; }
     static std::string_view view_(const char* text) { return text; }
-    void flush_();
 
     std::string pending_;
     int error_ = 0; // the system's, of the first write that failed

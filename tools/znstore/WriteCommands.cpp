@@ -23,6 +23,7 @@ constexpr std::size_t kBatchBytes = 1024 * 1024;
 ZnEmbeddedDbStatus openToWrite(ZnEmbeddedDb* store, const Arguments& arguments, bool createIfMissing) {
     ZnEmbeddedDbOptions options;
     options.createIfMissing = createIfMissing;
+    options.notifyChanges = true;
     return store->open(arguments.text("DIR"), options);
 }
 

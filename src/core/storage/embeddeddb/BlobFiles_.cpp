@@ -24,10 +24,15 @@ ZnEmbeddedDbStatus BlobFiles_::read(const BlobRef_& blob, ZnByteArray* value) {
     return status;
 }
 
-ZnEmbeddedDbStatus BlobFiles_::pin(std::uint64_t blobFileId) {
-    FilePtr_ file;
-    if (ZnEmbeddedDbStatus status = open_(blobFileId, &file); !status.isOk())
-        return status;
+std::shared_ptr<BlobFiles_> BlobFiles_::emptyCopy() const {
+    return std::make_shared<BlobFiles_>(files_, blobsDir_, openLimit_, counters_);
+}
+
+ZnEmbeddedDbStatus BlobFiles_::pin(std::uint64_t blobFileId, BlobFiles_* known) {
+    FilePtr_ file = known == nullptr ? nullptr : known->find_(blobFileId);
+    if (file == nullptr)
+        if (ZnEmbeddedDbStatus status = open_(blobFileId, &file); !status.isOk())
+            return status;
     const ZnMutexLocker locker(lock_);
     byId_.insert_or_assign(blobFileId, Open_{std::move(file), uses_.end()});
     return {};

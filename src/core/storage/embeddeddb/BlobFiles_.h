@@ -23,8 +23,11 @@ public:
     /// Reads and checks one value. Code 6 when the disk fails or the file is not there, code 7 when the file
     /// does not hold the value; the message names file and offset.
     ZnEmbeddedDbStatus read(const BlobRef_& blob, ZnByteArray* value);
-    /// Opens the file for as long as this object lives, so that nobody can take its content away.
-    ZnEmbeddedDbStatus pin(std::uint64_t blobFileId);
+    /// Another one of the same directory, with no file open.
+    std::shared_ptr<BlobFiles_> emptyCopy() const;
+    /// Opens the file for as long as this object lives, so that nobody can take its content away; shares the descriptor
+    /// of `known` (may be null), if that has the file open.
+    ZnEmbeddedDbStatus pin(std::uint64_t blobFileId, BlobFiles_* known);
     /// Closes the file when its last reader is done; it is not going to be asked for any more.
     void forget(std::uint64_t blobFileId);
 

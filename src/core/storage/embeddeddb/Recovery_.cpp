@@ -34,6 +34,8 @@ void forEachInParallel(std::size_t count, Work work) {
         for (std::size_t index = nextIndex++; index < count; index = nextIndex++)
             work(index);
     };
+    if (count == 0)
+        return;
     std::vector<std::thread> helpers;
     const std::size_t helperCount =
         std::min<std::size_t>(count, std::clamp(std::thread::hardware_concurrency(), 1U, kOpeningThreads)) - 1;
@@ -74,24 +76,6 @@ std::vector<ZnString> missingDirectories(ZnStorageFiles& files, ZnString path) {
     for (; !path.isEmpty() && files.list(path, &names) == ENOENT; path = parentPath(path))
         missing.push_back(path);
     return missing;
-}
-
-/// Makes a directory last: its own name, and those of all that had to be made above it.
-ZnEmbeddedDbStatus makeDirectory(ZnStorageFiles& files, const ZnString& path) {
-    ZnString error;
-    std::vector<ZnString> toSync = missingDirectories(files, path);
-    if (const int code = files.makePath(path); code != 0) {
-        failWithCode("mkdir failed", code, &error);
-        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(path);
-    }
-    if (toSync.empty())
-        toSync.push_back(path);
-    if (const ZnString above = parentPath(toSync.back()); !above.isEmpty())
-        toSync.push_back(above);
-    for (const ZnString& directory : toSync)
-        if (!syncDirectory(files, directory, &error))
-            return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(directory);
-    return {};
 }
 
 /// Whether a log holds more than its header, or that cannot be ruled out.
@@ -135,6 +119,23 @@ ZnEmbeddedDbStatus StoreListing_::read(ZnStorageFiles& files, const StorePaths_&
     return {};
 }
 
+ZnEmbeddedDbStatus makeDirectory(ZnStorageFiles& files, const ZnString& path) {
+    ZnString error;
+    std::vector<ZnString> toSync = missingDirectories(files, path);
+    if (const int code = files.makePath(path); code != 0) {
+        failWithCode("mkdir failed", code, &error);
+        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(path);
+    }
+    if (toSync.empty())
+        toSync.push_back(path);
+    if (const ZnString above = parentPath(toSync.back()); !above.isEmpty())
+        toSync.push_back(above);
+    for (const ZnString& directory : toSync)
+        if (!syncDirectory(files, directory, &error))
+            return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(directory);
+    return {};
+}
+
 ZnEmbeddedDbStatus checkNoStore(ZnStorageFiles& files, const StorePaths_& paths) {
     StoreListing_ listing;
     if (ZnEmbeddedDbStatus status = listing.read(files, paths); !status.isOk())
@@ -174,7 +175,12 @@ ZnEmbeddedDbStatus Recovery_::run(RecoveredStore_* store) {
         // Whoever writes may have replaced what was being read, or have been in the middle of a write.
         const std::uint64_t manifestIdBefore = manifestId;
         const ZnEmbeddedDbStatus failure = std::exchange(status, readCurrent(files_, paths_.rootPath, &manifestId));
-        if (status.isOk() && manifestId == manifestIdBefore && attempt > 2)
+        const bool isSameManifest = status.isOk() && manifestId == manifestIdBefore;
+        if (isSameManifest && lacksBlobFile_) { // nobody has collected it: whoever reads its values is told
+            ZN_LOG_WARNING(kCategory, "ZnEmbeddedDb::open") << failure.message();
+            return {};
+        }
+        if (isSameManifest && attempt > 2)
             return failure;
     }
     return status;
@@ -184,11 +190,14 @@ ZnEmbeddedDbStatus Recovery_::runOnce_(RecoveredStore_* store, std::uint64_t man
     logs_.clear();
     tableSequence_ = 0;
     lastFrameSequence_ = 0;
+    lacksBlobFile_ = false;
     ZnEmbeddedDbStatus status = readManifest(files_, paths_.rootPath, manifestId, &store->manifest);
     if (status.isOk())
         status = listing_.read(files_, paths_);
     if (status.isOk())
         status = findLogs_(*store); // before anything else is read: what is written meanwhile is left out as a whole
+    if (status.isOk() && knownBlobs_ != nullptr && !options_.verifyFilters)
+        status = pinListedBlobFiles_(store, manifestId);
     if (status.isOk())
         status = openTables_(store);
     if (!status.isOk())
@@ -198,18 +207,22 @@ ZnEmbeddedDbStatus Recovery_::runOnce_(RecoveredStore_* store, std::uint64_t man
         tableSequence_ = std::max(tableSequence_, table.maxSequence);
     store->manifest.manifestId = manifestId + 1;
     raiseIds_(store);
-    return replayLogs_(store);
+    status = replayLogs_(store);
+    if (status.isOk() && knownBlobs_ != nullptr && options_.verifyFilters)
+        status = pinUsedBlobFiles_(store);
+    return status;
 }
 
 ZnEmbeddedDbStatus Recovery_::openTables_(RecoveredStore_* store) {
     const std::vector<TableMeta_>& metas = store->manifest.tables;
-    std::vector<std::shared_ptr<TableHandle_>> tables(metas.size());
+    std::vector<std::shared_ptr<const TableHandle_>> tables(metas.size());
     std::vector<ZnEmbeddedDbStatus> statuses(metas.size());
-    if (metas.empty())
-        return {};
-    forEachInParallel(metas.size(), [&](std::size_t index) {
-        tables[index] = std::make_shared<TableHandle_>();
-        tables[index]->open(files_, paths_.rootPath, metas[index], {options_.verifyFilters}, &statuses[index]);
+    const std::vector<std::size_t> unknown = shareTables_(metas, &tables);
+    forEachInParallel(unknown.size(), [&](std::size_t nth) {
+        const std::size_t index = unknown[nth];
+        const auto table = std::make_shared<TableHandle_>();
+        table->open(files_, paths_.rootPath, metas[index], {options_.verifyFilters}, &statuses[index]);
+        tables[index] = table;
     });
     for (std::size_t index = 0; index < metas.size(); ++index) {
         const ZnString& name = metas[index].fileName;
@@ -220,6 +233,59 @@ ZnEmbeddedDbStatus Recovery_::openTables_(RecoveredStore_* store) {
         store->tableHandles[metas[index].fileName.str()] = std::move(tables[index]);
     }
     return {};
+}
+
+/// Gives the indexes of those that are left to be opened.
+std::vector<std::size_t> Recovery_::shareTables_(const std::vector<TableMeta_>& metas,
+                                                 std::vector<std::shared_ptr<const TableHandle_>>* tables) const {
+    std::vector<std::size_t> unknown;
+    for (std::size_t index = 0; index < metas.size(); ++index) {
+        const auto known = knownTables_.find(metas[index].fileName.str());
+        if (known != knownTables_.end() && known->second->meta() == metas[index])
+            (*tables)[index] = known->second;
+        else
+            unknown.push_back(index);
+    }
+    return unknown;
+}
+
+/// Without knowing which of them are needed. As long as the manifest is in force, nobody takes those away; descriptors
+/// from before are not shared, as the id of a file that no table came to refer to may have been given out again.
+ZnEmbeddedDbStatus Recovery_::pinListedBlobFiles_(RecoveredStore_* store, std::uint64_t manifestId) {
+    store->blobs = knownBlobs_->emptyCopy();
+    for (const ZnString& name : listing_.blobs)
+        if (const std::uint64_t id = idOf(name, kBlobPrefix, kBlobSuffix); id != 0)
+            if (const ZnEmbeddedDbStatus status = store->blobs->pin(id, nullptr); !status.isOk())
+                ZN_LOG_DEBUG(kCategory, "ZnEmbeddedDb::open") << status.message();
+    std::uint64_t manifestIdNow = 0;
+    ZnEmbeddedDbStatus status = readCurrent(files_, paths_.rootPath, &manifestIdNow);
+    if (status.isOk() && manifestIdNow != manifestId)
+        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, "the store changes all the time").at(paths_.rootPath);
+    return status;
+}
+
+/// Fails for a file that is not there. One that is there and cannot be opened may go later, but trying again would not
+/// change that.
+ZnEmbeddedDbStatus Recovery_::pinUsedBlobFiles_(RecoveredStore_* store) {
+    store->blobs = knownBlobs_->emptyCopy();
+    std::set<std::uint64_t> usedIds;
+    for (const auto& [name, table] : store->tableHandles)
+        for (const auto& [id, byteCount] : table->blobUses())
+            usedIds.insert(id);
+    ZnEmbeddedDbStatus missing;
+    for (const std::uint64_t id : usedIds) {
+        const ZnEmbeddedDbStatus status = store->blobs->pin(id, knownBlobs_.get());
+        if (status.isOk())
+            continue;
+        std::vector<ZnString> names;
+        files_.list(paths_.blobsDir, &names);
+        if (std::count(names.begin(), names.end(), blobFileName(id)) == 0)
+            missing = status;
+        else
+            ZN_LOG_WARNING(kCategory, "ZnEmbeddedDb::open") << status.message();
+    }
+    lacksBlobFile_ = !missing.isOk();
+    return missing;
 }
 
 /// The log that was active when the manifest was written must be there: only a later manifest lets it go.

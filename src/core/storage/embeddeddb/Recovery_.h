@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <set>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace znEmbeddedDbDetail {
@@ -30,6 +31,13 @@ public:
     Recovery_(ZnStorageFiles& files, const StorePaths_& paths, const ZnEmbeddedDbOptions& options)
         : files_(files), paths_(paths), options_(options) {}
 
+    /// For a store that is opened to read, before run(): tables that are open already, and stay as they are in the
+    /// manifest, are taken from `tables`, and blob files that are open from `blobs` (not null).
+    void shareOpenFiles(TableHandles_ tables, std::shared_ptr<BlobFiles_> blobs) {
+        knownTables_ = std::move(tables);
+        knownBlobs_ = std::move(blobs);
+    }
+
     /// Changes nothing on the disk. `*store` is complete when this is Ok.
     ZnEmbeddedDbStatus run(RecoveredStore_* store);
     /// Removes what a crash left behind. Only when the manifest of this opening is in force; `tables` are those that it
@@ -39,6 +47,10 @@ public:
 private:
     ZnEmbeddedDbStatus runOnce_(RecoveredStore_* store, std::uint64_t manifestId);
     ZnEmbeddedDbStatus openTables_(RecoveredStore_* store);
+    std::vector<std::size_t> shareTables_(const std::vector<TableMeta_>& metas,
+                                          std::vector<std::shared_ptr<const TableHandle_>>* tables) const;
+    ZnEmbeddedDbStatus pinListedBlobFiles_(RecoveredStore_* store, std::uint64_t manifestId);
+    ZnEmbeddedDbStatus pinUsedBlobFiles_(RecoveredStore_* store);
     ZnEmbeddedDbStatus findLogs_(const RecoveredStore_& store);
     void raiseIds_(RecoveredStore_* store) const;
     ZnEmbeddedDbStatus replayLogs_(RecoveredStore_* store);
@@ -56,11 +68,17 @@ private:
     ZnStorageFiles& files_;
     const StorePaths_& paths_;
     const ZnEmbeddedDbOptions& options_;
+    TableHandles_ knownTables_;
+    std::shared_ptr<BlobFiles_> knownBlobs_; // null when the store is opened to be written to
     StoreListing_ listing_;
     std::vector<std::uint64_t> logs_;     // ids of those to be replayed, ascending
     std::uint64_t tableSequence_ = 0;     // everything at or below it is in tables
     std::uint64_t lastFrameSequence_ = 0; // of the frames read so far
+    bool lacksBlobFile_ = false;          // that is all that was wrong
 };
+
+/// Makes a directory and those above it, and their names last. Of one that is there, its name.
+ZnEmbeddedDbStatus makeDirectory(ZnStorageFiles& files, const ZnString& path);
 
 /// Of a directory without CURRENT: code 7 when it holds what only a store with content can have left.
 ZnEmbeddedDbStatus checkNoStore(ZnStorageFiles& files, const StorePaths_& paths);

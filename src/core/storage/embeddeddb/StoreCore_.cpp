@@ -98,6 +98,8 @@ void StoreCore_::adopt(RecoveredStore_&& recovered) {
     manifest = std::move(recovered.manifest);
     tableHandles = std::move(recovered.tableHandles);
     immutableMemtables = std::move(recovered.memtables);
+    if (recovered.blobs != nullptr)
+        blobs = std::move(recovered.blobs);
     beginMemtable_();
     lastCommittedSequence = recovered.lastSequence;
     durableSequence = manifest.maxSequence;

@@ -36,6 +36,7 @@ struct RecoveredStore_ {
     TableHandles_ tableHandles;
     std::deque<SealedMemtable_> memtables; // oldest first; what the logs hold beyond the tables
     std::uint64_t lastSequence = 0;
+    std::shared_ptr<BlobFiles_> blobs; // of a store that is only read: with the files that it needs open; else null
 };
 
 /// A change of the set of tables.
@@ -63,7 +64,7 @@ struct StoreCore_ {
     ZnEmbeddedDbOptions options;
     StorePaths_ paths;
     std::shared_ptr<StoreCounters_> counters = std::make_shared<StoreCounters_>();
-    std::shared_ptr<BlobFiles_> blobs;
+    std::shared_ptr<BlobFiles_> blobs;          // a refresh replaces it, with the mutex held
     std::unique_ptr<zn::ipc::Channel> notifier; // null: nobody is told of changes
 
     ZnMutex mutex;                               // first of the store's locks; see docs/lock-order.md

@@ -13,7 +13,9 @@ namespace znEmbeddedDbDetail {
 /// checks them against each other: tables with their metas of the manifest, tables of one kind for their
 /// order and for equal sequences of a key, indexes with primary records. `view` has no active memtable, and
 /// its tables stay on the disk meanwhile. Files with `firstRunningFileId` and above may be those of work that
-/// is not over: no orphans. Code 7, with the report, when anything is wrong.
+/// is not over: no orphans. Nor are manifests and logs that are not needed any more, nor temporary files of manifests:
+/// a store that works has those now and then, and nobody can tell from outside. Code 7, with the report, when anything
+/// is wrong.
 ZnEmbeddedDbStatus verifyStore(ZnStorageFiles& files, const StorePaths_& paths, const ReadView_& view,
                                std::uint64_t firstRunningFileId, ZnEmbeddedDbVerifyReport* report,
                                const ZnEmbeddedDbProgress& progress);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/ipc/Subscription.h"
 #include "core/runtime/ZnThreadPool.h"
 #include "core/storage/embeddeddb/CommitQueue_.h"
 #include "core/storage/embeddeddb/MaintenanceScheduler_.h"
@@ -15,7 +16,8 @@ namespace znEmbeddedDbDetail {
 
 /// What a ZnEmbeddedDb is made of: the shared state, the parts that work on it, and how it is opened and closed.
 ///
-/// Thread: open and close, the owner's; `isOpen` any. Owner: ZnEmbeddedDb. The pool goes first: it waits for tasks.
+/// Thread: open, watch and close, the owner's; `isOpen` any. Owner: ZnEmbeddedDb. The pool goes first: it waits for
+/// tasks.
 struct Store_ {
     explicit Store_(ZnStorageFiles& files) : core(files) { threadPool.setMaxThreadCount(kBackgroundThreads); }
 
@@ -29,6 +31,8 @@ struct Store_ {
     StoreLock_ lockFile;
     std::atomic<bool> isOpen{false};
     long long closeWaitMs = 15000; // for background work that runs when the store closes
+    ZnMutex refreshLock;           // first of all the store's locks; one refresh at a time, none while the store closes
+    std::unique_ptr<zn::ipc::Subscription> subscription; // null: nobody watches
     std::atomic<bool> hasIndexes{false}; // some record has secondary keys: writes must look at what they replace
 };
 

@@ -329,6 +329,14 @@ ZnEmbeddedDbStatus ZnEmbeddedDb::resume() {
     return store_->maintenance.resume();
 }
 
+ZnEmbeddedDbStatus ZnEmbeddedDb::refresh() {
+    return LifecycleManager_(*store_).refresh();
+}
+
+ZnEmbeddedDbStatus ZnEmbeddedDb::watch(std::function<void(const ZnEmbeddedDbChange&)> callback) {
+    return LifecycleManager_(*store_).watch(std::move(callback));
+}
+
 ZnEmbeddedDbStats ZnEmbeddedDb::stats() const {
     ZnEmbeddedDbStats stats;
     if (!isOpen())

@@ -2,6 +2,7 @@
 
 #include "core/platform/ZnStorageFiles.h"
 #include "core/storage/embeddeddb/ZnEmbeddedDbBatch.h"
+#include "core/storage/embeddeddb/ZnEmbeddedDbChange.h"
 #include "core/storage/embeddeddb/ZnEmbeddedDbIterator.h"
 #include "core/storage/embeddeddb/ZnEmbeddedDbOptions.h"
 #include "core/storage/embeddeddb/ZnEmbeddedDbSnapshot.h"
@@ -40,10 +41,11 @@ struct ZnEmbeddedDbRange {
 /// snapshots.
 ///
 /// One object at a time, in one process, has a store open for writing; any number open it to read. Needs no
-/// event loop. Thread: any for every operation but open(), close() and the destructor, which belong to the
-/// owner: nothing else may be called while open() runs. Writes, sync() and flush() block; on the thread of an
-/// event loop use writeAsync. Keys have 0 to 65535 bytes, values up to 1 GiB. Statuses name the path and the
-/// cause. Code 5 is that of a store that is not open, or closes.
+/// event loop, but for watch(). Thread: any for every operation but open(), watch(), close() and the destructor,
+/// which belong to the owner: nothing else may be called while open() runs. Writes, sync() and flush() block; on
+/// the thread of an event loop use writeAsync. A child that has been forked must not use the store. Keys have 0 to
+/// 65535 bytes, values up to 1 GiB. Statuses name the path and the cause. Code 5 is that of a store that is not
+/// open, or closes.
 class ZnEmbeddedDb {
 public:
     static constexpr std::size_t kMaxKeyBytes = 65535;
@@ -113,6 +115,20 @@ public:
     /// Lets a store be written to again after failures that can pass: compactions that failed three times in a row. Gives
     /// the error that is left.
     ZnEmbeddedDbStatus resume();
+
+    /// Of a store that was opened to read: shows what is there now, log included. Tables and blob files that are open
+    /// already stay open and are not read again, so this costs what has come since, and the log. Readers, snapshots
+    /// and iterators of before keep what they see. One refresh at a time; close() waits for one that runs. Code 4 for
+    /// a store that is open for writing. After a failure the store shows what it showed before. A directory that
+    /// holds another store now wants open().
+    ZnEmbeddedDbStatus refresh();
+    /// Calls back whenever the writer of this store, which has notifyChanges on, has brought other tables into force:
+    /// on this thread's event loop, which must be there until close(), on a fiber, and not again while it runs. Only
+    /// the latest of changes in quick succession is told, and none from before: call refresh() once behind watch().
+    /// Writes to the log alone are not told. The callback may call refresh(), watch() and close(). A second call
+    /// replaces the first, an empty function ends it, and so does close(). In a store that is open for writing it
+    /// tells of the store's own changes. Code 4: no event loop. Code 6: shared memory cannot be used.
+    ZnEmbeddedDbStatus watch(std::function<void(const ZnEmbeddedDbChange&)> callback);
 
     ZnEmbeddedDbStats stats() const;
     /// Reads everything and checks it. Code 7 when anything is wrong; what, is in `*report` (may be null).

@@ -1,6 +1,8 @@
 #include "core/storage/embeddeddb/ZnEmbeddedDbLifecycle.h"
 
+#include "core/ipc/Names.h"
 #include "core/platform/ZnDirPlatform.h"
+#include "core/runtime/ZnCoreApplication.h"
 #include "core/storage/embeddeddb/FileNames_.h"
 #include "core/storage/embeddeddb/Recovery_.h"
 #include "core/storage/embeddeddb/Store_.h"
@@ -8,6 +10,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
+#include <system_error>
 #include <utility>
 
 namespace znEmbeddedDbDetail {
@@ -18,6 +22,8 @@ constexpr const char* kCategory = "zn.core.storage.znembeddeddb";
 constexpr std::uint64_t kOpenBlobFileBytes = 16 * 1024; // what an open file is counted as
 constexpr std::uint64_t kLeastMemtableBytes = 4 * 1024;
 constexpr std::uint64_t kMostMemtableBytes = std::uint64_t(4) * 1024 * 1024 * 1024;
+constexpr const char* kChangeDomain = "zn.embeddeddb";
+constexpr const char* kChangeSignal = "manifest";
 
 ZnEmbeddedDbOptions inRange(ZnEmbeddedDbOptions options) {
     options.memtableSizeBytes = std::clamp(options.memtableSizeBytes, kLeastMemtableBytes, kMostMemtableBytes);
@@ -26,6 +32,16 @@ ZnEmbeddedDbOptions inRange(ZnEmbeddedDbOptions options) {
     if (options.durability == ZnEmbeddedDbDurability::Default)
         options.durability = ZnEmbeddedDbDurability::Buffered;
     return options;
+}
+
+/// What the changes of a store are announced under: the same for every path that leads to its directory.
+ZnString changeObject(const ZnString& rootPath) {
+    std::error_code error;
+    const std::string path = std::filesystem::weakly_canonical(rootPath.str(), error).string();
+    std::uint64_t hash = 0xCBF29CE484222325; // FNV-1a
+    for (const char c : error ? rootPath.str() : path)
+        hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001B3;
+    return zn::ipc::detail::hexText(hash);
 }
 
 bool hasCurrent(ZnStorageFiles& files, const StorePaths_& paths) {
@@ -51,6 +67,7 @@ ZnEmbeddedDbStatus LifecycleManager_::open(const ZnString& path, const ZnEmbedde
         return status;
     }
     store_.commits.closeLog();
+    store_.core.notifier = nullptr;
     store_.lockFile.release();
     resetState_();
     return status;
@@ -60,8 +77,13 @@ ZnEmbeddedDbStatus LifecycleManager_::openFiles_() {
     StoreCore_& core = store_.core;
     if (ZnEmbeddedDbStatus status = prepareDirectory_(); !status.isOk())
         return status;
+    const std::uint64_t openLimit = core.options.sharedTableStateSize / kOpenBlobFileBytes;
+    core.blobs = std::make_shared<BlobFiles_>(core.baseFiles, core.paths.blobsDir, static_cast<std::size_t>(openLimit),
+                                              core.counters);
     RecoveredStore_ recovered;
     Recovery_ recovery(core.files, core.paths, core.options);
+    if (core.options.readOnly)
+        recovery.shareOpenFiles({}, core.blobs);
     if (ZnEmbeddedDbStatus status = recovery.run(&recovered); !status.isOk())
         return status;
     return takeOver_(&recovery, &recovered);
@@ -92,10 +114,11 @@ ZnEmbeddedDbStatus LifecycleManager_::prepareDirectory_() {
         const ZnEmbeddedDbStatus status = missing();
         return hasCurrent(core.files, core.paths) ? ZnEmbeddedDbStatus() : status; // it may have been made just now
     }
-    if (const int made = code == ENOENT ? core.files.makePath(root) : 0; made != 0) {
-        failWithCode("mkdir failed", made, &error);
-        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(root);
-    }
+    if (!mayCreate && !hasCurrent(core.files, core.paths))
+        return missing(); // without the lock's file
+    if (code == ENOENT)
+        if (ZnEmbeddedDbStatus status = makeDirectory(core.files, root); !status.isOk())
+            return status;
     if (ZnEmbeddedDbStatus status = store_.lockFile.take(core.files, core.paths); !status.isOk())
         return status;
     if (!hasCurrent(core.files, core.paths))
@@ -108,14 +131,26 @@ ZnEmbeddedDbStatus LifecycleManager_::prepareDirectory_() {
 ZnEmbeddedDbStatus LifecycleManager_::takeOver_(Recovery_* recovery, RecoveredStore_* recovered) {
     StoreCore_& core = store_.core;
     noteIndexes_(*recovered);
-    const std::uint64_t openLimit = core.options.sharedTableStateSize / kOpenBlobFileBytes;
-    core.blobs = std::make_shared<BlobFiles_>(core.baseFiles, core.paths.blobsDir, static_cast<std::size_t>(openLimit),
-                                              core.counters);
     {
         const ZnMutexLocker locker(core.mutex);
         core.adopt(std::move(*recovered));
     }
-    return core.options.readOnly ? pinBlobFiles_() : beginToWrite_(recovery);
+    if (core.options.readOnly)
+        return {};
+    openNotifier_();
+    return beginToWrite_(recovery);
+}
+
+/// The store does without, if it has to.
+void LifecycleManager_::openNotifier_() {
+    StoreCore_& core = store_.core;
+    if (!core.options.notifyChanges)
+        return;
+    ZnString error;
+    core.notifier = zn::ipc::Channel::open(kChangeDomain, changeObject(core.paths.rootPath), kChangeSignal, &error);
+    if (core.notifier == nullptr)
+        ZN_LOG_WARNING(kCategory, "ZnEmbeddedDb::open")
+            << core.paths.rootPath << ": nobody will be told of changes: " << error;
 }
 
 /// What the logs held goes into tables first. It may have been read from the system's memory, and a process before this
@@ -144,21 +179,6 @@ ZnEmbeddedDbStatus LifecycleManager_::beginToWrite_(Recovery_* recovery) {
     return store_.commits.startCommitWorker();
 }
 
-/// Beside a process that writes, blob files may go at any time: open ones stay readable. One that has gone already is
-/// missed by whoever reads it.
-ZnEmbeddedDbStatus LifecycleManager_::pinBlobFiles_() {
-    StoreCore_& core = store_.core;
-    for (const ZnString& path : listFiles(core.files, core.paths.blobsDir, kBlobPrefix, kBlobSuffix)) {
-        const std::uint64_t id = parseFileId(path, kBlobPrefix, kBlobSuffix);
-        if (id == 0)
-            continue;
-        const ZnEmbeddedDbStatus status = core.blobs->pin(id);
-        if (!status.isOk())
-            ZN_LOG_DEBUG(kCategory, "ZnEmbeddedDb::open") << status.message();
-    }
-    return {};
-}
-
 void LifecycleManager_::noteIndexes_(const RecoveredStore_& recovered) {
     bool hasIndexes = false;
     for (const TableMeta_& table : recovered.manifest.tables)
@@ -168,8 +188,55 @@ void LifecycleManager_::noteIndexes_(const RecoveredStore_& recovered) {
     store_.hasIndexes.store(hasIndexes);
 }
 
+ZnEmbeddedDbStatus LifecycleManager_::refresh() {
+    StoreCore_& core = store_.core;
+    const ZnMutexLocker refreshing(store_.refreshLock);
+    if (!store_.isOpen.load(std::memory_order_acquire)) // pairs with open's store
+        return {ZnEmbeddedDbStatus::NotAvailable, "database is not open"};
+    if (!core.options.readOnly)
+        return {ZnEmbeddedDbStatus::InvalidArgument, "database is open for writing: it shows the latest anyway"};
+    RecoveredStore_ recovered;
+    Recovery_ recovery(core.files, core.paths, core.options);
+    {
+        const ZnMutexLocker locker(core.mutex);
+        recovery.shareOpenFiles(core.tableHandles, core.blobs);
+    }
+    if (ZnEmbeddedDbStatus status = recovery.run(&recovered); !status.isOk())
+        return status;
+    const ZnMutexLocker locker(core.mutex);
+    if (core.closing)
+        return {ZnEmbeddedDbStatus::NotAvailable, "database is closing"};
+    core.adopt(std::move(recovered));
+    return {};
+}
+
+ZnEmbeddedDbStatus LifecycleManager_::watch(std::function<void(const ZnEmbeddedDbChange&)> callback) {
+    if (!callback) {
+        store_.subscription = nullptr;
+        return {};
+    }
+    if (!store_.isOpen.load())
+        return {ZnEmbeddedDbStatus::NotAvailable, "database is not open"};
+    if (ZnCoreApplication::instance() == nullptr)
+        return {ZnEmbeddedDbStatus::InvalidArgument, "watching needs a thread with an event loop"};
+    const ZnString& root = store_.core.paths.rootPath;
+    ZnString error;
+    auto subscription = zn::ipc::Subscription::subscribe(
+        kChangeDomain, changeObject(root), kChangeSignal, "",
+        [callback = std::move(callback)](const zn::ipc::SignalValue& value) {
+            if (value.second != 0) // else it is from elsewhere
+                callback({value.first, value.second - 1});
+        },
+        &error);
+    if (subscription == nullptr)
+        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, "cannot watch: " + error).at(root);
+    store_.subscription = std::move(subscription);
+    return {};
+}
+
 void LifecycleManager_::close() {
     StoreCore_& core = store_.core;
+    store_.subscription = nullptr;
     if (!store_.isOpen.exchange(false) && !store_.lockFile.isHeld()) {
         resetState_();
         return;
@@ -189,6 +256,7 @@ void LifecycleManager_::close() {
     }
     core.notifier = nullptr;
     store_.lockFile.release();
+    const ZnMutexLocker refreshing(store_.refreshLock); // one that runs needs paths and options
     resetState_();
 }
 

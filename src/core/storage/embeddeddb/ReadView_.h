@@ -37,7 +37,7 @@ struct ReadView_ {
     std::shared_ptr<const TableViews_> tables;            // never null
     std::shared_ptr<BlobFiles_> blobs;                    // never null, nor are the counters
     std::shared_ptr<StoreCounters_> counters;
-    std::shared_ptr<BlobEpoch_> blobEpoch; // null in a store that was opened to read
+    std::shared_ptr<BlobEpoch_> blobEpoch; // keeps the blob files; never null
 };
 using ReadViewPtr_ = std::shared_ptr<const ReadView_>;
 

@@ -104,8 +104,7 @@ void StoreCore_::adopt(RecoveredStore_&& recovered) {
     lastCommittedSequence = recovered.lastSequence;
     durableSequence = manifest.maxSequence;
     lastWriteNs = monotonicNowNs();
-    if (!options.readOnly)
-        beginBlobEpoch_();
+    blobEpoch = std::make_shared<BlobEpoch_>();
     rebuildReadView_();
     publishView();
 }
@@ -121,7 +120,7 @@ void StoreCore_::reset() {
     immutableMemtables.clear();
     tableViews = nullptr;
     blobEpoch = nullptr;
-    retiredBlobFiles.clear();
+    heldBlobFiles.clear();
     level0Depth = 0;
     flushFirstFileId = 0;
     compactionFirstFileId = 0;
@@ -177,10 +176,6 @@ std::uint64_t StoreCore_::takeFileId(std::uint64_t generation) {
 void StoreCore_::noteSyncFailure() {
     if (files.hasFailed())
         setBackgroundError({ZnEmbeddedDbStatus::IoError, files.failure()});
-}
-
-void StoreCore_::beginBlobEpoch_() {
-    blobEpoch = std::make_shared<BlobEpoch_>(baseFiles, blobs, paths.blobsDir);
 }
 
 void StoreCore_::rebuildReadView_() {
@@ -348,7 +343,7 @@ void StoreCore_::adoptTables_(const TableChange_& change, ManifestState_&& writt
     const auto flushed = static_cast<std::ptrdiff_t>(change.flushedMemtableCount);
     immutableMemtables.erase(immutableMemtables.begin(), immutableMemtables.begin() + flushed);
     if (change.endsBlobEpoch)
-        beginBlobEpoch_();
+        blobEpoch = std::make_shared<BlobEpoch_>();
     rebuildReadView_();
     publishView();
 }

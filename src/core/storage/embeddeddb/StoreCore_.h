@@ -14,8 +14,8 @@
 #include <cstdint>
 #include <deque>
 #include <exception>
+#include <map>
 #include <memory>
-#include <set>
 #include <unordered_map>
 
 namespace znEmbeddedDbDetail {
@@ -78,7 +78,8 @@ struct StoreCore_ {
     std::deque<SealedMemtable_> immutableMemtables ZN_GUARDED_BY(mutex); // oldest first
     std::shared_ptr<const TableViews_> tableViews ZN_GUARDED_BY(mutex);  // of `manifest.tables`
     std::shared_ptr<BlobEpoch_> blobEpoch ZN_GUARDED_BY(mutex);
-    std::set<std::uint64_t> retiredBlobFiles ZN_GUARDED_BY(mutex); // out of force, perhaps still there for older views
+    /// Of blob files that views of earlier epochs may need: in force, or retired and perhaps gone. By id.
+    std::map<std::uint64_t, std::weak_ptr<HeldBlobFile_>> heldBlobFiles ZN_GUARDED_BY(mutex);
     std::size_t level0Depth ZN_GUARDED_BY(mutex) = 0; // tables of level 0 of the kind that has most
     // Files with this id and above may be those of work that runs; 0: none runs.
     std::uint64_t flushFirstFileId ZN_GUARDED_BY(mutex) = 0;
@@ -149,7 +150,6 @@ private:
     void beginMemtable_() ZN_REQUIRES(mutex);
     void mergeSmallSealed_() ZN_REQUIRES(mutex);
 
-    void beginBlobEpoch_() ZN_REQUIRES(mutex);
     void publishCommit_() ZN_REQUIRES(mutex);
 
     mutable ZnMutex viewLock_; // leaf, behind mutex

@@ -6,6 +6,7 @@
 #include "core/storage/embeddeddb/RecordValue_.h"
 
 #include <algorithm>
+#include <set>
 #include <utility>
 
 namespace znEmbeddedDbDetail {
@@ -57,7 +58,9 @@ bool BlobGcManager_::begin_() {
     observedManifestId_ = core_.manifest.manifestId;
     firstUnknownFileId_ = core_.firstRunningFileId();
     oldTables_ = core_.tableViews->primaryView;
-    retiredBefore_ = core_.retiredBlobFiles;
+    for (const auto& [id, file] : core_.heldBlobFiles)
+        if (const auto held = file.lock(); held != nullptr && held->isRetired())
+            retired_.insert(id);
     return true;
 }
 
@@ -69,16 +72,12 @@ bool BlobGcManager_::isEnding_() const {
 /// A file that cannot be opened is passed over. So is one without an id: nothing would ever remove it, and each flush
 /// would begin a run. So is one that is there for older views alone: they still need it, and it goes with them.
 void BlobGcManager_::findBlobFiles_() {
-    std::set<std::uint64_t> stillThere;
     for (const ZnString& path : listFiles(core_.files, paths_.blobsDir, kBlobPrefix, kBlobSuffix)) {
         const std::uint64_t id = parseFileId(path, kBlobPrefix, kBlobSuffix);
         RandomAccessFile_ file(core_.files);
-        if (retiredBefore_.count(id) != 0)
-            stillThere.insert(id);
-        else if (id != 0 && path == blobPath(paths_, id) && file.open(path, RandomAccessFile_::Mode::ReadOnly))
+        if (id != 0 && retired_.count(id) == 0 && path == blobPath(paths_, id) && file.open(path, RandomAccessFile_::Mode::ReadOnly))
             blobFiles_.push_back({id, file.size()});
     }
-    retiredBefore_ = std::move(stillThere);
 }
 
 /// Calls `visit(record)` for the newest record of every key, but for tombstones, and `see(record)` for every record.
@@ -266,27 +265,35 @@ std::vector<ZnString> BlobGcManager_::oldTablePaths_() const {
     return paths;
 }
 
-/// Tables that flushes have added meanwhile stay, and with them blob files that views of this epoch may have seen.
+/// Gives the epoch that has ended the files that its views may need: those that went out of force, and those of tables
+/// that flushes have added meanwhile, which a later run may retire while the views are still there.
 void BlobGcManager_::endEpoch_() {
-    const std::size_t newCount = newTable_ == nullptr ? 0 : 1;
-    const bool haveSomeStayed = core_.tableViews->primaryView.size() > newCount;
-    const std::vector<std::uint64_t> obsolete = obsoleteBlobFiles_();
-    core_.retiredBlobFiles = retiredBefore_;
-    core_.retiredBlobFiles.insert(obsolete.begin(), obsolete.end());
-    epoch_->retire(obsolete, haveSomeStayed ? core_.blobEpoch : nullptr);
+    std::set<std::uint64_t> inForce; // besides the new one, each of the flush that made the table
+    for (const auto& table : core_.tableViews->primaryView)
+        inForce.insert(table->meta().blobFileId);
+    inForce.erase(newBlobId_);
+    inForce.erase(0);
+    BlobEpoch_::Held held;
+    for (const std::uint64_t id : inForce)
+        held.push_back(heldBlobFile_(id));
+    for (const BlobFileUse_& file : blobFiles_) {
+        if (file.blobFileId == newBlobId_ || inForce.count(file.blobFileId) != 0)
+            continue;
+        held.push_back(heldBlobFile_(file.blobFileId));
+        held.back()->retire();
+    }
+    epoch_->hold(std::move(held));
+    std::erase_if(core_.heldBlobFiles, [](const auto& entry) { return entry.second.expired(); });
 }
 
-/// Those that were there when this began and that no table refers to now.
-std::vector<std::uint64_t> BlobGcManager_::obsoleteBlobFiles_() {
-    std::set<std::uint64_t> usedIds;
-    for (const auto& [name, table] : core_.tableHandles)
-        for (const auto& [blobFileId, byteCount] : table->blobUses())
-            usedIds.insert(blobFileId);
-    std::vector<std::uint64_t> ids;
-    for (const BlobFileUse_& file : blobFiles_)
-        if (file.blobFileId != newBlobId_ && usedIds.count(file.blobFileId) == 0)
-            ids.push_back(file.blobFileId);
-    return ids;
+/// One object for each file, however many epochs need it.
+std::shared_ptr<HeldBlobFile_> BlobGcManager_::heldBlobFile_(std::uint64_t blobFileId) {
+    std::weak_ptr<HeldBlobFile_>& known = core_.heldBlobFiles[blobFileId];
+    std::shared_ptr<HeldBlobFile_> file = known.lock();
+    if (file == nullptr)
+        known = file =
+            std::make_shared<HeldBlobFile_>(core_.baseFiles, blobs_, blobFileId, blobPath(paths_, blobFileId));
+    return file;
 }
 
 /// What cannot be removed is an orphan, which the next opening removes.

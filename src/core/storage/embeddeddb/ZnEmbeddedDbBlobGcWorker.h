@@ -50,7 +50,7 @@ private:
     ZnEmbeddedDbStatus commit_();
     ZnEmbeddedDbStatus commitTables_() ZN_REQUIRES(core_.mutex);
     void endEpoch_() ZN_REQUIRES(core_.mutex);
-    std::vector<std::uint64_t> obsoleteBlobFiles_() ZN_REQUIRES(core_.mutex);
+    std::shared_ptr<HeldBlobFile_> heldBlobFile_(std::uint64_t blobFileId) ZN_REQUIRES(core_.mutex);
     std::vector<ZnString> oldTablePaths_() const;
     void removeNewFiles_() const;
     bool isEnding_() const;
@@ -69,7 +69,7 @@ private:
     std::uint64_t observedManifestId_ = 0;
     std::uint64_t firstUnknownFileId_ = 0; // files from here on belong to work that is not over
     TableList_ oldTables_;                 // newest first
-    std::set<std::uint64_t> retiredBefore_; // blob files that an epoch has to remove; then those that are still there
+    std::set<std::uint64_t> retired_;      // blob files that are there for older views alone
     std::vector<BlobFileUse_> blobFiles_;
     std::map<std::uint64_t, std::uint64_t> liveBytes_; // by blob file id; 0 for one that only replaced records refer to
 

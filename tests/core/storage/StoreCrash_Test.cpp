@@ -63,7 +63,7 @@ private:
         return store_->open("/s", smallOptions());
     }
     void step() {
-        switch (random_() % 24) {
+        switch (random_() % 30) {
         case 0:
             whenOk(store_->sync(), true);
             return;
@@ -80,6 +80,17 @@ private:
             snapshots_.clear();
             store_->close();
             open();
+            return;
+        case 6:
+            whenOk(store_->compact(), true);
+            return;
+        case 7:
+            whenOk(store_->collectGarbage(), true);
+            return;
+        case 8: // enough tables for a compaction in the background
+            for (int count = 0; count < 4 && store_->flush().isOk(); ++count)
+                write();
+            whenOk(store_->flush(), true);
             return;
         case 5: {
             bool isReadable = false;
@@ -103,7 +114,7 @@ private:
             std::string value;
             if (random_() % 4 != 0)
                 value = std::string(1, static_cast<char>('A' + random_() % 3)) + std::to_string(++valueNumber_) +
-                        std::string(random_() % 3 == 0 ? 60 : 5, '.');
+                        std::string(random_() % 3 == 0 ? 60 + random_() % 500 : 5, '.');
             if (value.empty())
                 batch.remove(key);
             else
@@ -131,11 +142,11 @@ std::uint64_t baseSeed() {
     return given == nullptr ? std::random_device()() : std::strtoull(given, nullptr, 10);
 }
 
-/// The n-th operation on the files fails, for every n until none does; then the power goes, and once more while the
-/// store recovers.
+/// The n-th operation on the files fails, for every small n and then for ever fewer, until none does; then the power
+/// goes, and once more while the store recovers.
 void failEveryOperation(std::uint64_t seed, std::function<void(MemoryFiles&, long)> breakAt) {
     long number = 1;
-    for (bool wasReached = true; wasReached && !::testing::Test::HasFatalFailure(); ++number) {
+    for (bool wasReached = true; wasReached && !::testing::Test::HasFatalFailure(); number += 1 + number / 100) {
         SCOPED_TRACE("operation " + std::to_string(number) + " of seed " + std::to_string(seed));
         Driver driver(seed);
         std::mt19937_64 random(seed + static_cast<std::uint64_t>(number));

@@ -6,6 +6,8 @@
 
 #include <atomic>
 #include <charconv>
+#include <chrono>
+#include <cstdlib>
 #include <thread>
 
 namespace {
@@ -201,6 +203,206 @@ TEST_F(StoreThreads, SyncedWritersLoseNothingToAPowerCut) {
     ASSERT_EQ(store_.open("/s", options), kOk);
     EXPECT_EQ(contentOf(store_).size(), std::size_t(kWriterCount * kVersionCount));
     EXPECT_EQ(store_.verify(), kOk);
+}
+
+constexpr int kSoakWriterCount = 3;
+constexpr int kSoakKeyCount = 150; // of each writer
+
+/// What is known of one key while its writer goes on. Versions count the writer's operations.
+struct SoakKey {
+    std::atomic<int> acknowledged{0};
+    std::atomic<int> removed{0}; // by the latest attempt to remove it
+    std::atomic<int> attempted{0};
+    bool isGone = true; // by what was acknowledged; its writer's
+};
+
+std::string soakKey(int writer, int key) {
+    return "s" + std::to_string(writer) + "-" + std::to_string(key);
+}
+
+std::string soakValue(int version) {
+    return valueOf(version) + "/" + std::string(static_cast<std::size_t>(version) * 7919 % 3000, '.');
+}
+
+/// Writers that each know what they wrote, and everything else that a store does beside them, until it is closed.
+class Soak {
+public:
+    explicit Soak(ZnEmbeddedDb& store) : store_(store) {}
+
+    void write(int writer, std::uint64_t seed) {
+        std::mt19937_64 random(seed);
+        for (ZnEmbeddedDbStatus status; status.isOk();) {
+            ZnEmbeddedDbBatch batch;
+            std::map<int, std::pair<int, bool>> changes; // by key: the version, and whether it is removed
+            for (std::uint64_t left = 1 + random() % 4; left > 0; --left) {
+                const int key = static_cast<int>(random() % kSoakKeyCount);
+                const int version = ++lastVersion_[writer];
+                const std::string value = soakValue(version);
+                const bool removes = random() % 5 == 0;
+                keys_[writer][key].attempted = version;
+                changes[key] = {version, removes};
+                if (removes) {
+                    keys_[writer][key].removed = version;
+                    batch.remove(soakKey(writer, key));
+                } else {
+                    batch.put(soakKey(writer, key), value, tagsOf(value));
+                }
+            }
+            status = store_.write(batch, random() % 50 == 0 ? Durability::Synced : Durability::Default);
+            expectOkOrClosed(status);
+            for (const auto& [key, change] : changes) {
+                if (!status.isOk())
+                    return;
+                keys_[writer][key].isGone = change.second;
+                keys_[writer][key].acknowledged = change.first;
+            }
+        }
+    }
+    void read(std::uint64_t seed) {
+        std::mt19937_64 random(seed);
+        for (ZnEmbeddedDbStatus status; status.isOk();) {
+            const int writer = static_cast<int>(random() % kSoakWriterCount);
+            const int key = static_cast<int>(random() % kSoakKeyCount);
+            const int floor = keys_[writer][key].acknowledged;
+            ZnByteArray value;
+            status = store_.get(soakKey(writer, key), &value);
+            if (status.isOk()) {
+                expectVersion(writer, key, value.view(), floor);
+            } else if (status.code() == ZnEmbeddedDbStatus::NotFound) {
+                EXPECT_GE(keys_[writer][key].removed, floor);
+                status = kOk;
+            }
+            expectOkOrClosed(status);
+        }
+    }
+    /// A snapshot shows the same again after a while, by key and by index, and nothing older than it is.
+    void lookTwice(std::uint64_t seed) {
+        std::mt19937_64 random(seed);
+        for (;;) {
+            const int writer = static_cast<int>(random() % kSoakWriterCount);
+            std::vector<int> floors;
+            for (const SoakKey& key : keys_[writer])
+                floors.push_back(key.acknowledged);
+            ZnEmbeddedDbRange range;
+            range.prefix = ZnByteArray(soakKey(writer, 0).substr(0, 3));
+            range.snapshot = store_.snapshot();
+            if (range.snapshot == nullptr)
+                return;
+            const StoreContent content = contentOf(range);
+            for (const auto& [key, value] : content) {
+                const int number = std::stoi(key.substr(3));
+                expectVersion(writer, number, value, floors[static_cast<std::size_t>(number)]);
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(random() % 30));
+            range.reverse = true;
+            EXPECT_EQ(contentOf(range) == content, true);
+            auto records = store_.indexLookup("tag", "A", range.snapshot);
+            std::size_t count = 0;
+            for (; records.valid(); records.next())
+                count += records.key().starts_with(range.prefix.view()) ? 1 : 0;
+            EXPECT_EQ(records.status(), kOk);
+            EXPECT_EQ(count, static_cast<std::size_t>(std::count_if(content.begin(), content.end(), [](const auto& row) {
+                          return row.second.starts_with("A");
+                      })));
+        }
+    }
+    void maintain(std::uint64_t seed) {
+        std::mt19937_64 random(seed);
+        for (ZnEmbeddedDbStatus status; status.isOk();) {
+            const auto choice = random() % 6;
+            status = choice == 0   ? store_.compact()
+                     : choice == 1 ? store_.verify()
+                     : choice < 4  ? store_.collectGarbage()
+                                   : store_.flush();
+            expectOkOrClosed(status);
+            std::this_thread::sleep_for(std::chrono::milliseconds(random() % 20));
+        }
+    }
+    /// With nobody at work: exactly what was acknowledged. Gives its size.
+    std::size_t check() {
+        std::size_t byteCount = 0;
+        for (int writer = 0; writer < kSoakWriterCount; ++writer) {
+            for (int key = 0; key < kSoakKeyCount; ++key) {
+                const SoakKey& known = keys_[writer][key];
+                ZnByteArray value;
+                const bool isThere = store_.get(soakKey(writer, key), &value).isOk();
+                EXPECT_EQ(isThere, !known.isGone) << soakKey(writer, key);
+                EXPECT_EQ(!isThere || value.view() == soakValue(known.acknowledged), true) << soakKey(writer, key);
+                byteCount += isThere ? value.size() + soakKey(writer, key).size() : 0;
+            }
+        }
+        return byteCount;
+    }
+
+private:
+    static void expectOkOrClosed(const ZnEmbeddedDbStatus& status) {
+        EXPECT_TRUE(status.isOk() || status.code() == ZnEmbeddedDbStatus::NotAvailable) << status.message();
+    }
+    void expectVersion(int writer, int key, std::string_view value, int floor) {
+        int version = -1;
+        std::from_chars(value.data() + 1, value.data() + value.size(), version);
+        EXPECT_EQ(value == soakValue(version), true) << value;
+        EXPECT_GE(version, floor);
+        EXPECT_LE(version, keys_[writer][key].attempted);
+    }
+    StoreContent contentOf(const ZnEmbeddedDbRange& range) {
+        StoreContent content;
+        auto records = store_.scan(range);
+        for (; records.valid(); records.next())
+            content[std::string(records.key())] = std::string(records.value());
+        EXPECT_EQ(records.status(), kOk);
+        return content;
+    }
+
+    ZnEmbeddedDb& store_;
+    SoakKey keys_[kSoakWriterCount][kSoakKeyCount];
+    int lastVersion_[kSoakWriterCount] = {};
+};
+
+/// For three seconds, or ZN_SOAK_SECONDS.
+TEST_F(StoreThreads, NothingIsLostAndNoSpaceBesideEverythingThatAStoreDoes) {
+    const char* seconds = std::getenv("ZN_SOAK_SECONDS");
+    const std::chrono::seconds duration(seconds == nullptr ? 3 : std::atoi(seconds));
+    const auto until = std::chrono::steady_clock::now() + duration;
+    const std::uint64_t seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937_64 random(seed);
+    Soak soak(store_);
+    do {
+        ZnEmbeddedDbOptions options = smallOptions();
+        options.memtableSizeBytes = std::uint64_t(4096) << (random() % 6);
+        options.blobThresholdBytes = random() % 3 == 0 ? 1000 : 100;
+        options.maxLevel1Tables = static_cast<std::uint32_t>(random() % 4);
+        options.verifyFilters = random() % 4 != 0;
+        ASSERT_EQ(store_.open("/s", options), kOk);
+        soak.check();
+        onThreads(kSoakWriterCount + 5, [&](int thread) {
+            const std::uint64_t threadSeed = seed + static_cast<std::uint64_t>(thread);
+            if (thread < kSoakWriterCount)
+                soak.write(thread, threadSeed);
+            else if (thread == kSoakWriterCount)
+                soak.read(threadSeed);
+            else if (thread <= kSoakWriterCount + 2)
+                soak.lookTwice(threadSeed);
+            else if (thread == kSoakWriterCount + 3)
+                soak.maintain(threadSeed);
+            else {
+                std::this_thread::sleep_for(std::chrono::milliseconds(700));
+                store_.close();
+            }
+        });
+    } while (std::chrono::steady_clock::now() < until && !HasFailure());
+    ASSERT_EQ(store_.open("/s", smallOptions()), kOk);
+    const std::size_t liveBytes = soak.check();
+    ASSERT_EQ(store_.compact(), kOk);
+    soak.check();
+    store_.close(); // with the background work
+    ASSERT_EQ(store_.open("/s", smallOptions()), kOk);
+    const ZnEmbeddedDbStats stats = store_.stats();
+    EXPECT_LE(stats.tableBytes + stats.blobBytes, liveBytes + liveBytes / 2);
+    ZnEmbeddedDbVerifyReport report;
+    EXPECT_EQ(store_.verify(&report), kOk);
+    EXPECT_TRUE(report.orphans.isEmpty()) << report.orphans[0];
 }
 
 } // namespace

@@ -253,6 +253,7 @@ TEST(StoreRefreshOnDisk, ViewsOfBeforeStayAndLetGoOfTheirFiles) {
         putIn(writer, key, "B" + value.substr(1));
     ASSERT_EQ(writer.compact(), kOk); // tables, blob file and log of the reader have gone
     EXPECT_EQ(contentOf(reader), then);
+    EXPECT_EQ(reader.verify(), kOk); // that they have gone is no damage
     ASSERT_EQ(reader.refresh(), kOk);
     EXPECT_EQ(contentOf(reader), contentOf(writer));
     EXPECT_EQ(countDeletedButOpen(), 1);

@@ -14,7 +14,7 @@ using testing::HasSubstr;
 
 struct Checked {
     explicit Checked(StoreViewFixture* store, const ZnEmbeddedDbProgress& progress = {})
-        : status(verifyStore(store->files, store->paths, *store->view(), ~std::uint64_t(0), &report, progress)) {}
+        : status(verifyStore(store->files, store->paths, *store->view(), ~std::uint64_t(0), std::nullopt, &report, progress)) {}
 
     ZnEmbeddedDbVerifyReport report;
     ZnEmbeddedDbStatus status;

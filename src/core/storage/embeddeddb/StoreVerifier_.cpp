@@ -3,6 +3,7 @@
 #include "core/storage/embeddeddb/FileNames_.h"
 #include "core/storage/embeddeddb/IndexKey_.h"
 #include "core/storage/embeddeddb/IteratorCore_.h"
+#include "core/storage/embeddeddb/Manifest_.h"
 #include "core/storage/embeddeddb/RecordValue_.h"
 
 #include <algorithm>
@@ -79,11 +80,13 @@ private:
 class Verification {
 public:
     Verification(ZnStorageFiles& files, const StorePaths_& paths, const ReadView_& view,
-                 std::uint64_t firstRunningFileId, const ZnEmbeddedDbProgress& progress)
+                 std::uint64_t firstRunningFileId, std::optional<std::uint64_t> readManifestId,
+                 const ZnEmbeddedDbProgress& progress)
         : files_(files),
           paths_(paths),
           view_(view),
           firstRunningFileId_(firstRunningFileId),
+          readManifestId_(readManifestId),
           progress_(progress, totalBytes_()) {}
 
     ZnEmbeddedDbStatus run();
@@ -92,7 +95,9 @@ public:
 private:
     std::uint64_t totalBytes_() const;
     void openTables_();
-    std::shared_ptr<const TableHandle_> openTable_(const TableHandle_& known, std::int32_t kind,
+    using TablePtr_ = std::shared_ptr<const TableHandle_>;
+    bool isReplaced_(const ZnString& fileName) const;
+    std::shared_ptr<const TableHandle_> openTable_(const TablePtr_& known, std::int32_t kind,
                                                    const ZnString& indexName);
     template <typename Visit>
     void walk_(std::vector<MergeSource_> sources, Visit visit);
@@ -114,6 +119,7 @@ private:
     const StorePaths_& paths_;
     const ReadView_& view_;
     const std::uint64_t firstRunningFileId_;
+    const std::optional<std::uint64_t> readManifestId_;
     ProgressMeter progress_;
     ReadView_ fresh_;                   // the same as view_, but read from the disk now
     std::set<ZnString> damagedIndexes_; // of which a table could not be opened
@@ -151,7 +157,7 @@ void Verification::openTables_() {
     const auto tables = std::make_shared<TableViews_>();
     tables->largestPrimaryKey = view_.tables->largestPrimaryKey;
     for (const auto& known : view_.tables->primaryView) {
-        const auto table = openTable_(*known, kPrimaryTable, "");
+        const auto table = openTable_(known, kPrimaryTable, "");
         lacksRecords_ = lacksRecords_ || table == nullptr;
         if (table == nullptr)
             continue;
@@ -162,7 +168,7 @@ void Verification::openTables_() {
     }
     for (const auto& [indexName, list] : view_.tables->indexViews) {
         for (const auto& known : list) {
-            if (const auto table = openTable_(*known, kIndexTable, indexName))
+            if (const auto table = openTable_(known, kIndexTable, indexName))
                 tables->indexViews[indexName].push_back(table);
             else
                 damagedIndexes_.insert(indexName);
@@ -171,15 +177,17 @@ void Verification::openTables_() {
     fresh_.sealed = view_.sealed;
     fresh_.tables = tables;
     fresh_.counters = std::make_shared<StoreCounters_>(); // checking is no reading that the store should count
-    fresh_.blobs = std::make_shared<BlobFiles_>(files_, paths_.blobsDir, kOpenBlobFiles, fresh_.counters);
+    fresh_.blobs = readManifestId_.has_value()
+                       ? view_.blobs
+                       : std::make_shared<BlobFiles_>(files_, paths_.blobsDir, kOpenBlobFiles, fresh_.counters);
 }
 
 /// Null, with the problem told, for a table that is damaged or not the one that the store takes it for.
-std::shared_ptr<const TableHandle_> Verification::openTable_(const TableHandle_& known, std::int32_t kind,
+std::shared_ptr<const TableHandle_> Verification::openTable_(const TablePtr_& known, std::int32_t kind,
                                                              const ZnString& indexName) {
-    const TableMeta_& meta = known.meta();
+    const TableMeta_& meta = known->meta();
     ++report.tableCount;
-    report.tableBytes += known.fileBytes();
+    report.tableBytes += known->fileBytes();
     ZnEmbeddedDbStatus status;
     const auto table = std::make_shared<TableHandle_>();
     if (!table->open(files_, paths_.rootPath, meta,
@@ -188,6 +196,8 @@ std::shared_ptr<const TableHandle_> Verification::openTable_(const TableHandle_&
                           progress_.add(byteCount);
                       }},
                      &status)) {
+        if (isReplaced_(meta.fileName))
+            return known;
         addProblem_(status.code(), meta.fileName + ": " + status.message());
         return nullptr;
     }
@@ -195,6 +205,15 @@ std::shared_ptr<const TableHandle_> Verification::openTable_(const TableHandle_&
         return table;
     addProblem_(ZnEmbeddedDbStatus::Corruption, meta.fileName + ": stands among the tables of another kind");
     return nullptr;
+}
+
+/// Whether the table is gone because a writer has changed the set of tables since the store was opened to read.
+bool Verification::isReplaced_(const ZnString& fileName) const {
+    std::uint64_t manifestId = 0;
+    std::vector<ZnString> names;
+    return readManifestId_.has_value() && files_.list(paths_.tablesDir, &names) == 0 &&
+           std::count(names.begin(), names.end(), fileName) == 0 &&
+           readCurrent(files_, paths_.rootPath, &manifestId).isOk() && manifestId != *readManifestId_;
 }
 
 /// Goes through all records, of one key those of the newest source first.
@@ -374,9 +393,9 @@ ZnEmbeddedDbStatus Verification::result_() const {
 } // namespace
 
 ZnEmbeddedDbStatus verifyStore(ZnStorageFiles& files, const StorePaths_& paths, const ReadView_& view,
-                               std::uint64_t firstRunningFileId, ZnEmbeddedDbVerifyReport* report,
-                               const ZnEmbeddedDbProgress& progress) {
-    Verification verification(files, paths, view, firstRunningFileId, progress);
+                               std::uint64_t firstRunningFileId, std::optional<std::uint64_t> readManifestId,
+                               ZnEmbeddedDbVerifyReport* report, const ZnEmbeddedDbProgress& progress) {
+    Verification verification(files, paths, view, firstRunningFileId, readManifestId, progress);
     ZnEmbeddedDbStatus status = verification.run();
     if (report != nullptr)
         *report = std::move(verification.report);

@@ -18,8 +18,9 @@ namespace {
 
 constexpr std::size_t kMaxBatchBytes = std::size_t(2) * 1024 * 1024 * 1024; // of a frame of the log
 
-ZnEmbeddedDbStatus notOpen() {
-    return {ZnEmbeddedDbStatus::NotAvailable, "database is not open"};
+ZnEmbeddedDbStatus notOpen(Store_& store) {
+    const ZnMutexLocker locker(store.core.mutex);
+    return {ZnEmbeddedDbStatus::NotAvailable, store.core.closing ? "database is closing" : "database is not open"};
 }
 
 ZnEmbeddedDbStatus invalid(ZnString message) {
@@ -121,9 +122,9 @@ private:
     const std::shared_ptr<PendingWrite_> write_;
 };
 
-ZnEmbeddedDbStatus checkWritable(const Store_& store) {
+ZnEmbeddedDbStatus checkWritable(Store_& store) {
     if (!store.isOpen.load(std::memory_order_acquire)) // pairs with open's store
-        return notOpen();
+        return notOpen(store);
     if (store.core.options.readOnly)
         return {ZnEmbeddedDbStatus::ReadOnly, "database is open for reading only"};
     return {};
@@ -240,7 +241,7 @@ ZnEmbeddedDbStatus ZnEmbeddedDb::get(ZnByteView key, ZnByteArray* value,
                                      const ZnEmbeddedDbSnapshotPtr& snapshot) const {
     const ReadViewPtr_ view = viewOf(*store_, snapshot);
     if (view == nullptr)
-        return notOpen();
+        return notOpen(*store_);
     view->counters->getCount.add();
     ZnEmbeddedDbStatus status = readRecord(*view, key.view(), value);
     if (status.isOk())
@@ -253,7 +254,7 @@ ZnEmbeddedDbStatus ZnEmbeddedDb::multiGet(const ZnVector<ZnByteArray>& keys,
                                           const ZnEmbeddedDbSnapshotPtr& snapshot) const {
     const ReadViewPtr_ view = viewOf(*store_, snapshot);
     if (view == nullptr)
-        return notOpen();
+        return notOpen(*store_);
     view->counters->getCount.add(keys.size());
     ZnEmbeddedDbStatus status = readRecords(*view, keys, values);
     if (status.isOk())
@@ -269,7 +270,7 @@ ZnEmbeddedDbStatus ZnEmbeddedDb::contains(ZnByteView key, const ZnEmbeddedDbSnap
 ZnEmbeddedDbIterator ZnEmbeddedDb::scan(const ZnEmbeddedDbRange& range) const {
     ReadViewPtr_ view = stableViewOf(*store_, range.snapshot);
     if (view == nullptr)
-        return ZnEmbeddedDbIterator(notOpen());
+        return ZnEmbeddedDbIterator(notOpen(*store_));
     view->counters->scanCount.add();
     return openScan(std::move(view), range);
 }
@@ -278,7 +279,7 @@ ZnEmbeddedDbIterator ZnEmbeddedDb::indexLookup(const ZnString& indexName, ZnByte
                                                const ZnEmbeddedDbSnapshotPtr& snapshot) const {
     ReadViewPtr_ view = stableViewOf(*store_, snapshot);
     if (view == nullptr)
-        return ZnEmbeddedDbIterator(notOpen());
+        return ZnEmbeddedDbIterator(notOpen(*store_));
     view->counters->indexLookupCount.add();
     return openIndexLookup(std::move(view), indexName, secondaryKey.view());
 }
@@ -286,7 +287,7 @@ ZnEmbeddedDbIterator ZnEmbeddedDb::indexLookup(const ZnString& indexName, ZnByte
 ZnEmbeddedDbIterator ZnEmbeddedDb::indexScan(const ZnString& indexName, const ZnEmbeddedDbRange& secondaryKeys) const {
     ReadViewPtr_ view = stableViewOf(*store_, secondaryKeys.snapshot);
     if (view == nullptr)
-        return ZnEmbeddedDbIterator(notOpen());
+        return ZnEmbeddedDbIterator(notOpen(*store_));
     view->counters->indexLookupCount.add();
     return openIndexScan(std::move(view), indexName, secondaryKeys);
 }
@@ -301,7 +302,7 @@ ZnEmbeddedDbSnapshotPtr ZnEmbeddedDb::snapshot() const {
 
 ZnEmbeddedDbStatus ZnEmbeddedDb::sync() {
     if (!isOpen())
-        return notOpen();
+        return notOpen(*store_);
     return store_->core.options.readOnly ? ZnEmbeddedDbStatus() : store_->commits.sync(false);
 }
 
@@ -352,14 +353,18 @@ ZnEmbeddedDbStatus ZnEmbeddedDb::verify(ZnEmbeddedDbVerifyReport* report, const 
     const TableHold hold(core);
     StorePaths_ paths;
     std::uint64_t firstRunningFileId = 0;
+    std::optional<std::uint64_t> readManifestId;
     {
         const ZnMutexLocker locker(core.mutex);
         paths = core.paths;
         firstRunningFileId = core.firstRunningFileId(); // before the view: what has come into force since is in it
+        if (core.options.readOnly)
+            readManifestId = core.manifest.manifestId - 1;
     }
     const ReadViewPtr_ view = stableViewOf(*store_, nullptr);
     if (view == nullptr)
-        return notOpen();
+        return notOpen(*store_);
     ZnEmbeddedDbVerifyReport unused;
-    return verifyStore(core.baseFiles, paths, *view, firstRunningFileId, report == nullptr ? &unused : report, progress);
+    return verifyStore(core.baseFiles, paths, *view, firstRunningFileId, readManifestId,
+                       report == nullptr ? &unused : report, progress);
 }

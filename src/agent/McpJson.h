@@ -11,8 +11,8 @@
 
 /// The JSON forms that the agent produces and the one in which it reads text.
 ///
-/// Answers are put together from compact JSON texts with sorted members: a result may hold a large upstream body,
-/// which is written once and not copied into a tree first.
+/// Answers are put together from compact JSON texts with sorted members, and not from trees: a result may hold a large
+/// upstream body, which stands in it twice, as a value and as escaped text.
 namespace mcp {
 
 /// No more values are taken from one message, of a client or of a service: a large one of tiny values would be slow to

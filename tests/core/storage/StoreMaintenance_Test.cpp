@@ -718,6 +718,26 @@ TEST(StoreMaintenance, ABlobFileThatCannotBeWrittenIsTold) {
     bench.check();
 }
 
+/// Whatever of the log the power cut leaves: nothing comes back that was in tables, and gone from them again.
+TEST(StoreMaintenance, WhatCompactDroppedDoesNotComeBackFromATornLog) {
+    for (std::uint64_t seed = 1; seed <= 30; ++seed) {
+        SCOPED_TRACE(seed);
+        std::mt19937_64 random(seed);
+        Bench bench;
+        bench.put("a", "A");
+        bench.put("b", "B");
+        bench.remove("b");
+        if (seed % 2 == 0)
+            bench.remove("a");
+        ASSERT_EQ(bench.store.compact(), kOk);
+        bench.files.stopAt(1);
+        bench.store.close();
+        bench.files.cutPower(&random);
+        bench.open();
+        bench.check();
+    }
+}
+
 /// What runs out of memory is a failure like others, and nobody waits for it for ever.
 TEST(StoreMaintenance, AnExceptionEndsTheWorkAndNothingElse) {
     for (const std::string point : {"flush.written", "manifest.begun", "compaction.begun", "compaction.merged",

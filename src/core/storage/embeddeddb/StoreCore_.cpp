@@ -56,6 +56,13 @@ std::uint64_t bytesOf(SharedMemtable_& memtable) {
     return memtable.table.approximateBytes();
 }
 
+std::uint64_t newestOf(const std::vector<TableMeta_>& tables) {
+    std::uint64_t newest = 0;
+    for (const TableMeta_& table : tables)
+        newest = std::max(newest, table.maxSequence);
+    return newest;
+}
+
 /// The memtable that stands for two adjoining ones.
 std::shared_ptr<SharedMemtable_> mergedOf(SharedMemtable_& older, SharedMemtable_& newer) {
     auto merged = std::make_shared<SharedMemtable_>();
@@ -292,6 +299,17 @@ void StoreCore_::awaitManifest() {
         workerCondition.wait(mutex);
 }
 
+/// Opening takes from the log what no table shows to have been in one. When the newest records are dropped, as they were
+/// tombstones, it comes to their part of the log once more, which nobody may ever have synced.
+ZnEmbeddedDbStatus StoreCore_::writeTables_(ManifestState_* next, const ZnString& walPath, bool dropsNewest) {
+    syncPoints.reach("manifest.begun");
+    ZnString error;
+    RandomAccessFile_ log(files); // of its own: the log's belongs to whoever commits
+    if (dropsNewest && !(log.open(walPath, RandomAccessFile_::Mode::ReadWrite, &error) && log.flushData(&error)))
+        return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, std::move(error)).at(walPath);
+    return writeManifest(files, paths.rootPath, next);
+}
+
 ZnEmbeddedDbStatus StoreCore_::commitTables(const TableChange_& change) {
     awaitManifest();
     ManifestState_ next = manifest;
@@ -301,12 +319,11 @@ ZnEmbeddedDbStatus StoreCore_::commitTables(const TableChange_& change) {
         next.tables.push_back(table->meta());
     next.maxSequence = std::max(next.maxSequence, change.maxSequence);
     next.replayFromWalId = recomputeReplayFromWalId_(change.flushedMemtableCount);
+    const bool dropsNewest = newestOf(next.tables) < newestOf(manifest.tables);
+    const ZnString activeWal = walPath(paths, manifest.activeWalId); // those before it are synced
     manifestBusy_ = true;
     mutex.unlock();
-    ZnEmbeddedDbStatus status = statusOf([&] {
-        syncPoints.reach("manifest.begun");
-        return writeManifest(files, paths.rootPath, &next);
-    });
+    ZnEmbeddedDbStatus status = statusOf([&] { return writeTables_(&next, activeWal, dropsNewest); });
     mutex.lock();
     noteSyncFailure();
     if (status.isOk()) {

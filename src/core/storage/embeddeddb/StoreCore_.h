@@ -146,6 +146,8 @@ private:
     void rebuildReadView_() ZN_REQUIRES(mutex);
     /// The oldest log that is needed when the first `flushedCount` sealed memtables are not.
     std::uint64_t recomputeReplayFromWalId_(std::size_t flushedCount) ZN_REQUIRES(mutex);
+    ZnEmbeddedDbStatus writeTables_(ManifestState_* next, const ZnString& walPath, bool dropsNewest)
+        ZN_EXCLUDES(mutex);
     void adoptTables_(const TableChange_& change, ManifestState_&& written) ZN_REQUIRES(mutex);
     void beginMemtable_() ZN_REQUIRES(mutex);
     void mergeSmallSealed_() ZN_REQUIRES(mutex);

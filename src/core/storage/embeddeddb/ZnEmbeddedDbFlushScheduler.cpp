@@ -226,7 +226,8 @@ ZnEmbeddedDbStatus FlushScheduler_::flushRecovered() {
     return status.isOk() ? core_.backgroundError : status;
 }
 
-FlushScheduler_::Memtables_ FlushScheduler_::detachAll_() {
+/// Readers see them until the tables are in force: not even while the store closes does it show what was before.
+FlushScheduler_::Memtables_ FlushScheduler_::sealAll_() {
     const ZnMutexLocker locker(core_.mutex);
     while (flushRunning_) // its memtables must not be flushed twice
         core_.workerCondition.wait(core_.mutex);
@@ -234,15 +235,14 @@ FlushScheduler_::Memtables_ FlushScheduler_::detachAll_() {
     Memtables_ memtables;
     for (const SealedMemtable_& sealed : core_.immutableMemtables)
         memtables.push_back(sealed.memtable);
-    core_.immutableMemtables.clear();
     return memtables;
 }
 
-void FlushScheduler_::flushDetached_(const Memtables_& memtables) {
+void FlushScheduler_::flushSealed_(const Memtables_& memtables) {
     const ZnMutexLocker locker(core_.mutex);
     ZnEmbeddedDbStatus status;
     if (!memtables.empty()) {
-        status = flushMemtablesToTables_(memtables, 0);
+        status = flushMemtablesToTables_(memtables, memtables.size());
     } else {
         status = core_.commitTables({});
     }

@@ -44,13 +44,13 @@ public:
     ZnEmbeddedDbStatus flush() ZN_EXCLUDES(core_.mutex);
     /// By open: writes what recovery found in the logs to tables.
     ZnEmbeddedDbStatus flushRecovered() ZN_EXCLUDES(core_.mutex);
-    /// By close, when nothing is committed any more: drains all memtables on the calling thread. `closeLog` is called
-    /// when they have been taken.
+    /// By close, when nothing is committed any more: writes all memtables on the calling thread. `closeLog` is called
+    /// when they have been sealed.
     template <typename CloseLog>
     void flushAllSync(CloseLog closeLog) ZN_EXCLUDES(core_.mutex) {
-        std::vector<std::shared_ptr<SharedMemtable_>> memtables = detachAll_();
+        std::vector<std::shared_ptr<SharedMemtable_>> memtables = sealAll_();
         closeLog();
-        flushDetached_(memtables);
+        flushSealed_(memtables);
     }
 
 private:
@@ -64,8 +64,8 @@ private:
         ZN_REQUIRES(core_.mutex);
     ZnEmbeddedDbStatus commit_(const MemtableFlush_& flush, std::size_t sealedCount) ZN_REQUIRES(core_.mutex);
     void noteOutcome_(const ZnEmbeddedDbStatus& status) ZN_REQUIRES(core_.mutex);
-    Memtables_ detachAll_() ZN_EXCLUDES(core_.mutex);
-    void flushDetached_(const Memtables_& memtables) ZN_EXCLUDES(core_.mutex);
+    Memtables_ sealAll_() ZN_EXCLUDES(core_.mutex);
+    void flushSealed_(const Memtables_& memtables) ZN_EXCLUDES(core_.mutex);
 
     StoreCore_& core_;
     ZnThreadPool& pool_;

@@ -50,7 +50,10 @@ public:
             return;
         held_.insert(name);
         condition_.notify_all();
-        condition_.wait_for(lock, kDeadline, [&] { return isOver_ || held_.count(name) == 0; });
+        if (!condition_.wait_for(lock, kDeadline, [&] { return isOver_ || held_.count(name) == 0; })) {
+            ADD_FAILURE() << "nobody lets go of " << name;
+            held_.erase(name);
+        }
     }
     /// The next that comes there.
     void hold(const std::string& name) {

@@ -45,7 +45,8 @@ function(zn_layer name)
   add_library(Zn::${short_name} ALIAS ${name})
   target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:zn_options> PUBLIC Threads::Threads)
   target_compile_features(${name} PUBLIC cxx_std_20)
-  target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>)
+  target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>
+    $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/generated>)
 endfunction()
 
 # zn_add_test(name LIBS ... SOURCES ...): one GoogleTest program, one CTest entry per program.

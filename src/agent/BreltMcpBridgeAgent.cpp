@@ -6,6 +6,7 @@
 #include "core/platform/ZnThreadControl.h"
 #include "core/runtime/ZnCoreApplication.h"
 #include "core/runtime/ZnTimer.h"
+#include "core/types/ZnVersion.h"
 
 #include <algorithm>
 #include <iostream>
@@ -64,6 +65,8 @@ ZnString listenProblem(int error, const ZnString& address, std::uint16_t port) {
 }
 
 } // namespace
+
+const char* const BreltMcpBridgeAgent::kVersion = zn::kVersion;
 
 BreltMcpBridgeAgent::BreltMcpBridgeAgent() : mcpPath_("/mcp"), calls_(std::make_shared<McpForwardCalls>()) {
     workers_.setMaxThreadCount(kWorkerCount);

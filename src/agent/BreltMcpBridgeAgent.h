@@ -35,7 +35,7 @@ public:
     static constexpr std::uint64_t kMaxBodyBytes = 16777216; // of one request
     static constexpr std::int64_t kDefaultAnswerBytes = 16777216; // of a service
     static constexpr const char* kProtocolVersion = "2025-06-18";
-    static constexpr const char* kVersion = "0.1.0"; // of the agent
+    static const char* const kVersion; // of the agent, which is that of the framework
 
     BreltMcpBridgeAgent();
     /// Stops.

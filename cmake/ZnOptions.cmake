@@ -1,4 +1,5 @@
-# Everything that all targets share: language level, warnings as errors, sanitizers.
+# What every target of this build is compiled with: language level, warnings as errors, sanitizers. Every target links
+# it PRIVATE, so that none of it reaches whoever uses the libraries.
 find_package(Threads REQUIRED)
 
 add_library(zn_options INTERFACE)
@@ -38,12 +39,22 @@ if(BUILD_SHARED_LIBS)
   add_link_options(-Wl,-z,defs)
 endif()
 
+# zn_layer(name): what all layers have in common.
+function(zn_layer name)
+  string(REGEX REPLACE "^zn_" "" short_name ${name})
+  add_library(Zn::${short_name} ALIAS ${name})
+  target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:zn_options> PUBLIC Threads::Threads)
+  target_compile_features(${name} PUBLIC cxx_std_20)
+  target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>
+    $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/generated>)
+endfunction()
+
 # zn_add_test(name LIBS ... SOURCES ...): one GoogleTest program, one CTest entry per program.
 function(zn_add_test name)
   cmake_parse_arguments(ARG "" "" "LIBS;SOURCES;LABELS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
-  target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gtest_main GTest::gmock)
+  target_link_libraries(${name} PRIVATE zn_options ${ARG_LIBS} GTest::gtest GTest::gtest_main GTest::gmock)
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES TIMEOUT 300 LABELS "${ARG_LABELS}")
 endfunction()

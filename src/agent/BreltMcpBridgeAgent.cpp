@@ -7,6 +7,7 @@
 #include "core/platform/ZnFileIdentity.h"
 #include "core/platform/ZnSocketError.h"
 #include "core/runtime/ZnCoreApplication.h"
+#include "core/types/ZnVersion.h"
 
 #include <algorithm>
 #include <iostream>
@@ -83,6 +84,8 @@ void send(McpReply reply, ZnHttpContext& context) {
 }
 
 } // namespace
+
+const char* const BreltMcpBridgeAgent::kVersion = zn::kVersion;
 
 BreltMcpBridgeAgent::BreltMcpBridgeAgent() = default;
 

@@ -21,7 +21,7 @@
 class BreltMcpBridgeAgent {
 public:
     static constexpr std::uint64_t kMaxBodyBytes = 16777216; // of one request
-    static constexpr const char* kVersion = McpDispatcher::kVersion;
+    static const char* const kVersion; // of the agent, which is that of the framework
 
     BreltMcpBridgeAgent();
     /// Stops.

@@ -2,6 +2,7 @@
 
 #include "agent/McpJson.h"
 #include "core/types/ZnCrypto.h"
+#include "core/types/ZnVersion.h"
 
 #include <atomic>
 #include <chrono>
@@ -88,7 +89,7 @@ ZnJsonObject initializeResult() {
             {"capabilities", ZnJsonObject{{"tools", ZnJsonObject{{"listChanged", false}}}}},
             {"serverInfo", ZnJsonObject{{"name", "brelt-mcp-bridge-agent"},
                                         {"title", "Brelt MCP Bridge Agent"},
-                                        {"version", McpDispatcher::kVersion}}},
+                                        {"version", zn::kVersion}}},
             {"instructions",
              "Bridge to explicitly configured private MCP services reachable from this BRELT client. Use "
              "bridge.list_services first. bridge.rpc only calls services listed in the local allowlist."}};

@@ -23,7 +23,6 @@
 class McpDispatcher : public std::enable_shared_from_this<McpDispatcher> {
 public:
     static constexpr const char* kProtocolVersion = "2025-06-18";
-    static constexpr const char* kVersion = "0.1.0"; // of the agent
 
     explicit McpDispatcher(std::shared_ptr<McpServiceList> services);
 

@@ -1,5 +1,7 @@
 #include "core/io/ZnSslEngine_.h"
 
+#include "core/io/ZnSslServerCertificates_.h"
+#include "core/io/ZnSslServerContext.h"
 #include "core/platform/ZnSocketError.h"
 #include "core/platform/ZnSocketHandle.h"
 
@@ -53,13 +55,14 @@ bool ZnSslEngine_::initClient(const ZnString& host, std::uint64_t socketHandle, 
 }
 
 bool ZnSslEngine_::initServer(std::shared_ptr<const ZnSslServerContext> serverContext, std::uint64_t socketHandle) {
-    if (!serverContext || serverContext->defaultContext() == nullptr)
+    SSL_CTX* const context = serverContext ? serverContext->certificates_().defaultContext() : nullptr;
+    if (context == nullptr)
         return fail_("Null server SSL_CTX");
     if (!bind_())
         return false;
     if (api_->SSL_set_accept_state == nullptr)
         return fail_("SSL_set_accept_state not available");
-    ssl_ = api_->SSL_new(serverContext->defaultContext());
+    ssl_ = api_->SSL_new(context);
     if (ssl_ == nullptr)
         return fail_("SSL_new (server) failed");
     serverContext_ = std::move(serverContext);

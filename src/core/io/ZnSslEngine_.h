@@ -1,11 +1,15 @@
 #pragma once
 
-#include "core/io/ZnSslServerContext.h"
 #include "core/io/ZnSslTrust_.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+
+class ZnSslServerContext;
+
+/// How an operation of OpenSSL has ended.
+enum class ZnSslOutcome_ { None, WantRead, WantWrite, Closed, Failure };
 
 /// The OpenSSL side of one connection: it reads and writes the socket itself, and never waits.
 ///
@@ -14,7 +18,7 @@
 /// connection shows in another; nothing in between parks or calls out.
 class ZnSslEngine_ {
 public:
-    enum class Outcome { None, WantRead, WantWrite, Closed, Failure };
+    using Outcome = ZnSslOutcome_;
 
     ZnSslEngine_() = default;
     ~ZnSslEngine_();

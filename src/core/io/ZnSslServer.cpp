@@ -1,5 +1,6 @@
 #include "core/io/ZnSslServer.h"
 
+#include "core/io/ZnSslServerContext.h"
 #include "core/platform/ZnMonotonicClock.h"
 #include "core/runtime/ZnTimer.h"
 #include "core/types/ZnLogger.h"

@@ -1,8 +1,10 @@
 #pragma once
 
+#include "core/io/ZnSslLocalCredential.h"
 #include "core/io/ZnSslSocket.h"
 #include "core/io/ZnTcpServer.h"
 
+#include <cstddef>
 #include <memory>
 #include <unordered_map>
 

@@ -1,14 +1,14 @@
 #pragma once
 
 #include "core/io/ZnSslLocalCredential.h"
-#include "core/io/ZnSslTrust_.h"
 #include "core/types/ZnList.h"
-#include "core/types/ZnMap.h"
+#include "core/types/ZnString.h"
 
 #include <memory>
-#include <vector>
 
-/// The certificates of a TLS server, one SSL_CTX each, chosen by the name that the client asks for.
+class ZnSslServerCertificates_;
+
+/// The certificates of a TLS server, loaded.
 ///
 /// Thread: any, once built: it is only read.
 /// Owner: shared by the listener and the connections that began on it; a reload leaves it to the latter.
@@ -19,24 +19,14 @@ public:
     static std::shared_ptr<const ZnSslServerContext>
     buildServerContext_(const ZnList<ZnSslLocalCredential>& credentials, ZnString* errorText);
 
-    explicit ZnSslServerContext(const ZnOpenSslApi_& api) : api_(api) {}
+    explicit ZnSslServerContext(std::unique_ptr<const ZnSslServerCertificates_> certificates) noexcept;
+    ~ZnSslServerContext();
     ZnSslServerContext(const ZnSslServerContext&) = delete;
     ZnSslServerContext& operator=(const ZnSslServerContext&) = delete;
 
-    const ZnOpenSslApi_& api() const noexcept { return api_; }
-    /// The context that a new connection starts on. Its callback uses this object: keep both for the connection.
-    SSL_CTX* defaultContext() const noexcept { return defaultContext_; }
+    /// OpenSSL's side of it, for the connections.
+    const ZnSslServerCertificates_& certificates_() const noexcept { return *loaded_; }
 
 private:
-    bool add_(const ZnSslLocalCredential& credential, ZnString* errorText);
-    std::unique_ptr<ZnSslContextHandle_> loadServerCertificate_(const ZnSslLocalCredential& credential,
-                                                                ZnString* errorText) const;
-    bool loadCertificate_(SSL_CTX* context, const ZnString& path) const;
-    bool installServerNames_(ZnString* errorText);
-    static int onServerName_(SSL* ssl, int* alert, void* serverContext);
-
-    const ZnOpenSslApi_& api_;
-    std::vector<std::unique_ptr<ZnSslContextHandle_>> contexts_;
-    SSL_CTX* defaultContext_ = nullptr;       // one of contexts_
-    ZnMap<ZnString, SSL_CTX*> sniContexts_;   // by normalized host name; each one of contexts_
+    const std::unique_ptr<const ZnSslServerCertificates_> loaded_; // never null
 };

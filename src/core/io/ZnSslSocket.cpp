@@ -1,5 +1,6 @@
 #include "core/io/ZnSslSocket.h"
 
+#include "core/io/ZnSslEngine_.h"
 #include "core/runtime/ZnTimer.h"
 #include "core/types/ZnLogger.h"
 
@@ -25,6 +26,8 @@ thread_local char recordBuffer[kRecordBytes];
 using Outcome = ZnSslEngine_::Outcome;
 
 } // namespace
+
+ZnSslSocket::ZnSslSocket(ZnObject* parent) : ZnTcpSocket(parent) {}
 
 ZnSslSocket::~ZnSslSocket() {
     ZnSslSocket::close();

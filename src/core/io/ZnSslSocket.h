@@ -1,9 +1,16 @@
 #pragma once
 
-#include "core/io/ZnSslEngine_.h"
 #include "core/io/ZnTcpSocket.h"
+#include "core/types/ZnByteArray.h"
+#include "core/types/ZnList.h"
+#include "core/types/ZnString.h"
 
+#include <cstddef>
 #include <memory>
+
+class ZnSslEngine_;
+class ZnSslServerContext;
+enum class ZnSslOutcome_;
 
 /// A TCP socket whose bytes run through TLS, as client or as server, once encryption has been started.
 ///
@@ -23,7 +30,7 @@ public:
     static constexpr int kReadFailed = -7;
     static constexpr int kWriteFailed = -5;
 
-    explicit ZnSslSocket(ZnObject* parent = nullptr) : ZnTcpSocket(parent) {}
+    explicit ZnSslSocket(ZnObject* parent = nullptr);
     ~ZnSslSocket() override;
 
     /// As connectToHost, with the handshake behind it. The certificate must carry the peer host name, which is `host`
@@ -79,8 +86,8 @@ private:
     News_ doHandshake_();
     News_ doRead_();
     News_ doWrite_();
-    News_ stopWriting_(ZnSslEngine_::Outcome outcome);
-    void repeatLater_(Operation_ operation, ZnSslEngine_::Outcome outcome);
+    News_ stopWriting_(ZnSslOutcome_ outcome);
+    void repeatLater_(Operation_ operation, ZnSslOutcome_ outcome);
     void settle_();
     void announce_(News_ news);
     void deliver_();

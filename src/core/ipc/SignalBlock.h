@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/ipc/SignalValue.h"
 #include "core/platform/ZnSharedMutex.h"
 #include "core/types/ZnString.h"
 
@@ -8,14 +9,6 @@
 #include <optional>
 
 namespace zn::ipc {
-
-/// What a publication says, and its number. Numbers are compared for equality only: they may begin anew.
-struct SignalValue {
-    std::uint64_t sequence = 0;
-    std::uint64_t first = 0;
-    std::uint64_t second = 0;
-};
-
 namespace detail {
 
 /// The state of one channel, as it stands in shared memory: the latest publication and its number.

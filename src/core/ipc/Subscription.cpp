@@ -2,6 +2,7 @@
 
 #include "core/ipc/Dispatcher.h"
 #include "core/ipc/Names.h"
+#include "core/ipc/SignalBlock.h"
 #include "core/ipc/SubscribersRegistryTable.h"
 #include "core/platform/ZnProcess.h"
 #include "core/runtime/ZnCoreApplication.h"

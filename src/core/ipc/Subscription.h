@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/ipc/SignalBlock.h"
+#include "core/ipc/SignalValue.h"
 #include "core/types/ZnString.h"
 
 #include <cstdint>

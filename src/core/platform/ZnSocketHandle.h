@@ -45,8 +45,8 @@ struct ZnNetworkEvents {
 
 /// A non-blocking stream socket and its pending network events.
 ///
-/// The rules of re-enabling: after a read that did not reach the end of what is there, wantsReadEvent() tells that
-/// another read event is due; a write event comes after a send that would have blocked; close comes once.
+/// The rules of re-enabling: after a read that did not reach the end of what is there, requestReadEvent() makes a read
+/// event pending again; a write event comes after a send that would have blocked; close comes once.
 /// Thread: the owner's. Error results are ZnSocketError numbers; nothing here blocks.
 class ZnSocketHandle final : public ZnWaitHandle {
 public:

@@ -1,5 +1,6 @@
 #include "core/fs/TemporaryDirectory.h"
 #include "core/io/ZnSslEngine_.h"
+#include "core/io/ZnSslServerContext.h"
 #include "core/types/ZnCrypto.h"
 
 #include <cstdio>

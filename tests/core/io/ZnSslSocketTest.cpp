@@ -2,6 +2,7 @@
 
 #include "core/io/RawTlsClient.h"
 #include "core/io/TlsPeers.h"
+#include "core/io/ZnOpenSslApi_.h"
 #include "core/io/ZnSslServer.h"
 #include "core/platform/ZnResolver.h"
 #include "core/runtime/ZnEventLoop.h"

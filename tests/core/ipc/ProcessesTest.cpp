@@ -2,6 +2,7 @@
 // it after the fork.
 
 #include "core/ipc/Channel.h"
+#include "core/ipc/SignalBlock.h"
 #include "core/ipc/SubscribersRegistryTable.h"
 #include "core/ipc/Subscription.h"
 #include "core/ipc/IpcFixture.h"

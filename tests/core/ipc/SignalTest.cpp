@@ -1,6 +1,7 @@
 #include "core/ipc/Channel.h"
 #include "core/ipc/DispatchTable.h"
 #include "core/ipc/Dispatcher.h"
+#include "core/ipc/SignalBlock.h"
 #include "core/ipc/SubscribersRegistryTable.h"
 #include "core/ipc/Subscription.h"
 #include "core/platform/ZnNotifySocket.h"

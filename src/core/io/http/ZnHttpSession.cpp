@@ -5,6 +5,7 @@
 #include "core/io/http/ZnHttpBodyStream_.h"
 #include "core/io/http/ZnHttpHandoff_.h"
 #include "core/io/http/ZnHttpMultipart.h"
+#include "core/io/http/ZnHttpParser_.h"
 #include "core/io/http/ZnHttpRouter.h"
 #include "core/platform/ZnMonotonicClock.h"
 #include "core/runtime/Thread.h"
@@ -51,7 +52,7 @@ long long deadlineNs(long long sinceNs, int limitMs) noexcept {
 
 ZnHttpSession::ZnHttpSession(ZnAbstractSocket* socket, const ZnHttpRouter* router, const ZnHttpLimits& limits,
                              const ZnHttpTimeouts& timeouts, bool isTls, unsigned short localPort, ZnObject* parent)
-    : ZnObject(parent), router_(router), parser_(limits), timeouts_(timeouts), isTls_(isTls), localPort_(localPort),
+    : ZnObject(parent), router_(router), parser_(std::make_unique<ZnHttpParser_>(limits)), timeouts_(timeouts), isTls_(isTls), localPort_(localPort),
       createdNs_(monotonicNowNs()), lastActivityNs_(createdNs_), requestStartNs_(createdNs_), asyncStartNs_(createdNs_),
       lastWriteNs_(createdNs_), writeLookNs_(createdNs_), armedTickNs_(kNever) {
     if (socket == nullptr || router == nullptr) {
@@ -81,7 +82,7 @@ void ZnHttpSession::setRequestHandler(RequestHandler handler) {
 }
 
 void ZnHttpSession::setHeadCheck(HeadCheck check) {
-    parser_.setHeadCheck([this, own = std::move(check)](ZnHttpRequest& request) { return isBodyWanted_(own, request); });
+    parser_->setHeadCheck([this, own = std::move(check)](ZnHttpRequest& request) { return isBodyWanted_(own, request); });
 }
 
 void ZnHttpSession::start() {
@@ -111,11 +112,11 @@ bool ZnHttpSession::readInput_() {
             return false; // the end of the stream was found, or an error
         if (byteCount == 0)
             return true;
-        const bool wasIdle = parser_.isIdle();
+        const bool wasIdle = parser_->isIdle();
         const std::size_t waitingCount = pendingRequests_.size();
-        const bool isAccepted = parser_.feed({readBuffer, byteCount}, pendingRequests_);
+        const bool isAccepted = parser_->feed({readBuffer, byteCount}, pendingRequests_);
         // Line ends between requests are no activity: with one now and then a connection could be kept for ever.
-        if (!wasIdle || !parser_.isIdle() || pendingRequests_.size() > waitingCount) {
+        if (!wasIdle || !parser_->isIdle() || pendingRequests_.size() > waitingCount) {
             lastActivityNs_ = monotonicNowNs();
             if (wasIdle)
                 requestStartNs_ = lastActivityNs_;
@@ -124,14 +125,14 @@ bool ZnHttpSession::readInput_() {
             if (headRefusal_)
                 refuse_(std::move(*std::exchange(headRefusal_, nullptr)));
             else
-                sendError_(parser_.errorStatus(), parser_.errorText());
+                sendError_(parser_->errorStatus(), parser_->errorText());
             return false;
         }
         for (std::size_t i = waitingCount; i < pendingRequests_.size(); ++i)
             describePeer_(*pendingRequests_[i]);
         holdConnection_();
         armTimeout_();
-        if (parser_.expectsContinue() && !sendContinue_())
+        if (parser_->expectsContinue() && !sendContinue_())
             return false;
     }
 }
@@ -227,7 +228,7 @@ void ZnHttpSession::startNextRequest_() {
     requestStartNs_ = asyncStartNs_ = peerLookNs_ = monotonicNowNs();
     hasProbedPeer_ = false;
     ZnString errorText;
-    if (!zn::http::parseMultipart(*request, parser_.limits(), &errorText)) {
+    if (!zn::http::parseMultipart(*request, parser_->limits(), &errorText)) {
         sendError_(400, errorText.isEmpty() ? ZnString("Invalid multipart/form-data") : errorText);
         return;
     }
@@ -302,7 +303,7 @@ void ZnHttpSession::sendResponse_(ZnHttpResponse&& response, bool keepAlive, boo
 
 /// The first piece leaves with the head, so that a file that cannot be read is found out before a head has promised it.
 void ZnHttpSession::sendStream_(ZnHttpResponse&& response) {
-    bodyStream_ = ZnHttpBodyStream_::open(response, parser_.limits().maxChunkBytes);
+    bodyStream_ = ZnHttpBodyStream_::open(response, parser_->limits().maxChunkBytes);
     std::string head = response.head(closeAfterResponse_).takeStr();
     ZnByteArray bytes;
     const char* const errorText = !bodyStream_                 ? "Unable to open file"
@@ -522,8 +523,8 @@ void ZnHttpSession::beginDrain_() {
     discardInput_();
     if (!self || closed_)
         return;
-    const int status = parser_.errorStatus();
-    const bool isCutShort = status == 413 || status == 414 || status == 431 || (status != 0 && parser_.isInsideBody());
+    const int status = parser_->errorStatus();
+    const bool isCutShort = status == 413 || status == 414 || status == 431 || (status != 0 && parser_->isInsideBody());
     if (isCutShort || discardedBytes_ > discardedBefore)
         armTimeout_();
     else
@@ -619,12 +620,12 @@ bool ZnHttpSession::isLeftByLateAnswer_() const noexcept {
 }
 
 bool ZnHttpSession::isIdle_() const noexcept {
-    return parser_.isIdle() && pendingRequests_.isEmpty();
+    return parser_->isIdle() && pendingRequests_.isEmpty();
 }
 
 /// Between two requests the one for the headers counts, too: from the start of the last request.
 int ZnHttpSession::requestTimeoutMs_() const noexcept {
-    return parser_.state() <= ZnHttpParser_::State::Headers ? timeouts_.headerTimeoutMs : timeouts_.bodyTimeoutMs;
+    return parser_->state() <= ZnHttpParser_::State::Headers ? timeouts_.headerTimeoutMs : timeouts_.bodyTimeoutMs;
 }
 
 void ZnHttpSession::armTimeout_() {

@@ -2,7 +2,6 @@
 
 #include "core/io/ZnAbstractSocket.h"
 #include "core/io/http/ZnHttpLimits.h"
-#include "core/io/http/ZnHttpParser_.h"
 #include "core/io/http/ZnHttpRequest.h"
 #include "core/io/http/ZnHttpResponse.h"
 #include "core/io/http/ZnHttpTimeouts.h"
@@ -15,6 +14,7 @@
 #include <string_view>
 
 class ZnHttpBodyStream_;
+class ZnHttpParser_;
 class ZnHttpRouter;
 class ZnTimer;
 
@@ -118,7 +118,7 @@ private:
 
     ZnPointer<ZnAbstractSocket> socket_;       // child; null once released
     const ZnHttpRouter* const router_;         // not owned; not used once the session is closed
-    ZnHttpParser_ parser_;
+    const std::unique_ptr<ZnHttpParser_> parser_; // never null
     const ZnHttpTimeouts timeouts_;
     ZnTimer* timeoutTimer_ = nullptr;          // child
     ZnList<std::shared_ptr<ZnHttpRequest>> pendingRequests_; // oldest first, at most maxPipelinedRequests

@@ -45,7 +45,8 @@ ChildProcess::ChildProcess(const std::vector<std::string>& command, const std::s
     ::close(pipeFds[1]);
     outputFd_ = pipeFds[0];
     std::string output;
-    while (output.find(readyText) == std::string::npos || output.find('\n', output.find(readyText)) == std::string::npos) {
+    while (output.find(readyText) == std::string::npos ||
+           output.find('\n', output.find(readyText)) == std::string::npos) {
         pollfd waitFor = {outputFd_, POLLIN, 0};
         char buffer[512];
         const ssize_t got = ::poll(&waitFor, 1, 10000) == 1 ? ::read(outputFd_, buffer, sizeof(buffer)) : -1;
@@ -56,7 +57,8 @@ ChildProcess::ChildProcess(const std::vector<std::string>& command, const std::s
         output.append(buffer, static_cast<std::size_t>(got));
     }
     const std::size_t lastBlank = output.find_last_of(' ');
-    announcedPort_ = static_cast<unsigned short>(std::atoi(output.c_str() + (lastBlank == std::string::npos ? 0 : lastBlank)));
+    announcedPort_ =
+        static_cast<unsigned short>(std::atoi(output.c_str() + (lastBlank == std::string::npos ? 0 : lastBlank)));
     readyMs_ = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
 }
 

@@ -145,8 +145,7 @@ private:
         std::size_t lengthAt = input.find("content-length: ");
         if (lengthAt >= headEnd)
             lengthAt = input.find("Content-Length: ");
-        const std::size_t bodyBytes =
-            lengthAt < headEnd ? std::strtoul(input.c_str() + lengthAt + 16, nullptr, 10) : 0;
+        const std::size_t bodyBytes = lengthAt < headEnd ? std::strtoul(input.c_str() + lengthAt + 16, nullptr, 10) : 0;
         return headEnd + 4 + bodyBytes;
     }
 

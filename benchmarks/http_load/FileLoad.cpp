@@ -3,9 +3,9 @@
 //
 //   file_load FILE_DROP PLAIN_TRANSFER [--seconds S] [--rounds N] [--mib SIZE] [--directory D]
 //
-// The two take turns; the figures are the medians of the rounds: the rate, and the processor time that the server's main
-// thread used for a GiB, which other work on the machine disturbs less. Everything goes over loopback, is bounded and stops by
-// itself. The files are in a directory of their own below D, the directory for temporary files without it.
+// The two take turns; the figures are the medians of the rounds: the rate, and the processor time that the server's
+// main thread used for a GiB, which other work on the machine disturbs less. Everything goes over loopback, is bounded
+// and stops by itself. The files are in a directory of their own below D, the directory for temporary files without it.
 
 #include "ChildProcess.h"
 
@@ -116,9 +116,10 @@ void uploadHttp(unsigned short port) {
     const std::string before = "--bOuNdArY\r\ncontent-disposition: form-data; name=\"f\"; filename=\"up\"\r\n\r\n";
     const std::string behind = "\r\n--bOuNdArY--\r\n";
     Connection connection(port);
-    connection.send("POST /files HTTP/1.1\r\nhost: localhost\r\nconnection: close\r\ncontent-type: multipart/form-data; "
-                    "boundary=bOuNdArY\r\ncontent-length: " +
-                    std::to_string(before.size() + mib * kMiB + behind.size()) + "\r\n\r\n" + before);
+    connection.send(
+        "POST /files HTTP/1.1\r\nhost: localhost\r\nconnection: close\r\ncontent-type: multipart/form-data; "
+        "boundary=bOuNdArY\r\ncontent-length: " +
+        std::to_string(before.size() + mib * kMiB + behind.size()) + "\r\n\r\n" + before);
     connection.sendFile();
     connection.send(behind);
     std::string head;
@@ -225,10 +226,26 @@ int main(int argc, char** argv) {
         const unsigned short port = drop.announcedPort();
         const auto remove = [&](const char* name) { return [path = directory / name] { fs::remove(path); }; };
         const auto nothing = [] {};
-        compare("upload", [&] { return measure(plain, [&] { uploadPlain(plainPort); }, remove("plain")); },
-                [&] { return measure(drop, [&] { uploadHttp(port); }, remove("up")); });
-        compare("download", [&] { return measure(plain, [&] { downloadPlain(plainPort); }, nothing); },
-                [&] { return measure(drop, [&] { downloadHttp(port); }, nothing); });
+        compare(
+            "upload",
+            [&] {
+                return measure(
+                    plain, [&] { uploadPlain(plainPort); }, remove("plain"));
+            },
+            [&] {
+                return measure(
+                    drop, [&] { uploadHttp(port); }, remove("up"));
+            });
+        compare(
+            "download",
+            [&] {
+                return measure(
+                    plain, [&] { downloadPlain(plainPort); }, nothing);
+            },
+            [&] {
+                return measure(
+                    drop, [&] { downloadHttp(port); }, nothing);
+            });
         std::printf("file-drop: %ld KiB resident at the end, %lld failures\n", drop.residentKib(), failures);
     }
     std::error_code error;

@@ -30,8 +30,8 @@ constexpr int kLoadCpu = 0;
 constexpr int kServerCpu = 1;
 
 constexpr int kNoBound = 1 << 30;
-constexpr int kCallsInFlight = 400;     // the agent refuses more at a time
-constexpr int kUpstreamAddresses = 16;  // a new connection per call uses up the ports towards one address
+constexpr int kCallsInFlight = 400;    // the agent refuses more at a time
+constexpr int kUpstreamAddresses = 16; // a new connection per call uses up the ports towards one address
 
 struct Options {
     std::string agent;
@@ -50,7 +50,8 @@ struct Sample {
 Options parse(int argc, char** argv) {
     Options options;
     if (argc < 3) {
-        std::fprintf(stderr, "usage: http_load AGENT RESPONDER [--seconds S] [--rounds N] [--connections A,B] [--idle N]\n");
+        std::fprintf(stderr,
+                     "usage: http_load AGENT RESPONDER [--seconds S] [--rounds N] [--connections A,B] [--idle N]\n");
         std::exit(2);
     }
     options.agent = argv[1];
@@ -89,8 +90,8 @@ Sample measure(const ChildProcess& server, unsigned short port, const std::vecto
     Sample sample;
     sample.load = runLoad(port, requests, expectedText, connectionCount, seconds);
     if (sample.load.requestCount > 0)
-        sample.cpuUs = static_cast<double>(server.cpuNs() - cpuBefore) / 1000.0 /
-                       static_cast<double>(sample.load.requestCount);
+        sample.cpuUs =
+            static_cast<double>(server.cpuNs() - cpuBefore) / 1000.0 / static_cast<double>(sample.load.requestCount);
     return sample;
 }
 
@@ -102,9 +103,9 @@ const Sample& median(std::vector<Sample>& samples) {
 }
 
 void print(const char* what, const char* program, int connections, const Sample& sample) {
-    std::printf("%-11s %-6s %5d %10.0f req/s  p50 %8.0f us  p99 %8.0f us  max %8.0f us  cpu %6.2f us/req", what, program,
-                connections, sample.load.requestsPerSecond, sample.load.p50Us, sample.load.p99Us, sample.load.maxUs,
-                sample.cpuUs);
+    std::printf("%-11s %-6s %5d %10.0f req/s  p50 %8.0f us  p99 %8.0f us  max %8.0f us  cpu %6.2f us/req", what,
+                program, connections, sample.load.requestsPerSecond, sample.load.p50Us, sample.load.p99Us,
+                sample.load.maxUs, sample.cpuUs);
 }
 
 /// One table: the limit and the agent by turns, for every number of connections. Returns the number of failures.
@@ -154,9 +155,9 @@ int main(int argc, char** argv) {
     ::sched_setaffinity(0, sizeof(cpus), &cpus);
 
     const std::string upstreamBody = R"({"id": 1,"jsonrpc": "2.0","result": {"tools": []}})";
-    const std::string upstreamAnswer = "HTTP/1.1 200 OK\r\ncontent-type: application/json\r\ncontent-length: " +
-                                       std::to_string(upstreamBody.size()) + "\r\nconnection: close\r\n\r\n" +
-                                       upstreamBody;
+    const std::string upstreamAnswer =
+        "HTTP/1.1 200 OK\r\ncontent-type: application/json\r\ncontent-length: " + std::to_string(upstreamBody.size()) +
+        "\r\nconnection: close\r\n\r\n" + upstreamBody;
     std::unique_ptr<ChildProcess> upstream;
     const unsigned short upstreamPort = listeningPort({options.responder, upstreamAnswer}, upstream, kLoadCpu);
 
@@ -164,9 +165,9 @@ int main(int argc, char** argv) {
     const int servicesFd = ::mkstemp(servicesFile);
     writeServices(servicesFile, upstreamPort);
     const unsigned short agentPort = freePort();
-    const ChildProcess agent({options.agent, "--port=" + std::to_string(agentPort),
-                              std::string("--services_file=") + servicesFile},
-                             "listening on", kServerCpu);
+    const ChildProcess agent(
+        {options.agent, "--port=" + std::to_string(agentPort), std::string("--services_file=") + servicesFile},
+        "listening on", kServerCpu);
     ::unlink(servicesFile);
     ::close(servicesFd);
     std::printf("agent: ready after %.1f ms, %ld KiB resident\n", agent.readyMs(), agent.residentKib());
@@ -175,10 +176,11 @@ int main(int argc, char** argv) {
     const std::string ping = post(R"({"jsonrpc":"2.0","id":1,"method":"ping"})", sessionId);
     std::vector<std::string> rpcs;
     for (int i = 0; i < kUpstreamAddresses; ++i)
-        rpcs.push_back(post(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"bridge.rpc","arguments":)"
-                            R"({"serviceId":"up)" +
-                                std::to_string(i) + R"(","request":{"jsonrpc":"2.0","id":1,"method":"tools/list"}}}})",
-                            sessionId));
+        rpcs.push_back(
+            post(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"bridge.rpc","arguments":)"
+                 R"({"serviceId":"up)" +
+                     std::to_string(i) + R"(","request":{"jsonrpc":"2.0","id":1,"method":"tools/list"}}}})",
+                 sessionId));
     const std::string forwarded = "POST /mcp HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(upstreamPort) +
                                   "\r\nAccept: application/json\r\nConnection: close\r\nUser-Agent: forwarder\r\n"
                                   "Content-Type: application/json\r\nContent-Length: 46\r\n\r\n"
@@ -187,11 +189,11 @@ int main(int argc, char** argv) {
     std::unique_ptr<ChildProcess> forwarder;
     const unsigned short limitPort = listeningPort({options.responder, askOnce(agentPort, ping)}, limit, kServerCpu);
     const unsigned short forwarderPort =
-        listeningPort({options.responder, askOnce(agentPort, rpcs[0]), std::to_string(upstreamPort), forwarded}, forwarder,
-                      kServerCpu);
+        listeningPort({options.responder, askOnce(agentPort, rpcs[0]), std::to_string(upstreamPort), forwarded},
+                      forwarder, kServerCpu);
 
-    long long failures = compare("ping", options, *limit, limitPort, agent, agentPort, {ping}, R"("result": {})",
-                                 kNoBound);
+    long long failures =
+        compare("ping", options, *limit, limitPort, agent, agentPort, {ping}, R"("result": {})", kNoBound);
     failures += compare("bridge.rpc", options, *forwarder, forwarderPort, agent, agentPort, rpcs,
                         "transportOk\\\": true", kCallsInFlight);
     if (options.idleConnections > 0) {

@@ -147,7 +147,8 @@ LoadResult runLoad(unsigned short port, const std::vector<std::string>& requests
     std::vector<float> latencies;
     latencies.reserve(1 << 20);
     const Clock::time_point start = Clock::now();
-    const Clock::time_point end = start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+    const Clock::time_point end =
+        start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
     const auto requestOf = [&](const Connection& connection) -> const std::string& {
         return requests[static_cast<std::size_t>(&connection - connections.data()) % requests.size()];
     };
@@ -189,7 +190,8 @@ LoadResult runLoad(unsigned short port, const std::vector<std::string>& requests
     return result;
 }
 
-IdleConnections::IdleConnections(unsigned short port, int count) : fds_(new int[static_cast<std::size_t>(count)]), count_(count) {
+IdleConnections::IdleConnections(unsigned short port, int count)
+    : fds_(new int[static_cast<std::size_t>(count)]), count_(count) {
     for (int i = 0; i < count_; ++i)
         fds_[i] = openConnection(port);
 }

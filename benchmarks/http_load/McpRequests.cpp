@@ -41,12 +41,12 @@ std::string post(const std::string& body, const std::string& sessionId) {
 }
 
 std::string initialize(unsigned short port, bool overTls) {
-    const std::string answer = askOnce(
-        port,
-        post(R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18",)"
-                   R"("capabilities":{},"clientInfo":{"name":"http_load","version":"1"}}})",
-             ""),
-        overTls);
+    const std::string answer =
+        askOnce(port,
+                post(R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18",)"
+                     R"("capabilities":{},"clientInfo":{"name":"http_load","version":"1"}}})",
+                     ""),
+                overTls);
     const std::string sessionId = headerOf(answer, "mcp-session-id");
     if (sessionId.empty()) {
         std::fprintf(stderr, "initialize failed: %s\n", answer.c_str());

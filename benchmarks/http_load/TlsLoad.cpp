@@ -43,12 +43,13 @@ public:
         if (::mkdtemp(name.data()) == nullptr)
             std::exit(1);
         path_ = name;
-        const std::string command = "cd " + name +
-                                    " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2"
-                                    " -subj /CN=localhost -addext subjectAltName=DNS:localhost,IP:127.0.0.1"
-                                    " -keyout key.pem -out cert.pem 2>/dev/null"
-                                    " && cat /etc/ssl/certs/ca-certificates.crt cert.pem >bundle.pem 2>/dev/null;"
-                                    " cat cert.pem >>bundle.pem; test -s cert.pem";
+        const std::string command =
+            "cd " + name +
+            " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2"
+            " -subj /CN=localhost -addext subjectAltName=DNS:localhost,IP:127.0.0.1"
+            " -keyout key.pem -out cert.pem 2>/dev/null"
+            " && cat /etc/ssl/certs/ca-certificates.crt cert.pem >bundle.pem 2>/dev/null;"
+            " cat cert.pem >>bundle.pem; test -s cert.pem";
         if (std::system(command.c_str()) != 0) {
             std::fprintf(stderr, "the openssl program made no certificate\n");
             std::exit(1);
@@ -128,43 +129,46 @@ int main(int argc, char** argv) {
         << R"({"services": [{"id": "up", "endpoint": "https://localhost:)" << upstreamPort << R"(/mcp"}]})";
     ::setenv("ZN_SSL_CA_FILE", tls.file("bundle.pem").c_str(), 1);
 
-    const ChildProcess upstream({argv[2], "--port=" + std::to_string(upstreamPort), "--tls_cert_path=" + certificate,
-                                 "--tls_key_path=" + key},
-                                "listening on", 0);
+    const ChildProcess upstream(
+        {argv[2], "--port=" + std::to_string(upstreamPort), "--tls_cert_path=" + certificate, "--tls_key_path=" + key},
+        "listening on", 0);
     const unsigned short plainPort = freePort();
-    const ChildProcess plainAgent({agentProgram, "--port=" + std::to_string(plainPort),
-                                   "--services_file=" + tls.file("services.json")},
-                                  "listening on", kServerCpu);
+    const ChildProcess plainAgent(
+        {agentProgram, "--port=" + std::to_string(plainPort), "--services_file=" + tls.file("services.json")},
+        "listening on", kServerCpu);
     const unsigned short tlsPort = freePort();
-    const ChildProcess tlsAgent({agentProgram, "--port=" + std::to_string(tlsPort), "--services_file=",
-                                 "--tls_cert_path=" + certificate, "--tls_key_path=" + key},
+    const ChildProcess tlsAgent({agentProgram, "--port=" + std::to_string(tlsPort),
+                                 "--services_file=", "--tls_cert_path=" + certificate, "--tls_key_path=" + key},
                                 "listening on", kServerCpu);
     const unsigned short opensslPort = freePort();
     const ChildProcess openssl({"/usr/bin/env", "openssl", "s_server", "-4", "-www", "-cert", certificate, "-key", key,
                                 "-accept", std::to_string(opensslPort)},
                                "ACCEPT", kServerCpu);
-    compare("ping, 64 connections", "plain", [&] { return loadPing(plainPort, false); }, "TLS",
-            [&] { return loadPing(tlsPort, true); });
-    compare("full handshakes", "openssl s_server", [&] { return runHandshakes(opensslPort, seconds); }, "agent",
-            [&] { return runHandshakes(tlsPort, seconds); });
+    compare(
+        "ping, 64 connections", "plain", [&] { return loadPing(plainPort, false); }, "TLS",
+        [&] { return loadPing(tlsPort, true); });
+    compare(
+        "full handshakes", "openssl s_server", [&] { return runHandshakes(opensslPort, seconds); }, "agent",
+        [&] { return runHandshakes(tlsPort, seconds); });
     // Roots from a file that has just changed are not kept: it could change again under the same time stamp.
-    compare("bridge.rpc to https", "roots read anew",
-            [&] {
-                std::atomic<bool> isOver{false};
-                std::thread changes([&] {
-                    for (; !isOver; ::usleep(100'000))
-                        fs::last_write_time(tls.file("bundle.pem"), fs::file_time_type::clock::now());
-                });
-                const double result = loadRpc(plainPort);
-                isOver = true;
-                changes.join();
-                return result;
-            },
-            "roots kept",
-            [&] {
-                ::usleep(2'200'000);
-                return loadRpc(plainPort);
+    compare(
+        "bridge.rpc to https", "roots read anew",
+        [&] {
+            std::atomic<bool> isOver{false};
+            std::thread changes([&] {
+                for (; !isOver; ::usleep(100'000))
+                    fs::last_write_time(tls.file("bundle.pem"), fs::file_time_type::clock::now());
             });
+            const double result = loadRpc(plainPort);
+            isOver = true;
+            changes.join();
+            return result;
+        },
+        "roots kept",
+        [&] {
+            ::usleep(2'200'000);
+            return loadRpc(plainPort);
+        });
     std::printf("agent with TLS: %ld KiB resident, %lld failures\n", tlsAgent.residentKib(), failures);
     return failures == 0 ? 0 : 1;
 }

@@ -211,14 +211,10 @@ std::string numberText(double value) {
 
 const char* unitText(Measurement::Unit unit) {
     switch (unit) {
-    case Measurement::Unit::OpsPerSecond:
-        return "ops/s";
-    case Measurement::Unit::Milliseconds:
-        return "ms";
-    case Measurement::Unit::Mebibytes:
-        return "MiB";
-    case Measurement::Unit::Times:
-        return "x data";
+    case Measurement::Unit::OpsPerSecond: return "ops/s";
+    case Measurement::Unit::Milliseconds: return "ms";
+    case Measurement::Unit::Mebibytes: return "MiB";
+    case Measurement::Unit::Times: return "x data";
     }
     return "";
 }
@@ -309,9 +305,7 @@ bool writeJson(const Options& options, const std::vector<Figure>& figures) {
 
 void endOnSignals() {
     struct sigaction action = {};
-    action.sa_handler = [](int) {
-        isInterrupted = 1;
-    };
+    action.sa_handler = [](int) { isInterrupted = 1; };
     ::sigaction(SIGINT, &action, nullptr);
     ::sigaction(SIGTERM, &action, nullptr);
 }

@@ -78,8 +78,8 @@ ZnJsonObject listTools() {
         ZnJsonValue properties = std::move(ZnJsonDocument::fromJson(tool.argumentTypes, &parseError).root());
         ZnJsonObject schema{{"type", "object"}};
         schema["properties"] = std::move(properties);
-        tools.append(ZnJsonObject{
-            {"name", tool.name}, {"description", tool.description}, {"inputSchema", std::move(schema)}});
+        tools.append(
+            ZnJsonObject{{"name", tool.name}, {"description", tool.description}, {"inputSchema", std::move(schema)}});
     }
     return {{"tools", std::move(tools)}};
 }
@@ -161,7 +161,8 @@ int main(int argc, char** argv) {
         std::cerr << "echo-service: unable to listen on " << address << ":" << port << std::endl;
         return 2;
     }
-    std::cout << "echo-service: listening on " << (usesTls ? "https://" : "http://") << address << ":" << port << "/mcp" << std::endl;
+    std::cout << "echo-service: listening on " << (usesTls ? "https://" : "http://") << address << ":" << port << "/mcp"
+              << std::endl;
     const int exitCode = application.exec(); // SIGINT and SIGTERM end it
     application.endWaits(kEndMs);            // what waits in "slow" is answered
     return exitCode;

@@ -36,7 +36,8 @@ constexpr const char* kForm = R"(<!doctype html><meta charset="utf-8"><title>Fil
 // --- names: one that came from a peer is refused rather than repaired, so that two never become the same
 
 bool isSafeByte(char c) noexcept {
-    // "/" and "\" separate directories; '"' is left of a name that the form's syntax has cut; the rest is for terminals.
+    // "/" and "\" separate directories; '"' is left of a name that the form's syntax has cut; the rest is for
+    // terminals.
     return static_cast<unsigned char>(c) >= 0x20 && c != 0x7F && c != '/' && c != '\\' && c != '"';
 }
 
@@ -216,7 +217,7 @@ void configure(ZnHttpApp& app, const Store& store) {
     limits.streamMultipart = true; // a file part goes to the disk as it comes
     limits.multipartTempDir = store.incoming();
     limits.maxStreamedBodyBytes = 4ULL << 30;
-    limits.maxBodyBytes = 64 * 1024;   // of other bodies, which would stay in memory
+    limits.maxBodyBytes = 64 * 1024;           // of other bodies, which would stay in memory
     limits.maxMultipartFieldBytes = 16 * 1024; // and so do the fields of a form: up to 4 MiB with this
     limits.maxMultipartHeaderBytes = 4 * 1024;
     limits.maxConnections = 256;

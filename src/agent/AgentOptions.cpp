@@ -30,7 +30,8 @@ constexpr Option kOptions[] = {
     {"mcp_allowed_origin", "", "the one browser origin that may call"},
     {"mcp_allowed_hosts", "any", "names in the Host header: any, local, or a list with commas"},
     {"mcp_throttle", "address", "what failed attempts block: address, or failures alone"},
-    {"mcp_interop", "false", "work with today's MCP clients and servers: true or false, alone it means true", Kind::Switch},
+    {"mcp_interop", "false", "work with today's MCP clients and servers: true or false, alone it means true",
+     Kind::Switch},
     {"max_answer_bytes", "16777216", "largest answer taken from a service, 1024 to 1073741824"},
     {"services_file", "mcp-bridge-services.json", "the allowlist"},
     {"tls_cert_path", "", "certificate file (PEM) for TLS, with tls_key_path"},
@@ -148,7 +149,7 @@ bool AgentOptions::configure(BreltMcpBridgeAgent& agent, ZnString* errorText) co
     agent.setAllowedOrigin(text("mcp_allowed_origin"));
     agent.setAllowedHosts(McpHostRule(text("mcp_allowed_hosts"), text("bind")));
     agent.setThrottle(text("mcp_throttle").trimmed() == "failures" ? BreltMcpBridgeAgent::Throttle::ByFailure
-                                                                    : BreltMcpBridgeAgent::Throttle::ByAddress);
+                                                                   : BreltMcpBridgeAgent::Throttle::ByAddress);
     if (const std::int64_t bytes = maxAnswerBytes_(); bytes != 0)
         agent.setMaxAnswerBytes(bytes);
     agent.setInterop(isOn("mcp_interop"));
@@ -168,7 +169,9 @@ ZnString AgentOptions::helpText() {
         out << std::left << std::setw(kNameColumn) << name << "  " << option.meaning
             << (*option.defaultValue == '\0' ? "; default: none" : "") << "\n";
     }
-    out << std::left << std::setw(kNameColumn) << "  --help, -h" << "  prints this text\n"
-        << std::setw(kNameColumn) << "  --version" << "  prints the version\n";
+    out << std::left << std::setw(kNameColumn) << "  --help, -h"
+        << "  prints this text\n"
+        << std::setw(kNameColumn) << "  --version"
+        << "  prints the version\n";
     return ZnString(out.str());
 }

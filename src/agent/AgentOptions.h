@@ -18,11 +18,12 @@ public:
     ZnString text(std::string_view name) const; // as given, or the default
     bool isOn(std::string_view name) const;     // also when it stands alone
     bool has(std::string_view name) const { return application_.hasArgument(ZnString(name)); }
-    std::uint16_t port() const;                 // 9010 for what is no port
+    std::uint16_t port() const; // 9010 for what is no port
     int durationMs() const { return text("duration_ms").toInt(); }
     bool hasTls() const { return !text("tls_cert_path").isEmpty() && !text("tls_key_path").isEmpty(); }
 
-    /// Hands everything to the agent. False, with the reason, when the token's file gives none: it must not start without.
+    /// Hands everything to the agent. False, with the reason, when the token's file gives none: it must not start
+    /// without.
     bool configure(BreltMcpBridgeAgent& agent, ZnString* errorText) const;
     const std::vector<ZnString>& remarks() const noexcept { return remarks_; }
 

@@ -52,15 +52,11 @@ bool loadCertificate(ZnSslServer& server, const ZnString& certPath, const ZnStri
 
 ZnString listenProblem(int error, const ZnString& address, std::uint16_t port) {
     switch (error) {
-    case ZnSocketError::kAddressInUse:
-        return "port " + ZnString::number(port) + " is in use";
-    case ZnSocketError::kAccessDenied:
-        return "port " + ZnString::number(port) + " may not be used by this user";
+    case ZnSocketError::kAddressInUse: return "port " + ZnString::number(port) + " is in use";
+    case ZnSocketError::kAccessDenied: return "port " + ZnString::number(port) + " may not be used by this user";
     case ZnSocketError::kAddressNotAvailable:
-    case ZnSocketError::kHostNotFound:
-        return address + " is no address of this machine";
-    default:
-        return "cannot listen, error " + ZnString::number(error);
+    case ZnSocketError::kHostNotFound: return address + " is no address of this machine";
+    default: return "cannot listen, error " + ZnString::number(error);
     }
 }
 

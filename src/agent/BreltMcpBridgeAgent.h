@@ -21,7 +21,7 @@
 class BreltMcpBridgeAgent {
 public:
     static constexpr std::uint64_t kMaxBodyBytes = 16777216; // of one request
-    static const char* const kVersion; // of the agent, which is that of the framework
+    static const char* const kVersion;                       // of the agent, which is that of the framework
 
     BreltMcpBridgeAgent();
     /// Stops.
@@ -49,8 +49,8 @@ public:
     /// default, which the allowlist may change.
     void setInterop(bool isOn);
 
-    /// Reads the allowlist and the certificate as start() would, and nothing else. False, with the reason on standard error
-    /// or in the log, when start() would fail because of them.
+    /// Reads the allowlist and the certificate as start() would, and nothing else. False, with the reason on standard
+    /// error or in the log, when start() would fail because of them.
     bool check(const ZnString& tlsCertPath, const ZnString& tlsKeyPath);
     /// After start() or check(): what is in the allowlist that is most likely meant otherwise, one line each.
     const std::vector<ZnString>& remarks() const noexcept { return services_->remarks(); }

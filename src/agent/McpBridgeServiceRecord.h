@@ -16,6 +16,6 @@ struct McpBridgeServiceRecord {
     ZnString bearerToken; // leaves the agent only in requests to `endpoint`
     ZnString tlsCaFile;
     bool enabled = true;
-    bool interop = false; // requests and answers are exact, and answers may be event streams
+    bool interop = false;                       // requests and answers are exact, and answers may be event streams
     std::int32_t timeoutMs = kDefaultTimeoutMs; // of one upstream call, 1 or more
 };

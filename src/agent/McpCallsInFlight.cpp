@@ -7,7 +7,7 @@
 #include <utility>
 
 std::shared_ptr<const void> McpCallsInFlight::holdUnsent(const std::shared_ptr<McpCallsInFlight>& calls,
-                                                        std::size_t byteCount) {
+                                                         std::size_t byteCount) {
     if (calls->unsentBytes_ > 0 && calls->unsentBytes_ + byteCount > kMaxBytes)
         return nullptr;
     calls->unsentBytes_ += byteCount;
@@ -16,7 +16,8 @@ std::shared_ptr<const void> McpCallsInFlight::holdUnsent(const std::shared_ptr<M
 
 void McpCallsInFlight::report(const ZnString& serviceId, const McpForwardResult& result) {
     constexpr const char* kCategory = "zn.agent.mcpcallsinflight";
-    const bool isMeant = result.errorCode == McpForwardCall::kClientGone || result.errorCode == McpForwardCall::kStopped;
+    const bool isMeant =
+        result.errorCode == McpForwardCall::kClientGone || result.errorCode == McpForwardCall::kStopped;
     if (isMeant || result.message.isEmpty())
         return;
     const long long second = monotonicNowNs() / 1000000000;

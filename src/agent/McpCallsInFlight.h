@@ -7,8 +7,8 @@
 #include <list>
 #include <memory>
 
-/// The upstream calls in flight and what they hold, bounded: neither many calls nor large ones take what others need, and
-/// one service that hangs leaves room for those beside it.
+/// The upstream calls in flight and what they hold, bounded: neither many calls nor large ones take what others need,
+/// and one service that hangs leaves room for those beside it.
 ///
 /// Thread: that of the agent.
 /// Owner: shared by the agent and every call in flight, which may outlive the agent.
@@ -46,8 +46,8 @@ public:
         std::size_t bytes_ = 0;
     };
 
-    /// Why a call that holds so many bytes may not begin; null when it may. A service has half of the places while there
-    /// are others.
+    /// Why a call that holds so many bytes may not begin; null when it may. A service has half of the places while
+    /// there are others.
     const char* refusal(const ZnString& serviceId, std::size_t byteCount, bool hasOtherServices) const {
         if (isStopping_)
             return kStopping;
@@ -57,9 +57,10 @@ public:
             return "Too many calls in flight to this service";
         return bytes_ + byteCount > kMaxBytes ? kTooManyBytes : nullptr;
     }
-    /// Counts the bytes of an answer until what is returned goes. Null when the answers that wait for slow clients leave
-    /// no room for it; alone it may have any size.
-    static std::shared_ptr<const void> holdUnsent(const std::shared_ptr<McpCallsInFlight>& calls, std::size_t byteCount);
+    /// Counts the bytes of an answer until what is returned goes. Null when the answers that wait for slow clients
+    /// leave no room for it; alone it may have any size.
+    static std::shared_ptr<const void> holdUnsent(const std::shared_ptr<McpCallsInFlight>& calls,
+                                                  std::size_t byteCount);
 
     static constexpr const char* kTooManyBytes = "Too many bridge bytes in flight";
     static constexpr const char* kStopping = "Agent is stopping";

@@ -63,9 +63,9 @@ ZnString generateToken(std::size_t byteCount) {
 
 ZnString fallbackId(const char* prefix) {
     static std::atomic<unsigned long long> counter{0};
-    const long long nowMs = std::chrono::duration_cast<std::chrono::milliseconds>(
-                                std::chrono::system_clock::now().time_since_epoch())
-                                .count();
+    const long long nowMs =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count();
     const unsigned long long serial = counter.fetch_add(1, std::memory_order_relaxed) + 1;
     return ZnString(prefix) + "-" + ZnString::number(nowMs) + "-" + ZnString::number(serial);
 }

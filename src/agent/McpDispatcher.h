@@ -17,9 +17,9 @@
 
 /// Answers messages: the checks of JSON-RPC, the sessions, the methods. It knows nothing of how they come and go.
 ///
-/// Thread: that of its front, whose fibers interleave where one waits for a service; large messages are read and answered
-/// on workers. No lock is held across a wait.
-/// Owner: shared by the agent and by every front that waits for an answer, which may be left alone with it.
+/// Thread: that of its front, whose fibers interleave where one waits for a service; large messages are read and
+/// answered on workers. No lock is held across a wait. Owner: shared by the agent and by every front that waits for an
+/// answer, which may be left alone with it.
 class McpDispatcher : public std::enable_shared_from_this<McpDispatcher> {
 public:
     static constexpr const char* kProtocolVersion = "2025-06-18";

@@ -55,37 +55,23 @@ ZnString statusText(const ZnString& endpoint, int statusCode, const ZnString& re
 ZnString failureText(int errorCode, const ZnString& endpoint, int timeoutMs, const ZnString& detail) {
     const ZnString address = endpointAddress(endpoint);
     switch (errorCode) {
-    case ZnHttpClient::kUrlNotAccepted:
-        return "the endpoint in the allowlist is no usable URL";
-    case ZnHttpClient::kConnectNotBegun:
-        return "the connection to " + address + " could not begin";
+    case ZnHttpClient::kUrlNotAccepted: return "the endpoint in the allowlist is no usable URL";
+    case ZnHttpClient::kConnectNotBegun: return "the connection to " + address + " could not begin";
     case ZnHttpClient::kInvalidChunkSize:
-    case ZnHttpClient::kInvalidChunkEnd:
-        return "the answer of " + address + " is malformed";
-    case ZnHttpClient::kResponseTooLarge:
-        return "the answer of " + address + " is too large";
-    case ZnHttpClient::kClosedEarly:
-        return address + " closed the connection before its answer was complete";
-    case McpForwardCall::kTimedOut:
-        return "no answer within " + ZnString::number(timeoutMs) + " ms";
-    case McpForwardCall::kStopped:
-        return "the agent was stopped";
-    case ZnSocketError::kConnectionRefused:
-        return "connection refused by " + address;
-    case ZnSocketError::kTimedOut:
-        return address + " did not answer the connection attempt";
-    case ZnSocketError::kConnectionReset:
-        return address + " reset the connection";
+    case ZnHttpClient::kInvalidChunkEnd: return "the answer of " + address + " is malformed";
+    case ZnHttpClient::kResponseTooLarge: return "the answer of " + address + " is too large";
+    case ZnHttpClient::kClosedEarly: return address + " closed the connection before its answer was complete";
+    case McpForwardCall::kTimedOut: return "no answer within " + ZnString::number(timeoutMs) + " ms";
+    case McpForwardCall::kStopped: return "the agent was stopped";
+    case ZnSocketError::kConnectionRefused: return "connection refused by " + address;
+    case ZnSocketError::kTimedOut: return address + " did not answer the connection attempt";
+    case ZnSocketError::kConnectionReset: return address + " reset the connection";
     case ZnSocketError::kHostUnreachable:
-    case ZnSocketError::kNetworkUnreachable:
-        return address + " cannot be reached";
-    case ZnSocketError::kHostNotFound:
-        return "the host name of " + address + " is not known";
+    case ZnSocketError::kNetworkUnreachable: return address + " cannot be reached";
+    case ZnSocketError::kHostNotFound: return "the host name of " + address + " is not known";
     case ZnSslSocket::kHandshakeFailed:
-    case ZnSslSocket::kReadFailed:
-        return tlsText(detail, address);
-    default:
-        return "the connection to " + address + " failed (" + ZnString::number(errorCode) + ")";
+    case ZnSslSocket::kReadFailed: return tlsText(detail, address);
+    default: return "the connection to " + address + " failed (" + ZnString::number(errorCode) + ")";
     }
 }
 

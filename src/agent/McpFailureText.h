@@ -4,8 +4,8 @@
 
 namespace mcp {
 
-/// Why a call to a service has failed, as a sentence for people and models. `errorCode` as ZnHttpClient, its sockets and
-/// McpForwardCall give it; `detail`: what is known of a failure of TLS.
+/// Why a call to a service has failed, as a sentence for people and models. `errorCode` as ZnHttpClient, its sockets
+/// and McpForwardCall give it; `detail`: what is known of a failure of TLS.
 ZnString failureText(int errorCode, const ZnString& endpoint, int timeoutMs, const ZnString& detail);
 
 /// The same for an answer whose status is none of success.

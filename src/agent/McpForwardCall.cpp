@@ -18,7 +18,10 @@ McpForwardCall::McpForwardCall(const McpBridgeServiceRecord& record, McpForwardR
                                std::int64_t maxAnswerBytes, McpWorkers& workers)
     : endpoint_(record.endpoint),
       timeoutMs_(record.timeoutMs < 1 ? McpBridgeServiceRecord::kDefaultTimeoutMs : record.timeoutMs),
-      interop_(record.interop), maxAnswerBytes_(maxAnswerBytes), workers_(workers), request_(std::move(request)) {
+      interop_(record.interop),
+      maxAnswerBytes_(maxAnswerBytes),
+      workers_(workers),
+      request_(std::move(request)) {
     client_.setHeader("Accept", interop_ ? "application/json, text/event-stream" : "application/json");
     if (!request_.protocolVersion.isEmpty())
         client_.setHeader("Mcp-Protocol-Version", request_.protocolVersion);
@@ -41,8 +44,7 @@ McpForwardCall::McpForwardCall(const McpBridgeServiceRecord& record, McpForwardR
 
 McpForwardResult McpForwardCall::run() {
     timer_.startUs(timeoutMs_ * kUsPerMs);
-    const bool hasBegun =
-        client_.request(ZnHttpClient::Post, endpoint_, std::move(request_.body), "application/json");
+    const bool hasBegun = client_.request(ZnHttpClient::Post, endpoint_, std::move(request_.body), "application/json");
     if (!hasBegun)
         finishForward_(false, ZnHttpClient::kUrlNotAccepted); // nothing when a signal has said more already
     if (!hasEnded_)

@@ -15,9 +15,9 @@
 
 /// What a call sends, taken out of the client's message, which is not kept.
 struct McpForwardRequest {
-    ZnByteArray body;                    // a JSON object as text
-    std::optional<ZnJsonValue> id;       // of the object
-    ZnString protocolVersion;            // header values: trimmed, without control characters; an empty one is not sent
+    ZnByteArray body;              // a JSON object as text
+    std::optional<ZnJsonValue> id; // of the object
+    ZnString protocolVersion;      // header values: trimmed, without control characters; an empty one is not sent
     ZnString sessionId;
 };
 
@@ -32,7 +32,7 @@ class McpForwardCall {
 public:
     static constexpr int kTimedOut = -1001; // also: the service closed the connection before its answer was whole
     static constexpr int kStopped = -1002;
-    static constexpr int kClientGone = -1003;  // nobody is there to be told
+    static constexpr int kClientGone = -1003;   // nobody is there to be told
     static constexpr int kTooManyBytes = -1004; // the client is told of it in another way
 
     /// Told how many bytes of the answer have come; false ends the call with kTooManyBytes.

@@ -15,9 +15,7 @@ struct McpForwardResult {
         result.errorCode = errorCode;
         return result;
     }
-    bool isSuccess() const noexcept {
-        return transportOk && !lacksAnswer && statusCode >= 200 && statusCode <= 299;
-    }
+    bool isSuccess() const noexcept { return transportOk && !lacksAnswer && statusCode >= 200 && statusCode <= 299; }
 
     bool transportOk = false;    // a complete HTTP response arrived, whatever its status
     bool isDecoded = false;      // body and notifications hold what an event stream has brought
@@ -25,9 +23,9 @@ struct McpForwardResult {
     std::int32_t errorCode = 0;  // 0 with transportOk
     std::int32_t statusCode = 0; // 0 without a response
     ZnString reason;
-    ZnString mcpSessionId;       // header of the response
-    ZnString message;            // for people and models: why the call has failed; not shown when empty
-    ZnByteArray rawBody;         // as received
-    ZnJsonValue body;            // the answer of a decoded event stream; Null without one
-    ZnJsonArray notifications;   // the stream's other messages
+    ZnString mcpSessionId;     // header of the response
+    ZnString message;          // for people and models: why the call has failed; not shown when empty
+    ZnByteArray rawBody;       // as received
+    ZnJsonValue body;          // the answer of a decoded event stream; Null without one
+    ZnJsonArray notifications; // the stream's other messages
 };

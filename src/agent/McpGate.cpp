@@ -18,8 +18,8 @@ ZnString bearerToken(std::string_view value) {
 
 } // namespace
 
-/// A page that has its own name resolve to this machine is same-origin with the agent in the browser's eyes; only the name
-/// that it has to use gives it away.
+/// A page that has its own name resolve to this machine is same-origin with the agent in the browser's eyes; only the
+/// name that it has to use gives it away.
 std::optional<McpReply> McpGate::refuseHost(const ZnHttpContext& context) const {
     if (settings_.allowedHosts.allows(mcp::headerText(context, "host")))
         return std::nullopt;

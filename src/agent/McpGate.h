@@ -18,8 +18,9 @@
 /// Thread: any, once it is set up. Owner: the agent.
 class McpGate {
 public:
-    /// What failed attempts block. ByAddress: every request of the client's address. ByFailure: a request that would fail
-    /// once more; the right token with no or the allowed origin always passes, and refused origins count by themselves.
+    /// What failed attempts block. ByAddress: every request of the client's address. ByFailure: a request that would
+    /// fail once more; the right token with no or the allowed origin always passes, and refused origins count by
+    /// themselves.
     enum class Throttle { ByAddress, ByFailure };
 
     /// Set before the first request, and not changed any more.

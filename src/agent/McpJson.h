@@ -19,7 +19,8 @@ namespace mcp {
 /// go through, and needs a multiple of its size.
 constexpr std::size_t kMaxJsonValues = 1000000;
 
-/// Reads a message: text without its NUL bytes and a byte order mark in front, of at most kMaxJsonValues values. False, with
+/// Reads a message: text without its NUL bytes and a byte order mark in front, of at most kMaxJsonValues values. False,
+/// with
 /// `*document` as it was, when it is no single JSON object.
 bool readObject(std::string_view text, JsonReading reading, ZnJsonDocument* document);
 

@@ -48,7 +48,8 @@ private:
 
     /// The next character that is not blank; 0 at the end.
     char peek_() {
-        while (at_ < text_.size() && std::string_view(" \t\r\n\v\f\xEF\xBB\xBF").find(text_[at_]) != std::string_view::npos)
+        while (at_ < text_.size() &&
+               std::string_view(" \t\r\n\v\f\xEF\xBB\xBF").find(text_[at_]) != std::string_view::npos)
             step_();
         return at_ < text_.size() ? text_[at_] : '\0';
     }

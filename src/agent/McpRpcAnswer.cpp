@@ -38,7 +38,8 @@ void McpRpcAnswer::build() {
         repairTexts_();
     readBody_();
     ZnString payload = payload_();
-    if (payload.size() > kPayloadFactor * maxBytes_ || escapedBytes(payload.view()) + payload.size() > kTextFactor * maxBytes_) {
+    if (payload.size() > kPayloadFactor * maxBytes_ ||
+        escapedBytes(payload.view()) + payload.size() > kTextFactor * maxBytes_) {
         fail_();
         payload = payload_();
     }

@@ -8,17 +8,20 @@
 
 /// The JSON-RPC response to a "bridge.rpc", as text, made from what the service has answered.
 ///
-/// Thread: a value; build() may run on another thread than the rest. Reading and writing a large answer takes long, which
-/// is why it is apart from everything that belongs to the loop.
-/// Memory: the text is at most three times the bound of an answer, and what it is made from at most as much again; an
-/// answer that grows beyond that becomes the failure of one that is too large.
+/// Thread: a value; build() may run on another thread than the rest. Reading and writing a large answer takes long,
+/// which is why it is apart from everything that belongs to the loop. Memory: the text is at most three times the bound
+/// of an answer, and what it is made from at most as much again; an answer that grows beyond that becomes the failure
+/// of one that is too large.
 class McpRpcAnswer {
 public:
     static constexpr std::size_t kLargeBytes = 262144; // from here on it is too much for the loop
 
     /// `idText`: of the client's request, as JSON. `maxBytes`: of a service's answer.
     McpRpcAnswer(ZnString idText, McpForwardResult result, const McpBridgeServiceRecord& service, std::size_t maxBytes)
-        : idText_(std::move(idText)), result_(std::move(result)), isExact_(service.interop), endpoint_(service.endpoint),
+        : idText_(std::move(idText)),
+          result_(std::move(result)),
+          isExact_(service.interop),
+          endpoint_(service.endpoint),
           maxBytes_(maxBytes) {}
 
     bool isLarge() const noexcept { return result_.rawBody.size() + idText_.size() >= kLargeBytes; }

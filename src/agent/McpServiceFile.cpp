@@ -12,11 +12,11 @@
 
 namespace {
 
-const std::vector<std::string_view> kMembers = {
-    "id",          "title",        "description", "transport",   "endpoint", "url",       "bearerToken",
-    "bearer_token", "tlsCaFile",   "tls_ca_file", "enabled",     "timeoutMs", "interop"};
-constexpr std::string_view kTextMembers[] = {"id",          "title",        "description", "transport",   "endpoint",
-                                             "url",         "bearerToken",  "bearer_token", "tlsCaFile",  "tls_ca_file"};
+const std::vector<std::string_view> kMembers = {"id",      "title",       "description",  "transport", "endpoint",
+                                                "url",     "bearerToken", "bearer_token", "tlsCaFile", "tls_ca_file",
+                                                "enabled", "timeoutMs",   "interop"};
+constexpr std::string_view kTextMembers[] = {"id",  "title",       "description",  "transport", "endpoint",
+                                             "url", "bearerToken", "bearer_token", "tlsCaFile", "tls_ca_file"};
 constexpr std::string_view kBooleanMembers[] = {"enabled", "interop"};
 
 using Entry = McpServiceFile::Entry_;
@@ -76,7 +76,8 @@ public:
         for (const std::string_view name : kTextMembers)
             checkText_(name);
         for (const std::string_view name : kBooleanMembers) {
-            if (const ZnJsonValue& value = entry_.written->value(name); !value.isNull() && value.type() != JsonType::Boolean)
+            if (const ZnJsonValue& value = entry_.written->value(name);
+                !value.isNull() && value.type() != JsonType::Boolean)
                 remark_(name, "must be true or false");
         }
         const ZnJsonValue& timeoutMs = entry_.written->value("timeoutMs");
@@ -112,9 +113,7 @@ private:
                                          [&](const mcp::MemberPlace& entry) { return entry.name == name; });
         add_(member == place_.members.rend() ? place_.line : member->line, "\"" + ZnString(name) + "\" " + text);
     }
-    void add_(int line, const ZnString& text) {
-        remarks_->push_back(mcp::lineText(line, record_.id) + text);
-    }
+    void add_(int line, const ZnString& text) { remarks_->push_back(mcp::lineText(line, record_.id) + text); }
 
     const Entry& entry_;
     const McpBridgeServiceRecord& record_;

@@ -17,8 +17,8 @@
 struct McpServiceFile {
     using ServiceMap = ZnMap<ZnString, std::shared_ptr<const McpBridgeServiceRecord>>;
 
-    /// `isExact`: texts are taken as they are written, else in the agent's JSON dialect; also the default of a service's
-    /// interoperability. False, with `*errorText` telling where, when it is no JSON object.
+    /// `isExact`: texts are taken as they are written, else in the agent's JSON dialect; also the default of a
+    /// service's interoperability. False, with `*errorText` telling where, when it is no JSON object.
     bool read(std::string_view text, bool isExact, ZnString* errorText);
 
     ServiceMap services;

@@ -17,8 +17,8 @@ class McpServiceList {
 public:
     using Ref = std::shared_ptr<const McpBridgeServiceRecord>;
 
-    /// Reads the file; with an empty path there are no services. False, with the reason on standard error and the services
-    /// as they were, when it cannot be read. `isExact`: see McpServiceFile.
+    /// Reads the file; with an empty path there are no services. False, with the reason on standard error and the
+    /// services as they were, when it cannot be read. `isExact`: see McpServiceFile.
     bool load(const ZnString& path, bool isExact);
     /// The same for its text. `path` tells whether others may read it.
     bool read(const ZnString& text, const ZnString& path, bool isExact, ZnString* errorOut);

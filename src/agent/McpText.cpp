@@ -108,8 +108,8 @@ ZnString printable(std::string_view text, std::size_t maxBytes) {
     for (std::size_t at = 0; at < shown.size();) {
         const std::size_t byteCount = characterBytes(shown.substr(at));
         const auto first = static_cast<unsigned char>(shown[at]);
-        const bool isControl = first < 0x20 || first == 0x7F || (byteCount == 2 && first == 0xC2 &&
-                                                                 static_cast<unsigned char>(shown[at + 1]) < 0xA0);
+        const bool isControl = first < 0x20 || first == 0x7F ||
+                               (byteCount == 2 && first == 0xC2 && static_cast<unsigned char>(shown[at + 1]) < 0xA0);
         if (byteCount == 0 || isControl || first == '"' || first == '\\')
             appendEscaped(out, shown[at++]);
         else
@@ -148,12 +148,9 @@ std::string_view nearestName(std::string_view name, const std::vector<std::strin
 
 ZnString fileProblem(const ZnString& path) {
     switch (ZnFileIdentity::of(path).kind) {
-    case ZnFileIdentity::Kind::Missing:
-        return path + ": no such file";
-    case ZnFileIdentity::Kind::Directory:
-        return path + ": is a directory";
-    default:
-        return path + ": cannot be used";
+    case ZnFileIdentity::Kind::Missing: return path + ": no such file";
+    case ZnFileIdentity::Kind::Directory: return path + ": is a directory";
+    default: return path + ": cannot be used";
     }
 }
 

@@ -20,8 +20,8 @@ ZnByteArray wellFormed(ZnByteArray bytes);
 /// `line N, service "id": `, the service only where there is one.
 ZnString lineText(int line, const ZnString& serviceId);
 
-/// The known name that a mistyped one most likely means, by letters changed, left out or added (case, "-" and "_" do not
-/// count); empty when none is near.
+/// The known name that a mistyped one most likely means, by letters changed, left out or added (case, "-" and "_" do
+/// not count); empty when none is near.
 std::string_view nearestName(std::string_view name, const std::vector<std::string_view>& known);
 
 /// Why the file at `path` cannot be used: "PATH: no such file" and the like.

@@ -1,4 +1,5 @@
-// Entry point: options to an agent, one line on standard output, the event loop, an exit code. Or a help text, or a check.
+// Entry point: options to an agent, one line on standard output, the event loop, an exit code. Or a help text, or a
+// check.
 
 #include "agent/AgentOptions.h"
 #include "agent/BreltMcpBridgeAgent.h"
@@ -56,7 +57,10 @@ int runCheck(const AgentOptions& options, BreltMcpBridgeAgent& agent) {
     const bool isFine = isUsable && remarkCount == 0;
     std::cout << "[McpBridge] check: " << agent.serviceCount() << " services, "
               << (options.hasTls() ? "TLS" : "plain HTTP") << ", " << remarkCount << " warnings: "
-              << (isFine ? "fine" : isUsable ? "starts, unless --strict" : "does not start") << std::endl;
+              << (isFine     ? "fine"
+                  : isUsable ? "starts, unless --strict"
+                             : "does not start")
+              << std::endl;
     return isFine ? 0 : kExitCheckFailed;
 }
 

@@ -60,9 +60,9 @@ protected:
         service_.emplace(ECHO_SERVICE_PROGRAM, std::vector<std::string>{"--port=" + servicePort});
         service_->readLine();
         port_ = freePort();
-        const ZnString services = directory_.file(
-            "services.json",
-            R"({"services":[{"id":"echo","endpoint":"http://127.0.0.1:)" + servicePort + R"(/mcp"}]})");
+        const ZnString services =
+            directory_.file("services.json",
+                            R"({"services":[{"id":"echo","endpoint":"http://127.0.0.1:)" + servicePort + R"(/mcp"}]})");
         agent_.emplace(BRELT_AGENT_PROGRAM,
                        std::vector<std::string>{"--port=" + port_, "--services_file=" + services.str()});
         agent_->readLine();

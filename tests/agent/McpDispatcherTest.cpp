@@ -34,21 +34,25 @@ TEST_F(McpDispatcherTest, WhatNeedsNoSessionOrHasAWrongOne) {
     std::string tooManyValues = R"({"jsonrpc":"2.0","id":1,"method":"ping","params":[)";
     for (int value = 0; value < 1000000; ++value)
         tooManyValues += "1,";
-    struct Row { Headers headers; std::string body; int status; std::string answer; };
-    const Row rows[] = {
-        {none, "", 400, refused("Expected a single JSON-RPC object")},
-        {none, "[{}]", 400, refused("Expected a single JSON-RPC object")},
-        {none, tooManyValues + "1]}", 400, refused("Expected a single JSON-RPC object")},
-        {none, R"({"id":1,"method":"ping"})", 200, error(-32600, "Invalid Request")},
-        {none, R"({"jsonrpc":"2.1","id":null})", 400, refused("Invalid JSON-RPC version")},
-        {none, R"({"jsonrpc":"2.0","id":1,"result":{}})", 202, ""}, // a client's response
-        {none, R"({"jsonrpc":"2.0","method":"x"})", 202, ""},
-        {{{"mcp-session-id", newSession()}}, initialized, 202, ""},
-        {none, initialized, 400, refused("Missing Mcp-Session-Id header")},
-        {unknown, initialized, 404, ""},
-        {none, kPing, 400, refused("Missing Mcp-Session-Id header")},
-        {unknown, kPing, 404, ""},
-        {newer, kInitialize, 400, refused("Unsupported MCP protocol version")}};
+    struct Row {
+        Headers headers;
+        std::string body;
+        int status;
+        std::string answer;
+    };
+    const Row rows[] = {{none, "", 400, refused("Expected a single JSON-RPC object")},
+                        {none, "[{}]", 400, refused("Expected a single JSON-RPC object")},
+                        {none, tooManyValues + "1]}", 400, refused("Expected a single JSON-RPC object")},
+                        {none, R"({"id":1,"method":"ping"})", 200, error(-32600, "Invalid Request")},
+                        {none, R"({"jsonrpc":"2.1","id":null})", 400, refused("Invalid JSON-RPC version")},
+                        {none, R"({"jsonrpc":"2.0","id":1,"result":{}})", 202, ""}, // a client's response
+                        {none, R"({"jsonrpc":"2.0","method":"x"})", 202, ""},
+                        {{{"mcp-session-id", newSession()}}, initialized, 202, ""},
+                        {none, initialized, 400, refused("Missing Mcp-Session-Id header")},
+                        {unknown, initialized, 404, ""},
+                        {none, kPing, 400, refused("Missing Mcp-Session-Id header")},
+                        {unknown, kPing, 404, ""},
+                        {newer, kInitialize, 400, refused("Unsupported MCP protocol version")}};
     for (const Row& row : rows)
         expectAnswer(row.headers, row.body, row.status, row.answer);
     agent_.setInterop(true);
@@ -59,7 +63,11 @@ TEST_F(McpDispatcherTest, WhatNeedsNoSessionOrHasAWrongOne) {
 TEST_F(McpDispatcherTest, RequestsInASession) {
     const Headers headers = {{"mcp-session-id", " " + newSession() + " "}, {"mcp-protocol-version", " 2025-06-18 "}};
     expectAnswer(headers, R"({"jsonrpc":"2.0","id":1,"method":"true"})", 202, ""); // no text, so a client's response
-    struct Row { std::string body; std::string answer; bool interop = false; };
+    struct Row {
+        std::string body;
+        std::string answer;
+        bool interop = false;
+    };
     const Row rows[] = {
         {ping("null"), error(-32600, "Invalid Request", "null")},
         {ping("1.5"), error(-32600, "Invalid Request", "null")},
@@ -94,12 +102,13 @@ TEST_F(McpDispatcherTest, InitializeOpensASessionAndDeleteEndsIt) {
     EXPECT_EQ(id.size(), 48u);
     EXPECT_EQ(id.find_first_not_of("0123456789abcdef"), std::string::npos);
     EXPECT_NE(id, newSession());
-    EXPECT_EQ(bodyOf(response),
-              R"({"id": 1,"jsonrpc": "2.0","result": {"capabilities": {"tools": {"listChanged": false}},)"
-              R"("instructions": "Bridge to explicitly configured private MCP services reachable from this BRELT client. )"
-              R"(Use bridge.list_services first. bridge.rpc only calls services listed in the local allowlist.",)"
-              R"("protocolVersion": "2025-06-18","serverInfo": {"name": "brelt-mcp-bridge-agent",)"
-              R"("title": "Brelt MCP Bridge Agent","version": "0.1.0"}}})");
+    EXPECT_EQ(
+        bodyOf(response),
+        R"({"id": 1,"jsonrpc": "2.0","result": {"capabilities": {"tools": {"listChanged": false}},)"
+        R"("instructions": "Bridge to explicitly configured private MCP services reachable from this BRELT client. )"
+        R"(Use bridge.list_services first. bridge.rpc only calls services listed in the local allowlist.",)"
+        R"("protocolVersion": "2025-06-18","serverInfo": {"name": "brelt-mcp-bridge-agent",)"
+        R"("title": "Brelt MCP Bridge Agent","version": "0.1.0"}}})");
     agent_.setInterop(true);
     const ZnHttpResponse newer = post(rpcMessage("initialize", R"({"protocolVersion":"2025-11-25"})"));
     EXPECT_EQ(bodyOf(newer), bodyOf(response)) << "another version gets the same result";

@@ -54,7 +54,12 @@ protected:
 
 TEST_F(McpForwardTest, RefusalsComeInOrderAndWithoutACall) {
     ScriptedPeer peer(ScriptedPeer::silent());
-    struct Row { const char* name; const char* more; std::string arguments; std::string result; };
+    struct Row {
+        const char* name;
+        const char* more;
+        std::string arguments;
+        std::string result;
+    };
     const Row rows[] = {
         {"no service", "", R"({"request":5})", refused("Field 'serviceId' is required", 400)},
         {"no request", "", R"({"serviceId":"x","request":[]})",
@@ -80,7 +85,11 @@ TEST_F(McpForwardTest, RefusalsComeInOrderAndWithoutACall) {
 }
 
 TEST_F(McpForwardTest, OutcomesOfTheCall) {
-    struct Row { const char* name; const char* response; std::string result; };
+    struct Row {
+        const char* name;
+        const char* response;
+        std::string result;
+    };
     const Row rows[] = {
         {"object", "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}",
          R"({"body": {},"errorCode": 0,"mcpSessionId": "","reason": "OK","statusCode": 200,"transportOk": true})"},
@@ -114,7 +123,13 @@ TEST_F(McpForwardTest, AnswersOfAServiceWithInterop) {
     const std::string progress = R"({"jsonrpc":"2.0","method":"notifications/progress","id":"7","params":{"p":1.0}})";
     const std::string answer = "data: {\"id\":\"7\",\ndata: \"result\":{\"n\":1.50}}\n\n";
     const std::string head = "HTTP/1.1 200 OK\r\nMcp-Session-Id: 12\r\nContent-Length: ";
-    struct Row { const char* name; const char* request; std::string response; bool isEnded; std::string result; };
+    struct Row {
+        const char* name;
+        const char* request;
+        std::string response;
+        bool isEnded;
+        std::string result;
+    };
     const Row rows[] = {
         {"JSON", R"({"id":"7"})", head + std::to_string(json.size()) + "\r\n\r\n" + json, false,
          result(R"("body": {"big": 12345678901234567890,"jsonrpc": "2.0","l": ["true","",1e21,1E+2,-0,-0.0,)"
@@ -123,10 +138,12 @@ TEST_F(McpForwardTest, AnswersOfAServiceWithInterop) {
          R"({"errorCode": 0,"mcpSessionId": "12","rawBody": "","reason": "OK","statusCode": 200,"transportOk": true})"},
         {"others come first", R"({"id":"7"})",
          stream("id: 1\ndata:\n\n: ping\n\ndata: " + progress + "\n\ndata: {\"id\":7,\"result\":{}}\n\ndata: oops\n\n" +
-                "event: other\ndata: {\"id\":\"7\"}\n\n" + answer + "data: unread\n\n"), false,
-         result(R"("body": {"id": "7","result": {"n": 1.50}})",
-                R"("notifications": [{"id": "7","jsonrpc": "2.0","method": "notifications/progress","params": {"p": 1.0}},)"
-                R"({"id": 7,"result": {}},"oops"],)")},
+                "event: other\ndata: {\"id\":\"7\"}\n\n" + answer + "data: unread\n\n"),
+         false,
+         result(
+             R"("body": {"id": "7","result": {"n": 1.50}})",
+             R"("notifications": [{"id": "7","jsonrpc": "2.0","method": "notifications/progress","params": {"p": 1.0}},)"
+             R"({"id": 7,"result": {}},"oops"],)")},
         {"by digits", R"({"id":1.0})", stream("data: [{\"id\":1},{\"id\":1.0,\"error\":{}},{\"id\":2}]\n\n"), false,
          result(R"("body": {"error": {},"id": 1.0})", R"("notifications": [{"id": 1},{"id": 2}],)")},
         {"no answer", R"({"id":1})", stream("data: {\"id\":2}\n\ndata: {\"id\":1}\n") + "0\r\n\r\n", true,
@@ -134,7 +151,8 @@ TEST_F(McpForwardTest, AnswersOfAServiceWithInterop) {
          R"("notifications": [{"id": 2}],"rawBody": )"
          R"("data: {\"id\":2}\n\ndata: {\"id\":1}\n","reason": "OK","statusCode": 200,"transportOk": true})"},
         {"interim heads, and no UTF-8", R"({"id":1})",
-         "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 O\xFFK\r\nMcp-Session-Id: 12\r\nContent-Length: 12\r\n\r\n{\"a\":\"\xC3(\xE2\x82\"}",
+         "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 O\xFFK\r\nMcp-Session-Id: 12\r\nContent-Length: "
+         "12\r\n\r\n{\"a\":\"\xC3(\xE2\x82\"}",
          false,
          R"({"body": {"a": "�(��"},"errorCode": 0,"mcpSessionId": "12","reason": "O�K","statusCode": 200,"transportOk": true})"},
         {"text that is no UTF-8", R"({"id":1})", head + "3\r\n\r\na\xFFz", false,
@@ -174,7 +192,11 @@ TEST_F(McpForwardTest, AnswersAreBoundedAlsoByWhatTheyBecome) {
     agent_.setMaxAnswerBytes(kMax);
     const std::string counted = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(kMax - 100) + "\r\n\r\n";
     const std::string large = "\"" + std::string(kMax - 102, 'x') + "\"";
-    struct Row { const char* name; std::string head, body; bool isTaken; };
+    struct Row {
+        const char* name;
+        std::string head, body;
+        bool isTaken;
+    };
     for (const Row& row : {Row{"large", counted, large, true},
                            {"grows when it is escaped", counted, std::string(kMax - 100, '\x01'), false},
                            {"announces too much", "HTTP/1.1 200 OK\r\nContent-Length: 1048577\r\n\r\n", "", false},
@@ -186,9 +208,10 @@ TEST_F(McpForwardTest, AnswersAreBoundedAlsoByWhatTheyBecome) {
             ScriptedPeer peer(ScriptedPeer::answeringAndStaying(row.head + row.body));
             setService(peer.url(), isInterop ? R"(,"interop":true)" : "");
             const std::string address = "127.0.0.1:" + std::to_string(peer.port());
-            EXPECT_EQ(rpc(), row.isTaken ? R"({"body": )" + large + R"(,"errorCode": 0,"mcpSessionId": "","reason": "OK",)" +
-                                               R"("statusCode": 200,"transportOk": true})"
-                                         : failed(-6, isInterop ? "the answer of " + address + " is too large" : ""));
+            EXPECT_EQ(rpc(), row.isTaken
+                                 ? R"({"body": )" + large + R"(,"errorCode": 0,"mcpSessionId": "","reason": "OK",)" +
+                                       R"("statusCode": 200,"transportOk": true})"
+                                 : failed(-6, isInterop ? "the answer of " + address + " is too large" : ""));
         }
 }
 
@@ -203,13 +226,18 @@ TEST_F(McpForwardTest, FailuresHaveTheirCodeAndExplainThemselvesWithInterop) {
     const std::string closed = ScriptedPeer(ScriptedPeer::silent()).url();
     const std::string address = closed.substr(7, closed.find('/', 7) - 7);
     ZnResolver::setLookupForTests([](const ZnString&) { return ZnResolver::Result(); });
-    const struct { std::string url; int code; std::string message; } kRows[] = {
+    const struct {
+        std::string url;
+        int code;
+        std::string message;
+    } kRows[] = {
         {closed, 10061, "connection refused by " + address},
         {silent.url(), -1001, "no answer within 200 ms"},
         {"https" + silent.url().substr(4), -1001, "no answer within 200 ms"},
         {"https" + plain.url().substr(4), ZnSslSocket::kHandshakeFailed,
          "TLS with 127.0.0.1:" + std::to_string(plain.port()) + " failed"},
-        {early.url(), -1001, "127.0.0.1:" + std::to_string(early.port()) + " closed the connection before its answer was complete"},
+        {early.url(), -1001,
+         "127.0.0.1:" + std::to_string(early.port()) + " closed the connection before its answer was complete"},
         {"http://user:hush@" + address + "/", -1, "the endpoint in the allowlist is no usable URL"},
         {"http://name.test:81/?hush", 11001, "the host name of name.test:81 is not known"}};
     for (const auto& row : kRows) {
@@ -255,7 +283,8 @@ TEST_F(McpForwardTest, ACallEndsWithItsClient) {
                                     "\r\ncontent-length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
         ASSERT_EQ(::send(client, message.data(), message.size(), 0), static_cast<ssize_t>(message.size()));
         std::future<void> isRequested = requested.get_future();
-        ASSERT_TRUE(pollUntil([&] { return isRequested.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
+        ASSERT_TRUE(
+            pollUntil([&] { return isRequested.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
         if (isReset)
             resetOnClose(client);
         ::close(client);
@@ -293,7 +322,13 @@ TEST_F(McpForwardTest, WhatCallsHoldIsBounded) {
 }
 
 TEST_F(McpForwardTest, EachServiceGetsTheRequestInItsReading) {
-    struct Row { const char* sessionId; bool agent; const char* service; bool isExact; std::string sentSession; };
+    struct Row {
+        const char* sessionId;
+        bool agent;
+        const char* service;
+        bool isExact;
+        std::string sentSession;
+    };
     for (const Row& row : {Row{"12", false, "", false, ""},
                            {" up-1 ", false, "", false, "Mcp-Session-Id: up-1\r\n"},
                            {"12", true, R"(,"interop":null)", true, "Mcp-Session-Id: 12\r\n"},
@@ -306,11 +341,13 @@ TEST_F(McpForwardTest, EachServiceGetsTheRequestInItsReading) {
             connection.send("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n{\"v\":1.0}");
         });
         agent_.setInterop(row.agent);
-        setService(peer.url("/p?q"), std::string(row.service) + R"(,"bearerToken":" tok ","transport":"STREAMABLE-HTTP")");
+        setService(peer.url("/p?q"),
+                   std::string(row.service) + R"(,"bearerToken":" tok ","transport":"STREAMABLE-HTTP")");
         const std::string result = rpc(R"({"serviceId":"s","sessionId":")" + std::string(row.sessionId) +
                                        R"(","request":{"jsonrpc":"2.0","id":"7","a":{"t":"12","n":1.10}}})");
-        EXPECT_EQ(result, R"({"body": {"v": )" + std::string(row.isExact ? "1.0" : "1") +
-                              R"(},"errorCode": 0,"mcpSessionId": "","reason": "OK","statusCode": 200,"transportOk": true})");
+        EXPECT_EQ(result,
+                  R"({"body": {"v": )" + std::string(row.isExact ? "1.0" : "1") +
+                      R"(},"errorCode": 0,"mcpSessionId": "","reason": "OK","statusCode": 200,"transportOk": true})");
         const std::string body = row.isExact ? R"({"a": {"n": 1.10,"t": "12"},"id": "7","jsonrpc": "2.0"})"
                                              : R"({"a": {"n": 1.1,"t": 12},"id": 7,"jsonrpc": 2})";
         EXPECT_EQ(received.get_future().get(),
@@ -318,7 +355,8 @@ TEST_F(McpForwardTest, EachServiceGetsTheRequestInItsReading) {
                       "\r\nAccept: application/json" + (row.isExact ? ", text/event-stream" : "") +
                       "\r\nAuthorization: Bearer tok\r\n" + row.sentSession +
                       "Connection: close\r\nUser-Agent: ZnHttpClient/1.0\r\nContent-Type: application/json\r\n"
-                      "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+                      "Content-Length: " +
+                      std::to_string(body.size()) + "\r\n\r\n" + body);
     }
     EXPECT_EQ(rpc(R"({"serviceId":"s","request":{"n":1e999}})"),
               refused("Field 'request' holds a number that this service cannot take", 400));
@@ -341,7 +379,8 @@ TEST_F(McpForwardTest, CallsInFlightAreBoundedAndDelayNobodyAndEndWithTheAgent) 
     beginRpc(kToService, note);
     ASSERT_TRUE(runUntil([&] { return parkedCount() == 1; }));
     const std::string other = R"({"serviceId":"t","request":{}})";
-    setServices(R"({"services":[{"id":"s","endpoint":")" + peer.url() + R"("},{"id":"t","endpoint":")" + peer.url() + "\"}]}");
+    setServices(R"({"services":[{"id":"s","endpoint":")" + peer.url() + R"("},{"id":"t","endpoint":")" + peer.url() +
+                "\"}]}");
     constexpr int kHalf = McpCallsInFlight::kMaxCalls / 2;
     for (int i = 1; i < kHalf; ++i)
         beginRpc(kToService, note);

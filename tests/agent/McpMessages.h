@@ -18,7 +18,9 @@ inline const std::string kPing = R"({"jsonrpc":"2.0","id":1,"method":"ping"})";
 inline const std::string kInitialize = rpcMessage("initialize", R"({"protocolVersion":"2025-06-18"})");
 
 /// Whether `text` holds `part`.
-inline bool holds(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+inline bool holds(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
 /// The session that an answer with its head opens; empty when it opens none.
 inline std::string sessionOf(const std::string& answer) {
     const std::string mark = "mcp-session-id: ";

@@ -15,7 +15,7 @@ struct Message {
     std::string start;                         // first line
     std::map<std::string, std::string> fields; // names in lower case, repeated ones joined with ","
     std::string body;
-    std::size_t byteCount = 0;                 // of the whole message
+    std::size_t byteCount = 0; // of the whole message
 };
 
 inline std::string lower(std::string text) {
@@ -67,7 +67,8 @@ private:
             if (line.empty())
                 return true;
             const auto colon = line.find(':');
-            if (colon == std::string::npos || colon == 0 || line.substr(0, colon).find_first_of(" \t") != std::string::npos)
+            if (colon == std::string::npos || colon == 0 ||
+                line.substr(0, colon).find_first_of(" \t") != std::string::npos)
                 return fail_("no field");
             std::string& value = (*fields)[lower(line.substr(0, colon))];
             value += (value.empty() ? "" : ",") + trimmed(line.substr(colon + 1));

@@ -118,14 +118,10 @@ std::string usageOf(const Command& command) {
 
 const char* valueNameOf(const Parameter& parameter) {
     switch (parameter.kind) {
-    case Parameter::Switch:
-        return "";
-    case Parameter::Number:
-        return " N";
-    case Parameter::Bytes:
-        return " KEY";
-    case Parameter::Text:
-        break;
+    case Parameter::Switch: return "";
+    case Parameter::Number: return " N";
+    case Parameter::Bytes: return " KEY";
+    case Parameter::Text: break;
     }
     return " TEXT";
 }

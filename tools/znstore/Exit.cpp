@@ -11,20 +11,14 @@ int fail(ExitCode code, const ZnString& text) {
 
 int fail(const ZnEmbeddedDbStatus& status) {
     switch (status.code()) {
-    case ZnEmbeddedDbStatus::Ok:
-        return kExitOk;
-    case ZnEmbeddedDbStatus::NotFound:
-        return fail(kExitNothingFound, status.message());
-    case ZnEmbeddedDbStatus::InvalidArgument:
-        return fail(kExitUsage, status.message());
+    case ZnEmbeddedDbStatus::Ok: return kExitOk;
+    case ZnEmbeddedDbStatus::NotFound: return fail(kExitNothingFound, status.message());
+    case ZnEmbeddedDbStatus::InvalidArgument: return fail(kExitUsage, status.message());
     case ZnEmbeddedDbStatus::Busy:
     case ZnEmbeddedDbStatus::ReadOnly:
-    case ZnEmbeddedDbStatus::NotAvailable:
-        return fail(kExitNotOpened, status.message());
-    case ZnEmbeddedDbStatus::IoError:
-        return fail(kExitIo, status.message());
-    case ZnEmbeddedDbStatus::Corruption:
-        break;
+    case ZnEmbeddedDbStatus::NotAvailable: return fail(kExitNotOpened, status.message());
+    case ZnEmbeddedDbStatus::IoError: return fail(kExitIo, status.message());
+    case ZnEmbeddedDbStatus::Corruption: break;
     }
     return fail(kExitDamaged, status.message());
 }

@@ -28,16 +28,11 @@ std::size_t characterBytes(unsigned char first) {
 /// Neither overlong nor a surrogate nor above U+10FFFF, which shows in the second byte.
 bool isSecondByteFit(unsigned char first, unsigned char second) {
     switch (first) {
-    case 0xe0:
-        return second >= 0xa0;
-    case 0xed:
-        return second < 0xa0;
-    case 0xf0:
-        return second >= 0x90;
-    case 0xf4:
-        return second < 0x90;
-    default:
-        return true;
+    case 0xe0: return second >= 0xa0;
+    case 0xed: return second < 0xa0;
+    case 0xf0: return second >= 0x90;
+    case 0xf4: return second < 0x90;
+    default: return true;
     }
 }
 
@@ -48,9 +43,7 @@ bool isUtf8(std::string_view bytes) {
         if (byteCount == 0 || byteCount > bytes.size())
             return false;
         const std::string_view rest = bytes.substr(1, byteCount - 1);
-        const auto isContinuation = [](char byte) {
-            return (static_cast<unsigned char>(byte) & 0xc0) == 0x80;
-        };
+        const auto isContinuation = [](char byte) { return (static_cast<unsigned char>(byte) & 0xc0) == 0x80; };
         if (!std::all_of(rest.begin(), rest.end(), isContinuation) ||
             (!rest.empty() && !isSecondByteFit(first, static_cast<unsigned char>(rest.front()))))
             return false;

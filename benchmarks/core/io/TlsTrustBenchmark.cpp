@@ -27,8 +27,14 @@ void trust(benchmark::State& state, const char* caFile, const char* environmentF
 
 BENCHMARK_CAPTURE(trust, discovered, "", nullptr)->ArgName("kept")->Arg(1)->Arg(0)->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(trust, discoveredWithBundle, "", kSystemBundle)
-    ->ArgName("kept")->Arg(1)->Arg(0)->Unit(benchmark::kMicrosecond);
+    ->ArgName("kept")
+    ->Arg(1)
+    ->Arg(0)
+    ->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(trust, explicitBundle, kSystemBundle, nullptr)
-    ->ArgName("kept")->Arg(1)->Arg(0)->Unit(benchmark::kMicrosecond);
+    ->ArgName("kept")
+    ->Arg(1)
+    ->Arg(0)
+    ->Unit(benchmark::kMicrosecond);
 
 } // namespace

@@ -180,7 +180,8 @@ Trips loopTrips() {
     Trips trips;
     const Partner partner([&] {
         int seen = 0;
-        runLoop(sockets[1], [&](LoopSocket& socket) { socket.ping(), ++seen; }, false, [&] { return seen == count; });
+        runLoop(
+            sockets[1], [&](LoopSocket& socket) { socket.ping(), ++seen; }, false, [&] { return seen == count; });
     });
     bool isUnderWay = false;
     runLoop(
@@ -324,7 +325,8 @@ int main(int argumentCount, char** arguments) {
     const auto ratio = [&](const std::vector<double> Way::*values) {
         return median(ways[3].*values) / (1.5 * median(ways[0].*values) + median(ways[2].*values));
     };
-    std::printf("signal : (1.5 futex + loop wake-up) %.2f at p50, %.2f at p99\n", ratio(&Way::p50Us), ratio(&Way::p99Us));
+    std::printf("signal : (1.5 futex + loop wake-up) %.2f at p50, %.2f at p99\n", ratio(&Way::p50Us),
+                ratio(&Way::p99Us));
     std::printf("signal : datagram with loop %.2f at p50\n", median(ways[3].p50Us) / median(ways[2].p50Us));
     std::printf("publications a second: %.0f without listeners, %.0f with one\n", median(alone), median(heard));
     return 0;

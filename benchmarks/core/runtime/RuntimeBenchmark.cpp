@@ -69,7 +69,8 @@ void emitQueued(benchmark::State& state) {
     Sender sender;
     ZnObject receiver;
     long long received = 0;
-    sender.connect(&Sender::changed, &receiver, [&received](int) { ++received; }, ZnConnectionType::QueuedConnection);
+    sender.connect(
+        &Sender::changed, &receiver, [&received](int) { ++received; }, ZnConnectionType::QueuedConnection);
     for (auto _ : state) {
         const long long target = received + kBatch;
         for (int i = 0; i < kBatch; ++i)

@@ -14,10 +14,9 @@
 namespace {
 
 const std::string& messageText() {
-    static const std::string text =
-        R"({"jsonrpc":"2.0","id":17,"method":"tools/call","params":{"name":"bridge.rpc",)"
-        R"("arguments":{"service_id":"billing-eu","request":{"jsonrpc":"2.0","id":1,)"
-        R"("method":"ping","params":{"verbose":true}}}}})";
+    static const std::string text = R"({"jsonrpc":"2.0","id":17,"method":"tools/call","params":{"name":"bridge.rpc",)"
+                                    R"("arguments":{"service_id":"billing-eu","request":{"jsonrpc":"2.0","id":1,)"
+                                    R"("method":"ping","params":{"verbose":true}}}}})";
     return text;
 }
 

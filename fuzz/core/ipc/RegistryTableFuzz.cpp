@@ -28,7 +28,8 @@ void checkRows(const std::uint8_t* data, std::size_t byteCount) {
     ZN_ASSERT(table->count <= RegistryTable::kCapacity);
     purgeStaleRows(*table, 1000000);
     for (std::uint32_t index = 0; index < table->rowCount(); ++index)
-        ZN_ASSERT(table->rows[index].pid != 0 && table->rows[index].refCount != 0 && table->rows[index].lastSeenMs != 0);
+        ZN_ASSERT(table->rows[index].pid != 0 && table->rows[index].refCount != 0 &&
+                  table->rows[index].lastSeenMs != 0);
     table->removeAt(table->rowCount());
     const RegistryRow last = {~0ULL, 1, 1, 1, {}, {}, {}};
     while (table->append(last)) {
@@ -42,7 +43,8 @@ void checkRows(const std::uint8_t* data, std::size_t byteCount) {
 void checkCalls(const std::uint8_t* data, std::size_t byteCount) {
     static const ZnString domain = ZnString("fuzz-") + ZnString::number(::getpid());
     const auto mapping = RegistryTable::open(domain);
-    ZN_ASSERT(mapping != nullptr && mapping->withTable(1000, [&](RegistryTable& table) { fill(table, data, byteCount); }));
+    ZN_ASSERT(mapping != nullptr &&
+              mapping->withTable(1000, [&](RegistryTable& table) { fill(table, data, byteCount); }));
     const SubscriptionKey key{domain, "object", "signal", ZnProcess::currentId(), "fuzz"};
     std::vector<SubscriberInfo> infos;
     ZN_ASSERT(listSubscribers(domain, infos) == RegistryOutcome::Done && infos.size() <= RegistryTable::kCapacity);
@@ -57,7 +59,8 @@ void checkCalls(const std::uint8_t* data, std::size_t byteCount) {
     ZN_ASSERT(refreshSubscription(key, 1) != RegistryOutcome::Busy);
     unregisterSubscription(domain, "object", "signal", key.pid, "fuzz");
     listSubscriberPids(domain, "object", "signal", pids);
-    ZN_ASSERT(outcome == RegistryOutcome::Full || static_cast<std::size_t>(std::count(pids.begin(), pids.end(), key.pid)) == own - 1);
+    ZN_ASSERT(outcome == RegistryOutcome::Full ||
+              static_cast<std::size_t>(std::count(pids.begin(), pids.end(), key.pid)) == own - 1);
 }
 
 } // namespace

@@ -14,12 +14,9 @@ constexpr const char* kCategory = "zn.core.io.znfile";
 
 std::ios_base::openmode streamFlags(ZnFile::OpenMode mode) {
     switch (mode) {
-    case ZnFile::OpenMode::Read:
-        return std::ios_base::in;
-    case ZnFile::OpenMode::Write:
-        return std::ios_base::out | std::ios_base::trunc;
-    case ZnFile::OpenMode::Append:
-        return std::ios_base::out | std::ios_base::app;
+    case ZnFile::OpenMode::Read: return std::ios_base::in;
+    case ZnFile::OpenMode::Write: return std::ios_base::out | std::ios_base::trunc;
+    case ZnFile::OpenMode::Append: return std::ios_base::out | std::ios_base::app;
     }
     ZN_LOG_ERROR(kCategory, "ZnFile::open") << "Mode d'ouverture invalide.";
     return static_cast<std::ios_base::openmode>(mode);

@@ -119,7 +119,8 @@ bool ZnHttpClient::parseAuthority_(std::string_view authority, Target_* target) 
     }
     if (!portText.empty()) {
         bool isNumber = false;
-        const long long port = ZnString(portText.substr(1)).toLongLong(&isNumber); // says nothing about a text that is none
+        const long long port =
+            ZnString(portText.substr(1)).toLongLong(&isNumber); // says nothing about a text that is none
         if (!isNumber || port < 1 || port > std::numeric_limits<std::uint16_t>::max())
             return false;
         target->port = static_cast<std::uint16_t>(port);
@@ -322,22 +323,14 @@ ZnHttpClient::Progress_ ZnHttpClient::processBuffer_(std::string_view* input) {
 
 ZnHttpClient::Progress_ ZnHttpClient::step_(std::string_view* input) {
     switch (state_) {
-    case State_::ReadingHead:
-        return takeHead_(input);
-    case State_::ReadingCounted:
-        return takeCounted_(input);
-    case State_::ReadingChunkSize:
-        return takeChunkSize_(input);
-    case State_::ReadingChunkData:
-        return takeChunkData_(input);
-    case State_::ReadingChunkEnd:
-        return takeChunkEnd_(input);
-    case State_::ReadingToClose:
-        takeBody_(input, std::numeric_limits<std::int64_t>::max());
-        return Progress_::NeedMore;
+    case State_::ReadingHead: return takeHead_(input);
+    case State_::ReadingCounted: return takeCounted_(input);
+    case State_::ReadingChunkSize: return takeChunkSize_(input);
+    case State_::ReadingChunkData: return takeChunkData_(input);
+    case State_::ReadingChunkEnd: return takeChunkEnd_(input);
+    case State_::ReadingToClose: takeBody_(input, std::numeric_limits<std::int64_t>::max()); return Progress_::NeedMore;
     case State_::Idle:
-    case State_::Connecting:
-        break;
+    case State_::Connecting: break;
     }
     return Progress_::NeedMore;
 }
@@ -357,9 +350,7 @@ ZnHttpClient::Progress_ ZnHttpClient::takeHead_(std::string_view* input) {
     }
     if (isWithoutBody_() || contentLength_ == 0)
         return Progress_::Finished;
-    state_ = chunked_              ? State_::ReadingChunkSize
-             : contentLength_ < 0 ? State_::ReadingToClose
-                                  : State_::ReadingCounted;
+    state_ = chunked_ ? State_::ReadingChunkSize : contentLength_ < 0 ? State_::ReadingToClose : State_::ReadingCounted;
     return Progress_::GoOn;
 }
 

@@ -31,8 +31,9 @@ public:
     static constexpr int kWriteFailed = -3;
     static constexpr int kInvalidChunkSize = -4;
     static constexpr int kInvalidChunkEnd = -5;
-    static constexpr int kResponseTooLarge = -6; // larger than setMaxResponseBytes() permits, or the head than kMaxHeadBytes
-    static constexpr int kClosedEarly = -8;      // the connection ended without an error before the response was complete
+    static constexpr int kResponseTooLarge =
+        -6;                                 // larger than setMaxResponseBytes() permits, or the head than kMaxHeadBytes
+    static constexpr int kClosedEarly = -8; // the connection ended without an error before the response was complete
 
     /// Whether request() would take the URL.
     static bool isUsableUrl(const ZnString& url) {
@@ -155,13 +156,13 @@ private:
     void resetResponse_();
     const Result_& resultOrNone_() const noexcept;
 
-    ZnTcpSocket* socket_ = nullptr;        // child; null when idle
-    unsigned requestSerial_ = 0;           // changes when a request ends: tells what was parked or emitting that it is over
+    ZnTcpSocket* socket_ = nullptr; // child; null when idle
+    unsigned requestSerial_ = 0;    // changes when a request ends: tells what was parked or emitting that it is over
     State_ state_ = State_::Idle;
 
-    std::int64_t maxResponseBytes_ = 0;                // 0: no limit
+    std::int64_t maxResponseBytes_ = 0; // 0: no limit
     bool statusFraming_ = false;
-    std::shared_ptr<const BodyObserver> observer_;     // shared with its running call; null without one
+    std::shared_ptr<const BodyObserver> observer_; // shared with its running call; null without one
     ZnString caFile_;
     int method_ = Get;
     Target_ target_;
@@ -169,19 +170,19 @@ private:
     ZnByteArray requestBody_;
     ZnString contentType_;
 
-    ZnByteArray rxBuffer_;                 // received and not yet understood
-    std::size_t headBytes_ = 0;            // of interim responses that were passed over
-    std::size_t scannedBytes_ = 0;         // of it, known not to begin the mark that is searched for
-    ZnByteArray bodyBuffer_;               // decoded
-    std::int64_t bytesReceived_ = 0;       // of the body
+    ZnByteArray rxBuffer_;           // received and not yet understood
+    std::size_t headBytes_ = 0;      // of interim responses that were passed over
+    std::size_t scannedBytes_ = 0;   // of it, known not to begin the mark that is searched for
+    ZnByteArray bodyBuffer_;         // decoded
+    std::int64_t bytesReceived_ = 0; // of the body
     ZnString rawHead_;
     ZnMap<ZnString, ZnString> rxHeaders_;
     int rxStatus_ = 0;
     ZnString rxReason_;
-    std::int64_t contentLength_ = -1;      // -1: unknown
+    std::int64_t contentLength_ = -1; // -1: unknown
     bool chunked_ = false;
-    std::int64_t chunkRemaining_ = 0;      // bytes of the present chunk that are still to come
+    std::int64_t chunkRemaining_ = 0; // bytes of the present chunk that are still to come
 
     ZnString failureDetail_;
-    std::shared_ptr<Result_> result_;      // shared with the emission of `finished`; null without a result
+    std::shared_ptr<Result_> result_; // shared with the emission of `finished`; null without a result
 };

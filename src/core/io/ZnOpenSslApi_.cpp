@@ -16,7 +16,8 @@ const ZnString& environmentPrefix() {
 }
 
 /// The first that loads; a newer name wins wherever its file lies.
-template <std::size_t count> void* loadFirst(const char* const (&names)[count]) {
+template <std::size_t count>
+void* loadFirst(const char* const (&names)[count]) {
     for (const char* name : names) {
         if (void* library = ZnSharedLibrary::load(name))
             return library;
@@ -64,8 +65,8 @@ bool ZnOpenSslApi_::bindSymbols_() {
         return symbol != nullptr ? symbol : ZnSharedLibrary::symbol(library, name);
     };
     bool isComplete = true;
-#define ZN_OPENSSL_BIND(name, library, isRequired)                                                               \
-    name = reinterpret_cast<decltype(name)>(find(library##Library, #name));                                        \
+#define ZN_OPENSSL_BIND(name, library, isRequired)                                                                     \
+    name = reinterpret_cast<decltype(name)>(find(library##Library, #name));                                            \
     isComplete = isComplete && (name != nullptr || !(isRequired));
     ZN_OPENSSL_SYMBOLS(ZN_OPENSSL_BIND)
 #undef ZN_OPENSSL_BIND
@@ -76,7 +77,8 @@ void ZnOpenSslApi_::applyModes(SSL_CTX* context) const {
     if (SSL_CTX_ctrl == nullptr)
         return;
     // A write takes what fits, and is repeated from a buffer that may have moved. Idle connections keep no memory.
-    constexpr long kModes = SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER | SSL_MODE_RELEASE_BUFFERS;
+    constexpr long kModes =
+        SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER | SSL_MODE_RELEASE_BUFFERS;
     SSL_CTX_ctrl(context, SSL_CTRL_MODE, kModes, nullptr);
     // Else one SSL_read would go on for as long as a peer sends key updates, and so stop the loop.
     SSL_CTX_ctrl(context, SSL_CTRL_CLEAR_MODE, SSL_MODE_AUTO_RETRY, nullptr);

@@ -164,22 +164,18 @@ ZnSslEngine_::Outcome ZnSslEngine_::classify_(int result) {
     const int code = api_->SSL_get_error(ssl_, result);
     socketWasDrained_ = errnoValue == EAGAIN;
     switch (code) {
-    case SSL_ERROR_NONE:
-        return result > 0 ? Outcome::None : Outcome::Failure;
-    case SSL_ERROR_WANT_READ:
-        return Outcome::WantRead;
-    case SSL_ERROR_WANT_WRITE:
-        return Outcome::WantWrite;
+    case SSL_ERROR_NONE: return result > 0 ? Outcome::None : Outcome::Failure;
+    case SSL_ERROR_WANT_READ: return Outcome::WantRead;
+    case SSL_ERROR_WANT_WRITE: return Outcome::WantWrite;
     case SSL_ERROR_ZERO_RETURN:
         // Behind the peer's close alert OpenSSL gives this for every failure of the socket as well.
         if (errnoValue == 0 || errnoValue == EAGAIN)
             return Outcome::Closed;
         break;
-    default:
-        break;
+    default: break;
     }
-    lastError_ = "SSL error code " + ZnString::number(code) + " sys=" +
-                 ZnString::number(errnoValue == 0 ? 0 : ZnSocketError::fromErrno(errnoValue));
+    lastError_ = "SSL error code " + ZnString::number(code) +
+                 " sys=" + ZnString::number(errnoValue == 0 ? 0 : ZnSocketError::fromErrno(errnoValue));
     const ZnString detail = sslDetail_();
     if (!detail.isEmpty())
         lastError_ += " " + detail;

@@ -65,8 +65,8 @@ private:
     ZnString sslDetail_() const;
 
     ZnOpenSslApi_* api_ = nullptr;
-    std::shared_ptr<const ZnSslContextHandle_> clientContext_;   // null on the server's side
-    std::shared_ptr<const ZnSslServerContext> serverContext_;    // null on the client's side
+    std::shared_ptr<const ZnSslContextHandle_> clientContext_; // null on the server's side
+    std::shared_ptr<const ZnSslServerContext> serverContext_;  // null on the client's side
     SSL* ssl_ = nullptr;
     bool socketWasDrained_ = false;
     unsigned receivedPartCount_ = 0;

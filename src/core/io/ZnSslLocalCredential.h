@@ -9,5 +9,5 @@ struct ZnSslLocalCredential {
     ZnString hostName;        // the server name of a client that gets this certificate; empty for none
     ZnString certificatePath; // with the chain behind it, if there is one
     ZnString privateKeyPath;
-    bool isDefault = false;   // serves the clients that name no host, or an unknown one
+    bool isDefault = false; // serves the clients that name no host, or an unknown one
 };

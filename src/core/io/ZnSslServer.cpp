@@ -40,8 +40,7 @@ bool ZnSslServer::reloadLocalCredentials(const ZnList<ZnSslLocalCredential>& cre
             usable.append(credential);
     }
     if (usable.isEmpty()) {
-        ZN_LOG_ERROR(kCategory, "ZnSslServer::reloadLocalCredentials")
-            << "TLS init failed: no certificate configured";
+        ZN_LOG_ERROR(kCategory, "ZnSslServer::reloadLocalCredentials") << "TLS init failed: no certificate configured";
         return false;
     }
     ZnString errorText;

@@ -37,6 +37,6 @@ private:
 
     const ZnOpenSslApi_& api_;
     std::vector<std::unique_ptr<ZnSslContextHandle_>> contexts_;
-    SSL_CTX* defaultContext_ = nullptr;       // one of contexts_
-    ZnMap<ZnString, SSL_CTX*> sniContexts_;   // by normalized host name; each one of contexts_
+    SSL_CTX* defaultContext_ = nullptr;     // one of contexts_
+    ZnMap<ZnString, SSL_CTX*> sniContexts_; // by normalized host name; each one of contexts_
 };

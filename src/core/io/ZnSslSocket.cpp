@@ -224,12 +224,9 @@ bool ZnSslSocket::hasWantedIo_() const {
 
 ZnSslSocket::News_ ZnSslSocket::run_(Operation_ operation) {
     switch (operation) {
-    case Operation_::Handshake:
-        return doHandshake_();
-    case Operation_::Read:
-        return doRead_();
-    default:
-        return doWrite_();
+    case Operation_::Handshake: return doHandshake_();
+    case Operation_::Read: return doRead_();
+    default: return doWrite_();
     }
 }
 
@@ -348,17 +345,14 @@ void ZnSslSocket::announce_(News_ news) {
     const unsigned serial = connectionSerial_;
     const auto isSame = [&] { return self && serial == connectionSerial_; };
     switch (news) {
-    case News_::None:
-        return;
+    case News_::None: return;
     case News_::Encrypted:
         state_ = SocketState::Connected;
         connected();
         if (isSame())
             encrypted();
         return;
-    case News_::DataCame:
-        deliver_();
-        return;
+    case News_::DataCame: deliver_(); return;
     case News_::WritesDone:
         insideWriteFinished_ = true;
         writeFinished();
@@ -370,9 +364,7 @@ void ZnSslSocket::announce_(News_ news) {
     case News_::HandshakeFailed:
         failSsl_(kHandshakeFailed, "[ZnSslSocket] OpenSSL handshake failed: " + engine_->lastError());
         return;
-    case News_::ReadFailed:
-        failSsl_(kReadFailed, "[ZnSslSocket] OpenSSL read failed: " + engine_->lastError());
-        return;
+    case News_::ReadFailed: failSsl_(kReadFailed, "[ZnSslSocket] OpenSSL read failed: " + engine_->lastError()); return;
     case News_::WriteFailed:
         failSsl_(kWriteFailed, "[ZnSslSocket] OpenSSL write failed: " + engine_->lastError());
         return;

@@ -56,8 +56,8 @@ public:
     void setHoldOnPeerClose(bool hold) override;
 
     // Signals.
-    void encrypted();                                // right behind `connected`
-    void sslErrors(const ZnList<ZnString>& errors);  // one entry; ahead of `errorOccurred`
+    void encrypted();                               // right behind `connected`
+    void sslErrors(const ZnList<ZnString>& errors); // one entry; ahead of `errorOccurred`
 
 protected:
     bool onConnectReady_() override;
@@ -108,10 +108,10 @@ private:
     bool readWantsRoom_ = false;              // a read wanted to write, and the socket has had no room since
     bool writeWantsRoom_ = false;             // a write
     bool pumpScheduled_ = false;
-    unsigned connectionSerial_ = 0;           // tells a frame that was parked that the connection is another one
-    bool insideDelivery_ = false;             // a receiver of readyRead runs
-    bool insideWriteFinished_ = false;        // a receiver of that one runs
-    bool readHasFailed_ = false;              // to be announced when what came before has been read
-    bool closeAnnounced_ = false;             // readyRead has told a holder of the peer's close
-    ZnByteArray plainBuffer_;                 // decrypted, not read yet; at most about kMaxPlainBytes
+    unsigned connectionSerial_ = 0;    // tells a frame that was parked that the connection is another one
+    bool insideDelivery_ = false;      // a receiver of readyRead runs
+    bool insideWriteFinished_ = false; // a receiver of that one runs
+    bool readHasFailed_ = false;       // to be announced when what came before has been read
+    bool closeAnnounced_ = false;      // readyRead has told a holder of the peer's close
+    ZnByteArray plainBuffer_;          // decrypted, not read yet; at most about kMaxPlainBytes
 };

@@ -86,8 +86,8 @@ struct Places_ {
     }
 
     std::vector<ZnString> settings() const {
-        std::vector<ZnString> all = {defaultFile, defaultDir, fallbackCaFile(), fallbackCaDir(), environmentFile,
-                                     environmentDir};
+        std::vector<ZnString> all = {defaultFile,     defaultDir,      fallbackCaFile(),
+                                     fallbackCaDir(), environmentFile, environmentDir};
         all.insert(all.end(), bundleFiles.begin(), bundleFiles.end());
         return all;
     }
@@ -230,7 +230,8 @@ public:
     }
 
 private:
-    template <typename Function> static void bind_(const ZnOpenSslApi_& api, const char* name, Function* function) {
+    template <typename Function>
+    static void bind_(const ZnOpenSslApi_& api, const char* name, Function* function) {
         *function = reinterpret_cast<Function>(ZnSharedLibrary::symbol(api.sslLibrary, name));
     }
 

@@ -62,7 +62,7 @@ private:
     int listenError_ = 0;
     unsigned short localPort_ = 0;
     ZnString localAddress_;
-    ZnString boundHost_; // as asked for, without brackets
+    ZnString boundHost_;      // as asked for, without brackets
     bool backingOff_ = false; // one timer is on its way; until then no accept is tried
     long long lastAcceptReportNs_ = 0;
 };

@@ -388,8 +388,7 @@ bool ZnTcpSocket::writeGathered(ZnString head, ZnByteArray body) {
     if (!canTransfer_())
         return false;
     if (writeBuffer_.isEmpty() && canSendDirectly_()) {
-        const ZnSocketHandle::Transfer transfer =
-            handle_->send(head.data(), head.size(), body.data(), body.size());
+        const ZnSocketHandle::Transfer transfer = handle_->send(head.data(), head.size(), body.data(), body.size());
         // The usual large answer: the head is out and most of the body is not. The body becomes the buffer.
         if (transfer.byteCount >= head.size() && !body.isEmpty()) {
             body.consumeFront(transfer.byteCount - head.size());
@@ -455,8 +454,8 @@ unsigned long long ZnTcpSocket::bytesTaken() const {
 
 bool ZnTcpSocket::waitForConnected(int msecs) {
     return waitFor_(
-        &ZnAbstractSocket::connected,
-        [](const ZnTcpSocket& socket) { return socket.state_ == SocketState::Connected; }, msecs);
+        &ZnAbstractSocket::connected, [](const ZnTcpSocket& socket) { return socket.state_ == SocketState::Connected; },
+        msecs);
 }
 
 bool ZnTcpSocket::waitForBytesWritten(int msecs) {

@@ -57,8 +57,8 @@ public:
     /// How the peer stands, asked from the system: events may wait for a fiber that is parked inside one of them.
     enum class PeerState { Open, Finished, Gone }; // Finished: its sending side is closed, which may be all, or not
     PeerState peerState() const;
-    /// How much of bytesSent() the peer has taken, which changes while it takes: the system's buffer may hold megabytes,
-    /// and takes more only in large lumps.
+    /// How much of bytesSent() the peer has taken, which changes while it takes: the system's buffer may hold
+    /// megabytes, and takes more only in large lumps.
     unsigned long long bytesTaken() const;
 
 protected:

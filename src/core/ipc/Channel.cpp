@@ -23,7 +23,10 @@ constexpr int kRetryWaitMs = 1; // of 20: little enough for a loop, and more tha
 class Channel::Core_ : public std::enable_shared_from_this<Core_> {
 public:
     Core_(ZnString domain, ZnString object, ZnString signal, std::shared_ptr<detail::SignalBlock> block)
-        : domain_(std::move(domain)), object_(std::move(object)), signal_(std::move(signal)), block_(std::move(block)) {}
+        : domain_(std::move(domain)),
+          object_(std::move(object)),
+          signal_(std::move(signal)),
+          block_(std::move(block)) {}
 
     void publish(SignalValue value) {
         // Who has had to wait in vain does not wait again: a loop that publishes often would hardly do anything else.
@@ -87,8 +90,7 @@ private:
     void tell_(int waitMs) {
         block_->wakeWaiters();
         std::vector<std::uint32_t> pids;
-        const auto outcome =
-            listSubscriberPids(domain_, object_, signal_, pids, waitMs, detail::ProcessCheck::WhenDue);
+        const auto outcome = listSubscriberPids(domain_, object_, signal_, pids, waitMs, detail::ProcessCheck::WhenDue);
         const bool isBusy = outcome == detail::RegistryOutcome::Busy;
         {
             const ZnMutexLocker locker(lock_);
@@ -142,7 +144,7 @@ private:
     const ZnString signal_;
     const std::shared_ptr<detail::SignalBlock> block_;
 
-    mutable ZnMutex lock_; // leaf; taken behind the channel's mutex
+    mutable ZnMutex lock_;                                    // leaf; taken behind the channel's mutex
     std::optional<SignalValue> pending_ ZN_GUARDED_BY(lock_); // could not be written; the latest only
     bool owesNotification_ ZN_GUARDED_BY(lock_) = false;      // written, but subscribers could not be listed
     bool isRetryDue_ ZN_GUARDED_BY(lock_) = false;
@@ -155,8 +157,7 @@ std::unique_ptr<Channel> Channel::open(const ZnString& domain, const ZnString& o
     std::shared_ptr<detail::SignalBlock> block = detail::SignalBlock::open(domain, object, signal, errorText);
     if (!block)
         return nullptr;
-    return std::unique_ptr<Channel>(
-        new Channel(std::make_shared<Core_>(domain, object, signal, std::move(block))));
+    return std::unique_ptr<Channel>(new Channel(std::make_shared<Core_>(domain, object, signal, std::move(block))));
 }
 
 Channel::Channel(std::shared_ptr<Core_> core) : core_(std::move(core)) {}

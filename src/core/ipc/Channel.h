@@ -24,8 +24,8 @@ public:
     Channel& operator=(const Channel&) = delete;
 
     /// Publishes the two values and wakes whoever listens. True always: when another process stands still with the
-    /// channel's or the registry's mutex in hand, this waits a few milliseconds and the rest is done later, for the latest
-    /// values only.
+    /// channel's or the registry's mutex in hand, this waits a few milliseconds and the rest is done later, for the
+    /// latest values only.
     bool publish(std::uint64_t first, std::uint64_t second);
     /// Whether something is still to be done later.
     bool hasUnsaid() const;

@@ -51,9 +51,11 @@ struct Home {
         return memory ? static_cast<DispatchTable*>(memory->data()) : nullptr;
     }
     void open() ZN_REQUIRES(mutex) {
-        ZnSharedMemory::removeUnused(detail::dispatchTablePrefix(), detail::nameSuffix()); // of processes that were killed
+        ZnSharedMemory::removeUnused(detail::dispatchTablePrefix(),
+                                     detail::nameSuffix()); // of processes that were killed
         ZnString reason;
-        memory = ZnSharedMemory::open(detail::dispatchTableName(), sizeof(DispatchTable), {&makeTable, &isTable}, &reason);
+        memory =
+            ZnSharedMemory::open(detail::dispatchTableName(), sizeof(DispatchTable), {&makeTable, &isTable}, &reason);
         if (!memory)
             ZN_LOG_ERROR(kCategory, "dispatchTable") << "Table of callbacks: " << reason;
     }
@@ -117,8 +119,7 @@ bool detail::runDispatchTable() {
         if (table == nullptr)
             return false;
         for (std::size_t index = 0; index < callbacks.size(); ++index)
-            callbacks[index] =
-                std::atomic_ref<DispatchCallback>(table->slots[index]).load(std::memory_order_acquire);
+            callbacks[index] = std::atomic_ref<DispatchCallback>(table->slots[index]).load(std::memory_order_acquire);
     }
     for (const DispatchCallback callback : callbacks) {
         if (callback != nullptr)

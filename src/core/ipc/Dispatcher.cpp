@@ -67,7 +67,8 @@ void Dispatcher::beginWait_(zn::atomic::Thread* thread) {
         waitThread_ = thread;
     });
     if (watchId_ != 0 && !detail::addDispatchCallback(&dispatchAllSubscriptions))
-        ZN_LOG_WARNING(kCategory, "Dispatcher::add") << "No room in the table of callbacks; this module goes without it";
+        ZN_LOG_WARNING(kCategory, "Dispatcher::add")
+            << "No room in the table of callbacks; this module goes without it";
 }
 
 void Dispatcher::remove(std::uint64_t id, const std::shared_ptr<CallbackRecord>& record) {

@@ -9,7 +9,8 @@ namespace {
 constexpr std::size_t kMaxPlainBytes = 32;
 
 bool isPlain(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '.' || c == '_';
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
+           c == '_';
 }
 
 ZnString signalName(const ZnString& domain, const ZnString& object, const ZnString& signal, const char* ending) {
@@ -21,7 +22,8 @@ ZnString signalName(const ZnString& domain, const ZnString& object, const ZnStri
 bool fits(const char* what, const ZnString& text, std::size_t maxBytes, ZnString* errorText) {
     if (text.size() <= maxBytes && !text.contains(std::string_view("\0", 1)))
         return true;
-    *errorText = ZnString("the ") + what + " is longer than " + ZnString::number(maxBytes) + " bytes or has a zero byte";
+    *errorText =
+        ZnString("the ") + what + " is longer than " + ZnString::number(maxBytes) + " bytes or has a zero byte";
     return false;
 }
 
@@ -92,7 +94,8 @@ ZnString dispatchTablePrefix() {
 }
 
 ZnString dispatchTableName() {
-    return dispatchTablePrefix() + ZnString::number(ZnProcess::currentId()) + "_" + ZnProcess::startTime() + nameSuffix();
+    return dispatchTablePrefix() + ZnString::number(ZnProcess::currentId()) + "_" + ZnProcess::startTime() +
+           nameSuffix();
 }
 
 } // namespace detail

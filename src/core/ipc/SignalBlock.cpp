@@ -25,7 +25,7 @@ namespace {
 constexpr char kMagic[4] = {'1', 'G', 'I', 'S'};
 constexpr std::uint32_t kVersion = 1;
 constexpr std::size_t kPairBytes = 16;
-constexpr std::size_t kDraftAt = kPairBytes;           // in the payload: the values of the publication that is under way
+constexpr std::size_t kDraftAt = kPairBytes; // in the payload: the values of the publication that is under way
 constexpr std::size_t kDraftSequenceAt = 2 * kPairBytes; // and the number that it will have
 
 std::atomic_ref<std::uint64_t> atomicOf(std::uint64_t& value) {
@@ -118,9 +118,9 @@ void SignalBlock::wakeWaiters() {
 
 bool SignalBlock::waitForChange(std::uint64_t seen, int timeoutMs) {
     Layout_& layout = layout_();
-    // The count goes up before the sequence is compared, and a publisher raises the sequence before it reads the count: one
-    // of the two sees the other. That takes the sequentially consistent order of all four. The system compares the low
-    // half of the sequence once more when it lays the thread to sleep.
+    // The count goes up before the sequence is compared, and a publisher raises the sequence before it reads the count:
+    // one of the two sees the other. That takes the sequentially consistent order of all four. The system compares the
+    // low half of the sequence once more when it lays the thread to sleep.
     const std::atomic_ref<std::int32_t> waiterCount(layout.waiterCount);
     waiterCount.fetch_add(1, std::memory_order_seq_cst);
     if (sequence() == seen)

@@ -22,10 +22,9 @@ namespace detail {
 ///    28  4096  payload
 ///  4124     4  number of waiters that sleep
 ///
-/// A publication is the first 16 bytes of the payload: two numbers of 8 bytes. Behind them it stands once more, with the
-/// number that it will have, so that a publisher that dies half way does not leave half of each: who takes the mutex next
-/// finishes it.
-/// Thread: any.
+/// A publication is the first 16 bytes of the payload: two numbers of 8 bytes. Behind them it stands once more, with
+/// the number that it will have, so that a publisher that dies half way does not leave half of each: who takes the
+/// mutex next finishes it. Thread: any.
 class SignalBlock {
 public:
     static constexpr std::size_t kByteCount = 4128;
@@ -35,8 +34,8 @@ public:
                                              ZnString* errorText);
 
     std::uint64_t sequence() const;
-    /// Asks `source` for the values under the mutex and publishes them, if it gives any. False, and nothing asked, when the
-    /// mutex could not be had within `waitMs` milliseconds.
+    /// Asks `source` for the values under the mutex and publishes them, if it gives any. False, and nothing asked, when
+    /// the mutex could not be had within `waitMs` milliseconds.
     template <typename Source>
     bool publish(int waitMs, Source source) {
         const ZnSharedMutexLocker locker(mutex_.get(), waitMs);
@@ -48,13 +47,14 @@ public:
             write_(*value);
         return true;
     }
-    /// The latest publication. False, with `*value` as it was, when the mutex could not be had within `waitMs` milliseconds.
+    /// The latest publication. False, with `*value` as it was, when the mutex could not be had within `waitMs`
+    /// milliseconds.
     bool read(int waitMs, SignalValue* value);
 
     /// Wakes who sleeps in waitForChange; no system call when there is nobody.
     void wakeWaiters();
-    /// Sleeps while the sequence is `seen`, for `timeoutMs` milliseconds at most. Blocks the thread: not for one with an
-    /// event loop. True when the sequence has changed.
+    /// Sleeps while the sequence is `seen`, for `timeoutMs` milliseconds at most. Blocks the thread: not for one with
+    /// an event loop. True when the sequence has changed.
     bool waitForChange(std::uint64_t seen, int timeoutMs);
 
 private:

@@ -121,15 +121,15 @@ RegistryOutcome withRegistry(const ZnString& domain, int waitMs, Work work) {
     const std::shared_ptr<RegistryTable::Mapping> mapping = RegistryTable::open(domain);
     if (!mapping)
         return RegistryOutcome::NoRegistry;
-    return mapping->withTable(waitMs, [&](RegistryTable& table) { work(table, *mapping); }) ? RegistryOutcome::Done : RegistryOutcome::Busy;
+    return mapping->withTable(waitMs, [&](RegistryTable& table) { work(table, *mapping); }) ? RegistryOutcome::Done
+                                                                                            : RegistryOutcome::Busy;
 }
 
 bool isStale(const RegistryRow& row, std::uint64_t now, bool checksProcess) {
     const std::uint64_t lastSeenMs = row.lastSeenMs;
     const std::uint32_t pid = row.pid;
     const bool isSilent = now >= lastSeenMs && now - lastSeenMs > RegistryTable::kMaxSilenceMs;
-    return pid == 0 || lastSeenMs == 0 || row.refCount == 0 || isSilent ||
-           (checksProcess && isProcessGone(pid) == 1);
+    return pid == 0 || lastSeenMs == 0 || row.refCount == 0 || isSilent || (checksProcess && isProcessGone(pid) == 1);
 }
 
 void purge(RegistryTable& table, std::uint64_t now, bool checksProcesses) {
@@ -269,7 +269,8 @@ RegistryOutcome listSubscribers(const ZnString& domain, std::vector<SubscriberIn
             const RegistryRow row = table.rows[index];
             const std::uint64_t ageMs = now >= row.lastSeenMs ? now - row.lastSeenMs : 0;
             if (textOf(row.domain) == domain.view()) // two domains may share a registry
-                out.push_back({row.pid, row.refCount, ageMs, ZnString(textOf(row.object)), ZnString(textOf(row.signal))});
+                out.push_back(
+                    {row.pid, row.refCount, ageMs, ZnString(textOf(row.object)), ZnString(textOf(row.signal))});
         }
     });
 }

@@ -87,15 +87,15 @@ private:
     static void dropHalfMoved_(SubscribersRegistryTable& table);
 
     const std::unique_ptr<ZnSharedMemory> memory_;
-    const std::unique_ptr<ZnSharedMutex> mutex_; // null: it could not be opened, and the registry works without
+    const std::unique_ptr<ZnSharedMutex> mutex_;       // null: it could not be opened, and the registry works without
     std::atomic<std::uint64_t> lastProcessCheckMs_{0}; // atomic, because the mutex may be missing
 };
 
 /// Removes the rows of subscribers that are gone or have been silent for too long.
 void purgeStaleRows(RegistryTable& table, std::uint64_t nowMs);
 
-/// Whether the system is asked for the processes of the rows: always, or when that was a while ago. A publisher that told
-/// a hundred processes a thousand times a second would ask for little else.
+/// Whether the system is asked for the processes of the rows: always, or when that was a while ago. A publisher that
+/// told a hundred processes a thousand times a second would ask for little else.
 enum class ProcessCheck { Always, WhenDue };
 
 /// The five texts and numbers that name a subscription.

@@ -18,11 +18,11 @@ namespace zn::ipc {
 namespace {
 
 constexpr const char* kCategory = "zn.core.ipc.subscription";
-constexpr int kHeartbeatMs = 5000;  // a third of what makes a row nobody's
-constexpr int kRegisterMs = 100;    // while the registry's mutex cannot be had
-constexpr int kRetryMs = 20;        // while the channel's mutex cannot be had
+constexpr int kHeartbeatMs = 5000; // a third of what makes a row nobody's
+constexpr int kRegisterMs = 100;   // while the registry's mutex cannot be had
+constexpr int kRetryMs = 20;       // while the channel's mutex cannot be had
 constexpr int kRetryWaitMs = 1;
-constexpr int kSleepMs = 1000;      // a waiter looks up so often, at least
+constexpr int kSleepMs = 1000; // a waiter looks up so often, at least
 
 const char* reasonFor(detail::RegistryOutcome outcome) {
     return outcome == detail::RegistryOutcome::Full ? "the domain has as many subscriptions as it can have"
@@ -36,9 +36,12 @@ const char* reasonFor(detail::RegistryOutcome outcome) {
 class Subscription::Core_ : public std::enable_shared_from_this<Core_> {
 public:
     Core_(detail::SubscriptionKey key, std::shared_ptr<detail::SignalBlock> block, Callback callback)
-        : key_(std::move(key)), block_(std::move(block)), callback_(std::move(callback)),
+        : key_(std::move(key)),
+          block_(std::move(block)),
+          callback_(std::move(callback)),
           id_(subscriptionId(key_.domain, key_.object, key_.signal, key_.pid, key_.subscriberObject)),
-          forkCount_(ZnProcess::forkCount()), seen_(block_->sequence()) {}
+          forkCount_(ZnProcess::forkCount()),
+          seen_(block_->sequence()) {}
 
     bool begin(ZnString* errorText);
     void end();
@@ -65,8 +68,8 @@ private:
     const std::uint64_t id_;
     const unsigned forkCount_; // a child that has been forked leaves all this alone
     const std::shared_ptr<CallbackRecord> record_ = std::make_shared<CallbackRecord>();
-    std::atomic<std::uint64_t> seen_;     // sequence that has been called back for; written on the own thread
-    std::atomic<bool> isPosted_{false};   // a delivery is on its way; pairs with onNotified_()
+    std::atomic<std::uint64_t> seen_;   // sequence that has been called back for; written on the own thread
+    std::atomic<bool> isPosted_{false}; // a delivery is on its way; pairs with onNotified_()
     bool isDelivering_ = false;
     bool isRetryDue_ = false;
     bool hasWaitedInVain_ = false; // for the channel's mutex: the next wait is a short one
@@ -193,9 +196,11 @@ void Subscription::Core_::planHeartbeat_(int delayMs) {
 void Subscription::Core_::beat_() {
     const auto count = static_cast<std::uint32_t>(Dispatcher::instance().countOf(id_));
     const detail::RegistryOutcome outcome = detail::refreshSubscription(key_, count, kRetryWaitMs);
-    isRegistered_ = outcome == detail::RegistryOutcome::Done || (isRegistered_ && outcome == detail::RegistryOutcome::Busy);
+    isRegistered_ =
+        outcome == detail::RegistryOutcome::Done || (isRegistered_ && outcome == detail::RegistryOutcome::Busy);
     if (outcome == detail::RegistryOutcome::Full && !std::exchange(isFullReported_, true))
-        ZN_LOG_WARNING(kCategory, "Subscription::beat") << "Lost the place of " << key_.signal << ": " << reasonFor(outcome);
+        ZN_LOG_WARNING(kCategory, "Subscription::beat")
+            << "Lost the place of " << key_.signal << ": " << reasonFor(outcome);
     planHeartbeat_(outcome == detail::RegistryOutcome::Busy ? kRegisterMs : kHeartbeatMs);
     onNotified_(); // while the row was not there, nobody called
 }

@@ -11,17 +11,18 @@ namespace zn::ipc {
 
 /// Listens to one signal of one publisher.
 ///
-/// Calls back with the latest publication whenever there is one that it has not seen; publications that follow each other
-/// quickly are seen as one, the last one never is missed. Those before the subscription do not count.
-/// Thread: made and ended on a thread with an event loop, before that loop goes; the callback runs there, on a fiber, so
-/// it may park. It is not called again while it runs, and what comes meanwhile follows.
-/// Owner: whoever subscribed. In a child that has been forked it is silent.
+/// Calls back with the latest publication whenever there is one that it has not seen; publications that follow each
+/// other quickly are seen as one, the last one never is missed. Those before the subscription do not count. Thread:
+/// made and ended on a thread with an event loop, before that loop goes; the callback runs there, on a fiber, so it may
+/// park. It is not called again while it runs, and what comes meanwhile follows. Owner: whoever subscribed. In a child
+/// that has been forked it is silent.
 class Subscription {
 public:
     using Callback = std::function<void(const SignalValue&)>;
 
     /// `subscriberObject` tells subscriptions of one process apart, for people; may be empty. Null, with the reason, on
-    /// failure: texts of more than 64, 64 and 160 bytes, a domain with 512 subscriptions, shared memory that others hold.
+    /// failure: texts of more than 64, 64 and 160 bytes, a domain with 512 subscriptions, shared memory that others
+    /// hold.
     static std::unique_ptr<Subscription> subscribe(const ZnString& domain, const ZnString& object,
                                                    const ZnString& signal, const ZnString& subscriberObject,
                                                    Callback callback, ZnString* errorText);

@@ -30,8 +30,8 @@ bool ZnConnectionHub::noteSender_(const ZnConnectionHubRef& sender, int connecti
     ZnMutexLocker locker(lock_);
     if (hasClosedIncoming_)
         return false;
-    const auto at = std::find_if(senders_.begin(), senders_.end(),
-                                 [&](const Sender_& entry) { return entry.hub == sender; });
+    const auto at =
+        std::find_if(senders_.begin(), senders_.end(), [&](const Sender_& entry) { return entry.hub == sender; });
     if (at == senders_.end()) {
         if (connectionCount > 0)
             senders_.push_back({sender, connectionCount});

@@ -30,7 +30,7 @@ private:
     void place_(const ZnObject* object) ZN_REQUIRES(lock_);
     std::vector<const ZnObject*> objectsWithin_(const void* begin, const void* end);
 
-    ZnMutex lock_; // leaf lock
+    ZnMutex lock_;                                             // leaf lock
     std::vector<const ZnObject*> places_ ZN_GUARDED_BY(lock_); // linear probing; null is free; a power of two
     std::size_t count_ ZN_GUARDED_BY(lock_) = 0;
 };

@@ -172,11 +172,8 @@ bool ZnObject::event(ZnEvent* event) {
         childEvent(static_cast<ZnChildEvent*>(event));
         event->accepted = true;
         return true;
-    case ZnEvent::kDeferredDelete:
-        delete this;
-        return true;
-    default:
-        return false;
+    case ZnEvent::kDeferredDelete: delete this; return true;
+    default: return false;
     }
 }
 
@@ -261,10 +258,11 @@ void ZnObject::deleteLater() {
             delete object;
     });
     const bool isTaken = zn::atomic::Thread::withLive(owner, [&](zn::atomic::Thread& record) {
-        record.withApplicationOrPending(whenStarted, ZnFiberPool::kDefaultLane, true, [this](ZnCoreApplication& remote) {
-            remote.queueDeletion(this);
-            return true;
-        });
+        record.withApplicationOrPending(whenStarted, ZnFiberPool::kDefaultLane, true,
+                                        [this](ZnCoreApplication& remote) {
+                                            remote.queueDeletion(this);
+                                            return true;
+                                        });
     });
     if (!isTaken) // its thread has gone since
         postToThreadOrFallback(nullptr, std::move(whenStarted));
@@ -287,15 +285,16 @@ void ZnObject::runBlocking_(zn::atomic::Thread* from, zn::atomic::Thread* target
     }
     auto context = std::make_shared<BlockingContext_>();
     ZnTask task([function = std::move(function), finish = FinishAtEnd_(context)]() mutable { function(); });
-    // A thread that is ending takes nothing more: to keep the task for its next start would let the caller wait for ever.
+    // A thread that is ending takes nothing more: to keep the task for its next start would let the caller wait for
+    // ever.
     if (postToRunningThread(target, std::move(task)))
         context->wait();
 }
 
 void ZnObject::disconnectReceiver(ZnObject* receiver) {
     if (const zn::detail::ZnPointerControlRef control = zn::detail::controlIfLive(receiver))
-        zn::detail::ZnConnectionHub::disconnectReceiver(
-            hub_, std::static_pointer_cast<zn::detail::ZnConnectionHub>(control));
+        zn::detail::ZnConnectionHub::disconnectReceiver(hub_,
+                                                        std::static_pointer_cast<zn::detail::ZnConnectionHub>(control));
 }
 
 void ZnObject::disconnectAll() {
@@ -324,7 +323,7 @@ ZnObject::Delivery_ ZnObject::chooseDelivery_(const Emission_& emission, const C
     zn::atomic::Thread* sender =
         zn::atomic::Thread::isLive(emission.senderThread) ? emission.senderThread : zn::atomic::Thread::currentThread();
     return *target == nullptr || (sender != nullptr && isSameThread(*target, sender)) ? Delivery_::Now
-                                                                                       : Delivery_::Post;
+                                                                                      : Delivery_::Post;
 }
 
 void ZnObject::postDelivery_(zn::atomic::Thread* target, ZnTask task) {

@@ -44,8 +44,8 @@ public:
     virtual void addChild(ZnObject* child);
     virtual void removeChild(ZnObject* child);
 
-    /// Null takes it out of the tree. A dead parent, the object itself and its descendants are refused, with a line in the
-    /// log. Where a slot of the change re-parents once more, that later call is the one that counts.
+    /// Null takes it out of the tree. A dead parent, the object itself and its descendants are refused, with a line in
+    /// the log. Where a slot of the change re-parents once more, that later call is the one that counts.
     void setParent(ZnObject* parent);
     ZnObject* parent() const noexcept { return parent_; }
     const std::vector<ZnObject*>& children() const noexcept { return children_; }
@@ -58,8 +58,8 @@ public:
     zn::atomic::Thread* thread() const;
     /// Inside a slot of this object: the sender of the signal, or null when it is gone; elsewhere null.
     ZnObject* sender() const;
-    /// Deletes this object from its thread's loop. Calling it again does nothing, unless a filter or an event() of its own
-    /// has kept it alive. Any thread.
+    /// Deletes this object from its thread's loop. Calling it again does nothing, unless a filter or an event() of its
+    /// own has kept it alive. Any thread.
     void deleteLater();
 
     /// Calls `function` (a callable, or a member function of the receiver) whenever `signal` is emitted. A function
@@ -71,8 +71,9 @@ public:
         if (!control)
             return;
         using Slot = SlotFunctionReceiver<Receiver, Function, std::decay_t<Args>...>;
-        zn::detail::ZnConnectionHub::connect(
-            hub_, SignalKey::of(signal), std::make_shared<Slot>(std::move(control), receiver, std::move(function)), type);
+        zn::detail::ZnConnectionHub::connect(hub_, SignalKey::of(signal),
+                                             std::make_shared<Slot>(std::move(control), receiver, std::move(function)),
+                                             type);
     }
     template <typename Sender, typename... Args, typename Function>
     void connect(void (Sender::*signal)(Args...), Function function,
@@ -103,8 +104,8 @@ protected:
     virtual void parentChanged(ZnObject* newParent);
 
     /// The body of every signal. Slots run with no lock held and may delete sender, receiver or connection:
-    /// after it the caller tests a ZnPointer to itself before it touches a member. The arguments are copied first: a slot
-    /// may end or change what they refer to, and the next slot still gets the values of the emission.
+    /// after it the caller tests a ZnPointer to itself before it touches a member. The arguments are copied first: a
+    /// slot may end or change what they refer to, and the next slot still gets the values of the emission.
     template <typename Sender, typename... SignalArgs, typename... Args>
     void emitSignal(void (Sender::*signal)(SignalArgs...), const Args&... args) {
         const ConnectionListRef_ connections = hub_->connectionsOf(SignalKey::of(signal));
@@ -144,7 +145,8 @@ private:
                            const std::tuple<SlotArgs...>& values) {
         const zn::detail::ZnSlotScope scope(slot, sender);
         if (scope.isEntered())
-            std::apply([&](const auto&... value) { static_cast<ITypedSlot<SlotArgs...>&>(slot).invoke(value...); }, values);
+            std::apply([&](const auto&... value) { static_cast<ITypedSlot<SlotArgs...>&>(slot).invoke(value...); },
+                       values);
     }
 
     template <typename... SlotArgs>
@@ -158,7 +160,8 @@ private:
             enterSlot_(*connection.slot, emission.sender, values);
             return;
         }
-        ZnTask task([slot = connection.slot, sender = emission.sender, values]() { enterSlot_(*slot, sender, values); });
+        ZnTask task(
+            [slot = connection.slot, sender = emission.sender, values]() { enterSlot_(*slot, sender, values); });
         if (delivery == Delivery_::Post)
             postDelivery_(target, std::move(task));
         else
@@ -174,18 +177,20 @@ private:
 
     const zn::detail::ZnConnectionHubRef hub_; // outlives this object; holds its address, thread and connections
     std::atomic<bool> deleteRequested_{false};
-    ZnObject* parent_ = nullptr;               // not owned; owner thread only, as are the next four
-    unsigned parentChangeCount_ = 0;           // tells setParent() that a slot of it has called it again
-    std::vector<ZnObject*> children_;          // owned, in the order of insertion
+    ZnObject* parent_ = nullptr;      // not owned; owner thread only, as are the next four
+    unsigned parentChangeCount_ = 0;  // tells setParent() that a slot of it has called it again
+    std::vector<ZnObject*> children_; // owned, in the order of insertion
     std::vector<zn::detail::ZnPointerControlRef> eventFilters_;
     ZnString objectName_;
 };
 
 /// Gives a class derived from ZnObject its name: in the public part, with the class and its base.
-#define ZN_OBJECT(Class, Base)                                                                               \
-    ZnString className() const override { return #Class; }                                                   \
-    ZnList<ZnString> classHierarchy() const override {                                                       \
-        ZnList<ZnString> names = Base::classHierarchy();                                                     \
-        names.append(#Class);                                                                                \
-        return names;                                                                                        \
+#define ZN_OBJECT(Class, Base)                                                                                         \
+    ZnString className() const override {                                                                              \
+        return #Class;                                                                                                 \
+    }                                                                                                                  \
+    ZnList<ZnString> classHierarchy() const override {                                                                 \
+        ZnList<ZnString> names = Base::classHierarchy();                                                               \
+        names.append(#Class);                                                                                          \
+        return names;                                                                                                  \
     }

@@ -17,7 +17,7 @@ namespace zn::detail {
 struct ZnPointerControl {
     ZnObject* get() const noexcept { return object.load(std::memory_order_acquire); }
 
-    std::atomic<ZnObject*> object; // cleared by the object's destructor; pairs with get()
+    std::atomic<ZnObject*> object;        // cleared by the object's destructor; pairs with get()
     zn::atomic::Thread* thread = nullptr; // the object's owning thread, set by its constructor; check that it lives
 
 protected:
@@ -39,8 +39,7 @@ template <typename T>
 class ZnPointer {
 public:
     ZnPointer() = default;
-    ZnPointer(T* object)
-        : control_(object == nullptr ? nullptr : zn::detail::controlOf(object)), typed_(object) {}
+    ZnPointer(T* object) : control_(object == nullptr ? nullptr : zn::detail::controlOf(object)), typed_(object) {}
 
     T* get() const noexcept { return control_ && control_->get() != nullptr ? typed_ : nullptr; }
     T* operator->() const noexcept { return get(); }

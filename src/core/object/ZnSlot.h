@@ -58,7 +58,7 @@ public:
 
 private:
     const zn::detail::ZnPointerControlRef receiver_; // null for a slot without a receiver
-    std::atomic<bool> connected_{true};        // the release store of markDisconnected() pairs with isConnected()
+    std::atomic<bool> connected_{true};              // the release store of markDisconnected() pairs with isConnected()
 };
 
 /// A slot with an argument list. The list is part of the signal's key, so the types always agree.

@@ -6,8 +6,8 @@ namespace zn::detail {
 
 /// One call of a slot: tells the receiver who has sent the signal, for as long as the slot runs.
 ///
-/// Thread: the one that runs the slot. Owner: the emission's stack. The scopes of a stack form a chain; each fiber has a
-/// chain of its own, which the fiber pool exchanges at every switch.
+/// Thread: the one that runs the slot. Owner: the emission's stack. The scopes of a stack form a chain; each fiber has
+/// a chain of its own, which the fiber pool exchanges at every switch.
 class ZnSlotScope {
 public:
     /// Re-checks connection and receiver: both may have gone since the delivery was chosen.

@@ -17,11 +17,11 @@ struct Node_ {
     Node_* next = nullptr;
 };
 
-std::atomic<Node_*> firstNode{nullptr};  // published with release; pairs with the handler's acquire
-std::atomic<int> handlersRunning{0};     // remove() waits for 0, so that no handler holds its target
-std::atomic<bool> stopSeen{false};       // set by the first stop signal, cleared with the last target
-std::mutex changeMutex;                  // serialises add and remove; never taken in the handler
-int targetCount = 0;                     // guarded by changeMutex
+std::atomic<Node_*> firstNode{nullptr}; // published with release; pairs with the handler's acquire
+std::atomic<int> handlersRunning{0};    // remove() waits for 0, so that no handler holds its target
+std::atomic<bool> stopSeen{false};      // set by the first stop signal, cleared with the last target
+std::mutex changeMutex;                 // serialises add and remove; never taken in the handler
+int targetCount = 0;                    // guarded by changeMutex
 
 void onStopSignal(int signalNumber) {
     const int savedErrno = errno;

@@ -56,6 +56,6 @@ private:
     void* argument_ = nullptr;
     const void* stackBottom_ = nullptr; // for AddressSanitizer
     std::size_t stackBytes_ = 0;
-    void* sanitizerState_ = nullptr;    // AddressSanitizer's fake stack or ThreadSanitizer's fiber
+    void* sanitizerState_ = nullptr; // AddressSanitizer's fake stack or ThreadSanitizer's fiber
     unsigned valgrindStackId_ = 0;
 };

@@ -17,9 +17,9 @@ struct ZnFileIdentity {
     unsigned long long device = 0;
     unsigned long long inode = 0;
     unsigned long long sizeBytes = 0;
-    long long writeNs = 0;  // last change of the content, as programs may set it
+    long long writeNs = 0;           // last change of the content, as programs may set it
     bool isReadableByOthers = false; // by its group or by everybody
-    long long statusNs = 0; // last change in any way, by the system's clock; 0 for a missing one
+    long long statusNs = 0;          // last change in any way, by the system's clock; 0 for a missing one
 };
 
 /// The directory of the running program, ending in "/"; empty when the system does not tell.

@@ -26,6 +26,6 @@ private:
     ZnNotifySocket(ZnFileDescriptor descriptor, int queueLimit)
         : ZnWaitHandle(std::move(descriptor)), queueLimit_(queueLimit) {}
 
-    const int queueLimit_;             // so many datagrams fill the queue
+    const int queueLimit_;              // so many datagrams fill the queue
     std::atomic<int> strangerCount_{0}; // datagrams of other users since the event was last set
 };

@@ -57,8 +57,8 @@ bool ZnPoller::watchSilently_(int descriptor) {
 }
 
 bool ZnPoller::add(int descriptor, void* context) {
-    // What the context points at was made on this thread; the loop's exchange in wait() makes it visible there. (The system
-    // orders the two as well, but says so nowhere.)
+    // What the context points at was made on this thread; the loop's exchange in wait() makes it visible there. (The
+    // system orders the two as well, but says so nowhere.)
     state_.fetch_or(0, std::memory_order_release);
     epoll_event event = {};
     event.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;

@@ -32,8 +32,8 @@ public:
     bool add(int descriptor, void* context);
     void remove(int descriptor);
 
-    /// Fills `events` with up to `maxEvents` (at most kMaxEvents) ready descriptors; what is not taken stays ready. Sleeps
-    /// until one is there, wake() was called, or `timeoutNs` has passed; 0 does not sleep, below 0 has no limit.
+    /// Fills `events` with up to `maxEvents` (at most kMaxEvents) ready descriptors; what is not taken stays ready.
+    /// Sleeps until one is there, wake() was called, or `timeoutNs` has passed; 0 does not sleep, below 0 has no limit.
     std::size_t wait(long long timeoutNs, Ready* events, std::size_t maxEvents);
     /// Ends the sleep that runs or the next one.
     void wake() noexcept;
@@ -46,7 +46,7 @@ private:
     bool watchSilently_(int descriptor);
     int sleepInSystem_(long long timeoutNs, std::size_t maxEvents);
 
-    ZnFileDescriptor epoll_;     // this one and the next: there from open() on
+    ZnFileDescriptor epoll_; // this one and the next: there from open() on
     ZnFileDescriptor wakeEvent_;
     ZnFileDescriptor timer_; // made only where the kernel has no nanosecond wait
     std::atomic<int> state_{Awake_};

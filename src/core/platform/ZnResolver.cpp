@@ -140,7 +140,8 @@ private:
     }
 
     /// False when the system is out of threads: a running one takes the name.
-    template <typename Body> bool startThread_(Body body) {
+    template <typename Body>
+    bool startThread_(Body body) {
         // Stop signals are for threads that can serve them at once.
         sigset_t all = {};
         sigset_t previous = {};
@@ -195,8 +196,7 @@ private:
         lookups_[host].isRunning = true;
         const ZnResolver::Lookup lookup = lookup_;
         lock.unlock();
-        const ZnResolver::Result result =
-            lookup ? lookup(host) : askSystem(host.data(), AF_UNSPEC, 0, nullptr);
+        const ZnResolver::Result result = lookup ? lookup(host) : askSystem(host.data(), AF_UNSPEC, 0, nullptr);
         lock.lock();
         answer_(lock, host, result);
     }
@@ -215,15 +215,15 @@ private:
 
     std::mutex mutex_;
     std::condition_variable wakeUp_;
-    std::deque<ZnString> queue_;                         // names that wait for a thread
-    std::map<ZnString, Query_> lookups_;                 // names that wait or run, with who asked
-    std::map<unsigned long long, ZnString> hostById_;    // of those who wait
+    std::deque<ZnString> queue_;                      // names that wait for a thread
+    std::map<ZnString, Query_> lookups_;              // names that wait or run, with who asked
+    std::map<unsigned long long, ZnString> hostById_; // of those who wait
     unsigned long long lastId_ = 0;
     std::size_t threadCount_ = 0;
     std::size_t idleThreadCount_ = 0;
     std::size_t abandonedCount_ = 0; // running lookups that nobody waits for
     bool localThreadRuns_ = false;
-    bool isLocalDue_ = false;        // names were queued since it has begun its round
+    bool isLocalDue_ = false;   // names were queued since it has begun its round
     ZnResolver::Lookup lookup_; // null: the system's
 };
 

@@ -25,8 +25,8 @@ public:
     /// Null, with the reason, on failure.
     static std::unique_ptr<ZnSharedMutex> open(const ZnString& name, ZnString* errorText);
 
-    /// Waits `waitMs` milliseconds at most, 0 not at all: the owner may be a process that somebody has stopped. A lock that
-    /// nobody holds is taken without a system call.
+    /// Waits `waitMs` milliseconds at most, 0 not at all: the owner may be a process that somebody has stopped. A lock
+    /// that nobody holds is taken without a system call.
     Outcome lock(int waitMs);
     void unlock();
 

@@ -154,8 +154,8 @@ std::shared_ptr<ZnSocketHandle> ZnSocketHandle::accept(int* error) {
     int descriptorNumber = -1;
     do {
         peerBytes = sizeof(peer);
-        descriptorNumber = ::accept4(descriptor(), reinterpret_cast<sockaddr*>(&peer), &peerBytes,
-                                     SOCK_NONBLOCK | SOCK_CLOEXEC);
+        descriptorNumber =
+            ::accept4(descriptor(), reinterpret_cast<sockaddr*>(&peer), &peerBytes, SOCK_NONBLOCK | SOCK_CLOEXEC);
         // A connection that was reset while it waited is no reason to stop.
     } while (descriptorNumber < 0 && (errno == EINTR || errno == ECONNABORTED));
     if (descriptorNumber < 0) {
@@ -279,9 +279,9 @@ std::size_t ZnSocketHandle::unacknowledgedBytes() const {
 
 const ZnSocketAddress& ZnSocketHandle::peerAddress() const {
     if (peerAddress_.family() == ZnSocketAddress::Family::None)
-        peerAddress_ = askAddress(
-            [](int fd, sockaddr* address, socklen_t* bytes) { return ::getpeername(fd, address, bytes); },
-            descriptor());
+        peerAddress_ =
+            askAddress([](int fd, sockaddr* address, socklen_t* bytes) { return ::getpeername(fd, address, bytes); },
+                       descriptor());
     return peerAddress_;
 }
 

@@ -12,7 +12,9 @@ void usePreciseTimers() noexcept;
 /// is not permitted.
 void setPriority(int priority) noexcept;
 /// Asks for somewhat more than normal priority for the calling thread.
-inline void raisePriority() noexcept { setPriority(2); }
+inline void raisePriority() noexcept {
+    setPriority(2);
+}
 /// Lets the process open as many descriptors as it may: the usual soft limit of 1024 is for programs that use select().
 void raiseDescriptorLimit() noexcept;
 /// Lets large blocks of memory go back to the system as soon as they are freed. At the start of a program.

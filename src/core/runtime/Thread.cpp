@@ -65,7 +65,10 @@ Thread::Thread(ZnString name) : name_(std::move(name)), adopted_(false) {
 }
 
 Thread::Thread(ZnCoreApplication* application, ZnString name, bool adopted)
-    : name_(std::move(name)), threadId_(ZnThreadControl::currentThreadId()), running_(adopted), adopted_(adopted),
+    : name_(std::move(name)),
+      threadId_(ZnThreadControl::currentThreadId()),
+      running_(adopted),
+      adopted_(adopted),
       application_(application) {
     LiveThreads_& live = liveThreads();
     const auto guard = live.lockForChange();
@@ -102,7 +105,8 @@ bool Thread::start() {
     if (adopted_ || isRunning())
         return true;
     if (currentRecord == this) {
-        ZN_LOG_WARNING(kCategory, "Thread::start") << "start() called on thread '" << name_ << "' by itself, at its end";
+        ZN_LOG_WARNING(kCategory, "Thread::start")
+            << "start() called on thread '" << name_ << "' by itself, at its end";
         return false;
     }
     join(); // an earlier run

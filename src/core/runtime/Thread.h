@@ -34,11 +34,11 @@ public:
     Thread& operator=(const Thread&) = delete;
 
     /// Starts the thread and returns once its runtime accepts posts; true when it runs (also if it already did). False,
-    /// with a line in the log, when the system has no thread or no descriptors to give, and on the thread itself while it
-    /// ends: it cannot wait for its own end.
+    /// with a line in the log, when the system has no thread or no descriptors to give, and on the thread itself while
+    /// it ends: it cannot wait for its own end.
     bool start();
-    /// Before start(): the thread only works for others. A stop signal ends its loop like any other one, but a program that
-    /// has no other loops ends at once.
+    /// Before start(): the thread only works for others. A stop signal ends its loop like any other one, but a program
+    /// that has no other loops ends at once.
     void setHelper() noexcept { isHelper_ = true; }
     /// Asks the thread's loop to end behind what is queued on lane 0; nothing when it does not run.
     void requestStop();
@@ -62,11 +62,12 @@ public:
     static Thread* fallbackThread();
     /// For the thread itself, or where someone keeps the record; else the answer is old when it arrives.
     static bool isLive(const Thread* thread);
-    /// Runs `function` with the record while that cannot go away; false, and nothing run, when it has gone. The function
-    /// may post; it must not do anything that waits, and must not make or end a record.
+    /// Runs `function` with the record while that cannot go away; false, and nothing run, when it has gone. The
+    /// function may post; it must not do anything that waits, and must not make or end a record.
     template <typename Function>
     static bool withLive(Thread* thread, Function function) {
-        return callIfLive_(thread, [](void* call, Thread& record) { (*static_cast<Function*>(call))(record); }, &function);
+        return callIfLive_(
+            thread, [](void* call, Thread& record) { (*static_cast<Function*>(call))(record); }, &function);
     }
 
     /// Runs `function` with the thread's application, or null, while the application cannot go away. The function
@@ -104,9 +105,9 @@ private:
     void callSafely_(const std::function<void()>& callback, const char* name);
 
     const ZnString name_;
-    std::mutex joinMutex_; // held while joining, for several waiters
-    std::thread handle_;   // guarded by joinMutex_
-    bool deleteAtEnd_ = false; // on the thread itself
+    std::mutex joinMutex_;                   // held while joining, for several waiters
+    std::thread handle_;                     // guarded by joinMutex_
+    bool deleteAtEnd_ = false;               // on the thread itself
     std::atomic<std::uint32_t> threadId_{0}; // set on the thread itself; pairs with threadId()
     std::atomic<bool> running_{false};
     std::atomic<bool> stopRequested_{false};
@@ -121,8 +122,8 @@ private:
     std::mutex startOnceMutex_; // held by start(), before joinMutex_ and startMutex_
     std::mutex startMutex_;
     std::condition_variable startCondition_;
-    bool started_ = false;         // guarded by startMutex_: the runtime is there, or cannot be made
-    bool hasNoRuntime_ = false;    // guarded by startMutex_
+    bool started_ = false;      // guarded by startMutex_: the runtime is there, or cannot be made
+    bool hasNoRuntime_ = false; // guarded by startMutex_
 
     std::mutex callbackMutex_;
     std::function<void()> onStart_;  // guarded by callbackMutex_

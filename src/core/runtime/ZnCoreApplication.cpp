@@ -251,7 +251,8 @@ ZnFiberPool::Rejection ZnCoreApplication::countRejected(int lane) {
     const ZnFiberPool::Rejection rejection = fiberPool_.countRejected(lane);
     if (rejection.isFirst) {
         const int knownLane = rejection.lane;
-        addTimer([this, knownLane] { reportRejections_(knownLane); }, kRejectionReportUs, true, ZnFiberPool::kFirstLane);
+        addTimer([this, knownLane] { reportRejections_(knownLane); }, kRejectionReportUs, true,
+                 ZnFiberPool::kFirstLane);
     }
     return rejection;
 }
@@ -283,10 +284,11 @@ void ZnCoreApplication::postEvent(ZnObject* receiver, ZnEvent* event, int priori
     // An object of another thread is served there: when that is not running, at its next start, and never beside it.
     ZnTask whenStarted([queued, priority] { currentApplication->queueEvent_(std::move(*queued), priority); });
     const bool hasThread = zn::atomic::Thread::withLive(ownerThread, [&](zn::atomic::Thread& owner) {
-        owner.withApplicationOrPending(whenStarted, ZnFiberPool::kDefaultLane, true, [&](ZnCoreApplication& application) {
-            application.queueEvent_(std::move(*queued), priority);
-            return true;
-        });
+        owner.withApplicationOrPending(whenStarted, ZnFiberPool::kDefaultLane, true,
+                                       [&](ZnCoreApplication& application) {
+                                           application.queueEvent_(std::move(*queued), priority);
+                                           return true;
+                                       });
     });
     if (!hasThread)
         queueEvent_(std::move(*queued), priority);
@@ -335,8 +337,8 @@ bool postToThread(zn::atomic::Thread* target, ZnTask task, int lane) {
 bool postToThreadIfLive(zn::atomic::Thread* target, ZnTask& task, int lane, bool* isAccepted) {
     PostOutcome_ outcome;
     ZnTask offered = std::move(task);
-    if (!zn::atomic::Thread::withLive(
-            target, [&](zn::atomic::Thread& record) { outcome = offer(record, offered, lane); })) {
+    if (!zn::atomic::Thread::withLive(target,
+                                      [&](zn::atomic::Thread& record) { outcome = offer(record, offered, lane); })) {
         task = std::move(offered);
         return false;
     }
@@ -396,7 +398,8 @@ void ZnCoreApplication::deliver_(QueuedEvent_ queued) {
         if (left != nullptr && queued.event->type == ZnEvent::kDeferredDelete)
             left->deletionRefused_();
     } catch (const std::exception& error) {
-        ZN_LOG_ERROR(kCategory, "ZnCoreApplication::deliver_") << "Unhandled exception in object event: " << error.what();
+        ZN_LOG_ERROR(kCategory, "ZnCoreApplication::deliver_")
+            << "Unhandled exception in object event: " << error.what();
     } catch (...) {
         ZN_LOG_ERROR(kCategory, "ZnCoreApplication::deliver_") << "Unhandled unknown exception in object event";
     }

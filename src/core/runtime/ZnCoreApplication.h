@@ -54,13 +54,13 @@ public:
     /// answer of `isDone`. On the loop's own context only: for orderly ends, when exec() has returned.
     bool processUntil(const std::function<bool()>& isDone, int maxMs);
 
-    /// Ends every ZnEventLoop wait of this thread, and new ones at once, and runs the loop until no fiber is parked in one
-    /// or `maxMs` milliseconds have passed. For an orderly end, before the objects that waiting code uses go; on the
-    /// loop's own context. Fibers that are parked when the application goes are dropped without unwinding.
+    /// Ends every ZnEventLoop wait of this thread, and new ones at once, and runs the loop until no fiber is parked in
+    /// one or `maxMs` milliseconds have passed. For an orderly end, before the objects that waiting code uses go; on
+    /// the loop's own context. Fibers that are parked when the application goes are dropped without unwinding.
     bool endWaits(int maxMs);
     bool isEndingWaits() const noexcept { return endingWaits_; }
-    /// For the end of a thread, on the loop's own context: ends every wait, of whatever kind, and lets the parked fibers run
-    /// to their ends. Nothing else runs meanwhile: what is queued stays queued.
+    /// For the end of a thread, on the loop's own context: ends every wait, of whatever kind, and lets the parked
+    /// fibers run to their ends. Nothing else runs meanwhile: what is queued stays queued.
     void unwindFibers();
 
     /// Queues `task` on lane 2. Any thread. False: refused (the pool is saturated) and the task destroyed.
@@ -68,8 +68,8 @@ public:
     bool postEventOnLane(ZnTask task, int lane);
     /// As postEventOnLane, but a refused task stays with the caller and nothing is logged.
     bool tryPostOnLane(ZnTask& task, int lane, ZnFiberPool::Purpose purpose = ZnFiberPool::Purpose::NewWork);
-    /// Counts a post that was refused. The log tells of the first one of a burst at once, of the others with their number a
-    /// second later. Any thread; not under a lock that comes behind loopMutex_.
+    /// Counts a post that was refused. The log tells of the first one of a burst at once, of the others with their
+    /// number a second later. Any thread; not under a lock that comes behind loopMutex_.
     ZnFiberPool::Rejection countRejected(int lane);
     /// The line about a first refusal; nothing for others. To be called without a lock.
     static void logRejected(const ZnFiberPool::Rejection& rejection);
@@ -152,7 +152,7 @@ private:
     ZnLoadMeter loadMeter_;
     std::list<ZnEventLoop*> runningLoops_; // whose exec() has not ended
     bool endingWaits_ = false;
-    long long lastLookNs_ = 0; // when the loop last looked into the poller
+    long long lastLookNs_ = 0;   // when the loop last looked into the poller
     unsigned workSinceLook_ = 0; // units of work since then
 
     ZnMutex loopMutex_; // before the pool's lock; never held while user code runs
@@ -169,12 +169,12 @@ private:
 /// queued; a task refused by a saturated pool is destroyed. Any thread.
 bool postToThread(zn::atomic::Thread* target, ZnTask task, int lane = ZnFiberPool::kDefaultLane);
 
-/// As postToThread for a target that may be null or going on another thread. False, with the task as it was, when it has
-/// gone; else true, and `*isAccepted` (may be null) is what postToThread gives.
+/// As postToThread for a target that may be null or going on another thread. False, with the task as it was, when it
+/// has gone; else true, and `*isAccepted` (may be null) is what postToThread gives.
 bool postToThreadIfLive(zn::atomic::Thread* target, ZnTask& task, int lane, bool* isAccepted = nullptr);
 
-/// Queues `task` on a target that may be null or gone, if it has an application now. Else, or when the pool is saturated
-/// (which is logged), the task is destroyed and the result is false.
+/// Queues `task` on a target that may be null or gone, if it has an application now. Else, or when the pool is
+/// saturated (which is logged), the task is destroyed and the result is false.
 bool postToRunningThread(zn::atomic::Thread* target, ZnTask task, int lane = ZnFiberPool::kDefaultLane);
 
 /// As postToThread for a target that may be null or gone: then the current thread, the fallback thread.

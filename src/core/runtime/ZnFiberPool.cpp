@@ -404,8 +404,7 @@ FiberPoolStats ZnFiberPool::stats() const {
         stats.laneDepth[static_cast<std::size_t>(lane)] = depthOf_(lane);
         readyCount += static_cast<int>(readyQueues_[static_cast<std::size_t>(lane)].size());
     }
-    stats.runningSlotCount =
-        warmSlotCount_ + grownSlotCount_ - stats.idleSlotCount - stats.blockedCount - readyCount;
+    stats.runningSlotCount = warmSlotCount_ + grownSlotCount_ - stats.idleSlotCount - stats.blockedCount - readyCount;
     stats.rejected = rejectedCount_;
     stats.completed = completedCount_;
     stats.reused = reusedCount_;

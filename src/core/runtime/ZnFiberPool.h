@@ -31,9 +31,9 @@ struct FiberPoolStats {
 /// while the loop serves others.
 ///
 /// Four lanes: 0 is always first (resumes, responses handed to a session's thread), 1 to 3 share by credits of 8, 4
-/// and 1; 2 is the default. A bounded number of closures is queued or running at a time, on lanes 0 and 1 somewhat more.
-/// Parked fibers do not take that room, or what is to wake them could not run; there may be parkedLimit of them before
-/// new work is refused. Slots beyond the warm ones are made as they are needed, and freed when they are not.
+/// and 1; 2 is the default. A bounded number of closures is queued or running at a time, on lanes 0 and 1 somewhat
+/// more. Parked fibers do not take that room, or what is to wake them could not run; there may be parkedLimit of them
+/// before new work is refused. Slots beyond the warm ones are made as they are needed, and freed when they are not.
 /// Thread: fibers run on the owner's thread only; submit, unblock, canAccept and stats may be called from any.
 /// Owner: the ZnCoreApplication, by value.
 class ZnFiberPool {
@@ -50,8 +50,8 @@ public:
         int parkedLimit = 4000;
     };
 
-    /// What a post is for. Timers and readiness are wake-ups: they are accepted however many fibers are parked, since they
-    /// may be what those wait for. There are never more of them than timers and handles.
+    /// What a post is for. Timers and readiness are wake-ups: they are accepted however many fibers are parked, since
+    /// they may be what those wait for. There are never more of them than timers and handles.
     enum class Purpose { NewWork, WakeUp };
 
     ZnFiberPool();
@@ -76,7 +76,7 @@ public:
 
     /// What is to be done about a refused post.
     struct Rejection {
-        bool isFirst = false;    // of a burst: report it, and the others a second later
+        bool isFirst = false; // of a burst: report it, and the others a second later
         int lane = kDefaultLane;
     };
     Rejection countRejected(int lane);
@@ -96,8 +96,8 @@ public:
     bool unblock(int waitId, int lane);
     /// Whether the caller runs on a fiber of this pool.
     bool isOnFiber() const noexcept { return current_ != nullptr; }
-    /// Resumes every parked fiber and lets it run to its end: waits return at once meanwhile. Queued tasks stay queued. A
-    /// fiber that goes on waiting is left parked. On the main fiber only.
+    /// Resumes every parked fiber and lets it run to its end: waits return at once meanwhile. Queued tasks stay queued.
+    /// A fiber that goes on waiting is left parked. On the main fiber only.
     void unwindParked();
 
     FiberPoolStats stats() const;
@@ -114,14 +114,15 @@ private:
         std::unique_ptr<ZnFiberContext> fiber; // made at first use
         ZnTask task;
         int resumeLane = kDefaultLane;
-        int waitId = 0;          // non-zero while parked
-        int refusedWaits = 0;    // while the parked ones are unwound
+        int waitId = 0;       // non-zero while parked
+        int refusedWaits = 0; // while the parked ones are unwound
         bool idle = true;
-        bool fresh = true;       // until its first task has ended
+        bool fresh = true; // until its first task has ended
     };
     /// The stacks of one mapping with their slots. The first group is the warm one and stays; the others come and go.
     struct StackGroup_ {
-        StackGroup_(std::size_t stackCount, std::size_t stackBytes) : stacks(stackCount, stackBytes), slots(stackCount) {}
+        StackGroup_(std::size_t stackCount, std::size_t stackBytes)
+            : stacks(stackCount, stackBytes), slots(stackCount) {}
         ZnFiberStacks stacks;
         std::vector<FiberSlot_> slots; // never resized: fibers hold the addresses
         int busyCount = 0;
@@ -153,13 +154,13 @@ private:
     void makeReady_(FiberSlot_& slot, int lane) ZN_REQUIRES(lock_);
 
     ZnFiberContext* mainFiber_ = nullptr;
-    FiberSlot_* current_ = nullptr;         // owner thread only, as is the next one
+    FiberSlot_* current_ = nullptr; // owner thread only, as is the next one
     bool isUnwinding_ = false;
     std::atomic<bool> warmedUp_{false};
-    std::atomic<int> queuedCount_{0};       // ready slots and tasks of all lanes; changed under lock_
-    std::atomic<int> laneZeroCount_{0};     // the same for lane 0
-    std::atomic<int> load_{0};              // queued tasks and slots neither idle nor parked; changed under lock_
-    std::atomic<int> parkedCount_{0};       // changed under lock_
+    std::atomic<int> queuedCount_{0};   // ready slots and tasks of all lanes; changed under lock_
+    std::atomic<int> laneZeroCount_{0}; // the same for lane 0
+    std::atomic<int> load_{0};          // queued tasks and slots neither idle nor parked; changed under lock_
+    std::atomic<int> parkedCount_{0};   // changed under lock_
     std::atomic<int> warmTarget_{500};
     std::atomic<int> spilloverLimit_{16};
     std::atomic<int> parkedLimit_{4000};

@@ -68,8 +68,7 @@ unsigned long long ZnIoDispatcher::watchHandle(std::shared_ptr<ZnWaitHandle> han
     entry->callback = std::move(callback);
     const unsigned long long id = insert_(std::move(entry));
     if (id == 0)
-        ZN_LOG_ERROR(kCategory, "ZnIoDispatcher::watchHandle")
-            << "[ZnIoDispatcher] RegisterWaitForSingleObject failed";
+        ZN_LOG_ERROR(kCategory, "ZnIoDispatcher::watchHandle") << "[ZnIoDispatcher] RegisterWaitForSingleObject failed";
     return id;
 }
 
@@ -118,8 +117,8 @@ void ZnIoDispatcher::signal(unsigned long long id) {
 void ZnIoDispatcher::dispatch_(const std::shared_ptr<Entry_>& entry, unsigned mask) {
     if (!entry->active.load(std::memory_order_acquire))
         return;
-    // Sequentially consistent, as the two operations of drainEnded_(): either the end of the round sees the mask, or this
-    // sees that the round has ended. Anything weaker lets both read what was there before.
+    // Sequentially consistent, as the two operations of drainEnded_(): either the end of the round sees the mask, or
+    // this sees that the round has ended. Anything weaker lets both read what was there before.
     entry->pendingMask.fetch_or(mask, std::memory_order_seq_cst);
     bool expected = false;
     if (!entry->scheduled.compare_exchange_strong(expected, true, std::memory_order_seq_cst))
@@ -177,8 +176,7 @@ void ZnIoDispatcher::pollAndDispatch(long long timeoutNs) {
     if (room <= 0 && timeoutNs == 0)
         return; // what is ready stays ready
     std::array<ZnPoller::Ready, ZnPoller::kMaxEvents> events;
-    const std::size_t count =
-        poller_.wait(timeoutNs, events.data(), static_cast<std::size_t>(std::max(room, 1)));
+    const std::size_t count = poller_.wait(timeoutNs, events.data(), static_cast<std::size_t>(std::max(room, 1)));
     for (std::size_t i = 0; i < count; ++i) {
         auto* entry = static_cast<Entry_*>(events[i].context);
         if (entry->active.load(std::memory_order_acquire) && entry->handle->noteReady(events[i].readiness))

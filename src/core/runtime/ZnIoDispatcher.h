@@ -29,16 +29,16 @@ public:
     ZnIoDispatcher(const ZnIoDispatcher&) = delete;
     ZnIoDispatcher& operator=(const ZnIoDispatcher&) = delete;
 
-    /// Calls `callback` whenever `handle` is signalled, until unwatch. Returns an id, or 0 on failure. The handle is kept
-    /// alive while it is watched.
+    /// Calls `callback` whenever `handle` is signalled, until unwatch. Returns an id, or 0 on failure. The handle is
+    /// kept alive while it is watched.
     unsigned long long watchHandle(std::shared_ptr<ZnWaitHandle> handle, Callback callback);
     /// After it returns no callback begins any more. Id 0 and unknown ids do nothing.
     void unwatch(unsigned long long id);
     /// As if the handle had been signalled.
     void signal(unsigned long long id);
 
-    /// The loop's part: takes what the poller reports (sleeping up to `timeoutNs`), as much as the pool has room for, and
-    /// posts it.
+    /// The loop's part: takes what the poller reports (sleeping up to `timeoutNs`), as much as the pool has room for,
+    /// and posts it.
     void pollAndDispatch(long long timeoutNs);
     /// Whether refused entries wait for room.
     bool hasDeferred() const noexcept { return deferredCount_.load(std::memory_order_acquire) > 0; }
@@ -53,8 +53,8 @@ private:
         ZnIoDispatcher* dispatcher = nullptr;
         std::shared_ptr<ZnWaitHandle> handle;
         Callback callback;
-        std::atomic<bool> active{true};      // goes to false once
-        std::atomic<bool> scheduled{false};  // a drain is queued or runs
+        std::atomic<bool> active{true};     // goes to false once
+        std::atomic<bool> scheduled{false}; // a drain is queued or runs
         std::atomic<unsigned> pendingMask{0};
     };
     class Drain_;
@@ -74,8 +74,8 @@ private:
 
     std::mutex mutex_; // guards the fields below; nothing is called while it is held
     std::unordered_map<unsigned long long, std::shared_ptr<Entry_>> entries_;
-    std::deque<std::shared_ptr<Entry_>> deferred_;  // marked, but the pool had no room
-    std::vector<std::shared_ptr<Entry_>> retired_;  // kept until the loop has finished the batch it may be in
+    std::deque<std::shared_ptr<Entry_>> deferred_; // marked, but the pool had no room
+    std::vector<std::shared_ptr<Entry_>> retired_; // kept until the loop has finished the batch it may be in
     unsigned long long nextId_ = 1;
     bool shuttingDown_ = false;
 };

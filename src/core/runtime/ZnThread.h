@@ -20,9 +20,9 @@ public:
     explicit ZnThread(ZnString name, ZnObject* parent = nullptr);
     ~ZnThread() override;
 
-    /// Starts the thread and returns once its loop accepts posts. False, with a line in the log, if it runs already, the
-    /// system has no thread to give, or a slot of `finished` asks for it on the ending thread itself. A thread that has
-    /// finished may be started again.
+    /// Starts the thread and returns once its loop accepts posts. False, with a line in the log, if it runs already,
+    /// the system has no thread to give, or a slot of `finished` asks for it on the ending thread itself. A thread that
+    /// has finished may be started again.
     virtual bool start();
     /// Called once per start, on a fiber of the new thread's loop.
     virtual void run();

@@ -82,9 +82,8 @@ void ZnThreadPool::waitForRunning_() {
     doneCondition_.wait(done, [this] {
         ZnMutexLocker locker(lock_);
         // What runs on the calling thread itself ends later, and finds the pool gone.
-        return std::none_of(workers_.begin(), workers_.end(), [](const WorkerRef_& worker) {
-            return worker->running && !worker->thread->isCurrent();
-        });
+        return std::none_of(workers_.begin(), workers_.end(),
+                            [](const WorkerRef_& worker) { return worker->running && !worker->thread->isCurrent(); });
     });
 }
 
@@ -174,7 +173,8 @@ ZnThreadPool::Worker_* ZnThreadPool::createWorker_() {
     worker->id = ++workerIdCounter_;
     worker->expiryMs = expiryTimeoutMs_;
     worker->lastActivityNs = monotonicNowNs();
-    worker->thread = std::make_unique<ZnThread>("ZnThreadPoolWorker_" + ZnString::number(static_cast<long long>(worker->id)));
+    worker->thread =
+        std::make_unique<ZnThread>("ZnThreadPoolWorker_" + ZnString::number(static_cast<long long>(worker->id)));
     ZnThread& thread = *worker->thread;
     thread.handle().setHelper(); // a program that has nothing but pools ends by its first stop signal
     // The loop itself raises the thread's priority when it begins, and its first fiber fixes the stack size.
@@ -189,15 +189,17 @@ ZnThreadPool::Worker_* ZnThreadPool::createWorker_() {
     if (!thread.start())
         return nullptr;
     postToThread(
-        &thread.handle(), [priority = threadPriority(priority_, priorityHint_)] { ZnThreadControl::setPriority(priority); },
+        &thread.handle(),
+        [priority = threadPriority(priority_, priorityHint_)] { ZnThreadControl::setPriority(priority); },
         ZnFiberPool::kFirstLane);
     workers_.push_back(worker);
     return worker.get();
 }
 
 bool ZnThreadPool::insert_(Worker_& worker, Task_ task) {
-    const auto at = std::upper_bound(worker.tasks.begin(), worker.tasks.end(), task,
-                                     [](const Task_& left, const Task_& right) { return left.priority > right.priority; });
+    const auto at =
+        std::upper_bound(worker.tasks.begin(), worker.tasks.end(), task,
+                         [](const Task_& left, const Task_& right) { return left.priority > right.priority; });
     worker.tasks.insert(at, task);
     ++queuedTaskCount_;
     return needsDrain_(worker);
@@ -217,14 +219,16 @@ void ZnThreadPool::postDrain_(Worker_* worker) {
     });
 }
 
-/// A drain on its way to its worker. One that the loop refuses, or drops for want of a stack, comes again by a timer: else
-/// the worker would count as scheduled for ever.
+/// A drain on its way to its worker. One that the loop refuses, or drops for want of a stack, comes again by a timer:
+/// else the worker would count as scheduled for ever.
 class ZnThreadPool::Drain_ {
 public:
     Drain_(ZnThreadPool* pool, Worker_* worker, ZnCoreApplication& application)
         : pool_(pool), worker_(worker), application_(&application), alive_(pool->aliveToken_) {}
     Drain_(Drain_&& other) noexcept
-        : pool_(std::exchange(other.pool_, nullptr)), worker_(other.worker_), application_(other.application_),
+        : pool_(std::exchange(other.pool_, nullptr)),
+          worker_(other.worker_),
+          application_(other.application_),
           alive_(std::move(other.alive_)) {}
     Drain_& operator=(Drain_&&) = delete;
     ~Drain_() {
@@ -377,7 +381,8 @@ void ZnThreadPool::expire_(Worker_* worker, std::uint32_t generation) {
 
 void ZnThreadPool::retire_(Worker_* worker) {
     worker->retiring = true;
-    const auto at = std::find_if(workers_.begin(), workers_.end(), [&](const auto& entry) { return entry.get() == worker; });
+    const auto at =
+        std::find_if(workers_.begin(), workers_.end(), [&](const auto& entry) { return entry.get() == worker; });
     if (at == workers_.end())
         return;
     expired_.push_back(std::move(*at));

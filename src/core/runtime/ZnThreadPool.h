@@ -47,7 +47,8 @@ public:
     bool tryStart(ZnRunnable* task, int priority = 0, bool* saturated = nullptr);
 
     /// Blocks the thread until nothing runs or is queued: true; false at the deadline. New tasks are refused meanwhile.
-    /// False at once on a worker of this pool, and while another call waits. Not for a thread whose loop the tasks need.
+    /// False at once on a worker of this pool, and while another call waits. Not for a thread whose loop the tasks
+    /// need.
     bool waitForDone(Deadline deadline);
     bool waitForDone() { return waitForDone(Deadline()); }
 
@@ -90,12 +91,12 @@ private:
     struct Worker_ : std::enable_shared_from_this<Worker_> {
         std::uint32_t id = 0;
         std::unique_ptr<ZnThread> thread;
-        std::deque<Task_> tasks; // higher priorities first, then in order of arrival
+        std::deque<Task_> tasks;      // higher priorities first, then in order of arrival
         ZnRunnable* orphan = nullptr; // the running task if the pool has to delete it; used on the worker's thread only
         bool running = false;
         bool scheduled = false; // a drain closure is on its way
         bool retiring = false;
-        bool expiryArmed = false; // a timer for the expiry is on its way
+        bool expiryArmed = false;     // a timer for the expiry is on its way
         std::uint32_t generation = 0; // changes whenever the worker stops being idle
         int expiryMs = 30000;
         long long lastActivityNs = 0;

@@ -30,13 +30,15 @@ public:
     /// Adds a timer that is due at `dueNs`. The id is never negative and not in use.
     std::shared_ptr<ZnTimerRecord> add(std::function<void()> callback, long long intervalNs, bool singleShot, int lane,
                                        long long dueNs);
-    /// Cancels; false when there is no such timer. The record is given back, so that its callback can be destroyed where
-    /// that is safe.
+    /// Cancels; false when there is no such timer. The record is given back, so that its callback can be destroyed
+    /// where that is safe.
     std::shared_ptr<ZnTimerRecord> remove(int id);
     static constexpr std::size_t kGroupCount = 2;
 
     /// The timer of a group that is due next (ties: the older id), or null.
-    const ZnTimerRecord* next(std::size_t group) const { return heaps_[group].empty() ? nullptr : heaps_[group].front().get(); }
+    const ZnTimerRecord* next(std::size_t group) const {
+        return heaps_[group].empty() ? nullptr : heaps_[group].front().get();
+    }
     /// When the next timer of any group is due; -1 without timers.
     long long nextDueNs() const;
     /// Takes next() out of the order: its closure is on its way.

@@ -6,7 +6,7 @@ namespace zn::detail {
 } // namespace zn::detail
 
 /// Programmer mistakes only; input from outside never trips it. Active in every build.
-#define ZN_ASSERT(condition)                                                                                 \
+#define ZN_ASSERT(condition)                                                                                           \
     ((condition) ? static_cast<void>(0) : ::zn::detail::assertFailed(#condition, __FILE__, __LINE__))
 
 /// As ZN_ASSERT, in builds without optimisation only: for checks on the hot path.

@@ -26,19 +26,15 @@ const EVP_MD* digestNamed(std::string_view id) {
 
 const EVP_CIPHER* aesForKeyBytes(std::size_t keyBytes) {
     switch (keyBytes) {
-    case 16:
-        return EVP_aes_128_ecb();
-    case 24:
-        return EVP_aes_192_ecb();
-    case 32:
-        return EVP_aes_256_ecb();
-    default:
-        return nullptr;
+    case 16: return EVP_aes_128_ecb();
+    case 24: return EVP_aes_192_ecb();
+    case 32: return EVP_aes_256_ecb();
+    default: return nullptr;
     }
 }
 
-BcryptWrapper::Status runCipher(const BcryptWrapper::Key& key, const std::vector<unsigned char>& in,
-                                unsigned char* out, std::size_t* outBytes, int encrypt) {
+BcryptWrapper::Status runCipher(const BcryptWrapper::Key& key, const std::vector<unsigned char>& in, unsigned char* out,
+                                std::size_t* outBytes, int encrypt) {
     if (key.cipher == nullptr)
         return BcryptWrapper::kInvalidHandle;
     if (in.size() > static_cast<std::size_t>(INT_MAX))
@@ -49,8 +45,7 @@ BcryptWrapper::Status runCipher(const BcryptWrapper::Key& key, const std::vector
     ERR_set_mark();
     // The caller pads; with the library's padding off, a partial block makes the last step fail.
     const bool isDone =
-        context &&
-        EVP_CipherInit_ex(context.get(), key.cipher, nullptr, key.secret.data(), nullptr, encrypt) == 1 &&
+        context && EVP_CipherInit_ex(context.get(), key.cipher, nullptr, key.secret.data(), nullptr, encrypt) == 1 &&
         EVP_CIPHER_CTX_set_padding(context.get(), 0) == 1 &&
         EVP_CipherUpdate(context.get(), out, &bodyBytes, in.data(), static_cast<int>(in.size())) == 1 &&
         EVP_CipherFinal_ex(context.get(), out + bodyBytes, &tailBytes) == 1;
@@ -76,8 +71,7 @@ BcryptWrapper& BcryptWrapper::instance() {
     return wrapper;
 }
 
-BcryptWrapper::Status BcryptWrapper::OpenAlgorithmProvider(Algorithm* algorithm,
-                                                           std::string_view id) const noexcept {
+BcryptWrapper::Status BcryptWrapper::OpenAlgorithmProvider(Algorithm* algorithm, std::string_view id) const noexcept {
     *algorithm = Algorithm();
     algorithm->isAes = id == "AES";
     algorithm->digest = digestNamed(id);
@@ -147,13 +141,13 @@ BcryptWrapper::Status BcryptWrapper::GenerateSymmetricKey(const Algorithm& algor
     return kSuccess;
 }
 
-BcryptWrapper::Status BcryptWrapper::Encrypt(const Key& key, const std::vector<unsigned char>& in,
-                                             unsigned char* out, std::size_t* outBytes) const noexcept {
+BcryptWrapper::Status BcryptWrapper::Encrypt(const Key& key, const std::vector<unsigned char>& in, unsigned char* out,
+                                             std::size_t* outBytes) const noexcept {
     return runCipher(key, in, out, outBytes, 1);
 }
 
-BcryptWrapper::Status BcryptWrapper::Decrypt(const Key& key, const std::vector<unsigned char>& in,
-                                             unsigned char* out, std::size_t* outBytes) const noexcept {
+BcryptWrapper::Status BcryptWrapper::Decrypt(const Key& key, const std::vector<unsigned char>& in, unsigned char* out,
+                                             std::size_t* outBytes) const noexcept {
     return runCipher(key, in, out, outBytes, 0);
 }
 

@@ -50,12 +50,10 @@ public:
     Status FinishHash(const Hash& hash, unsigned char* digest, std::size_t byteCount) const noexcept;
     Status DestroyHash(Hash* hash) const noexcept;
     /// "ObjectLength", "HashDigestLength" (digests), "BlockLength" (AES), in bytes.
-    Status GetProperty(const Algorithm& algorithm, std::string_view name,
-                       std::uint32_t* value) const noexcept;
+    Status GetProperty(const Algorithm& algorithm, std::string_view name, std::uint32_t* value) const noexcept;
     /// "ChainingMode" to "ChainingModeECB", of AES.
     Status SetProperty(Algorithm* algorithm, std::string_view name, std::string_view value) const noexcept;
-    Status GenerateSymmetricKey(const Algorithm& algorithm, Key* key,
-                                const std::vector<unsigned char>& secret) const;
+    Status GenerateSymmetricKey(const Algorithm& algorithm, Key* key, const std::vector<unsigned char>& secret) const;
     /// Without padding: `in` must be whole blocks. `out` takes as many bytes; `*outBytes` tells how many
     /// came.
     Status Encrypt(const Key& key, const std::vector<unsigned char>& in, unsigned char* out,

@@ -13,7 +13,6 @@
 
 namespace {
 
-
 void requirePointer(const char* data, std::size_t byteCount, const char* message) {
     if (data == nullptr && byteCount > 0)
         throw std::invalid_argument(message);

@@ -19,7 +19,8 @@ public:
     explicit ZnByteArray(std::string_view bytes);
     explicit ZnByteArray(const std::string& bytes) : ZnByteArray(std::string_view(bytes)) {}
     /// Up to its NUL; a null pointer counts as empty.
-    explicit ZnByteArray(const char* text) : ZnByteArray(text == nullptr ? std::string_view("") : std::string_view(text)) {}
+    explicit ZnByteArray(const char* text)
+        : ZnByteArray(text == nullptr ? std::string_view("") : std::string_view(text)) {}
     ZnByteArray(const char* data, std::size_t byteCount);
     ZnByteArray(const ZnByteArray& other);
     ZnByteArray(ZnByteArray&& other) noexcept;
@@ -60,7 +61,7 @@ private:
     void makeRoom_(std::size_t byteCount);
     void compact_();
 
-    std::vector<char> data_;   // bytes before begin_ have been consumed; empty while null
+    std::vector<char> data_; // bytes before begin_ have been consumed; empty while null
     std::size_t begin_ = 0;
     std::uint64_t size_ = 0;
     bool null_ = true;

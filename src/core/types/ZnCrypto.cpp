@@ -64,14 +64,10 @@ private:
 
 std::string_view algorithmId(HashAlgorithm algorithm) {
     switch (algorithm) {
-    case HashAlgorithm::Md5:
-        return "MD5";
-    case HashAlgorithm::Sha1:
-        return "SHA1";
-    case HashAlgorithm::Sha512:
-        return "SHA512";
-    case HashAlgorithm::Sha256:
-        break;
+    case HashAlgorithm::Md5: return "MD5";
+    case HashAlgorithm::Sha1: return "SHA1";
+    case HashAlgorithm::Sha512: return "SHA512";
+    case HashAlgorithm::Sha256: break;
     }
     return "SHA256";
 }
@@ -95,8 +91,7 @@ std::size_t unpaddedBytes(const ZnCrypto::Bytes& data) {
     if (padding == 0 || padding > kMaxPadding || padding > data.size())
         return data.size();
     const auto tail = data.end() - static_cast<std::ptrdiff_t>(padding);
-    const bool isPadded =
-        std::all_of(tail, data.end(), [padding](unsigned char byte) { return byte == padding; });
+    const bool isPadded = std::all_of(tail, data.end(), [padding](unsigned char byte) { return byte == padding; });
     return isPadded ? data.size() - padding : data.size();
 }
 
@@ -130,8 +125,7 @@ ZnCrypto::Bytes ZnCrypto::aesEcb(const Bytes& data, const Bytes& key, bool encry
     if (encrypt) {
         const Bytes padded = withPadding(data, blockBytes);
         result.resize(padded.size());
-        require(bcrypt.Encrypt(*aesKey.get(), padded, result.data(), &resultBytes),
-                "Failed to encrypt data.");
+        require(bcrypt.Encrypt(*aesKey.get(), padded, result.data(), &resultBytes), "Failed to encrypt data.");
     } else {
         result.resize(data.size() + blockBytes); // the library may hold back, and write, one block more
         require(bcrypt.Decrypt(*aesKey.get(), data, result.data(), &resultBytes), "Failed to decrypt data.");
@@ -148,8 +142,7 @@ ZnString ZnCrypto::decryptAES(const ZnString& key, const ZnString& cipherText) {
     const Bytes plain = aesEcb(base64Decode(cipherText), normalizeAesKey(bytesOf(key)), false);
     if (plain.empty())
         throw std::invalid_argument("Invalid data: empty.");
-    return ZnString(
-        std::string(plain.begin(), plain.begin() + static_cast<std::ptrdiff_t>(unpaddedBytes(plain))));
+    return ZnString(std::string(plain.begin(), plain.begin() + static_cast<std::ptrdiff_t>(unpaddedBytes(plain))));
 }
 
 ZnCrypto::Bytes ZnCrypto::normalizeAesKey(const Bytes& key) {
@@ -183,8 +176,7 @@ ZnCrypto::Bytes ZnCrypto::base64Decode(const ZnString& text) {
         const int value = kDigitValues[static_cast<unsigned char>(c)];
         if (value < 0)
             break;
-        pending =
-            (pending << 6 | static_cast<unsigned>(value)) & 0xFFF; // at most 6 + 6 bits are still needed
+        pending = (pending << 6 | static_cast<unsigned>(value)) & 0xFFF; // at most 6 + 6 bits are still needed
         pendingBits += 6;
         if (pendingBits >= 8) {
             pendingBits -= 8;
@@ -198,6 +190,5 @@ bool ZnCrypto::randomBytes(std::size_t count, Bytes* out) {
     out->assign(count, 0);
     if (count == 0)
         return true;
-    return count <= static_cast<std::size_t>(INT_MAX) &&
-           RAND_bytes(out->data(), static_cast<int>(count)) == 1;
+    return count <= static_cast<std::size_t>(INT_MAX) && RAND_bytes(out->data(), static_cast<int>(count)) == 1;
 }

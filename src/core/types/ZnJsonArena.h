@@ -13,7 +13,7 @@
 /// other trees and threads; each keeps its whole slab.
 struct ZnJsonSlab_ {
     static constexpr std::size_t kMaxBytes = 65536 - 64; // offsets have sixteen bits
-    static constexpr std::size_t kMaxBlockBytes = 8192;  // larger ones are allocated on their own: they would waste much
+    static constexpr std::size_t kMaxBlockBytes = 8192; // larger ones are allocated on their own: they would waste much
 
     /// Adds blocks, or gives back as many with a number below 0. The one who comes to 0 frees the slab.
     void add(std::int32_t blockCount) noexcept;

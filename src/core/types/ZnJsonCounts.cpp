@@ -69,10 +69,8 @@ void ZnJsonCounts_::count(std::string_view text) {
         case '\n':
         case '\v':
         case '\f':
-        case '\r':
-            break;
-        default:
-            at = zn::detail::tokenEnd(text, at);
+        case '\r': break;
+        default: at = zn::detail::tokenEnd(text, at);
         }
     }
     finish_(open, depth);

@@ -23,8 +23,7 @@ ZnJsonDocument ZnJsonDocument::parse_(ZnJsonParser_&& parser, ZnString* error) {
 
 ZnJsonObject ZnJsonDocument::object() const {
     if (!root_.isObject())
-        ZN_LOG_ERROR("zn.core.types.znjsondocument", "ZnJsonDocument::object")
-            << "Root is not a JSON object.";
+        ZN_LOG_ERROR("zn.core.types.znjsondocument", "ZnJsonDocument::object") << "Root is not a JSON object.";
     return root_.toObject();
 }
 

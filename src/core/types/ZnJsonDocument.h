@@ -12,9 +12,9 @@ class ZnJsonParser_;
 
 /// How scalars are read. Both accept the same grammar, but for numbers that fit in no 64 bits: only Exact takes them.
 enum class JsonReading {
-    Dialect, // a string that reads as a boolean, null, integer or simple decimal becomes that scalar
+    Dialect,      // a string that reads as a boolean, null, integer or simple decimal becomes that scalar
     QuietDialect, // the same, with nothing of the text in the log
-    Exact    // strings stay strings; numbers are written back with the digits that they came with
+    Exact         // strings stay strings; numbers are written back with the digits that they came with
 };
 
 /// A parsed JSON text.

@@ -52,9 +52,7 @@ void zn::detail::sortMembers(ZnJsonCell_& object) {
     if (object.block.count == 0)
         return;
     const ZnJsonValue* const members = object.values();
-    const auto nameAt = [members](std::uint32_t place) {
-        return members[2 * std::size_t{place}].string();
-    };
+    const auto nameAt = [members](std::uint32_t place) { return members[2 * std::size_t{place}].string(); };
     std::vector<std::uint32_t> order(object.block.count);
     std::iota(order.begin(), order.end(), 0u);
     std::sort(order.begin(), order.end(), [&](std::uint32_t left, std::uint32_t right) {

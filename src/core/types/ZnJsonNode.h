@@ -8,7 +8,15 @@
 
 class ZnJsonValue;
 
-enum class JsonType : std::int32_t { Null = 0, Boolean = 1, Integer = 2, Double = 3, String = 4, Object = 5, Array = 6 };
+enum class JsonType : std::int32_t {
+    Null = 0,
+    Boolean = 1,
+    Integer = 2,
+    Double = 3,
+    String = 4,
+    Object = 5,
+    Array = 6
+};
 
 /// The sixteen bytes of a JSON value. Internal to this folder.
 ///
@@ -22,12 +30,19 @@ enum class JsonType : std::int32_t { Null = 0, Boolean = 1, Integer = 2, Double 
 /// A block that does not lie in a slab (see ZnJsonArena_) has the offset 0.
 struct ZnJsonCell_ {
     static constexpr std::uint8_t kTypeMask = 7;
-    static constexpr std::uint8_t kHasBlock = 8;    // empty containers have none
+    static constexpr std::uint8_t kHasBlock = 8;     // empty containers have none
     static constexpr std::uint8_t kKeepsDigits = 16; // of a Double: it is a text, not a number
     static constexpr std::size_t kMaxShortBytes = 14;
 
-    struct Number_ { std::uint8_t kind; std::int64_t bits; };
-    struct Text_ { std::uint8_t kind; std::uint8_t byteCount; char bytes[kMaxShortBytes]; };
+    struct Number_ {
+        std::uint8_t kind;
+        std::int64_t bits;
+    };
+    struct Text_ {
+        std::uint8_t kind;
+        std::uint8_t byteCount;
+        char bytes[kMaxShortBytes];
+    };
     struct Block_ {
         std::uint8_t kind;
         bool isUnsorted; // an object that the parser still fills, with names out of order

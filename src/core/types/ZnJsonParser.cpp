@@ -15,10 +15,10 @@ namespace {
 
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 constexpr std::size_t kContextBytes = 20;
-constexpr std::size_t kMaxFastDigits = 18; // so many decimal digits always fit in 64 bits
+constexpr std::size_t kMaxFastDigits = 18;  // so many decimal digits always fit in 64 bits
 constexpr std::size_t kMaxExactDigits = 15; // so many decimal digits are exact in a double
-constexpr std::size_t kNearMembers = 16;   // so many are looked at when a name comes out of order
-constexpr std::size_t kFirstChildren = 8;  // of a container whose count is not known
+constexpr std::size_t kNearMembers = 16;    // so many are looked at when a name comes out of order
+constexpr std::size_t kFirstChildren = 8;   // of a container whose count is not known
 
 bool isDigit(char c) {
     return c >= '0' && c <= '9';
@@ -37,9 +37,7 @@ int hexValue(char c) {
 }
 
 void appendUtf8_(std::string& out, unsigned code) {
-    const auto trail = [code](int shift) {
-        return static_cast<char>(0x80 | ((code >> shift) & 0x3F));
-    };
+    const auto trail = [code](int shift) { return static_cast<char>(0x80 | ((code >> shift) & 0x3F)); };
     if (code < 0x80) {
         out += static_cast<char>(code);
     } else if (code < 0x800) {
@@ -64,14 +62,10 @@ ScalarShape_ scalarShape(std::string_view text) {
     if (text.empty())
         return ScalarShape_::Text;
     switch (text.front()) {
-    case 't':
-        return text == "true" ? ScalarShape_::True : ScalarShape_::Text;
-    case 'f':
-        return text == "false" ? ScalarShape_::False : ScalarShape_::Text;
-    case 'n':
-        return text == "null" ? ScalarShape_::Null : ScalarShape_::Text;
-    default:
-        break;
+    case 't': return text == "true" ? ScalarShape_::True : ScalarShape_::Text;
+    case 'f': return text == "false" ? ScalarShape_::False : ScalarShape_::Text;
+    case 'n': return text == "null" ? ScalarShape_::Null : ScalarShape_::Text;
+    default: break;
     }
     bool hasDigit = false;
     bool hasPoint = false;
@@ -340,20 +334,12 @@ bool ZnJsonParser_::parseStringValue_(ZnJsonCell_& slot) {
 /// Sets the scalar that a string literal reads as; false when it is a plain text.
 bool ZnJsonParser_::readScalar_(std::string_view text, ZnJsonCell_& slot) {
     switch (scalarShape(text)) {
-    case ScalarShape_::Text:
-        return false;
+    case ScalarShape_::Text: return false;
     case ScalarShape_::True:
-    case ScalarShape_::False:
-        slot = ZnJsonCell_(JsonType::Boolean, text.front() == 't' ? 1 : 0);
-        return true;
-    case ScalarShape_::Null:
-        return true;
-    case ScalarShape_::Integer:
-        slot = ZnJsonCell_(JsonType::Integer, readInteger_(text));
-        return true;
-    case ScalarShape_::Decimal:
-        slot = ZnJsonCell_(readDecimal_(text));
-        return true;
+    case ScalarShape_::False: slot = ZnJsonCell_(JsonType::Boolean, text.front() == 't' ? 1 : 0); return true;
+    case ScalarShape_::Null: return true;
+    case ScalarShape_::Integer: slot = ZnJsonCell_(JsonType::Integer, readInteger_(text)); return true;
+    case ScalarShape_::Decimal: slot = ZnJsonCell_(readDecimal_(text)); return true;
     }
     return false;
 }

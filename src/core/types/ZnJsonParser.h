@@ -20,8 +20,11 @@ public:
     /// `key` may be a temporary of the expression that parses.
     ZnJsonParser_(std::string_view text, const ZnString& key, JsonReading reading,
                   std::size_t maxValues = ZnJsonDocument::kNoLimit) noexcept
-        : text_(text), key_(key), isExact_(reading == JsonReading::Exact),
-          isQuiet_(reading == JsonReading::QuietDialect), maxValues_(maxValues) {}
+        : text_(text),
+          key_(key),
+          isExact_(reading == JsonReading::Exact),
+          isQuiet_(reading == JsonReading::QuietDialect),
+          maxValues_(maxValues) {}
 
     /// As ZnJsonDocument::fromJson.
     bool parseJsonText_(ZnJsonValue& root, ZnString& error);

@@ -53,8 +53,7 @@ inline std::size_t plainRunEnd(std::string_view text, std::size_t at) {
         if (const std::uint64_t marks = specialBytes(word); marks != 0)
             return at + static_cast<std::size_t>(std::countr_zero(marks)) / 8;
     }
-    while (at < text.size() && text[at] != '"' && text[at] != '\\' &&
-           static_cast<unsigned char>(text[at]) >= 0x20)
+    while (at < text.size() && text[at] != '"' && text[at] != '\\' && static_cast<unsigned char>(text[at]) >= 0x20)
         ++at;
     return at;
 }

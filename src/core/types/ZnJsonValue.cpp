@@ -101,20 +101,16 @@ bool ZnJsonTree_::equalShallow_(const ZnJsonCell_& left, const ZnJsonCell_& righ
     if (left.type() != right.type())
         return false;
     switch (left.type()) {
-    case JsonType::Null:
-        return true;
+    case JsonType::Null: return true;
     case JsonType::Boolean:
-    case JsonType::Integer:
-        return left.number.bits == right.number.bits;
+    case JsonType::Integer: return left.number.bits == right.number.bits;
     case JsonType::Double:
         if (left.keepsDigits() || right.keepsDigits())
             return left.keepsDigits() && right.keepsDigits() && left.text() == right.text();
         return left.asDouble() == right.asDouble();
-    case JsonType::String:
-        return left.text() == right.text();
+    case JsonType::String: return left.text() == right.text();
     case JsonType::Object:
-    case JsonType::Array:
-        return left.block.count == right.block.count;
+    case JsonType::Array: return left.block.count == right.block.count;
     }
     return false;
 }
@@ -227,22 +223,17 @@ ZnJsonArray* ZnJsonValue::array() noexcept {
 ZnString ZnJsonValue::toStringOr(const ZnString& fallback) const {
     std::string text;
     switch (type()) {
-    case JsonType::Null:
-        return "null";
-    case JsonType::Boolean:
-        return cell_.number.bits != 0 ? "true" : "false";
-    case JsonType::Integer:
-        return ZnString::number(cell_.number.bits);
+    case JsonType::Null: return "null";
+    case JsonType::Boolean: return cell_.number.bits != 0 ? "true" : "false";
+    case JsonType::Integer: return ZnString::number(cell_.number.bits);
     case JsonType::Double:
         if (cell_.keepsDigits())
             return ZnString(cell_.text());
         zn::detail::appendFixed(text, cell_.asDouble());
         return text;
-    case JsonType::String:
-        return ZnString(cell_.text());
+    case JsonType::String: return ZnString(cell_.text());
     case JsonType::Object:
-    case JsonType::Array:
-        break;
+    case JsonType::Array: break;
     }
     return fallback;
 }
@@ -250,48 +241,36 @@ ZnString ZnJsonValue::toStringOr(const ZnString& fallback) const {
 bool ZnJsonValue::toBool(bool fallback) const {
     switch (type()) {
     case JsonType::Boolean:
-    case JsonType::Integer:
-        return cell_.number.bits != 0;
-    case JsonType::Double:
-        return double_() != 0;
-    default:
-        return fallback;
+    case JsonType::Integer: return cell_.number.bits != 0;
+    case JsonType::Double: return double_() != 0;
+    default: return fallback;
     }
 }
 
 int ZnJsonValue::toInt(int fallback) const {
     switch (type()) {
     case JsonType::Boolean:
-    case JsonType::Integer:
-        return static_cast<int>(static_cast<std::uint32_t>(cell_.number.bits));
-    case JsonType::Double:
-        return truncated<int>(double_());
-    default:
-        return fallback;
+    case JsonType::Integer: return static_cast<int>(static_cast<std::uint32_t>(cell_.number.bits));
+    case JsonType::Double: return truncated<int>(double_());
+    default: return fallback;
     }
 }
 
 long long ZnJsonValue::toLongLong() const {
     switch (type()) {
     case JsonType::Boolean:
-    case JsonType::Integer:
-        return cell_.number.bits;
-    case JsonType::Double:
-        return truncated<long long>(double_());
-    default:
-        return 0;
+    case JsonType::Integer: return cell_.number.bits;
+    case JsonType::Double: return truncated<long long>(double_());
+    default: return 0;
     }
 }
 
 double ZnJsonValue::toDouble(double fallback, int decimals) const {
     switch (type()) {
     case JsonType::Boolean:
-    case JsonType::Integer:
-        return static_cast<double>(cell_.number.bits);
-    case JsonType::Double:
-        break;
-    default:
-        return fallback;
+    case JsonType::Integer: return static_cast<double>(cell_.number.bits);
+    case JsonType::Double: break;
+    default: return fallback;
     }
     const double value = double_();
     if (decimals <= 0)

@@ -59,8 +59,7 @@ void appendDouble(std::string& out, double value) {
     else if (whole >= -kIntegerEnd && whole < kIntegerEnd)
         zn::detail::appendInteger(out, static_cast<long long>(whole));
     else
-        zn::detail::appendScientific(
-            out, value); // decimal digits alone would not be read back: no integer so large
+        zn::detail::appendScientific(out, value); // decimal digits alone would not be read back: no integer so large
 }
 
 } // namespace
@@ -199,10 +198,8 @@ void ZnJsonValue::appendJson(ZnString* out) const {
 ZnString ZnJsonValue::toDisplayString() const {
     std::string text;
     switch (type()) {
-    case JsonType::Object:
-        return "ZnJsonValue(Object)";
-    case JsonType::Array:
-        return "ZnJsonValue(Array)";
+    case JsonType::Object: return "ZnJsonValue(Object)";
+    case JsonType::Array: return "ZnJsonValue(Array)";
     case JsonType::Double:
         if (cell_.keepsDigits())
             return ZnString(cell_.text());
@@ -213,8 +210,7 @@ ZnString ZnJsonValue::toDisplayString() const {
         appendEscaped(text, string(), "0123456789abcdef");
         text += '"';
         return text;
-    default:
-        return toStringOr(ZnString());
+    default: return toStringOr(ZnString());
     }
 }
 

@@ -46,8 +46,7 @@ ZnLogFilter::~ZnLogFilter() = default;
 
 bool ZnLogFilter::passes(std::string_view text) const noexcept {
     try {
-        return std::regex_search(text.begin(), text.end(), expression_->regex,
-                                 std::regex_constants::match_continuous);
+        return std::regex_search(text.begin(), text.end(), expression_->regex, std::regex_constants::match_continuous);
     } catch (const std::exception&) {
         return true;
     }

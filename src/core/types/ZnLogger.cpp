@@ -46,14 +46,10 @@ std::uint8_t levelBit(int level) {
 
 std::string_view levelName(int level) {
     switch (level) {
-    case ZnLogger::kDebug:
-        return "DEBUG";
-    case ZnLogger::kWarning:
-        return "WARNING";
-    case ZnLogger::kError:
-        return "ERROR";
-    default:
-        return "UNKNOWN";
+    case ZnLogger::kDebug: return "DEBUG";
+    case ZnLogger::kWarning: return "WARNING";
+    case ZnLogger::kError: return "ERROR";
+    default: return "UNKNOWN";
     }
 }
 
@@ -291,8 +287,7 @@ void ZnLogger::State_::writeFile() const {
         std::filesystem::create_directories(path.substr(0, parentBytes), ignored);
     }
     // "e": a child process must not inherit the file.
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(filePath.data(), "abe"),
-                                                               &std::fclose);
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(filePath.data(), "abe"), &std::fclose);
     if (file)
         std::fwrite(line.data(), 1, line.size(), file.get());
 }

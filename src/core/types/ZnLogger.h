@@ -109,10 +109,10 @@ struct LogExpression_ {
 
 // ZN_LOG_ERROR("zn.core.io.zntcpserver", "ZnTcpServer::listen") << "bind failed: " << code;
 // The message is not evaluated when the category and level are off.
-#define ZN_LOG_(level, category, function)                                                                   \
-    !ZnLogger::instance().isEnabled((category), (level))                                                     \
-        ? static_cast<void>(0)                                                                               \
-        : ::zn::detail::LogExpression_() &                                                                   \
+#define ZN_LOG_(level, category, function)                                                                             \
+    !ZnLogger::instance().isEnabled((category), (level))                                                               \
+        ? static_cast<void>(0)                                                                                         \
+        : ::zn::detail::LogExpression_() &                                                                             \
               ZnLogStatement(ZnLogRecord{__FILE__, __LINE__, (function), (level), (category)}).stream()
 #define ZN_LOG_DEBUG(category, function) ZN_LOG_(ZnLogger::kDebug, category, function)
 #define ZN_LOG_WARNING(category, function) ZN_LOG_(ZnLogger::kWarning, category, function)

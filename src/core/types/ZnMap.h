@@ -50,9 +50,13 @@ public:
         return true;
     }
     template <typename Key>
-    auto find(const Key& key) { return values_.find(key); }
+    auto find(const Key& key) {
+        return values_.find(key);
+    }
     template <typename Key>
-    auto find(const Key& key) const { return values_.find(key); }
+    auto find(const Key& key) const {
+        return values_.find(key);
+    }
     auto erase(typename Storage::iterator at) { return values_.erase(at); }
 
     auto begin() noexcept { return values_.begin(); }

@@ -5,8 +5,7 @@ bool ZnMutex::tryLock() {
         return recursive_.try_lock();
     std::uint32_t expected = kFree_;
     // Pairs with the releasing exchange in unlock().
-    return state_.compare_exchange_strong(expected, kHeld_, std::memory_order_acquire,
-                                          std::memory_order_relaxed);
+    return state_.compare_exchange_strong(expected, kHeld_, std::memory_order_acquire, std::memory_order_relaxed);
 }
 
 void ZnMutex::lockSlow_() {

@@ -21,8 +21,8 @@ public:
 
     void lock() ZN_ACQUIRE() {
         std::uint32_t expected = kFree_;
-        if (mode_ == Mode::Recursive || !state_.compare_exchange_strong(expected, kHeld_, std::memory_order_acquire,
-                                                                        std::memory_order_relaxed))
+        if (mode_ == Mode::Recursive ||
+            !state_.compare_exchange_strong(expected, kHeld_, std::memory_order_acquire, std::memory_order_relaxed))
             lockSlow_();
     }
     bool tryLock() ZN_TRY_ACQUIRE(true);

@@ -50,20 +50,17 @@ double zn::detail::nearestDouble(std::string_view text) {
 
 void zn::detail::appendGeneral(std::string& out, double value) {
     char buffer[32];
-    out.append(buffer,
-               std::to_chars(buffer, buffer + sizeof(buffer), value, std::chars_format::general, 6).ptr);
+    out.append(buffer, std::to_chars(buffer, buffer + sizeof(buffer), value, std::chars_format::general, 6).ptr);
 }
 
 void zn::detail::appendFixed(std::string& out, double value) {
     char buffer[kMaxFixedBytes];
-    out.append(buffer,
-               std::to_chars(buffer, buffer + sizeof(buffer), value, std::chars_format::fixed, 6).ptr);
+    out.append(buffer, std::to_chars(buffer, buffer + sizeof(buffer), value, std::chars_format::fixed, 6).ptr);
 }
 
 void zn::detail::appendScientific(std::string& out, double value) {
     char buffer[32];
-    out.append(buffer,
-               std::to_chars(buffer, buffer + sizeof(buffer), value, std::chars_format::scientific).ptr);
+    out.append(buffer, std::to_chars(buffer, buffer + sizeof(buffer), value, std::chars_format::scientific).ptr);
 }
 
 void zn::detail::appendInteger(std::string& out, long long value) {

@@ -165,9 +165,7 @@ void appendCodePoint(std::string& out, char32_t code) {
 
 /// Takes one code point from `text` at `*at`; an ill-formed sequence is taken up to the byte that breaks it.
 char32_t takeCodePoint(std::string_view text, std::size_t* at) {
-    const auto byteAt = [&](std::size_t index) {
-        return static_cast<unsigned char>(text[index]);
-    };
+    const auto byteAt = [&](std::size_t index) { return static_cast<unsigned char>(text[index]); };
     const unsigned lead = byteAt((*at)++);
     if (lead < 0x80)
         return lead;

@@ -23,7 +23,8 @@ public:
 
     ZnString() noexcept = default;
     ZnString(const char* text) : text_(text == nullptr ? "" : text) {} // a null pointer counts as empty
-    ZnString(const char* data, std::size_t byteCount) : text_(byteCount == 0 ? std::string() : std::string(data, byteCount)) {}
+    ZnString(const char* data, std::size_t byteCount)
+        : text_(byteCount == 0 ? std::string() : std::string(data, byteCount)) {}
     ZnString(std::string text) noexcept : text_(std::move(text)) {}
     explicit ZnString(std::string_view text) : text_(text) {}
 
@@ -66,14 +67,20 @@ public:
         return order_(left.view(), right.view());
     }
     // Let an ordered map with std::less<> find a key by view, without making a ZnString.
-    friend bool operator<(const ZnString& left, std::string_view right) noexcept { return order_(left.view(), right) < 0; }
-    friend bool operator<(std::string_view left, const ZnString& right) noexcept { return order_(left, right.view()) < 0; }
+    friend bool operator<(const ZnString& left, std::string_view right) noexcept {
+        return order_(left.view(), right) < 0;
+    }
+    friend bool operator<(std::string_view left, const ZnString& right) noexcept {
+        return order_(left, right.view()) < 0;
+    }
     friend bool operator<(const ZnString& left, const char* right) noexcept { return left.view() < right; }
     friend bool operator<(const char* left, const ZnString& right) noexcept { return left < right.view(); }
 
     /// A negative or too large `position` gives an empty text; a negative or too large `length` means to the end.
     ZnString mid(int position, int length = -1) const;
-    std::size_t indexOf(std::string_view needle, std::size_t from = 0) const noexcept { return text_.find(needle, from); }
+    std::size_t indexOf(std::string_view needle, std::size_t from = 0) const noexcept {
+        return text_.find(needle, from);
+    }
     std::size_t lastIndexOf(std::string_view needle) const noexcept { return text_.rfind(needle); }
     bool contains(std::string_view needle) const noexcept { return text_.find(needle) != npos; }
     bool startsWith(std::string_view prefix) const noexcept { return text_.starts_with(prefix); }

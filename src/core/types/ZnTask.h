@@ -66,13 +66,12 @@ private:
                std::is_nothrow_move_constructible_v<Stored>;
     }
     template <typename Stored>
-    static constexpr Operations_ kInsideOperations_ = {
-        [](void* at) { (*static_cast<Stored*>(at))(); },
-        [](void* from, void* to) noexcept {
-            ::new (to) Stored(std::move(*static_cast<Stored*>(from)));
-            static_cast<Stored*>(from)->~Stored();
-        },
-        [](void* at) noexcept { static_cast<Stored*>(at)->~Stored(); }};
+    static constexpr Operations_ kInsideOperations_ = {[](void* at) { (*static_cast<Stored*>(at))(); },
+                                                       [](void* from, void* to) noexcept {
+                                                           ::new (to) Stored(std::move(*static_cast<Stored*>(from)));
+                                                           static_cast<Stored*>(from)->~Stored();
+                                                       },
+                                                       [](void* at) noexcept { static_cast<Stored*>(at)->~Stored(); }};
     template <typename Stored>
     static constexpr Operations_ kHeapOperations_ = {
         [](void* at) { (**static_cast<Stored**>(at))(); },

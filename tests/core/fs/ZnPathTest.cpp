@@ -10,8 +10,11 @@ TEST(ZnPath, ParentsAndJoinedNamesAreNormal) {
     constexpr const char* kParents[][2] = {{"/a/b/c//", "/a/b"}, {"\\a\\b\\", "/a"}, {"/a", ""}, {"", ""}};
     for (const auto& [path, parent] : kParents)
         EXPECT_EQ(parentPath(path), parent) << path;
-    constexpr const char* kJoined[][3] = {{"", "x/../y", "x/../y"}, {"b/", "", "b/"}, {"\\a\\", "b\\c", "/a/b/c"},
-                                          {"/a", "../b", "/b"}, {"/a/", "/b", "/a/b"}};
+    constexpr const char* kJoined[][3] = {{"", "x/../y", "x/../y"},
+                                          {"b/", "", "b/"},
+                                          {"\\a\\", "b\\c", "/a/b/c"},
+                                          {"/a", "../b", "/b"},
+                                          {"/a/", "/b", "/a/b"}};
     for (const auto& [base, name, joined] : kJoined)
         EXPECT_EQ(joinPath(base, name), joined) << base << " + " << name;
 }

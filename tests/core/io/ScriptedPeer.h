@@ -33,7 +33,8 @@ public:
     using Script = std::function<void(Connection&)>;
 
     explicit ScriptedPeer(Script script)
-        : script_(std::move(script)), listenDescriptor_(listenOnLoopback(&port_, 1024)),
+        : script_(std::move(script)),
+          listenDescriptor_(listenOnLoopback(&port_, 1024)),
           acceptThread_([this] { acceptAll_(); }) {}
     ~ScriptedPeer() {
         ::shutdown(listenDescriptor_, SHUT_RDWR);

@@ -8,9 +8,8 @@
 class TlsFiles {
 public:
     TlsFiles() {
-        const std::string script =
-            "set -e; cd " + directory_.path().str() +
-            R"(
+        const std::string script = "set -e; cd " + directory_.path().str() +
+                                   R"(
             new() { openssl ecparam -genkey -name prime256v1 -noout -out $1.key; }
             self() { new $1; openssl req -x509 -new -key $1.key -days 30 -out $1.pem -subj "/CN=$2" \
                 -addext "subjectAltName=DNS:localhost,IP:127.0.0.1"; }
@@ -47,8 +46,8 @@ public:
         const std::string mark = "ACCEPT 0.0.0.0:";
         for (int i = 0; i < 1000 && !hasWritten(mark); ++i)
             ::usleep(10000);
-        return static_cast<unsigned short>(
-            hasWritten(mark) ? std::atoi(text_.c_str() + text_.find(mark) + mark.size()) : 0);
+        return static_cast<unsigned short>(hasWritten(mark) ? std::atoi(text_.c_str() + text_.find(mark) + mark.size())
+                                                            : 0);
     }
 
 private:

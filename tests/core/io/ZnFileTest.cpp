@@ -36,9 +36,11 @@ TEST(ZnFile, WritesAppendsAndReadsBack) {
 TEST(ZnFile, OpensOnlyFilesAndMakesNewOnesOnce) {
     const TemporaryDirectory directory;
     const std::string existing = directory.file("file", "content").str();
-    const std::pair<std::string, bool> rows[] = {
-        {existing, true}, {directory.path().str() + "\\file", true}, {directory.path("none").str(), false},
-        {directory.path().str(), false}, {existing + std::string("\0x", 2), false}};
+    const std::pair<std::string, bool> rows[] = {{existing, true},
+                                                 {directory.path().str() + "\\file", true},
+                                                 {directory.path("none").str(), false},
+                                                 {directory.path().str(), false},
+                                                 {existing + std::string("\0x", 2), false}};
     for (const auto& [path, opens] : rows) {
         ZnFile file{ZnString(path)};
         EXPECT_EQ(file.open(OpenMode::Read), opens) << path;

@@ -7,8 +7,12 @@
 #include <dlfcn.h>
 
 // Texts can be encrypted, so every program has libcrypto. Not this one, so that it can be missing.
-ZnString ZnCrypto::encryptAES(const ZnString&, const ZnString&) { return {}; }
-ZnString ZnCrypto::decryptAES(const ZnString&, const ZnString&) { return {}; }
+ZnString ZnCrypto::encryptAES(const ZnString&, const ZnString&) {
+    return {};
+}
+ZnString ZnCrypto::decryptAES(const ZnString&, const ZnString&) {
+    return {};
+}
 
 namespace {
 
@@ -94,23 +98,32 @@ TEST_F(ZnSslBindingTest, TheOtherLibraryMayBeTheOldOne) {
 }
 
 TEST_F(ZnSslBindingTest, WhatIsMissingOrFailsIsNamed) {
-    for (const char* name : {"TLS_client_method", "SSL_CTX_new", "SSL_new", "SSL_set_fd", "SSL_do_handshake", "SSL_read",
-                             "SSL_write", "SSL_get_error", "SSL_shutdown"}) {
+    for (const char* name : {"TLS_client_method", "SSL_CTX_new", "SSL_new", "SSL_set_fd", "SSL_do_handshake",
+                             "SSL_read", "SSL_write", "SSL_get_error", "SSL_shutdown"}) {
         place("libssl.so.3", {name});
         EXPECT_EQ(probe("load"), "Missing required OpenSSL symbols") << name;
     }
     // The functions that the library lacks, and one that gives 0.
-    struct Row { const char* probe; std::vector<std::string> missing; std::string failing; const char* text; };
+    struct Row {
+        const char* probe;
+        std::vector<std::string> missing;
+        std::string failing;
+        const char* text;
+    };
     const Row rows[] = {
         {"client", {"SSL_ctrl", "SSL_CTX_ctrl", "SSL_set_connect_state", "SSL_CTX_get_cert_store"}, "", "ready"},
         {"far", {}, "", "Socket handle out of range for SSL_set_fd"},
         {"client", {"SSL_CTX_set_verify"}, "", "SSL_CTX_set_verify missing"},
         {"client", {"SSL_set1_host"}, "", "SSL_set1_host missing"},
-        {"client", {}, "SSL_set1_host", "SSL_set1_host failed"}, {"client", {}, "SSL_CTX_new", "SSL_CTX_new failed"},
-        {"client", {}, "SSL_new", "SSL_new failed"}, {"client", {}, "SSL_set_fd", "SSL_set_fd failed"},
+        {"client", {}, "SSL_set1_host", "SSL_set1_host failed"},
+        {"client", {}, "SSL_CTX_new", "SSL_CTX_new failed"},
+        {"client", {}, "SSL_new", "SSL_new failed"},
+        {"client", {}, "SSL_set_fd", "SSL_set_fd failed"},
         {"server", {}, "SSL_CTX_new", "SSL_CTX_new (server) failed"},
         {"server", {"SSL_CTX_check_private_key"}, "SSL_CTX_use_certificate_chain_file", "ready"},
-        {"server", {"SSL_CTX_use_certificate_file"}, "SSL_CTX_use_certificate_chain_file",
+        {"server",
+         {"SSL_CTX_use_certificate_file"},
+         "SSL_CTX_use_certificate_chain_file",
          "Failed to load certificate: a.pem"},
         {"server", {"SSL_CTX_use_PrivateKey_file"}, "", "Failed to load private key: a.key"},
         {"server", {}, "SSL_CTX_check_private_key", "Private key does not match certificate"},

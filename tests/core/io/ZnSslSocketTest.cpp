@@ -64,8 +64,14 @@ protected:
         });
     }
     std::vector<std::string> clientArguments(const std::string& version, const std::string& more = "-noservername") {
-        return {"s_client", "-connect", "127.0.0.1:" + std::to_string(server_.localPort()), "-CAfile",
-                files_.path("ca.pem").str(), "-verify_return_error", version, more};
+        return {"s_client",
+                "-connect",
+                "127.0.0.1:" + std::to_string(server_.localPort()),
+                "-CAfile",
+                files_.path("ca.pem").str(),
+                "-verify_return_error",
+                version,
+                more};
     }
     bool connectPair(unsigned short port = 0) {
         accepted_ = nullptr;
@@ -98,9 +104,16 @@ TEST_F(ZnSslSocketTest, ServesRealClients) {
         {credential("good"), credential("second", "Second.TEST. "), credential("a", "a.test")}));
     echo();
     // The command is a key update, or a renegotiation, which a server refuses.
-    struct Row { const char* version; const char* serverName; const char* subject; std::string command; };
-    const Row rows[] = {{"-tls1_2", "-noservername", "CN = good\n", "R\n"}, {"-tls1_3", "a.test", "CN = a\n", "k\n"},
-                        {"-tls1_2", "A.test", "CN = a\n", ""}, {"-tls1_3", "second.test.", "CN = second\n", "K\n"},
+    struct Row {
+        const char* version;
+        const char* serverName;
+        const char* subject;
+        std::string command;
+    };
+    const Row rows[] = {{"-tls1_2", "-noservername", "CN = good\n", "R\n"},
+                        {"-tls1_3", "a.test", "CN = a\n", "k\n"},
+                        {"-tls1_2", "A.test", "CN = a\n", ""},
+                        {"-tls1_3", "second.test.", "CN = second\n", "K\n"},
                         {"-tls1_3", "other.test", "CN = good\n", ""}};
     for (const Row& row : rows) {
         SCOPED_TRACE(std::string(row.version) + " " + row.serverName);
@@ -128,7 +141,11 @@ TEST_F(ZnSslSocketTest, ServesRealClients) {
 }
 
 TEST_F(ZnSslSocketTest, APeerThatOnlyRekeysIsClosedAndOneThatRekeysNowAndThenIsNot) {
-    struct Row { int keyUpdates; int rounds; std::string received; };
+    struct Row {
+        int keyUpdates;
+        int rounds;
+        std::string received;
+    };
     const Row rows[] = {{30, 40, std::string(40, 'x')}, {33, 1, ""}, {4000, 1, ""}};
     for (const Row& row : rows) {
         SCOPED_TRACE(row.keyUpdates);
@@ -192,9 +209,16 @@ TEST_F(ZnSslSocketTest, WithoutRoomNeitherReadsNorWritesAreTriedAgainAndAgain) {
 }
 
 TEST_F(ZnSslSocketTest, VerifiesRealServers) {
-    struct Row { std::string certificate; std::string version; const char* host; const char* logText; };
-    const Row rows[] = { // null: the connection works
-        {"good", "-tls1_2", "localhost", nullptr}, {"good", "-tls1_3", "127.0.0.1", nullptr},
+    struct Row {
+        std::string certificate;
+        std::string version;
+        const char* host;
+        const char* logText;
+    };
+    const Row rows[] = {
+        // null: the connection works
+        {"good", "-tls1_2", "localhost", nullptr},
+        {"good", "-tls1_3", "127.0.0.1", nullptr},
         {"good", "-tls1_3", "other.test", "verify=62 (hostname mismatch) openssl="},
         {"a", "-tls1_2", "localhost", "verify=62 (hostname mismatch) openssl="},
         {"expired", "-tls1_3", "localhost", "verify=10 (certificate has expired) openssl="},
@@ -366,9 +390,8 @@ TEST_F(ZnSslSocketTest, ReceiversMayWriteAndCloseAndTlsStays) {
 }
 
 TEST_F(ZnSslSocketTest, TheNameToVerifyIsThatOfThisConnectionAndAddressesAreNotAskedForByName) {
-    ZnResolver::setLookupForTests([](const ZnString&) -> ZnResolver::Result {
-        return {ZnSocketAddress::fromNumeric("127.0.0.1", 0)};
-    });
+    ZnResolver::setLookupForTests(
+        [](const ZnString&) -> ZnResolver::Result { return {ZnSocketAddress::fromNumeric("127.0.0.1", 0)}; });
     const auto connects = [&](const ZnString& host) {
         runOnFiber([&] { client_.connectToHostEncrypted(host, server_.localPort()); });
         EXPECT_TRUE(runUntil([&] { return client_.isOpen() || client_.state() == SocketState::Unconnected; }));

@@ -46,7 +46,7 @@ protected:
     bool trusts(const Context& context, const std::string& name) {
         const Certificate certificate = read_(name);
         const std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> check(X509_STORE_CTX_new(),
-                                                                                   &X509_STORE_CTX_free);
+                                                                                    &X509_STORE_CTX_free);
         X509_STORE_CTX_init(check.get(), SSL_CTX_get_cert_store(context->get()), certificate.get(), nullptr);
         return X509_verify_cert(check.get()) == 1;
     }
@@ -89,11 +89,20 @@ TEST_F(ZnSslTrustTest, ACaFileThatIsNoneIsNamed) {
 
 TEST_F(ZnSslTrustTest, EverySourceIsFound) {
     const std::string hashed = hashedName();
-    const std::string rows[][3] = { // a setting with its value, and where the authority lies
-        {"SSL_CERT_FILE", "a", "a"}, {"SSL_CERT_DIR", "none:b", "b/" + hashed}, {"ZN_SSL_CA_FILE", "c", "c"},
-        {"ZN_SSL_CA_DIR", "d", "d/" + hashed}, {"fallback file", "e", "e"}, {"fallback dir", "f", "f/" + hashed},
-        {"", "", "certs/ca-bundle.pem"}, {"", "", "certs/cacert.pem"}, {"", "", "ssl/cert.pem"},
-        {"", "", "ca-bundle.crt"}, {"", "", "cert.pem"}, {"", "", "certs/" + hashed}, {"", "", "ssl/certs/" + hashed}};
+    const std::string rows[][3] = {// a setting with its value, and where the authority lies
+                                   {"SSL_CERT_FILE", "a", "a"},
+                                   {"SSL_CERT_DIR", "none:b", "b/" + hashed},
+                                   {"ZN_SSL_CA_FILE", "c", "c"},
+                                   {"ZN_SSL_CA_DIR", "d", "d/" + hashed},
+                                   {"fallback file", "e", "e"},
+                                   {"fallback dir", "f", "f/" + hashed},
+                                   {"", "", "certs/ca-bundle.pem"},
+                                   {"", "", "certs/cacert.pem"},
+                                   {"", "", "ssl/cert.pem"},
+                                   {"", "", "ca-bundle.crt"},
+                                   {"", "", "cert.pem"},
+                                   {"", "", "certs/" + hashed},
+                                   {"", "", "ssl/certs/" + hashed}};
     for (const auto& [name, value, path] : rows) {
         SCOPED_TRACE(path);
         EXPECT_FALSE(trusts(context(), "good.pem"));

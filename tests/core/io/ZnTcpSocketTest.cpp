@@ -1,5 +1,5 @@
-#include "core/io/ZnTcpServer.h"
 #include "core/io/ZnTcpSocket.h"
+#include "core/io/ZnTcpServer.h"
 #include "core/platform/ZnResolver.h"
 #include "core/platform/ZnSocketError.h"
 #include "core/runtime/ZnEventLoop.h"
@@ -112,11 +112,12 @@ TEST_F(ZnTcpSocketTest, AnswersReachAPeerThatHasClosedItsSideOnly) {
 
 TEST_F(ZnTcpSocketTest, NamesAreResolvedWhileTheLoopGoesOnAndACloseEndsTheWait) {
     std::promise<void> release;
-    ZnResolver::setLookupForTests([released = release.get_future().share()](const ZnString& host) -> ZnResolver::Result {
-        if (host == "slow.test")
-            released.wait();
-        return {ZnSocketAddress::fromNumeric("127.0.0.1", 0)};
-    });
+    ZnResolver::setLookupForTests(
+        [released = release.get_future().share()](const ZnString& host) -> ZnResolver::Result {
+            if (host == "slow.test")
+                released.wait();
+            return {ZnSocketAddress::fromNumeric("127.0.0.1", 0)};
+        });
     bool returned = false;
     application_.postEvent([&] {
         EXPECT_FALSE(client_->connectToHost("slow.test", server_.localPort()));
@@ -217,7 +218,8 @@ TEST_F(ZnTcpSocketTest, WithoutALoopToWatchItASocketFailsWithAnError) {
         int error = 0;
         socket.adoptDescriptor(ZnSocketHandle::open(ZnSocketAddress::Family::IPv4, &error), true);
         EXPECT_EQ(socket.state(), SocketState::Unconnected);
-    }).join();
+    })
+        .join();
     EXPECT_EQ(errors, std::vector<int>(2, ZnSocketError::kNoBufferSpace));
 }
 

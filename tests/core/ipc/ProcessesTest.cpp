@@ -1,11 +1,11 @@
-// Several processes with a signal between them. This one has no threads, so that it may fork; those that need a loop make
-// it after the fork.
+// Several processes with a signal between them. This one has no threads, so that it may fork; those that need a loop
+// make it after the fork.
 
 #include "core/ipc/Channel.h"
+#include "core/ipc/IpcFixture.h"
 #include "core/ipc/SignalBlock.h"
 #include "core/ipc/SubscribersRegistryTable.h"
 #include "core/ipc/Subscription.h"
-#include "core/ipc/IpcFixture.h"
 #include "core/platform/ZnProcess.h"
 #include "core/runtime/ZnCoreApplication.h"
 #include "support/TestProgram.h"
@@ -69,14 +69,18 @@ protected:
         };
     }
     Child::Body registryHolder(int signalNumber) {
-        return holder([this](const auto& stop) {
-            RegistryTable::open(domain_)->withTable(1000, [&](RegistryTable&) { stop(); });
-        }, signalNumber);
+        return holder(
+            [this](const auto& stop) {
+                RegistryTable::open(domain_)->withTable(1000, [&](RegistryTable&) { stop(); });
+            },
+            signalNumber);
     }
     Child::Body channelHolder(int signalNumber) {
-        return holder([this](const auto& stop) {
-            openBlock()->publish(1000, [&] { return stop(), std::optional<SignalValue>(); });
-        }, signalNumber);
+        return holder(
+            [this](const auto& stop) {
+                openBlock()->publish(1000, [&] { return stop(), std::optional<SignalValue>(); });
+            },
+            signalNumber);
     }
 
     const ZnString domain_ = testDomain();
@@ -96,7 +100,8 @@ TEST_F(IpcProcesses, ManyPublishersAndListenersLoseNothing) {
             ZnCoreApplication application;
             const auto channel = openChannel();
             for (std::uint64_t number = 0; number < kEach; ++number) {
-                // One that waits its turn for longer than the bound says it later, and only the latest: here each counts.
+                // One that waits its turn for longer than the bound says it later, and only the latest: here each
+                // counts.
                 channel->publish(number, ~number);
                 if (!application.processUntil([&] { return !channel->hasUnsaid(); }, kDeadlineMs))
                     return 1;
@@ -130,16 +135,19 @@ TEST_F(IpcProcesses, WhoComesNextFinishesAPublicationThatWasBegun) {
     const auto block = openBlock();
     RawObject raw(signalBlockName(domain_, "o", "s"));
     const auto diesHalfWay = [&](std::uint64_t draftSequence) {
-        return Child(holder([&](const auto& stop) {
-                   openBlock()->publish(1000, [&] {
-                       raw.set<std::uint64_t>(44, 5); // the values once more, behind the pair
-                       raw.set<std::uint64_t>(52, 6);
-                       raw.set<std::uint64_t>(60, draftSequence); // and their number
-                       raw.set<std::uint64_t>(28, draftSequence == 1 ? 5 : 0);
-                       stop();
-                       return std::optional<SignalValue>();
-                   });
-               }, SIGKILL)).end();
+        return Child(holder(
+                         [&](const auto& stop) {
+                             openBlock()->publish(1000, [&] {
+                                 raw.set<std::uint64_t>(44, 5); // the values once more, behind the pair
+                                 raw.set<std::uint64_t>(52, 6);
+                                 raw.set<std::uint64_t>(60, draftSequence); // and their number
+                                 raw.set<std::uint64_t>(28, draftSequence == 1 ? 5 : 0);
+                                 stop();
+                                 return std::optional<SignalValue>();
+                             });
+                         },
+                         SIGKILL))
+            .end();
     };
     SignalValue value;
     EXPECT_EQ(diesHalfWay(0), -SIGKILL); // before the draft was whole: nothing has happened
@@ -148,8 +156,8 @@ TEST_F(IpcProcesses, WhoComesNextFinishesAPublicationThatWasBegun) {
     EXPECT_TRUE(block->read(1000, &value) && value.sequence == 1 && value.first == 5 && value.second == 6);
 }
 
-/// With another process standing still in the middle, a loop goes on, and what it could not do is done when the other one
-/// goes on.
+/// With another process standing still in the middle, a loop goes on, and what it could not do is done when the other
+/// one goes on.
 class IpcStandstill : public IpcProcesses {
 protected:
     void expectPublicationAfter(const Child::Body& holderBody, std::uint64_t lastSequence) {
@@ -226,7 +234,8 @@ TEST_F(IpcProcesses, APublicationWithoutListenersCostsNoSystemCall) {
         return Child([&](const auto&) {
                    const auto channel = openChannel();
                    channel->publish(0, 0); // opens the registry
-                   if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
+                   if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+                       ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
                        return 1;
                    for (std::uint64_t number = 0; number < 1000; ++number)
                        channel->publish(number, number);
@@ -234,7 +243,8 @@ TEST_F(IpcProcesses, APublicationWithoutListenersCostsNoSystemCall) {
                        ::getppid();
                    ::_exit(0); // the channel's end would be the next call
                    return 1;
-               }).end();
+               })
+            .end();
     };
     EXPECT_EQ(publishThenCall(false), 0);
     EXPECT_EQ(publishThenCall(true), -SIGSYS); // any call ends it
@@ -260,7 +270,8 @@ TEST_F(IpcProcesses, NothingIsLeftBehindInOrderAndWhatACrashLeavesIsTakenOver) {
     EXPECT_EQ(publish(), 0);
     EXPECT_EQ(listener->readLine(), "signal 2: 4 2");
     const auto lister = program({domain_.str()}, "list");
-    EXPECT_THAT(lister->readLine(), ::testing::MatchesRegex("pid " + pid.str() + ", last seen [0-9]+ ms ago, 1 of o s"));
+    EXPECT_THAT(lister->readLine(),
+                ::testing::MatchesRegex("pid " + pid.str() + ", last seen [0-9]+ ms ago, 1 of o s"));
     EXPECT_EQ(lister->restOfOutput(), "");
     EXPECT_EQ(lister->exitCode(), 0);
     EXPECT_EQ(listener->exitCode(SIGTERM), 0);

@@ -1,11 +1,11 @@
 #include "core/ipc/SubscribersRegistryTable.h"
 
 #include "core/ipc/DispatchTable.h"
+#include "core/ipc/IpcFixture.h"
 #include "core/ipc/Names.h"
 #include "core/ipc/SignalBlock.h"
 #include "core/platform/ZnMonotonicClock.h"
 #include "core/platform/ZnProcess.h"
-#include "core/ipc/IpcFixture.h"
 #include "support/LogCapture.h"
 
 #include <gmock/gmock.h>
@@ -40,7 +40,11 @@ std::vector<std::uint32_t> pidsOf(const ZnString& domain, const ZnString& object
 TEST(IpcNames, DomainsAndIds) {
     const ZnString forty(std::string(40, 'a'));
     const std::pair<ZnString, ZnString> rows[] = {
-        {"a/b c", "a_b_c"}, {"///", "root"}, {"", "root"}, {"_x._-9_", "x._-9"}, {ZnString(std::string(32, 'b')), ZnString(std::string(32, 'b'))},
+        {"a/b c", "a_b_c"},
+        {"///", "root"},
+        {"", "root"},
+        {"_x._-9_", "x._-9"},
+        {ZnString(std::string(32, 'b')), ZnString(std::string(32, 'b'))},
         {forty, ZnString(std::string(32, 'a')) + "_0421b351e04b974b"},
     };
     for (const auto& [domain, name] : rows)
@@ -57,7 +61,9 @@ TEST(IpcRegistry, StandsInSharedMemoryByteForByte) {
     const RawObject raw(ZnString("/zn_ipc_subs_") + domain + "." + ZnString::number(::geteuid()));
     EXPECT_EQ(raw.byteCount(), 159760U);
     EXPECT_EQ(raw.mode() & 07777U, 0600U);
-    EXPECT_EQ(raw.text(0, 16), std::string("1BUS\x01\0\0\0\x01\0\0\0" "1SMT", 16));
+    EXPECT_EQ(raw.text(0, 16), std::string("1BUS\x01\0\0\0\x01\0\0\0"
+                                           "1SMT",
+                                           16));
     EXPECT_EQ(raw.at<std::uint64_t>(16), subscriptionId(domain, "ob", ZnString(std::string(160, 's')), pid, "x"));
     EXPECT_LE(nowMs() - raw.at<std::uint64_t>(24), 60000U);
     EXPECT_EQ(raw.at<std::uint32_t>(32), pid);
@@ -115,13 +121,22 @@ TEST(IpcRegistry, PurgeDropsTheSilentAndTheGone) {
     siginfo_t ended = {};
     ::waitid(P_PID, zombie.pid(), &ended, WEXITED | WNOWAIT); // it has ended, and nobody has collected it
     const std::uint32_t own = ZnProcess::currentId();
-    const struct { const char* name; RegistryRow row; bool stays; } rows[] = {
-        {"fresh", rowOf(own, 100000), true}, {"silent for just as long as it may", rowOf(own, 85000), true},
-        {"silent for too long", rowOf(own, 84999), false}, {"ahead of the clock", rowOf(own, 200000), true},
-        {"no process", rowOf(0, 100000), false}, {"never seen", rowOf(own, 0), false},
-        {"no references", rowOf(own, 100000, 0), false}, {"gone", rowOf(gonePid, 100000), false},
+    const struct {
+        const char* name;
+        RegistryRow row;
+        bool stays;
+    } rows[] = {
+        {"fresh", rowOf(own, 100000), true},
+        {"silent for just as long as it may", rowOf(own, 85000), true},
+        {"silent for too long", rowOf(own, 84999), false},
+        {"ahead of the clock", rowOf(own, 200000), true},
+        {"no process", rowOf(0, 100000), false},
+        {"never seen", rowOf(own, 0), false},
+        {"no references", rowOf(own, 100000, 0), false},
+        {"gone", rowOf(gonePid, 100000), false},
         {"dead, not collected", rowOf(zombie.pid(), 100000), false},
-        {"no such id can be", rowOf(0xFFFFFFFF, 100000), false}, {"of another user", rowOf(1, 100000), true},
+        {"no such id can be", rowOf(0xFFFFFFFF, 100000), false},
+        {"of another user", rowOf(1, 100000), true},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -158,11 +173,14 @@ TEST(IpcRegistry, AFullTableIsRefusedAndACountIsNeverBelieved) {
     raw.set<std::uint32_t>(8, 100000);
     EXPECT_EQ(pidsOf(domain, "o", "s").size(), 512U);
     EXPECT_EQ(raw.at<std::uint32_t>(8), 512U);
-    for (const std::size_t offset : {std::size_t{0}, std::size_t{4}, std::size_t{12}}) { // magic, version, timestampMagic
+    for (const std::size_t offset :
+         {std::size_t{0}, std::size_t{4}, std::size_t{12}}) { // magic, version, timestampMagic
         registerSubscription({domain, "o", "s", pid, ""});
         raw.set<char>(offset, 'x');
         EXPECT_THAT(pidsOf(domain, "o", "s"), IsEmpty());
-        EXPECT_EQ(raw.text(0, 16), std::string("1BUS\x01\0\0\0\0\0\0\0" "1SMT", 16));
+        EXPECT_EQ(raw.text(0, 16), std::string("1BUS\x01\0\0\0\0\0\0\0"
+                                               "1SMT",
+                                               16));
     }
 }
 
@@ -178,7 +196,8 @@ TEST(IpcRegistry, OneThatDiedWhileItMovedARowLeavesNoHalf) {
                       ::kill(::getpid(), SIGKILL);
                   });
                   return 1;
-              }).end(), -SIGKILL);
+              }).end(),
+              -SIGKILL);
     EXPECT_THAT(pidsOf(domain, "c", "s"), ElementsAre(pid));
     EXPECT_THAT(pidsOf(domain, "a", "s"), IsEmpty());
     EXPECT_EQ(RawObject(registryName(domain)).at<std::uint32_t>(8), 2U);
@@ -195,12 +214,19 @@ void makeObject(const ZnString& name, mode_t mode, off_t byteCount) {
 
 TEST(IpcHostileObjects, AreRefusedAndStay) {
     const auto path = [](const ZnString& name) { return "/dev/shm" + name.str(); };
-    const struct { const char* name; std::function<void(const ZnString&)> make; const char* reason; } rows[] = {
+    const struct {
+        const char* name;
+        std::function<void(const ZnString&)> make;
+        const char* reason;
+    } rows[] = {
         {"readable by others", [](const ZnString& name) { makeObject(name, 0644, 4128); }, "is open to other users"},
         {"another size", [](const ZnString& name) { makeObject(name, 0600, 4127); }, "has another size"},
-        {"directory", [&](const ZnString& name) { ASSERT_EQ(::mkdir(path(name).c_str(), 0700), 0); }, "cannot be opened: "},
-        {"pipe", [&](const ZnString& name) { ASSERT_EQ(::mkfifo(path(name).c_str(), 0600), 0); }, "is not a regular file"},
-        {"link", [&](const ZnString& name) { ASSERT_EQ(::symlink("/dev/null", path(name).c_str()), 0); }, "symbolic links"},
+        {"directory", [&](const ZnString& name) { ASSERT_EQ(::mkdir(path(name).c_str(), 0700), 0); },
+         "cannot be opened: "},
+        {"pipe", [&](const ZnString& name) { ASSERT_EQ(::mkfifo(path(name).c_str(), 0600), 0); },
+         "is not a regular file"},
+        {"link", [&](const ZnString& name) { ASSERT_EQ(::symlink("/dev/null", path(name).c_str()), 0); },
+         "symbolic links"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -228,7 +254,8 @@ TEST(IpcHostileObjects, ThoseOfAnotherUserAreRefused) {
     LogCapture log;
     EXPECT_FALSE(RegistryTable::open(domain));
     EXPECT_FALSE(RegistryTable::open(domain));
-    EXPECT_EQ(log.countOf("belongs to another user") + log.countOf("Permission denied"), 1); // the second: a hardened system
+    EXPECT_EQ(log.countOf("belongs to another user") + log.countOf("Permission denied"),
+              1); // the second: a hardened system
     EXPECT_EQ(registerSubscription({domain, "o", "s", 1, ""}), RegistryOutcome::NoRegistry);
     ::shm_unlink(name.data());
 }

@@ -1,12 +1,12 @@
 #include "core/ipc/Channel.h"
 #include "core/ipc/DispatchTable.h"
 #include "core/ipc/Dispatcher.h"
+#include "core/ipc/IpcFixture.h"
 #include "core/ipc/SignalBlock.h"
 #include "core/ipc/SubscribersRegistryTable.h"
 #include "core/ipc/Subscription.h"
 #include "core/platform/ZnNotifySocket.h"
 #include "core/platform/ZnProcess.h"
-#include "core/ipc/IpcFixture.h"
 #include "core/runtime/ZnEventLoop.h"
 #include "core/runtime/ZnThread.h"
 #include "support/LogCapture.h"
@@ -41,7 +41,8 @@ protected:
         return subscription;
     }
     std::unique_ptr<Subscription> listen(const ZnString& name = "") {
-        return subscribe([this](const SignalValue& value) { values_.push_back(value.first * 10 + value.second); }, name);
+        return subscribe([this](const SignalValue& value) { values_.push_back(value.first * 10 + value.second); },
+                         name);
     }
 
     const ZnString domain_ = testDomain();
@@ -124,8 +125,10 @@ TEST_F(IpcSignal, ACallbackMayEndItsSubscriptionAndWhatIsOnItsWayIsDropped) {
 
 TEST_F(IpcSignal, TextsThatFitNoRowAreRefused) {
     const ZnString longest(std::string(160, 's'));
-    EXPECT_TRUE(Subscription::subscribe(domain_, "o", longest, "", [](const SignalValue&) {}, &error_));
-    EXPECT_FALSE(Subscription::subscribe(domain_, "o", longest + "s", "", [](const SignalValue&) {}, &error_));
+    EXPECT_TRUE(Subscription::subscribe(
+        domain_, "o", longest, "", [](const SignalValue&) {}, &error_));
+    EXPECT_FALSE(Subscription::subscribe(
+        domain_, "o", longest + "s", "", [](const SignalValue&) {}, &error_));
     EXPECT_FALSE(Channel::open(domain_, ZnString("a\0b", 3), "s", &error_));
     EXPECT_TRUE(error_.contains("object")) << error_.str();
 }
@@ -133,12 +136,14 @@ TEST_F(IpcSignal, TextsThatFitNoRowAreRefused) {
 TEST_F(IpcSignal, ManySubscriptionsOfAProcessAreNotifiedOnce) {
     // This process sits at the event of another one, and counts.
     Child other([](const auto&) { return ::pause(); });
-    const ZnString name = ZnString("zn_ipc_notify_") + ZnString::number(::geteuid()) + "_" + ZnString::number(other.pid());
+    const ZnString name =
+        ZnString("zn_ipc_notify_") + ZnString::number(::geteuid()) + "_" + ZnString::number(other.pid());
     sockaddr_un address = {AF_UNIX, {}};
     std::memcpy(address.sun_path + 1, name.data(), name.size());
     const ZnFileDescriptor event(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     ASSERT_EQ(::bind(event.get(), reinterpret_cast<sockaddr*>(&address),
-                     static_cast<socklen_t>(sizeof(sa_family_t) + 1 + name.size())), 0);
+                     static_cast<socklen_t>(sizeof(sa_family_t) + 1 + name.size())),
+              0);
     for (const char* object : {"one", "two"})
         ASSERT_EQ(registerSubscription({domain_, "o", "s", other.pid(), object}), RegistryOutcome::Done);
     openChannel()->publish(1, 1);

@@ -185,8 +185,9 @@ TEST_F(ZnObjectTest, DirectSlotsOnSeveralThreadsSeeTheirOwnSender) {
     std::atomic<int> wrongCount{0};
     onThreads(3, [&](int) {
         Sender sender;
-        sender.connect(&Sender::changed, &receiver, [&] { wrongCount += receiver.sender() == &sender ? 0 : 1; },
-                       ZnConnectionType::DirectConnection);
+        sender.connect(
+            &Sender::changed, &receiver, [&] { wrongCount += receiver.sender() == &sender ? 0 : 1; },
+            ZnConnectionType::DirectConnection);
         for (int i = 0; i < 1000; ++i)
             sender.changed(i);
     });
@@ -242,10 +243,11 @@ TEST_F(ZnObjectTest, EventsAndSignalsCrossThreads) {
     Receiver local;
     int seen = 0;
     const auto kBlocking = ZnConnectionType::BlockingQueuedConnection;
-    blocking.connect(&Sender::changed, remote.object(), [&](int value) { seen = value; }, kBlocking);
+    blocking.connect(
+        &Sender::changed, remote.object(), [&](int value) { seen = value; }, kBlocking);
     blocking.connect(&Sender::changed, &local, &Receiver::take, kBlocking);
     blocking.changed(2);
-    EXPECT_EQ(seen, 2); // the emission returned after the slot
+    EXPECT_EQ(seen, 2);                           // the emission returned after the slot
     EXPECT_EQ(local.values, std::vector<int>{2}); // on the own thread inline, no dead lock
 }
 
@@ -286,8 +288,8 @@ TEST_F(ZnObjectTest, ABlockingDeliveryThatIsRefusedDoesNotHang) {
     }
     Sender sender;
     bool ran = false;
-    sender.connect(&Sender::changed, remote.object(), [&](int) { ran = true; },
-                   ZnConnectionType::BlockingQueuedConnection);
+    sender.connect(
+        &Sender::changed, remote.object(), [&](int) { ran = true; }, ZnConnectionType::BlockingQueuedConnection);
     sender.changed(1);
     EXPECT_FALSE(ran);
     EXPECT_GE(log.countOf("saturated"), 1);

@@ -22,9 +22,7 @@ public:
 TEST(ZnConsoleStop, EveryTargetIsToldOnceAndStopsCountAnewWhenAllHaveGone) {
     for (int round = 0; round < 2; ++round) {
         CountingTarget first;
-        {
-            CountingTarget gone;
-        }
+        { CountingTarget gone; }
         CountingTarget second;
         ASSERT_EQ(::raise(SIGTERM), 0); // a second signal to the same targets would end the process
         EXPECT_EQ(first.stopCount, 1);

@@ -27,8 +27,12 @@ protected:
 };
 
 TEST_F(ZnLinuxPlatformTest, NormalPathsAreAbsoluteAndPlain) {
-    constexpr const char* kRows[][2] = {{"", ""}, {"///", "/"}, {"\\a\\b\\", "/a/b"}, {"/a//./b/../c/", "/a/c"},
-                                        {"/../..", "/"}, {"/a/..b/...", "/a/..b/..."}};
+    constexpr const char* kRows[][2] = {{"", ""},
+                                        {"///", "/"},
+                                        {"\\a\\b\\", "/a/b"},
+                                        {"/a//./b/../c/", "/a/c"},
+                                        {"/../..", "/"},
+                                        {"/a/..b/...", "/a/..b/..."}};
     for (const auto& [path, normal] : kRows)
         EXPECT_EQ(dirs_.normalizePath(path), normal) << path;
     EXPECT_EQ(dirs_.normalizePath("x/./y"), dirs_.currentPath() + "x/y");

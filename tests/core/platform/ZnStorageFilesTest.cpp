@@ -1,5 +1,5 @@
-#include "core/fs/TemporaryDirectory.h"
 #include "core/platform/ZnStorageFiles.h"
+#include "core/fs/TemporaryDirectory.h"
 
 #include <cerrno>
 #include <gmock/gmock.h>

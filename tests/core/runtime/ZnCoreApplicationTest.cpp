@@ -17,14 +17,14 @@ namespace {
 class ZnCoreApplicationTest : public LoopFixture {};
 
 TEST(ZnCoreApplicationOptions, FormsOfTheCommandLine) {
-    std::vector<std::string> arguments = {"program", "stray", "--a=1", "--b", "2", "more", "words", "-n", "v", "--flag",
-                                          "-x", "--a=x=y", "--empty=", "--last"};
+    std::vector<std::string> arguments = {"program", "stray", "--a=1",  "--b", "2",       "more",     "words",
+                                          "-n",      "v",     "--flag", "-x",  "--a=x=y", "--empty=", "--last"};
     std::vector<char*> argv;
     for (std::string& argument : arguments)
         argv.push_back(argument.data());
     const ZnCoreApplication application(static_cast<int>(argv.size()), argv.data());
-    constexpr const char* kRows[][2] = {{"a", "x=y"}, {"b", "2 more words"}, {"n", "v"}, {"flag", ""}, {"x", ""},
-                                        {"empty", ""}, {"last", ""}, {"stray", "default"}};
+    constexpr const char* kRows[][2] = {{"a", "x=y"}, {"b", "2 more words"}, {"n", "v"},   {"flag", ""},
+                                        {"x", ""},    {"empty", ""},         {"last", ""}, {"stray", "default"}};
     for (const auto& [name, value] : kRows)
         EXPECT_EQ(application.getArgument(name, "default"), value) << name;
 }

@@ -34,8 +34,8 @@ TEST_F(ZnFiberPoolTest, LanesShareByCreditsAndLaneZeroGoesFirst) {
     submit(0, [&] { order.push_back(0); });
     for (int i = 0; i < 28; ++i)
         pool_.runNextWorkItem();
-    EXPECT_EQ(order, (std::vector<int>{0, 1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 3,
-                                       1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 3, 1}));
+    EXPECT_EQ(order,
+              (std::vector<int>{0, 1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 3, 1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 3, 1}));
 }
 
 TEST_F(ZnFiberPoolTest, ParkedFiberResumesBeforeNewWork) {

@@ -108,8 +108,11 @@ TEST(ZnThreadPool, TheLeastLoadedThenLongestIdleWorkerTakesTheTask) {
 
 TEST(ZnThreadPool, AFullQueueRefusesUnlessAWorkerIsIdle) {
     constexpr int kTries = 200;
-    constexpr int kRows[][5] = { // threads, reserved ones and limit; workers, and what is accepted behind busy ones
-        {4, 3, 0, 1, 128}, {2, 9, 3, 1, 3}, {0, 0, 0, 1, 32}, {2, 0, -1, 2, kTries}};
+    constexpr int kRows[][5] = {// threads, reserved ones and limit; workers, and what is accepted behind busy ones
+                                {4, 3, 0, 1, 128},
+                                {2, 9, 3, 1, 3},
+                                {0, 0, 0, 1, 32},
+                                {2, 0, -1, 2, kTries}};
     for (const auto& [threads, reserved, limit, workers, accepted] : kRows) {
         LogCapture log;
         ZnThreadPool pool;
@@ -126,7 +129,8 @@ TEST(ZnThreadPool, AFullQueueRefusesUnlessAWorkerIsIdle) {
         EXPECT_EQ(counts.deleted, kTries - accepted);
         const std::string number = std::to_string(accepted);
         EXPECT_EQ(log.countOf("ZnThreadPool saturated; rejecting task because queuedTaskCount=" + number +
-                              " reached maxQueuedTaskCount=" + number + "\n"), kTries - accepted);
+                              " reached maxQueuedTaskCount=" + number + "\n"),
+                  kTries - accepted);
         pool.setMaxQueuedTaskCount(1);
         bool saturated = false;
         Counted kept(counts);
@@ -218,7 +222,7 @@ TEST(ZnThreadPool, WorkersHaveThePriorityAndTheStackThatWasAskedFor) {
         pool.setStackSize(1 << 20);
         int nice = 99;
         pool.start(task([&nice] {
-            char large[800000]; // more than the usual stack
+            char large[800000];                                  // more than the usual stack
             std::fill(std::begin(large), std::end(large), '\1'); // comes across any guard page
             asm volatile("" : : "r"(large) : "memory");
             nice = getpriority(PRIO_PROCESS, 0);

@@ -37,7 +37,8 @@ TEST(ZnThread, SignalsSurroundItsRunAndItMayBeStartedAgain) {
         EXPECT_FALSE(thread.start());
         std::binary_semaphore told{0};
         postToThread(&thread.handle(), [&] { EXPECT_TRUE(told.try_acquire_for(kLong)); });
-        postToThread(&thread.handle(), [&] { order.push_back(2); }, ZnFiberPool::kFirstLane); // also when it is to end
+        postToThread(
+            &thread.handle(), [&] { order.push_back(2); }, ZnFiberPool::kFirstLane); // also when it is to end
         thread.quit();
         told.release();
         thread.wait();
@@ -76,11 +77,12 @@ TEST(ZnThread, UnwindsItsParkedFibersWhenItEnds) {
     for (const bool isStubborn : {false, true})
         postToThread(&thread.handle(), [&parked, unwound, sender, isStubborn] {
             const auto token = isStubborn ? nullptr : unwound;
-            ZnObject receiver; // its connection must not outlive the stack
+            ZnObject receiver;               // its connection must not outlive the stack
             static ZnPointer<ZnObject> kept; // what the dropped one has allocated is no leak
             kept = &receiver;
-            sender->connect(&ZnObject::destroyed, &receiver, [&receiver] { receiver.setObjectName("told"); },
-                            ZnConnectionType::DirectConnection);
+            sender->connect(
+                &ZnObject::destroyed, &receiver, [&receiver] { receiver.setObjectName("told"); },
+                ZnConnectionType::DirectConnection);
             parked.release();
             do
                 ZnCoreApplication::instance()->fiberPool().yieldCurrent(nextFiberWaitId());
@@ -114,7 +116,8 @@ TEST(ZnThread, TheFallbackThreadGoesOnAfterAStop) {
     const auto ran = std::make_shared<std::counting_semaphore<>>(0);
     for (int round = 0; round < 3; ++round) {
         bool hasRun = false;
-        for (int attempt = 0; attempt < 300 && !hasRun; ++attempt) { // a post to the loop that is just ending is dropped
+        for (int attempt = 0; attempt < 300 && !hasRun;
+             ++attempt) { // a post to the loop that is just ending is dropped
             postToThread(fallback, [ran] {
                 ran->release();
                 ZnCoreApplication::instance()->quit(); // as a stop signal does

@@ -1,5 +1,5 @@
-#include "core/storage/StoreTestSupport.h"
 #include "core/storage/embeddeddb/BlobFile_.h"
+#include "core/storage/StoreTestSupport.h"
 
 #include <cerrno>
 

@@ -1,5 +1,5 @@
-#include "core/storage/StoreTestSupport.h"
 #include "core/storage/embeddeddb/DurableFiles_.h"
+#include "core/storage/StoreTestSupport.h"
 #include "core/storage/embeddeddb/FileNames_.h"
 #include "core/storage/embeddeddb/MappedFile_.h"
 #include "core/storage/embeddeddb/RandomAccessFile_.h"
@@ -174,10 +174,22 @@ TEST(DurableFiles_, TakePathsInEveryFormAndTellWhichStepFailed) {
 }
 
 TEST(FileNames_, IdsAreReadFromNamesThatTheStoreWrites) {
-    const struct { const char* name; std::uint64_t id; } rows[] = {
-        {"WAL-7.log", 7},   {"/a/WAL-3.b/WAL-12.log", 12}, {"WAL-18446744073709551615.log", ~std::uint64_t(0)},
-        {"WAL-abc.log", 0}, {"WAL-18446744073709551616.log", 0}, {"WAL-.log", 0}, {"WAL-07.log", 0}, {"WAL-+7.log", 0},
-        {"WAL-7.log.tmp", 0}, {"WAL-7x.log", 0}, {"BLOB-7.log", 0}, {"", 0},
+    const struct {
+        const char* name;
+        std::uint64_t id;
+    } rows[] = {
+        {"WAL-7.log", 7},
+        {"/a/WAL-3.b/WAL-12.log", 12},
+        {"WAL-18446744073709551615.log", ~std::uint64_t(0)},
+        {"WAL-abc.log", 0},
+        {"WAL-18446744073709551616.log", 0},
+        {"WAL-.log", 0},
+        {"WAL-07.log", 0},
+        {"WAL-+7.log", 0},
+        {"WAL-7.log.tmp", 0},
+        {"WAL-7x.log", 0},
+        {"BLOB-7.log", 0},
+        {"", 0},
     };
     for (const auto& row : rows)
         EXPECT_EQ(parseFileId(row.name, kWalPrefix, kWalSuffix), row.id) << row.name;

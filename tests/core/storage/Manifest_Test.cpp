@@ -1,5 +1,5 @@
-#include "core/storage/StoreTestSupport.h"
 #include "core/storage/embeddeddb/Manifest_.h"
+#include "core/storage/StoreTestSupport.h"
 
 #include <cerrno>
 
@@ -62,7 +62,11 @@ TEST(Manifest_, DamageIsAStatusOrStaysWithinOneNumber) {
 }
 
 TEST(Manifest_, RefusesWhatNoStoreWrites) {
-    const struct { const char* replaced; const char* by; const char* error; } rows[] = {
+    const struct {
+        const char* replaced;
+        const char* by;
+        const char* error;
+    } rows[] = {
         {R"("maxSequence": 42,"nextTableId")", R"("maxSequence": 41,"nextTableId")",
          "sequences or record count out of range of table \"L0-2.sst\""},
         {R"("nextTableId": 5)", R"("nextTableId": 4)", "id out of range of table \"L1-4.sst\""},

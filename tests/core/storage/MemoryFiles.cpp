@@ -25,8 +25,8 @@ public:
         const int error = files_.fault();
         if (error != 0)
             byteCount /= 2;
-        const std::uint64_t growth = std::max<std::uint64_t>(offset + byteCount, node_->current.size()) -
-                                     node_->current.size();
+        const std::uint64_t growth =
+            std::max<std::uint64_t>(offset + byteCount, node_->current.size()) - node_->current.size();
         if (growth > files_.freeBytes_)
             byteCount -= std::min<std::uint64_t>(byteCount, growth - files_.freeBytes_);
         files_.freeBytes_ -= std::min(growth, files_.freeBytes_);

@@ -72,7 +72,7 @@ private:
         std::vector<Change> pending;
     };
     using NodePtr = std::shared_ptr<Node>;
-    struct NameChange { // of one directory, done as a whole
+    struct NameChange {                                  // of one directory, done as a whole
         std::vector<std::pair<ZnString, NodePtr>> names; // null: taken away
     };
 

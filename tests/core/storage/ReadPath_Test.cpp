@@ -62,20 +62,14 @@ public:
     }
     void change() {
         switch (below(40)) {
-        case 0:
-            store.seal();
-            break;
+        case 0: store.seal(); break;
         case 1:
         case 2:
             if (!store.sealed.empty())
                 store.flush();
             break;
-        case 3:
-            compactSome(&store.tables.primaryView);
-            break;
-        case 4:
-            compactSome(&store.tables.indexViews["color"]);
-            break;
+        case 3: compactSome(&store.tables.primaryView); break;
+        case 4: compactSome(&store.tables.indexViews["color"]); break;
         default:
             if (below(4) == 0)
                 store.remove(text(4), below(3) > 0);
@@ -84,9 +78,7 @@ public:
         }
     }
     ZnEmbeddedDbRange range() {
-        const auto bound = [&] {
-            return ZnByteArray(below(2) == 0 ? std::string() : text(3));
-        };
+        const auto bound = [&] { return ZnByteArray(below(2) == 0 ? std::string() : text(3)); };
         ZnEmbeddedDbRange range;
         range.start = bound();
         range.end = bound();

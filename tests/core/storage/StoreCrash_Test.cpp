@@ -64,29 +64,17 @@ private:
     }
     void step() {
         switch (random_() % 30) {
-        case 0:
-            whenOk(store_->sync(), true);
-            return;
-        case 1:
-            whenOk(store_->flush(), true);
-            return;
-        case 2:
-            snapshots_.push_back(store_->snapshot());
-            return;
-        case 3:
-            snapshots_.clear();
-            return;
+        case 0: whenOk(store_->sync(), true); return;
+        case 1: whenOk(store_->flush(), true); return;
+        case 2: snapshots_.push_back(store_->snapshot()); return;
+        case 3: snapshots_.clear(); return;
         case 4: // in order, as far as that goes
             snapshots_.clear();
             store_->close();
             open();
             return;
-        case 6:
-            whenOk(store_->compact(), true);
-            return;
-        case 7:
-            whenOk(store_->collectGarbage(), true);
-            return;
+        case 6: whenOk(store_->compact(), true); return;
+        case 7: whenOk(store_->collectGarbage(), true); return;
         case 8: // enough tables for a compaction in the background
             for (int count = 0; count < 4 && store_->flush().isOk(); ++count)
                 write();
@@ -98,8 +86,7 @@ private:
             ASSERT_TRUE(!isReadable || model.isNow(content));
             return;
         }
-        default:
-            write();
+        default: write();
         }
     }
     void whenOk(const ZnEmbeddedDbStatus& status, bool isDurable) {

@@ -178,7 +178,9 @@ struct Bench {
         for (const TableRecord_& record : all)
             text += (text.empty() ? "" : ", ") + std::string(record.key.view().substr(0, 1)) + "@" +
                     std::to_string(record.sequence) +
-                    (record.type == kTombstoneRecord ? " tombstone" : record.type == kBlobRecord ? " blob" : "");
+                    (record.type == kTombstoneRecord ? " tombstone"
+                     : record.type == kBlobRecord    ? " blob"
+                                                     : "");
         return text;
     }
     std::set<std::string> blobs() const {
@@ -512,11 +514,16 @@ TEST(StoreMaintenance, GarbageIsCollectedFrom30PercentOn) {
         bool isCollected;
     };
     constexpr Row kRows[] = {
-        {"70 percent live", 700, 300, nullptr, true},       {"71 percent live", 710, 290, nullptr, false},
-        {"all live", 700, 0, nullptr, false},               {"nothing live", 0, 700, nullptr, true},
-        {"no blob file", 0, 0, nullptr, false},             {"a stranger", 0, 0, "BLOB-1.dat", true},
-        {"a stranger beside", 700, 0, "BLOB-1.dat", true},  {"no id", 0, 0, "BLOB-0.dat", false},
-        {"no id we write", 700, 0, "BLOB-01.dat", false},   {"no blob file's name", 0, 0, "BLOB-1.da", false},
+        {"70 percent live", 700, 300, nullptr, true},
+        {"71 percent live", 710, 290, nullptr, false},
+        {"all live", 700, 0, nullptr, false},
+        {"nothing live", 0, 700, nullptr, true},
+        {"no blob file", 0, 0, nullptr, false},
+        {"a stranger", 0, 0, "BLOB-1.dat", true},
+        {"a stranger beside", 700, 0, "BLOB-1.dat", true},
+        {"no id", 0, 0, "BLOB-0.dat", false},
+        {"no id we write", 700, 0, "BLOB-01.dat", false},
+        {"no blob file's name", 0, 0, "BLOB-1.da", false},
         {"an id of later", 0, 0, "BLOB-1000.dat", false},
     };
     for (const Row& row : kRows) {

@@ -102,9 +102,7 @@ TEST_F(StoreRefresh, ShowsTablesAndLogAndReadsNothingTwice) {
     std::set<ZnString> opened;
     const auto refresh = [&] {
         opened.clear();
-        readerFiles_.onOpen = [&](const ZnString& path) {
-            opened.insert(path);
-        };
+        readerFiles_.onOpen = [&](const ZnString& path) { opened.insert(path); };
         ASSERT_EQ(reader_.refresh(), kOk);
         readerFiles_.onOpen = nullptr;
     };
@@ -175,9 +173,7 @@ TEST_F(StoreRefresh, FailureLeavesTheViewAsItWas) {
     put("a", "A2" + kTail);
     ASSERT_EQ(writer_.flush(), kOk);
     const std::string current = files_.content("/s/CURRENT");
-    const auto mendPointer = [&] {
-        files_.put("/s/CURRENT", current);
-    };
+    const auto mendPointer = [&] { files_.put("/s/CURRENT", current); };
     const struct {
         const char* name;
         std::function<void()> breakIt;
@@ -186,15 +182,8 @@ TEST_F(StoreRefresh, FailureLeavesTheViewAsItWas) {
         {"no such manifest", [&] { files_.put("/s/CURRENT", "MANIFEST-999.dbm\n"); }, mendPointer},
         {"damaged pointer", [&] { files_.put("/s/CURRENT", "MANIFEST-"); }, mendPointer},
         {"no pointer", [&] { files_.remove("/s/CURRENT"); }, mendPointer},
-        {"disk",
-         [&] {
-             readerFiles_.onOpen = [&](const ZnString&) {
-                 files_.failOperation(1, EIO);
-             };
-         },
-         [&] {
-             files_.failOperation(0, 0);
-         }},
+        {"disk", [&] { readerFiles_.onOpen = [&](const ZnString&) { files_.failOperation(1, EIO); }; },
+         [&] { files_.failOperation(0, 0); }},
         {"a writer that is always quicker",
          [&] {
              readerFiles_.onOpen = [&](const ZnString& path) {
@@ -202,8 +191,7 @@ TEST_F(StoreRefresh, FailureLeavesTheViewAsItWas) {
                  EXPECT_TRUE(!path.contains("/blobs/") || writer_.compact().isOk());
              };
          },
-         [] {
-         }},
+         [] {}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -310,9 +298,7 @@ TEST(StoreOpening, AllNewDirectoriesAboveAStoreLast) {
     TemporaryDirectory directory;
     HookedFiles files(znStorageFiles());
     std::set<ZnString> synced;
-    files.onSync = [&](const ZnString& path) {
-        synced.insert(path);
-    };
+    files.onSync = [&](const ZnString& path) { synced.insert(path); };
     ASSERT_EQ(ZnEmbeddedDb(files).open(directory.path("x/y/z"), quietOptions(false)), kOk);
     for (const char* path : {"", "x", "x/y", "x/y/z"})
         EXPECT_EQ(synced.count(directory.path(path)), 1U) << path;

@@ -301,7 +301,8 @@ public:
             for (; records.valid(); records.next())
                 count += records.key().starts_with(range.prefix.view()) ? 1 : 0;
             EXPECT_EQ(records.status(), kOk);
-            EXPECT_EQ(count, static_cast<std::size_t>(std::count_if(content.begin(), content.end(), [](const auto& row) {
+            EXPECT_EQ(count,
+                      static_cast<std::size_t>(std::count_if(content.begin(), content.end(), [](const auto& row) {
                           return row.second.starts_with("A");
                       })));
         }

@@ -14,7 +14,8 @@ using testing::HasSubstr;
 
 struct Checked {
     explicit Checked(StoreViewFixture* store, const ZnEmbeddedDbProgress& progress = {})
-        : status(verifyStore(store->files, store->paths, *store->view(), ~std::uint64_t(0), std::nullopt, &report, progress)) {}
+        : status(verifyStore(store->files, store->paths, *store->view(), ~std::uint64_t(0), std::nullopt, &report,
+                             progress)) {}
 
     ZnEmbeddedDbVerifyReport report;
     ZnEmbeddedDbStatus status;
@@ -106,33 +107,19 @@ TEST(StoreVerifier, TellsWhatIsWrongAndGoesOn) {
         std::function<void(Store*)> damage;
     } rows[] = {
         {"L0-1.sst: table footer mismatch", kDamaged, 1,
-         [](Store* store) {
-             flipLastByte(store, "/s/tables/L0-1.sst");
-         }},
-        {"L0-3.sst: ", kUnread, 1,
-         [](Store* store) {
-             store->files.remove("/s/tables/L0-3.sst");
-         }},
+         [](Store* store) { flipLastByte(store, "/s/tables/L0-1.sst"); }},
+        {"L0-3.sst: ", kUnread, 1, [](Store* store) { store->files.remove("/s/tables/L0-3.sst"); }},
         {"L0-1.sst: key \"b\": blob value checksum mismatch: /s/blobs/BLOB-2.dat at 0", kDamaged, 1,
-         [](Store* store) {
-             flipLastByte(store, "/s/blobs/BLOB-2.dat");
-         }},
-        {"/s/blobs/BLOB-2.dat", kUnread, 1,
-         [](Store* store) {
-             store->files.remove("/s/blobs/BLOB-2.dat");
-         }},
+         [](Store* store) { flipLastByte(store, "/s/blobs/BLOB-2.dat"); }},
+        {"/s/blobs/BLOB-2.dat", kUnread, 1, [](Store* store) { store->files.remove("/s/blobs/BLOB-2.dat"); }},
         {"L0-1.sst: key \"a\" has sequence 1 and hides the newer one of sequence 4 in L0-4.sst", kDamaged, 2,
-         [](Store* store) {
-             std::swap(store->tables.primaryView[0], store->tables.primaryView[1]);
-         }},
+         [](Store* store) { std::swap(store->tables.primaryView[0], store->tables.primaryView[1]); }},
         {"L0-4.sst: key \"a\" has sequence 4, which it also has in L0-4.sst", kDamaged, 1,
          [](Store* store) {
              store->tables.primaryView.insert(store->tables.primaryView.begin(), store->tables.primaryView[0]);
          }},
         {"L0-1.sst: key \"b\" is not in index color under \"red\"", kDamaged, 1,
-         [](Store* store) {
-             store->tables.indexViews["color"].pop_back();
-         }},
+         [](Store* store) { store->tables.indexViews["color"].pop_back(); }},
         {"index key \"no index key\" does not come apart", kDamaged, 1,
          [](Store* store) {
              store->addTable(kIndexTable, 0, {{ZnByteArray("no index key", 12), 9, kInlineRecord, ZnByteArray()}});
@@ -142,9 +129,7 @@ TEST(StoreVerifier, TellsWhatIsWrongAndGoesOn) {
              store->addTable(kIndexTable, 0, {{ZnByteArray("b\0\1c", 4), 9, kInlineRecord, ZnByteArray("value", 5)}});
          }},
         {"L0-1.sst: has keys above the largest that the store looks for", kDamaged, 1,
-         [](Store* store) {
-             store->tables.largestPrimaryKey = ZnByteArray("b", 1);
-         }},
+         [](Store* store) { store->tables.largestPrimaryKey = ZnByteArray("b", 1); }},
         {"L0-4.sst: stands among the tables of another kind", kDamaged, 1,
          [](Store* store) {
              store->tables.indexViews["color"].push_back(store->tables.primaryView[0]);

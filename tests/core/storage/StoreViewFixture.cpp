@@ -52,11 +52,7 @@ void StoreViewFixture::seal() {
 }
 
 void StoreViewFixture::flush() {
-    MemtableFlush_ flush(files, paths, *counters,
-                         {0, kLargestInline, options,
-                          [this] {
-                              return ++lastId;
-                          }},
+    MemtableFlush_ flush(files, paths, *counters, {0, kLargestInline, options, [this] { return ++lastId; }},
                          {sealed.back()});
     ASSERT_EQ(flush.run(), ZnEmbeddedDbStatus());
     for (const auto& table : flush.tables()) {

@@ -302,9 +302,7 @@ TEST_F(StoreTest, AnAsynchronousWriteIsAnsweredOnceWhereItBelongs) {
         std::atomic<int> answerCount{0};
         std::atomic<int> hereCount{0};
         const auto awaitAnswers = [&](int count) {
-            const auto hasAll = [&] {
-                return answerCount == count;
-            };
+            const auto hasAll = [&] { return answerCount == count; };
             EXPECT_TRUE(hasLoop ? application->processUntil(hasAll, 20000) : waitUntil(hasAll));
         };
         const auto write = [&, caller = std::this_thread::get_id()](int number) {

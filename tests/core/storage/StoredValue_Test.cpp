@@ -1,5 +1,5 @@
-#include "core/storage/embeddeddb/Crc32_.h"
 #include "core/storage/StoreTestSupport.h"
+#include "core/storage/embeddeddb/Crc32_.h"
 
 using namespace znEmbeddedDbDetail;
 
@@ -29,7 +29,10 @@ TEST(StoredValue_, IsWrittenAndReadByteForByte) {
     tagged.indexKeys["color"];
     ValueEntry_ outside;
     outside.blob = {true, 3, 0x0102030405060708, 28, 0x7E95C0A3, 0};
-    const struct { const ValueEntry_& entry; std::string bytes; } rows[] = {
+    const struct {
+        const ValueEntry_& entry;
+        std::string bytes;
+    } rows[] = {
         {red, bytesOf("00 04000000 00000000 03000000 'red'")},
         {tagged, bytesOf("00 25000000 02000000 05000000 'color' 00000000 03000000 'tag' 02000000 01000000 'a' 00000000"
                          "03000000 'red'")},
@@ -54,13 +57,13 @@ TEST(StoredValue_, IsWrittenAndReadByteForByte) {
 
 TEST(StoredValue_, RefusesWhatNoWriterWrites) {
     const char* rows[] = {
-        "02 04000000 00000000 00000000",                                   // storage
-        "00 05000000 00000000 00 00000000",                                // more in the metadata than it tells
-        "00 04000000 FFFFFFFF 00000000",                                   // count of indexes
-        "00 0D000000 01000000 01000000 'a' FFFFFFFF 00000000",             // count of keys
+        "02 04000000 00000000 00000000",                       // storage
+        "00 05000000 00000000 00 00000000",                    // more in the metadata than it tells
+        "00 04000000 FFFFFFFF 00000000",                       // count of indexes
+        "00 0D000000 01000000 01000000 'a' FFFFFFFF 00000000", // count of keys
         "00 16000000 02000000 01000000 'b' 00000000 01000000 'a' 00000000 00000000", // names out of order
         "00 16000000 02000000 01000000 'a' 00000000 01000000 'a' 00000000 00000000", // a name twice
-        "00 FFFFFFFF 00000000 00000000",                                   // length of the metadata
+        "00 FFFFFFFF 00000000 00000000",                                             // length of the metadata
     };
     for (const char* row : rows) {
         const std::string bytes = bytesOf(row);

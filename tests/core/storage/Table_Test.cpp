@@ -133,8 +133,10 @@ TEST(Table_, OpeningParsesTheValuesAndTellsWhichBlobFilesTheyReferTo) {
     EXPECT_FALSE(table.open(&status)->knowsBlobUses());
     const std::string inlineValue = encoded(inlineEntry("red"));
     const TableRecord_ rows[] = {
-        record("k", 1, kBlobRecord, inlineValue), record("k", 1, kInlineRecord, encoded(blob)),
-        record("k", 1, kInlineRecord, ""), record("k", 1, kInlineRecord, inlineValue + "x"),
+        record("k", 1, kBlobRecord, inlineValue),
+        record("k", 1, kInlineRecord, encoded(blob)),
+        record("k", 1, kInlineRecord, ""),
+        record("k", 1, kInlineRecord, inlineValue + "x"),
         record("k", 1, kInlineRecord, "\1" + inlineValue.substr(1)),
         record("k", 1, kInlineRecord, inlineValue.substr(0, 5) + "\1" + inlineValue.substr(6)), // an index too many
     };
@@ -151,8 +153,8 @@ TEST(Table_, OpeningParsesTheValuesAndTellsWhichBlobFilesTheyReferTo) {
 TEST(Table_, IsTheSameOnADisk) {
     const TemporaryDirectory directory;
     TableMeta_ meta = metaOf(kPrimaryTable, 0, 2);
-    ZnEmbeddedDbStatus status = writeTable(znStorageFiles(), directory.path("tmp"), directory.path("tables"), &meta,
-                                           goldenRecords());
+    ZnEmbeddedDbStatus status =
+        writeTable(znStorageFiles(), directory.path("tmp"), directory.path("tables"), &meta, goldenRecords());
     EXPECT_EQ(status, ZnEmbeddedDbStatus());
     EXPECT_EQ(contentOf(directory.path("tables/L0-2.sst")), golden("L0-2.sst"));
     const auto handle = std::make_shared<TableHandle_>();
@@ -196,17 +198,28 @@ TEST(Table_, ChecksTellWhatIsWrong) {
     longSparseIndex.insert(0x126, 1, '\0');
     std::string longFilter = good;
     longFilter.insert(footer, 1, '\0');
-    const struct { const char* message; std::string bytes; } rows[] = {
-        {"table too small", good.substr(0, 43)}, {"invalid table magic", with(0, "X")},
-        {"invalid table magic", golden("WAL-1.log")}, {"invalid table header", with(8, "\2")},
-        {"invalid table header", with(43, "\x7F")}, {"invalid table footer", with(footer, "X")},
-        {"table footer mismatch", with(footer + 32, "\5")}, {"table footer mismatch", with(footer + 24, "\5")},
-        {"invalid sparse index", with(footer + 15, "\1")}, {"invalid sparse entry", with(0x10D, "\2")},
-        {"invalid sparse index", longSparseIndex}, {"invalid bloom section", with(0x12A, "\x21")},
-        {"invalid bloom section", longFilter}, {"invalid table block header", with(0x30, "\1")},
+    const struct {
+        const char* message;
+        std::string bytes;
+    } rows[] = {
+        {"table too small", good.substr(0, 43)},
+        {"invalid table magic", with(0, "X")},
+        {"invalid table magic", golden("WAL-1.log")},
+        {"invalid table header", with(8, "\2")},
+        {"invalid table header", with(43, "\x7F")},
+        {"invalid table footer", with(footer, "X")},
+        {"table footer mismatch", with(footer + 32, "\5")},
+        {"table footer mismatch", with(footer + 24, "\5")},
+        {"invalid sparse index", with(footer + 15, "\1")},
+        {"invalid sparse entry", with(0x10D, "\2")},
+        {"invalid sparse index", longSparseIndex},
+        {"invalid bloom section", with(0x12A, "\x21")},
+        {"invalid bloom section", longFilter},
+        {"invalid table block header", with(0x30, "\1")},
         {"table block checksum mismatch", with(0x41, "B")},
         {"table block is not the one of the sparse index", with(0x115, "b")},
-        {"table filter lacks a key", with(0x134, "\1")}, {"table is not the one of the manifest", golden("L1-4.sst")},
+        {"table filter lacks a key", with(0x134, "\1")},
+        {"table is not the one of the manifest", golden("L1-4.sst")},
         {"table is not the one of the manifest", with(0x10, "\6")},
     };
     for (const auto& row : rows)
@@ -257,8 +270,8 @@ TEST(Table_, BlocksEndBeforeTheTargetSizeAndRecordsAreNeverSplit) {
 TEST(Table_, EveryKeyIsFoundAndSoughtInBlocksOfManyRecords) {
     Records records;
     for (std::size_t number = 0; number < 5000; ++number)
-        records.push_back(record(std::to_string(100002 + 2 * number), 1 + number % 7, kInlineRecord,
-                                 storedValue(13 + number % 60)));
+        records.push_back(
+            record(std::to_string(100002 + 2 * number), 1 + number % 7, kInlineRecord, storedValue(13 + number % 60)));
     Table table(records);
     for (const bool verifies : {true, false}) {
         table.options.verifyFilters = verifies;

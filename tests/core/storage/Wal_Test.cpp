@@ -18,23 +18,17 @@ std::string textOf(MemoryFiles& files, std::uint64_t id = 1) {
     std::string text;
     for (;;) {
         switch (reader.next()) {
-        case WalReader_::Step::End:
-            return text + "end";
-        case WalReader_::Step::Failed:
-            return text + reader.status().message().str();
+        case WalReader_::Step::End: return text + "end";
+        case WalReader_::Step::Failed: return text + reader.status().message().str();
         case WalReader_::Step::Invalid:
             switch (reader.classifyTail(0)) {
             case WalReader_::Tail::Covered: return text + "covered";
-            case WalReader_::Tail::Torn:
-                return text + "torn at " + std::to_string(reader.goodBytes());
-            case WalReader_::Tail::Damaged:
-                return text + "damaged at " + std::to_string(reader.goodBytes());
-            case WalReader_::Tail::Failed:
-                return text + reader.status().message().str();
+            case WalReader_::Tail::Torn: return text + "torn at " + std::to_string(reader.goodBytes());
+            case WalReader_::Tail::Damaged: return text + "damaged at " + std::to_string(reader.goodBytes());
+            case WalReader_::Tail::Failed: return text + reader.status().message().str();
             }
             break;
-        case WalReader_::Step::Frame:
-            break;
+        case WalReader_::Step::Frame: break;
         }
         std::uint64_t sequence = reader.frame().firstSequence;
         WalOperationReader_ operations = reader.operations();

@@ -86,8 +86,8 @@ TEST(ZnCrypto, FailuresNameTheirReason) {
 }
 
 TEST(ZnCrypto, Base64) {
-    constexpr const char* kRows[][2] = {
-        {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"\xFB\xEF\xFF", "++//"}};
+    constexpr const char* kRows[][2] = {{"", ""},        {"f", "Zg=="},        {"fo", "Zm8="},
+                                        {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"\xFB\xEF\xFF", "++//"}};
     for (const auto& [plain, text] : kRows) {
         const std::string_view bytes(plain);
         EXPECT_EQ(ZnCrypto::base64Encode(Bytes(bytes.begin(), bytes.end())), text);

@@ -51,15 +51,31 @@ std::string repeated(std::string_view text, int count) {
 }
 
 TEST(ZnJsonMemory, ParsingNeedsAtMostTwelveTimesTheText) {
-    struct Row { std::string open, unit, close; JsonReading reading = JsonReading::Dialect; };
-    const Row kRows[] = {
-        {"[", "1,", "]"}, {"[", "1,", ""}, {"[x,", "1,", "]"}, {"[", "[],", "]"}, {"[", "{},", "]"}, {"[", "[0],", "]"},
-        {"[", repeated("[", 255) + repeated("]", 255) + ",", "]"}, {"[", "[[[]]],", "]"},
-        {"[", repeated("{\"\":", 255) + "0" + repeated("}", 255) + ",", "]"}, {"[", "{\"\":0},", "]"},
-        {"{", "\"\":0,", "}"}, {"{", "\"b\":0,\"a\":0,", "}"}, {"{", "\"a\":{},", "}"},
-        {"[", "{\"\":0,\"\":0,\"\":0},", "]"}, {"[", "\"\",", "]"}, {"[", "\"123456789012345\",", "]"},
-        {"[", "-0,", "]", JsonReading::Exact}, {"[", "1e1,", "]", JsonReading::Exact},
-        {"[\"", "\\n", "\"]"}, {"[\"", "[[[[", "\"]"}, {"", "[", ""}};
+    struct Row {
+        std::string open, unit, close;
+        JsonReading reading = JsonReading::Dialect;
+    };
+    const Row kRows[] = {{"[", "1,", "]"},
+                         {"[", "1,", ""},
+                         {"[x,", "1,", "]"},
+                         {"[", "[],", "]"},
+                         {"[", "{},", "]"},
+                         {"[", "[0],", "]"},
+                         {"[", repeated("[", 255) + repeated("]", 255) + ",", "]"},
+                         {"[", "[[[]]],", "]"},
+                         {"[", repeated("{\"\":", 255) + "0" + repeated("}", 255) + ",", "]"},
+                         {"[", "{\"\":0},", "]"},
+                         {"{", "\"\":0,", "}"},
+                         {"{", "\"b\":0,\"a\":0,", "}"},
+                         {"{", "\"a\":{},", "}"},
+                         {"[", "{\"\":0,\"\":0,\"\":0},", "]"},
+                         {"[", "\"\",", "]"},
+                         {"[", "\"123456789012345\",", "]"},
+                         {"[", "-0,", "]", JsonReading::Exact},
+                         {"[", "1e1,", "]", JsonReading::Exact},
+                         {"[\"", "\\n", "\"]"},
+                         {"[\"", "[[[[", "\"]"},
+                         {"", "[", ""}};
     for (const Row& row : kRows) {
         std::string text = row.open;
         while (text.size() < kTextBytes)

@@ -39,25 +39,41 @@ ZnJsonValue parsed(std::string_view text) {
 }
 
 TEST(ZnJson, FailuresNameReasonAndPlace) {
-    struct Row { const char* text; int index; const char* reason; };
-    constexpr Row kRows[] = {
-        {"", 0, "Unexpected end of JSON input"}, {"[,]", 1, "Invalid JSON token"},
-        {"[true,trux]", 10, "Invalid boolean literal"}, {"nul", 3, "Invalid literal, expected 'null'"},
-        {"{", 1, "Unterminated JSON object"}, {R"({"a":1)", 6, "Unterminated JSON object"},
-        {"[", 1, "Unterminated JSON array"}, {"[1", 2, "Unterminated JSON array"},
-        {R"({"a":1,,})", 7, "Expected string key in object"}, {R"({"a" 1})", 5, "Expected ':' after object key"},
-        {R"({"a")", 4, "Expected ':' after object key"}, {R"({"a":1 "b"})", 7, "Expected ',' or '}' in object"},
-        {"[1}", 2, "Expected ',' or ']' in array"}, {R"({"ab)", 4, "Unterminated string literal"},
-        {"\"a\nb\"", 2, "Unescaped control character in string"}, {R"("ab\)", 4, "Invalid escape sequence in string"},
-        {R"("\x")", 2, "Invalid escape character in string"}, {R"("\u12")", 3, "Incomplete Unicode escape sequence"},
-        {R"("\u12g4")", 5, "Invalid hex digit in Unicode escape"},
-        {R"("\ud83d\n")", 7, "Missing low surrogate after high surrogate"},
-        {R"("\ud83d\u0041")", 13, "Invalid low surrogate in Unicode escape"},
-        {R"("\ude00")", 7, "Unexpected low surrogate without leading high surrogate"},
-        {"-a", 1, "Expected digit in number literal"}, {"-00", 2, "Leading zeros are not allowed in JSON numbers"},
-        {"1.e5", 2, "Expected digit after decimal point"}, {"1e+", 3, "Expected digit in exponent"},
-        {"[9223372036854775808]", 1, "Invalid integer number"}, {"-9223372036854775809", 0, "Invalid integer number"},
-        {"[1e400]", 1, "Invalid floating-point number"}, {"1e-400", 0, "Invalid floating-point number"}};
+    struct Row {
+        const char* text;
+        int index;
+        const char* reason;
+    };
+    constexpr Row kRows[] = {{"", 0, "Unexpected end of JSON input"},
+                             {"[,]", 1, "Invalid JSON token"},
+                             {"[true,trux]", 10, "Invalid boolean literal"},
+                             {"nul", 3, "Invalid literal, expected 'null'"},
+                             {"{", 1, "Unterminated JSON object"},
+                             {R"({"a":1)", 6, "Unterminated JSON object"},
+                             {"[", 1, "Unterminated JSON array"},
+                             {"[1", 2, "Unterminated JSON array"},
+                             {R"({"a":1,,})", 7, "Expected string key in object"},
+                             {R"({"a" 1})", 5, "Expected ':' after object key"},
+                             {R"({"a")", 4, "Expected ':' after object key"},
+                             {R"({"a":1 "b"})", 7, "Expected ',' or '}' in object"},
+                             {"[1}", 2, "Expected ',' or ']' in array"},
+                             {R"({"ab)", 4, "Unterminated string literal"},
+                             {"\"a\nb\"", 2, "Unescaped control character in string"},
+                             {R"("ab\)", 4, "Invalid escape sequence in string"},
+                             {R"("\x")", 2, "Invalid escape character in string"},
+                             {R"("\u12")", 3, "Incomplete Unicode escape sequence"},
+                             {R"("\u12g4")", 5, "Invalid hex digit in Unicode escape"},
+                             {R"("\ud83d\n")", 7, "Missing low surrogate after high surrogate"},
+                             {R"("\ud83d\u0041")", 13, "Invalid low surrogate in Unicode escape"},
+                             {R"("\ude00")", 7, "Unexpected low surrogate without leading high surrogate"},
+                             {"-a", 1, "Expected digit in number literal"},
+                             {"-00", 2, "Leading zeros are not allowed in JSON numbers"},
+                             {"1.e5", 2, "Expected digit after decimal point"},
+                             {"1e+", 3, "Expected digit in exponent"},
+                             {"[9223372036854775808]", 1, "Invalid integer number"},
+                             {"-9223372036854775809", 0, "Invalid integer number"},
+                             {"[1e400]", 1, "Invalid floating-point number"},
+                             {"1e-400", 0, "Invalid floating-point number"}};
     for (const Row& row : kRows) {
         ZnString error("stale");
         EXPECT_TRUE(ZnJsonDocument::fromJson(row.text, &error).root().isNull());
@@ -84,28 +100,41 @@ TEST(ZnJson, TextBehindTheValueLeavesItInPlace) {
 
 TEST(ZnJson, ReadsAndRewrites) {
     const std::pair<std::string, std::string> kRows[] = {
-        {" [\t1\v,\f2\r\n,] ", "[1,2]"}, {R"({"b":1,"a":2,"ab":[],"":{},})", R"({"": {},"a": 2,"ab": [],"b": 1})"},
-        {"\xEF\xBB\xBF[[],[[]],{\"a\":[{}]}]", "[[],[[]],{\"a\": [{}]}]"}, {"[true,false,null]", "[true,false,null]"},
+        {" [\t1\v,\f2\r\n,] ", "[1,2]"},
+        {R"({"b":1,"a":2,"ab":[],"":{},})", R"({"": {},"a": 2,"ab": [],"b": 1})"},
+        {"\xEF\xBB\xBF[[],[[]],{\"a\":[{}]}]", "[[],[[]],{\"a\": [{}]}]"},
+        {"[true,false,null]", "[true,false,null]"},
         {"[0,-0,-9223372036854775808,9223372036854775807]", "[0,0,-9223372036854775808,9223372036854775807]"},
         {"[1.0,-0.0,2.50,1E2,1e-7,3.14159265]", "[1,0,2.5,100,1e-07,3.14159]"},
         {"[9007199254740993.0,-9.223372036854775808e18]", "[9007199254740992,-9223372036854775808]"},
         {"[1e300,9.223372036854775808e18]", "[1e+300,9.223372036854776e+18]"},
         {R"("\"\\\/\b\f\n\r\t\u0041\u00e4\u20ac\ud83d\ude00")", "\"\\\"\\\\/\\b\\f\\n\\r\\tA\u00E4\u20AC\U0001F600\""},
-        {R"({"a\u0000\u001f\u007Fb":""})", "{\"a\\u0000\\u001F\x7F" "b\": \"\"}"},
+        {R"({"a\u0000\u001f\u007Fb":""})", "{\"a\\u0000\\u001F\x7F"
+                                           "b\": \"\"}"},
         {"\"\x7F\xFF\xC3\"", "\"\x7F\xFF\xC3\""}};
     for (const auto& [text, written] : kRows)
         EXPECT_EQ(parsed(text).toJson().str(), written);
 }
 
 TEST(ZnJson, ExactReadingKeepsDigitsAndTexts) {
-    struct Row { const char* text; double value; int asInt; const char* inDialect = "fails"; }; // value -1: a text
+    struct Row {
+        const char* text;
+        double value;
+        int asInt;
+        const char* inDialect = "fails";
+    }; // value -1: a text
     const double infinity = std::numeric_limits<double>::infinity();
-    const Row kRows[] = {
-        {R"("2.0")", -1, -1, "2"}, {R"("null")", -1, -1, "null"}, {R"("010")", -1, -1, "8"},
-        {"-9223372036854775808", -9223372036854775808.0, 0, "-9223372036854775808"},
-        {"9223372036854775808", 9223372036854775808.0, 2147483647}, {"-0", 0, 0, "0"}, {"1.10", 1.1, 1, "1.1"},
-        {"1E+2", 100, 100, "100"}, {"-1e999", -infinity, -2147483647 - 1}, {"0.001e+999", infinity, 2147483647},
-        {"1e-99999999999999999999", 0, 0}};
+    const Row kRows[] = {{R"("2.0")", -1, -1, "2"},
+                         {R"("null")", -1, -1, "null"},
+                         {R"("010")", -1, -1, "8"},
+                         {"-9223372036854775808", -9223372036854775808.0, 0, "-9223372036854775808"},
+                         {"9223372036854775808", 9223372036854775808.0, 2147483647},
+                         {"-0", 0, 0, "0"},
+                         {"1.10", 1.1, 1, "1.1"},
+                         {"1E+2", 100, 100, "100"},
+                         {"-1e999", -infinity, -2147483647 - 1},
+                         {"0.001e+999", infinity, 2147483647},
+                         {"1e-99999999999999999999", 0, 0}};
     ZnString error;
     for (const Row& row : kRows) {
         SCOPED_TRACE(row.text);
@@ -136,12 +165,24 @@ TEST(ZnJson, RepeatedKeyLeavesNothingOfTheEarlierValue) {
 
 TEST(ZnJson, ScalarTextsReadAsScalars) {
     using enum JsonType;
-    struct Row { const char* text; JsonType type; const char* written; };
-    constexpr Row kRows[] = {
-        {"true", Boolean, "true"}, {"false", Boolean, "false"}, {"null", Null, "null"}, {"-12", Integer, "-12"},
-        {"-0", Integer, "0"}, {"010", Integer, "8"}, {"09", Integer, "0"},
-        {"999999999999999999", Integer, "999999999999999999"}, {"9223372036854775807", Integer, "9223372036854775807"},
-        {"2.0", Double, "2"}, {"-.5", Double, "-0.5"}, {"5.", Double, "5"}, {"0.1", Double, "0.1"}};
+    struct Row {
+        const char* text;
+        JsonType type;
+        const char* written;
+    };
+    constexpr Row kRows[] = {{"true", Boolean, "true"},
+                             {"false", Boolean, "false"},
+                             {"null", Null, "null"},
+                             {"-12", Integer, "-12"},
+                             {"-0", Integer, "0"},
+                             {"010", Integer, "8"},
+                             {"09", Integer, "0"},
+                             {"999999999999999999", Integer, "999999999999999999"},
+                             {"9223372036854775807", Integer, "9223372036854775807"},
+                             {"2.0", Double, "2"},
+                             {"-.5", Double, "-0.5"},
+                             {"5.", Double, "5"},
+                             {"0.1", Double, "0.1"}};
     for (const Row& row : kRows) {
         SCOPED_TRACE(row.text);
         const std::string literal = "\"" + std::string(row.text) + "\"";
@@ -172,14 +213,18 @@ TEST(ZnJson, LogsFewOfTheNumbersThatDoNotFit) {
     const std::string kHead = "[ERROR] [zn.core.types.znstring] Invalid ";
     const std::string cut = std::string(100, '9') + "... (1000 bytes)\n";
     const std::string whole = kHead + "long long conversion in ZnString: " + cut;
-    EXPECT_EQ(log.take(), (std::vector<std::string>{
-                              whole, kHead + "float conversion in ZnString: " + std::string(100, '9') + "... (1002 bytes)\n",
-                              whole, "[ERROR] [zn.core.types.znjsondocument] Invalid number conversions in one JSON "
-                                     "text: 20\n"}));
+    EXPECT_EQ(log.take(),
+              (std::vector<std::string>{
+                  whole, kHead + "float conversion in ZnString: " + std::string(100, '9') + "... (1002 bytes)\n", whole,
+                  "[ERROR] [zn.core.types.znjsondocument] Invalid number conversions in one JSON "
+                  "text: 20\n"}));
 }
 
 TEST(ZnJson, LimitsTheNumberOfValues) {
-    struct Row { const char* text; std::size_t count; };
+    struct Row {
+        const char* text;
+        std::size_t count;
+    };
     constexpr Row kRows[] = {{"1", 1}, {"[]", 1}, {"[1,[2],\"3\"]", 5}, {R"({"a":{"b":1},"a":2})", 4}};
     for (const Row& row : kRows) {
         ZnString error;
@@ -242,9 +287,8 @@ TEST(ZnJson, AppendsToATextThatIsThere) {
 }
 
 TEST(ZnJson, EveryTruncationFailsWithoutReadingPastTheEnd) {
-    const std::string text =
-        R"([{"key one":"a longer text \u00e4\ud83d\ude00\n with escapes","b":[true,false,null]},)"
-        R"(-12.5e+3,"2.0",[],{},[[0]]])";
+    const std::string text = R"([{"key one":"a longer text \u00e4\ud83d\ude00\n with escapes","b":[true,false,null]},)"
+                             R"(-12.5e+3,"2.0",[],{},[[0]]])";
     for (std::size_t length = 0; length < text.size(); ++length) {
         const std::string_view cut = guarded(std::string_view(text).substr(0, length));
         ZnString error;
@@ -299,16 +343,23 @@ TEST(ZnJson, NumbersHaveTheCForms) {
 
 TEST(ZnJson, ConvertsBetweenTypes) {
     using Ints = std::numeric_limits<int>;
-    struct Row { ZnJsonValue value; ZnString text; ZnString display; int asInt; long long asLong; double asDouble; };
-    const Row kRows[] = {
-        {ZnJsonValue(), "null", "null", -7, 0, -7}, {ZnJsonValue(true), "true", "true", 1, 1, 1},
-        {ZnJsonValue(0x1FFFFFFFFLL), "8589934591", "8589934591", -1, 0x1FFFFFFFFLL, 8589934591.0},
-        {ZnJsonValue(-2.75), "-2.750000", "-2.75", -2, -2, -2.75},
-        {ZnJsonValue(1e10), "10000000000.000000", "1e+10", Ints::max(), 10000000000, 1e10},
-        {ZnJsonValue(-1e30), "-1000000000000000019884624838656.000000", "-1e+30", Ints::min(),
-         std::numeric_limits<long long>::min(), -1e30},
-        {ZnJsonValue("a\"\n\x01\x1F/"), "a\"\n\x01\x1F/", R"("a\"\n\u0001\u001f/")", -7, 0, -7},
-        {ZnJsonValue(ZnJsonObject{{"a", 1}}), "fallback", "ZnJsonValue(Object)", -7, 0, -7}};
+    struct Row {
+        ZnJsonValue value;
+        ZnString text;
+        ZnString display;
+        int asInt;
+        long long asLong;
+        double asDouble;
+    };
+    const Row kRows[] = {{ZnJsonValue(), "null", "null", -7, 0, -7},
+                         {ZnJsonValue(true), "true", "true", 1, 1, 1},
+                         {ZnJsonValue(0x1FFFFFFFFLL), "8589934591", "8589934591", -1, 0x1FFFFFFFFLL, 8589934591.0},
+                         {ZnJsonValue(-2.75), "-2.750000", "-2.75", -2, -2, -2.75},
+                         {ZnJsonValue(1e10), "10000000000.000000", "1e+10", Ints::max(), 10000000000, 1e10},
+                         {ZnJsonValue(-1e30), "-1000000000000000019884624838656.000000", "-1e+30", Ints::min(),
+                          std::numeric_limits<long long>::min(), -1e30},
+                         {ZnJsonValue("a\"\n\x01\x1F/"), "a\"\n\x01\x1F/", R"("a\"\n\u0001\u001f/")", -7, 0, -7},
+                         {ZnJsonValue(ZnJsonObject{{"a", 1}}), "fallback", "ZnJsonValue(Object)", -7, 0, -7}};
     for (const Row& row : kRows) {
         SCOPED_TRACE(row.display);
         EXPECT_EQ(row.value.toStringOr("fallback"), row.text);
@@ -343,8 +394,23 @@ TEST(ZnJson, ValuesNeverShareATree) {
 }
 
 TEST(ZnJson, ComparesTypeAndContent) {
-    const char* const kDifferent[] = {"null", "true", "false", "0", "1", "1.5", "\"x\"", "[]", "{}", "[1]", "[2]",
-                                      "[1,1]", "[[]]", "[{}]", R"({"a":1})", R"({"b":1})", R"({"a":{"b":[1]}})",
+    const char* const kDifferent[] = {"null",
+                                      "true",
+                                      "false",
+                                      "0",
+                                      "1",
+                                      "1.5",
+                                      "\"x\"",
+                                      "[]",
+                                      "{}",
+                                      "[1]",
+                                      "[2]",
+                                      "[1,1]",
+                                      "[[]]",
+                                      "[{}]",
+                                      R"({"a":1})",
+                                      R"({"b":1})",
+                                      R"({"a":{"b":[1]}})",
                                       R"({"a":{"b":[2]}})"};
     for (const char* left : kDifferent) {
         for (const char* right : kDifferent)
@@ -364,11 +430,15 @@ TEST(ZnJson, KeysEncipherScalars) {
     for (const char* shown : {"\"flag\": ", "\"nothing\": null", "[]"})
         EXPECT_TRUE(written.contains(shown)) << written;
     // Bare scalars that are not enciphered are read as they stand; a plain text is an error.
-    struct Row { std::string_view text; ZnString rewritten; const char* error = ""; };
-    const Row kRows[] = {
-        {written.view(), tree.toJson()}, {"[true,null,12,-2.5]", "[true,null,12,-2.5]"},
-        {R"(["plain"])", "null", R"(Unable to decrypt string value (index 8) near "["plain"]")"},
-        {"[*]", "null", R"(Expected digit in number literal (index 1) near "[*]")"}};
+    struct Row {
+        std::string_view text;
+        ZnString rewritten;
+        const char* error = "";
+    };
+    const Row kRows[] = {{written.view(), tree.toJson()},
+                         {"[true,null,12,-2.5]", "[true,null,12,-2.5]"},
+                         {R"(["plain"])", "null", R"(Unable to decrypt string value (index 8) near "["plain"]")"},
+                         {"[*]", "null", R"(Expected digit in number literal (index 1) near "[*]")"}};
     ZnString error;
     for (const Row& row : kRows) {
         EXPECT_EQ(ZnJsonDocument::fromJson(row.text, &error, key).toJson(), row.rewritten);

@@ -82,7 +82,7 @@ TEST(ZnReadWriteLock, WritersExcludeEverybody) {
             for (int round = 0; round < kRounds / 10; ++round) {
                 lock.lockForWrite();
                 ++left;
-                std::this_thread::yield(); // whoever is let in now sees the two sides differ
+                std::this_thread::yield();                      // whoever is let in now sees the two sides differ
                 if (mode == ZnReadWriteLock::Mode::Recursive) { // the other side within
                     lock.lockForRead();
                     lock.unlock();

@@ -41,14 +41,27 @@ protected:
 };
 
 TEST_F(ZnLoggerTest, RulesDecidePerCategoryAndLevel) {
-    struct Row { const char* rules; const char* category; const char* enabled; }; // the letters of the levels
-    constexpr Row kRows[] = {
-        {"", "zn.core.io.a", "WE"}, {"zn.core.*=true", "zn.core.io.a", "DWE"}, {"zn.core.*=true", "zn.core", "WE"},
-        {"zn.core.io.*.all=false", "zn.core.io.a", ""}, {"zn.core.io.a.Warning=off", "zn.core.io.a", "E"},
-        {"ZN.core.io.a.warning=off", "zn.core.io.a", "WE"}, {"*.critical=no", "zn.core.io.a", "W"},
-        {"zn.a.trace=1", "zn.a.trace", "DWE"}, {"*=Yes;*=false", "zn.a", "WE"}, {"*=false;zn.*=true", "zn.a", "DWE"},
-        {"  zn.a = TRUE \n # *.all=0\n#;junk;=1;x=maybe;*.error = 0 ", "zn.a", "DW"}, {".warning=0", "", "DWE"},
-        {"*a*b*=1", "xxaxbx", "DWE"}, {"*a*b*=1", "xxbxa", "WE"}, {"a*ab=1", "aaab", "DWE"}, {"a*ab=1", "ab", "WE"}};
+    struct Row {
+        const char* rules;
+        const char* category;
+        const char* enabled;
+    }; // the letters of the levels
+    constexpr Row kRows[] = {{"", "zn.core.io.a", "WE"},
+                             {"zn.core.*=true", "zn.core.io.a", "DWE"},
+                             {"zn.core.*=true", "zn.core", "WE"},
+                             {"zn.core.io.*.all=false", "zn.core.io.a", ""},
+                             {"zn.core.io.a.Warning=off", "zn.core.io.a", "E"},
+                             {"ZN.core.io.a.warning=off", "zn.core.io.a", "WE"},
+                             {"*.critical=no", "zn.core.io.a", "W"},
+                             {"zn.a.trace=1", "zn.a.trace", "DWE"},
+                             {"*=Yes;*=false", "zn.a", "WE"},
+                             {"*=false;zn.*=true", "zn.a", "DWE"},
+                             {"  zn.a = TRUE \n # *.all=0\n#;junk;=1;x=maybe;*.error = 0 ", "zn.a", "DW"},
+                             {".warning=0", "", "DWE"},
+                             {"*a*b*=1", "xxaxbx", "DWE"},
+                             {"*a*b*=1", "xxbxa", "WE"},
+                             {"a*ab=1", "aaab", "DWE"},
+                             {"a*ab=1", "ab", "WE"}};
     for (const Row& row : kRows) {
         logger_.parseRules(row.rules);
         std::string enabled;
@@ -86,10 +99,17 @@ TEST(ZnLoggerDeathTest, ServesUntilTheProcessIsGone) {
 }
 
 TEST_F(ZnLoggerTest, ConsoleLinesHaveTheirFormAndStream) {
-    struct Row { int level; const char* category; const char* out; const char* err; };
-    constexpr Row kRows[] = {
-        {0, kCategory, "[DEBUG] [zn.test] text\n", ""}, {1, kCategory, "", "[WARNING] [zn.test] text\n"},
-        {0, nullptr, "[DEBUG] text\n", ""}, {2, "", "", "[ERROR] text\n"}, {0, "zn.quiet", "", ""}};
+    struct Row {
+        int level;
+        const char* category;
+        const char* out;
+        const char* err;
+    };
+    constexpr Row kRows[] = {{0, kCategory, "[DEBUG] [zn.test] text\n", ""},
+                             {1, kCategory, "", "[WARNING] [zn.test] text\n"},
+                             {0, nullptr, "[DEBUG] text\n", ""},
+                             {2, "", "", "[ERROR] text\n"},
+                             {0, "zn.quiet", "", ""}};
     logger_.parseRules("zn.test=1");
     for (const Row& row : kRows) {
         testing::internal::CaptureStdout();
@@ -105,10 +125,13 @@ TEST_F(ZnLoggerTest, ConsoleLinesHaveTheirFormAndStream) {
 }
 
 TEST_F(ZnLoggerTest, MessagesLoseAHeadOfTheirOwn) {
-    constexpr const char* kRows[][2] = {
-        {" \r\n\t[010203.123456] [ERROR]  text \n", "text \n"}, {"010203.123456 \t[WARNING] text", "text"},
-        {"[ERROR] [DEBUG]text", "[DEBUG]text"}, {"[010203.1234567] text", "[010203.1234567] text"},
-        {"010203,123456 text", "010203,123456 text"}, {"[010203.123456", "[010203.123456"}, {"", ""}};
+    constexpr const char* kRows[][2] = {{" \r\n\t[010203.123456] [ERROR]  text \n", "text \n"},
+                                        {"010203.123456 \t[WARNING] text", "text"},
+                                        {"[ERROR] [DEBUG]text", "[DEBUG]text"},
+                                        {"[010203.1234567] text", "[010203.1234567] text"},
+                                        {"010203,123456 text", "010203,123456 text"},
+                                        {"[010203.123456", "[010203.123456"},
+                                        {"", ""}};
     LogCapture log;
     for (const auto& [message, shown] : kRows) {
         writeLine(ZnLogger::kError, nullptr, message);
@@ -201,7 +224,7 @@ TEST_F(ZnLoggerTest, NetworkSinkSendsOneObjectPerLineAndConnectsAgain) {
     char buffer[4096];
     EXPECT_GT(::recv(first, buffer, sizeof(buffer), 0), 0);
     ::close(first);
-    writeLine(ZnLogger::kError, nullptr, "lost on the way"); // brings a reset
+    writeLine(ZnLogger::kError, nullptr, "lost on the way");   // brings a reset
     writeLine(ZnLogger::kError, nullptr, "lost to the reset"); // without a signal
     writeLine(ZnLogger::kWarning, kCategory, "[ERROR] tab\t bell\x07 quote\" slash\\ \xC3\xA4\b\f\r\n");
     writeLine(7, nullptr, "no category");
@@ -209,7 +232,10 @@ TEST_F(ZnLoggerTest, NetworkSinkSendsOneObjectPerLineAndConnectsAgain) {
     const int second = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     EXPECT_EQ(receiveAll(second),
               R"({"type":"log","level":"WARNING","category":"zn.test","appName":"an \"app\"","version":"1.2",)"
-              R"("message":"tab\t bell\u0007 quote\" slash\\ )" "\xC3\xA4" R"(\b\f\r\n"})" "\n"
+              R"("message":"tab\t bell\u0007 quote\" slash\\ )"
+              "\xC3\xA4"
+              R"(\b\f\r\n"})"
+              "\n"
               R"({"type":"log","level":"UNKNOWN","appName":"an \"app\"","version":"1.2","message":"no category"})"
               "\n");
     ::close(second);

@@ -19,18 +19,39 @@ constexpr long long kMin = std::numeric_limits<long long>::min();
 TEST(ZnString, ReadsIntegers) {
     const std::string zeros(63, '0');
     const std::string ones(63, '1');
-    const std::pair<std::string, long long> kRows[] = {
-        {"0", 0}, {" \t12\r\n", 12}, {"-7", -7}, {"+7", 7}, {"1_000", 1000}, {"12abc", 12}, {"-0X1f", -31},
-        {"010", 8}, {"09", 0}, {"0b101", 5}, {"-0B1", -1}, {"0b" + ones, kMax}, {"-0b1" + zeros, kMin},
-        {"9223372036854775807", kMax}, {"-9223372036854775808", kMin}};
+    const std::pair<std::string, long long> kRows[] = {{"0", 0},
+                                                       {" \t12\r\n", 12},
+                                                       {"-7", -7},
+                                                       {"+7", 7},
+                                                       {"1_000", 1000},
+                                                       {"12abc", 12},
+                                                       {"-0X1f", -31},
+                                                       {"010", 8},
+                                                       {"09", 0},
+                                                       {"0b101", 5},
+                                                       {"-0B1", -1},
+                                                       {"0b" + ones, kMax},
+                                                       {"-0b1" + zeros, kMin},
+                                                       {"9223372036854775807", kMax},
+                                                       {"-9223372036854775808", kMin}};
     for (const auto& [text, value] : kRows) {
         bool ok = false;
         EXPECT_EQ(ZnString(text).toLongLong(&ok), value) << text;
         EXPECT_TRUE(ok) << text;
     }
-    const std::string kFailing[] = {
-        "", "   ", "_", "+", "- 5", "abc", "0b", "0b102", "9223372036854775808", "-9223372036854775809",
-        "0b1" + zeros, "-0b1" + zeros.substr(1) + "1", "-0b1" + zeros + "0"};
+    const std::string kFailing[] = {"",
+                                    "   ",
+                                    "_",
+                                    "+",
+                                    "- 5",
+                                    "abc",
+                                    "0b",
+                                    "0b102",
+                                    "9223372036854775808",
+                                    "-9223372036854775809",
+                                    "0b1" + zeros,
+                                    "-0b1" + zeros.substr(1) + "1",
+                                    "-0b1" + zeros + "0"};
     for (const std::string& text : kFailing) {
         bool ok = true;
         EXPECT_TRUE(ZnString(text).toLongLong(&ok) == 0 && !ok) << text;
@@ -40,9 +61,10 @@ TEST(ZnString, ReadsIntegers) {
 TEST(ZnString, ReadsFloatingPoint) {
     constexpr double kNone = -1; // what was there before
     constexpr std::pair<const char*, double> kRows[] = {
-        {"1_0.5", 10.5}, {" 2.0 ", 2.0}, {"-.5", -0.5}, {"1.5abc", 1.5}, {"0x10", 16}, {"12abc", 12}, {"0x1.8p1", 3},
-        {"1e999", kNone}, {"1e-999", kNone}, {"1e-310x", 1e-310}, {"0e5", 0}, {"99999999999999999999", 1e20},
-        {"", kNone}, {".", kNone}, {"--1.5", kNone}};
+        {"1_0.5", 10.5},   {" 2.0 ", 2.0},      {"-.5", -0.5},   {"1.5abc", 1.5},
+        {"0x10", 16},      {"12abc", 12},       {"0x1.8p1", 3},  {"1e999", kNone},
+        {"1e-999", kNone}, {"1e-310x", 1e-310}, {"0e5", 0},      {"99999999999999999999", 1e20},
+        {"", kNone},       {".", kNone},        {"--1.5", kNone}};
     for (const auto& [text, expected] : kRows) {
         double value = kNone;
         EXPECT_EQ(ZnString(text).toDouble(&value), expected != kNone) << text;
@@ -61,9 +83,10 @@ TEST(ZnString, LogsFailedConversions) {
     EXPECT_EQ(ZnString("x").toLongLong(&ok), 0); // asked for: no line
     EXPECT_EQ(ZnString(std::string(105, 'z')).toFloat(), 0.0F);
     const std::string kHead = "[ERROR] [zn.core.types.znstring] Invalid ";
-    EXPECT_THAT(log.take(), ElementsAre(kHead + "int conversion in ZnString: -2147483649\n",
-                                        kHead + "int conversion in ZnString: 2147483648\n",
-                                        kHead + "float conversion in ZnString: " + std::string(100, 'z') + "... (105 bytes)\n"));
+    EXPECT_THAT(log.take(),
+                ElementsAre(kHead + "int conversion in ZnString: -2147483649\n",
+                            kHead + "int conversion in ZnString: 2147483648\n",
+                            kHead + "float conversion in ZnString: " + std::string(100, 'z') + "... (105 bytes)\n"));
 }
 
 TEST(ZnString, CutsTrimsReplacesSplitsAndWritesNumbers) {

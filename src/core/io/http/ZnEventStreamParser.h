@@ -30,10 +30,10 @@ private:
     void takeField_(std::string_view name, std::string_view value);
 
     const std::size_t maxEventBytes_;
-    std::size_t markBytes_ = 0;       // of the byte order mark, seen so far
-    bool isBehindMark_ = false;       // the stream's text has begun
-    bool skipsLineFeed_ = false;      // the last byte was CR: a LF belongs to it
-    std::string line_;                // begun and not ended
+    std::size_t markBytes_ = 0;  // of the byte order mark, seen so far
+    bool isBehindMark_ = false;  // the stream's text has begun
+    bool skipsLineFeed_ = false; // the last byte was CR: a LF belongs to it
+    std::string line_;           // begun and not ended
     std::string type_;
-    std::string data_;                // each line with an LF behind it; empty: none yet
+    std::string data_; // each line with an LF behind it; empty: none yet
 };

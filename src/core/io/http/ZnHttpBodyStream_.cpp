@@ -19,7 +19,9 @@ constexpr std::size_t kJoinedBytes = 16 * 1024;
 class FileBody final : public ZnHttpBodyStream_ {
 public:
     FileBody(ZnFileReader file, const ZnHttpResponse& response, std::uint64_t blockBytes)
-        : file_(std::move(file)), offset_(response.fileOffset), remainingBytes_(response.fileLength),
+        : file_(std::move(file)),
+          offset_(response.fileOffset),
+          remainingBytes_(response.fileLength),
           blockBytes_(blockBytes) {}
 
     bool isAtEnd() const noexcept override { return remainingBytes_ == 0; }

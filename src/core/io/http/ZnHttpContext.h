@@ -45,8 +45,7 @@ public:
 
     /// Parses the body as JSON, without its NUL bytes and a byte order mark in front. On failure returns false,
     /// with the parser's reason in `*errorText` and `*document` as it was.
-    bool parseJsonBody(ZnJsonDocument* document, ZnString* errorText,
-                       JsonReading reading = JsonReading::Dialect,
+    bool parseJsonBody(ZnJsonDocument* document, ZnString* errorText, JsonReading reading = JsonReading::Dialect,
                        std::size_t maxValues = ZnJsonDocument::kNoLimit) const;
 
 private:

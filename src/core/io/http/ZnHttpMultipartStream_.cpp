@@ -21,8 +21,9 @@ std::size_t indexOf(std::string_view bytes, std::string_view text) noexcept {
                             : static_cast<std::size_t>(static_cast<const char*>(found) - bytes.data());
 }
 
-/// Unlike an address, never the same for two readers of the process: the handler of a request whose connection and files
-/// are gone must not find another connection's upload under a name that it still has. The clock tells processes apart.
+/// Unlike an address, never the same for two readers of the process: the handler of a request whose connection and
+/// files are gone must not find another connection's upload under a name that it still has. The clock tells processes
+/// apart.
 unsigned long long nextReaderNumber() {
     static std::atomic<unsigned long long> next{static_cast<unsigned long long>(monotonicNowNs())};
     return next.fetch_add(1, std::memory_order_relaxed); // only tells one reader from another
@@ -50,8 +51,8 @@ bool ZnHttpMultipartStream_::begin(const ZnString& boundary, const ZnHttpLimits&
         znDirPlatform()->absolutePath(tempDir.isEmpty() ? ZnHttpLimits().multipartTempDir : tempDir);
     if (!ZnDir::mkpathAt(directory, false))
         return fail_("Unable to create multipart temp directory", errorText);
-    filePrefix_ = directory + (directory.endsWith("/") ? "multipart_" : "/multipart_") +
-                  ZnString::number(readerNumber_) + "_";
+    filePrefix_ =
+        directory + (directory.endsWith("/") ? "multipart_" : "/multipart_") + ZnString::number(readerNumber_) + "_";
     return true;
 }
 

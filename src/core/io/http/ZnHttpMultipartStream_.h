@@ -19,13 +19,7 @@
 /// Invariant: current_ is being filled exactly in PartData, and file_ is open there if it is a temporary file.
 class ZnHttpMultipartStream_ {
 public:
-    enum class State : std::int32_t {
-        Preamble = 0,
-        PartHeaders = 1,
-        PartData = 2,
-        Done = 3,
-        Failed = 4
-    };
+    enum class State : std::int32_t { Preamble = 0, PartHeaders = 1, PartData = 2, Done = 3, Failed = 4 };
 
     ZnHttpMultipartStream_();
     /// Prepares for a body; drops what is left of the one before. With limits.streamMultipart file parts go to files in
@@ -57,16 +51,16 @@ private:
     const unsigned long long readerNumber_; // in the names of its files; no other reader has it
     State state_ = State::Preamble;
     ZnHttpLimits limits_;
-    ZnString filePrefix_;              // of every temporary file: absolute directory, first half of the name
-    ZnByteArray crlfDelimiter_;        // "\r\n--" and the boundary
-    ZnByteArray buffer_;               // received and not yet consumed
-    std::size_t scannedBytes_ = 0;     // of buffer_, known to hold no end of headers: one-byte input stays linear
-    bool preambleSkipped_ = false;     // the CRLF in front of the first delimiter; there may be one
+    ZnString filePrefix_;          // of every temporary file: absolute directory, first half of the name
+    ZnByteArray crlfDelimiter_;    // "\r\n--" and the boundary
+    ZnByteArray buffer_;           // received and not yet consumed
+    std::size_t scannedBytes_ = 0; // of buffer_, known to hold no end of headers: one-byte input stays linear
+    bool preambleSkipped_ = false; // the CRLF in front of the first delimiter; there may be one
     ZnList<ZnHttpMultipartPart> parts_;
     ZnMap<ZnString, ZnString> fields_; // becomes ZnHttpRequest::formFields
     ZnHttpMultipartPart current_;      // its size is what has been written so far
     std::unique_ptr<ZnFile> file_;
     std::shared_ptr<ZnHttpTempFiles> tempFiles_; // null until the body has one
-    std::uint32_t tempCounter_ = 0;    // number of the next temporary file, over all bodies: a name that a request may
-                                       // still have, or whose file was moved away, does not come again
+    std::uint32_t tempCounter_ = 0; // number of the next temporary file, over all bodies: a name that a request may
+                                    // still have, or whose file was moved away, does not come again
 };

@@ -193,8 +193,8 @@ bool ZnHttpParser_::step_(Input_& input, ZnList<RequestRef>& out) {
     return false;
 }
 
-/// Takes one line without its CRLF off the input. A bare LF ends no line; by the strict grammar it does so without being
-/// taken away, and whoever reads the line refuses it, at once and not when the time is up.
+/// Takes one line without its CRLF off the input. A bare LF ends no line; by the strict grammar it does so without
+/// being taken away, and whoever reads the line refuses it, at once and not when the time is up.
 bool ZnHttpParser_::readLine_(Input_& input, std::string_view* line) {
     const std::string_view rest = input.rest;
     std::size_t from = std::exchange(scannedBytes_, 0);
@@ -331,9 +331,10 @@ bool ZnHttpParser_::finishHeaders_() {
     if (chunked && length != none)
         return fail_(400, "Conflicting body framing");
     const auto contentType = headers.find("content-type");
-    const bool isStreamed = limits_.streamMultipart && contentType != none &&
-                            zn::http::isMultipartForm(contentType->second.view());
-    maxBodyBytes_ = isStreamed && limits_.maxStreamedBodyBytes > 0 ? limits_.maxStreamedBodyBytes : limits_.maxBodyBytes;
+    const bool isStreamed =
+        limits_.streamMultipart && contentType != none && zn::http::isMultipartForm(contentType->second.view());
+    maxBodyBytes_ =
+        isStreamed && limits_.maxStreamedBodyBytes > 0 ? limits_.maxStreamedBodyBytes : limits_.maxBodyBytes;
     if (bodyRemaining_ > maxBodyBytes_)
         return fail_(413, "Body too large");
     current_->chunked = chunked;
@@ -385,8 +386,7 @@ bool ZnHttpParser_::parseContentLength_(std::string_view text) {
 }
 
 bool ZnHttpParser_::takeBody_(Input_& input, std::uint64_t* remainingBytes) {
-    const std::size_t byteCount =
-        static_cast<std::size_t>(std::min<std::uint64_t>(*remainingBytes, input.rest.size()));
+    const std::size_t byteCount = static_cast<std::size_t>(std::min<std::uint64_t>(*remainingBytes, input.rest.size()));
     if (byteCount > maxBodyBytes_ - bodyBytes_)
         return fail_(413, "Body too large");
     const std::string_view bytes = input.rest.substr(0, byteCount);

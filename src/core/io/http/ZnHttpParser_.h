@@ -100,17 +100,17 @@ private:
     const ZnHttpLimits limits_;
     HeadCheck headCheck_;
     ZnByteArray buffer_;
-    std::size_t scannedBytes_ = 0;     // of buffer_, known to hold no CRLF: one-byte input stays linear
+    std::size_t scannedBytes_ = 0; // of buffer_, known to hold no CRLF: one-byte input stays linear
     State state_ = State::RequestLine;
-    RequestRef current_;               // null until its request line is complete
-    std::uint64_t headerBytes_ = 0;    // this and the next four: of the current message
+    RequestRef current_;            // null until its request line is complete
+    std::uint64_t headerBytes_ = 0; // this and the next four: of the current message
     std::uint64_t headerCount_ = 0;
-    std::uint64_t maxBodyBytes_ = 0;   // of this body
-    std::uint64_t bodyBytes_ = 0;      // decoded so far
-    std::uint64_t bodyRemaining_ = 0;  // of a body with a length
+    std::uint64_t maxBodyBytes_ = 0;  // of this body
+    std::uint64_t bodyBytes_ = 0;     // decoded so far
+    std::uint64_t bodyRemaining_ = 0; // of a body with a length
     std::uint64_t chunkRemaining_ = 0;
-    bool isBodyRefused_ = false;       // by headCheck_
-    bool multipartActive_ = false;     // the body goes to multipart_
+    bool isBodyRefused_ = false;                        // by headCheck_
+    bool multipartActive_ = false;                      // the body goes to multipart_
     std::unique_ptr<ZnHttpMultipartStream_> multipart_; // made for the first such body, kept for the names of files
     int errorStatus_ = 0;
     ZnString errorText_;

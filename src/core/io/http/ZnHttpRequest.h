@@ -17,19 +17,19 @@ class ZnHttpAbandonGuard;
 /// Thread: a value. On its way from the parser to a handler it is shared and never copied: whoever may still
 /// look at it after a wait holds a std::shared_ptr.
 struct ZnHttpRequest {
-    ZnString method;                            // upper case
-    ZnString target;                            // as sent, trimmed
-    ZnString path;                              // percent-decoded, begins with "/", without "//"
-    ZnString queryString;                       // raw, behind the first "?"
-    ZnString httpVersion;                       // upper case
-    ZnMap<ZnString, ZnString> headers;          // names in lower case; a repeated name keeps its last value
-    ZnMap<ZnString, ZnString> queryParams;      // decoded; a repeated key keeps its last value
-    ZnMap<ZnString, ZnString> pathParams;       // filled by the router
-    mutable ZnByteArray body;                   // decoded; empty when a multipart body was read as it came
+    ZnString method;                       // upper case
+    ZnString target;                       // as sent, trimmed
+    ZnString path;                         // percent-decoded, begins with "/", without "//"
+    ZnString queryString;                  // raw, behind the first "?"
+    ZnString httpVersion;                  // upper case
+    ZnMap<ZnString, ZnString> headers;     // names in lower case; a repeated name keeps its last value
+    ZnMap<ZnString, ZnString> queryParams; // decoded; a repeated key keeps its last value
+    ZnMap<ZnString, ZnString> pathParams;  // filled by the router
+    mutable ZnByteArray body;              // decoded; empty when a multipart body was read as it came
     bool keepAlive = true;
-    bool chunked = false;                       // the body came in chunks
-    bool multipartParsed = false;               // multipartParts and formFields are complete
-    bool isTls = false;                         // this and the next three are filled by the session
+    bool chunked = false;         // the body came in chunks
+    bool multipartParsed = false; // multipartParts and formFields are complete
+    bool isTls = false;           // this and the next three are filled by the session
     std::uint16_t localPort = 0;
     ZnString peerAddress;
     std::uint16_t peerPort = 0;

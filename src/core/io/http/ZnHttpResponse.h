@@ -23,17 +23,17 @@ struct ZnHttpResponse {
     ZnString reason = "OK";            // empty: taken from the status when it is sent
     ZnMap<ZnString, ZnString> headers; // names in lower case; one that could break the head is not sent
     ZnByteArray body;
-    bool chunked = false;              // chunked framing: of `chunks`, or of the body as one chunk without them
-    bool useFile = false;              // the body is that part of the file; goes before the other two
-    bool headOnly = false;             // the body stays here; the answer to HEAD tells how long it is
+    bool chunked = false;  // chunked framing: of `chunks`, or of the body as one chunk without them
+    bool useFile = false;  // the body is that part of the file; goes before the other two
+    bool headOnly = false; // the body stays here; the answer to HEAD tells how long it is
     bool closeConnection = false;
-    bool switchProtocols = false;      // with onSwitch: the connection leaves HTTP behind this head
-    bool switchWithoutHead = false;    // it does so at once, and nothing is sent
-    ZnList<ZnByteArray> chunks;        // in their order; empty ones are not sent, they would end the body
-    ZnString filePath;                 // of a regular file
-    std::uint64_t fileOffset = 0;      // the first byte to send
-    std::uint64_t fileLength = 0;      // bytes to send; a file that ends sooner ends the connection
-    std::uint64_t fileChunkBytes = 0;  // how much is read at a time, 0: the default
+    bool switchProtocols = false;     // with onSwitch: the connection leaves HTTP behind this head
+    bool switchWithoutHead = false;   // it does so at once, and nothing is sent
+    ZnList<ZnByteArray> chunks;       // in their order; empty ones are not sent, they would end the body
+    ZnString filePath;                // of a regular file
+    std::uint64_t fileOffset = 0;     // the first byte to send
+    std::uint64_t fileLength = 0;     // bytes to send; a file that ends sooner ends the connection
+    std::uint64_t fileChunkBytes = 0; // how much is read at a time, 0: the default
     /// Takes over the socket, which is its own from there on, on the session's thread. Bytes may have come already: it
     /// reads once before it waits for readyRead.
     std::function<void(ZnAbstractSocket*)> onSwitch;

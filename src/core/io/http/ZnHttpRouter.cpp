@@ -23,9 +23,9 @@ bool paramTypeOf(const ZnString& name, Segment::ParamType* type) {
     static constexpr struct {
         const char* name;
         Segment::ParamType type;
-    } kTypes[] = {
-        {"int", Segment::ParamType::Int}, {"alpha", Segment::ParamType::Alpha}, {"alnum", Segment::ParamType::Alnum},
-        {"hex", Segment::ParamType::Hex}, {"slug", Segment::ParamType::Slug},   {"uuid", Segment::ParamType::Uuid}};
+    } kTypes[] = {{"int", Segment::ParamType::Int},     {"alpha", Segment::ParamType::Alpha},
+                  {"alnum", Segment::ParamType::Alnum}, {"hex", Segment::ParamType::Hex},
+                  {"slug", Segment::ParamType::Slug},   {"uuid", Segment::ParamType::Uuid}};
     for (const auto& known : kTypes) {
         if (name == known.name) {
             *type = known.type;

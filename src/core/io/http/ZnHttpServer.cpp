@@ -117,7 +117,7 @@ private:
     std::uint64_t runningOnLoop_ = 0; // handlers, most of them parked; server's thread only
     ZnMutex statsLock_;               // leaf lock
     ZnHttpServerStats stats_ ZN_GUARDED_BY(statsLock_);
-    std::int64_t threadPoolQueued_ ZN_GUARDED_BY(statsLock_) = 0; // handed to the pool, not answered yet
+    std::int64_t threadPoolQueued_ ZN_GUARDED_BY(statsLock_) = 0;         // handed to the pool, not answered yet
     std::map<int, std::uint64_t> statusCounts_ ZN_GUARDED_BY(statsLock_); // becomes stats_.statusCounts
 };
 
@@ -201,7 +201,9 @@ public:
     /// Counted already, by enterPool.
     PoolJob_(std::shared_ptr<InFlight_> inFlight, std::shared_ptr<const ZnHttpRequest> request,
              std::shared_ptr<const FilterList_> filters, ZnHttpRouter::Target target)
-        : inFlight_(std::move(inFlight)), request_(std::move(request)), filters_(std::move(filters)),
+        : inFlight_(std::move(inFlight)),
+          request_(std::move(request)),
+          filters_(std::move(filters)),
           target_(std::move(target)) {}
     PoolJob_(PoolJob_&& other) = default;
     PoolJob_& operator=(PoolJob_&&) = delete;
@@ -239,17 +241,20 @@ private:
 class ZnHttpServer::Pipeline_ : public std::enable_shared_from_this<Pipeline_> {
 public:
     Pipeline_(ZnHttpServer* server, std::shared_ptr<ZnHttpRequest> request, std::shared_ptr<InFlight_> inFlight)
-        : server_(server), thread_(zn::atomic::Thread::currentThread()), request_(std::move(request)),
-          inFlight_(std::move(inFlight)), middleware_(server->middleware_) {}
+        : server_(server),
+          thread_(zn::atomic::Thread::currentThread()),
+          request_(std::move(request)),
+          inFlight_(std::move(inFlight)),
+          middleware_(server->middleware_) {}
 
     void step() {
         const std::size_t index = stepIndex_;
         if (index < middleware_->size()) {
-            (*middleware_)[index](*request_, [self = shared_from_this(), index](bool isHandled,
-                                                                                const ZnHttpResponse& response) {
-                const std::shared_ptr<Pipeline_> kept = self; // this callable may be dropped while it runs
-                kept->next_(index, isHandled, response);
-            });
+            (*middleware_)[index](
+                *request_, [self = shared_from_this(), index](bool isHandled, const ZnHttpResponse& response) {
+                    const std::shared_ptr<Pipeline_> kept = self; // this callable may be dropped while it runs
+                    kept->next_(index, isHandled, response);
+                });
         } else if (ZnHttpServer* server = server_.get()) {
             server->runRoute_(request_, inFlight_);
         }
@@ -329,7 +334,8 @@ ZnHttpServerStats ZnHttpServer::stats() const {
 
 void ZnHttpServer::setLimits(const ZnHttpLimits& limits) {
     limits_ = limits;
-    const std::uint64_t maxConnections = limits.maxConnections > 0 ? limits.maxConnections : ZnSslServer::kMaxHandshakes;
+    const std::uint64_t maxConnections =
+        limits.maxConnections > 0 ? limits.maxConnections : ZnSslServer::kMaxHandshakes;
     sslServer_.setMaxHandshakes(std::min<std::uint64_t>(maxConnections, ZnSslServer::kMaxHandshakes));
 }
 
@@ -407,8 +413,8 @@ void ZnHttpServer::handleRequest_(const std::shared_ptr<ZnHttpRequest>& request,
     });
 }
 
-/// What filters and routes say to a request in front of its body; null: it is to be read. A middleware might answer what
-/// has no route.
+/// What filters and routes say to a request in front of its body; null: it is to be read. A middleware might answer
+/// what has no route.
 std::unique_ptr<ZnHttpResponse> ZnHttpServer::refusalOf_(ZnHttpRequest& request) const {
     const long long startedNs = monotonicNowNs();
     auto response = std::make_unique<ZnHttpResponse>();
@@ -436,8 +442,8 @@ void ZnHttpServer::submitToPool_(const std::shared_ptr<ZnHttpRequest>& request,
         inFlight->finishRequest_(ZnHttpResponse::plain(503, "ThreadPool saturated", request->keepAlive));
         return;
     }
-    auto task = std::make_unique<ZnCallableRunnable<PoolJob_>>(
-        PoolJob_(inFlight, request, requestFilters_, std::move(target)));
+    auto task =
+        std::make_unique<ZnCallableRunnable<PoolJob_>>(PoolJob_(inFlight, request, requestFilters_, std::move(target)));
     bool isSaturated = false;
     if (threadPool_->tryStart(task.get(), 0, &isSaturated))
         static_cast<void>(task.release()); // the pool's; it may have run by now
@@ -491,8 +497,8 @@ void ZnHttpServer::runRoute_(const std::shared_ptr<ZnHttpRequest>& request,
         return;
     const ZnHttpRouter::Target target = router_.find(*request);
     if (target.isAsync())
-        target.answerAsync(
-            request, [inFlight](ZnHttpResponse response) { inFlight->finishRequest_(std::move(response)); });
+        target.answerAsync(request,
+                           [inFlight](ZnHttpResponse response) { inFlight->finishRequest_(std::move(response)); });
     else
         inFlight->finishRequest_(target.answer(*request));
 }

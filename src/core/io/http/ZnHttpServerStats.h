@@ -18,6 +18,6 @@ struct ZnHttpServerStats {
     std::int64_t maxLatencyMs = 0;
     std::int64_t connectionsRefused = 0;
     std::int64_t busyRefused = 0;
-    std::int64_t poolRefused = 0; // by maxThreadPoolRequests
+    std::int64_t poolRefused = 0;                // by maxThreadPoolRequests
     ZnMap<ZnString, std::uint64_t> statusCounts; // by the status in decimal
 };

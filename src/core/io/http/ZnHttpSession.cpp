@@ -30,7 +30,7 @@ constexpr int kRequestsPerGo = 16;
 
 constexpr long long kNsPerMs = 1'000'000;
 constexpr long long kNever = std::numeric_limits<long long>::max();
-constexpr long long kWatchNs = 200 * kNsPerMs;          // the grid of time-out checks
+constexpr long long kWatchNs = 200 * kNsPerMs; // the grid of time-out checks
 // How often, in a write time-out, one looks whether the peer takes anything: the time-out is exact to that part.
 constexpr int kWriteLooks = 16;
 constexpr long long kLongestSleepNs = 1'000'000 * kNsPerMs; // within what a timer can do
@@ -52,9 +52,19 @@ long long deadlineNs(long long sinceNs, int limitMs) noexcept {
 
 ZnHttpSession::ZnHttpSession(ZnAbstractSocket* socket, const ZnHttpRouter* router, const ZnHttpLimits& limits,
                              const ZnHttpTimeouts& timeouts, bool isTls, unsigned short localPort, ZnObject* parent)
-    : ZnObject(parent), router_(router), parser_(std::make_unique<ZnHttpParser_>(limits)), timeouts_(timeouts), isTls_(isTls), localPort_(localPort),
-      createdNs_(monotonicNowNs()), lastActivityNs_(createdNs_), requestStartNs_(createdNs_), asyncStartNs_(createdNs_),
-      lastWriteNs_(createdNs_), writeLookNs_(createdNs_), armedTickNs_(kNever) {
+    : ZnObject(parent),
+      router_(router),
+      parser_(std::make_unique<ZnHttpParser_>(limits)),
+      timeouts_(timeouts),
+      isTls_(isTls),
+      localPort_(localPort),
+      createdNs_(monotonicNowNs()),
+      lastActivityNs_(createdNs_),
+      requestStartNs_(createdNs_),
+      asyncStartNs_(createdNs_),
+      lastWriteNs_(createdNs_),
+      writeLookNs_(createdNs_),
+      armedTickNs_(kNever) {
     if (socket == nullptr || router == nullptr) {
         closed_ = true;
         deleteLater();
@@ -82,7 +92,8 @@ void ZnHttpSession::setRequestHandler(RequestHandler handler) {
 }
 
 void ZnHttpSession::setHeadCheck(HeadCheck check) {
-    parser_->setHeadCheck([this, own = std::move(check)](ZnHttpRequest& request) { return isBodyWanted_(own, request); });
+    parser_->setHeadCheck(
+        [this, own = std::move(check)](ZnHttpRequest& request) { return isBodyWanted_(own, request); });
 }
 
 void ZnHttpSession::start() {
@@ -387,8 +398,8 @@ void ZnHttpSession::writeBytes_(ZnString head, ZnByteArray body) {
     const ZnPointer<ZnHttpSession> self(this);
     insideWrite_ = true;
     resumeDeferred_ = false;
-    const bool isAccepted = body.isEmpty() ? socket_->write(std::move(head))
-                                           : socket_->writeGathered(std::move(head), std::move(body));
+    const bool isAccepted =
+        body.isEmpty() ? socket_->write(std::move(head)) : socket_->writeGathered(std::move(head), std::move(body));
     if (!self || closed_)
         return;
     insideWrite_ = false;

@@ -116,30 +116,30 @@ private:
     void armTimeout_();
     void runTimeoutTable_(long long now);
 
-    ZnPointer<ZnAbstractSocket> socket_;       // child; null once released
-    const ZnHttpRouter* const router_;         // not owned; not used once the session is closed
+    ZnPointer<ZnAbstractSocket> socket_;          // child; null once released
+    const ZnHttpRouter* const router_;            // not owned; not used once the session is closed
     const std::unique_ptr<ZnHttpParser_> parser_; // never null
     const ZnHttpTimeouts timeouts_;
-    ZnTimer* timeoutTimer_ = nullptr;          // child
+    ZnTimer* timeoutTimer_ = nullptr;                        // child
     ZnList<std::shared_ptr<ZnHttpRequest>> pendingRequests_; // oldest first, at most maxPipelinedRequests
-    std::shared_ptr<ZnHttpRequest> currentRequest_; // shared with the frame that runs the handler
-    unsigned long long requestSerial_ = 0;     // of currentRequest_: tells a late answer from the present one
+    std::shared_ptr<ZnHttpRequest> currentRequest_;          // shared with the frame that runs the handler
+    unsigned long long requestSerial_ = 0; // of currentRequest_: tells a late answer from the present one
 
-    bool responseInProgress_ = false;          // a head was written, the response has not left yet
-    bool asyncPending_ = false;                // the request is with its handler
+    bool responseInProgress_ = false; // a head was written, the response has not left yet
+    bool asyncPending_ = false;       // the request is with its handler
     bool closeAfterResponse_ = false;
-    bool nextPieceDue_ = false;                // the last piece has left from inside write, resume_() sends the next
-    bool closed_ = false;                      // final
-    bool holdsConnection_ = false;             // the socket stays when the peer closes its sending side
-    bool insideWrite_ = false;                 // keeps a writeFinished from inside write out of the session
-    bool resumeDeferred_ = false;              // one came
-    bool resumeScheduled_ = false;             // resume_() is on its way
-    bool inputRefused_ = false;                // an error answer is the last one: what still comes is discarded
-    bool draining_ = false;                    // that answer has left
+    bool nextPieceDue_ = false;    // the last piece has left from inside write, resume_() sends the next
+    bool closed_ = false;          // final
+    bool holdsConnection_ = false; // the socket stays when the peer closes its sending side
+    bool insideWrite_ = false;     // keeps a writeFinished from inside write out of the session
+    bool resumeDeferred_ = false;  // one came
+    bool resumeScheduled_ = false; // resume_() is on its way
+    bool inputRefused_ = false;    // an error answer is the last one: what still comes is discarded
+    bool draining_ = false;        // that answer has left
     unsigned long long discardedBytes_ = 0;
 
-    std::unique_ptr<ZnHttpResponse> headRefusal_; // what the head check has answered, while the parser comes back
-    std::unique_ptr<ZnHttpBodyStream_> bodyStream_; // what is left of the response's body; null when all was written
+    std::unique_ptr<ZnHttpResponse> headRefusal_;     // what the head check has answered, while the parser comes back
+    std::unique_ptr<ZnHttpBodyStream_> bodyStream_;   // what is left of the response's body; null when all was written
     std::function<void(ZnAbstractSocket*)> onSwitch_; // set: the connection leaves HTTP when the response has left
 
     // The handler is shared with the frame that calls it, which may outlive the session.
@@ -147,7 +147,7 @@ private:
     ClosedHandler onClosed_;
     const bool isTls_;
     const unsigned short localPort_;
-    ZnString peerAddress_;                     // asked for at the first request
+    ZnString peerAddress_; // asked for at the first request
     unsigned short peerPort_ = 0;
     bool peerKnown_ = false;
 
@@ -156,11 +156,11 @@ private:
     long long lastActivityNs_;
     long long requestStartNs_;
     long long asyncStartNs_;
-    long long lastWriteNs_;                    // or when the peer was last seen to take something
-    long long writeLookNs_;                    // when that was looked at last
-    long long peerLookNs_ = 0;                 // when the peer of a handler's request was looked at last
-    bool hasProbedPeer_ = false;               // for the present request
-    unsigned long long takenBytes_ = 0;        // by the peer, at that time
+    long long lastWriteNs_;             // or when the peer was last seen to take something
+    long long writeLookNs_;             // when that was looked at last
+    long long peerLookNs_ = 0;          // when the peer of a handler's request was looked at last
+    bool hasProbedPeer_ = false;        // for the present request
+    unsigned long long takenBytes_ = 0; // by the peer, at that time
     long long drainStartNs_ = 0;
-    long long armedTickNs_;                    // when timeoutTimer_ fires
+    long long armedTickNs_; // when timeoutTimer_ fires
 };

@@ -129,12 +129,9 @@ bool IteratorCore_::findIndexed_() {
         return fail_(
             ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::Corruption, "index key does not come apart").at(placeOf(merge_)));
     switch (findRecord(*view_, primary, &found_)) {
-    case TableHandle_::Find::Absent:
-        return false;
-    case TableHandle_::Find::Unreadable:
-        return fail_(unreadableTable(*found_.table));
-    case TableHandle_::Find::Found:
-        break;
+    case TableHandle_::Find::Absent: return false;
+    case TableHandle_::Find::Unreadable: return fail_(unreadableTable(*found_.table));
+    case TableHandle_::Find::Found: break;
     }
     if (recordHasIndexKey(found_, indexName_.view(), secondaryKey_))
         return true;

@@ -98,10 +98,9 @@ bool MaintenanceScheduler_::start_(Task task) {
 bool MaintenanceScheduler_::startCompaction_(CompactionGroups_ groups, const OutcomePtr_& outcome) {
     core_.compactionRunning = true;
     core_.compactionFirstFileId = core_.manifest.nextTableId;
-    core_.compactionRunning =
-        start_([this, generation = core_.openGeneration, groups = std::move(groups), outcome] {
-            runCompaction_(generation, groups, *outcome);
-        });
+    core_.compactionRunning = start_([this, generation = core_.openGeneration, groups = std::move(groups), outcome] {
+        runCompaction_(generation, groups, *outcome);
+    });
     if (!core_.compactionRunning)
         core_.compactionFirstFileId = 0;
     return core_.compactionRunning;
@@ -209,9 +208,9 @@ ZnEmbeddedDbStatus MaintenanceScheduler_::collectGarbage() {
     ZnEmbeddedDbStatus status = refusal_(generation);
     const auto outcome = std::make_shared<Outcome_>();
     if (status.isOk())
-        status = startBlobGc_(true, outcome) ? await_(outcome, generation)
-                                             : ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError,
-                                                                  "no thread for a garbage collection");
+        status = startBlobGc_(true, outcome)
+                     ? await_(outcome, generation)
+                     : ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::IoError, "no thread for a garbage collection");
     if (core_.openGeneration != generation)
         return status;
     --garbageDemands_;

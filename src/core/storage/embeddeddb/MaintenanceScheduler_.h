@@ -56,8 +56,8 @@ private:
 
     StoreCore_& core_;
     ZnThreadPool& pool_;
-    int failedInRow_ ZN_GUARDED_BY(core_.mutex) = 0;       // compactions
-    int garbageDemands_ ZN_GUARDED_BY(core_.mutex) = 0;    // while there are any, no compaction begins
+    int failedInRow_ ZN_GUARDED_BY(core_.mutex) = 0;    // compactions
+    int garbageDemands_ ZN_GUARDED_BY(core_.mutex) = 0; // while there are any, no compaction begins
 };
 
 } // namespace znEmbeddedDbDetail

@@ -22,13 +22,16 @@ namespace {
 template <typename Record>
 struct NumberMember {
     const char* name;
-    std::uint64_t Record::* member;
+    std::uint64_t Record::*member;
 };
 
 constexpr NumberMember<ManifestState_> kCounters[] = {
-    {"manifestId", &ManifestState_::manifestId},           {"maxSequence", &ManifestState_::maxSequence},
-    {"replayFromWalId", &ManifestState_::replayFromWalId}, {"activeWalId", &ManifestState_::activeWalId},
-    {"nextWalId", &ManifestState_::nextWalId},             {"nextTableId", &ManifestState_::nextTableId},
+    {"manifestId", &ManifestState_::manifestId},
+    {"maxSequence", &ManifestState_::maxSequence},
+    {"replayFromWalId", &ManifestState_::replayFromWalId},
+    {"activeWalId", &ManifestState_::activeWalId},
+    {"nextWalId", &ManifestState_::nextWalId},
+    {"nextTableId", &ManifestState_::nextTableId},
 };
 
 constexpr NumberMember<TableMeta_> kTableNumbers[] = {
@@ -135,7 +138,8 @@ ZnEmbeddedDbStatus readWholeFile(ZnStorageFiles& files, const ZnString& path, Zn
     ZnString reason;
     if (const int error = files.open(path, {}, &probe, &isNew); error != 0) {
         failWithCode("CreateFileW failed", error, &reason);
-        return ZnEmbeddedDbStatus(error == ENOENT ? ifMissing : ZnEmbeddedDbStatus::IoError, std::move(reason)).at(path);
+        return ZnEmbeddedDbStatus(error == ENOENT ? ifMissing : ZnEmbeddedDbStatus::IoError, std::move(reason))
+            .at(path);
     }
     RandomAccessFile_ file(files);
     if (file.open(path, RandomAccessFile_::Mode::ReadOnly, &reason)) {
@@ -152,8 +156,8 @@ bool isIndexName(std::string_view name) noexcept {
     const auto isLetter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; };
     const auto isOther = [](char c) { return (c >= '0' && c <= '9') || c == '.' || c == '-'; };
     return !name.empty() && name.size() <= 64 && isLetter(name.front()) &&
-           std::all_of(name.begin(), name.end(), [&](char c) { return isLetter(c) || isOther(c); }) &&
-           name != "true" && name != "false" && name != "null";
+           std::all_of(name.begin(), name.end(), [&](char c) { return isLetter(c) || isOther(c); }) && name != "true" &&
+           name != "false" && name != "null";
 }
 
 ZnString encodeManifest(const ManifestState_& state) {

@@ -11,9 +11,7 @@ template <typename List>
 void fetchAhead(const List& list, std::size_t position, bool isReverse) noexcept {
     constexpr std::size_t kNodeDistance = 12;
     constexpr std::size_t kKeyDistance = 6;
-    const auto ahead = [&](std::size_t distance) {
-        return isReverse ? position - distance : position + distance;
-    };
+    const auto ahead = [&](std::size_t distance) { return isReverse ? position - distance : position + distance; };
     if (ahead(kNodeDistance) < list.size()) {
         const char* node = reinterpret_cast<const char*>(list[ahead(kNodeDistance)]);
         for (std::size_t at = 0; at < sizeof(*list[0]); at += 64)

@@ -65,12 +65,9 @@ ZnEmbeddedDbStatus readBelowActive(const ReadView_& view, std::string_view key, 
                                    IndexKeys_* indexKeys) {
     FoundRecord_ found;
     switch (findRecord(view, key, &found)) {
-    case Find::Found:
-        return readFound(view, found, value, indexKeys);
-    case Find::Unreadable:
-        return unreadableTable(*found.table);
-    case Find::Absent:
-        break;
+    case Find::Found: return readFound(view, found, value, indexKeys);
+    case Find::Unreadable: return unreadableTable(*found.table);
+    case Find::Absent: break;
     }
     return notFound();
 }

@@ -358,10 +358,8 @@ ZnEmbeddedDbStatus Recovery_::replayLog_(RecoveredStore_* store, std::size_t log
             if (ZnEmbeddedDbStatus status = applyFrame_(store, walId, reader); !status.isOk())
                 return status;
             break;
-        case WalReader_::Step::End:
-            return {};
-        case WalReader_::Step::Failed:
-            return reader.status();
+        case WalReader_::Step::End: return {};
+        case WalReader_::Step::Failed: return reader.status();
         case WalReader_::Step::Invalid:
             if (const WalReader_::Tail tail = reader.classifyTail(tableSequence_); tail != WalReader_::Tail::Covered)
                 return endOfLog_(logIndex, &reader, tail, isEnd);

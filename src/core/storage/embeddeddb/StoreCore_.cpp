@@ -257,9 +257,7 @@ void StoreCore_::sealActive(bool isFull) {
 /// Keeps the line short when every write is followed by a snapshot: adjoining small ones of about the same size become
 /// one, so that a record is copied a few times at most. What has come together to a full one is flushed.
 void StoreCore_::mergeSmallSealed_() {
-    const auto isSmall = [](const SealedMemtable_& sealed) {
-        return !sealed.isFull && !sealed.isFlushing;
-    };
+    const auto isSmall = [](const SealedMemtable_& sealed) { return !sealed.isFull && !sealed.isFlushing; };
     const auto firstSmall = std::find_if_not(immutableMemtables.rbegin(), immutableMemtables.rend(), isSmall).base();
     const auto first = static_cast<std::size_t>(firstSmall - immutableMemtables.begin());
     std::uint64_t allBytes = 0;
@@ -299,8 +297,8 @@ void StoreCore_::awaitManifest() {
         workerCondition.wait(mutex);
 }
 
-/// Opening takes from the log what no table shows to have been in one. When the newest records are dropped, as they were
-/// tombstones, it comes to their part of the log once more, which nobody may ever have synced.
+/// Opening takes from the log what no table shows to have been in one. When the newest records are dropped, as they
+/// were tombstones, it comes to their part of the log once more, which nobody may ever have synced.
 ZnEmbeddedDbStatus StoreCore_::writeTables_(ManifestState_* next, const ZnString& walPath, bool dropsNewest) {
     syncPoints.reach("manifest.begun");
     ZnString error;

@@ -101,9 +101,7 @@ struct StoreCore_ {
     /// From here on every write fails with this status; the first one stays.
     void setBackgroundError(ZnEmbeddedDbStatus status) ZN_REQUIRES(mutex);
     /// Whether background work that was begun in this generation has to end.
-    bool isEnding(std::uint64_t generation) const ZN_REQUIRES(mutex) {
-        return closing || openGeneration != generation;
-    }
+    bool isEnding(std::uint64_t generation) const ZN_REQUIRES(mutex) { return closing || openGeneration != generation; }
     /// Nothing is in memory that is not in tables, and no background work but a flush that has just ended.
     bool isIdle() ZN_REQUIRES(mutex);
     /// All files with smaller ids were written by work that is over.
@@ -121,7 +119,8 @@ struct StoreCore_ {
 
     /// Puts the active memtable, unless it is empty, at the end of the line, and an empty one in its place. Publishes.
     void sealActive(bool isFull) ZN_REQUIRES(mutex);
-    /// Waits until no manifest is being written; then the next one can be decided on and begun in one hold of the mutex.
+    /// Waits until no manifest is being written; then the next one can be decided on and begun in one hold of the
+    /// mutex.
     void awaitManifest() ZN_REQUIRES(mutex);
     /// All or nothing: writes a manifest with the change, makes it the one in force, and only then tells readers. Lets
     /// go of the mutex while the disk works: writers do not wait, and no other change begins.
@@ -146,8 +145,7 @@ private:
     void rebuildReadView_() ZN_REQUIRES(mutex);
     /// The oldest log that is needed when the first `flushedCount` sealed memtables are not.
     std::uint64_t recomputeReplayFromWalId_(std::size_t flushedCount) ZN_REQUIRES(mutex);
-    ZnEmbeddedDbStatus writeTables_(ManifestState_* next, const ZnString& walPath, bool dropsNewest)
-        ZN_EXCLUDES(mutex);
+    ZnEmbeddedDbStatus writeTables_(ManifestState_* next, const ZnString& walPath, bool dropsNewest) ZN_EXCLUDES(mutex);
     void adoptTables_(const TableChange_& change, ManifestState_&& written) ZN_REQUIRES(mutex);
     void beginMemtable_() ZN_REQUIRES(mutex);
     void mergeSmallSealed_() ZN_REQUIRES(mutex);

@@ -42,9 +42,7 @@ ZnEmbeddedDbStatus StoreLock_::take(ZnStorageFiles& files, const StorePaths_& pa
     const ZnString path = joinPath(paths.rootPath, kLockFileName);
     ZnString error;
     switch (const int code = files.lock(path, &lock_); code) {
-    case 0:
-        noteHolder(files, path);
-        return {};
+    case 0: noteHolder(files, path); return {};
     case EWOULDBLOCK:
         return ZnEmbeddedDbStatus(ZnEmbeddedDbStatus::Busy, "database is open elsewhere" + holderText(files, path))
             .at(paths.rootPath);

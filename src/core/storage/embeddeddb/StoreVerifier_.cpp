@@ -190,11 +190,7 @@ std::shared_ptr<const TableHandle_> Verification::openTable_(const TablePtr_& kn
     report.tableBytes += known->fileBytes();
     ZnEmbeddedDbStatus status;
     const auto table = std::make_shared<TableHandle_>();
-    if (!table->open(files_, paths_.rootPath, meta,
-                     {true,
-                      [&](std::uint64_t byteCount) {
-                          progress_.add(byteCount);
-                      }},
+    if (!table->open(files_, paths_.rootPath, meta, {true, [&](std::uint64_t byteCount) { progress_.add(byteCount); }},
                      &status)) {
         if (isReplaced_(meta.fileName))
             return known;

@@ -89,12 +89,8 @@ bool parseStoredValue(std::string_view bytes, StoredValueView_* view) noexcept {
 bool decodeIndexKeys(std::string_view metadata, IndexKeys_* keys) {
     IndexKeys_ found;
     ZnVector<ZnByteArray>* ofIndex = nullptr;
-    const auto beginIndex = [&](std::string_view name) {
-        ofIndex = &found.slotNearEnd(ZnString(name));
-    };
-    const auto addKey = [&](std::string_view, std::string_view key) {
-        ofIndex->append(ZnByteArray(key));
-    };
+    const auto beginIndex = [&](std::string_view name) { ofIndex = &found.slotNearEnd(ZnString(name)); };
+    const auto addKey = [&](std::string_view, std::string_view key) { ofIndex->append(ZnByteArray(key)); };
     if (!walkIndexKeys(metadata, beginIndex, addKey))
         return false;
     *keys = std::move(found);

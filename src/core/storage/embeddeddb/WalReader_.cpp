@@ -57,8 +57,8 @@ WalReader_::Frame_ WalReader_::readFrame_(std::uint64_t offset, Condition isWant
         return Frame_::Invalid;
     if (!view_(offset, kWalFrameHeaderBytes, &bytes))
         return Frame_::Failed;
-    if (!parseWalFrameHeader(bytes, header) || header->frameBytes() > left ||
-        header->firstSequence <= lastSequence_ || !isWanted(*header))
+    if (!parseWalFrameHeader(bytes, header) || header->frameBytes() > left || header->firstSequence <= lastSequence_ ||
+        !isWanted(*header))
         return Frame_::Invalid;
     if (!view_(offset, header->frameBytes(), &bytes))
         return Frame_::Failed;
@@ -75,7 +75,8 @@ WalReader_::Frame_ WalReader_::readFrame_(std::uint64_t offset, Condition isWant
 WalReader_::Step WalReader_::next() {
     if (!hasHeader_ || goodBytes_ == file_.size())
         return hasHeader_ ? Step::End : Step::Invalid;
-    switch (readFrame_(goodBytes_, [](const WalFrameHeader_&) { return true; }, &frame_, &payload_)) {
+    switch (readFrame_(
+        goodBytes_, [](const WalFrameHeader_&) { return true; }, &frame_, &payload_)) {
     case Frame_::Failed: return Step::Failed;
     case Frame_::Invalid: return Step::Invalid;
     case Frame_::Valid: break;

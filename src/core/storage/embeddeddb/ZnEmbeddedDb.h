@@ -112,8 +112,8 @@ public:
     /// refers to, all live records anew, after which the old blob files go. Waits for it; others read and write
     /// meanwhile. In a store that nobody writes to, this happens in the background.
     ZnEmbeddedDbStatus collectGarbage();
-    /// Lets a store be written to again after failures that can pass: compactions that failed three times in a row. Gives
-    /// the error that is left.
+    /// Lets a store be written to again after failures that can pass: compactions that failed three times in a row.
+    /// Gives the error that is left.
     ZnEmbeddedDbStatus resume();
 
     /// Of a store that was opened to read: shows what is there now, log included. Tables and blob files that are open

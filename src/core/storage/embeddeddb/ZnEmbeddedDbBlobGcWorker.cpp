@@ -75,7 +75,8 @@ void BlobGcManager_::findBlobFiles_() {
     for (const ZnString& path : listFiles(core_.files, paths_.blobsDir, kBlobPrefix, kBlobSuffix)) {
         const std::uint64_t id = parseFileId(path, kBlobPrefix, kBlobSuffix);
         RandomAccessFile_ file(core_.files);
-        if (id != 0 && retired_.count(id) == 0 && path == blobPath(paths_, id) && file.open(path, RandomAccessFile_::Mode::ReadOnly))
+        if (id != 0 && retired_.count(id) == 0 && path == blobPath(paths_, id) &&
+            file.open(path, RandomAccessFile_::Mode::ReadOnly))
             blobFiles_.push_back({id, file.size()});
     }
 }

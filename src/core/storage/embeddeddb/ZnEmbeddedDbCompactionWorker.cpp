@@ -64,9 +64,8 @@ bool CompactionManager_::pin_(const CompactionGroups_& groups) {
             else
                 pinned.isWhole = false;
         }
-        std::sort(pinned.tables.begin(), pinned.tables.end(), [](const auto& left, const auto& right) {
-            return isNewerTable(left->meta(), right->meta());
-        });
+        std::sort(pinned.tables.begin(), pinned.tables.end(),
+                  [](const auto& left, const auto& right) { return isNewerTable(left->meta(), right->meta()); });
         pinned_.push_back(std::move(pinned));
     }
     return true;

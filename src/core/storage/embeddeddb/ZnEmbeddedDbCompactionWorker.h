@@ -17,7 +17,8 @@ struct CompactionGroup_ {
     std::vector<TableMeta_> inputs;
     bool isWhole = false; // all tables of the kind: nothing older is left that a tombstone would have to hide
 };
-using CompactionGroups_ = std::vector<CompactionGroup_>; // primary tables first, then indexes in the order of their names
+using CompactionGroups_ =
+    std::vector<CompactionGroup_>; // primary tables first, then indexes in the order of their names
 
 /// Merges tables, each group into one, and puts the results in force in one commit.
 ///

@@ -47,9 +47,7 @@ void FlushScheduler_::scheduleIfNeeded() {
     if (flushRunning_ || core_.closing || !needsFlush_() || retryNs_ != kNever || !core_.backgroundError.isOk())
         return;
     flushRunning_ = true;
-    auto task = [this, generation = core_.openGeneration] {
-        runTask_(generation);
-    };
+    auto task = [this, generation = core_.openGeneration] { runTask_(generation); };
     auto runnable = std::make_unique<ZnCallableRunnable<decltype(task)>>(std::move(task));
     if (pool_.tryStart(runnable.get(), 0)) {
         static_cast<void>(runnable.release()); // the pool's
@@ -159,10 +157,10 @@ ZnEmbeddedDbStatus FlushScheduler_::flushMemtablesToTables_(const Memtables_& me
     std::optional<MemtableFlush_> flush;
     core_.mutex.unlock();
     ZnEmbeddedDbStatus status = statusOf([&] {
-        flush.emplace(core_.files, core_.paths, *core_.counters,
-                      MemtableFlush_::Settings{
-                          0, core_.options.blobThresholdBytes, {core_.options.verifyFilters}, nextTableId},
-                      memtables);
+        flush.emplace(
+            core_.files, core_.paths, *core_.counters,
+            MemtableFlush_::Settings{0, core_.options.blobThresholdBytes, {core_.options.verifyFilters}, nextTableId},
+            memtables);
         const ZnEmbeddedDbStatus written = flush->run();
         core_.syncPoints.reach("flush.written");
         return written;

@@ -260,8 +260,8 @@ void LifecycleManager_::close() {
     resetState_();
 }
 
-/// Work that has not ended in time finds that it has to when it looks again, and does not touch the store any more. Only
-/// a manifest that is being written must be waited for: it is in force as soon as it has its name.
+/// Work that has not ended in time finds that it has to when it looks again, and does not touch the store any more.
+/// Only a manifest that is being written must be waited for: it is in force as soon as it has its name.
 void LifecycleManager_::waitForBackgroundWork_() {
     if (!store_.threadPool.waitForDone(ZnThreadPool::Deadline::inMs(store_.closeWaitMs)))
         ZN_LOG_WARNING(kCategory, "ZnEmbeddedDb::close") << store_.core.paths.rootPath << ": background work goes on";

@@ -18,17 +18,28 @@ std::string decoded(std::string_view head, std::string_view tail, std::size_t ma
 }
 
 TEST(ZnEventStreamParser, EventsAreTheSameInAnySplit) {
-    const struct { std::string stream, events; std::size_t maxEventBytes = 1000; } kRows[] = {
+    const struct {
+        std::string stream, events;
+        std::size_t maxEventBytes = 1000;
+    } kRows[] = {
         {"data:a\r\rdata:  b\r\n\r\n", "|a;| b;"},
         {"data: a\r\r", "|a;"}, // no line feed is waited for
-        {"\xEF\xBB\xBF" "data: a\n\n\xEF\xBB\xBF" "data: b\n\n", "|a;"}, {"\xEF\xBB" "data: a\n\ndata: b\n\n", "|b;"},
+        {"\xEF\xBB\xBF"
+         "data: a\n\n\xEF\xBB\xBF"
+         "data: b\n\n",
+         "|a;"},
+        {"\xEF\xBB"
+         "data: a\n\ndata: b\n\n",
+         "|b;"},
         {"data: a\r\ndata\r\ndata: b:c\r\n\r\n", "|a\n\nb:c;"},
         {": comment\nevent: message\nid: 7\nretry: 5\ndata: {}\n\ndata: x\n\n", "message|{};|x;"},
-        {"event: lost\n\ndata:\n\n", "|;"}, {"Data: a\ndata : b\n data: c\n\n\n\ndata: d\n\n", "|d;"},
+        {"event: lost\n\ndata:\n\n", "|;"},
+        {"Data: a\ndata : b\n data: c\n\n\n\ndata: d\n\n", "|d;"},
         {"data: stop\n\ndata: unread\n\n", "|stop;"},
-        {std::string("data: a\0b\n\ndata: x\n", 19), std::string("|a\0b;", 5)}, {"data:12\ndata:45\n\n", "|12\n45;", 7},
+        {std::string("data: a\0b\n\ndata: x\n", 19), std::string("|a\0b;", 5)},
+        {"data:12\ndata:45\n\n", "|12\n45;", 7},
         {"data:12\ndata:45\ndata:6\n\n", "!", 7}, // the lines together
-        {"data: 12345678901", "!", 16},    // a line that does not end
+        {"data: 12345678901", "!", 16},           // a line that does not end
         {"data:\n\n:2345678\n\n", "|;!", 7},
     };
     for (const auto& row : kRows) {

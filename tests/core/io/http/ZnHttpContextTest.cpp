@@ -40,9 +40,12 @@ TEST(ZnHttpResponse, NothingBreaksTheHead) {
     ZnHttpContext context(request);
     ZnHttpResponse response;
     const ZnString nul("a\0b", 3);
-    const struct { ZnString name, value; } kRows[] = {
-        {"", "x"}, {"a b", "x"}, {"a:", "x"}, {"a\r\nb", "x"}, {nul, "x"}, {"\xC3\xA4", "x"},
-        {"a", "x\r"}, {"b", "\nx"}, {"c", "x\r\n\r\nHTTP/1.1 200 OK"}, {"d", nul}};
+    const struct {
+        ZnString name, value;
+    } kRows[] = {{"", "x"},       {"a b", "x"}, {"a:", "x"},
+                 {"a\r\nb", "x"}, {nul, "x"},   {"\xC3\xA4", "x"},
+                 {"a", "x\r"},    {"b", "\nx"}, {"c", "x\r\n\r\nHTTP/1.1 200 OK"},
+                 {"d", nul}};
     for (const auto& [name, value] : kRows) {
         EXPECT_FALSE(context.setHeader(name, value)) << name << "=" << value;
         response.headers.insert(name, value);

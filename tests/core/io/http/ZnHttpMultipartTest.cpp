@@ -63,7 +63,7 @@ protected:
             return "unfinished";
         ZnString errorText;
         return zn::http::parseMultipart(*requests_[0], limits_, &errorText) ? describe(*requests_[0])
-                                                                           : "400 " + errorText.str();
+                                                                            : "400 " + errorText.str();
     }
 
     std::size_t fileCount() const {
@@ -73,7 +73,9 @@ protected:
     }
 
     const TemporaryDirectory directory_;
-    ZnHttpLimits limits_{.maxMultipartParts = 3, .maxMultipartHeaderBytes = 96, .maxMultipartFieldBytes = 20,
+    ZnHttpLimits limits_{.maxMultipartParts = 3,
+                         .maxMultipartHeaderBytes = 96,
+                         .maxMultipartFieldBytes = 20,
                          .multipartTempDir = directory_.path("up/loads")};
     std::optional<ZnHttpParser_> parser_;
     ZnList<ZnHttpParser_::RequestRef> requests_;
@@ -84,7 +86,11 @@ TEST_F(ZnHttpMultipart, BothReadersGiveTheSamePartsWhereverTheInputIsCut) {
     const std::string file = part("; filename=f", "1");
     const std::string x20(20, 'x');
     const std::string incomplete = "400 Incomplete multipart body";
-    const struct { const char* name; std::string body, buffered, streamed = {}; } rows[] = { // streamed: if it differs
+    const struct {
+        const char* name;
+        std::string body, buffered, streamed = {};
+    } rows[] = {
+        // streamed: if it differs
         {"fields", part("; name=\"a\"", "1") + part(";NAME = a ", "") + part("", "z") + kEnd,
          "[a|||1]1[a|||0][|||1]z{a=}."},
         {"file", part("; name=a; filename=\"../f x\"", "\r\n--\n", "Content-TYPE:  t\r\n") + kEnd,
@@ -92,7 +98,8 @@ TEST_F(ZnHttpMultipart, BothReadersGiveTheSamePartsWhereverTheInputIsCut) {
         {"no file", part("; name=a; filename=\"\"", "1") + kEnd, "[a|||1]1{a=1}."},
         {"nearly a delimiter", part("; filename=f", "\r\n--c\r\r\n-\r\n--") + kEnd, "[|f||13F]\r\n--c\r\r\n-\r\n--."},
         {"a line end in front and text behind", "\r\n" + file + kEnd + "\r\n--b\r\n", "[|f||1F]1."},
-        {"only the end", kEnd, "."}, {"two line ends in front", "\r\n\r\n" + kEnd, "400 Malformed multipart boundary"},
+        {"only the end", kEnd, "."},
+        {"two line ends in front", "\r\n\r\n" + kEnd, "400 Malformed multipart boundary"},
         {"delimiter with a tail", file + "--bbb", "400 Malformed multipart boundary delimiter"},
         {"too short", "--", "400 Malformed multipart body", incomplete},
         {"no end of the headers", "--b\r\nx:y\r\n", "400 Malformed multipart headers", incomplete},
@@ -115,7 +122,8 @@ TEST_F(ZnHttpMultipart, BothReadersGiveTheSamePartsWhereverTheInputIsCut) {
         for (const std::string& wire : {request(row.body), request(row.body, true)}) {
             for (std::size_t cut = 1; cut <= wire.size(); ++cut)
                 ASSERT_EQ(outcomeOf({std::string_view(wire).substr(0, cut), std::string_view(wire).substr(cut)}),
-                          row.streamed.empty() ? row.buffered : row.streamed) << "cut at " << cut;
+                          row.streamed.empty() ? row.buffered : row.streamed)
+                    << "cut at " << cut;
         }
     }
     requests_.clear();
@@ -126,7 +134,8 @@ TEST_F(ZnHttpMultipart, ContentTypesThatAreRead) {
     const std::pair<const char*, const char*> rows[] = {
         {"multipart/form-data; boundary=\"\"", "400 Missing multipart boundary"},
         {"multipart/form-data-x; boundary=b", "400 Missing multipart boundary"},
-        {"MULTIPART/FORM-DATA; charset=x; Boundary=\"b\"", "."}, {"multipart/mixed; boundary=b", "unread"},
+        {"MULTIPART/FORM-DATA; charset=x; Boundary=\"b\"", "."},
+        {"multipart/mixed; boundary=b", "unread"},
     };
     const std::string longest(70, 'b');
     const std::string type = "multipart/form-data; boundary=" + longest;
@@ -136,7 +145,8 @@ TEST_F(ZnHttpMultipart, ContentTypesThatAreRead) {
             EXPECT_EQ(outcomeOf({request(kEnd, false, rowType)}), expected) << rowType;
         EXPECT_EQ(outcomeOf({request("--" + longest + "--", false, type.c_str())}), ".");
         EXPECT_EQ(outcomeOf({request("--" + longest + "b--", false, (type + "b").c_str())}),
-                  "400 Multipart boundary too long") << "with 30 KB a body in small chunks would stop the loop";
+                  "400 Multipart boundary too long")
+            << "with 30 KB a body in small chunks would stop the loop";
     }
     EXPECT_EQ(outcomeOf({request("")}), "400 Malformed multipart body") << "no body, nothing to stream";
     limits_.maxBodyBytes = 10;

@@ -12,8 +12,12 @@ namespace {
 
 /// Small limits, so that a table row can reach each of them.
 ZnHttpLimits smallLimits() {
-    return {.maxRequestLineBytes = 40, .maxHeaderBytes = 64, .maxHeaderCount = 3, .maxBodyBytes = 12,
-            .maxChunkBytes = 8, .maxPipelinedRequests = 2};
+    return {.maxRequestLineBytes = 40,
+            .maxHeaderBytes = 64,
+            .maxHeaderCount = 3,
+            .maxBodyBytes = 12,
+            .maxChunkBytes = 8,
+            .maxPipelinedRequests = 2};
 }
 
 std::string describe(const ZnHttpRequest& request) {
@@ -45,7 +49,10 @@ std::string outcomeOf(const std::vector<std::string_view>& pieces) {
     return text;
 }
 
-struct Row { const char* name; std::string input, expected; };
+struct Row {
+    const char* name;
+    std::string input, expected;
+};
 
 /// The outcome must not depend on where the input is cut.
 void checkRows(const std::vector<Row>& rows) {
@@ -83,12 +90,14 @@ TEST(ZnHttpParser, RequestLines) {
 TEST(ZnHttpParser, Targets) {
     std::vector<Row> rows = {
         {"decoded, but the plus", "/a+%2f%41", "G /a+/A keep <>\n"},
-        {"slashes, also of decoding", "//a%2F//b/", "G /a/b/ keep <>\n"}, {"no slash in front", "a", "G /a keep <>\n"},
+        {"slashes, also of decoding", "//a%2F//b/", "G /a/b/ keep <>\n"},
+        {"no slash in front", "a", "G /a keep <>\n"},
         {"absolute", "HTTP://h/x?y=1", "G /x ?y=1 keep <>\n"},
         {"absolute without path", "https://localhost?x=1", "G / keep <>\n"},
         {"query", "/?a=1&&b&c=%20+%2B&a=2", "G / ?a=2 ?b= ?c=  + keep <>\n"},
         {"a bad piece is dropped", "/?a=%&%zz=1&b=2", "G / ?b=2 keep <>\n"},
-        {"cut sequence", "/a%2", "400 Malformed target"}, {"no sequence", "/a%2g", "400 Malformed target"},
+        {"cut sequence", "/a%2", "400 Malformed target"},
+        {"no sequence", "/a%2g", "400 Malformed target"},
     };
     for (Row& row : rows)
         row.input = "G " + row.input + " HTTP/1.1\r\n\r\n";
@@ -123,7 +132,8 @@ TEST(ZnHttpParser, BodiesWithALength) {
         {"too large", sized("13"), "413 Body too large"},
         {"far too large", sized("9223372036854775807"), "413 Body too large"},
         {"overflow", sized("9223372036854775808"), "400 Invalid Content-Length"},
-        {"sign", sized("+1"), "400 Invalid Content-Length"}, {"empty", sized(""), "400 Invalid Content-Length"},
+        {"sign", sized("+1"), "400 Invalid Content-Length"},
+        {"empty", sized(""), "400 Invalid Content-Length"},
         {"list", sized("1, 1"), "400 Invalid Content-Length"},
         {"two framings", kPost + "content-length:1\r\ntransfer-encoding:chunked\r\n\r\n",
          "400 Conflicting body framing"},
@@ -190,53 +200,92 @@ TEST(ZnHttpParser, TheStrictGrammarRefusesWhatTheGenerousOneTakes) {
     const auto framed = [&](const std::string& text, const char* body) { return post + text + end + body; };
     const auto coded = [&](const std::string& text) { return post + "transfer-encoding:" + text + end + "0" + end; };
     const auto chunks = [&](const std::string& text) { return post + "transfer-encoding: chunked" + end + text + end; };
-    const struct { const char *generous, *strict; std::vector<std::string> inputs; } rows[] = {
-        {"<>", "<>", {headers("a!#$%&'*+-.^_`|~9: \xC3\xA4\t:\xFF"), headers("a: 1\r\na: 2\r\nb:"), get + "\r\n",
-                      "M-SEARCH /a%20b?c=d;e|f HTTP/1.1\r\nHost:\t[::1]:80 \t" + end, line("OPTIONS * HTTP/1.1"),
-                      "GET HTTP://h:1/x HTTP/1.1\r\nhost:" + end, "GET / HTTP/1.0" + end}},
+    const struct {
+        const char *generous, *strict;
+        std::vector<std::string> inputs;
+    } rows[] = {
+        {"<>",
+         "<>",
+         {headers("a!#$%&'*+-.^_`|~9: \xC3\xA4\t:\xFF"), headers("a: 1\r\na: 2\r\nb:"), get + "\r\n",
+          "M-SEARCH /a%20b?c=d;e|f HTTP/1.1\r\nHost:\t[::1]:80 \t" + end, line("OPTIONS * HTTP/1.1"),
+          "GET HTTP://h:1/x HTTP/1.1\r\nhost:" + end, "GET / HTTP/1.0" + end}},
         {"<><>", "<><>", {"\r\n" + get + "\r\n" + get + "\r\n"}},
         {"<a\r\n><>", "<a\r\n><>", {framed("content-length: 3", "a\r\n") + get + "\r\n"}},
         {"<abc>", "<abc>", {framed("content-length: 0003", "abc")}},
-        {"<a>", "<a>", {framed("transfer-encoding:\tChunked ", "1\r\na\r\n0") + end,
-                        chunks("1;a\r\na\r\n0;a; b=c ;d = \";\\\"\"")}},
+        {"<a>",
+         "<a>",
+         {framed("transfer-encoding:\tChunked ", "1\r\na\r\n0") + end, chunks("1;a\r\na\r\n0;a; b=c ;d = \";\\\"\"")}},
         {"<0123456789>", "<0123456789>", {chunks("000A\r\n0123456789\r\n00\r\nx: y")}},
         // request lines
-        {"<>", "400", {line("get / HTTP/1.1"), line("GET\t / HTTP/1.1"), line("G@T / HTTP/1.1"), line("G:T / HTTP/1.1"),
-                       line("G\xC3T / HTTP/1.1"), line("GET / HTTP/1.1 "), line("GET / HTTP/1.1 x"),
-                       line("GET /\ta HTTP/1.1"), line("GET /" + nul + " HTTP/1.1"), line("GET /a\rb HTTP/1.1"),
-                       line("GET /a\nb HTTP/1.1"), line("GET /\x7F HTTP/1.1"), line("GET a HTTP/1.1"),
-                       line("GET * HTTP/1.1"), line("GET ftp://h/ HTTP/1.1"), line("GET / HTTP/2.0"),
-                       line("GET / HTTP/1.2"), line("GET / HTTP/01.1"), line("GET / http/1.1"), line("GET / x"),
-                       line("\nGET / HTTP/1.1")}},
-        {"400", "400", {line(" GET / HTTP/1.1")}}, {"", "400", {"GET / HTTP/1.1\n" + host + "\n"}},
+        {"<>",
+         "400",
+         {line("get / HTTP/1.1"),
+          line("GET\t / HTTP/1.1"),
+          line("G@T / HTTP/1.1"),
+          line("G:T / HTTP/1.1"),
+          line("G\xC3T / HTTP/1.1"),
+          line("GET / HTTP/1.1 "),
+          line("GET / HTTP/1.1 x"),
+          line("GET /\ta HTTP/1.1"),
+          line("GET /" + nul + " HTTP/1.1"),
+          line("GET /a\rb HTTP/1.1"),
+          line("GET /a\nb HTTP/1.1"),
+          line("GET /\x7F HTTP/1.1"),
+          line("GET a HTTP/1.1"),
+          line("GET * HTTP/1.1"),
+          line("GET ftp://h/ HTTP/1.1"),
+          line("GET / HTTP/2.0"),
+          line("GET / HTTP/1.2"),
+          line("GET / HTTP/01.1"),
+          line("GET / http/1.1"),
+          line("GET / x"),
+          line("\nGET / HTTP/1.1")}},
+        {"400", "400", {line(" GET / HTTP/1.1")}},
+        {"", "400", {"GET / HTTP/1.1\n" + host + "\n"}},
         // header lines
-        {"<>", "400", {headers("a : b"), headers("a\t: b"), headers("a b: c"), headers("a\xC3: b"),
-                       headers("a" + nul + ": b"), headers("(a): b"), headers(" a: b"), headers("a: b\r\n c: d"),
-                       headers("a: b\rc"), headers("a: b\r"), headers("a: b\nc: d"), headers("a: b" + nul),
-                       headers("a: \x01"), headers("a: b\x7F")}},
-        {"400", "400", {headers("a: b\r\n c")}}, {"", "400", {get + "a: b\n\n", get + "\n"}},
+        {"<>",
+         "400",
+         {headers("a : b"), headers("a\t: b"), headers("a b: c"), headers("a\xC3: b"), headers("a" + nul + ": b"),
+          headers("(a): b"), headers(" a: b"), headers("a: b\r\n c: d"), headers("a: b\rc"), headers("a: b\r"),
+          headers("a: b\nc: d"), headers("a: b" + nul), headers("a: \x01"), headers("a: b\x7F")}},
+        {"400", "400", {headers("a: b\r\n c")}},
+        {"", "400", {get + "a: b\n\n", get + "\n"}},
         // hosts
-        {"<>", "400", {kGet + "\r\n", get + host + "\r\n", headers("Host: other"), hostOf("a b"), hostOf("a/b"),
-                       hostOf("u@h"), hostOf("h:8o")}},
+        {"<>",
+         "400",
+         {kGet + "\r\n", get + host + "\r\n", headers("Host: other"), hostOf("a b"), hostOf("a/b"), hostOf("u@h"),
+          hostOf("h:8o")}},
         // lengths and codings
-        {"<ab>", "400", {framed("content-length: 1\r\ncontent-length: 2", "ab"), framed("content-length : 2", "ab"),
-                         framed("content-length: 2\r\nContent-Length: 2", "ab")}},
-        {"400", "400", {framed("content-length: 2, 2", "ab"), framed("content-length: \v2", "ab"),
-                        framed("transfer-encoding: chunked\r\ncontent-length: 5", "")}},
-        {"<>", "400", {coded(" chunked\r\ntransfer-encoding: chunked"), coded(" chunked, gzip"), coded(" xchunked"),
-                       coded(" gzip, chunked"), coded(" chunked, chunked"), coded(" \"chunked\""), coded(" \vchunked"),
-                       framed("transfer-encoding: chunked\r\ntransfer-encoding: x", ""),
-                       framed("transfer-encoding: identity", ""), framed("transfer-encoding:", ""),
-                       "POST / HTTP/1.0\r\n" + host + "transfer-encoding: chunked" + end + "0" + end}},
+        {"<ab>",
+         "400",
+         {framed("content-length: 1\r\ncontent-length: 2", "ab"), framed("content-length : 2", "ab"),
+          framed("content-length: 2\r\nContent-Length: 2", "ab")}},
+        {"400",
+         "400",
+         {framed("content-length: 2, 2", "ab"), framed("content-length: \v2", "ab"),
+          framed("transfer-encoding: chunked\r\ncontent-length: 5", "")}},
+        {"<>",
+         "400",
+         {coded(" chunked\r\ntransfer-encoding: chunked"), coded(" chunked, gzip"), coded(" xchunked"),
+          coded(" gzip, chunked"), coded(" chunked, chunked"), coded(" \"chunked\""), coded(" \vchunked"),
+          framed("transfer-encoding: chunked\r\ntransfer-encoding: x", ""), framed("transfer-encoding: identity", ""),
+          framed("transfer-encoding:", ""),
+          "POST / HTTP/1.0\r\n" + host + "transfer-encoding: chunked" + end + "0" + end}},
         // chunks
-        {"<a>", "400", {chunks(" 1\r\na\r\n0"), chunks("1 \r\na\r\n0"), chunks("1;\r\na\r\n0"),
-                        chunks("1;a=\r\na\r\n0"), chunks("1;a=\"\r\na\r\n0"), chunks("1;a=\"\x01\"\r\na\r\n0"),
-                        chunks("1;a b\r\na\r\n0"), chunks("1;a\nb\r\na\r\n0")}},
-        {"400", "400", {chunks("1 ;a\r\na\r\n0"), chunks("0x1\r\na\r\n0"), chunks("+1\r\na\r\n0"), chunks("1\na\r\n0"),
-                        chunks("1\r\na\n0")}},
+        {"<a>",
+         "400",
+         {chunks(" 1\r\na\r\n0"), chunks("1 \r\na\r\n0"), chunks("1;\r\na\r\n0"), chunks("1;a=\r\na\r\n0"),
+          chunks("1;a=\"\r\na\r\n0"), chunks("1;a=\"\x01\"\r\na\r\n0"), chunks("1;a b\r\na\r\n0"),
+          chunks("1;a\nb\r\na\r\n0")}},
+        {"400",
+         "400",
+         {chunks("1 ;a\r\na\r\n0"), chunks("0x1\r\na\r\n0"), chunks("+1\r\na\r\n0"), chunks("1\na\r\n0"),
+          chunks("1\r\na\n0")}},
         // trailers
-        {"<>", "400", {chunks("0\r\nx"), chunks("0\r\nx : y"), chunks("0\r\nx: y\r\n z"), chunks("0\r\nx: \ry"),
-                       chunks("0\r\n\n" + kGet + "host:h")}},
+        {"<>",
+         "400",
+         {chunks("0\r\nx"), chunks("0\r\nx : y"), chunks("0\r\nx: y\r\n z"), chunks("0\r\nx: \ry"),
+          chunks("0\r\n\n" + kGet + "host:h")}},
     };
     for (const auto& [generous, strict, inputs] : rows) {
         for (const std::string_view input : inputs) {

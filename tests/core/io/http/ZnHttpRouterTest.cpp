@@ -27,13 +27,21 @@ std::string ask(const ZnHttpRouter& router, const char* method, const std::strin
 TEST(ZnHttpRouter, MostSpecificRouteAnswers) {
     ZnHttpRouter router;
     EXPECT_EQ(ask(router, "GET", "/"), "none");
-    const struct { const char *method, *pattern, *name; } kRoutes[] = {
-        {"GET", "/a/:id", "plain"},           {"get", " a//:id(INT)/ ", "typed"},  {"GET", "/a/b", "literal"},
-        {"GET", "/a/b", "registered later"},  {"GET", "/files/*/ignored", "files"}, {"GET", "/rest/*tail", "rest"},
-        {"GET", "", "root"},                  {"", "/any/:x/:y", "any"},            {"POST", "/a/b", "post"}};
+    const struct {
+        const char *method, *pattern, *name;
+    } kRoutes[] = {{"GET", "/a/:id", "plain"},
+                   {"get", " a//:id(INT)/ ", "typed"},
+                   {"GET", "/a/b", "literal"},
+                   {"GET", "/a/b", "registered later"},
+                   {"GET", "/files/*/ignored", "files"},
+                   {"GET", "/rest/*tail", "rest"},
+                   {"GET", "", "root"},
+                   {"", "/any/:x/:y", "any"},
+                   {"POST", "/a/b", "post"}};
     for (const auto& [method, pattern, name] : kRoutes)
         EXPECT_TRUE(router.addRoute(method, pattern, named(name), name));
-    EXPECT_TRUE(router.addAsyncRoute("GET", "/later", [](const auto&, const auto&) {}, "later"));
+    EXPECT_TRUE(router.addAsyncRoute(
+        "GET", "/later", [](const auto&, const auto&) {}, "later"));
     EXPECT_FALSE(router.addRoute("GET", "/none", nullptr));
     EXPECT_FALSE(router.addAsyncRoute("GET", "/none", nullptr));
     for (const char* pattern : {"/:id(foo)", "/:", "/:(int)", "/:id(int", "/:id()"})
@@ -42,12 +50,21 @@ TEST(ZnHttpRouter, MostSpecificRouteAnswers) {
     EXPECT_EQ(router.namedPattern("later"), "/later");
     EXPECT_EQ(router.namedPattern("bad"), "");
     router.setFallback(named("fallback"));
-    const struct { const char *method, *path, *expected; } kRows[] = {
-        {"GET", "/a/b", "200 literal"}, {"HEAD", "/a/b/", "200 literal"}, {"GET", "/A/b", "200 fallback"},
-        {"GET", "/a/12", "200 typed id=12"}, {"GET", "/a/x", "200 plain id=x"}, {"GET", "/a", "200 fallback"},
-        {"GET", "/a/b/c", "200 fallback"}, {"GET", "/files", "200 files wildcard="},
-        {"GET", "/files/a/b/", "200 files wildcard=a/b"}, {"GET", "/rest/a", "200 rest tail=a"},
-        {"GET", "/", "200 root"}, {"PATCH", "/any/1/2", "200 any x=1 y=2"},
+    const struct {
+        const char *method, *path, *expected;
+    } kRows[] = {
+        {"GET", "/a/b", "200 literal"},
+        {"HEAD", "/a/b/", "200 literal"},
+        {"GET", "/A/b", "200 fallback"},
+        {"GET", "/a/12", "200 typed id=12"},
+        {"GET", "/a/x", "200 plain id=x"},
+        {"GET", "/a", "200 fallback"},
+        {"GET", "/a/b/c", "200 fallback"},
+        {"GET", "/files", "200 files wildcard="},
+        {"GET", "/files/a/b/", "200 files wildcard=a/b"},
+        {"GET", "/rest/a", "200 rest tail=a"},
+        {"GET", "/", "200 root"},
+        {"PATCH", "/any/1/2", "200 any x=1 y=2"},
         {"DELETE", "/a/b", "405 Method Not Allowed allow: GET, POST"},
         {"GET", "/later", "500 Async route requires async dispatch"},
     };
@@ -60,11 +77,15 @@ TEST(ZnHttpRouter, MostSpecificRouteAnswers) {
 }
 
 TEST(ZnHttpRouter, ParameterTypes) {
-    const struct { std::string type, good, bad; } kRows[] = {
-        {"int", "09", "-1"}, {"alpha", "aZ", "a1"}, {"alnum", "a1Z", "a-1"},
-        {"hex", "09afAF", "0g"}, {"slug", "a.B-_9", "a~"},
-        {"uuid", "01234567-89ab-cdef-ABCD-EF0123456789", "01234567-89ab-cdef-ABCD-EF012345678"},
-        {"uuid", "01234567-89ab-cdef-ABCD-EF0123456789", "0123456789ab-cdef-ABCD-EF0123456789-aa"}};
+    const struct {
+        std::string type, good, bad;
+    } kRows[] = {{"int", "09", "-1"},
+                 {"alpha", "aZ", "a1"},
+                 {"alnum", "a1Z", "a-1"},
+                 {"hex", "09afAF", "0g"},
+                 {"slug", "a.B-_9", "a~"},
+                 {"uuid", "01234567-89ab-cdef-ABCD-EF0123456789", "01234567-89ab-cdef-ABCD-EF012345678"},
+                 {"uuid", "01234567-89ab-cdef-ABCD-EF0123456789", "0123456789ab-cdef-ABCD-EF0123456789-aa"}};
     for (const auto& [type, good, bad] : kRows) {
         ZnHttpRouter router;
         ASSERT_TRUE(router.addRoute("GET", ZnString("/:v(" + type + ")"), named("ok")));
@@ -76,13 +97,23 @@ TEST(ZnHttpRouter, ParameterTypes) {
 // The path was decoded, so it may hold anything that a browser or the head would read something else into.
 TEST(ZnHttpRouter, TrailingSlashRedirects) {
     using Mode = ZnHttpRouter::TrailingSlash;
-    const struct { Mode mode; ZnString path, query; const char* location; } kRows[] = { // null: none
-        {Mode::Leave, "/a/", "", nullptr}, {Mode::Strip, "/", "", nullptr}, {Mode::Strip, "/a", "", nullptr},
-        {Mode::Strip, "/a/", "x=1&y=%41", "/a?x=1&y=%41"}, {Mode::Strip, "//evil.test/", "", "/evil.test"},
+    const struct {
+        Mode mode;
+        ZnString path, query;
+        const char* location;
+    } kRows[] = {
+        // null: none
+        {Mode::Leave, "/a/", "", nullptr},
+        {Mode::Strip, "/", "", nullptr},
+        {Mode::Strip, "/a", "", nullptr},
+        {Mode::Strip, "/a/", "x=1&y=%41", "/a?x=1&y=%41"},
+        {Mode::Strip, "//evil.test/", "", "/evil.test"},
         {Mode::Strip, "/\\evil.test/", "", "/%5Cevil.test"},
         {Mode::Strip, ZnString("/a\r\nset-cookie: x\0/", 19), "", "/a%0D%0Aset-cookie:%20x%00"},
         {Mode::Strip, "/100%?#\xC3\xA4/", "x=\n\"<#", "/100%25%3F%23%C3%A4?x=%0A%22%3C%23"},
-        {Mode::Strip, "//", "", "/"}, {Mode::Add, "/", "", nullptr}, {Mode::Add, "/a/", "", nullptr},
+        {Mode::Strip, "//", "", "/"},
+        {Mode::Add, "/", "", nullptr},
+        {Mode::Add, "/a/", "", nullptr},
         {Mode::Add, "//evil.test", "q", "/evil.test/?q"},
     };
     for (const auto& [mode, path, query, location] : kRows) {

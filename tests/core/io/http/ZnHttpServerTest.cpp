@@ -91,7 +91,8 @@ protected:
         EXPECT_TRUE(runUntil([&] { return client->answerCount() == 1; }));
         return client->received;
     }
-    void expectAnswer(const std::string& path, const std::string& status, const std::string& part, const std::string& body) {
+    void expectAnswer(const std::string& path, const std::string& status, const std::string& part,
+                      const std::string& body) {
         const std::string answer = firstAnswer(path);
         EXPECT_TRUE(answer.starts_with("HTTP/1.1 " + status + "\r\n")) << answer;
         EXPECT_NE(answer.find(part), std::string::npos) << answer;
@@ -175,18 +176,24 @@ TEST_F(ZnHttpServerTest, APeerThatHasClosedItsSideGetsTheAnswersThatAreDue) {
     ASSERT_TRUE(app_->sslServer().reloadLocalCredentials({{{}, files.path("good.pem"), files.path("good.key"), true}}));
     ASSERT_TRUE(app_->sslServer().listen("127.0.0.1", 0));
     const auto get = [](const std::string& path) { return "GET " + path + " HTTP/1.1\r\n\r\n"; };
-    const struct { std::string input; std::vector<std::string_view> bodies; } kRows[] = {
-        {get("/echo/a"), {"a"}}, {get("/slow"), {"slow"}},
-        {get("/slow") + get("/async") + get("/slow"), {"slow", "async", "slow"}}, {get("/file"), {content}},
-        {get("/async") + get("/file") + "GET /echo/half HTTP/1.1\r\n", {"async", content}}, {"GET /ec", {}},
-        {"GET\r\n\r\n", {"Malformed request line"}},
-        {"POST /body HTTP/1.1\r\ncontent-length: 9\r\n\r\nhalf", {}}};
+    const struct {
+        std::string input;
+        std::vector<std::string_view> bodies;
+    } kRows[] = {{get("/echo/a"), {"a"}},
+                 {get("/slow"), {"slow"}},
+                 {get("/slow") + get("/async") + get("/slow"), {"slow", "async", "slow"}},
+                 {get("/file"), {content}},
+                 {get("/async") + get("/file") + "GET /echo/half HTTP/1.1\r\n", {"async", content}},
+                 {"GET /ec", {}},
+                 {"GET\r\n\r\n", {"Malformed request line"}},
+                 {"POST /body HTTP/1.1\r\ncontent-length: 9\r\n\r\nhalf", {}}};
     for (const auto& [input, bodies] : kRows) {
         for (const bool isTls : {false, true}) {
             SCOPED_TRACE(input + (isTls ? " over TLS" : ""));
             const unsigned short port = isTls ? app_->sslServer().localPort() : port_;
             auto exchange = std::async(std::launch::async, exchangeHalfClosed, port, isTls, input);
-            ASSERT_TRUE(pollUntil([&] { return exchange.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
+            ASSERT_TRUE(
+                pollUntil([&] { return exchange.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
             const std::string received = exchange.get();
             std::string_view rest = received;
             for (const std::string_view body : bodies) {
@@ -274,7 +281,7 @@ TEST_F(ZnHttpServerTest, AdmissionLimits) {
 TEST_F(ZnHttpServerTest, ManySlowCallsLeaveTheLoopItsFibers) {
     constexpr int kCallCount = 2000;
     app_->setTimeouts({.headerTimeoutMs = 0, .bodyTimeoutMs = 0}); // a slow machine takes long for so many
-    int callsToAwait = kCallCount; // so many have begun before any is answered
+    int callsToAwait = kCallCount;                                 // so many have begun before any is answered
     int mostParked = 0;
     int parked = 0;
     app_->get("/slow", [&](ZnHttpContext& context) {
@@ -337,16 +344,19 @@ TEST_F(ZnHttpServerTest, WhatIsRefusedAnywayIsRefusedInFrontOfItsBody) {
     const std::string body = " HTTP/1.1\r\ncontent-length: 2\r\nexpect: 100-continue\r\n\r\n";
     const std::string chunks = " HTTP/1.1\r\ntransfer-encoding: chunked\r\n\r\n";
     const std::string interim = "HTTP/1.1 100 Continue\r\n\r\n";
-    const struct { std::string input; const char *start, *end; bool goesOn; } kRows[] = {
-        {"POST /body?no" + body, "HTTP/1.1 403 ", "\r\n\r\nfiltered", false},
-        {"POST /body?no" + chunks, "HTTP/1.1 403 ", "\r\n\r\nfiltered", false},
-        {"POST /none" + body, "HTTP/1.1 404 ", "\r\n\r\nNot Found", false},
-        {"POST /peer" + body, "HTTP/1.1 405 ", "\r\n\r\nMethod Not Allowed", false},
-        {"HEAD /none" + body, "HTTP/1.1 404 ", "\r\n\r\n", false},
-        {"GET /none HTTP/1.1\r\n\r\n", "HTTP/1.1 404 ", "\r\n\r\nNot Found", true}, // no reason to close
-        {"POST /body" + body, interim.c_str(), interim.c_str(), true},
-        {"POST /body?throw" + body, interim.c_str(), interim.c_str(), true},
-        {"GET /echo/a HTTP/1.1\r\n\r\nPOST /none" + body, "HTTP/1.1 200 ", "\r\n\r\na", true}}; // in its turn
+    const struct {
+        std::string input;
+        const char *start, *end;
+        bool goesOn;
+    } kRows[] = {{"POST /body?no" + body, "HTTP/1.1 403 ", "\r\n\r\nfiltered", false},
+                 {"POST /body?no" + chunks, "HTTP/1.1 403 ", "\r\n\r\nfiltered", false},
+                 {"POST /none" + body, "HTTP/1.1 404 ", "\r\n\r\nNot Found", false},
+                 {"POST /peer" + body, "HTTP/1.1 405 ", "\r\n\r\nMethod Not Allowed", false},
+                 {"HEAD /none" + body, "HTTP/1.1 404 ", "\r\n\r\n", false},
+                 {"GET /none HTTP/1.1\r\n\r\n", "HTTP/1.1 404 ", "\r\n\r\nNot Found", true}, // no reason to close
+                 {"POST /body" + body, interim.c_str(), interim.c_str(), true},
+                 {"POST /body?throw" + body, interim.c_str(), interim.c_str(), true},
+                 {"GET /echo/a HTTP/1.1\r\n\r\nPOST /none" + body, "HTTP/1.1 200 ", "\r\n\r\na", true}}; // in its turn
     for (const bool isEarly : {true, false}) {
         app_->setLimits({.refuseBeforeBody = isEarly});
         for (const auto& row : kRows) {
@@ -384,9 +394,11 @@ TEST_F(ZnHttpServerTest, FiltersAndMiddleware) {
         else
             next(request.queryString == "second", ZnHttpResponse::text(200, "from the second"));
     });
-    const std::pair<const char*, const char*> kRows[] = {
-        {"", "\r\n\r\nx"},          {"filter", "\r\nx-filter: 1\r\n"}, {"first", "from the first"},
-        {"second", "from the second"}, {"throw", "Internal Server Error"}};
+    const std::pair<const char*, const char*> kRows[] = {{"", "\r\n\r\nx"},
+                                                         {"filter", "\r\nx-filter: 1\r\n"},
+                                                         {"first", "from the first"},
+                                                         {"second", "from the second"},
+                                                         {"throw", "Internal Server Error"}};
     for (const auto& [query, part] : kRows) {
         const std::string answer = firstAnswer(std::string("/echo/x?") + query);
         EXPECT_NE(answer.find(part), std::string::npos) << answer;
@@ -422,22 +434,25 @@ TEST_F(ZnHttpServerTest, ContextMiddlewareStandsInFrontOfLaterRoutes) {
     });
     app_->setRoutePrefix(" api//v1/ ");
     int callCount = 0;
-    app_->get("/", [&](ZnHttpContext& context) {
-        ++callCount;
-        const auto user = std::any_cast<std::string>(context.locals()["user"]);
-        if (user == "throw" || user == "again")
-            throw std::runtime_error("it");
-        ZnEventLoop().exec(user == "slow" ? 250 : 1);
-        context.text(ZnString(user));
-    }, {" user ", 200, true}); // of the time a busy machine takes a part
+    app_->get("/",
+              [&](ZnHttpContext& context) {
+                  ++callCount;
+                  const auto user = std::any_cast<std::string>(context.locals()["user"]);
+                  if (user == "throw" || user == "again")
+                      throw std::runtime_error("it");
+                  ZnEventLoop().exec(user == "slow" ? 250 : 1);
+                  context.text(ZnString(user));
+              },
+              {" user ", 200, true}); // of the time a busy machine takes a part
     EXPECT_EQ(app_->router().namedPattern("user"), "/api/v1");
-    const struct { const char *path, *status, *part, *body; } kRows[] = {
-        {"/api/v1?me", "200 OK", "\r\nconnection: keep-alive\r\n", "me"},
-        {"/api/v1?stop", "500 Internal Server Error", "", "Route handler produced no response"},
-        {"/api/v1?throw", "502 Bad Gateway", "", "caught it"},
-        {"/api/v1?again", "500 Internal Server Error", "\r\nconnection: close\r\n", "Internal Server Error"},
-        {"/api/v1?slow", "504 Gateway Timeout", "\r\nx-route-timeout-ms: ", "Route timeout"},
-        {"/echo/x", "200 OK", "", "x"}};
+    const struct {
+        const char *path, *status, *part, *body;
+    } kRows[] = {{"/api/v1?me", "200 OK", "\r\nconnection: keep-alive\r\n", "me"},
+                 {"/api/v1?stop", "500 Internal Server Error", "", "Route handler produced no response"},
+                 {"/api/v1?throw", "502 Bad Gateway", "", "caught it"},
+                 {"/api/v1?again", "500 Internal Server Error", "\r\nconnection: close\r\n", "Internal Server Error"},
+                 {"/api/v1?slow", "504 Gateway Timeout", "\r\nx-route-timeout-ms: ", "Route timeout"},
+                 {"/echo/x", "200 OK", "", "x"}};
     for (const auto& [path, status, part, body] : kRows) {
         expectAnswer(path, status, part, body);
         if (kept)
@@ -565,7 +580,8 @@ TEST_F(ZnHttpServerPoolTest, FilesOfUploadsGoWithTheirRequest) {
     const auto fileCount = [&] { return std::distance(std::filesystem::directory_iterator(folder), {}); };
     const std::string body = "--b\r\ncontent-disposition: form-data; name=f; filename=x\r\n\r\ncontent\r\n--b--\r\n";
     const std::string input = "POST /upload HTTP/1.1\r\ncontent-type: multipart/form-data; boundary=b\r\n"
-                              "content-length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+                              "content-length: " +
+                              std::to_string(body.size()) + "\r\n\r\n" + body;
     const int client = connectToLoopback(port_);
     ::send(client, input.data(), input.size(), MSG_NOSIGNAL);
     ASSERT_TRUE(pollUntil([&] { return waitingCount_ == 1; }));

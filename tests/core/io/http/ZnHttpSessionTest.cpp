@@ -1,9 +1,9 @@
+#include "core/io/http/ZnHttpSession.h"
+#include "core/fs/TemporaryDirectory.h"
 #include "core/io/http/ZnHttpContext.h"
 #include "core/io/http/ZnHttpRouter.h"
-#include "core/io/http/ZnHttpSession.h"
 #include "core/platform/ZnMonotonicClock.h"
 #include "core/runtime/ZnEventLoop.h"
-#include "core/fs/TemporaryDirectory.h"
 #include "core/runtime/ZnTimer.h"
 #include "support/HttpReader.h"
 #include "support/LoopFixture.h"
@@ -168,8 +168,11 @@ TEST_F(ZnHttpSessionTest, BodiesLeavePieceByPiece) {
         {"part", fileResponse(path, 3, 9000), "content-length: 9000", content.substr(3, 9000), {4096, 8192, 9000}},
         {"block", fileResponse(path, 0, 4096), "content-length: 4096", content.substr(0, 4096), {4096}},
         {"empty", fileResponse(path, 0, 0), "content-length: 0", "", {0}},
-        {"chunks", chunks, "transfer-encoding: chunked",
-         "2\r\nab\r\n4001\r\n" + large + "\r\n1\r\nc\r\n0\r\n\r\n", {13 + large.size(), 26 + large.size()}},
+        {"chunks",
+         chunks,
+         "transfer-encoding: chunked",
+         "2\r\nab\r\n4001\r\n" + large + "\r\n1\r\nc\r\n0\r\n\r\n",
+         {13 + large.size(), 26 + large.size()}},
         {"one", oneChunk, "transfer-encoding: chunked", "4\r\nbody\r\n0\r\n\r\n", {14}},
         {"none", noChunk, "transfer-encoding: chunked", "0\r\n\r\n", {5}},
     };
@@ -202,7 +205,10 @@ TEST_F(ZnHttpSessionTest, AFileThatCannotBeSentIsAnsweredOrCutShort) {
     const ZnString pipe = directory.path("pipe");
     ASSERT_EQ(::mkfifo(pipe.data(), 0600), 0);
     const ZnString file = directory.file("f", std::string(5000, 'x'));
-    const struct { ZnHttpResponse response; const char* body; } kRows[] = {
+    const struct {
+        ZnHttpResponse response;
+        const char* body;
+    } kRows[] = {
         {fileResponse(directory.path(), 0, 1), "Unable to open file"},
         {fileResponse(pipe, 0, 1), "Unable to open file"}, // nor does it wait for a writer
         {fileResponse(ZnString((file.str() + '\0').data(), file.size() + 2), 0, 1), "Unable to open file"},
@@ -235,9 +241,13 @@ void answerAtRandom(ZnHttpContext& context, const ZnString& file, std::mt19937& 
         case 0: context.text(text, status); break;
         case 1: context.json(ZnJsonValue(text), status); break;
         case 2: context.sendStatus(status); break;
-        case 3: context.setHeader("Content-Length", oneOf(std::to_array<const char*>({"0", "1", "005", "7", "x"}))); break;
+        case 3:
+            context.setHeader("Content-Length", oneOf(std::to_array<const char*>({"0", "1", "005", "7", "x"})));
+            break;
         case 4: response.headers.insert(" content-LENGTH", "3"); break;
-        case 5: context.setHeader("transfer-encoding", oneOf(std::to_array<const char*>({"chunked", "Chunked", "gzip"}))); break;
+        case 5:
+            context.setHeader("transfer-encoding", oneOf(std::to_array<const char*>({"chunked", "Chunked", "gzip"})));
+            break;
         case 6: response.headOnly = true; break;
         default:
             response.chunked = (random() & 1) != 0;
@@ -307,13 +317,21 @@ TEST_F(ZnHttpSessionTest, HeadsWithoutBodies) {
     };
     ZnHttpResponse headOnly = described(200, nullptr, "abc");
     headOnly.headOnly = true;
-    const struct { const char* method; ZnHttpResponse response; const char* length; } kRows[] = {
-        {"HEAD", described(200, nullptr, "abc"), "3"}, {"HEAD", described(200, "0", "abc"), "3"},
-        {"HEAD", described(200, "7", ""), "7"},        {"HEAD", described(200, "x", ""), "0"},
-        {"HEAD", described(204, nullptr, "abc"), "0"}, {"GET", described(204, "7", "abc"), "0"},
-        {"GET", described(304, nullptr, "abc"), "3"},  {"GET", described(304, "7", ""), "7"},
-        {"GET", headOnly, "0"},                        {"HEAD", headOnly, "3"},
-        {"GET", described(200, "7", ""), "0"}};
+    const struct {
+        const char* method;
+        ZnHttpResponse response;
+        const char* length;
+    } kRows[] = {{"HEAD", described(200, nullptr, "abc"), "3"},
+                 {"HEAD", described(200, "0", "abc"), "3"},
+                 {"HEAD", described(200, "7", ""), "7"},
+                 {"HEAD", described(200, "x", ""), "0"},
+                 {"HEAD", described(204, nullptr, "abc"), "0"},
+                 {"GET", described(204, "7", "abc"), "0"},
+                 {"GET", described(304, nullptr, "abc"), "3"},
+                 {"GET", described(304, "7", ""), "7"},
+                 {"GET", headOnly, "0"},
+                 {"HEAD", headOnly, "3"},
+                 {"GET", described(200, "7", ""), "0"}};
     for (const auto& [method, response, length] : kRows) {
         router_.setFallback([answer = &response](const ZnHttpRequest&) { return *answer; });
         Link& link = open();
@@ -425,7 +443,8 @@ TEST_F(ZnHttpSessionTest, ASwitchHandsTheSocketOver) {
 TEST_F(ZnHttpSessionTest, AnswersFromOtherThreadsWaitForRoom) {
     for (int i = 0; i < 20; ++i)
         openUnanswered().socket->receive(getOf("/"));
-    for (ZnTask task = [] {}; application_.tryPostOnLane(task, ZnFiberPool::kFirstLane); task = [] {}) {
+    for (
+        ZnTask task = [] {}; application_.tryPostOnLane(task, ZnFiberPool::kFirstLane); task = [] {}) {
     }
     std::thread([&] {
         for (const ZnHttpResponseCallback& callback : callbacks_)
@@ -484,13 +503,15 @@ TEST_F(ZnHttpSessionTest, RefusedInputIsAnsweredAndTheRestDiscarded) {
 TEST_F(ZnHttpSessionTest, AClientThatHoldsItsBodyBackIsToldToGoOn) {
     const std::string post = "POST / HTTP/1.1\r\nexpect: 100-Continue\r\n";
     const std::string interim = "HTTP/1.1 100 Continue\r\n\r\n";
-    const struct { std::string head, output, body; } kRows[] = { // what has come before the body
-        {post + "content-length: 2\r\n\r\n", interim, "ab"},
-        {post + "transfer-encoding: chunked\r\n\r\n", interim, "1\r\na\r\n0\r\n\r\n"},
-        {post + "content-length: 2\r\n\r\na", "", "b"}, // it does not wait
-        {post + "content-length: 0\r\n\r\n", answerTo("/"), ""},
-        {"POST / HTTP/1.0\r\nexpect: 100-continue\r\ncontent-length: 1\r\n\r\n", "", "a"},
-        {getOf("/never") + post + "content-length: 1\r\n\r\n", "", ""}}; // it would come out of turn
+    const struct {
+        std::string head, output, body;
+    } kRows[] = {// what has come before the body
+                 {post + "content-length: 2\r\n\r\n", interim, "ab"},
+                 {post + "transfer-encoding: chunked\r\n\r\n", interim, "1\r\na\r\n0\r\n\r\n"},
+                 {post + "content-length: 2\r\n\r\na", "", "b"}, // it does not wait
+                 {post + "content-length: 0\r\n\r\n", answerTo("/"), ""},
+                 {"POST / HTTP/1.0\r\nexpect: 100-continue\r\ncontent-length: 1\r\n\r\n", "", "a"},
+                 {getOf("/never") + post + "content-length: 1\r\n\r\n", "", ""}}; // it would come out of turn
     for (const auto& [head, output, body] : kRows) {
         Link& link = open([](const auto& request, const ZnHttpResponseCallback& callback) {
             if (request->path == "/")
@@ -522,7 +543,11 @@ TEST_F(ZnHttpSessionTest, TimeOuts) {
         const char* lastAnswer; // null: the connection stays open
     } kRows[] = {
         {"handler", {kLate, kSoon, kLate, kLate}, getOf("/never"), false, "504 Gateway Timeout"},
-        {"handler, with a time of its own", {kLate, kLate, kLate, kLate, kSoon}, getOf("/never"), false, "504 Gateway Timeout"},
+        {"handler, with a time of its own",
+         {kLate, kLate, kLate, kLate, kSoon},
+         getOf("/never"),
+         false,
+         "504 Gateway Timeout"},
         {"handler, with more time than a body", {kLate, kSoon, kLate, kLate, kLate}, getOf("/never"), false, nullptr},
         {"handler has the say", {kSoon, kOff, kSoon, kSoon}, getOf("/never"), false, nullptr},
         {"idle behind a request", {kSoon, kLate, kLate, kLate}, get, false, "408 Request Timeout"},

@@ -399,6 +399,8 @@ TEST(StoreMaintenance, WhoWaitsWhileTheStoreClosesIsTold) {
     closing.join();
     for (const Status& status : {bench.inner().maintenance.compactAll(), bench.inner().maintenance.collectGarbage()})
         EXPECT_EQ(status.code(), Status::NotAvailable); // when it found the store open, and came here too late
+    std::uint64_t sequence = 0;
+    EXPECT_EQ(bench.core().stableView(&sequence), nullptr);
 }
 
 /// Those who asked for the work, when it cannot be done any more: also when it does not end.

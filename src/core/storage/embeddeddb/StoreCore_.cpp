@@ -232,7 +232,10 @@ ReadViewPtr_ StoreCore_::stableView(std::uint64_t* sequence) {
     const ZnMutexLocker locker(mutex);
     sealActive(false);
     *sequence = lastCommittedSequence;
-    auto stable = std::make_shared<ReadView_>(*view());
+    const ReadViewPtr_ current = view();
+    if (current == nullptr)
+        return nullptr;
+    auto stable = std::make_shared<ReadView_>(*current);
     stable->active = nullptr;
     return stable;
 }

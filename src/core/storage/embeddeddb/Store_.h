@@ -16,15 +16,14 @@ namespace znEmbeddedDbDetail {
 
 /// What a ZnEmbeddedDb is made of: the shared state, the parts that work on it, and how it is opened and closed.
 ///
-/// Thread: open, watch and close, the owner's; `isOpen` any. Owner: ZnEmbeddedDb. The pool goes first: it waits for
-/// tasks.
+/// Thread: open, watch and close, the owner's; `isOpen` any. Owner: ZnEmbeddedDb. The pool is destroyed first, and
+/// waits for tasks, which use all the others.
 struct Store_ {
     explicit Store_(ZnStorageFiles& files) : core(files) { threadPool.setMaxThreadCount(kBackgroundThreads); }
 
     static constexpr int kBackgroundThreads = 3; // a flush never waits behind anything else
 
     StoreCore_ core;
-    ZnThreadPool threadPool;
     MaintenanceScheduler_ maintenance{core, threadPool};
     FlushScheduler_ flushes{core, threadPool, maintenance};
     CommitQueue_ commits{core, flushes, maintenance};
@@ -34,6 +33,7 @@ struct Store_ {
     ZnMutex refreshLock;           // first of all the store's locks; one refresh at a time, none while the store closes
     std::unique_ptr<zn::ipc::Subscription> subscription; // null: nobody watches
     std::atomic<bool> hasIndexes{false}; // some record has secondary keys: writes must look at what they replace
+    ZnThreadPool threadPool;             // the last member
 };
 
 /// What a store is made of, for tests that hold its background work at sync points.

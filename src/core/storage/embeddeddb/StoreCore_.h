@@ -114,7 +114,8 @@ struct StoreCore_ {
     /// Gives readers the state as it is now.
     void publishView() ZN_REQUIRES(mutex);
     ReadViewPtr_ view() const;
-    /// A view that does not change: seals what the active memtable holds. Null when the store has been closed meanwhile.
+    /// A view that does not change: seals what the active memtable holds. Null when the store has been closed
+    /// meanwhile.
     ReadViewPtr_ stableView(std::uint64_t* sequence);
 
     /// Puts the active memtable, unless it is empty, at the end of the line, and an empty one in its place. Publishes.

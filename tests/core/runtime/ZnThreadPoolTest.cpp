@@ -356,10 +356,14 @@ TEST(ZnThreadPoolDeathTest, AProgramWithoutALoopOfItsOwnEndsByTheFirstStopSignal
     EXPECT_EXIT(
         {
             ZnCoreApplication application;
-            ZnThreadPool pool;
-            Gate(pool).open();
-            ::raise(SIGTERM);
-            ::_exit(application.exec());
+            int code = -1;
+            { // its worker is joined before the end
+                ZnThreadPool pool;
+                Gate(pool).open();
+                ::raise(SIGTERM);
+                code = application.exec();
+            }
+            ::_exit(code);
         },
         ::testing::ExitedWithCode(0), "");
 }

@@ -172,6 +172,7 @@ TEST_F(StoreRefresh, FailureLeavesTheViewAsItWas) {
     const StoreContent before = contentOf(reader_);
     put("a", "A2" + kTail);
     ASSERT_EQ(writer_.flush(), kOk);
+    ASSERT_EQ(writer_.collectGarbage(), kOk); // nothing in the background changes CURRENT from here on
     const std::string current = files_.content("/s/CURRENT");
     const auto mendPointer = [&] { files_.put("/s/CURRENT", current); };
     const struct {

@@ -68,8 +68,11 @@ ZnEmbeddedDbStatus BlobWriter_::writeStaged_() {
 
 ZnEmbeddedDbStatus BlobWriter_::write_(std::string_view bytes) {
     ZnString error;
-    if (file_.append(bytes.data(), bytes.size(), nullptr, &error))
+    const std::uint64_t offset = file_.size();
+    if (file_.append(bytes.data(), bytes.size(), nullptr, &error)) {
+        file_.startWriteback(offset, bytes.size());
         return {};
+    }
     const ZnString message = error + ": " + file_.path();
     ZN_LOG_ERROR("zn.core.storage.znembeddeddb", "ZnEmbeddedDb::externalizeBlobValueToFile") << message;
     return {ZnEmbeddedDbStatus::IoError, "failed to externalize blob value: " + message};

@@ -15,6 +15,9 @@ namespace znEmbeddedDbDetail {
 
 namespace {
 
+/// The disk works while the rest is being written: a sync at the end of all of it would hold up the log's.
+constexpr std::uint64_t kWritebackBytes = 1024 * 1024;
+
 TableMeta_ namedMeta(TableMeta_ meta) {
     meta.minSequence = 0;
     meta.maxSequence = 0;
@@ -92,6 +95,10 @@ bool TableWriter_::flushBlock_(ZnString* errorOut) {
     ++blockCount_;
     nextOffset_ += block_.size();
     block_.resize(kBlockHeaderBytes);
+    if (nextOffset_ - writtenBackTo_ >= kWritebackBytes) {
+        file_.startWriteback(writtenBackTo_, nextOffset_ - writtenBackTo_);
+        writtenBackTo_ = nextOffset_;
+    }
     return true;
 }
 

@@ -53,8 +53,9 @@ private:
     const ZnString temporaryPath_;
     const ZnString finalPath_;
     RandomAccessFile_ file_;
-    std::uint64_t nextOffset_ = 0; // where the next block goes
-    std::string block_;            // room for the block's header, then its records
+    std::uint64_t nextOffset_ = 0;    // where the next block goes
+    std::uint64_t writtenBackTo_ = 0; // the disk has begun on what stands in front
+    std::string block_;               // room for the block's header, then its records
     std::string blockFirstKey_;
     std::string lastKey_;
     std::vector<BloomFilter_::Hash> hashes_; // of all keys: the filter's size follows from their number

@@ -19,26 +19,29 @@ struct Option {
     const char* name;
     const char* defaultValue;
     const char* meaning;
+    const char* group = nullptr; // of the first option of a group
     Kind kind = Kind::Text;
 };
 constexpr Option kOptions[] = {
-    {"bind", "127.0.0.1", "address to listen on"},
+    {"bind", "127.0.0.1", "address to listen on", "Listening"},
     {"port", "9010", "port, 1 to 65535"},
     {"mcp_path", "/mcp", "path of the MCP endpoint"},
-    {"mcp_token", "", "bearer token that clients must show"},
+    {"tls_cert_path", "", "certificate file (PEM) for TLS, with tls_key_path"},
+    {"tls_key_path", "", "private key file (PEM)"},
+    {"stdio", "false", "serve standard input and output; a port only if --port is given too", nullptr, Kind::Switch},
+    {"mcp_token", "", "bearer token that clients must show", "Who may call"},
     {"mcp_token_file", "", "file that holds the token, which keeps it out of the process list"},
     {"mcp_allowed_origin", "", "the one browser origin that may call"},
     {"mcp_allowed_hosts", "any", "names in the Host header: any, local, or a list with commas"},
     {"mcp_throttle", "address", "what failed attempts block: address, or failures alone"},
     {"mcp_interop", "false", "work with today's MCP clients and servers: true or false, alone it means true",
-     Kind::Switch},
+     "The protocol", Kind::Switch},
+    {"mcp_tool_names", "dotted", "names of the tools: dotted, or safe (bridge_rpc), with which both are understood"},
+    {"services_file", "mcp-bridge-services.json", "the allowlist", "Services"},
     {"max_answer_bytes", "16777216", "largest answer taken from a service, 1024 to 1073741824"},
-    {"services_file", "mcp-bridge-services.json", "the allowlist"},
-    {"tls_cert_path", "", "certificate file (PEM) for TLS, with tls_key_path"},
-    {"tls_key_path", "", "private key file (PEM)"},
-    {"duration_ms", "0", "milliseconds to run; 0: until stopped"},
-    {"strict", "false", "do not start when there is something to warn about", Kind::Switch},
-    {"check", "false", "read options, certificate and allowlist, say what was found, and end", Kind::Switch},
+    {"duration_ms", "0", "milliseconds to run; 0: until stopped", "Running"},
+    {"strict", "false", "do not start when there is something to warn about", nullptr, Kind::Switch},
+    {"check", "false", "read options, certificate and allowlist, say what was found, and end", nullptr, Kind::Switch},
 };
 
 const Option& optionNamed(std::string_view name) {
@@ -102,6 +105,9 @@ void AgentOptions::checkValues_() {
     const ZnString throttle = text("mcp_throttle").trimmed();
     if (throttle != "address" && throttle != "failures")
         remarks_.push_back("--mcp_throttle is neither address nor failures; it counts as address");
+    const ZnString toolNames = text("mcp_tool_names").trimmed();
+    if (toolNames != "dotted" && toolNames != "safe")
+        remarks_.push_back("--mcp_tool_names is neither dotted nor safe; it counts as dotted");
     if (maxAnswerBytes_() == 0)
         remarks_.push_back("--max_answer_bytes is no number from 1024 to 1073741824; the default counts");
     const bool hasToken = !text("mcp_token").trimmed().isEmpty();
@@ -153,6 +159,7 @@ bool AgentOptions::configure(BreltMcpBridgeAgent& agent, ZnString* errorText) co
     if (const std::int64_t bytes = maxAnswerBytes_(); bytes != 0)
         agent.setMaxAnswerBytes(bytes);
     agent.setInterop(isOn("mcp_interop"));
+    agent.setTools({text("mcp_tool_names").trimmed() == "safe", false});
     agent.setStrict(isOn("strict"));
     return true;
 }
@@ -162,14 +169,16 @@ ZnString AgentOptions::helpText() {
     std::ostringstream out;
     out << "Usage: brelt-mcp-bridge-agent [--option=value]...\n"
            "\n"
-           "A local bridge that lets MCP clients call the private MCP services of an allowlist.\n"
-           "\n";
+           "A local bridge that lets MCP clients call the private MCP services of an allowlist.\n";
     for (const Option& option : kOptions) {
+        if (option.group != nullptr)
+            out << "\n" << option.group << ":\n";
         const std::string name = std::string("  --") + option.name + "=" + option.defaultValue;
         out << std::left << std::setw(kNameColumn) << name << "  " << option.meaning
             << (*option.defaultValue == '\0' ? "; default: none" : "") << "\n";
     }
-    out << std::left << std::setw(kNameColumn) << "  --help, -h"
+    out << "\n"
+        << std::left << std::setw(kNameColumn) << "  --help, -h"
         << "  prints this text\n"
         << std::setw(kNameColumn) << "  --version"
         << "  prints the version\n";

@@ -117,13 +117,18 @@ bool BreltMcpBridgeAgent::loadServices_() {
     return services_->load(servicesFile_, isInterop_);
 }
 
-bool BreltMcpBridgeAgent::start(const ZnString& bindAddress, std::uint16_t port, const ZnString& tlsCertPath,
-                                const ZnString& tlsKeyPath) {
+/// Whether the agent may start, with what is to be said about the allowlist on standard error.
+bool BreltMcpBridgeAgent::prepare_() {
     if (!loadServices_())
         return false;
     for (const ZnString& remark : remarks())
         std::cerr << "[McpBridge] Warning: services file, " << remark << std::endl;
-    if (isStrict_ && !remarks().empty())
+    return !isStrict_ || remarks().empty();
+}
+
+bool BreltMcpBridgeAgent::start(const ZnString& bindAddress, std::uint16_t port, const ZnString& tlsCertPath,
+                                const ZnString& tlsKeyPath) {
+    if (!prepare_())
         return false;
     auto server = std::make_unique<ZnHttpApp>();
     ZnHttpLimits limits = server->limits();
@@ -146,6 +151,16 @@ bool BreltMcpBridgeAgent::start(const ZnString& bindAddress, std::uint16_t port,
     return true;
 }
 
+bool BreltMcpBridgeAgent::startStdio(std::function<void()> onEnd) {
+    if (!server_ && !prepare_())
+        return false;
+    stdio_ = std::make_shared<McpStdioFront>(dispatcher_, kMaxBodyBytes);
+    if (stdio_->start(std::move(onEnd)))
+        return true;
+    std::cerr << "[McpBridge] there is no standard input or output" << std::endl;
+    return false;
+}
+
 /// A call has its own limit of time, in which its result must still get out; a client that has left ends it.
 ZnHttpTimeouts BreltMcpBridgeAgent::timeouts_(ZnHttpTimeouts timeouts) const {
     constexpr int kMarginMs = 5000;
@@ -165,13 +180,17 @@ bool BreltMcpBridgeAgent::check(const ZnString& tlsCertPath, const ZnString& tls
 }
 
 void BreltMcpBridgeAgent::stop() {
-    if (!server_)
+    if (!server_ && !stdio_)
         return;
     ZnCoreApplication* application = idleApplication();
+    if (stdio_)
+        stdio_->stopReading();
     dispatcher_->stop();
     if (application != nullptr)
-        application->processUntil([this] { return dispatcher_->isIdle(); }, kCallsEndMs);
-    server_->stop();
+        application->processUntil([this] { return isIdle_(); }, kCallsEndMs);
+    stdio_.reset();
+    if (server_)
+        server_->stop();
     server_.reset();
     if (application != nullptr)
         runDeferredDeletions(*application);

@@ -4,6 +4,7 @@
 #include "agent/McpGate.h"
 #include "agent/McpReply.h"
 #include "agent/McpServiceList.h"
+#include "agent/McpStdioFront.h"
 #include "core/io/http/ZnHttpApp.h"
 #include "core/types/ZnString.h"
 
@@ -49,6 +50,8 @@ public:
     /// default, which the allowlist may change.
     void setInterop(bool isOn);
 
+    void setTools(const McpToolCatalogue::Options& options) { dispatcher_->setCatalogue(options); }
+
     /// Reads the allowlist and the certificate as start() would, and nothing else. False, with the reason on standard
     /// error or in the log, when start() would fail because of them.
     bool check(const ZnString& tlsCertPath, const ZnString& tlsKeyPath);
@@ -60,8 +63,11 @@ public:
     /// or in the log, when it does not listen.
     bool start(const ZnString& bindAddress, std::uint16_t port, const ZnString& tlsCertPath,
                const ZnString& tlsKeyPath);
+    /// Serves standard input and output, beside a port if start() has run. `onEnd` is called when the input has ended
+    /// and every answer is out. Returns false, with the reason on standard error, when it cannot.
+    bool startStdio(std::function<void()> onEnd);
     /// Ends the calls in flight, lets their answers go out, and closes the server. On the loop's own context; runs the
-    /// loop, which need not be running, for a second at most. Nothing when it does not listen.
+    /// loop, which need not be running, for a second at most. Nothing when it does not serve.
     void stop();
     /// The port it listens on, 0 when it does not.
     std::uint16_t localPort() const;
@@ -70,6 +76,8 @@ private:
     friend struct BreltMcpBridgeAgentTestPeer; // handlers as values, a fake clock
 
     bool loadServices_();
+    bool prepare_();
+    bool isIdle_() const { return dispatcher_->isIdle() && (!stdio_ || stdio_->isIdle()); }
     ZnHttpTimeouts timeouts_(ZnHttpTimeouts timeouts) const;
     void registerRoutes_(ZnHttpApp& app);
     void handlePost_(ZnHttpContext& context);
@@ -88,4 +96,5 @@ private:
     const std::shared_ptr<McpServiceList> services_ = std::make_shared<McpServiceList>();
     McpGate gate_;
     const std::shared_ptr<McpDispatcher> dispatcher_ = std::make_shared<McpDispatcher>(services_);
+    std::shared_ptr<McpStdioFront> stdio_; // null without it
 };

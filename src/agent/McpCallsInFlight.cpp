@@ -16,8 +16,8 @@ std::shared_ptr<const void> McpCallsInFlight::holdUnsent(const std::shared_ptr<M
 
 void McpCallsInFlight::report(const ZnString& serviceId, const McpForwardResult& result) {
     constexpr const char* kCategory = "zn.agent.mcpcallsinflight";
-    const bool isMeant =
-        result.errorCode == McpForwardCall::kClientGone || result.errorCode == McpForwardCall::kStopped;
+    const bool isMeant = result.errorCode == McpForwardCall::kClientGone ||
+                         result.errorCode == McpForwardCall::kStopped || result.errorCode == McpForwardCall::kCancelled;
     if (isMeant || result.message.isEmpty())
         return;
     const long long second = monotonicNowNs() / 1000000000;

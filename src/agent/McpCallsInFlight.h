@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <list>
 #include <memory>
+#include <utility>
 
 /// The upstream calls in flight and what they hold, bounded: neither many calls nor large ones take what others need,
 /// and one service that hangs leaves room for those beside it.
@@ -20,8 +21,13 @@ public:
     /// Holds the entry of one call for a scope.
     class Entry {
     public:
-        Entry(McpCallsInFlight& calls, McpForwardCall& call, const ZnString& serviceId)
-            : calls_(calls), serviceId_(serviceId), at_(calls.inFlight_.insert(calls.inFlight_.end(), &call)) {
+        /// `key`: by which cancel() finds the call; empty: it is not to be found.
+        Entry(McpCallsInFlight& calls, McpForwardCall& call, const ZnString& serviceId, ZnString key)
+            : calls_(calls),
+              call_(call),
+              serviceId_(serviceId),
+              key_(std::move(key)),
+              at_(calls.inFlight_.insert(calls.inFlight_.end(), this)) {
             ++calls_.byService_[serviceId_];
         }
         ~Entry() {
@@ -40,9 +46,12 @@ public:
         }
 
     private:
+        friend class McpCallsInFlight;
         McpCallsInFlight& calls_;
+        McpForwardCall& call_;
         const ZnString serviceId_;
-        const std::list<McpForwardCall*>::iterator at_;
+        const ZnString key_;
+        const std::list<Entry*>::iterator at_;
         std::size_t bytes_ = 0;
     };
 
@@ -74,12 +83,19 @@ public:
     /// Ends every call in flight; from now on no call is to begin.
     void stop() {
         isStopping_ = true;
-        for (McpForwardCall* call : inFlight_)
-            call->end(McpForwardCall::kStopped); // the list stays: the fibers resume from the loop
+        for (Entry* entry : inFlight_)
+            entry->call_.end(McpForwardCall::kStopped); // the list stays: the fibers resume from the loop
+    }
+    /// Ends the calls with that key.
+    void cancel(const ZnString& key) {
+        for (Entry* entry : inFlight_) {
+            if (entry->key_ == key)
+                entry->call_.end(McpForwardCall::kCancelled);
+        }
     }
 
 private:
-    std::list<McpForwardCall*> inFlight_;
+    std::list<Entry*> inFlight_;
     ZnMap<ZnString, std::size_t> byService_; // calls in flight, of services that have any
     std::size_t bytes_ = 0;
     std::size_t unsentBytes_ = 0; // of answers that are built

@@ -44,6 +44,14 @@ std::string_view methodOf(const ZnJsonObject& message) {
     return text.substr(0, text.find('\0'));
 }
 
+/// As JSON; empty without one.
+ZnString cancelledId(const ZnJsonObject& notification) {
+    const ZnJsonObject* params = notification.value("params").object();
+    if (params == nullptr || !isUsableId(params->value("requestId")))
+        return ZnString();
+    return params->value("requestId").toJson();
+}
+
 ZnString hexText(const ZnCrypto::Bytes& bytes) {
     constexpr char kDigits[] = "0123456789abcdef";
     ZnString text;
@@ -78,21 +86,10 @@ ZnString clientText(const ZnJsonObject& params, std::string_view name) {
     return ZnString(text.view().substr(0, kClientTextBytes));
 }
 
-ZnJsonObject unsupportedVersionData(ZnString requested) {
+ZnJsonObject unsupportedVersionData(const ZnString& requested) {
     ZnJsonArray supported;
     supported.append(McpDispatcher::kProtocolVersion);
-    return {{"requested", std::move(requested)}, {"supported", std::move(supported)}};
-}
-
-ZnJsonObject initializeResult() {
-    return {{"protocolVersion", McpDispatcher::kProtocolVersion},
-            {"capabilities", ZnJsonObject{{"tools", ZnJsonObject{{"listChanged", false}}}}},
-            {"serverInfo", ZnJsonObject{{"name", "brelt-mcp-bridge-agent"},
-                                        {"title", "Brelt MCP Bridge Agent"},
-                                        {"version", zn::kVersion}}},
-            {"instructions",
-             "Bridge to explicitly configured private MCP services reachable from this BRELT client. Use "
-             "bridge.list_services first. bridge.rpc only calls services listed in the local allowlist."}};
+    return {{"requested", requested}, {"supported", std::move(supported)}};
 }
 
 /// A message that is answered on another thread: the frame that waits for it may go before that is done.
@@ -120,7 +117,7 @@ void McpDispatcher::setExact(bool isExact) {
 McpReply McpDispatcher::answer(McpMessage message) {
     if (!message.isLarge()) {
         McpReply reply = process_(&message);
-        return message.service ? tools_.forward(message) : std::move(reply);
+        return finish_(message, reply);
     }
     const auto large = std::make_shared<LargeMessage>(std::move(message));
     const bool hasRun = workers_->await([self = shared_from_this(), large] {
@@ -131,7 +128,14 @@ McpReply McpDispatcher::answer(McpMessage message) {
     if (!hasRun)
         return McpReply::ofStatus(503);
     workers_->giveMemoryBackSoon();
-    return large->message.service ? tools_.forward(large->message) : std::move(large->reply);
+    return finish_(large->message, large->reply);
+}
+
+/// What belongs to the loop.
+McpReply McpDispatcher::finish_(McpMessage& message, McpReply& reply) {
+    if (!message.cancelledIdText.isEmpty())
+        tools_.cancel(message);
+    return message.service ? tools_.forward(message) : std::move(reply);
 }
 
 McpReply McpDispatcher::endSession(std::string_view id) {
@@ -144,8 +148,19 @@ McpReply McpDispatcher::endSession(std::string_view id) {
 /// Gives the answer, unless the message is a call that a service is to get.
 McpReply McpDispatcher::process_(McpMessage* message) {
     if (!mcp::readObject(message->body.view(), isExact_ ? JsonReading::Exact : JsonReading::QuietDialect,
-                         &message->document))
-        return McpReply::error(400, "Expected a single JSON-RPC object");
+                         &message->document)) {
+        McpReply reply = McpReply::error(400, "Expected a single JSON-RPC object");
+        reply.idText = "null";
+        return reply;
+    }
+    McpReply reply = processObject_(message);
+    const ZnJsonObject& object = message->object();
+    if (reply.status >= 400 && object.contains("id"))
+        reply.idText = isUsableId(object.value("id")) ? object.value("id").toJson() : ZnString("null");
+    return reply;
+}
+
+McpReply McpDispatcher::processObject_(McpMessage* message) {
     const ZnJsonObject& object = message->object();
     const bool hasId = object.contains("id");
     const ZnJsonValue& id = object.value("id");
@@ -158,21 +173,23 @@ McpReply McpDispatcher::process_(McpMessage* message) {
         return McpReply::error(400, "Unsupported MCP protocol version");
     const std::string_view method = methodOf(object);
     if (!hasId)
-        return notify_(*message, method);
+        return notify_(message, method);
     if (!isUsableId(id))
         return McpReply::json(mcp::jsonRpcError_(ZnJsonValue(), kInvalidRequest, "Invalid Request"));
     return method == "initialize" ? initialize_(object) : dispatch_(message, method);
 }
 
-McpReply McpDispatcher::notify_(const McpMessage& message, std::string_view method) {
+McpReply McpDispatcher::notify_(McpMessage* message, std::string_view method) {
     McpReply refusal;
     if (method == "notifications/initialized") {
-        const SessionRef_ session = requireSession_(message, &refusal);
+        const SessionRef_ session = requireSession_(*message, &refusal);
         if (!session)
             return refusal;
         ZnMutexLocker locker(sessionsLock_);
         session->initialized = true;
     }
+    if (method == "notifications/cancelled" && message->mayCancel)
+        message->cancelledIdText = cancelledId(message->object());
     return McpReply::ofStatus(202);
 }
 
@@ -188,7 +205,7 @@ McpReply McpDispatcher::dispatch_(McpMessage* message, std::string_view method) 
     if (method == "ping")
         return McpReply::json(mcp::jsonRpcResult_(id, "{}"));
     if (method == "tools/list")
-        return McpReply::json(mcp::jsonRpcResult_(id, mcp::toolCatalogue_().view()));
+        return McpReply::json(mcp::jsonRpcResult_(id, tools_.catalogue().listText().view()));
     if (method == "tools/call")
         return McpReply::json(tools_.answer(message));
     return McpReply::json(mcp::jsonRpcError_(id, kMethodNotFound, "Method not found"));
@@ -212,19 +229,28 @@ McpReply McpDispatcher::initialize_(const ZnJsonObject& request) {
     const ZnJsonObject* params = request.value("params").object();
     if (params == nullptr)
         params = &kNoParams;
-    ZnString requested = mcp::textMember_(*params, "protocolVersion");
+    const ZnString requested = mcp::textMember_(*params, "protocolVersion");
     if (requested.isEmpty())
         return McpReply::json(mcp::jsonRpcError_(id, kInvalidParams, "Missing params.protocolVersion"));
     // With interoperability any is taken: a client that cannot speak this one ends the connection itself.
     if (!isExact_ && !isSupportedProtocol(requested.view()))
-        return McpReply::json(mcp::jsonRpcError_(id, kInvalidParams, "Unsupported protocol version",
-                                                 unsupportedVersionData(std::move(requested))));
+        return McpReply::json(
+            mcp::jsonRpcError_(id, kInvalidParams, "Unsupported protocol version", unsupportedVersionData(requested)));
     const SessionRef_ session = createSession_(*params);
     if (!session)
         return McpReply::json(mcp::jsonRpcError_(id, kServerBusy, "Too many sessions"));
-    McpReply reply = McpReply::json(mcp::jsonRpcResult_(id, ZnJsonValue(initializeResult()).toJson().view()));
+    McpReply reply = McpReply::json(mcp::jsonRpcResult_(id, ZnJsonValue(initializeResult_()).toJson().view()));
     reply.headers.push_back({"mcp-session-id", session->id});
     return reply;
+}
+
+ZnJsonObject McpDispatcher::initializeResult_() const {
+    return {{"protocolVersion", kProtocolVersion},
+            {"capabilities", ZnJsonObject{{"tools", ZnJsonObject{{"listChanged", false}}}}},
+            {"serverInfo", ZnJsonObject{{"name", "brelt-mcp-bridge-agent"},
+                                        {"title", "Brelt MCP Bridge Agent"},
+                                        {"version", zn::kVersion}}},
+            {"instructions", tools_.catalogue().instructions()}};
 }
 
 /// Null when there are too many sessions.

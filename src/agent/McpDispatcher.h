@@ -30,6 +30,7 @@ public:
     /// `initialize`.
     void setExact(bool isExact);
     void setMaxAnswerBytes(std::int64_t maxBytes) { tools_.setMaxAnswerBytes(maxBytes); }
+    void setCatalogue(const McpToolCatalogue::Options& options) { tools_.setCatalogue(options); }
     void setClock(std::function<long long()> clock) { clock_ = std::move(clock); }
 
     /// Parks where the answer has to be waited for. The caller holds a reference to the dispatcher meanwhile.
@@ -42,13 +43,17 @@ public:
     bool isIdle() const noexcept { return tools_.isIdle(); }
 
 private:
+    McpReply finish_(McpMessage& message, McpReply& reply);
+
     using SessionRef_ = std::shared_ptr<McpBridgeSession>;
 
     // Any thread.
     McpReply process_(McpMessage* message);
-    McpReply notify_(const McpMessage& message, std::string_view method);
+    McpReply processObject_(McpMessage* message);
+    McpReply notify_(McpMessage* message, std::string_view method);
     McpReply dispatch_(McpMessage* message, std::string_view method);
     McpReply initialize_(const ZnJsonObject& request);
+    ZnJsonObject initializeResult_() const;
     SessionRef_ createSession_(const ZnJsonObject& params);
     /// The session that the message names; null, with the answer, when there is none.
     SessionRef_ requireSession_(const McpMessage& message, McpReply* refusal);

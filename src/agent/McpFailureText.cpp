@@ -62,6 +62,7 @@ ZnString failureText(int errorCode, const ZnString& endpoint, int timeoutMs, con
     case ZnHttpClient::kResponseTooLarge: return "the answer of " + address + " is too large";
     case ZnHttpClient::kClosedEarly: return address + " closed the connection before its answer was complete";
     case McpForwardCall::kTimedOut: return "no answer within " + ZnString::number(timeoutMs) + " ms";
+    case McpForwardCall::kCancelled: return "the client has cancelled the call";
     case McpForwardCall::kStopped: return "the agent was stopped";
     case ZnSocketError::kConnectionRefused: return "connection refused by " + address;
     case ZnSocketError::kTimedOut: return address + " did not answer the connection attempt";

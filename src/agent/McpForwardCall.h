@@ -34,6 +34,7 @@ public:
     static constexpr int kStopped = -1002;
     static constexpr int kClientGone = -1003;   // nobody is there to be told
     static constexpr int kTooManyBytes = -1004; // the client is told of it in another way
+    static constexpr int kCancelled = -1005;    // by the client, who waits for no answer
 
     /// Told how many bytes of the answer have come; false ends the call with kTooManyBytes.
     using Growth = std::function<bool(std::size_t byteCount)>;

@@ -1,54 +1,11 @@
 #include "agent/McpJson.h"
 
 #include <algorithm>
-#include <initializer_list>
 #include <iterator>
 #include <string>
 #include <utility>
 
 namespace mcp {
-
-namespace {
-
-ZnJsonObject stringProperty_(const char* description) {
-    return {{"type", "string"}, {"description", description}};
-}
-
-ZnJsonObject objectProperty_(const char* description) {
-    return {{"type", "object"}, {"description", description}, {"additionalProperties", true}};
-}
-
-ZnJsonObject makeTool_(const char* name, const char* title, const char* description, ZnJsonObject properties,
-                       std::initializer_list<const char*> requiredNames) {
-    ZnJsonObject schema{{"type", "object"}, {"properties", std::move(properties)}};
-    if (requiredNames.size() > 0) {
-        ZnJsonArray required;
-        for (const char* requiredName : requiredNames)
-            required.append(requiredName);
-        schema["required"] = std::move(required);
-    }
-    return {{"name", name}, {"title", title}, {"description", description}, {"inputSchema", std::move(schema)}};
-}
-
-ZnString catalogueText() {
-    constexpr const char* kServiceId = "Configured service id.";
-    ZnJsonArray tools;
-    tools.append(makeTool_("bridge.list_services", "List private MCP services",
-                           "List MCP services explicitly configured in this local bridge allowlist.", {}, {}));
-    tools.append(makeTool_("bridge.get_service", "Get private MCP service",
-                           "Return one configured MCP service without leaking its bearer token.",
-                           {{"serviceId", stringProperty_(kServiceId)}}, {"serviceId"}));
-    tools.append(makeTool_("bridge.rpc", "Call private MCP service",
-                           "Forward one JSON-RPC request to a configured private Streamable HTTP MCP service.",
-                           {{"serviceId", stringProperty_(kServiceId)},
-                            {"request", objectProperty_("Single JSON-RPC MCP request to forward.")},
-                            {"protocolVersion", stringProperty_("Optional MCP protocol version header.")},
-                            {"sessionId", stringProperty_("Optional upstream MCP session id.")}},
-                           {"serviceId", "request"}));
-    return ZnJsonValue(ZnJsonObject{{"tools", std::move(tools)}}).toJson();
-}
-
-} // namespace
 
 bool readObject(std::string_view text, JsonReading reading, ZnJsonDocument* document) {
     constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
@@ -111,11 +68,6 @@ ZnString toolResult_(const ZnJsonValue& payload, bool isError) {
 
 ZnString toolError_(const ZnString& message, int statusCode) {
     return toolResult_(ZnJsonObject{{"error", message}, {"statusCode", statusCode}}, true);
-}
-
-const ZnString& toolCatalogue_() {
-    static const ZnString kText = catalogueText();
-    return kText;
 }
 
 } // namespace mcp

@@ -20,8 +20,7 @@ namespace mcp {
 constexpr std::size_t kMaxJsonValues = 1000000;
 
 /// Reads a message: text without its NUL bytes and a byte order mark in front, of at most kMaxJsonValues values. False,
-/// with
-/// `*document` as it was, when it is no single JSON object.
+/// with `*document` as it was, when it is no single JSON object.
 bool readObject(std::string_view text, JsonReading reading, ZnJsonDocument* document);
 
 /// The trimmed text of a member, cut at its first NUL; empty when absent, null, an object or an array.
@@ -39,8 +38,5 @@ ZnString jsonRpcError_(const ZnJsonValue& id, int code, const char* message, ZnJ
 // Tool results, as text.
 ZnString toolResult_(const ZnJsonValue& payload, bool isError);
 ZnString toolError_(const ZnString& message, int statusCode);
-
-/// The result of "tools/list", as text.
-const ZnString& toolCatalogue_();
 
 } // namespace mcp

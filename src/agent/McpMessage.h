@@ -42,9 +42,11 @@ struct McpMessage {
     std::string_view sessionId;       // these two are the front's, which outlive the call; empty: there is none
     std::string_view protocolVersion; // as told beside the message
     McpCaller* caller;
+    bool mayCancel = false; // calls of its session, by "notifications/cancelled"
 
     ZnJsonDocument document; // an object, once the message has been read
     /// Set: there is no answer yet, since the message is a call that this service is to get.
     std::shared_ptr<const McpBridgeServiceRecord> service;
-    ZnString idText; // of such a call, as JSON
+    ZnString idText;          // of such a call, as JSON
+    ZnString cancelledIdText; // of the call that this message cancels, as JSON; empty: it cancels none
 };

@@ -29,7 +29,11 @@ struct McpReply {
         return reply;
     }
     /// With {"error": message}.
-    static McpReply error(int status, const char* message) { return error(status, mcp::errorBody_(message)); }
+    static McpReply error(int status, const char* message) {
+        McpReply reply = error(status, mcp::errorBody_(message));
+        reply.problem = message;
+        return reply;
+    }
     static McpReply error(int status, ZnJsonObject body) {
         McpReply reply = json(ZnJsonValue(std::move(body)).toJson());
         reply.status = status;
@@ -38,6 +42,9 @@ struct McpReply {
 
     int status = 200; // of HTTP
     std::vector<Header> headers;
-    ZnByteArray text;                          // JSON; empty: there is no body
+    ZnByteArray text; // JSON; empty: there is no body
+    // Of a message that was refused, for fronts that know no status.
+    const char* problem = "";
+    ZnString idText; // as JSON, "null" when it cannot be told; empty: the message wants no answer
     std::shared_ptr<const void> keptUntilSent; // goes when the text has left, or will not leave any more
 };

@@ -31,10 +31,10 @@ ZnString errorWithPlace(const ZnString& error, std::string_view text) {
     const std::string_view digits = error.view().substr(at + kMark.size());
     const long long index = ZnString(digits.substr(0, digits.find(')'))).toLongLong(&isNumber);
     const std::string_view before = text.substr(0, isNumber ? static_cast<std::size_t>(index) : 0);
-    const auto line = 1 + std::count(before.begin(), before.end(), '\n');
+    const long long line = 1LL + std::count(before.begin(), before.end(), '\n');
     const std::size_t lineStart = before.rfind('\n') + 1; // 0 without a line feed
-    return ZnString(error.view().substr(0, at)) + " (line " + ZnString::number(static_cast<long long>(line)) +
-           ", column " + ZnString::number(static_cast<long long>(before.size() - lineStart + 1)) + ")";
+    return ZnString(error.view().substr(0, at)) + " (line " + ZnString::number(line) + ", column " +
+           ZnString::number(static_cast<long long>(before.size() - lineStart + 1)) + ")";
 }
 
 /// The text of the first of two members that is not empty.

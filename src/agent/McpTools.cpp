@@ -15,6 +15,11 @@ McpReply failure(std::string_view idText, const char* text) {
     return McpReply::json(mcp::jsonRpcResultTo_(idText, mcp::toolError_(text, 503).view()));
 }
 
+/// Sessions choose the ids of their requests for themselves.
+ZnString callKey(std::string_view sessionId, const ZnString& idText) {
+    return ZnString(sessionId) + "\n" + idText;
+}
+
 } // namespace
 
 ZnByteArray McpTools::answer(McpMessage* message) const {
@@ -31,21 +36,19 @@ ZnByteArray McpTools::answer(McpMessage* message) const {
     if (!value.isNull() && !value.isObject())
         return mcp::jsonRpcError_(id, kInvalidParams, "tools/call params.arguments must be an object");
     const ZnJsonObject& arguments = value.isNull() ? kNoArguments : *value.object();
-    if (name != "bridge.rpc")
-        return mcp::jsonRpcResult_(id, call_(name, arguments).view());
+    const std::optional<McpToolCatalogue::Tool> tool = catalogue_.find(name.view());
+    if (!tool)
+        return mcp::jsonRpcResult_(id, mcp::toolError_("Unknown tool: " + name, 404).view());
+    if (tool == McpToolCatalogue::Tool::ListServices)
+        return mcp::jsonRpcResult_(
+            id, mcp::toolResult_(ZnJsonObject{{"services", services_->publicViews()}}, false).view());
+    if (tool == McpToolCatalogue::Tool::GetService)
+        return mcp::jsonRpcResult_(id, getService_(arguments).view());
     ZnString refusal;
     message->service = serviceToCall_(arguments, &refusal);
     message->idText = id.toJson();
     return message->service ? ZnByteArray()
                             : ZnByteArray(mcp::jsonRpcResultTo_(message->idText.view(), refusal.view()));
-}
-
-ZnString McpTools::call_(const ZnString& name, const ZnJsonObject& arguments) const {
-    if (name == "bridge.list_services")
-        return mcp::toolResult_(ZnJsonObject{{"services", services_->publicViews()}}, false);
-    if (name == "bridge.get_service")
-        return getService_(arguments);
-    return mcp::toolError_("Unknown tool: " + name, 404);
 }
 
 ZnString McpTools::getService_(const ZnJsonObject& arguments) const {
@@ -115,7 +118,8 @@ McpReply McpTools::send_(McpMessage& message, McpForwardRequest request) {
     const McpBridgeServiceRecord& service = *message.service;
     const std::size_t requestBytes = request.body.size();
     McpForwardCall call(service, std::move(request), maxAnswerBytes_, *workers_);
-    McpCallsInFlight::Entry entry(*calls_, call, service.id);
+    McpCallsInFlight::Entry entry(*calls_, call, service.id,
+                                  message.mayCancel ? callKey(message.sessionId, message.idText) : ZnString());
     entry.hold(requestBytes);
     bool wasLarge = false; // also an answer that is not taken
     call.setGrowth([&](std::size_t answerBytes) {
@@ -125,6 +129,8 @@ McpReply McpTools::send_(McpMessage& message, McpForwardRequest request) {
     message.caller->whenGone([&] { call.end(McpForwardCall::kClientGone); });
     McpForwardResult result = call.run();
     message.caller->whenGone(nullptr);
+    if (result.errorCode == McpForwardCall::kCancelled)
+        return McpReply::ofStatus(202);
     if (result.errorCode == McpForwardCall::kTooManyBytes)
         return failure(message.idText.view(), McpCallsInFlight::kTooManyBytes);
     const auto answer = std::make_shared<McpRpcAnswer>(std::move(message.idText), std::move(result), service,
@@ -141,4 +147,8 @@ McpReply McpTools::send_(McpMessage& message, McpForwardRequest request) {
         return reply;
     reply.keptUntilSent = McpCallsInFlight::holdUnsent(calls_, reply.text.size());
     return reply.keptUntilSent ? std::move(reply) : failure(answer->idText().view(), McpCallsInFlight::kTooManyBytes);
+}
+
+void McpTools::cancel(const McpMessage& message) {
+    calls_->cancel(callKey(message.sessionId, message.cancelledIdText));
 }

@@ -64,15 +64,33 @@ int runCheck(const AgentOptions& options, BreltMcpBridgeAgent& agent) {
     return isFine ? 0 : kExitCheckFailed;
 }
 
+bool isRefused(const AgentOptions& options) {
+    return options.isOn("strict") && !options.remarks().empty();
+}
+
 /// False, with the reason on standard error, when the agent does not listen.
-bool start(const AgentOptions& options, std::uint16_t port, BreltMcpBridgeAgent& agent) {
-    warn(options.remarks(), "");
-    const bool isRefused = options.isOn("strict") && !options.remarks().empty();
-    if (!isRefused &&
+bool listen(const AgentOptions& options, std::uint16_t port, BreltMcpBridgeAgent& agent) {
+    if (!isRefused(options) &&
         agent.start(options.text("bind"), port, options.text("tls_cert_path"), options.text("tls_key_path")))
         return true;
     std::cerr << "[McpBridge] Unable to start on " << options.text("bind") << ":" << port << std::endl;
     return false;
+}
+
+/// False, with the reason on standard error, when the agent does not serve.
+bool start(const AgentOptions& options, BreltMcpBridgeAgent& agent, ZnCoreApplication& application) {
+    warn(options.remarks(), "");
+    const bool usesStdio = options.isOn("stdio");
+    const bool usesPort = !usesStdio || options.has("port");
+    const std::uint16_t port = usesPort ? options.port() : 0; // once: what is no number is logged
+    if (usesPort && !listen(options, port, agent))
+        return false;
+    if (usesStdio && (isRefused(options) || !agent.startStdio([&application] { application.quit(); })))
+        return false;
+    if (usesPort) // with messages on standard output it goes to standard error
+        std::cout << "[McpBridge] listening on " << options.text("bind") << ":" << port << " path "
+                  << options.text("mcp_path") << std::endl;
+    return true;
 }
 
 } // namespace
@@ -97,11 +115,8 @@ int main(int argc, char** argv) {
     }
     if (options.has("check") && options.isOn("check"))
         return runCheck(options, agent);
-    const std::uint16_t port = options.port(); // once: what is no number is logged
-    if (!start(options, port, agent))
+    if (!start(options, agent, application))
         return kExitStartFailed;
-    std::cout << "[McpBridge] listening on " << options.text("bind") << ":" << port << " path "
-              << options.text("mcp_path") << std::endl;
     const RunLimit runLimit(application, options.durationMs());
     return application.exec(0);
 }

@@ -305,7 +305,7 @@ TEST_F(McpForwardTest, WhatCallsHoldIsBounded) {
     McpCallsInFlight calls;
     McpForwardCall call(McpBridgeServiceRecord(), {}, 1024, *workers);
     {
-        McpCallsInFlight::Entry entry(calls, call, "s");
+        McpCallsInFlight::Entry entry(calls, call, "s", ZnString());
         EXPECT_TRUE(entry.hold(McpCallsInFlight::kMaxBytes));
         EXPECT_STREQ(calls.refusal("s", 1, false), "Too many bridge bytes in flight");
         EXPECT_FALSE(entry.hold(McpCallsInFlight::kMaxBytes + 1));

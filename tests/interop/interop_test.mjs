@@ -11,9 +11,12 @@ import { join } from 'node:path';
 import { after, before, describe, test } from 'node:test';
 
 import * as client2 from '@modelcontextprotocol/client';
+import { StdioClientTransport as Stdio2 } from '@modelcontextprotocol/client/stdio';
 import { Client as ClientNewest1 } from '@modelcontextprotocol/sdk/client/index.js';
+import { StdioClientTransport as StdioNewest1 } from '@modelcontextprotocol/sdk/client/stdio.js';
 import { StreamableHTTPClientTransport as TransportNewest1 } from '@modelcontextprotocol/sdk/client/streamableHttp.js';
 import { Client as Client1_18 } from 'sdk-1-18/client/index.js';
+import { StdioClientTransport as Stdio1_18 } from 'sdk-1-18/client/stdio.js';
 import { StreamableHTTPClientTransport as Transport1_18 } from 'sdk-1-18/client/streamableHttp.js';
 
 import { serverSdks, startEverything, startSdk2Handler, startSdkServer } from './servers.mjs';
@@ -25,12 +28,13 @@ const closeAll = () => closers.splice(0).forEach(close => close());
 process.on('exit', closeAll);
 
 const clientSdks = {
-    '1.18.2': { Client: Client1_18, Transport: Transport1_18, connectsAlways: true },
-    'newest 1.x': { Client: ClientNewest1, Transport: TransportNewest1 },
-    '2.x': { Client: client2.Client, Transport: client2.StreamableHTTPClientTransport },
+    '1.18.2': { Client: Client1_18, Transport: Transport1_18, Stdio: Stdio1_18, connectsAlways: true },
+    'newest 1.x': { Client: ClientNewest1, Transport: TransportNewest1, Stdio: StdioNewest1 },
+    '2.x': { Client: client2.Client, Transport: client2.StreamableHTTPClientTransport, Stdio: Stdio2 },
     '2.x that probes': {
         Client: client2.Client,
         Transport: client2.StreamableHTTPClientTransport,
+        Stdio: Stdio2,
         options: { versionNegotiation: { mode: 'auto' } },
     },
 };
@@ -70,6 +74,22 @@ async function connected({ Client, Transport, options }, url, use) {
         await client.transport.terminateSession();
     } finally {
         await client.close();
+    }
+}
+
+/// The agent as a command of the client's.
+async function connectedByStdio({ Client, Stdio, options }, use) {
+    const client = new Client({ name: 'test', version: '1' }, options);
+    const transport = new Stdio({ command: process.argv[2], args: stdioArguments, stderr: 'inherit' });
+    try {
+        await client.connect(transport);
+        await use(client);
+    } finally {
+        const ended = new Promise(done => { client.onclose = done; });
+        const began = Date.now();
+        await client.close();
+        await ended;
+        assert.ok(Date.now() - began < 1900, 'it ends with its input, and not by a signal two seconds later');
     }
 }
 
@@ -146,11 +166,12 @@ async function converseWithEverything(client) {
     assert.deepEqual(progressOf(slow), [[5, 1], [5, 2]]);
 }
 
-async function useBridgeTools(client) {
+async function useBridgeTools(client, dot = '.') {
     assert.equal(client.getServerVersion().name, 'brelt-mcp-bridge-agent');
     const { tools } = await client.listTools();
-    assert.deepEqual(tools.map(tool => tool.name), ['bridge.list_services', 'bridge.get_service', 'bridge.rpc']);
-    const { services } = await call(client, 'bridge.list_services');
+    assert.deepEqual(tools.map(tool => tool.name),
+        ['list_services', 'get_service', 'rpc'].map(name => `bridge${dot}${name}`));
+    const { services } = await call(client, `bridge${dot}list_services`);
     assert.ok(services.some(service => service.id === 'everything'));
     assert.deepEqual(await call(client, 'bridge.get_service', { serviceId: 'everything' }),
         services.find(service => service.id === 'everything'));
@@ -171,6 +192,7 @@ async function refuseBaseForm(client) {
 const received = [];
 const endpoints = {};
 let url; // of the agent, with interoperability on and off
+let stdioArguments;
 
 before(async () => {
     const start = async (id, starting) => {
@@ -186,6 +208,7 @@ before(async () => {
     const services = Object.entries(endpoints).map(([id, endpoint]) => ({ id, endpoint, timeoutMs: 10000 }));
     writeFileSync(join(directory, 'services.json'), JSON.stringify({ services }));
     const options = [`--services_file=${directory}/services.json`];
+    stdioArguments = [...options, '--stdio', '--mcp_interop', '--mcp_tool_names=safe'];
     url = { on: await startAgent([...options, '--mcp_interop']), off: await startAgent(options) };
 });
 after(closeAll);
@@ -197,6 +220,10 @@ for (const [clientName, sdk] of Object.entries(clientSdks)) {
         for (const [serviceId, form] of Object.entries(sdkServices))
             test(`server ${serviceId}`, () =>
                 connected(sdk, url.on, client => converseWithSdkServer(client, serviceId, form)));
+        test('standard input and output', () => connectedByStdio(sdk, async client => {
+            await useBridgeTools(client, '_');
+            await converseWithEverything(client);
+        }));
         test('interoperability off', async () => {
             if (!sdk.connectsAlways)
                 return assert.rejects(connected(sdk, url.off, () => {}), { code: -32602 });

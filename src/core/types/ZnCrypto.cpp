@@ -16,11 +16,11 @@ constexpr std::size_t kNormalKeyBytes = 32;
 constexpr std::size_t kMaxPadding = 16;
 
 /// The value of each byte in base64, -1 outside the alphabet.
-constexpr std::array<signed char, 256> kDigitValues = [] {
-    std::array<signed char, 256> values{};
+constexpr std::array<short, 256> kDigitValues = [] {
+    std::array<short, 256> values{};
     values.fill(-1);
     for (int value = 0; value < 64; ++value)
-        values[static_cast<unsigned char>(kAlphabet[value])] = static_cast<signed char>(value);
+        values[static_cast<unsigned char>(kAlphabet[value])] = static_cast<short>(value);
     return values;
 }();
 

@@ -174,7 +174,7 @@ void CommitQueue_::enqueue_(WritePtr_ write) {
         core_.commitCondition.notify_one();
 }
 
-void CommitQueue_::commitAsync(WritePtr_ write) {
+void CommitQueue_::commitAsync(const WritePtr_& write) {
     ZnEmbeddedDbStatus status;
     {
         const ZnMutexLocker locker(core_.mutex);

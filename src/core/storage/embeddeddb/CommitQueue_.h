@@ -32,7 +32,7 @@ public:
     /// Blocks until the write is committed, or has failed.
     ZnEmbeddedDbStatus commit(const std::shared_ptr<PendingWrite_>& write) ZN_EXCLUDES(core_.mutex);
     /// `write->whenDone` is called on the committing thread, or on this one when the write is refused.
-    void commitAsync(std::shared_ptr<PendingWrite_> write) ZN_EXCLUDES(core_.mutex);
+    void commitAsync(const std::shared_ptr<PendingWrite_>& write) ZN_EXCLUDES(core_.mutex);
     /// When it is Ok, everything committed before the call is on stable storage.
     ZnEmbeddedDbStatus sync(bool forClose) ZN_EXCLUDES(core_.mutex);
 

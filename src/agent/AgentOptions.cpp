@@ -37,6 +37,7 @@ constexpr Option kOptions[] = {
     {"mcp_interop", "false", "work with today's MCP clients and servers: true or false, alone it means true",
      "The protocol", Kind::Switch},
     {"mcp_tool_names", "dotted", "names of the tools: dotted, or safe (bridge_rpc), with which both are understood"},
+    {"mcp_call_tools", "false", "the tools of the services can be listed and called as such", nullptr, Kind::Switch},
     {"services_file", "mcp-bridge-services.json", "the allowlist", "Services"},
     {"max_answer_bytes", "16777216", "largest answer taken from a service, 1024 to 1073741824"},
     {"duration_ms", "0", "milliseconds to run; 0: until stopped", "Running"},
@@ -159,7 +160,7 @@ bool AgentOptions::configure(BreltMcpBridgeAgent& agent, ZnString* errorText) co
     if (const std::int64_t bytes = maxAnswerBytes_(); bytes != 0)
         agent.setMaxAnswerBytes(bytes);
     agent.setInterop(isOn("mcp_interop"));
-    agent.setTools({text("mcp_tool_names").trimmed() == "safe", false});
+    agent.setTools({text("mcp_tool_names").trimmed() == "safe", isOn("mcp_call_tools")});
     agent.setStrict(isOn("strict"));
     return true;
 }

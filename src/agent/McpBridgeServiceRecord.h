@@ -17,5 +17,8 @@ struct McpBridgeServiceRecord {
     ZnString tlsCaFile;
     bool enabled = true;
     bool interop = false;                       // requests and answers are exact, and answers may be event streams
+    bool keepsSessions = false;                 // calls without a session get one that the agent keeps
     std::int32_t timeoutMs = kDefaultTimeoutMs; // of one upstream call, 1 or more
+
+    std::int32_t limitMs() const noexcept { return timeoutMs < 1 ? kDefaultTimeoutMs : timeoutMs; }
 };

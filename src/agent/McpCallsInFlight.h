@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <list>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 /// The upstream calls in flight and what they hold, bounded: neither many calls nor large ones take what others need,
@@ -104,3 +105,12 @@ private:
     int reportCount_ = 0;        // in that second
     unsigned long long unreportedCount_ = 0;
 };
+
+namespace mcp {
+
+/// Under which a session's call is found; sessions choose the ids of their requests for themselves.
+inline ZnString callKey(std::string_view sessionId, const ZnString& idText) {
+    return ZnString(sessionId) + "\n" + idText;
+}
+
+} // namespace mcp

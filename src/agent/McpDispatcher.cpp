@@ -135,14 +135,22 @@ McpReply McpDispatcher::answer(McpMessage message) {
 McpReply McpDispatcher::finish_(McpMessage& message, McpReply& reply) {
     if (!message.cancelledIdText.isEmpty())
         tools_.cancel(message);
+    if (!message.evictedSession.isEmpty())
+        tools_.endClient(message.evictedSession);
     return message.service ? tools_.forward(message) : std::move(reply);
 }
 
 McpReply McpDispatcher::endSession(std::string_view id) {
     if (id.empty())
         return McpReply::error(400, "Missing Mcp-Session-Id header");
-    ZnMutexLocker locker(sessionsLock_);
-    return McpReply::ofStatus(sessions_.remove(id) ? 204 : 404);
+    const ZnString ended(id);
+    {
+        ZnMutexLocker locker(sessionsLock_);
+        if (!sessions_.remove(id))
+            return McpReply::ofStatus(404);
+    }
+    tools_.endClient(ended);
+    return McpReply::ofStatus(204);
 }
 
 /// Gives the answer, unless the message is a call that a service is to get.
@@ -176,7 +184,7 @@ McpReply McpDispatcher::processObject_(McpMessage* message) {
         return notify_(message, method);
     if (!isUsableId(id))
         return McpReply::json(mcp::jsonRpcError_(ZnJsonValue(), kInvalidRequest, "Invalid Request"));
-    return method == "initialize" ? initialize_(object) : dispatch_(message, method);
+    return method == "initialize" ? initialize_(message) : dispatch_(message, method);
 }
 
 McpReply McpDispatcher::notify_(McpMessage* message, std::string_view method) {
@@ -223,8 +231,9 @@ McpDispatcher::SessionRef_ McpDispatcher::requireSession_(const McpMessage& mess
     return session;
 }
 
-McpReply McpDispatcher::initialize_(const ZnJsonObject& request) {
+McpReply McpDispatcher::initialize_(McpMessage* message) {
     static const ZnJsonObject kNoParams;
+    const ZnJsonObject& request = message->object();
     const ZnJsonValue& id = request.value("id");
     const ZnJsonObject* params = request.value("params").object();
     if (params == nullptr)
@@ -236,7 +245,7 @@ McpReply McpDispatcher::initialize_(const ZnJsonObject& request) {
     if (!isExact_ && !isSupportedProtocol(requested.view()))
         return McpReply::json(
             mcp::jsonRpcError_(id, kInvalidParams, "Unsupported protocol version", unsupportedVersionData(requested)));
-    const SessionRef_ session = createSession_(*params);
+    const SessionRef_ session = createSession_(*params, &message->evictedSession);
     if (!session)
         return McpReply::json(mcp::jsonRpcError_(id, kServerBusy, "Too many sessions"));
     McpReply reply = McpReply::json(mcp::jsonRpcResult_(id, ZnJsonValue(initializeResult_()).toJson().view()));
@@ -254,7 +263,7 @@ ZnJsonObject McpDispatcher::initializeResult_() const {
 }
 
 /// Null when there are too many sessions.
-McpDispatcher::SessionRef_ McpDispatcher::createSession_(const ZnJsonObject& params) {
+McpDispatcher::SessionRef_ McpDispatcher::createSession_(const ZnJsonObject& params, ZnString* evicted) {
     auto session = std::make_shared<McpBridgeSession>();
     session->id = generateToken(kSessionIdBytes);
     if (session->id.isEmpty())
@@ -263,5 +272,5 @@ McpDispatcher::SessionRef_ McpDispatcher::createSession_(const ZnJsonObject& par
     session->clientName = clientText(params, "name");
     session->clientVersion = clientText(params, "version");
     ZnMutexLocker locker(sessionsLock_);
-    return sessions_.add(session, clock_()) ? session : nullptr;
+    return sessions_.add(session, clock_(), evicted) ? session : nullptr;
 }

@@ -52,9 +52,9 @@ private:
     McpReply processObject_(McpMessage* message);
     McpReply notify_(McpMessage* message, std::string_view method);
     McpReply dispatch_(McpMessage* message, std::string_view method);
-    McpReply initialize_(const ZnJsonObject& request);
+    McpReply initialize_(McpMessage* message);
     ZnJsonObject initializeResult_() const;
-    SessionRef_ createSession_(const ZnJsonObject& params);
+    SessionRef_ createSession_(const ZnJsonObject& params, ZnString* evicted);
     /// The session that the message names; null, with the answer, when there is none.
     SessionRef_ requireSession_(const McpMessage& message, McpReply* refusal);
 

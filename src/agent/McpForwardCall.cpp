@@ -3,6 +3,7 @@
 #include "agent/McpFailureText.h"
 #include "agent/McpJson.h"
 #include "agent/McpRpcAnswer.h"
+#include "agent/McpServiceHeaders.h"
 #include "agent/McpText.h"
 #include "agent/McpWork.h"
 
@@ -17,8 +18,8 @@ constexpr std::size_t kEventBytes = 64;      // what an event costs beside its t
 McpForwardCall::McpForwardCall(const McpBridgeServiceRecord& record, McpForwardRequest request,
                                std::int64_t maxAnswerBytes, McpWorkers& workers)
     : endpoint_(record.endpoint),
-      timeoutMs_(record.timeoutMs < 1 ? McpBridgeServiceRecord::kDefaultTimeoutMs : record.timeoutMs),
-      interop_(record.interop),
+      timeoutMs_(request.timeoutMs > 0 ? request.timeoutMs : record.limitMs()),
+      interop_(record.interop || request.isExact),
       maxAnswerBytes_(maxAnswerBytes),
       workers_(workers),
       request_(std::move(request)) {
@@ -27,10 +28,7 @@ McpForwardCall::McpForwardCall(const McpBridgeServiceRecord& record, McpForwardR
         client_.setHeader("Mcp-Protocol-Version", request_.protocolVersion);
     if (!request_.sessionId.isEmpty())
         client_.setHeader("Mcp-Session-Id", request_.sessionId);
-    if (!record.bearerToken.isEmpty())
-        client_.setHeader("Authorization", "Bearer " + record.bearerToken);
-    if (!record.tlsCaFile.isEmpty())
-        client_.setCaFile(record.tlsCaFile);
+    mcp::setServiceHeaders(client_, record);
     client_.setMaxResponseBytes(maxAnswerBytes_);
     client_.setStatusFraming(interop_);
     client_.setBodyObserver([this](const ZnMap<ZnString, ZnString>& headers, std::string_view bytes) {

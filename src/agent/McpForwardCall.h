@@ -19,6 +19,9 @@ struct McpForwardRequest {
     std::optional<ZnJsonValue> id; // of the object
     ZnString protocolVersion;      // header values: trimmed, without control characters; an empty one is not sent
     ZnString sessionId;
+    bool opensSession = false; // it is an "initialize"
+    bool isExact = false;      // as for a service with interoperability
+    int timeoutMs = 0;         // 0: the service's
 };
 
 /// One upstream call: an HTTP POST, its time limit, and the park of the fiber that waits for both.

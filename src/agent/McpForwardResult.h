@@ -7,6 +7,8 @@
 
 #include <cstdint>
 
+class McpWorkers;
+
 /// The outcome of one upstream call.
 struct McpForwardResult {
     /// What the service has sent; `errorCode` is one of ZnHttpClient, ZnSslSocket or McpForwardCall.
@@ -29,3 +31,11 @@ struct McpForwardResult {
     ZnJsonValue body;          // the answer of a decoded event stream; Null without one
     ZnJsonArray notifications; // the stream's other messages
 };
+
+namespace mcp {
+
+/// The message that a service has answered, read exactly and taken out of the result; Null when it is no JSON. Parks
+/// while a large one is read.
+ZnJsonValue readAnswer(McpForwardResult* result, McpWorkers& workers);
+
+} // namespace mcp

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "agent/McpBridgeServiceRecord.h"
+#include "agent/McpToolCatalogue.h"
 #include "core/types/ZnByteArray.h"
 #include "core/types/ZnJsonDocument.h"
 #include "core/types/ZnJsonObject.h"
@@ -47,6 +48,8 @@ struct McpMessage {
     ZnJsonDocument document; // an object, once the message has been read
     /// Set: there is no answer yet, since the message is a call that this service is to get.
     std::shared_ptr<const McpBridgeServiceRecord> service;
-    ZnString idText;          // of such a call, as JSON
+    McpToolCatalogue::Tool tool = McpToolCatalogue::Tool::Rpc; // of such a call
+    ZnString idText;                                           // of such a call, as JSON
+    ZnString evictedSession;  // made room for the one that this message has opened; empty: none did
     ZnString cancelledIdText; // of the call that this message cancels, as JSON; empty: it cancels none
 };

@@ -3,9 +3,12 @@
 #include "agent/McpHeaders.h"
 #include "agent/McpJson.h"
 
+#include <atomic>
 #include <utility>
 
 namespace {
+
+constexpr const char* kUnusableNumber = "Field 'request' holds a number that this service cannot take";
 
 /// The arguments of a "tools/call" that has been read before; null when it cannot be read in that way.
 const ZnJsonObject* argumentsOf(const ZnJsonDocument& message) {
@@ -31,20 +34,53 @@ void McpRpcRequest::build() {
         arguments = isRead ? argumentsOf(other) : nullptr;
     }
     text_.release();
-    if (arguments == nullptr || !arguments->value("request").isObject()) {
-        refusal_ = "Field 'request' holds a number that this service cannot take";
+    if (arguments == nullptr)
+        refusal_ = kUnusableNumber;
+    else if (form_ == Form::ToolCall)
+        makeToolCall_(*arguments);
+    else // texts that the exact reading has kept stay usable for a service of the dialect
+        takeRequest_(*arguments, reading_ == JsonReading::Exact ? *arguments : *asRead);
+}
+
+void McpRpcRequest::takeRequest_(const ZnJsonObject& arguments, const ZnJsonObject& texts) {
+    const ZnJsonValue& request = arguments.value("request");
+    if (!request.isObject()) {
+        refusal_ = kUnusableNumber;
         return;
     }
-    // Texts that the exact reading has kept stay usable for a service of the dialect.
-    const ZnJsonObject& texts = reading_ == JsonReading::Exact ? *arguments : *asRead;
     request_.protocolVersion = stringMember(texts, "protocolVersion");
     request_.sessionId = stringMember(texts, "sessionId");
     if (!mcp::isHeaderValue(request_.protocolVersion.view()))
         refusal_ = "Field 'protocolVersion' is not a valid header value";
     else if (!mcp::isHeaderValue(request_.sessionId.view()))
         refusal_ = "Field 'sessionId' is not a valid header value";
-    const ZnJsonValue& request = arguments->value("request");
+    request_.opensSession = request.object()->value("method").string() == "initialize";
     if (request.object()->contains("id"))
         request_.id = request.object()->value("id");
     request_.body = ZnByteArray(request.toJson());
 }
+
+void McpRpcRequest::makeToolCall_(const ZnJsonObject& arguments) {
+    ZnJsonObject params{{"name", arguments.value("name")}};
+    if (const ZnJsonValue& values = arguments.value("arguments"); !values.isNull())
+        params["arguments"] = values;
+    if (!arguments.value("name").isString())
+        refusal_ = "Field 'name' must be a string";
+    request_ = mcp::newRequest("tools/call", std::move(params));
+}
+
+namespace mcp {
+
+McpForwardRequest newRequest(const char* method, ZnJsonObject params) {
+    static std::atomic<long long> lastId{0};
+    McpForwardRequest request;
+    request.isExact = true;
+    request.id = ZnJsonValue(lastId.fetch_add(1, std::memory_order_relaxed) + 1);
+    ZnJsonObject message{{"jsonrpc", "2.0"}, {"id", *request.id}, {"method", method}};
+    if (!params.isEmpty())
+        message["params"] = std::move(params);
+    request.body = ZnByteArray(ZnJsonValue(std::move(message)).toJson());
+    return request;
+}
+
+} // namespace mcp

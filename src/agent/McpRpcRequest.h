@@ -4,15 +4,18 @@
 #include "core/types/ZnByteArray.h"
 #include "core/types/ZnJsonDocument.h"
 
-/// What a "bridge.rpc" asks to be sent, made from the client's message, which is given up by it.
+/// What a client asks to be sent to a service, made from its message, which is given up by it.
 ///
 /// Thread: a value; build() may run on another thread than the rest, since a large message takes long.
 class McpRpcRequest {
 public:
-    /// `message`: a "tools/call" with an object "request" among its arguments, read from `text`. The service wants it
-    /// `inReading`; with `isOther` that is not how the message was read.
-    McpRpcRequest(ZnJsonDocument message, ZnByteArray text, JsonReading inReading, bool isOther)
-        : message_(std::move(message)), text_(std::move(text)), reading_(inReading), isOther_(isOther) {}
+    /// AsGiven: the argument "request"; ToolCall: one that calls the tool of the arguments "name" and "arguments".
+    enum class Form { AsGiven, ToolCall };
+
+    /// `message`: a "tools/call" with such arguments, read from `text`. The service wants it `inReading`; with
+    /// `isOther` that is not how the message was read.
+    McpRpcRequest(Form form, ZnJsonDocument message, ZnByteArray text, JsonReading inReading, bool isOther)
+        : form_(form), message_(std::move(message)), text_(std::move(text)), reading_(inReading), isOther_(isOther) {}
 
     /// Once.
     void build();
@@ -21,6 +24,10 @@ public:
     McpForwardRequest take() { return std::move(request_); }
 
 private:
+    void takeRequest_(const ZnJsonObject& arguments, const ZnJsonObject& texts);
+    void makeToolCall_(const ZnJsonObject& arguments);
+
+    Form form_;
     ZnJsonDocument message_;
     ZnByteArray text_;
     JsonReading reading_;
@@ -28,3 +35,10 @@ private:
     const char* refusal_ = nullptr;
     McpForwardRequest request_;
 };
+
+namespace mcp {
+
+/// A request of the agent's own, which is read and answered exactly. Without params when they are empty.
+McpForwardRequest newRequest(const char* method, ZnJsonObject params);
+
+} // namespace mcp

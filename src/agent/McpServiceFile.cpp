@@ -14,9 +14,10 @@ namespace {
 
 const std::vector<std::string_view> kMembers = {"id",      "title",       "description",  "transport", "endpoint",
                                                 "url",     "bearerToken", "bearer_token", "tlsCaFile", "tls_ca_file",
-                                                "enabled", "timeoutMs",   "interop"};
-constexpr std::string_view kTextMembers[] = {"id",  "title",       "description",  "transport", "endpoint",
-                                             "url", "bearerToken", "bearer_token", "tlsCaFile", "tls_ca_file"};
+                                                "enabled", "timeoutMs",   "interop",      "session"};
+constexpr std::string_view kTextMembers[] = {"id",        "title",       "description", "transport",
+                                             "endpoint",  "url",         "bearerToken", "bearer_token",
+                                             "tlsCaFile", "tls_ca_file", "session"};
 constexpr std::string_view kBooleanMembers[] = {"enabled", "interop"};
 
 using Entry = McpServiceFile::Entry_;
@@ -58,6 +59,7 @@ McpBridgeServiceRecord readService(const Entry& entry, bool interopDefault) {
         record.enabled = enabled.toBool(false);
     const ZnJsonValue& interop = entry.values->value("interop");
     record.interop = interop.isNull() ? interopDefault : interop.toBool(false);
+    record.keepsSessions = mcp::textMember_(texts, "session") == "auto";
     if (const int timeoutMs = entry.values->value("timeoutMs").toInt(0); timeoutMs >= 1)
         record.timeoutMs = timeoutMs;
     return record;
@@ -83,6 +85,9 @@ public:
         const ZnJsonValue& timeoutMs = entry_.written->value("timeoutMs");
         if (!timeoutMs.isNull() && (timeoutMs.type() != JsonType::Integer || timeoutMs.toInt(0) < 1))
             remark_("timeoutMs", "must be a whole number of milliseconds above 0");
+        const ZnString session = mcp::textMember_(*entry_.texts, "session");
+        if (!session.isEmpty() && session != "auto" && session != "none")
+            remark_("session", "must be \"auto\" or \"none\"");
         if (!record_.endpoint.isEmpty() && !ZnHttpClient::isUsableUrl(record_.endpoint))
             remark_(mcp::textMember_(*entry_.texts, "endpoint").isEmpty() ? "url" : "endpoint",
                     "is no usable URL: http:// or https://, a host, perhaps a port and a path");

@@ -2,12 +2,16 @@
 
 #include <utility>
 
-bool McpSessionTable::makeRoom_(const Order_& order, long long idleNs, long long nowNs) {
-    return !order.empty() && nowNs - order.front().lastUsedNs >= idleNs && remove(order.front().session->id.view());
+bool McpSessionTable::makeRoom_(const Order_& order, long long idleNs, long long nowNs, ZnString* evicted) {
+    if (order.empty() || nowNs - order.front().lastUsedNs < idleNs)
+        return false;
+    *evicted = order.front().session->id;
+    return remove(evicted->view());
 }
 
-bool McpSessionTable::add(std::shared_ptr<McpBridgeSession> session, long long nowNs) {
-    if (byId_.size() >= kMaxSessions && !makeRoom_(unused_, kUnusedNs, nowNs) && !makeRoom_(used_, kIdleNs, nowNs))
+bool McpSessionTable::add(std::shared_ptr<McpBridgeSession> session, long long nowNs, ZnString* evicted) {
+    if (byId_.size() >= kMaxSessions && !makeRoom_(unused_, kUnusedNs, nowNs, evicted) &&
+        !makeRoom_(used_, kIdleNs, nowNs, evicted))
         return false;
     const std::string_view id = session->id.view();
     remove(id); // a key must lie in the session that it leads to

@@ -18,8 +18,9 @@ public:
     static constexpr long long kIdleNs = 3600LL * 1000000000;
     static constexpr long long kUnusedNs = 60LL * 1000000000;
 
-    /// False, with nothing changed, when the table is full of sessions that must not go yet.
-    bool add(std::shared_ptr<McpBridgeSession> session, long long nowNs);
+    /// False, with nothing changed, when the table is full of sessions that must not go yet. `*evicted`: the id of the
+    /// one that made room, if any did.
+    bool add(std::shared_ptr<McpBridgeSession> session, long long nowNs, ZnString* evicted);
     /// Null for an unknown id. A session that is found counts as used now.
     std::shared_ptr<McpBridgeSession> find(std::string_view id, long long nowNs);
     bool remove(std::string_view id);
@@ -33,7 +34,7 @@ private:
     };
     using Order_ = std::list<Entry_>;
 
-    bool makeRoom_(const Order_& order, long long idleNs, long long nowNs);
+    bool makeRoom_(const Order_& order, long long idleNs, long long nowNs, ZnString* evicted);
 
     Order_ unused_;                                  // made, and never asked for since; the oldest first
     Order_ used_;                                    // idle the longest first

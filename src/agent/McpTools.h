@@ -1,8 +1,8 @@
 #pragma once
 
-#include "agent/McpCallsInFlight.h"
 #include "agent/McpMessage.h"
 #include "agent/McpReply.h"
+#include "agent/McpServiceCall.h"
 #include "agent/McpServiceList.h"
 #include "agent/McpToolCatalogue.h"
 #include "agent/McpWork.h"
@@ -17,15 +17,13 @@
 /// call in flight.
 class McpTools {
 public:
-    static constexpr std::int64_t kDefaultAnswerBytes = 16777216; // of a service
-
     McpTools(std::shared_ptr<McpServiceList> services, std::shared_ptr<McpWorkers> workers)
-        : services_(std::move(services)), workers_(std::move(workers)) {}
+        : context_{std::move(services), std::move(workers)} {}
 
     /// Set before the first message.
-    void setMaxAnswerBytes(std::int64_t maxBytes) { maxAnswerBytes_ = maxBytes; }
+    void setMaxAnswerBytes(std::int64_t maxBytes) { context_.maxAnswerBytes = maxBytes; }
     /// Messages are read exactly, not in the agent's JSON dialect.
-    void setExact(bool isExact) { isExact_ = isExact; }
+    void setExact(bool isExact) { context_.isExact = isExact; }
     void setCatalogue(const McpToolCatalogue::Options& options) { catalogue_ = McpToolCatalogue(options); }
 
     const McpToolCatalogue& catalogue() const noexcept { return catalogue_; }
@@ -33,25 +31,24 @@ public:
     /// The response to a "tools/call". Of one that a service is to get, nothing, with `message->service` set.
     ZnByteArray answer(McpMessage* message) const;
     /// The response to a message that has a service to go to. Parks until the service has answered.
-    McpReply forward(McpMessage& message);
+    McpReply forward(McpMessage& message) { return McpServiceCall(context_, message).run(); }
 
     /// Ends the call that the message cancels; nothing when it has ended.
     void cancel(const McpMessage& message);
     /// Ends the calls in flight; from now on none begins.
-    void stop() { calls_->stop(); }
-    bool isIdle() const noexcept { return calls_->isEmpty(); }
+    void stop() {
+        context_.inFlight->stop();
+        context_.sessions->endAll();
+    }
+    bool isIdle() const noexcept { return context_.inFlight->isEmpty() && context_.sessions->isIdle(); }
+    /// The client's session has ended, and with it what was kept for it.
+    void endClient(const ZnString& sessionId) { context_.sessions->endClient(sessionId); }
 
 private:
     ZnString getService_(const ZnJsonObject& arguments) const;
-    McpServiceList::Ref serviceToCall_(const ZnJsonObject& arguments, ZnString* refusal) const;
-    /// What is to be sent; nothing, with the reason, when it cannot be.
-    bool build_(McpMessage& message, McpForwardRequest* request, ZnString* refusal);
-    McpReply send_(McpMessage& message, McpForwardRequest request);
+    McpServiceList::Ref serviceToCall_(McpToolCatalogue::Tool tool, const ZnJsonObject& arguments,
+                                       ZnString* refusal) const;
 
-    const std::shared_ptr<McpServiceList> services_;
-    const std::shared_ptr<McpWorkers> workers_;
-    const std::shared_ptr<McpCallsInFlight> calls_ = std::make_shared<McpCallsInFlight>();
-    std::int64_t maxAnswerBytes_ = kDefaultAnswerBytes;
-    bool isExact_ = false;
+    McpCallContext context_;
     McpToolCatalogue catalogue_{{}};
 };

@@ -14,6 +14,7 @@ struct BreltMcpBridgeAgentTestPeer {
     static bool parseServices(BreltMcpBridgeAgent& agent, const ZnString& text, ZnString* error) {
         return agent.services_->read(text, agent.servicesFile_, agent.isInterop_, error);
     }
+    static McpDispatcher& dispatcher(BreltMcpBridgeAgent& agent) { return *agent.dispatcher_; }
     static ZnHttpTimeouts timeouts(BreltMcpBridgeAgent& agent) { return agent.timeouts_(ZnHttpTimeouts()); }
     static void setClock(BreltMcpBridgeAgent& agent, std::function<long long()> clock) {
         agent.gate_.settings().clock = clock;

@@ -9,6 +9,7 @@ import net from 'node:net';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { after, before, describe, test } from 'node:test';
+import { setTimeout as sleep } from 'node:timers/promises';
 
 import * as client2 from '@modelcontextprotocol/client';
 import { StdioClientTransport as Stdio2 } from '@modelcontextprotocol/client/stdio';
@@ -166,15 +167,39 @@ async function converseWithEverything(client) {
     assert.deepEqual(progressOf(slow), [[5, 1], [5, 2]]);
 }
 
-async function useBridgeTools(client, dot = '.') {
+async function useBridgeTools(client, dot = '.', more = []) {
     assert.equal(client.getServerVersion().name, 'brelt-mcp-bridge-agent');
     const { tools } = await client.listTools();
     assert.deepEqual(tools.map(tool => tool.name),
-        ['list_services', 'get_service', 'rpc'].map(name => `bridge${dot}${name}`));
+        ['list_services', 'get_service', 'rpc', ...more].map(name => `bridge${dot}${name}`));
     const { services } = await call(client, `bridge${dot}list_services`);
     assert.ok(services.some(service => service.id === 'everything'));
     assert.deepEqual(await call(client, 'bridge.get_service', { serviceId: 'everything' }),
         services.find(service => service.id === 'everything'));
+}
+
+/// The tools of a service as tools, and requests in the session that the agent keeps with it.
+async function useServiceTools(client, serviceId, names) {
+    const { tools } = await call(client, 'bridge_list_tools', { serviceId });
+    assert.deepEqual(names.filter(name => !tools.some(tool => tool.name === name && tool.inputSchema)), []);
+    const rpc = upstream(client, serviceId);
+    assert.deepEqual((await rpc(3, 'tools/list')).body.result.tools.map(tool => tool.name), tools.map(tool => tool.name));
+    return (name, args) => client.callTool({ name: 'bridge_call_tool', arguments: { serviceId, name, arguments: args } });
+}
+
+async function useToolsOfServices(client) {
+    for (const serviceId of Object.keys(sdkServices)) {
+        const callTool = await useServiceTools(client, serviceId, ['values', 'fail', 'slow']);
+        const values = { text: '123', number: 1e21, nested: { a: ['1.10', null], o: {} } };
+        assert.deepEqual((await callTool('values', values)).structuredContent, values);
+        assert.equal((await callTool('fail', {})).isError, true);
+        assert.equal((await callTool('no such tool', {})).isError, true);
+    }
+    const callTool = await useServiceTools(client, 'everything', ['echo', 'get-tiny-image', 'get-resource-links']);
+    const { content } = await callTool('get-tiny-image', {});
+    assert.ok(content.some(part => part.type === 'image' && part.mimeType === 'image/png' && part.data.length > 1000));
+    const links = await callTool('get-resource-links', { count: 2 });
+    assert.equal(links.content.filter(part => part.type === 'resource_link').length, 2);
 }
 
 /// Without interoperability: the bridge's own tools work, and official servers refuse its form of a request.
@@ -205,10 +230,10 @@ before(async () => {
     await start('everything', startEverything());
     const directory = mkdtempSync(join(tmpdir(), 'interop-'));
     closers.push(() => rmSync(directory, { recursive: true }));
-    const services = Object.entries(endpoints).map(([id, endpoint]) => ({ id, endpoint, timeoutMs: 10000 }));
+    const services = Object.entries(endpoints).map(([id, endpoint]) => ({ id, endpoint, timeoutMs: 10000, session: 'auto' }));
     writeFileSync(join(directory, 'services.json'), JSON.stringify({ services }));
     const options = [`--services_file=${directory}/services.json`];
-    stdioArguments = [...options, '--stdio', '--mcp_interop', '--mcp_tool_names=safe'];
+    stdioArguments = [...options, '--stdio', '--mcp_interop', '--mcp_tool_names=safe', '--mcp_call_tools'];
     url = { on: await startAgent([...options, '--mcp_interop']), off: await startAgent(options) };
 });
 after(closeAll);
@@ -220,10 +245,21 @@ for (const [clientName, sdk] of Object.entries(clientSdks)) {
         for (const [serviceId, form] of Object.entries(sdkServices))
             test(`server ${serviceId}`, () =>
                 connected(sdk, url.on, client => converseWithSdkServer(client, serviceId, form)));
-        test('standard input and output', () => connectedByStdio(sdk, async client => {
-            await useBridgeTools(client, '_');
-            await converseWithEverything(client);
-        }));
+        test('standard input and output', async () => {
+            const first = received.length;
+            await connectedByStdio(sdk, async client => {
+                await useBridgeTools(client, '_', ['list_tools', 'call_tool']);
+                await useToolsOfServices(client);
+            });
+            const sent = received.slice(first);
+            const stateful = Object.values(sdkServices).filter(form => form.stateful);
+            const ended = () => received.slice(first).filter(({ method }) => method === 'DELETE').length;
+            for (let i = 0; i < 100 && ended() < stateful.length; ++i)
+                await sleep(10); // 1.18.2 does not wait for the end of the command
+            assert.equal(ended(), stateful.length);
+            assert.equal(sent.filter(({ text }) => text.includes('"method": "initialize"')).length,
+                Object.keys(sdkServices).length);
+        });
         test('interoperability off', async () => {
             if (!sdk.connectsAlways)
                 return assert.rejects(connected(sdk, url.off, () => {}), { code: -32602 });

@@ -49,7 +49,7 @@ async function listen(received, handle) {
     const server = http.createServer(async (request, response) => {
         const pieces = await request.toArray();
         const text = Buffer.concat(pieces).toString();
-        received.push({ headers: request.headers, text });
+        received.push({ method: request.method, headers: request.headers, text });
         await handle(request, response, text);
     });
     await once(server.listen(0, '127.0.0.1'), 'listening');
@@ -70,14 +70,14 @@ export async function startSdkServer(sdk, { stateful, json }, received) {
             });
             await makeServer(sdk).connect(transport);
         }
-        await transport.handleRequest(request, response, JSON.parse(text));
+        await transport.handleRequest(request, response, text ? JSON.parse(text) : undefined);
     });
 }
 
 /// The 2.x SDK's own way to serve both today's clients and those of the next protocol.
 export async function startSdk2Handler(received) {
     const handle = toNodeHandler(createMcpHandler(() => makeServer(serverSdks['2.x'])));
-    return listen(received, (request, response, text) => handle(request, response, JSON.parse(text)));
+    return listen(received, (request, response, text) => handle(request, response, text ? JSON.parse(text) : undefined));
 }
 
 /// server-everything chooses its own address, so loopback and a free port are put in its way.

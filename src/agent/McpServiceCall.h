@@ -1,0 +1,67 @@
+#pragma once
+
+#include "agent/McpCallsInFlight.h"
+#include "agent/McpForwardCall.h"
+#include "agent/McpMessage.h"
+#include "agent/McpReply.h"
+#include "agent/McpServiceList.h"
+#include "agent/McpServiceSessions.h"
+#include "agent/McpWork.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+/// What all calls to services share.
+///
+/// Thread: that of the loop, once the first message has come. Owner: the tools, which outlive every call.
+struct McpCallContext {
+    static constexpr std::int64_t kDefaultAnswerBytes = 16777216; // of a service
+
+    const std::shared_ptr<McpServiceList> services;
+    const std::shared_ptr<McpWorkers> workers;
+    const std::shared_ptr<McpCallsInFlight> inFlight = std::make_shared<McpCallsInFlight>();
+    const std::shared_ptr<McpServiceSessions> sessions = std::make_shared<McpServiceSessions>(workers);
+    std::int64_t maxAnswerBytes = kDefaultAnswerBytes;
+    bool isExact = false; // how messages are read
+};
+
+/// The call of one tool that a service answers: what is sent, in which session, and what becomes of the answer.
+///
+/// Thread: one, on a pooled fiber; the call lives on that fiber's stack.
+class McpServiceCall {
+public:
+    McpServiceCall(McpCallContext& context, McpMessage& message)
+        : context_(context), message_(message), service_(*message.service) {}
+    McpServiceCall(const McpServiceCall&) = delete;
+    McpServiceCall& operator=(const McpServiceCall&) = delete;
+
+    /// Parks until the service has answered. Once.
+    McpReply run();
+
+private:
+    McpReply forward_();
+    McpReply listTools_();
+    /// What is to be sent; nothing, with the reason, when it cannot be.
+    bool build_(McpForwardRequest* request, ZnString* refusal);
+    McpForwardResult exchange_(McpForwardRequest request);
+    bool isManaged_(const McpForwardRequest& request) const;
+    McpForwardResult exchangeInSession_(McpForwardRequest request);
+    McpForwardResult post_(McpForwardRequest request);
+    int leftMs_() const;
+
+    template <typename Answer>
+    McpReply finish_(const std::shared_ptr<Answer>& answer);
+    McpReply holdUntilSent_(McpReply reply);
+    McpReply refused_(const ZnString& toolResult) const;
+    McpReply failed_(const char* text) const;
+
+    McpCallContext& context_;
+    McpMessage& message_;
+    const McpBridgeServiceRecord& service_;
+    std::optional<McpForwardCall> call_; // the last one; it has ended unless this fiber is in it
+    std::optional<McpCallsInFlight::Entry> entry_;
+    const char* refusal_ = nullptr; // there was no room for the call or its answer
+    bool wasLarge_ = false;         // an answer, also one that was not taken
+    long long deadlineNs_ = 0;      // of several exchanges together; 0: there is one, with a limit of its own
+};

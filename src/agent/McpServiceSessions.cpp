@@ -1,0 +1,230 @@
+#include "agent/McpServiceSessions.h"
+
+#include "agent/McpHeaders.h"
+#include "agent/McpJson.h"
+#include "agent/McpRpcRequest.h"
+#include "agent/McpServiceHeaders.h"
+#include "core/io/ZnHttpClient.h"
+#include "core/runtime/ZnEventLoop.h"
+#include "core/runtime/ZnTimer.h"
+#include "core/types/ZnVersion.h"
+
+#include <algorithm>
+#include <list>
+#include <string_view>
+#include <utility>
+
+namespace {
+
+constexpr std::size_t kMaxEndings = 64; // at a time; others end when the service has had enough of them
+constexpr int kEndingMs = 3000;
+constexpr std::string_view kUnderstood[] = {"2024-11-05", "2025-03-26", "2025-06-18", "2025-11-25"};
+
+McpForwardRequest initializeRequest() {
+    return mcp::newRequest(
+        "initialize", {{"protocolVersion", McpServiceSessions::kProtocolVersion},
+                       {"capabilities", ZnJsonObject()},
+                       {"clientInfo", ZnJsonObject{{"name", "brelt-mcp-bridge-agent"}, {"version", zn::kVersion}}}});
+}
+
+McpForwardResult refusal(const char* text) {
+    McpForwardResult result;
+    result.transportOk = result.lacksAnswer = true;
+    result.message = text;
+    return result;
+}
+
+} // namespace
+
+struct McpServiceSessions::Entry_ {
+    ServiceRef service;
+    SessionRef session;                          // null before the handshake has succeeded
+    std::shared_ptr<const McpForwardResult> why; // it failed
+    bool isOpening = false;
+    bool isRemoved = false;
+    std::list<ZnEventLoop*> waiting; // for the handshake
+};
+
+/// Tells a service that a session is over. Deletes itself.
+class McpServiceSessions::Ending_ final : public ZnObject {
+public:
+    Ending_(std::shared_ptr<McpServiceSessions> sessions, const Entry_& entry)
+        : sessions_(std::move(sessions)), service_(entry.service) {
+        ++sessions_->endingCount_;
+        mcp::setServiceHeaders(client_, *service_);
+        client_.setHeader("Mcp-Session-Id", entry.session->id);
+        client_.setHeader("Mcp-Protocol-Version", entry.session->protocolVersion);
+        client_.setMaxResponseBytes(65536);
+        client_.connect(&ZnHttpClient::finished, this, &ZnObject::deleteLater);
+        client_.connect(&ZnHttpClient::errorOccurred, this, [this](int) { deleteLater(); });
+        timer_.connect(&ZnTimer::timeout, this, &ZnObject::deleteLater);
+        timer_.setSingleShot(true);
+        timer_.start(kEndingMs);
+    }
+    ~Ending_() override { --sessions_->endingCount_; }
+    void run() { client_.request(ZnHttpClient::Delete, service_->endpoint, ZnByteArray(), ZnString()); }
+
+private:
+    const std::shared_ptr<McpServiceSessions> sessions_;
+    const ServiceRef service_;
+    ZnHttpClient client_;
+    ZnTimer timer_;
+};
+
+McpServiceSessions::SessionRef McpServiceSessions::open(const McpMessage& message, int maxWaitMs,
+                                                        const Exchange& exchange, McpForwardResult* failure) {
+    for (;;) {
+        const EntryRef_ entry = entryFor_(message);
+        if (!entry) {
+            *failure = refusal("Too many sessions with services");
+            return nullptr;
+        }
+        if (entry->session)
+            return entry->session;
+        if (!entry->isOpening) {
+            if (!handshake_(*entry, exchange, failure))
+                remove_(ZnString(message.sessionId), entry);
+            return entry->session;
+        }
+        if (!wait_(*entry, *message.caller, maxWaitMs)) {
+            *failure = McpForwardResult::failure(McpForwardCall::kTimedOut);
+            return nullptr;
+        }
+        if (entry->why) {
+            *failure = *entry->why;
+            return nullptr;
+        }
+    }
+}
+
+McpServiceSessions::EntryRef_ McpServiceSessions::find_(const McpMessage& message) const {
+    const auto services = byClient_.find(message.sessionId);
+    return services == byClient_.end() ? nullptr : services->second.value(message.service->id);
+}
+
+/// Null when there are too many. An entry that was made for another form of the service does not count.
+McpServiceSessions::EntryRef_ McpServiceSessions::entryFor_(const McpMessage& message) {
+    const ZnString clientId(message.sessionId);
+    if (const EntryRef_ entry = find_(message)) {
+        if (entry->service == message.service)
+            return entry;
+        remove_(clientId, entry);
+    }
+    if (count_ >= kMaxSessions)
+        return nullptr;
+    auto entry = std::make_shared<Entry_>();
+    entry->service = message.service;
+    byClient_[clientId].insert(message.service->id, entry);
+    ++count_;
+    return entry;
+}
+
+void McpServiceSessions::remove_(const ZnString& clientId, const EntryRef_& entry) {
+    if (std::exchange(entry->isRemoved, true))
+        return;
+    --count_;
+    Services_& services = byClient_[clientId];
+    services.remove(entry->service->id);
+    if (services.isEmpty())
+        byClient_.remove(clientId);
+    end_(*entry);
+}
+
+// --- the handshake
+
+bool McpServiceSessions::handshake_(Entry_& entry, const Exchange& exchange, McpForwardResult* failure) {
+    entry.isOpening = true;
+    *failure = exchange(initializeRequest());
+    SessionRef session = failure->isSuccess() ? agree_(failure) : nullptr;
+    if (session) {
+        McpForwardRequest note;
+        note.body = ZnByteArray(R"({"jsonrpc": "2.0","method": "notifications/initialized"})");
+        note.sessionId = session->id;
+        note.protocolVersion = session->protocolVersion;
+        note.isExact = true;
+        *failure = exchange(std::move(note));
+        if (!failure->isSuccess())
+            session = nullptr;
+    }
+    entry.isOpening = false;
+    entry.session = session;
+    // Those who wait share the answer of the service, but not that this call's client has left.
+    if (!session && failure->errorCode != McpForwardCall::kClientGone &&
+        failure->errorCode != McpForwardCall::kCancelled)
+        entry.why = std::make_shared<McpForwardResult>(*failure);
+    for (ZnEventLoop* loop : std::exchange(entry.waiting, {}))
+        loop->quit();
+    if (session && entry.isRemoved)
+        end_(entry); // the client has left meanwhile
+    return session != nullptr;
+}
+
+/// Null, with `*answer` made a failure, when the answer is no agreement.
+McpServiceSessions::SessionRef McpServiceSessions::agree_(McpForwardResult* answer) {
+    const ZnJsonValue message = mcp::readAnswer(answer, *workers_);
+    const ZnJsonObject* object = message.object();
+    const ZnJsonObject* result = object == nullptr ? nullptr : object->value("result").object();
+    auto session = std::make_shared<Session>();
+    session->id = answer->mcpSessionId;
+    if (result != nullptr)
+        session->protocolVersion = mcp::textMember_(*result, "protocolVersion");
+    const bool isUnderstood = std::find(std::begin(kUnderstood), std::end(kUnderstood),
+                                        session->protocolVersion.view()) != std::end(kUnderstood);
+    if (isUnderstood && mcp::isHeaderValue(session->id.view()))
+        return session;
+    answer->lacksAnswer = true;
+    answer->message = result == nullptr ? "the service has refused the handshake"
+                                        : "the service speaks no version of the protocol that the agent knows";
+    return nullptr;
+}
+
+/// False when the handshake of another call has not ended in time, or nobody waits for its end any more.
+bool McpServiceSessions::wait_(Entry_& entry, McpCaller& caller, int maxWaitMs) {
+    ZnEventLoop loop;
+    bool isGone = false;
+    entry.waiting.push_back(&loop);
+    caller.whenGone([&] {
+        isGone = true;
+        loop.quit();
+    });
+    loop.exec(std::max(maxWaitMs, 1));
+    caller.whenGone(nullptr);
+    const auto place = std::find(entry.waiting.begin(), entry.waiting.end(), &loop);
+    const bool isStillWaiting = place != entry.waiting.end();
+    if (isStillWaiting)
+        entry.waiting.erase(place);
+    return !isGone && !isStillWaiting;
+}
+
+// --- the end
+
+void McpServiceSessions::forget(const McpMessage& message, const SessionRef& session) {
+    const EntryRef_ entry = find_(message);
+    if (!entry || entry->session != session)
+        return;               // another call has noticed it before
+    entry->session = nullptr; // there is nothing left to end
+    remove_(ZnString(message.sessionId), entry);
+}
+
+void McpServiceSessions::endClient(const ZnString& clientSessionId) {
+    const auto found = byClient_.find(clientSessionId);
+    if (found == byClient_.end())
+        return;
+    const Services_ services = std::move(found->second);
+    byClient_.erase(found);
+    for (const auto& [id, entry] : services) {
+        entry->isRemoved = true;
+        --count_;
+        end_(*entry);
+    }
+}
+
+void McpServiceSessions::endAll() {
+    while (!byClient_.isEmpty())
+        endClient(ZnString(byClient_.begin()->first));
+}
+
+void McpServiceSessions::end_(const Entry_& entry) {
+    if (entry.session && !entry.session->id.isEmpty() && endingCount_ < kMaxEndings)
+        (new Ending_(shared_from_this(), entry))->run();
+}

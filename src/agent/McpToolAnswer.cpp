@@ -1,0 +1,57 @@
+#include "agent/McpToolAnswer.h"
+
+#include "agent/McpForwardCall.h"
+#include "agent/McpJson.h"
+#include "agent/McpRpcAnswer.h"
+#include "agent/McpText.h"
+
+#include <utility>
+
+namespace {
+
+constexpr int kBadGateway = 502; // of HTTP, for people who know it
+constexpr int kGatewayTimeout = 504;
+
+} // namespace
+
+bool McpToolAnswer::isLarge() const noexcept {
+    return result_.rawBody.size() >= McpRpcAnswer::kLargeBytes;
+}
+
+void McpToolAnswer::build() {
+    ZnJsonValue message = readAnswer_();
+    const ZnJsonObject* object = message.object();
+    const ZnJsonValue* result = object == nullptr ? nullptr : &object->value("result");
+    if (result_.isSuccess() && result != nullptr && result->isObject()) {
+        text_ = ZnByteArray(mcp::jsonRpcResultTo_(idText_.view(), result->toJson().view()));
+        return;
+    }
+    const ZnJsonObject* error = object == nullptr ? nullptr : object->value("error").object();
+    const ZnJsonValue payload(failure_(error));
+    text_ = ZnByteArray(mcp::jsonRpcResultTo_(idText_.view(), mcp::toolResult_(payload, true).view()));
+}
+
+ZnJsonValue McpToolAnswer::readAnswer_() {
+    if (result_.isDecoded)
+        return std::move(result_.body);
+    ZnString error;
+    const ZnByteArray text = mcp::wellFormed(std::move(result_.rawBody));
+    ZnJsonDocument document = ZnJsonDocument::fromJson(text.view(), &error, JsonReading::Exact, mcp::kMaxJsonValues);
+    return error.isEmpty() ? std::move(document.root()) : ZnJsonValue();
+}
+
+/// An error of the service is told with its words; its code and data say more than the status.
+ZnJsonObject McpToolAnswer::failure_(const ZnJsonObject* error) const {
+    const bool isLate = result_.errorCode == McpForwardCall::kTimedOut;
+    const int status = result_.statusCode != 0 ? result_.statusCode : isLate ? kGatewayTimeout : kBadGateway;
+    const bool isEmpty = result_.message.isEmpty();
+    ZnJsonObject payload{{"error", isEmpty ? ZnString("the service gave no result") : result_.message},
+                         {"statusCode", status}};
+    if (error == nullptr)
+        return payload;
+    payload["error"] = error->value("message");
+    payload["code"] = error->value("code");
+    if (const ZnJsonValue& data = error->value("data"); !data.isNull())
+        payload["data"] = data;
+    return payload;
+}

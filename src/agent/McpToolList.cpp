@@ -1,0 +1,38 @@
+#include "agent/McpToolList.h"
+
+#include "agent/McpJson.h"
+#include "agent/McpRpcAnswer.h"
+#include "agent/McpRpcRequest.h"
+
+#include <utility>
+
+McpForwardRequest McpToolList::nextRequest() const {
+    if (cursor_.isEmpty())
+        return mcp::newRequest("tools/list", ZnJsonObject());
+    return mcp::newRequest("tools/list", {{"cursor", cursor_}});
+}
+
+bool McpToolList::take(ZnJsonValue answer, std::size_t byteCount) {
+    ZnJsonObject* message = answer.object();
+    ZnJsonObject* result = message == nullptr ? nullptr : (*message)["result"].object();
+    ZnJsonArray* tools = result == nullptr ? nullptr : (*result)["tools"].array();
+    problem_ = "the service gave no list of tools";
+    if (tools == nullptr)
+        return false;
+    for (ZnJsonValue& tool : *tools)
+        tools_.append(std::move(tool));
+    cursor_ = ZnString((*result)["nextCursor"].string());
+    byteCount_ += byteCount;
+    problem_ = "the list of the service's tools is too long";
+    const bool isLast = cursor_.isEmpty();
+    return tools_.size() <= kMaxTools && byteCount_ <= maxBytes_ && (isLast || ++pageCount_ < kMaxPages);
+}
+
+bool McpToolListAnswer::isLarge() const noexcept {
+    return list_.byteCount() >= McpRpcAnswer::kLargeBytes;
+}
+
+void McpToolListAnswer::build() {
+    const ZnJsonValue payload(ZnJsonObject{{"tools", list_.takeTools()}});
+    text_ = ZnByteArray(mcp::jsonRpcResultTo_(idText_.view(), mcp::toolResult_(payload, false).view()));
+}

@@ -1,0 +1,55 @@
+#pragma once
+
+#include "agent/McpForwardCall.h"
+#include "agent/McpForwardResult.h"
+#include "core/types/ZnByteArray.h"
+#include "core/types/ZnJsonArray.h"
+#include "core/types/ZnString.h"
+
+#include <cstddef>
+
+/// The tools of a service, which come page by page.
+///
+/// Thread: a value.
+class McpToolList {
+public:
+    static constexpr int kMaxPages = 200;
+    static constexpr std::size_t kMaxTools = 10000;
+
+    /// `maxBytes`: of all pages together.
+    explicit McpToolList(std::size_t maxBytes) : maxBytes_(maxBytes) {}
+
+    /// Asks for the next page.
+    McpForwardRequest nextRequest() const;
+    /// Takes a page that had `byteCount` bytes. False when it is none, or the list is too long.
+    bool take(ZnJsonValue answer, std::size_t byteCount);
+    const char* problem() const noexcept { return problem_; }
+    bool isWhole() const noexcept { return cursor_.isEmpty(); }
+    std::size_t byteCount() const noexcept { return byteCount_; }
+    ZnJsonArray takeTools() { return std::move(tools_); }
+
+private:
+    ZnString cursor_; // of the next page
+    ZnJsonArray tools_;
+    std::size_t maxBytes_;
+    std::size_t byteCount_ = 0;
+    int pageCount_ = 0;
+    const char* problem_ = "";
+};
+
+/// The response to a request for the list, as text; see McpRpcAnswer.
+class McpToolListAnswer {
+public:
+    McpToolListAnswer(ZnString idText, McpToolList list) : idText_(std::move(idText)), list_(std::move(list)) {}
+
+    bool isLarge() const noexcept;
+    void build();
+    ZnByteArray takeText() { return std::move(text_); }
+    const McpForwardResult& result() const noexcept { return result_; }
+
+private:
+    const ZnString idText_;
+    McpToolList list_;
+    const McpForwardResult result_; // there is nothing to report
+    ZnByteArray text_;
+};

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "agent/McpServiceRules.h"
 #include "core/types/ZnString.h"
 
 #include <cstdint>
@@ -15,6 +16,7 @@ struct McpBridgeServiceRecord {
     ZnString endpoint;    // full URL
     ZnString bearerToken; // leaves the agent only in requests to `endpoint`
     ZnString tlsCaFile;
+    McpServiceRules rules;
     bool enabled = true;
     bool interop = false;                       // requests and answers are exact, and answers may be event streams
     bool keepsSessions = false;                 // calls without a session get one that the agent keeps

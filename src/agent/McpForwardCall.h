@@ -19,6 +19,7 @@ struct McpForwardRequest {
     std::optional<ZnJsonValue> id; // of the object
     ZnString protocolVersion;      // header values: trimmed, without control characters; an empty one is not sent
     ZnString sessionId;
+    bool listsTools = false;   // it asks for a list of tools
     bool opensSession = false; // it is an "initialize"
     bool isExact = false;      // as for a service with interoperability
     int timeoutMs = 0;         // 0: the service's

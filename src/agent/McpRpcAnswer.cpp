@@ -37,6 +37,8 @@ void McpRpcAnswer::build() {
     if (isExact_)
         repairTexts_();
     readBody_();
+    if (filter_)
+        filter_->rules.filterAnswer(&result_.body);
     ZnString payload = payload_();
     if (payload.size() > kPayloadFactor * maxBytes_ ||
         escapedBytes(payload.view()) + payload.size() > kTextFactor * maxBytes_) {

@@ -5,6 +5,8 @@
 #include "core/types/ZnJsonDocument.h"
 
 #include <cstddef>
+#include <memory>
+#include <utility>
 
 /// The JSON-RPC response to a "bridge.rpc", as text, made from what the service has answered.
 ///
@@ -23,6 +25,9 @@ public:
           isExact_(service.interop),
           endpoint_(service.endpoint),
           maxBytes_(maxBytes) {}
+
+    /// Takes the tools that `service` may not show out of the answer.
+    void filterTools(std::shared_ptr<const McpBridgeServiceRecord> service) { filter_ = std::move(service); }
 
     bool isLarge() const noexcept { return result_.rawBody.size() + idText_.size() >= kLargeBytes; }
     /// Once.
@@ -43,6 +48,7 @@ private:
     McpForwardResult result_;
     const bool isExact_; // the service is one with interoperability
     const ZnString endpoint_;
+    std::shared_ptr<const McpBridgeServiceRecord> filter_; // null: nothing is taken out
     const std::size_t maxBytes_;
     ZnByteArray text_;
 };

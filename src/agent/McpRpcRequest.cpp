@@ -8,6 +8,8 @@
 
 namespace {
 
+constexpr int kBadRequest = 400; // of HTTP
+constexpr int kForbidden = 403;
 constexpr const char* kUnusableNumber = "Field 'request' holds a number that this service cannot take";
 
 /// The arguments of a "tools/call" that has been read before; null when it cannot be read in that way.
@@ -35,7 +37,7 @@ void McpRpcRequest::build() {
     }
     text_.release();
     if (arguments == nullptr)
-        refusal_ = kUnusableNumber;
+        refuse_(kUnusableNumber, kBadRequest);
     else if (form_ == Form::ToolCall)
         makeToolCall_(*arguments);
     else // texts that the exact reading has kept stay usable for a service of the dialect
@@ -44,16 +46,17 @@ void McpRpcRequest::build() {
 
 void McpRpcRequest::takeRequest_(const ZnJsonObject& arguments, const ZnJsonObject& texts) {
     const ZnJsonValue& request = arguments.value("request");
-    if (!request.isObject()) {
-        refusal_ = kUnusableNumber;
-        return;
-    }
+    if (!request.isObject())
+        return refuse_(kUnusableNumber, kBadRequest);
+    if (!service_->rules.allows(*request.object()))
+        return refuse_(McpServiceRules::kRefusal, kForbidden);
     request_.protocolVersion = stringMember(texts, "protocolVersion");
     request_.sessionId = stringMember(texts, "sessionId");
     if (!mcp::isHeaderValue(request_.protocolVersion.view()))
-        refusal_ = "Field 'protocolVersion' is not a valid header value";
+        refuse_("Field 'protocolVersion' is not a valid header value", kBadRequest);
     else if (!mcp::isHeaderValue(request_.sessionId.view()))
-        refusal_ = "Field 'sessionId' is not a valid header value";
+        refuse_("Field 'sessionId' is not a valid header value", kBadRequest);
+    request_.listsTools = McpServiceRules::listsTools(*request.object());
     request_.opensSession = request.object()->value("method").string() == "initialize";
     if (request.object()->contains("id"))
         request_.id = request.object()->value("id");
@@ -61,12 +64,20 @@ void McpRpcRequest::takeRequest_(const ZnJsonObject& arguments, const ZnJsonObje
 }
 
 void McpRpcRequest::makeToolCall_(const ZnJsonObject& arguments) {
-    ZnJsonObject params{{"name", arguments.value("name")}};
+    const ZnJsonValue& name = arguments.value("name");
+    if (!name.isString())
+        return refuse_("Field 'name' must be a string", kBadRequest);
+    if (!service_->rules.allowsMethod("tools/call") || !service_->rules.allowsTool(name.string()))
+        return refuse_(McpServiceRules::kRefusal, kForbidden);
+    ZnJsonObject params{{"name", name}};
     if (const ZnJsonValue& values = arguments.value("arguments"); !values.isNull())
         params["arguments"] = values;
-    if (!arguments.value("name").isString())
-        refusal_ = "Field 'name' must be a string";
     request_ = mcp::newRequest("tools/call", std::move(params));
+}
+
+void McpRpcRequest::refuse_(const char* text, int status) {
+    refusal_ = text;
+    refusalStatus_ = status;
 }
 
 namespace mcp {

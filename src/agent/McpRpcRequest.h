@@ -1,8 +1,11 @@
 #pragma once
 
+#include "agent/McpBridgeServiceRecord.h"
 #include "agent/McpForwardCall.h"
 #include "core/types/ZnByteArray.h"
 #include "core/types/ZnJsonDocument.h"
+
+#include <memory>
 
 /// What a client asks to be sent to a service, made from its message, which is given up by it.
 ///
@@ -14,25 +17,36 @@ public:
 
     /// `message`: a "tools/call" with such arguments, read from `text`. The service wants it `inReading`; with
     /// `isOther` that is not how the message was read.
-    McpRpcRequest(Form form, ZnJsonDocument message, ZnByteArray text, JsonReading inReading, bool isOther)
-        : form_(form), message_(std::move(message)), text_(std::move(text)), reading_(inReading), isOther_(isOther) {}
+    McpRpcRequest(Form form, std::shared_ptr<const McpBridgeServiceRecord> service, ZnJsonDocument message,
+                  ZnByteArray text, JsonReading inReading, bool isOther)
+        : form_(form),
+          service_(std::move(service)),
+          message_(std::move(message)),
+          text_(std::move(text)),
+          reading_(inReading),
+          isOther_(isOther) {}
 
     /// Once.
     void build();
     /// Why it cannot be sent; null when it can.
     const char* refusal() const noexcept { return refusal_; }
+    int refusalStatus() const noexcept { return refusalStatus_; }
     McpForwardRequest take() { return std::move(request_); }
 
 private:
     void takeRequest_(const ZnJsonObject& arguments, const ZnJsonObject& texts);
     void makeToolCall_(const ZnJsonObject& arguments);
 
+    void refuse_(const char* text, int status);
+
     Form form_;
+    const std::shared_ptr<const McpBridgeServiceRecord> service_;
     ZnJsonDocument message_;
     ZnByteArray text_;
     JsonReading reading_;
     bool isOther_;
     const char* refusal_ = nullptr;
+    int refusalStatus_ = 0; // of HTTP
     McpForwardRequest request_;
 };
 

@@ -31,15 +31,19 @@ McpReply McpServiceCall::forward_() {
     ZnString refusal;
     if (!build_(&request, &refusal))
         return refused_(refusal);
+    const bool isFiltered = request.listsTools && service_.rules.hasToolRules();
     McpForwardResult result = exchange_(std::move(request));
     if (result.errorCode == McpForwardCall::kCancelled)
         return McpReply::ofStatus(202);
     if (refusal_ != nullptr)
         return failed_(refusal_);
-    if (isRpc)
-        return finish_(std::make_shared<McpRpcAnswer>(message_.idText, std::move(result), service_,
-                                                      static_cast<std::size_t>(context_.maxAnswerBytes)));
-    return finish_(std::make_shared<McpToolAnswer>(message_.idText, std::move(result)));
+    if (!isRpc)
+        return finish_(std::make_shared<McpToolAnswer>(message_.idText, std::move(result)));
+    const auto answer = std::make_shared<McpRpcAnswer>(message_.idText, std::move(result), service_,
+                                                       static_cast<std::size_t>(context_.maxAnswerBytes));
+    if (isFiltered)
+        answer->filterTools(message_.service);
+    return finish_(answer);
 }
 
 bool McpServiceCall::build_(McpForwardRequest* request, ZnString* refusal) {
@@ -51,15 +55,15 @@ bool McpServiceCall::build_(McpForwardRequest* request, ZnString* refusal) {
         return false;
     };
     const auto building = std::make_shared<McpRpcRequest>(
-        isRpc ? McpRpcRequest::Form::AsGiven : McpRpcRequest::Form::ToolCall, std::move(message_.document),
-        std::move(message_.body), wantsExact ? JsonReading::Exact : JsonReading::QuietDialect,
-        wantsExact != context_.isExact);
+        isRpc ? McpRpcRequest::Form::AsGiven : McpRpcRequest::Form::ToolCall, message_.service,
+        std::move(message_.document), std::move(message_.body),
+        wantsExact ? JsonReading::Exact : JsonReading::QuietDialect, wantsExact != context_.isExact);
     if (!isLarge)
         building->build();
     else if (!context_.workers->await([building] { building->build(); }))
         return refuse(McpCallsInFlight::kStopping, 503);
     if (const char* unusable = building->refusal())
-        return refuse(unusable, 400);
+        return refuse(unusable, building->refusalStatus());
     if (!mcp::isHeaderValue(service_.bearerToken.view()))
         return refuse("The bearer token of this service is not a valid header value", 500);
     *request = building->take();
@@ -69,6 +73,8 @@ bool McpServiceCall::build_(McpForwardRequest* request, ZnString* refusal) {
 // --- the tools of a service
 
 McpReply McpServiceCall::listTools_() {
+    if (!service_.rules.allowsMethod("tools/list"))
+        return refused_(mcp::toolError_(McpServiceRules::kRefusal, 403));
     McpToolList list(static_cast<std::size_t>(context_.maxAnswerBytes));
     do {
         McpForwardResult result = exchange_(list.nextRequest());
@@ -85,7 +91,7 @@ McpReply McpServiceCall::listTools_() {
         }
         return finish_(std::make_shared<McpToolAnswer>(message_.idText, std::move(result)));
     } while (!list.isWhole());
-    return finish_(std::make_shared<McpToolListAnswer>(message_.idText, std::move(list)));
+    return finish_(std::make_shared<McpToolListAnswer>(message_.idText, std::move(list), message_.service));
 }
 
 // --- exchanges with the service

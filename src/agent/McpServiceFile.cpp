@@ -12,12 +12,14 @@
 
 namespace {
 
-const std::vector<std::string_view> kMembers = {"id",      "title",       "description",  "transport", "endpoint",
-                                                "url",     "bearerToken", "bearer_token", "tlsCaFile", "tls_ca_file",
-                                                "enabled", "timeoutMs",   "interop",      "session"};
+const std::vector<std::string_view> kMembers = {"id",        "title",       "description",  "transport", "endpoint",
+                                                "url",       "bearerToken", "bearer_token", "tlsCaFile", "tls_ca_file",
+                                                "enabled",   "timeoutMs",   "interop",      "session",   "allowTools",
+                                                "denyTools", "allowMethods"};
 constexpr std::string_view kTextMembers[] = {"id",        "title",       "description", "transport",
                                              "endpoint",  "url",         "bearerToken", "bearer_token",
                                              "tlsCaFile", "tls_ca_file", "session"};
+constexpr std::string_view kPatternMembers[] = {"allowTools", "denyTools", "allowMethods"};
 constexpr std::string_view kBooleanMembers[] = {"enabled", "interop"};
 
 using Entry = McpServiceFile::Entry_;
@@ -44,6 +46,26 @@ ZnString eitherMember(const ZnJsonObject& object, std::string_view name, std::st
     return text.isEmpty() ? mcp::textMember_(object, otherName) : text;
 }
 
+bool isTextList(const ZnJsonValue& value) {
+    const ZnJsonArray* entries = value.array();
+    return entries != nullptr &&
+           std::all_of(entries->begin(), entries->end(), [](const ZnJsonValue& entry) { return entry.isString(); });
+}
+
+/// Nothing without the member. What is no list of texts allows nothing, and forbids everything.
+std::optional<McpServiceRules::Patterns> patternsOf(const Entry& entry, std::string_view name) {
+    const ZnJsonValue& value = entry.written->value(name);
+    if (value.isNull())
+        return std::nullopt;
+    McpServiceRules::Patterns patterns;
+    if (!isTextList(value))
+        patterns.push_back(name == "denyTools" ? "*" : "");
+    else
+        for (const ZnJsonValue& pattern : *value.array())
+            patterns.emplace_back(pattern.string());
+    return patterns;
+}
+
 McpBridgeServiceRecord readService(const Entry& entry, bool interopDefault) {
     const ZnJsonObject& texts = *entry.texts;
     McpBridgeServiceRecord record;
@@ -59,6 +81,9 @@ McpBridgeServiceRecord readService(const Entry& entry, bool interopDefault) {
         record.enabled = enabled.toBool(false);
     const ZnJsonValue& interop = entry.values->value("interop");
     record.interop = interop.isNull() ? interopDefault : interop.toBool(false);
+    record.rules.allowMethods = patternsOf(entry, "allowMethods");
+    record.rules.allowTools = patternsOf(entry, "allowTools");
+    record.rules.denyTools = patternsOf(entry, "denyTools").value_or(McpServiceRules::Patterns());
     record.keepsSessions = mcp::textMember_(texts, "session") == "auto";
     if (const int timeoutMs = entry.values->value("timeoutMs").toInt(0); timeoutMs >= 1)
         record.timeoutMs = timeoutMs;
@@ -81,6 +106,10 @@ public:
             if (const ZnJsonValue& value = entry_.written->value(name);
                 !value.isNull() && value.type() != JsonType::Boolean)
                 remark_(name, "must be true or false");
+        }
+        for (const std::string_view name : kPatternMembers) {
+            if (const ZnJsonValue& value = entry_.written->value(name); !value.isNull() && !isTextList(value))
+                remark_(name, "must be a list of texts; no tool or method counts as allowed");
         }
         const ZnJsonValue& timeoutMs = entry_.written->value("timeoutMs");
         if (!timeoutMs.isNull() && (timeoutMs.type() != JsonType::Integer || timeoutMs.toInt(0) < 1))

@@ -33,6 +33,9 @@ bool McpToolListAnswer::isLarge() const noexcept {
 }
 
 void McpToolListAnswer::build() {
-    const ZnJsonValue payload(ZnJsonObject{{"tools", list_.takeTools()}});
+    ZnJsonArray tools = list_.takeTools();
+    if (service_->rules.hasToolRules())
+        service_->rules.filterTools(&tools);
+    const ZnJsonValue payload(ZnJsonObject{{"tools", std::move(tools)}});
     text_ = ZnByteArray(mcp::jsonRpcResultTo_(idText_.view(), mcp::toolResult_(payload, false).view()));
 }

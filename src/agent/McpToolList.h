@@ -7,6 +7,8 @@
 #include "core/types/ZnString.h"
 
 #include <cstddef>
+#include <memory>
+#include <utility>
 
 /// The tools of a service, which come page by page.
 ///
@@ -40,7 +42,8 @@ private:
 /// The response to a request for the list, as text; see McpRpcAnswer.
 class McpToolListAnswer {
 public:
-    McpToolListAnswer(ZnString idText, McpToolList list) : idText_(std::move(idText)), list_(std::move(list)) {}
+    McpToolListAnswer(ZnString idText, McpToolList list, std::shared_ptr<const McpBridgeServiceRecord> service)
+        : idText_(std::move(idText)), list_(std::move(list)), service_(std::move(service)) {}
 
     bool isLarge() const noexcept;
     void build();
@@ -50,6 +53,7 @@ public:
 private:
     const ZnString idText_;
     McpToolList list_;
-    const McpForwardResult result_; // there is nothing to report
+    const std::shared_ptr<const McpBridgeServiceRecord> service_; // those that it may not show are left out
+    const McpForwardResult result_;                               // there is nothing to report
     ZnByteArray text_;
 };

@@ -39,6 +39,7 @@ constexpr Option kOptions[] = {
     {"mcp_tool_names", "dotted", "names of the tools: dotted, or safe (bridge_rpc), with which both are understood"},
     {"mcp_call_tools", "false", "the tools of the services can be listed and called as such", nullptr, Kind::Switch},
     {"services_file", "mcp-bridge-services.json", "the allowlist", "Services"},
+    {"services_reload", "off", "off, or watch: take a changed allowlist and changed secrets over"},
     {"max_answer_bytes", "16777216", "largest answer taken from a service, 1024 to 1073741824"},
     {"duration_ms", "0", "milliseconds to run; 0: until stopped", "Running"},
     {"strict", "false", "do not start when there is something to warn about", nullptr, Kind::Switch},
@@ -109,6 +110,9 @@ void AgentOptions::checkValues_() {
     const ZnString toolNames = text("mcp_tool_names").trimmed();
     if (toolNames != "dotted" && toolNames != "safe")
         remarks_.push_back("--mcp_tool_names is neither dotted nor safe; it counts as dotted");
+    const ZnString reload = text("services_reload").trimmed();
+    if (reload != "off" && reload != "watch")
+        remarks_.push_back("--services_reload is neither off nor watch; it counts as off");
     if (maxAnswerBytes_() == 0)
         remarks_.push_back("--max_answer_bytes is no number from 1024 to 1073741824; the default counts");
     const bool hasToken = !text("mcp_token").trimmed().isEmpty();
@@ -160,6 +164,7 @@ bool AgentOptions::configure(BreltMcpBridgeAgent& agent, ZnString* errorText) co
     if (const std::int64_t bytes = maxAnswerBytes_(); bytes != 0)
         agent.setMaxAnswerBytes(bytes);
     agent.setInterop(isOn("mcp_interop"));
+    agent.setReload(text("services_reload").trimmed() == "watch");
     agent.setTools({text("mcp_tool_names").trimmed() == "safe", isOn("mcp_call_tools")});
     agent.setStrict(isOn("strict"));
     return true;

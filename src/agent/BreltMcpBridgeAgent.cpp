@@ -123,7 +123,14 @@ bool BreltMcpBridgeAgent::prepare_() {
         return false;
     for (const ZnString& remark : remarks())
         std::cerr << "[McpBridge] Warning: services file, " << remark << std::endl;
-    return !isStrict_ || remarks().empty();
+    if (isStrict_ && !remarks().empty())
+        return false;
+    if (reloads_ && !servicesFile_.isEmpty()) {
+        watch_ = std::make_shared<McpServiceWatch>(services_, dispatcher_->workers(), servicesFile_,
+                                                   McpServiceList::Reading{isInterop_, isStrict_});
+        watch_->start();
+    }
+    return true;
 }
 
 bool BreltMcpBridgeAgent::start(const ZnString& bindAddress, std::uint16_t port, const ZnString& tlsCertPath,
@@ -165,7 +172,9 @@ bool BreltMcpBridgeAgent::startStdio(std::function<void()> onEnd) {
 ZnHttpTimeouts BreltMcpBridgeAgent::timeouts_(ZnHttpTimeouts timeouts) const {
     constexpr int kMarginMs = 5000;
     constexpr int kPeerLookMs = 1000;
-    const int longestMs = std::min(services_->longestTimeoutMs(), std::numeric_limits<int>::max() - kMarginMs);
+    constexpr int kAnyMs = 24 * 3600 * 1000; // another list may have other limits
+    const int listedMs = reloads_ ? kAnyMs : services_->longestTimeoutMs();
+    const int longestMs = std::min(listedMs, std::numeric_limits<int>::max() - kMarginMs);
     timeouts.handlerTimeoutMs = std::max(timeouts.bodyTimeoutMs, longestMs == 0 ? 0 : longestMs + kMarginMs);
     timeouts.peerLookMs = kPeerLookMs;
     return timeouts;
@@ -189,6 +198,7 @@ void BreltMcpBridgeAgent::stop() {
     if (application != nullptr)
         application->processUntil([this] { return isIdle_(); }, kCallsEndMs);
     stdio_.reset();
+    watch_.reset();
     if (server_)
         server_->stop();
     server_.reset();

@@ -4,6 +4,7 @@
 #include "agent/McpGate.h"
 #include "agent/McpReply.h"
 #include "agent/McpServiceList.h"
+#include "agent/McpServiceWatch.h"
 #include "agent/McpStdioFront.h"
 #include "core/io/http/ZnHttpApp.h"
 #include "core/types/ZnString.h"
@@ -50,6 +51,8 @@ public:
     /// default, which the allowlist may change.
     void setInterop(bool isOn);
 
+    /// Takes changes of the allowlist, and of the files with its secrets, over while it runs.
+    void setReload(bool isOn) { reloads_ = isOn; }
     void setTools(const McpToolCatalogue::Options& options) { dispatcher_->setCatalogue(options); }
 
     /// Reads the allowlist and the certificate as start() would, and nothing else. False, with the reason on standard
@@ -92,9 +95,11 @@ private:
     ZnString servicesFile_;
     ZnString mcpPath_ = "/mcp";
     bool isStrict_ = false;
+    bool reloads_ = false;
     bool isInterop_ = false;
     const std::shared_ptr<McpServiceList> services_ = std::make_shared<McpServiceList>();
     McpGate gate_;
     const std::shared_ptr<McpDispatcher> dispatcher_ = std::make_shared<McpDispatcher>(services_);
-    std::shared_ptr<McpStdioFront> stdio_; // null without it
+    std::shared_ptr<McpStdioFront> stdio_;   // null without it
+    std::shared_ptr<McpServiceWatch> watch_; // likewise
 };

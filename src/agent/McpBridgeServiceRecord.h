@@ -4,8 +4,10 @@
 #include "core/types/ZnString.h"
 
 #include <cstdint>
+#include <utility>
+#include <vector>
 
-/// One service of the allowlist. Read from the file at start and never changed: handlers share it.
+/// One service of the allowlist. Never changed once it was read: calls share it, also with a newer list in force.
 struct McpBridgeServiceRecord {
     static constexpr std::int32_t kDefaultTimeoutMs = 15000;
 
@@ -13,8 +15,10 @@ struct McpBridgeServiceRecord {
     ZnString title;
     ZnString description;
     ZnString transport = "streamable-http";
-    ZnString endpoint;    // full URL
-    ZnString bearerToken; // leaves the agent only in requests to `endpoint`
+    ZnString endpoint;                                  // full URL
+    ZnString bearerToken;                               // leaves the agent only in requests to `endpoint`
+    std::vector<std::pair<ZnString, ZnString>> headers; // likewise: names and values of further ones
+    ZnString problem;                                   // why it must not be called, for clients; empty: it may be
     ZnString tlsCaFile;
     McpServiceRules rules;
     bool enabled = true;
@@ -22,5 +26,6 @@ struct McpBridgeServiceRecord {
     bool keepsSessions = false;                 // calls without a session get one that the agent keeps
     std::int32_t timeoutMs = kDefaultTimeoutMs; // of one upstream call, 1 or more
 
+    bool operator==(const McpBridgeServiceRecord& other) const = default;
     std::int32_t limitMs() const noexcept { return timeoutMs < 1 ? kDefaultTimeoutMs : timeoutMs; }
 };

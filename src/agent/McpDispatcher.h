@@ -33,6 +33,8 @@ public:
     void setCatalogue(const McpToolCatalogue::Options& options) { tools_.setCatalogue(options); }
     void setClock(std::function<long long()> clock) { clock_ = std::move(clock); }
 
+    const std::shared_ptr<McpWorkers>& workers() const noexcept { return workers_; }
+
     /// Parks where the answer has to be waited for. The caller holds a reference to the dispatcher meanwhile.
     McpReply answer(McpMessage message);
     /// The answer to a front's word that the session is over.

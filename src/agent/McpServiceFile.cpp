@@ -3,6 +3,7 @@
 #include "agent/McpHeaders.h"
 #include "agent/McpJson.h"
 #include "agent/McpJsonPlaces.h"
+#include "agent/McpServiceSecrets.h"
 #include "agent/McpText.h"
 #include "core/io/ZnHttpClient.h"
 #include "core/types/ZnJsonDocument.h"
@@ -12,13 +13,13 @@
 
 namespace {
 
-const std::vector<std::string_view> kMembers = {"id",        "title",       "description",  "transport", "endpoint",
-                                                "url",       "bearerToken", "bearer_token", "tlsCaFile", "tls_ca_file",
-                                                "enabled",   "timeoutMs",   "interop",      "session",   "allowTools",
-                                                "denyTools", "allowMethods"};
-constexpr std::string_view kTextMembers[] = {"id",        "title",       "description", "transport",
-                                             "endpoint",  "url",         "bearerToken", "bearer_token",
-                                             "tlsCaFile", "tls_ca_file", "session"};
+const std::vector<std::string_view> kMembers = {
+    "id",           "title",     "description",  "transport",       "endpoint",       "url",     "bearerToken",
+    "bearer_token", "tlsCaFile", "tls_ca_file",  "enabled",         "timeoutMs",      "interop", "session",
+    "allowTools",   "denyTools", "allowMethods", "bearerTokenFile", "bearerTokenEnv", "headers"};
+constexpr std::string_view kTextMembers[] = {"id",      "title",           "description",   "transport", "endpoint",
+                                             "url",     "bearerToken",     "bearer_token",  "tlsCaFile", "tls_ca_file",
+                                             "session", "bearerTokenFile", "bearerTokenEnv"};
 constexpr std::string_view kPatternMembers[] = {"allowTools", "denyTools", "allowMethods"};
 constexpr std::string_view kBooleanMembers[] = {"enabled", "interop"};
 
@@ -97,6 +98,10 @@ public:
                std::vector<ZnString>* remarks)
         : entry_(entry), record_(record), place_(place), remarks_(remarks) {}
 
+    void tell(const McpServiceSecrets& secrets) {
+        for (const McpServiceSecrets::Remark& remark : secrets.remarks())
+            remark_(remark.member, remark.text);
+    }
     void run() {
         for (const mcp::MemberPlace& member : place_.members)
             checkName_(member);
@@ -204,8 +209,14 @@ bool McpServiceFile::read(std::string_view text, bool isExact, ZnString* errorTe
 
 void McpServiceFile::takeEntry_(const Entry_& entry, const mcp::EntryPlace& place, bool interopDefault) {
     const auto record = std::make_shared<McpBridgeServiceRecord>(readService(entry, interopDefault));
-    EntryCheck(entry, *record, place, &remarks).run();
     hasSecrets = hasSecrets || !record->bearerToken.isEmpty();
+    McpServiceSecrets secrets;
+    secrets.read(*entry.written, record.get());
+    hasSecrets = hasSecrets || secrets.hasTexts();
+    secretFiles.insert(secretFiles.end(), secrets.files().begin(), secrets.files().end());
+    EntryCheck check(entry, *record, place, &remarks);
+    check.run();
+    check.tell(secrets);
     if (!isUsable(*record, &skipped))
         return;
     if (services.contains(record->id))

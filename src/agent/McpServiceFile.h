@@ -25,6 +25,7 @@ struct McpServiceFile {
     std::vector<ZnString> skipped; // one line for each entry that cannot be used
     std::vector<ZnString> remarks; // one line each, with line number and service id
     bool hasSecrets = false;
+    std::vector<ZnString> secretFiles; // that it names
 
     /// One entry in both readings: `values` for numbers and booleans, `texts` for the rest, `written` to judge it by.
     struct Entry_ {

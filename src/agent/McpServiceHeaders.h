@@ -9,6 +9,8 @@ namespace mcp {
 inline void setServiceHeaders(ZnHttpClient& client, const McpBridgeServiceRecord& service) {
     if (!service.bearerToken.isEmpty())
         client.setHeader("Authorization", "Bearer " + service.bearerToken);
+    for (const auto& [name, value] : service.headers)
+        client.setHeader(name, value);
     if (!service.tlsCaFile.isEmpty())
         client.setCaFile(service.tlsCaFile);
 }

@@ -9,6 +9,15 @@
 #include <iostream>
 #include <utility>
 
+namespace {
+
+/// In one piece: other threads may write, too.
+void say(const ZnString& line) {
+    std::cerr << "[McpBridge] " + line + "\n" << std::flush;
+}
+
+} // namespace
+
 bool McpServiceList::load(const ZnString& path, bool isExact) {
     remarks_.clear();
     if (path.isEmpty()) {
@@ -32,16 +41,59 @@ bool McpServiceList::read(const ZnString& text, const ZnString& path, bool isExa
         return false;
     for (const ZnString& line : file.skipped)
         std::cerr << "[McpBridge] " << line << std::endl;
-    remarks_ = std::move(file.remarks);
-    if (file.hasSecrets && ZnFileIdentity::of(path).isReadableByOthers)
-        remarks_.push_back("it holds bearer tokens and can be read by other users; chmod 600 keeps them out");
-    set_(std::move(file.services));
+    addSecretRemark_(path, &file);
+    remarks_ = file.remarks;
+    set_(std::move(file));
     return true;
 }
 
-void McpServiceList::set_(McpServiceFile::ServiceMap services) {
+void McpServiceList::addSecretRemark_(const ZnString& path, McpServiceFile* file) {
+    if (file->hasSecrets && ZnFileIdentity::of(path).isReadableByOthers)
+        file->remarks.push_back("it holds bearer tokens and can be read by other users; chmod 600 keeps them out");
+}
+
+void McpServiceList::set_(McpServiceFile file) {
     ZnMutexLocker locker(lock_);
-    services_ = std::move(services);
+    for (auto& [id, record] : file.services) {
+        if (const Ref before = services_.value(id); before && *before == *record)
+            record = before;
+    }
+    services_ = std::move(file.services);
+    secretFiles_ = std::move(file.secretFiles);
+}
+
+bool McpServiceList::readFile_(const ZnString& path, bool isExact, McpServiceFile* file, ZnString* errorOut) {
+    ZnFile source(path);
+    *errorOut = "Unable to open file";
+    if (ZnFileIdentity::of(path).kind != ZnFileIdentity::Kind::File || !source.open(ZnFile::OpenMode::Read) ||
+        !file->read(source.readAll().view(), isExact, errorOut))
+        return false;
+    addSecretRemark_(path, file);
+    return true;
+}
+
+void McpServiceList::reload(const ZnString& path, Reading how) {
+    McpServiceFile file;
+    ZnString error;
+    bool isTaken = readFile_(path, how.isExact, &file, &error);
+    if (isTaken && how.isStrict && !file.remarks.empty()) {
+        isTaken = false;
+        error = file.remarks.front();
+    }
+    if (!isTaken)
+        return say("services file " + path + " has changed and is not taken: " + error);
+    for (const ZnString& line : file.skipped)
+        say(line);
+    for (const ZnString& remark : file.remarks)
+        say("Warning: services file, " + remark);
+    const std::size_t count = file.services.size();
+    set_(std::move(file));
+    say("services file " + path + " has changed: " + ZnString::number(static_cast<long long>(count)) + " services");
+}
+
+std::vector<ZnString> McpServiceList::secretFiles() {
+    ZnMutexLocker locker(lock_);
+    return secretFiles_;
 }
 
 McpServiceList::Ref McpServiceList::find(const ZnString& id) {

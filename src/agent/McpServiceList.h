@@ -12,7 +12,7 @@
 
 /// The allowlist: the services that may be called, and the one form in which they leave the agent.
 ///
-/// Thread: any; reading a file, and the remarks, one that starts the agent. Owner: shared by the agent and its tools.
+/// Thread: any; load(), read() and the remarks: one that starts the agent. Owner: shared by the agent and its tools.
 class McpServiceList {
 public:
     using Ref = std::shared_ptr<const McpBridgeServiceRecord>;
@@ -20,6 +20,15 @@ public:
     /// Reads the file; with an empty path there are no services. False, with the reason on standard error and the
     /// services as they were, when it cannot be read. `isExact`: see McpServiceFile.
     bool load(const ZnString& path, bool isExact);
+    struct Reading {
+        bool isExact = false;  // see McpServiceFile
+        bool isStrict = false; // a file that there is something to warn about is not taken
+    };
+    /// Reads a file that has changed, and says on standard error what came of it: with a bad one the services stay as
+    /// they were. Any thread. Records that say the same as before stay the same objects.
+    void reload(const ZnString& path, Reading how);
+    /// The files in which services have secrets.
+    std::vector<ZnString> secretFiles();
     /// The same for its text. `path` tells whether others may read it.
     bool read(const ZnString& text, const ZnString& path, bool isExact, ZnString* errorOut);
     /// What is most likely meant otherwise, one line each.
@@ -35,9 +44,12 @@ public:
     static ZnJsonObject publicView(const McpBridgeServiceRecord& record);
 
 private:
-    void set_(McpServiceFile::ServiceMap services);
+    static bool readFile_(const ZnString& path, bool isExact, McpServiceFile* file, ZnString* errorOut);
+    static void addSecretRemark_(const ZnString& path, McpServiceFile* file);
+    void set_(McpServiceFile file);
 
     std::vector<ZnString> remarks_;
     ZnMutex lock_; // leaf
+    std::vector<ZnString> secretFiles_ ZN_GUARDED_BY(lock_);
     McpServiceFile::ServiceMap services_ ZN_GUARDED_BY(lock_);
 };

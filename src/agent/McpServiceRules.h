@@ -35,6 +35,8 @@ struct McpServiceRules {
     void filterAnswer(ZnJsonValue* answer) const;
     void filterTools(ZnJsonArray* tools) const;
 
+    bool operator==(const McpServiceRules& other) const = default;
+
 private:
     bool allowsToolCall_(const ZnJsonObject& request) const;
 };

@@ -53,7 +53,7 @@ ZnString McpTools::getService_(const ZnJsonObject& arguments) const {
 /// The checks that need no more than the allowlist; null, with the tool's error, when the service is not to be called.
 McpServiceList::Ref McpTools::serviceToCall_(McpToolCatalogue::Tool tool, const ZnJsonObject& arguments,
                                              ZnString* refusal) const {
-    const auto refuse = [refusal](const char* text, int status) {
+    const auto refuse = [refusal](const ZnString& text, int status) {
         *refusal = mcp::toolError_(text, status);
         return nullptr;
     };
@@ -74,6 +74,8 @@ McpServiceList::Ref McpTools::serviceToCall_(McpToolCatalogue::Tool tool, const 
         return refuse("Service not found", 404);
     if (!record->enabled)
         return refuse("Service is disabled", 403);
+    if (!record->problem.isEmpty())
+        return refuse(record->problem, 500);
     if (record->transport.toLower() != "streamable-http")
         return refuse("Only streamable-http MCP services are supported by this bridge", 400);
     return record;

@@ -35,6 +35,7 @@ public:
     bool keepsSessions = true;
     std::deque<std::string> seen; // method, session and version of every request
     std::string lastBody;
+    std::string lastSecrets; // the headers of the last request that tests give to a service
 
 private:
     static std::string headersOf_(ZnHttpContext& context) {
@@ -52,6 +53,10 @@ private:
         const std::string method = memberOf_(body, "\"method\": \"", '"');
         seen.push_back(method + " " + headersOf_(context));
         lastBody = body;
+        for (const auto& [name, value] : context.request().headers) {
+            if (name == "authorization" || name.view().starts_with("x-"))
+                lastSecrets += name.str() + ": " + value.str() + "\n";
+        }
         std::deque<Answer>& scripted = scripted_[method];
         if (!scripted.empty()) {
             const Answer answer = std::move(scripted.front());

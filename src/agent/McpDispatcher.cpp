@@ -115,6 +115,21 @@ void McpDispatcher::setExact(bool isExact) {
 }
 
 McpReply McpDispatcher::answer(McpMessage message) {
+    if (!observer_)
+        return answer_(message);
+    const auto record = std::make_shared<McpRequestRecord>();
+    record->beganNs = monotonicNowNs();
+    record->bytesIn = message.body.size();
+    message.record = record;
+    McpReply reply = answer_(message);
+    record->endedNs = monotonicNowNs();
+    record->status = reply.status;
+    record->bytesOut = reply.text.size();
+    observer_->onRequest(*record);
+    return reply;
+}
+
+McpReply McpDispatcher::answer_(McpMessage& message) {
     if (!message.isLarge()) {
         McpReply reply = process_(&message);
         return finish_(message, reply);
@@ -180,6 +195,8 @@ McpReply McpDispatcher::processObject_(McpMessage* message) {
     if (!message->protocolVersion.empty() && !isSupportedProtocol(message->protocolVersion))
         return McpReply::error(400, "Unsupported MCP protocol version");
     const std::string_view method = methodOf(object);
+    if (message->record)
+        message->record->method = ZnString(method.substr(0, McpRequestRecord::kMaxNameBytes));
     if (!hasId)
         return notify_(message, method);
     if (!isUsableId(id))
@@ -206,6 +223,8 @@ McpReply McpDispatcher::dispatch_(McpMessage* message, std::string_view method) 
     const SessionRef_ session = requireSession_(*message, &refusal);
     if (!session)
         return refusal;
+    if (message->record)
+        message->record->session = session;
     const std::string_view agreed = session->protocolVersion.view();
     if (!message->protocolVersion.empty() ? message->protocolVersion != agreed : !isSupportedProtocol(agreed))
         return McpReply::error(400, "MCP protocol version mismatch");
@@ -248,6 +267,8 @@ McpReply McpDispatcher::initialize_(McpMessage* message) {
     const SessionRef_ session = createSession_(*params, &message->evictedSession);
     if (!session)
         return McpReply::json(mcp::jsonRpcError_(id, kServerBusy, "Too many sessions"));
+    if (message->record)
+        message->record->session = session;
     McpReply reply = McpReply::json(mcp::jsonRpcResult_(id, ZnJsonValue(initializeResult_()).toJson().view()));
     reply.headers.push_back({"mcp-session-id", session->id});
     return reply;

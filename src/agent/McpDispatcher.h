@@ -35,6 +35,12 @@ public:
 
     const std::shared_ptr<McpWorkers>& workers() const noexcept { return workers_; }
 
+    /// Is told of every message and call.
+    void setObserver(std::shared_ptr<McpObserver> observer) {
+        tools_.setObserver(observer);
+        observer_ = std::move(observer);
+    }
+
     /// Parks where the answer has to be waited for. The caller holds a reference to the dispatcher meanwhile.
     McpReply answer(McpMessage message);
     /// The answer to a front's word that the session is over.
@@ -45,6 +51,7 @@ public:
     bool isIdle() const noexcept { return tools_.isIdle(); }
 
 private:
+    McpReply answer_(McpMessage& message);
     McpReply finish_(McpMessage& message, McpReply& reply);
 
     using SessionRef_ = std::shared_ptr<McpBridgeSession>;
@@ -62,6 +69,7 @@ private:
 
     const std::shared_ptr<McpWorkers> workers_ = std::make_shared<McpWorkers>();
     McpTools tools_;
+    std::shared_ptr<McpObserver> observer_; // null without one
     bool isExact_ = false;
     std::function<long long()> clock_ = monotonicNowNs;
     ZnMutex sessionsLock_; // leaf

@@ -19,6 +19,8 @@ struct McpForwardRequest {
     std::optional<ZnJsonValue> id; // of the object
     ZnString protocolVersion;      // header values: trimmed, without control characters; an empty one is not sent
     ZnString sessionId;
+    ZnString method; // these two for observers: what the body says
+    ZnString tool;
     bool listsTools = false;   // it asks for a list of tools
     bool opensSession = false; // it is an "initialize"
     bool isExact = false;      // as for a service with interoperability
@@ -52,6 +54,8 @@ public:
     void setGrowth(Growth growth) { growth_ = std::move(growth); }
     /// Sends the request to the service and parks the calling fiber until the call has ended. Once.
     McpForwardResult run();
+    /// Of the answer's body, as far as it has come.
+    std::size_t answerBytes() const noexcept { return answerBytes_; }
     /// Ends the call with `errorCode`; the parked fiber resumes from the loop.
     void end(int errorCode);
 

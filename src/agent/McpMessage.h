@@ -1,6 +1,7 @@
 #pragma once
 
 #include "agent/McpBridgeServiceRecord.h"
+#include "agent/McpObserver.h"
 #include "agent/McpToolCatalogue.h"
 #include "core/types/ZnByteArray.h"
 #include "core/types/ZnJsonDocument.h"
@@ -45,6 +46,8 @@ struct McpMessage {
     McpCaller* caller;
     bool mayCancel = false; // calls of its session, by "notifications/cancelled"
 
+    /// What is told to observers about it; null when there are none. Shared: a worker may outlive the front's frame.
+    std::shared_ptr<McpRequestRecord> record;
     ZnJsonDocument document; // an object, once the message has been read
     /// Set: there is no answer yet, since the message is a call that this service is to get.
     std::shared_ptr<const McpBridgeServiceRecord> service;

@@ -37,6 +37,7 @@ void McpRpcAnswer::build() {
     if (isExact_)
         repairTexts_();
     readBody_();
+    outcome_ = mcp::outcomeOf(result_.body);
     if (filter_)
         filter_->rules.filterAnswer(&result_.body);
     ZnString payload = payload_();

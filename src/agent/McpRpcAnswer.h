@@ -2,6 +2,7 @@
 
 #include "agent/McpBridgeServiceRecord.h"
 #include "agent/McpForwardResult.h"
+#include "agent/McpObserver.h"
 #include "core/types/ZnJsonDocument.h"
 
 #include <cstddef>
@@ -36,6 +37,7 @@ public:
     const ZnString& idText() const noexcept { return idText_; }
     /// After build(): without what has gone into the text.
     const McpForwardResult& result() const noexcept { return result_; }
+    const McpCallOutcome& outcome() const noexcept { return outcome_; }
 
 private:
     void fail_();
@@ -50,5 +52,6 @@ private:
     const ZnString endpoint_;
     std::shared_ptr<const McpBridgeServiceRecord> filter_; // null: nothing is taken out
     const std::size_t maxBytes_;
+    McpCallOutcome outcome_;
     ZnByteArray text_;
 };

@@ -2,6 +2,7 @@
 
 #include "agent/McpHeaders.h"
 #include "agent/McpJson.h"
+#include "agent/McpObserver.h"
 
 #include <atomic>
 #include <utility>
@@ -17,6 +18,10 @@ const ZnJsonObject* argumentsOf(const ZnJsonDocument& message) {
     const ZnJsonObject* root = message.root().object();
     const ZnJsonObject* params = root == nullptr ? nullptr : root->value("params").object();
     return params == nullptr ? nullptr : params->value("arguments").object();
+}
+
+ZnString cutName(std::string_view name) {
+    return ZnString(name.substr(0, McpRequestRecord::kMaxNameBytes));
 }
 
 /// The trimmed text of a member that is a string; any other type counts as absent.
@@ -56,6 +61,7 @@ void McpRpcRequest::takeRequest_(const ZnJsonObject& arguments, const ZnJsonObje
         refuse_("Field 'protocolVersion' is not a valid header value", kBadRequest);
     else if (!mcp::isHeaderValue(request_.sessionId.view()))
         refuse_("Field 'sessionId' is not a valid header value", kBadRequest);
+    noteNames_(*request.object());
     request_.listsTools = McpServiceRules::listsTools(*request.object());
     request_.opensSession = request.object()->value("method").string() == "initialize";
     if (request.object()->contains("id"))
@@ -73,6 +79,14 @@ void McpRpcRequest::makeToolCall_(const ZnJsonObject& arguments) {
     if (const ZnJsonValue& values = arguments.value("arguments"); !values.isNull())
         params["arguments"] = values;
     request_ = mcp::newRequest("tools/call", std::move(params));
+    request_.tool = cutName(arguments.value("name").string());
+}
+
+void McpRpcRequest::noteNames_(const ZnJsonObject& request) {
+    const ZnJsonObject* params = request.value("params").object();
+    request_.method = cutName(request.value("method").string());
+    if (request_.method == "tools/call" && params != nullptr)
+        request_.tool = cutName(params->value("name").string());
 }
 
 void McpRpcRequest::refuse_(const char* text, int status) {
@@ -86,6 +100,7 @@ McpForwardRequest newRequest(const char* method, ZnJsonObject params) {
     static std::atomic<long long> lastId{0};
     McpForwardRequest request;
     request.isExact = true;
+    request.method = method;
     request.id = ZnJsonValue(lastId.fetch_add(1, std::memory_order_relaxed) + 1);
     ZnJsonObject message{{"jsonrpc", "2.0"}, {"id", *request.id}, {"method", method}};
     if (!params.isEmpty())

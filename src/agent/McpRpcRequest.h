@@ -37,6 +37,7 @@ private:
     void takeRequest_(const ZnJsonObject& arguments, const ZnJsonObject& texts);
     void makeToolCall_(const ZnJsonObject& arguments);
 
+    void noteNames_(const ZnJsonObject& request);
     void refuse_(const char* text, int status);
 
     Form form_;

@@ -19,10 +19,23 @@ constexpr int kNotFound = 404; // of HTTP: the service does not know the session
 } // namespace
 
 McpReply McpServiceCall::run() {
+    const bool isObserved = context_.observer != nullptr;
+    if (isObserved)
+        record_.beganNs = monotonicNowNs();
     McpReply reply = message_.tool == McpToolCatalogue::Tool::ListTools ? listTools_() : forward_();
+    if (isObserved)
+        tell_();
     if (wasLarge_)
         context_.workers->giveMemoryBackSoon();
     return reply;
+}
+
+void McpServiceCall::tell_() {
+    record_.endedNs = monotonicNowNs();
+    if (message_.record)
+        record_.session = message_.record->session;
+    record_.service = service_.id;
+    context_.observer->onCall(record_);
 }
 
 McpReply McpServiceCall::forward_() {
@@ -31,6 +44,8 @@ McpReply McpServiceCall::forward_() {
     ZnString refusal;
     if (!build_(&request, &refusal))
         return refused_(refusal);
+    record_.method = std::move(request.method);
+    record_.tool = std::move(request.tool);
     const bool isFiltered = request.listsTools && service_.rules.hasToolRules();
     McpForwardResult result = exchange_(std::move(request));
     if (result.errorCode == McpForwardCall::kCancelled)
@@ -75,6 +90,7 @@ bool McpServiceCall::build_(McpForwardRequest* request, ZnString* refusal) {
 McpReply McpServiceCall::listTools_() {
     if (!service_.rules.allowsMethod("tools/list"))
         return refused_(mcp::toolError_(McpServiceRules::kRefusal, 403));
+    record_.method = "tools/list";
     McpToolList list(static_cast<std::size_t>(context_.maxAnswerBytes));
     do {
         McpForwardResult result = exchange_(list.nextRequest());
@@ -151,6 +167,10 @@ McpForwardResult McpServiceCall::post_(McpForwardRequest request) {
     message_.caller->whenGone([this] { call_->end(McpForwardCall::kClientGone); });
     McpForwardResult result = call_->run();
     message_.caller->whenGone(nullptr);
+    record_.status = result.statusCode;
+    record_.transportCode = result.errorCode;
+    record_.bytesIn += call_->answerBytes();
+    record_.bytesOut += requestBytes;
     if (result.errorCode == McpForwardCall::kTooManyBytes)
         refusal_ = McpCallsInFlight::kTooManyBytes;
     return result;
@@ -169,6 +189,7 @@ McpReply McpServiceCall::finish_(const std::shared_ptr<Answer>& answer) {
     else if (!context_.workers->await([answer] { answer->build(); }))
         return failed_(McpCallsInFlight::kStopping);
     context_.inFlight->report(service_.id, answer->result());
+    record_.answer = answer->outcome();
     return holdUntilSent_(McpReply::json(answer->takeText()));
 }
 
@@ -179,10 +200,11 @@ McpReply McpServiceCall::holdUntilSent_(McpReply reply) {
     return reply.keptUntilSent ? std::move(reply) : failed_(McpCallsInFlight::kTooManyBytes);
 }
 
-McpReply McpServiceCall::refused_(const ZnString& toolResult) const {
+McpReply McpServiceCall::refused_(const ZnString& toolResult) {
+    record_.isRefused = true;
     return McpReply::json(mcp::jsonRpcResultTo_(message_.idText.view(), toolResult.view()));
 }
 
-McpReply McpServiceCall::failed_(const char* text) const {
+McpReply McpServiceCall::failed_(const char* text) {
     return refused_(mcp::toolError_(text, 503));
 }

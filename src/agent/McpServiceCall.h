@@ -3,6 +3,7 @@
 #include "agent/McpCallsInFlight.h"
 #include "agent/McpForwardCall.h"
 #include "agent/McpMessage.h"
+#include "agent/McpObserver.h"
 #include "agent/McpReply.h"
 #include "agent/McpServiceList.h"
 #include "agent/McpServiceSessions.h"
@@ -23,7 +24,8 @@ struct McpCallContext {
     const std::shared_ptr<McpCallsInFlight> inFlight = std::make_shared<McpCallsInFlight>();
     const std::shared_ptr<McpServiceSessions> sessions = std::make_shared<McpServiceSessions>(workers);
     std::int64_t maxAnswerBytes = kDefaultAnswerBytes;
-    bool isExact = false; // how messages are read
+    bool isExact = false;                            // how messages are read
+    std::shared_ptr<McpObserver> observer = nullptr; // null without one
 };
 
 /// The call of one tool that a service answers: what is sent, in which session, and what becomes of the answer.
@@ -53,8 +55,9 @@ private:
     template <typename Answer>
     McpReply finish_(const std::shared_ptr<Answer>& answer);
     McpReply holdUntilSent_(McpReply reply);
-    McpReply refused_(const ZnString& toolResult) const;
-    McpReply failed_(const char* text) const;
+    void tell_();
+    McpReply refused_(const ZnString& toolResult);
+    McpReply failed_(const char* text);
 
     McpCallContext& context_;
     McpMessage& message_;
@@ -63,5 +66,6 @@ private:
     std::optional<McpCallsInFlight::Entry> entry_;
     const char* refusal_ = nullptr; // there was no room for the call or its answer
     bool wasLarge_ = false;         // an answer, also one that was not taken
+    McpCallRecord record_;          // filled in where there is an observer
     long long deadlineNs_ = 0;      // of several exchanges together; 0: there is one, with a limit of its own
 };

@@ -20,6 +20,7 @@ bool McpToolAnswer::isLarge() const noexcept {
 
 void McpToolAnswer::build() {
     ZnJsonValue message = readAnswer_();
+    outcome_ = mcp::outcomeOf(message);
     const ZnJsonObject* object = message.object();
     const ZnJsonValue* result = object == nullptr ? nullptr : &object->value("result");
     if (result_.isSuccess() && result != nullptr && result->isObject()) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "agent/McpForwardResult.h"
+#include "agent/McpObserver.h"
 #include "core/types/ZnByteArray.h"
 #include "core/types/ZnJsonObject.h"
 #include "core/types/ZnString.h"
@@ -18,6 +19,7 @@ public:
     void build();
     ZnByteArray takeText() { return std::move(text_); }
     const McpForwardResult& result() const noexcept { return result_; }
+    const McpCallOutcome& outcome() const noexcept { return outcome_; }
 
 private:
     ZnJsonValue readAnswer_();
@@ -25,5 +27,6 @@ private:
 
     const ZnString idText_;
     McpForwardResult result_;
+    McpCallOutcome outcome_;
     ZnByteArray text_;
 };

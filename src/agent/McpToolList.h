@@ -2,6 +2,7 @@
 
 #include "agent/McpForwardCall.h"
 #include "agent/McpForwardResult.h"
+#include "agent/McpObserver.h"
 #include "core/types/ZnByteArray.h"
 #include "core/types/ZnJsonArray.h"
 #include "core/types/ZnString.h"
@@ -49,11 +50,13 @@ public:
     void build();
     ZnByteArray takeText() { return std::move(text_); }
     const McpForwardResult& result() const noexcept { return result_; }
+    const McpCallOutcome& outcome() const noexcept { return outcome_; }
 
 private:
     const ZnString idText_;
     McpToolList list_;
     const std::shared_ptr<const McpBridgeServiceRecord> service_; // those that it may not show are left out
     const McpForwardResult result_;                               // there is nothing to report
+    McpCallOutcome outcome_;
     ZnByteArray text_;
 };

@@ -24,6 +24,8 @@ ZnByteArray McpTools::answer(McpMessage* message) const {
     if (!value.isNull() && !value.isObject())
         return mcp::jsonRpcError_(id, kInvalidParams, "tools/call params.arguments must be an object");
     const ZnJsonObject& arguments = value.isNull() ? kNoArguments : *value.object();
+    if (message->record)
+        message->record->tool = ZnString(name.view().substr(0, McpRequestRecord::kMaxNameBytes));
     const std::optional<McpToolCatalogue::Tool> tool = catalogue_.find(name.view());
     if (!tool)
         return mcp::jsonRpcResult_(id, mcp::toolError_("Unknown tool: " + name, 404).view());

@@ -24,6 +24,7 @@ public:
     void setMaxAnswerBytes(std::int64_t maxBytes) { context_.maxAnswerBytes = maxBytes; }
     /// Messages are read exactly, not in the agent's JSON dialect.
     void setExact(bool isExact) { context_.isExact = isExact; }
+    void setObserver(std::shared_ptr<McpObserver> observer) { context_.observer = std::move(observer); }
     void setCatalogue(const McpToolCatalogue::Options& options) { catalogue_ = McpToolCatalogue(options); }
 
     const McpToolCatalogue& catalogue() const noexcept { return catalogue_; }

@@ -376,14 +376,14 @@ ZnHttpChunkDecoder_::Rules ZnHttpParser_::chunkRules_() const {
 
 bool ZnHttpParser_::onChunks_(std::string_view* input) {
     using Step = ZnHttpChunkDecoder_::Step;
-    Step step = Step::Data;
-    while (step == Step::Data) {
+    Step step;
+    do {
         std::string_view bytes;
         step = chunks_->next(input, &bytes);
         state_ = stateOf(chunks_->state());
         if (step == Step::Data && !takeBody_(bytes))
             return false;
-    }
+    } while (step == Step::Data && !input->empty());
     if (step == Step::Failed)
         return failChunks_();
     return step == Step::End && finishBody_();

@@ -20,7 +20,8 @@ constexpr std::size_t kUsualHeadBytes = 384;
 /// Whether `name` is to be sent as it is; whether it may be sent at all is the writer's question.
 bool isLowerAndTrimmed(std::string_view name) noexcept {
     const auto isUpperCase = [](char c) { return c >= 'A' && c <= 'Z'; };
-    return std::none_of(name.begin(), name.end(), isUpperCase) && trimmedView(name).size() == name.size();
+    return !name.empty() && name.front() > ' ' && name.back() > ' ' &&
+           std::none_of(name.begin(), name.end(), isUpperCase);
 }
 
 class NumberText {
@@ -126,10 +127,10 @@ ZnString ZnHttpResponse::head(bool closeAfterResponse, std::size_t spareBytes) c
         hasConnection |= out.header(sent, value.view()) && sent == "connection";
     }
     if (!hasLength)
-        out.header("content-length", lengthText.view());
+        out.ownHeader("content-length", lengthText.view());
     if (!hasEncoding)
-        out.header("transfer-encoding", "chunked");
+        out.ownHeader("transfer-encoding", "chunked");
     if (!hasConnection)
-        out.header("connection", closeAfterResponse ? "close" : "keep-alive");
+        out.ownHeader("connection", closeAfterResponse ? "close" : "keep-alive");
     return out.finish();
 }

@@ -470,8 +470,11 @@ TEST_F(ZnHttpSessionTest, RefusedInputIsAnsweredAndTheRestDiscarded) {
 TEST_F(ZnHttpSessionTest, WhatComesAfterARefusalIsDiscardedForAWhile) {
     for (const bool isFlood : {false, true}) {
         Link& link = open();
+        link.socket->onWrite = nullptr;
         link.socket->receive("POST / HTTP/1.1\r\ncontent-length: 9000000\r\n\r\n");
         link.socket->receive(getOf("/"));
+        EXPECT_EQ(link.closedNs, 0) << "in front of the end of the refusal";
+        link.socket->writeFinished();
         for (int i = 0; isFlood && i < 40 && link.closedNs == 0; ++i)
             link.socket->receive(std::string(1024 * 1024, 'x'));
         EXPECT_EQ(link.closedNs != 0, isFlood);

@@ -362,33 +362,31 @@ TEST_F(ZnHttpServerTest, WhatIsRefusedAnywayIsRefusedInFrontOfItsBody) {
     const std::string body = " HTTP/1.1\r\ncontent-length: 2\r\nexpect: 100-continue\r\n\r\n";
     const std::string chunks = " HTTP/1.1\r\ntransfer-encoding: chunked\r\n\r\n";
     const std::string interim = "HTTP/1.1 100 Continue\r\n\r\n";
-    const struct {
-        std::string input;
-        const char *start, *end;
-        bool goesOn;
-    } kRows[] = {{"POST /body?no" + body, "HTTP/1.1 403 ", "\r\n\r\nfiltered", false},
-                 {"POST /body?no" + chunks, "HTTP/1.1 403 ", "\r\n\r\nfiltered", false},
-                 {"POST /none" + body, "HTTP/1.1 404 ", "\r\n\r\nNot Found", false},
-                 {"POST /peer" + body, "HTTP/1.1 405 ", "\r\n\r\nMethod Not Allowed", false},
-                 {"HEAD /none" + body, "HTTP/1.1 404 ", "\r\n\r\n", false},
-                 {"GET /none HTTP/1.1\r\n\r\n", "HTTP/1.1 404 ", "\r\n\r\nNot Found", true}, // no reason to close
-                 {"POST /body" + body, interim.c_str(), interim.c_str(), true},
-                 {"POST /body?throw" + body, interim.c_str(), interim.c_str(), true},
-                 {"GET /echo/a HTTP/1.1\r\n\r\nPOST /none" + body, "HTTP/1.1 200 ", "\r\n\r\na", true}}; // in its turn
+    const std::tuple<std::string, const char*, const char*, bool> kRows[] = {
+        {"POST /body?no" + body, "HTTP/1.1 403 ", "\r\n\r\nfiltered", false},
+        {"POST /body?no" + chunks, "HTTP/1.1 403 ", "\r\n\r\nfiltered", false},
+        {"POST /none" + body, "HTTP/1.1 404 ", "\r\n\r\nNot Found", false},
+        {"POST /peer" + body, "HTTP/1.1 405 ", "\r\n\r\nMethod Not Allowed", false},
+        {"HEAD /none" + body, "HTTP/1.1 404 ", "\r\n\r\n", false},
+        {"GET /none HTTP/1.1\r\n\r\n", "HTTP/1.1 404 ", "\r\n\r\nNot Found", true}, // no reason to close
+        {"POST /body" + body, interim.c_str(), interim.c_str(), true},
+        {"POST /body?throw" + body, interim.c_str(), interim.c_str(), true},
+        {"GET /echo/a HTTP/1.1\r\n\r\nPOST /none" + body, "HTTP/1.1 200 ", "\r\n\r\na", true}}; // in its turn
     for (const bool isEarly : {true, false}) {
         app_->setLimits({.refuseBeforeBody = isEarly});
-        for (const auto& row : kRows) {
-            SCOPED_TRACE(row.input);
-            const auto client = send(row.input);
-            if (!isEarly && !row.goesOn) {
+        for (const auto& [input, start, end, mayGoOn] : kRows) {
+            SCOPED_TRACE(input);
+            const bool goesOn = mayGoOn;
+            const auto client = send(input);
+            if (!isEarly && !goesOn) {
                 settle();
-                EXPECT_EQ(client->received, row.input.ends_with(chunks) ? "" : interim);
+                EXPECT_EQ(client->received, input.ends_with(chunks) ? "" : interim);
                 continue;
             }
-            ASSERT_TRUE(runUntil([&] { return client->answerCount() > 0 && (row.goesOn || client->isGone()); }));
-            EXPECT_TRUE(client->received.starts_with(row.start)) << client->received;
-            EXPECT_TRUE(client->received.ends_with(row.end)) << client->received;
-            EXPECT_EQ(client->received.find("connection: close") == std::string::npos, row.goesOn);
+            ASSERT_TRUE(runUntil([&] { return client->answerCount() > 0 && (goesOn || client->isGone()); }));
+            EXPECT_TRUE(client->received.starts_with(start)) << client->received;
+            EXPECT_TRUE(client->received.ends_with(end)) << client->received;
+            EXPECT_EQ(client->received.find("connection: close") == std::string::npos, goesOn);
         }
     }
 }
@@ -463,14 +461,13 @@ TEST_F(ZnHttpServerTest, ContextMiddlewareStandsInFrontOfLaterRoutes) {
               },
               {" user ", 200, true}); // of the time a busy machine takes a part
     EXPECT_EQ(app_->router().namedPattern("user"), "/api/v1");
-    const struct {
-        const char *path, *status, *part, *body;
-    } kRows[] = {{"/api/v1?me", "200 OK", "\r\nconnection: keep-alive\r\n", "me"},
-                 {"/api/v1?stop", "500 Internal Server Error", "", "Route handler produced no response"},
-                 {"/api/v1?throw", "502 Bad Gateway", "", "caught it"},
-                 {"/api/v1?again", "500 Internal Server Error", "\r\nconnection: close\r\n", "Internal Server Error"},
-                 {"/api/v1?slow", "504 Gateway Timeout", "\r\nx-route-timeout-ms: ", "Route timeout"},
-                 {"/echo/x", "200 OK", "", "x"}};
+    const std::tuple<const char*, const char*, const char*, const char*> kRows[] = {
+        {"/api/v1?me", "200 OK", "\r\nconnection: keep-alive\r\n", "me"},
+        {"/api/v1?stop", "500 Internal Server Error", "", "Route handler produced no response"},
+        {"/api/v1?throw", "502 Bad Gateway", "", "caught it"},
+        {"/api/v1?again", "500 Internal Server Error", "\r\nconnection: close\r\n", "Internal Server Error"},
+        {"/api/v1?slow", "504 Gateway Timeout", "\r\nx-route-timeout-ms: ", "Route timeout"},
+        {"/echo/x", "200 OK", "", "x"}};
     for (const auto& [path, status, part, body] : kRows) {
         expectAnswer(path, status, part, body);
         if (kept)

@@ -163,11 +163,7 @@ TEST_F(ZnHttpSessionTest, BodiesLeavePieceByPiece) {
     const std::string large(16 * 1024 + 1, 'x');
     const std::string coding = "transfer-encoding: chunked",
                       fourChunks = "2\r\nab\r\n4001\r\n" + large + "\r\n1\r\nc\r\n0\r\n\r\n";
-    const struct {
-        ZnHttpResponse response;
-        std::string framing, body;
-        std::vector<std::size_t> sizes;
-    } kRows[] = {
+    const std::tuple<ZnHttpResponse, std::string, std::string, std::vector<std::size_t>> kRows[] = {
         {fileResponse(path, 3, 9000), "content-length: 9000", content.substr(3, 9000), {4096, 8192, 9000}},
         {fileResponse(path, 0, 4096), "content-length: 4096", content.substr(0, 4096), {4096}},
         {fileResponse(path, 0, 0), "content-length: 0", "", {0}},
@@ -176,8 +172,8 @@ TEST_F(ZnHttpSessionTest, BodiesLeavePieceByPiece) {
         {chunkedResponse({}), coding, "0\r\n\r\n", {5}},
     };
     router_.addRoute("GET", "/next", echoOf);
-    for (const auto& row : kRows) {
-        router_.setFallback([&row](const ZnHttpRequest&) { return row.response; });
+    for (const auto& [response, framing, body, sizes] : kRows) {
+        router_.setFallback([&answer = response](const ZnHttpRequest&) { return answer; });
         for (const bool stalls : {false, true}) {
             Link& link = open();
             if (stalls)
@@ -185,15 +181,15 @@ TEST_F(ZnHttpSessionTest, BodiesLeavePieceByPiece) {
             link.socket->receive(getOf("/") + getOf("/next"));
             const std::size_t headBytes = link.output.find("\r\n\r\n") + 4;
             const std::string head = link.output.substr(0, headBytes);
-            EXPECT_NE(head.find("\r\n" + row.framing + "\r\n"), std::string::npos) << head;
+            EXPECT_NE(head.find("\r\n" + framing + "\r\n"), std::string::npos) << head;
             EXPECT_NE(head.find("content-length") == std::string::npos, head.find("chunked") == std::string::npos);
-            for (std::size_t i = 0; stalls && i < row.sizes.size(); ++i) {
+            for (std::size_t i = 0; stalls && i < sizes.size(); ++i) {
                 settle(1);
-                EXPECT_EQ(link.output.size() - headBytes, row.sizes[i]) << head;
+                EXPECT_EQ(link.output.size() - headBytes, sizes[i]) << head;
                 link.socket->writeFinished();
             }
             EXPECT_TRUE(runUntil([&] { return link.output.ends_with(answerTo("/next")); }));
-            EXPECT_EQ(link.output.substr(headBytes), row.body + answerTo("/next"));
+            EXPECT_EQ(link.output.substr(headBytes), body + answerTo("/next"));
         }
     }
 }
@@ -450,20 +446,18 @@ TEST_F(ZnHttpSessionTest, OnlyTheFirstAnswerToTheRequestCounts) {
 }
 
 TEST_F(ZnHttpSessionTest, RefusedInputIsAnsweredAndTheRestDiscarded) {
-    const struct {
-        const char *input, *status, *body;
-        bool closesAtOnce; // all of the peer's words were read, as far as one can tell
-    } kRows[] = {
+    // The last: all of the peer's words were read, as far as one can tell.
+    const std::tuple<const char*, std::string, std::string, bool> kRows[] = {
         {"GET\r\n\r\n", "400 Bad Request", "Malformed request line", true},
         {"POST / HTTP/1.1\r\ncontent-type: multipart/form-data\r\ncontent-length: 1\r\n\r\nx", "400 Bad Request",
          "Missing multipart boundary", true},
         {"POST / HTTP/1.1\r\ncontent-length: 9000000\r\n\r\n", "413 Payload Too Large", "Body too large", false}};
-    for (const auto& row : kRows) {
+    for (const auto& [input, status, body, closesAtOnce] : kRows) {
         Link& link = open();
-        link.socket->receive(row.input);
-        EXPECT_TRUE(link.output.starts_with(std::string("HTTP/1.1 ") + row.status)) << link.output;
-        EXPECT_TRUE(link.output.ends_with(std::string("connection: close\r\n\r\n") + row.body)) << link.output;
-        EXPECT_EQ(link.closedNs != 0, row.closesAtOnce);
+        link.socket->receive(input);
+        EXPECT_TRUE(link.output.starts_with("HTTP/1.1 " + status)) << link.output;
+        EXPECT_TRUE(link.output.ends_with("connection: close\r\n\r\n" + body)) << link.output;
+        EXPECT_EQ(link.closedNs != 0, closesAtOnce);
     }
 }
 
@@ -486,15 +480,14 @@ TEST_F(ZnHttpSessionTest, WhatComesAfterARefusalIsDiscardedForAWhile) {
 TEST_F(ZnHttpSessionTest, AClientThatHoldsItsBodyBackIsToldToGoOn) {
     const std::string post = "POST / HTTP/1.1\r\nexpect: 100-Continue\r\n";
     const std::string interim = "HTTP/1.1 100 Continue\r\n\r\n";
-    const struct {
-        std::string head, output, body;
-    } kRows[] = {// what has come before the body
-                 {post + "content-length: 2\r\n\r\n", interim, "ab"},
-                 {post + "transfer-encoding: chunked\r\n\r\n", interim, "1\r\na\r\n0\r\n\r\n"},
-                 {post + "content-length: 2\r\n\r\na", "", "b"}, // it does not wait
-                 {post + "content-length: 0\r\n\r\n", answerTo("/"), ""},
-                 {"POST / HTTP/1.0\r\nexpect: 100-continue\r\ncontent-length: 1\r\n\r\n", "", "a"},
-                 {getOf("/never") + post + "content-length: 1\r\n\r\n", "", ""}}; // it would come out of turn
+    const std::tuple<std::string, std::string, std::string> kRows[] = {
+        // what has come before the body
+        {post + "content-length: 2\r\n\r\n", interim, "ab"},
+        {post + "transfer-encoding: chunked\r\n\r\n", interim, "1\r\na\r\n0\r\n\r\n"},
+        {post + "content-length: 2\r\n\r\na", "", "b"}, // it does not wait
+        {post + "content-length: 0\r\n\r\n", answerTo("/"), ""},
+        {"POST / HTTP/1.0\r\nexpect: 100-continue\r\ncontent-length: 1\r\n\r\n", "", "a"},
+        {getOf("/never") + post + "content-length: 1\r\n\r\n", "", ""}}; // it would come out of turn
     for (const auto& [head, output, body] : kRows) {
         Link& link = open([](const auto& request, const ZnHttpResponseCallback& callback) {
             if (request->path == "/")
@@ -520,11 +513,8 @@ TEST_F(ZnHttpSessionTest, TimeOuts) {
     const ZnHttpTimeouts header{kSoon, kLate, kLate, kLate}, body{kLate, kSoon, kLate, kLate},
         silence{0, kLate, kSoon, kLate}, write{kLate, kLate, kLate, kSoon}, allButBody{kSoon, 0, kSoon, kSoon},
         allButWrite{kSoon, kSoon, kSoon, 0};
-    const struct {
-        std::string input;
-        ZnHttpTimeouts timeouts;
-        const char* lastAnswer; // null: the connection stays open
-    } kRows[] = {
+    const std::tuple<std::string, ZnHttpTimeouts, const char*> kRows[] = {
+        // null: the connection stays open
         {getOf("/never"), body, "504 Gateway Timeout"},
         {getOf("/never"), allButBody, nullptr},
         {getOf("/"), header, "408 Request Timeout"},
@@ -536,22 +526,22 @@ TEST_F(ZnHttpSessionTest, TimeOuts) {
         {getOf("/stalled"), allButWrite, nullptr},
     };
     router_.setFallback(echoOf);
-    for (const auto& row : kRows) {
-        Link& link = row.input == getOf("/never") ? openUnanswered(row.timeouts) : open(nullptr, row.timeouts);
-        if (row.input == getOf("/stalled"))
+    for (const auto& [input, timeouts, lastAnswer] : kRows) {
+        Link& link = input == getOf("/never") ? openUnanswered(timeouts) : open(nullptr, timeouts);
+        if (input == getOf("/stalled"))
             link.socket->onWrite = nullptr;
-        link.socket->receive(row.input);
+        link.socket->receive(input);
     }
     settle(450);
     auto link = links_.begin();
-    for (const auto& row : kRows) {
-        SCOPED_TRACE(row.input);
-        ASSERT_EQ(link->closedNs != 0, row.lastAnswer != nullptr);
-        const std::size_t lastHead = link->output.rfind("HTTP/1.1 ");
-        const std::string lastAnswer = lastHead == std::string::npos ? "" : link->output.substr(lastHead + 9);
-        if (row.lastAnswer != nullptr) {
+    for (const auto& [input, timeouts, lastAnswer] : kRows) {
+        SCOPED_TRACE(input);
+        ASSERT_EQ(link->closedNs != 0, lastAnswer != nullptr);
+        const std::string& output = link->output;
+        const std::size_t lastHead = output.empty() ? 0 : output.rfind("HTTP/1.1 ") + 9;
+        if (lastAnswer != nullptr) {
             EXPECT_GE(link->closedNs - link->openedNs, 200'000'000); // the first tick, not 101 ms
-            EXPECT_EQ(lastAnswer.substr(0, lastAnswer.find("\r\n")), row.lastAnswer);
+            EXPECT_EQ(output.substr(lastHead, output.find("\r\n", lastHead) - lastHead), lastAnswer);
         }
         ++link;
     }

@@ -13,12 +13,8 @@ constexpr long long kMs = 1'000'000;
 // the last look at the peer at 4000, the last activity at 5000, which is the begin of the drain.
 TEST(ZnHttpTimeoutTable, TheFirstRowOfThePhaseDecides) {
     const ZnHttpTimeouts all{100, 200, 300, 400, 500, 0};
-    const struct {
-        Phase phase;
-        ZnHttpTimeouts timeouts; // header, body, keep-alive, write, handler, look at the peer
-        long long ms;            // 0: never
-        Verdict verdict;
-    } kRows[] = {
+    // Time-outs: header, body, keep-alive, write, handler, look at the peer. 0: never.
+    const std::tuple<Phase, ZnHttpTimeouts, long long, Verdict> kRows[] = {
         {Phase::Closed, all, 0, Verdict::None},
         {Phase::Draining, all, 5200, Verdict::Close},
         {Phase::Responding, all, 3401, Verdict::CloseSlowReader},

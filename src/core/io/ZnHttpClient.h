@@ -10,7 +10,10 @@
 #include <memory>
 #include <string_view>
 
+class ZnHttpResponseReader_;
 class ZnTcpSocket;
+struct ZnHttpClientRequest_;
+struct ZnHttpClientResponse_;
 
 /// One HTTP/1.1 request at a time, each on a connection of its own that is closed after it.
 ///
@@ -36,10 +39,7 @@ public:
     static constexpr int kClosedEarly = -8; // the connection ended without an error before the response was complete
 
     /// Whether request() would take the URL.
-    static bool isUsableUrl(const ZnString& url) {
-        Target_ target;
-        return parseUrl_(url, &target);
-    }
+    static bool isUsableUrl(const ZnString& url);
 
     static constexpr std::size_t kMaxHeadBytes = 65536; // interim responses included
 
@@ -51,7 +51,6 @@ public:
     bool setHeader(const ZnString& name, const ZnString& value);
     /// A bundle of certificate authorities in place of the default trust; used from the next request on.
     void setCaFile(const ZnString& path) { caFile_ = path; }
-
     /// The largest body of all later requests; 0: no limit.
     void setMaxResponseBytes(std::int64_t maxBytes) { maxResponseBytes_ = maxBytes; }
     /// For all later requests: interim responses (1xx) are passed over, and 204, 205 and 304 have no body.
@@ -71,13 +70,13 @@ public:
     void abort();
 
     // The result, from `finished` to the next request.
-    int statusCode() const noexcept { return result_ ? result_->statusCode : 0; }
-    const ZnString& reasonPhrase() const noexcept { return resultOrNone_().reasonPhrase; }
-    const ZnByteArray& body() const noexcept { return resultOrNone_().body; }
+    int statusCode() const noexcept;
+    const ZnString& reasonPhrase() const noexcept;
+    const ZnByteArray& body() const noexcept;
     /// The status line and the headers as received, with the empty line.
-    const ZnString& rawHeaders() const noexcept { return resultOrNone_().rawHeaders; }
+    const ZnString& rawHeaders() const noexcept;
     /// Names in lower case; a repeated one has its last value.
-    const ZnMap<ZnString, ZnString>& responseHeaders() const noexcept { return resultOrNone_().responseHeaders; }
+    const ZnMap<ZnString, ZnString>& responseHeaders() const noexcept;
     /// Of the last request, when TLS has failed: what OpenSSL says about it.
     const ZnString& failureDetail() const noexcept { return failureDetail_; }
     /// Moves the body out of the result.
@@ -88,42 +87,9 @@ public:
     void errorOccurred(int code);
 
 private:
-    friend struct ZnHttpClientTestPeer; // feeds the parser without a connection
-    enum class State_ {
-        Idle,
-        Connecting,
-        ReadingHead,
-        ReadingCounted,
-        ReadingChunkSize,
-        ReadingChunkData,
-        ReadingChunkEnd,
-        ReadingToClose
-    };
-    enum class Progress_ { GoOn, NeedMore, Finished, InvalidChunkSize, InvalidChunkEnd, TooLarge };
-
-    struct Target_ {
-        ZnString scheme;
-        ZnString host;
-        ZnString path;
-        std::uint16_t port = 0;
-        bool useTls() const { return scheme == "https"; }
-    };
-    struct Result_ {
-        int statusCode = 0;
-        ZnString reasonPhrase;
-        ZnByteArray body;
-        ZnString rawHeaders;
-        ZnMap<ZnString, ZnString> responseHeaders;
-    };
-
-    static bool parseUrl_(const ZnString& url, Target_* target);
-    static bool parseAuthority_(std::string_view authority, Target_* target);
     ZnTcpSocket* createSocket_();
     ZnTcpSocket* createTlsSocket_();
     bool connectSocket_();
-    ZnString buildRequest_() const;
-    void appendContentHeaders_(ZnString* head) const;
-    bool hasHeader_(std::string_view name) const;
 
     // Slots of the socket.
     void onConnected_();
@@ -131,58 +97,24 @@ private:
     void onDisconnected_();
     void onSocketError_(int code) { fail_(code); }
 
-    // The response. The steps take what they understand off the front of `*input`.
+    // Each of these may be the end of the client; those that emit do it as their last action.
     void takeBytes_(std::string_view bytes);
-    Progress_ processBuffer_(std::string_view* input);
-    bool isTooLarge_(Progress_ progress) const noexcept;
-    bool observeBody_(std::size_t seenBytes, Progress_* progress);
-    Progress_ step_(std::string_view* input);
-    Progress_ takeHead_(std::string_view* input);
-    Progress_ takeCounted_(std::string_view* input);
-    Progress_ takeChunkSize_(std::string_view* input);
-    Progress_ takeChunkData_(std::string_view* input);
-    Progress_ takeChunkEnd_(std::string_view* input);
-    void takeBody_(std::string_view* input, std::int64_t maxBytes);
-    bool isWithoutBody_() const noexcept;
-    bool findEnd_(std::string_view input, std::string_view mark, std::size_t* position);
-    void parseHead_();
-    void parseStatusLine_(std::string_view line);
-    void parseHeaderLine_(std::string_view line);
-
-    // Each of the first two emits as its last action.
+    bool observeBody_(std::size_t seenBytes) const;
     void finish_();
     void fail_(int code);
     void dropSocket_();
-    void resetResponse_();
-    const Result_& resultOrNone_() const noexcept;
+    const ZnHttpClientResponse_& resultOrNone_() const noexcept;
 
     ZnTcpSocket* socket_ = nullptr; // child; null when idle
     unsigned requestSerial_ = 0;    // changes when a request ends: tells what was parked or emitting that it is over
-    State_ state_ = State_::Idle;
 
     std::int64_t maxResponseBytes_ = 0; // 0: no limit
     bool statusFraming_ = false;
     std::shared_ptr<const BodyObserver> observer_; // shared with its running call; null without one
     ZnString caFile_;
-    int method_ = Get;
-    Target_ target_;
-    ZnMap<ZnString, ZnString> requestHeaders_; // names as the caller wrote them
-    ZnByteArray requestBody_;
-    ZnString contentType_;
-
-    ZnByteArray rxBuffer_;           // received and not yet understood
-    std::size_t headBytes_ = 0;      // of interim responses that were passed over
-    std::size_t scannedBytes_ = 0;   // of it, known not to begin the mark that is searched for
-    ZnByteArray bodyBuffer_;         // decoded
-    std::int64_t bytesReceived_ = 0; // of the body
-    ZnString rawHead_;
-    ZnMap<ZnString, ZnString> rxHeaders_;
-    int rxStatus_ = 0;
-    ZnString rxReason_;
-    std::int64_t contentLength_ = -1; // -1: unknown
-    bool chunked_ = false;
-    std::int64_t chunkRemaining_ = 0; // bytes of the present chunk that are still to come
+    const std::unique_ptr<ZnHttpClientRequest_> request_; // never null, as is reader_
+    const std::unique_ptr<ZnHttpResponseReader_> reader_;
 
     ZnString failureDetail_;
-    std::shared_ptr<Result_> result_; // shared with the emission of `finished`; null without a result
+    std::shared_ptr<ZnHttpClientResponse_> result_; // shared with the emission of `finished`; null without a result
 };

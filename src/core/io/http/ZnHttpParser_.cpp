@@ -1,7 +1,8 @@
 #include "core/io/http/ZnHttpParser_.h"
 
-#include "core/io/http/ZnHttpGrammar_.h"
 #include "core/io/http/ZnHttpMultipart.h"
+#include "core/io/http1/ZnHttpGrammar_.h"
+#include "core/io/http1/ZnHttpWireText_.h"
 
 #include <algorithm>
 #include <cstring>
@@ -11,41 +12,11 @@
 
 namespace {
 
+namespace grammar = zn::http::grammar;
+namespace wire = zn::http::wire;
+
 // A peer's word about the length of its body is worth this much memory; beyond it memory follows the bytes.
 constexpr std::uint64_t kTrustedBodyBytes = 64 * 1024;
-
-char lowerOf(char c) noexcept {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-char upperOf(char c) noexcept {
-    return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
-}
-
-template <char (*Convert)(char) noexcept>
-ZnString converted(std::string_view text) {
-    std::string result(text);
-    std::transform(result.begin(), result.end(), result.begin(), Convert);
-    return ZnString(std::move(result));
-}
-
-ZnString lowerText(std::string_view text) {
-    return converted<lowerOf>(text);
-}
-
-ZnString upperText(std::string_view text) {
-    return converted<upperOf>(text);
-}
-
-bool equalsLower(std::string_view text, std::string_view lowerCase) noexcept {
-    return text.size() == lowerCase.size() &&
-           std::equal(text.begin(), text.end(), lowerCase.begin(), [](char a, char b) { return lowerOf(a) == b; });
-}
-
-bool containsLower(std::string_view text, std::string_view lowerCase) noexcept {
-    return std::search(text.begin(), text.end(), lowerCase.begin(), lowerCase.end(),
-                       [](char a, char b) { return lowerOf(a) == b; }) != text.end();
-}
 
 /// Takes the piece up to the next `separator` off the front of `*rest`. False when there is none left.
 bool nextPiece(std::string_view* rest, char separator, std::string_view* piece) noexcept {
@@ -61,20 +32,10 @@ bool nextPiece(std::string_view* rest, char separator, std::string_view* piece) 
 bool containsToken(std::string_view value, std::string_view token) noexcept {
     std::string_view piece;
     while (nextPiece(&value, ',', &piece)) {
-        if (equalsLower(trimmedView(piece), token))
+        if (wire::equalsLower(trimmedView(piece), token))
             return true;
     }
     return false;
-}
-
-int hexDigit(char c) noexcept {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
 }
 
 /// Replaces "%XX" by its byte, and with `plusIsBlank` "+" by a blank. False for a malformed sequence.
@@ -88,8 +49,8 @@ bool percentDecode(std::string_view text, bool plusIsBlank, std::string* out) {
         }
         if (text.size() - i < 3)
             return false;
-        const int high = hexDigit(text[i + 1]);
-        const int low = hexDigit(text[i + 2]);
+        const int high = wire::hexDigit(text[i + 1]);
+        const int low = wire::hexDigit(text[i + 2]);
         if (high < 0 || low < 0)
             return false;
         out->push_back(static_cast<char>(high * 16 + low));
@@ -131,24 +92,24 @@ bool isAllowedOnce(std::string_view name) noexcept {
 std::string_view withoutAuthority(std::string_view target) noexcept {
     constexpr std::size_t kLongestScheme = 8; // "https://"
     const std::string_view scheme = target.substr(0, kLongestScheme);
-    if (!equalsLower(scheme.substr(0, 7), "http://") && !equalsLower(scheme, "https://"))
+    if (!wire::equalsLower(scheme.substr(0, 7), "http://") && !wire::equalsLower(scheme, "https://"))
         return target;
     const std::size_t slash = target.find('/', target.find("://") + 3);
     return slash == std::string_view::npos ? std::string_view("/") : target.substr(slash);
 }
 
-namespace grammar = zn::http::grammar;
+ZnHttpParser_::State stateOf(ZnHttpChunkDecoder_::State state) noexcept {
+    switch (state) {
+    case ZnHttpChunkDecoder_::State::Size: return ZnHttpParser_::State::ChunkSize;
+    case ZnHttpChunkDecoder_::State::Data: return ZnHttpParser_::State::ChunkData;
+    case ZnHttpChunkDecoder_::State::DataEnd: return ZnHttpParser_::State::ChunkEnd;
+    case ZnHttpChunkDecoder_::State::Trailers: return ZnHttpParser_::State::Trailers;
+    case ZnHttpChunkDecoder_::State::End: break;
+    }
+    return ZnHttpParser_::State::Complete;
+}
 
 } // namespace
-
-struct ZnHttpParser_::Input_ {
-    std::string_view rest; // not consumed yet
-
-    void skip(std::size_t byteCount) noexcept { rest.remove_prefix(byteCount); }
-    /// Length of an unfinished line. A CR at the end may be the first half of its CRLF and does not count: a line
-    /// that just fits must pass wherever the input is cut.
-    std::uint64_t lineBytes() const noexcept { return rest.size() - (rest.ends_with('\r') ? 1 : 0); }
-};
 
 bool ZnHttpParser_::feed(std::string_view bytes, ZnList<RequestRef>& out) {
     if (state_ == State::Failed)
@@ -171,47 +132,26 @@ bool ZnHttpParser_::feed(std::string_view bytes, ZnList<RequestRef>& out) {
 }
 
 std::size_t ZnHttpParser_::run_(std::string_view bytes, ZnList<RequestRef>& out) {
-    Input_ input{bytes};
-    while (step_(input, out)) {
+    std::string_view input = bytes;
+    while (step_(&input, out)) {
     }
-    return bytes.size() - input.rest.size();
+    return bytes.size() - input.size();
 }
 
 /// One step of the state machine. False: it needs more input, or has failed.
-bool ZnHttpParser_::step_(Input_& input, ZnList<RequestRef>& out) {
+bool ZnHttpParser_::step_(std::string_view* input, ZnList<RequestRef>& out) {
     switch (state_) {
     case State::RequestLine: return onRequestLine_(input);
     case State::Headers: return onHeaderLine_(input);
     case State::FixedBody: return onFixedBody_(input);
-    case State::ChunkSize: return onChunkSize_(input);
-    case State::ChunkData: return onChunkData_(input);
-    case State::ChunkEnd: return onChunkEnd_(input);
-    case State::Trailers: return onTrailerLine_(input);
+    case State::ChunkSize:
+    case State::ChunkData:
+    case State::ChunkEnd:
+    case State::Trailers: return onChunks_(input);
     case State::Complete: return commit_(out);
     case State::Failed: return false;
     }
     return false;
-}
-
-/// Takes one line without its CRLF off the input. A bare LF ends no line; by the strict grammar it does so without
-/// being taken away, and whoever reads the line refuses it, at once and not when the time is up.
-bool ZnHttpParser_::readLine_(Input_& input, std::string_view* line) {
-    const std::string_view rest = input.rest;
-    std::size_t from = std::exchange(scannedBytes_, 0);
-    for (;;) {
-        const std::size_t lineFeed = rest.find('\n', from);
-        if (lineFeed == std::string_view::npos) {
-            scannedBytes_ = rest.size();
-            return false;
-        }
-        const bool hasReturn = lineFeed > 0 && rest[lineFeed - 1] == '\r';
-        if (hasReturn || limits_.strictGrammar) {
-            *line = rest.substr(0, hasReturn ? lineFeed - 1 : lineFeed + 1);
-            input.skip(lineFeed + 1);
-            return true;
-        }
-        from = lineFeed + 1;
-    }
 }
 
 bool ZnHttpParser_::fail_(int status, ZnString text) {
@@ -223,10 +163,12 @@ bool ZnHttpParser_::fail_(int status, ZnString text) {
     return false;
 }
 
-bool ZnHttpParser_::onRequestLine_(Input_& input) {
+bool ZnHttpParser_::onRequestLine_(std::string_view* input) {
     std::string_view line;
-    if (!readLine_(input, &line))
-        return input.lineBytes() > limits_.maxRequestLineBytes ? fail_(414, "Request line too long") : false;
+    if (!lines_.take(input, &line))
+        return ZnHttpLineReader_::unfinishedBytes(*input) > limits_.maxRequestLineBytes
+                   ? fail_(414, "Request line too long")
+                   : false;
     if (line.empty())
         return true; // a CRLF in front of a request is harmless
     if (line.size() > limits_.maxRequestLineBytes)
@@ -248,9 +190,9 @@ bool ZnHttpParser_::parseRequestLine_(std::string_view line) {
                                   !grammar::isTarget(pieces[0], pieces[1]) || !grammar::isVersion(pieces[2])))
         return fail_(400, "Malformed request line");
     current_ = std::make_shared<ZnHttpRequest>();
-    current_->method = upperText(pieces[0]);
+    current_->method = wire::upperText(pieces[0]);
     current_->target = ZnString(pieces[1]);
-    current_->httpVersion = upperText(pieces[2]);
+    current_->httpVersion = wire::upperText(pieces[2]);
     if (!parseTarget_(pieces[1]))
         return fail_(400, "Malformed target");
     current_->keepAlive = current_->httpVersion == "HTTP/1.1";
@@ -273,10 +215,12 @@ bool ZnHttpParser_::parseTarget_(std::string_view target) {
     return true;
 }
 
-bool ZnHttpParser_::onHeaderLine_(Input_& input) {
+bool ZnHttpParser_::onHeaderLine_(std::string_view* input) {
     std::string_view line;
-    if (!readLine_(input, &line)) {
-        return headerBytes_ + input.lineBytes() > limits_.maxHeaderBytes ? fail_(431, "Headers too large") : false;
+    if (!lines_.take(input, &line)) {
+        return headerBytes_ + ZnHttpLineReader_::unfinishedBytes(*input) > limits_.maxHeaderBytes
+                   ? fail_(431, "Headers too large")
+                   : false;
     }
     headerBytes_ += line.size() + 2;
     if (headerBytes_ > limits_.maxHeaderBytes)
@@ -285,17 +229,18 @@ bool ZnHttpParser_::onHeaderLine_(Input_& input) {
 }
 
 bool ZnHttpParser_::parseHeaderLine_(std::string_view line) {
-    const std::size_t colon = line.find(':');
-    if (colon == 0 || colon == std::string_view::npos)
+    std::string_view nameText;
+    std::string_view value;
+    if (line.starts_with(':') || !wire::splitHeaderLine(line, &nameText, &value))
         return fail_(400, "Malformed header");
     if (++headerCount_ > limits_.maxHeaderCount)
         return fail_(431, "Too many headers");
     if (limits_.strictGrammar && !grammar::isFieldLine(line))
         return fail_(400, "Malformed header");
-    ZnString name = lowerText(trimmedView(line.substr(0, colon)));
+    ZnString name = wire::lowerText(nameText);
     if (limits_.strictGrammar && isAllowedOnce(name.view()) && current_->headers.contains(name))
         return fail_(400, "Repeated header");
-    current_->headers.insert(std::move(name), ZnString(trimmedView(line.substr(colon + 1))));
+    current_->headers.insert(std::move(name), ZnString(value));
     return true;
 }
 
@@ -307,7 +252,7 @@ bool ZnHttpParser_::checkFraming_() {
     if (host == headers.end() ? !isOld : !grammar::isHost(host->second.view()))
         return fail_(400, "Missing or malformed Host");
     const auto coding = headers.find("transfer-encoding");
-    if (coding != headers.end() && (isOld || !equalsLower(coding->second.view(), "chunked")))
+    if (coding != headers.end() && (isOld || !wire::equalsLower(coding->second.view(), "chunked")))
         return fail_(400, "Unsupported transfer coding");
     return true;
 }
@@ -324,7 +269,7 @@ bool ZnHttpParser_::finishHeaders_() {
             current_->keepAlive = true;
     }
     const auto coding = headers.find("transfer-encoding");
-    const bool chunked = coding != none && containsLower(coding->second.view(), "chunked");
+    const bool chunked = coding != none && wire::containsLower(coding->second.view(), "chunked");
     const auto length = headers.find("content-length");
     if (length != none && !parseContentLength_(length->second.view()))
         return fail_(400, "Invalid Content-Length");
@@ -338,6 +283,8 @@ bool ZnHttpParser_::finishHeaders_() {
     if (bodyRemaining_ > maxBodyBytes_)
         return fail_(413, "Body too large");
     current_->chunked = chunked;
+    if (chunked)
+        chunks_.emplace(chunkRules_());
     state_ = chunked ? State::ChunkSize : bodyRemaining_ > 0 ? State::FixedBody : State::Complete;
     if (state_ == State::Complete)
         return true;
@@ -385,14 +332,9 @@ bool ZnHttpParser_::parseContentLength_(std::string_view text) {
     return !text.empty();
 }
 
-bool ZnHttpParser_::takeBody_(Input_& input, std::uint64_t* remainingBytes) {
-    const std::size_t byteCount = static_cast<std::size_t>(std::min<std::uint64_t>(*remainingBytes, input.rest.size()));
-    if (byteCount > maxBodyBytes_ - bodyBytes_)
-        return fail_(413, "Body too large");
-    const std::string_view bytes = input.rest.substr(0, byteCount);
-    input.skip(byteCount);
-    bodyBytes_ += byteCount;
-    *remainingBytes -= byteCount;
+/// Adds to the body. False: its parts are malformed.
+bool ZnHttpParser_::takeBody_(std::string_view bytes) {
+    bodyBytes_ += bytes.size();
     ZnString errorText;
     if (!multipartActive_)
         current_->body.append(bytes);
@@ -401,14 +343,16 @@ bool ZnHttpParser_::takeBody_(Input_& input, std::uint64_t* remainingBytes) {
     return true;
 }
 
-bool ZnHttpParser_::onFixedBody_(Input_& input) {
-    if (input.rest.empty())
+bool ZnHttpParser_::onFixedBody_(std::string_view* input) {
+    if (input->empty())
         return false;
     if (!multipartActive_ && current_->body.isNull())
         current_->body.reserve(static_cast<std::size_t>(std::min(bodyRemaining_, kTrustedBodyBytes)));
-    if (!takeBody_(input, &bodyRemaining_) || bodyRemaining_ > 0)
-        return false;
-    return finishBody_();
+    const std::string_view bytes =
+        input->substr(0, static_cast<std::size_t>(std::min<std::uint64_t>(bodyRemaining_, input->size())));
+    input->remove_prefix(bytes.size());
+    bodyRemaining_ -= bytes.size();
+    return takeBody_(bytes) && bodyRemaining_ == 0 && finishBody_();
 }
 
 bool ZnHttpParser_::finishBody_() {
@@ -420,67 +364,44 @@ bool ZnHttpParser_::finishBody_() {
     return true;
 }
 
-bool ZnHttpParser_::onChunkSize_(Input_& input) {
-    std::string_view line;
-    if (!readLine_(input, &line))
-        return input.lineBytes() > limits_.maxRequestLineBytes ? fail_(400, "Chunk size line too long") : false;
-    if (line.size() > limits_.maxRequestLineBytes)
-        return fail_(400, "Chunk size line too long");
-    if ((limits_.strictGrammar && !grammar::isChunkSizeLine(line)) || !parseChunkSize_(trimmedView(line)))
-        return fail_(400, "Invalid chunk size");
-    if (chunkRemaining_ > limits_.maxChunkBytes)
-        return fail_(413, "Chunk too large");
-    if (chunkRemaining_ > maxBodyBytes_ - bodyBytes_)
-        return fail_(413, "Body too large");
-    state_ = chunkRemaining_ == 0 ? State::Trailers : State::ChunkData;
-    return true;
+ZnHttpChunkDecoder_::Rules ZnHttpParser_::chunkRules_() const {
+    ZnHttpChunkDecoder_::Rules rules;
+    rules.strictGrammar = limits_.strictGrammar;
+    rules.maxLineBytes = limits_.maxRequestLineBytes;
+    rules.maxChunkBytes = limits_.maxChunkBytes;
+    rules.maxBodyBytes = maxBodyBytes_;
+    rules.maxTrailerBytes = limits_.maxHeaderBytes - headerBytes_;
+    return rules;
 }
 
-bool ZnHttpParser_::parseChunkSize_(std::string_view line) {
-    const std::string_view digits = line.substr(0, line.find(';'));
-    std::uint64_t size = 0;
-    for (const char c : digits) {
-        const int digit = hexDigit(c);
-        if (digit < 0 || size > std::numeric_limits<std::uint64_t>::max() >> 4)
+bool ZnHttpParser_::onChunks_(std::string_view* input) {
+    using Step = ZnHttpChunkDecoder_::Step;
+    Step step;
+    do {
+        std::string_view bytes;
+        step = chunks_->next(input, &bytes);
+        state_ = stateOf(chunks_->state());
+        if (step == Step::Data && !takeBody_(bytes))
             return false;
-        size = size << 4 | static_cast<std::uint64_t>(digit);
+    } while (step == Step::Data && !input->empty());
+    if (step == Step::Failed)
+        return failChunks_();
+    return step == Step::End && finishBody_();
+}
+
+bool ZnHttpParser_::failChunks_() {
+    using Fault = ZnHttpChunkDecoder_::Fault;
+    switch (chunks_->fault()) {
+    case Fault::None: break;
+    case Fault::SizeLineTooLong: return fail_(400, "Chunk size line too long");
+    case Fault::InvalidSize: return fail_(400, "Invalid chunk size");
+    case Fault::ChunkTooLarge: return fail_(413, "Chunk too large");
+    case Fault::BodyTooLarge: return fail_(413, "Body too large");
+    case Fault::MissingLineEnd: return fail_(400, "Malformed chunk delimiter");
+    case Fault::TrailersTooLarge: return fail_(431, "Trailers too large");
+    case Fault::MalformedTrailer: return fail_(400, "Malformed trailer");
     }
-    chunkRemaining_ = size;
-    return !digits.empty();
-}
-
-bool ZnHttpParser_::onChunkData_(Input_& input) {
-    if (input.rest.empty() || !takeBody_(input, &chunkRemaining_))
-        return false;
-    if (chunkRemaining_ > 0)
-        return false;
-    state_ = State::ChunkEnd;
-    return true;
-}
-
-bool ZnHttpParser_::onChunkEnd_(Input_& input) {
-    if (input.rest.size() < 2)
-        return false;
-    if (!input.rest.starts_with("\r\n"))
-        return fail_(400, "Malformed chunk delimiter");
-    input.skip(2);
-    state_ = State::ChunkSize;
-    return true;
-}
-
-bool ZnHttpParser_::onTrailerLine_(Input_& input) {
-    std::string_view line;
-    if (!readLine_(input, &line)) {
-        return headerBytes_ + input.lineBytes() > limits_.maxHeaderBytes ? fail_(431, "Trailers too large") : false;
-    }
-    headerBytes_ += line.size() + 2;
-    if (headerBytes_ > limits_.maxHeaderBytes)
-        return fail_(431, "Trailers too large");
-    if (line.empty())
-        return finishBody_();
-    if (limits_.strictGrammar && !grammar::isFieldLine(line))
-        return fail_(400, "Malformed trailer");
-    return true;
+    return false;
 }
 
 bool ZnHttpParser_::commit_(ZnList<RequestRef>& out) {
@@ -488,7 +409,8 @@ bool ZnHttpParser_::commit_(ZnList<RequestRef>& out) {
     current_.reset();
     if (out.size() > limits_.maxPipelinedRequests)
         return fail_(400, "Too many pipelined requests");
-    headerBytes_ = headerCount_ = bodyBytes_ = bodyRemaining_ = chunkRemaining_ = 0;
+    headerBytes_ = headerCount_ = bodyBytes_ = bodyRemaining_ = 0;
+    chunks_.reset();
     state_ = State::RequestLine;
     return true;
 }

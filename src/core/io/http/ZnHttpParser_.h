@@ -3,6 +3,8 @@
 #include "core/io/http/ZnHttpLimits.h"
 #include "core/io/http/ZnHttpMultipartStream_.h"
 #include "core/io/http/ZnHttpRequest.h"
+#include "core/io/http1/ZnHttpChunkDecoder_.h"
+#include "core/io/http1/ZnHttpLineReader_.h"
 #include "core/types/ZnByteArray.h"
 #include "core/types/ZnList.h"
 #include "core/types/ZnString.h"
@@ -11,6 +13,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -18,8 +21,7 @@
 /// the input is cut does not change what comes out. It is generous in what it takes unless limits.strictGrammar is set.
 ///
 ///   request line CRLF  *( name ":" value CRLF )  CRLF  [ body ]
-///   body: Content-Length bytes,
-///      or *( hexadecimal size [ ";" ... ] CRLF  bytes CRLF )  "0" CRLF  *( trailer CRLF )  CRLF
+///   body: Content-Length bytes, or chunks as ZnHttpChunkDecoder_ draws them
 ///
 /// Thread: that of its session. Nothing here parks or calls out.
 /// Invariant: buffer_ holds only what cannot be used yet, an unfinished line or half a CRLF behind a chunk: bytes of
@@ -45,7 +47,8 @@ public:
         Failed = 8
     };
 
-    explicit ZnHttpParser_(const ZnHttpLimits& limits = ZnHttpLimits()) : limits_(limits) {}
+    explicit ZnHttpParser_(const ZnHttpLimits& limits = ZnHttpLimits())
+        : limits_(limits), lines_(limits.strictGrammar) {}
 
     /// Takes `bytes` in and appends the requests that they complete to `out`, whose length maxPipelinedRequests
     /// bounds. Returns false when the parser stands in Failed; requests completed before the failure are in `out`.
@@ -63,52 +66,47 @@ public:
     /// and the first byte behind them.
     bool expectsContinue() const;
     /// Whether the peer still owes bytes of a body; also behind a failure.
-    bool isInsideBody() const noexcept { return bodyRemaining_ > 0 || chunkRemaining_ > 0 || isBodyRefused_; }
+    bool isInsideBody() const noexcept {
+        return bodyRemaining_ > 0 || isBodyRefused_ || (chunks_ && chunks_->isInsideChunk());
+    }
     /// The HTTP status and the text of the failure; 0 and empty without one.
     int errorStatus() const noexcept { return errorStatus_; }
     const ZnString& errorText() const noexcept { return errorText_; }
 
 private:
-    struct Input_; // what is left of the bytes at hand
-
     std::size_t run_(std::string_view bytes, ZnList<RequestRef>& out);
-    bool step_(Input_& input, ZnList<RequestRef>& out);
-    bool readLine_(Input_& input, std::string_view* line);
+    bool step_(std::string_view* input, ZnList<RequestRef>& out);
     bool fail_(int status, ZnString text);
 
-    bool onRequestLine_(Input_& input);
+    bool onRequestLine_(std::string_view* input);
     bool parseRequestLine_(std::string_view line);
     bool parseTarget_(std::string_view target);
-    bool onHeaderLine_(Input_& input);
+    bool onHeaderLine_(std::string_view* input);
     bool parseHeaderLine_(std::string_view line);
     bool checkFraming_();
     bool finishHeaders_();
     bool parseContentLength_(std::string_view text);
-    bool onFixedBody_(Input_& input);
-    bool onChunkSize_(Input_& input);
-    bool parseChunkSize_(std::string_view line);
-    bool onChunkData_(Input_& input);
-    bool onChunkEnd_(Input_& input);
-    bool onTrailerLine_(Input_& input);
+    bool onFixedBody_(std::string_view* input);
+    ZnHttpChunkDecoder_::Rules chunkRules_() const;
+    bool onChunks_(std::string_view* input);
+    bool failChunks_();
     bool beginMultipart_(std::string_view contentType);
     bool finishBody_();
     bool commit_(ZnList<RequestRef>& out);
-    /// Moves up to `*remainingBytes` bytes of the input to the body. False: it would grow beyond its limit, or its
-    /// parts are malformed.
-    bool takeBody_(Input_& input, std::uint64_t* remainingBytes);
+    bool takeBody_(std::string_view bytes);
 
     const ZnHttpLimits limits_;
     HeadCheck headCheck_;
     ZnByteArray buffer_;
-    std::size_t scannedBytes_ = 0; // of buffer_, known to hold no CRLF: one-byte input stays linear
+    ZnHttpLineReader_ lines_; // of buffer_
     State state_ = State::RequestLine;
     RequestRef current_;            // null until its request line is complete
     std::uint64_t headerBytes_ = 0; // this and the next four: of the current message
     std::uint64_t headerCount_ = 0;
-    std::uint64_t maxBodyBytes_ = 0;  // of this body
-    std::uint64_t bodyBytes_ = 0;     // decoded so far
-    std::uint64_t bodyRemaining_ = 0; // of a body with a length
-    std::uint64_t chunkRemaining_ = 0;
+    std::uint64_t maxBodyBytes_ = 0;                    // of this body
+    std::uint64_t bodyBytes_ = 0;                       // decoded so far
+    std::uint64_t bodyRemaining_ = 0;                   // of a body with a length
+    std::optional<ZnHttpChunkDecoder_> chunks_;         // of a body in chunks
     bool isBodyRefused_ = false;                        // by headCheck_
     bool multipartActive_ = false;                      // the body goes to multipart_
     std::unique_ptr<ZnHttpMultipartStream_> multipart_; // made for the first such body, kept for the names of files

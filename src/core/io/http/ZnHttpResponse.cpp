@@ -1,5 +1,7 @@
 #include "core/io/http/ZnHttpResponse.h"
 
+#include "core/io/http1/ZnHttpHeadWriter_.h"
+
 #include <algorithm>
 #include <numeric>
 #include <string>
@@ -15,9 +17,11 @@ namespace {
 
 constexpr std::size_t kUsualHeadBytes = 384;
 
-bool isLowerToken(std::string_view name) noexcept {
+/// Whether `name` is to be sent as it is; whether it may be sent at all is the writer's question.
+bool isLowerAndTrimmed(std::string_view name) noexcept {
     const auto isUpperCase = [](char c) { return c >= 'A' && c <= 'Z'; };
-    return zn::http::isToken(name) && std::none_of(name.begin(), name.end(), isUpperCase);
+    return !name.empty() && name.front() > ' ' && name.back() > ' ' &&
+           std::none_of(name.begin(), name.end(), isUpperCase);
 }
 
 class NumberText {
@@ -41,24 +45,13 @@ bool isNumber(std::string_view text) noexcept {
     return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
-void appendStatusLine(std::string* out, const ZnHttpResponse& response) {
-    *out += "HTTP/1.1 ";
+void writeStatusLine(ZnHttpHeadWriter_* out, const ZnHttpResponse& response) {
+    const bool isOwn = !response.reason.isEmpty() && zn::http::isSafeLineText(response.reason.view());
+    const std::string_view reason = isOwn ? response.reason.view() : zn::http::reasonPhrase(response.status);
     if (response.status < 0)
-        *out += '-';
-    *out += NumberText(static_cast<unsigned long long>(std::abs(static_cast<long long>(response.status)))).view();
-    *out += ' ';
-    if (response.reason.isEmpty() || !zn::http::isSafeLineText(response.reason.view()))
-        *out += zn::http::reasonPhrase(response.status);
+        out->startLine("HTTP/1.1", std::to_string(response.status), reason);
     else
-        *out += response.reason.view();
-    *out += "\r\n";
-}
-
-void appendHeader(std::string* out, std::string_view name, std::string_view value) {
-    *out += name;
-    *out += ": ";
-    *out += value;
-    *out += "\r\n";
+        out->startLine("HTTP/1.1", NumberText(static_cast<unsigned long long>(response.status)).view(), reason);
 }
 
 } // namespace
@@ -107,9 +100,8 @@ void ZnHttpResponse::joinChunks() {
 }
 
 ZnString ZnHttpResponse::head(bool closeAfterResponse, std::size_t spareBytes) const {
-    std::string out;
-    out.reserve(kUsualHeadBytes + spareBytes);
-    appendStatusLine(&out, *this);
+    ZnHttpHeadWriter_ out(kUsualHeadBytes + spareBytes);
+    writeStatusLine(&out, *this);
     const bool isFramed = chunked && !useFile;
     const std::uint64_t byteCount = isFramed ? 0 : bodyBytes();
     const NumberText lengthText(byteCount);
@@ -119,14 +111,9 @@ ZnString ZnHttpResponse::head(bool closeAfterResponse, std::size_t spareBytes) c
     bool hasEncoding = !isFramed;
     bool hasConnection = false;
     for (const auto& [name, value] : headers) {
-        if (!zn::http::isSafeLineText(value.view()))
-            continue;
         ZnString cleaned; // stays empty for the usual name, which needs no change
-        if (!isLowerToken(name.view())) {
+        if (!isLowerAndTrimmed(name.view()))
             cleaned = name.trimmed().toLower();
-            if (!zn::http::isToken(cleaned.view()))
-                continue;
-        }
         const std::string_view sent = cleaned.isEmpty() ? name.view() : cleaned.view();
         if (sent == "content-length") {
             if (hasLength || (value.view() != lengthText.view() && !(trustsLength && isNumber(value.view()))))
@@ -137,18 +124,13 @@ ZnString ZnHttpResponse::head(bool closeAfterResponse, std::size_t spareBytes) c
                 continue;
             hasEncoding = true;
         }
-        hasConnection |= sent == "connection";
-        appendHeader(&out, sent, value.view());
+        hasConnection |= out.header(sent, value.view()) && sent == "connection";
     }
-    if (!hasLength) {
-        out += "content-length: ";
-        out += lengthText.view();
-        out += "\r\n";
-    }
+    if (!hasLength)
+        out.ownHeader("content-length", lengthText.view());
     if (!hasEncoding)
-        out += "transfer-encoding: chunked\r\n";
+        out.ownHeader("transfer-encoding", "chunked");
     if (!hasConnection)
-        out += closeAfterResponse ? "connection: close\r\n" : "connection: keep-alive\r\n";
-    out += "\r\n";
-    return ZnString(std::move(out));
+        out.ownHeader("connection", closeAfterResponse ? "close" : "keep-alive");
+    return out.finish();
 }

@@ -15,6 +15,8 @@
 #include <unordered_set>
 #include <vector>
 
+class ZnHttpInFlight_;
+class ZnHttpServerCounters_;
 class ZnHttpSession;
 class ZnThreadPool;
 
@@ -73,11 +75,6 @@ public:
     ZnHttpServerStats stats() const;
 
 private:
-    class Counters_;
-    struct InFlight_;
-    class LoopPlace_;
-    class Pipeline_;
-    class PoolJob_;
     using FilterList_ = std::vector<RequestFilter>;
     using MiddlewareList_ = std::vector<Middleware>;
 
@@ -88,11 +85,11 @@ private:
     std::unique_ptr<ZnHttpResponse> refusalOf_(ZnHttpRequest& request) const;
     bool usesThreadPool_() const;
     std::uint64_t maxParkedRequests_() const;
-    void submitToPool_(const std::shared_ptr<ZnHttpRequest>& request, const std::shared_ptr<InFlight_>& inFlight,
+    void submitToPool_(const std::shared_ptr<ZnHttpRequest>& request, const std::shared_ptr<ZnHttpInFlight_>& inFlight,
                        ZnHttpRouter::Target target);
-    void runInline_(const std::shared_ptr<ZnHttpRequest>& request, const std::shared_ptr<InFlight_>& inFlight);
-    void runPipeline_(const std::shared_ptr<ZnHttpRequest>& request, const std::shared_ptr<InFlight_>& inFlight);
-    void runRoute_(const std::shared_ptr<ZnHttpRequest>& request, const std::shared_ptr<InFlight_>& inFlight);
+    void runInline_(const std::shared_ptr<ZnHttpRequest>& request, const std::shared_ptr<ZnHttpInFlight_>& inFlight);
+    void runPipeline_(const std::shared_ptr<ZnHttpRequest>& request, const std::shared_ptr<ZnHttpInFlight_>& inFlight);
+    void runRoute_(const std::shared_ptr<ZnHttpRequest>& request, const std::shared_ptr<ZnHttpInFlight_>& inFlight);
 
     ZnTcpServer tcpServer_;
     ZnSslServer sslServer_;
@@ -105,5 +102,6 @@ private:
     std::shared_ptr<const MiddlewareList_> middleware_;
     ZnPointer<ZnThreadPool> threadPool_;
     DispatchMode dispatchMode_ = DispatchMode::Inline;
-    const std::shared_ptr<Counters_> counters_; // shared with the requests in flight, which may outlive the server
+    const std::shared_ptr<ZnHttpServerCounters_>
+        counters_; // shared with the requests in flight, which may outlive the server
 };

@@ -1,5 +1,7 @@
 #include "core/io/http/ZnHttpText.h"
 
+#include "core/io/http1/ZnHttpWireText_.h"
+
 #include <algorithm>
 #include <array>
 #include <string>
@@ -22,7 +24,6 @@ constexpr ByteTable makeTable(std::string_view others) {
     return table;
 }
 
-constexpr ByteTable kTokenTable = makeTable("!#$%&'*+-.^_`|~");
 constexpr ByteTable kPathTable = makeTable("-._~!$&'()*+,;=:@/");
 constexpr ByteTable kQueryTable = makeTable("-._~!$&'()*+,;=:@/?%");
 
@@ -40,20 +41,11 @@ void appendEncoded(std::string* out, std::string_view text, const ByteTable& all
 } // namespace
 
 bool isToken(std::string_view name) noexcept {
-    for (const char c : name) {
-        if (!kTokenTable[static_cast<unsigned char>(c)])
-            return false;
-    }
-    return !name.empty();
+    return wire::isToken(name);
 }
 
 bool isSafeLineText(std::string_view text) noexcept {
-    for (const char c : text) {
-        // One comparison for nearly every byte.
-        if (static_cast<unsigned char>(c) <= '\r' && (c == '\r' || c == '\n' || c == '\0'))
-            return false;
-    }
-    return true;
+    return wire::isSafeLineText(text);
 }
 
 ZnString encodedPath(std::string_view path) {

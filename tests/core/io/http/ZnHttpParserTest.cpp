@@ -10,6 +10,8 @@
 
 namespace {
 
+using namespace std::literals;
+
 /// Small limits, so that a table row can reach each of them.
 ZnHttpLimits smallLimits() {
     return {.maxRequestLineBytes = 40,
@@ -187,115 +189,90 @@ std::string framingOf(const std::vector<std::string_view>& pieces, bool isStrict
     return text + (parser.errorStatus() == 0 ? "" : std::to_string(parser.errorStatus()));
 }
 
-// What other readers of the same bytes may understand in another way.
-TEST(ZnHttpParser, TheStrictGrammarRefusesWhatTheGenerousOneTakes) {
-    const std::string host = "host:h\r\n";
-    const std::string get = kGet + host;
-    const std::string post = kPost + host;
-    const std::string end = "\r\n\r\n";
-    const std::string nul(1, '\0');
-    const auto line = [&](const std::string& text) { return text + "\r\n" + host + "\r\n"; };
-    const auto headers = [&](const std::string& text) { return get + text + end; };
-    const auto hostOf = [&](const std::string& text) { return kGet + "host: " + text + end; };
-    const auto framed = [&](const std::string& text, const char* body) { return post + text + end + body; };
-    const auto coded = [&](const std::string& text) { return post + "transfer-encoding:" + text + end + "0" + end; };
-    const auto chunks = [&](const std::string& text) { return post + "transfer-encoding: chunked" + end + text + end; };
-    const struct {
-        const char *generous, *strict;
-        std::vector<std::string> inputs;
-    } rows[] = {
-        {"<>",
-         "<>",
-         {headers("a!#$%&'*+-.^_`|~9: \xC3\xA4\t:\xFF"), headers("a: 1\r\na: 2\r\nb:"), get + "\r\n",
-          "M-SEARCH /a%20b?c=d;e|f HTTP/1.1\r\nHost:\t[::1]:80 \t" + end, line("OPTIONS * HTTP/1.1"),
-          "GET HTTP://h:1/x HTTP/1.1\r\nhost:" + end, "GET / HTTP/1.0" + end}},
-        {"<><>", "<><>", {"\r\n" + get + "\r\n" + get + "\r\n"}},
-        {"<a\r\n><>", "<a\r\n><>", {framed("content-length: 3", "a\r\n") + get + "\r\n"}},
-        {"<abc>", "<abc>", {framed("content-length: 0003", "abc")}},
-        {"<a>",
-         "<a>",
-         {framed("transfer-encoding:\tChunked ", "1\r\na\r\n0") + end, chunks("1;a\r\na\r\n0;a; b=c ;d = \";\\\"\"")}},
-        {"<0123456789>", "<0123456789>", {chunks("000A\r\n0123456789\r\n00\r\nx: y")}},
-        // request lines
-        {"<>",
-         "400",
-         {line("get / HTTP/1.1"),
-          line("GET\t / HTTP/1.1"),
-          line("G@T / HTTP/1.1"),
-          line("G:T / HTTP/1.1"),
-          line("G\xC3T / HTTP/1.1"),
-          line("GET / HTTP/1.1 "),
-          line("GET / HTTP/1.1 x"),
-          line("GET /\ta HTTP/1.1"),
-          line("GET /" + nul + " HTTP/1.1"),
-          line("GET /a\rb HTTP/1.1"),
-          line("GET /a\nb HTTP/1.1"),
-          line("GET /\x7F HTTP/1.1"),
-          line("GET a HTTP/1.1"),
-          line("GET * HTTP/1.1"),
-          line("GET ftp://h/ HTTP/1.1"),
-          line("GET / HTTP/2.0"),
-          line("GET / HTTP/1.2"),
-          line("GET / HTTP/01.1"),
-          line("GET / http/1.1"),
-          line("GET / x"),
-          line("\nGET / HTTP/1.1")}},
-        {"400", "400", {line(" GET / HTTP/1.1")}},
-        {"", "400", {"GET / HTTP/1.1\n" + host + "\n"}},
-        // header lines
-        {"<>",
-         "400",
-         {headers("a : b"), headers("a\t: b"), headers("a b: c"), headers("a\xC3: b"), headers("a" + nul + ": b"),
-          headers("(a): b"), headers(" a: b"), headers("a: b\r\n c: d"), headers("a: b\rc"), headers("a: b\r"),
-          headers("a: b\nc: d"), headers("a: b" + nul), headers("a: \x01"), headers("a: b\x7F")}},
-        {"400", "400", {headers("a: b\r\n c")}},
-        {"", "400", {get + "a: b\n\n", get + "\n"}},
-        // hosts
-        {"<>",
-         "400",
-         {kGet + "\r\n", get + host + "\r\n", headers("Host: other"), hostOf("a b"), hostOf("a/b"), hostOf("u@h"),
-          hostOf("h:8o")}},
-        // lengths and codings
-        {"<ab>",
-         "400",
-         {framed("content-length: 1\r\ncontent-length: 2", "ab"), framed("content-length : 2", "ab"),
-          framed("content-length: 2\r\nContent-Length: 2", "ab")}},
-        {"400",
-         "400",
-         {framed("content-length: 2, 2", "ab"), framed("content-length: \v2", "ab"),
-          framed("transfer-encoding: chunked\r\ncontent-length: 5", "")}},
-        {"<>",
-         "400",
-         {coded(" chunked\r\ntransfer-encoding: chunked"), coded(" chunked, gzip"), coded(" xchunked"),
-          coded(" gzip, chunked"), coded(" chunked, chunked"), coded(" \"chunked\""), coded(" \vchunked"),
-          framed("transfer-encoding: chunked\r\ntransfer-encoding: x", ""), framed("transfer-encoding: identity", ""),
-          framed("transfer-encoding:", ""),
-          "POST / HTTP/1.0\r\n" + host + "transfer-encoding: chunked" + end + "0" + end}},
-        // chunks
-        {"<a>",
-         "400",
-         {chunks(" 1\r\na\r\n0"), chunks("1 \r\na\r\n0"), chunks("1;\r\na\r\n0"), chunks("1;a=\r\na\r\n0"),
-          chunks("1;a=\"\r\na\r\n0"), chunks("1;a=\"\x01\"\r\na\r\n0"), chunks("1;a b\r\na\r\n0"),
-          chunks("1;a\nb\r\na\r\n0")}},
-        {"400",
-         "400",
-         {chunks("1 ;a\r\na\r\n0"), chunks("0x1\r\na\r\n0"), chunks("+1\r\na\r\n0"), chunks("1\na\r\n0"),
-          chunks("1\r\na\n0")}},
-        // trailers
-        {"<>",
-         "400",
-         {chunks("0\r\nx"), chunks("0\r\nx : y"), chunks("0\r\nx: y\r\n z"), chunks("0\r\nx: \ry"),
-          chunks("0\r\n\n" + kGet + "host:h")}},
-    };
-    for (const auto& [generous, strict, inputs] : rows) {
-        for (const std::string_view input : inputs) {
-            SCOPED_TRACE(input);
-            for (std::size_t cut = 0; cut < input.size(); ++cut) {
-                ASSERT_EQ(framingOf({input.substr(0, cut), input.substr(cut)}, false), generous) << "cut at " << cut;
-                ASSERT_EQ(framingOf({input.substr(0, cut), input.substr(cut)}, true), strict) << "cut at " << cut;
-            }
+/// What stands around the text of a row.
+struct Place {
+    std::string before, after;
+};
+const std::string kHostLine = "host:h\r\n", kBlank = "\r\n\r\n", kCoding = kPost + kHostLine + "transfer-encoding:";
+const Place kWhole{"", ""}, kLine{"", "\r\n" + kHostLine + "\r\n"}, kHeader{kGet + kHostLine, kBlank},
+    kHost{kGet + "host: ", kBlank}, kFramed{kPost + kHostLine, ""}, kCoded{kCoding, kBlank + "0" + kBlank},
+    kChunks{kCoding + " chunked" + kBlank, kBlank};
+
+void expectFraming(const Place& place, const char* generous, const char* strict,
+                   const std::vector<std::string_view>& parts) {
+    for (const std::string_view part : parts) {
+        const std::string message = place.before + std::string(part) + place.after;
+        const std::string_view input = message;
+        SCOPED_TRACE(input);
+        for (std::size_t cut = 0; cut < input.size(); ++cut) {
+            ASSERT_EQ(framingOf({input.substr(0, cut), input.substr(cut)}, false), generous) << "cut at " << cut;
+            ASSERT_EQ(framingOf({input.substr(0, cut), input.substr(cut)}, true), strict) << "cut at " << cut;
         }
     }
+}
+
+void expectRefusal(const Place& place, const char* generous, const std::vector<std::string_view>& parts) {
+    expectFraming(place, generous, "400", parts);
+}
+
+TEST(ZnHttpParser, BothGrammarsTakeWhatIsWellFormed) {
+    const auto taken = [](const Place& place, const char* bodies, const std::vector<std::string_view>& parts) {
+        expectFraming(place, bodies, bodies, parts);
+    };
+    taken(kHeader, "<>", {"a!#$%&'*+-.^_`|~9: \xC3\xA4\t:\xFF", "a: 1\r\na: 2\r\nb:", "a:"});
+    taken(kLine, "<>", {"OPTIONS * HTTP/1.1"});
+    taken(kHost, "<>", {"", "\t[::1]:80 \t"});
+    taken(kWhole, "<>", {"M-SEARCH /a%20b?c=d;e|f HTTP/1.1\r\nHost:h\r\n\r\n", "GET / HTTP/1.0\r\n\r\n"});
+    taken(kWhole, "<>", {"GET HTTP://h:1/x HTTP/1.1\r\nhost:\r\n\r\n"});
+    taken(kWhole, "<><>", {"\r\nGET / HTTP/1.1\r\nhost:h\r\n\r\nGET / HTTP/1.1\r\nhost:h\r\n\r\n\r\n"});
+    taken(kFramed, "<a\r\n><>", {"content-length: 3\r\n\r\na\r\nGET / HTTP/1.1\r\nhost:h\r\n\r\n"});
+    taken(kFramed, "<abc>", {"content-length: 0003\r\n\r\nabc"});
+    taken(kFramed, "<a>", {"transfer-encoding:\tChunked \r\n\r\n1\r\na\r\n0\r\n\r\n"});
+    taken(kChunks, "<a>", {"1;a\r\na\r\n0;a; b=c ;d = \";\\\"\""});
+    taken(kChunks, "<0123456789>", {"000A\r\n0123456789\r\n00\r\nx: y"});
+}
+
+// What other readers of the same bytes may understand in another way.
+TEST(ZnHttpParser, TheStrictGrammarRefusesHeadsThatTheGenerousOneTakes) {
+    expectRefusal(kLine, "<>",
+                  {"get / HTTP/1.1",     "GET\t / HTTP/1.1",   "G@T / HTTP/1.1",        "G:T / HTTP/1.1",
+                   "G\xC3T / HTTP/1.1",  "GET / HTTP/1.1 ",    "GET / HTTP/1.1 x",      "GET /\ta HTTP/1.1",
+                   "GET /\0 HTTP/1.1"sv, "GET /a\rb HTTP/1.1", "GET /a\nb HTTP/1.1",    "GET /\x7F HTTP/1.1",
+                   "GET a HTTP/1.1",     "GET * HTTP/1.1",     "GET ftp://h/ HTTP/1.1", "GET / HTTP/2.0",
+                   "GET / HTTP/1.2",     "GET / HTTP/01.1",    "GET / http/1.1",        "GET / x",
+                   "\nGET / HTTP/1.1"});
+    expectRefusal(kLine, "400", {" GET / HTTP/1.1"});
+    expectRefusal(
+        kWhole, "",
+        {"GET / HTTP/1.1\nhost:h\r\n\n", "GET / HTTP/1.1\r\nhost:h\r\na: b\n\n", "GET / HTTP/1.1\r\nhost:h\r\n\n"});
+    expectRefusal(kHeader, "<>",
+                  {"a : b", "a\t: b", "a b: c", "a\xC3: b", "a\0: b"sv, "(a): b", " a: b", "a: b\r\n c: d", "a: b\rc",
+                   "a: b\r", "a: b\nc: d", "a: b\0"sv, "a: \x01", "a: b\x7F", "Host: other", "host:h"});
+    expectRefusal(kHeader, "400", {"a: b\r\n c"});
+    expectRefusal(kHost, "<>", {"a b", "a/b", "u@h", "h:8o"});
+    expectRefusal(kWhole, "<>", {"GET / HTTP/1.1\r\n\r\n"});
+}
+
+TEST(ZnHttpParser, TheStrictGrammarRefusesFramingThatTheGenerousOneTakes) {
+    expectRefusal(kFramed, "<ab>",
+                  {"content-length: 1\r\ncontent-length: 2\r\n\r\nab", "content-length : 2\r\n\r\nab",
+                   "content-length: 2\r\nContent-Length: 2\r\n\r\nab"});
+    expectRefusal(kFramed, "400",
+                  {"content-length: 2, 2\r\n\r\nab", "content-length: \v2\r\n\r\nab",
+                   "transfer-encoding: chunked\r\ncontent-length: 5\r\n\r\n"});
+    expectRefusal(kFramed, "<>",
+                  {"transfer-encoding: chunked\r\ntransfer-encoding: x\r\n\r\n", "transfer-encoding: identity\r\n\r\n",
+                   "transfer-encoding:\r\n\r\n"});
+    expectRefusal(kCoded, "<>",
+                  {" chunked\r\ntransfer-encoding: chunked", " chunked, gzip", " xchunked", " gzip, chunked",
+                   " chunked, chunked", " \"chunked\"", " \vchunked"});
+    expectRefusal(kWhole, "<>", {"POST / HTTP/1.0\r\nhost:h\r\ntransfer-encoding: chunked\r\n\r\n0\r\n\r\n"});
+    expectRefusal(kChunks, "<a>",
+                  {" 1\r\na\r\n0", "1 \r\na\r\n0", "1;\r\na\r\n0", "1;a=\r\na\r\n0", "1;a=\"\r\na\r\n0",
+                   "1;a=\"\x01\"\r\na\r\n0", "1;a b\r\na\r\n0", "1;a\nb\r\na\r\n0"});
+    expectRefusal(kChunks, "400", {"1 ;a\r\na\r\n0", "0x1\r\na\r\n0", "+1\r\na\r\n0", "1\na\r\n0", "1\r\na\n0"});
+    expectRefusal(kChunks, "<>",
+                  {"0\r\nx", "0\r\nx : y", "0\r\nx: y\r\n z", "0\r\nx: \ry", "0\r\n\nGET / HTTP/1.1\r\nhost:h"});
 }
 
 // An announced length is no reason to allocate, and a body in many small chunks is not copied again for each.

@@ -144,58 +144,52 @@ ZnHttpResponse fileResponse(const ZnString& path, std::uint64_t offset, std::uin
     return response;
 }
 
+ZnHttpResponse chunkedResponse(const std::vector<std::string>& chunks, const char* body = "") {
+    ZnHttpResponse response = ZnHttpResponse::text(200, body);
+    response.chunked = true;
+    response.headers.insert("content-length", "3"); // would be taken for the length
+    for (const std::string& chunk : chunks)
+        response.chunks.append(ZnByteArray(chunk));
+    return response;
+}
+
+// Each piece when the peer has taken the one before; `sizes`: what has left of the body after each.
 TEST_F(ZnHttpSessionTest, BodiesLeavePieceByPiece) {
     const TemporaryDirectory directory;
     std::string content;
     while (content.size() < 10'000)
         content += std::to_string(content.size()) + ",";
     const ZnString path = directory.file("f", content);
-    ZnHttpResponse chunks;
-    chunks.chunked = true;
-    chunks.headers.insert("content-length", "3"); // would be taken for the length
     const std::string large(16 * 1024 + 1, 'x');
-    for (const std::string& text : {std::string("ab"), std::string(), large, std::string("c")})
-        chunks.chunks.append(ZnByteArray(text));
-    ZnHttpResponse oneChunk = ZnHttpResponse::text(200, "body");
-    ZnHttpResponse noChunk;
-    oneChunk.chunked = noChunk.chunked = true;
-    const struct {
-        const char* name;
-        const ZnHttpResponse& response;
-        std::string framing, body;
-        std::vector<std::size_t> pieces; // bytes behind the head after each write
-    } kRows[] = {
-        {"part", fileResponse(path, 3, 9000), "content-length: 9000", content.substr(3, 9000), {4096, 8192, 9000}},
-        {"block", fileResponse(path, 0, 4096), "content-length: 4096", content.substr(0, 4096), {4096}},
-        {"empty", fileResponse(path, 0, 0), "content-length: 0", "", {0}},
-        {"chunks",
-         chunks,
-         "transfer-encoding: chunked",
-         "2\r\nab\r\n4001\r\n" + large + "\r\n1\r\nc\r\n0\r\n\r\n",
-         {13 + large.size(), 26 + large.size()}},
-        {"one", oneChunk, "transfer-encoding: chunked", "4\r\nbody\r\n0\r\n\r\n", {14}},
-        {"none", noChunk, "transfer-encoding: chunked", "0\r\n\r\n", {5}},
+    const std::string coding = "transfer-encoding: chunked",
+                      fourChunks = "2\r\nab\r\n4001\r\n" + large + "\r\n1\r\nc\r\n0\r\n\r\n";
+    const std::tuple<ZnHttpResponse, std::string, std::string, std::vector<std::size_t>> kRows[] = {
+        {fileResponse(path, 3, 9000), "content-length: 9000", content.substr(3, 9000), {4096, 8192, 9000}},
+        {fileResponse(path, 0, 4096), "content-length: 4096", content.substr(0, 4096), {4096}},
+        {fileResponse(path, 0, 0), "content-length: 0", "", {0}},
+        {chunkedResponse({"ab", "", large, "c"}), coding, fourChunks, {13 + large.size(), 26 + large.size()}},
+        {chunkedResponse({}, "body"), coding, "4\r\nbody\r\n0\r\n\r\n", {14}},
+        {chunkedResponse({}), coding, "0\r\n\r\n", {5}},
     };
-    for (const auto& row : kRows) {
+    router_.addRoute("GET", "/next", echoOf);
+    for (const auto& [response, framing, body, sizes] : kRows) {
+        router_.setFallback([&answer = response](const ZnHttpRequest&) { return answer; });
         for (const bool stalls : {false, true}) {
-            SCOPED_TRACE(row.name);
-            Link& link = open([&](const auto& request, const ZnHttpResponseCallback& callback) {
-                callback(request->path == "/next" ? echoOf(*request) : row.response);
-            });
+            Link& link = open();
             if (stalls)
                 link.socket->onWrite = nullptr;
             link.socket->receive(getOf("/") + getOf("/next"));
             const std::size_t headBytes = link.output.find("\r\n\r\n") + 4;
-            const std::string sent = link.output.substr(0, headBytes);
-            EXPECT_NE(sent.find("\r\n" + row.framing + "\r\n"), std::string::npos);
-            EXPECT_NE(sent.find("content-length") == std::string::npos, sent.find("chunked") == std::string::npos);
-            for (std::size_t i = 0; stalls && i < row.pieces.size(); ++i) {
+            const std::string head = link.output.substr(0, headBytes);
+            EXPECT_NE(head.find("\r\n" + framing + "\r\n"), std::string::npos) << head;
+            EXPECT_NE(head.find("content-length") == std::string::npos, head.find("chunked") == std::string::npos);
+            for (std::size_t i = 0; stalls && i < sizes.size(); ++i) {
                 settle(1);
-                EXPECT_EQ(link.output.size() - headBytes, row.pieces[i]); // and no more before the peer has taken it
+                EXPECT_EQ(link.output.size() - headBytes, sizes[i]) << head;
                 link.socket->writeFinished();
             }
             EXPECT_TRUE(runUntil([&] { return link.output.ends_with(answerTo("/next")); }));
-            EXPECT_EQ(link.output.substr(headBytes), row.body + answerTo("/next"));
+            EXPECT_EQ(link.output.substr(headBytes), body + answerTo("/next"));
         }
     }
 }
@@ -205,29 +199,23 @@ TEST_F(ZnHttpSessionTest, AFileThatCannotBeSentIsAnsweredOrCutShort) {
     const ZnString pipe = directory.path("pipe");
     ASSERT_EQ(::mkfifo(pipe.data(), 0600), 0);
     const ZnString file = directory.file("f", std::string(5000, 'x'));
-    const struct {
-        ZnHttpResponse response;
-        const char* body;
-    } kRows[] = {
+    const ZnString withNul((file.str() + '\0').data(), file.size() + 2);
+    const std::pair<ZnHttpResponse, const char*> kRows[] = {
         {fileResponse(directory.path(), 0, 1), "Unable to open file"},
         {fileResponse(pipe, 0, 1), "Unable to open file"}, // nor does it wait for a writer
-        {fileResponse(ZnString((file.str() + '\0').data(), file.size() + 2), 0, 1), "Unable to open file"},
+        {fileResponse(withNul, 0, 1), "Unable to open file"},
         {fileResponse(file, 5000, 1), "File stream read failure"},
         {fileResponse(file, ~0ULL - 4, 10), "File stream read failure"},
+        {fileResponse(file, 0, 9000), nullptr}, // cut short
     };
     for (const auto& row : kRows) {
-        router_.setFallback([&row](const ZnHttpRequest&) { return row.response; });
+        router_.setFallback([&row](const ZnHttpRequest&) { return row.first; });
         Link& link = open();
         link.socket->receive(getOf("/"));
-        EXPECT_TRUE(link.output.starts_with("HTTP/1.1 500 Internal Server Error\r\n"));
-        EXPECT_TRUE(link.output.ends_with(std::string("connection: close\r\n\r\n") + row.body));
-        EXPECT_NE(link.closedNs, 0);
+        EXPECT_TRUE(runUntil([&] { return link.closedNs != 0; }));
+        EXPECT_TRUE(link.output.starts_with(row.second ? "HTTP/1.1 500 Internal Server Error\r\n" : "HTTP/1.1 200"));
+        EXPECT_TRUE(link.output.ends_with("\r\n\r\n" + (row.second ? row.second : std::string(5000, 'x'))));
     }
-    router_.setFallback([&](const ZnHttpRequest&) { return fileResponse(file, 0, 9000); });
-    Link& link = open();
-    link.socket->receive(getOf("/"));
-    EXPECT_TRUE(runUntil([&] { return link.closedNs != 0; }));
-    EXPECT_TRUE(link.output.ends_with("\r\n\r\n" + std::string(5000, 'x')));
 }
 
 /// What a handler does to its answer, in any order and as often as it likes.
@@ -309,36 +297,38 @@ TEST_F(ZnHttpSessionTest, AnswersKeepTheirFraming) {
 
 // What the head says of a body that is not sent.
 TEST_F(ZnHttpSessionTest, HeadsWithoutBodies) {
-    const auto described = [](int status, const char* length, const char* body) {
-        ZnHttpResponse response = ZnHttpResponse::text(status, body);
-        if (length != nullptr)
-            response.headers.insert("content-length", length);
-        return response;
-    };
-    ZnHttpResponse headOnly = described(200, nullptr, "abc");
-    headOnly.headOnly = true;
     const struct {
         const char* method;
-        ZnHttpResponse response;
-        const char* length;
-    } kRows[] = {{"HEAD", described(200, nullptr, "abc"), "3"},
-                 {"HEAD", described(200, "0", "abc"), "3"},
-                 {"HEAD", described(200, "7", ""), "7"},
-                 {"HEAD", described(200, "x", ""), "0"},
-                 {"HEAD", described(204, nullptr, "abc"), "0"},
-                 {"GET", described(204, "7", "abc"), "0"},
-                 {"GET", described(304, nullptr, "abc"), "3"},
-                 {"GET", described(304, "7", ""), "7"},
-                 {"GET", headOnly, "0"},
-                 {"HEAD", headOnly, "3"},
-                 {"GET", described(200, "7", ""), "0"}};
-    for (const auto& [method, response, length] : kRows) {
-        router_.setFallback([answer = &response](const ZnHttpRequest&) { return *answer; });
+        int status;
+        const char *length, *body, *sentLength; // the first: as the handler says it, if it does
+        bool headOnly = false;
+    } kRows[] = {
+        {"HEAD", 200, "", "abc", "3"}, {"HEAD", 200, "0", "abc", "3"},      {"HEAD", 200, "7", "", "7"},
+        {"HEAD", 200, "x", "", "0"},   {"HEAD", 204, "", "abc", "0"},       {"GET", 204, "7", "abc", "0"},
+        {"GET", 304, "", "abc", "3"},  {"GET", 304, "7", "", "7"},          {"GET", 200, "", "abc", "0", true},
+        {"GET", 200, "7", "", "0"},    {"HEAD", 200, "", "abc", "3", true},
+    };
+    for (const auto& row : kRows) {
+        router_.setFallback([&row](const ZnHttpRequest&) {
+            ZnHttpResponse response = ZnHttpResponse::text(row.status, row.body);
+            response.headOnly = row.headOnly;
+            if (*row.length != 0)
+                response.headers.insert("content-length", row.length);
+            return response;
+        });
         Link& link = open();
-        link.socket->receive(std::string(method) + " / HTTP/1.1\r\n\r\n");
+        link.socket->receive(std::string(row.method) + " / HTTP/1.1\r\n\r\n");
         EXPECT_TRUE(link.output.ends_with("\r\n\r\n"));
-        EXPECT_EQ(http_reader::readResponse(link.output, "HEAD").fields["content-length"], length);
+        EXPECT_EQ(http_reader::readResponse(link.output, "HEAD").fields["content-length"], row.sentLength);
     }
+}
+
+long openCount(const ZnString& path) {
+    const std::filesystem::directory_iterator files("/proc/self/fd");
+    return std::count_if(begin(files), end(files), [&](const auto& entry) {
+        std::error_code error;
+        return std::filesystem::read_symlink(entry, error) == path.str();
+    });
 }
 
 const std::function<void(Link&)> kEnds[] = {
@@ -350,92 +340,74 @@ const std::function<void(Link&)> kEnds[] = {
 // Whatever ends the connection: the handler returns in peace, and the file that was on its way is closed. The address
 // sanitizer is the judge.
 TEST_F(ZnHttpSessionTest, HandlerOutlivesTheConnection) {
-    enum class When { Running, Parked, Writing, Streaming };
+    enum When { Running, Parked, Writing, Streaming };
     const TemporaryDirectory directory;
     const ZnString file = directory.file("f", std::string(100'000, 'x'));
-    const auto openFiles = [&] {
-        const std::filesystem::directory_iterator files("/proc/self/fd");
-        return std::count_if(begin(files), end(files), [&](const auto& entry) {
-            std::error_code error;
-            return std::filesystem::read_symlink(entry, error) == file.str();
+    for (int i = 0; i < 4 * static_cast<int>(std::size(kEnds)); ++i) {
+        const When when = static_cast<When>(i % 4);
+        const auto& endConnection = kEnds[i / 4];
+        int returnedCount = 0;
+        Link& link = open([&](const auto& request, const auto& callback) {
+            const ZnHttpRequest* const kept = request.get();
+            if (when == Running)
+                endConnection(links_.back());
+            if (when == Parked) {
+                ZnTimer::singleShot(0, [&] { endConnection(links_.back()); });
+                park(30);
+            }
+            callback(fileResponse(file, kept->path.size(), 90'000));
+            ++returnedCount;
         });
-    };
-    for (const auto& endConnection : kEnds) {
-        for (const When when : {When::Running, When::Parked, When::Writing, When::Streaming}) {
-            Link& link = open();
-            int returnedCount = 0;
-            link.session->setRequestHandler([&](const auto& request, const auto& callback) {
-                const ZnHttpRequest* const kept = request.get();
-                if (when == When::Running)
-                    endConnection(link);
-                if (when == When::Parked) {
-                    ZnTimer::singleShot(0, [&] { endConnection(link); });
-                    park(30);
-                }
-                callback(fileResponse(file, kept->path.size(), 90'000));
-                ++returnedCount;
-            });
-            if (when == When::Writing)
-                link.socket->onWrite = [&] { endConnection(link); };
-            runOnFiber([&] {
-                link.socket->receive(getOf("/1") + getOf("/2"));
-                EXPECT_EQ(openFiles(), when == When::Streaming ? 1 : 0);
-                if (when == When::Streaming)
-                    endConnection(link);
-                EXPECT_EQ(openFiles(), 0);
-            });
-            settle();
-            EXPECT_EQ(returnedCount, 1);
-            EXPECT_NE(link.closedNs, 0);
-            EXPECT_FALSE(link.session);
-            EXPECT_EQ(link.output.empty(), when == When::Running || when == When::Parked);
-            EXPECT_LT(link.output.size(), 4096U + 200U);
-        }
+        if (when == Writing)
+            link.socket->onWrite = [&] { endConnection(link); };
+        runOnFiber([&] {
+            link.socket->receive(getOf("/1") + getOf("/2"));
+            EXPECT_EQ(openCount(file), when == Streaming ? 1 : 0);
+            if (when == Streaming)
+                endConnection(link);
+            EXPECT_EQ(openCount(file), 0);
+        });
+        settle();
+        EXPECT_TRUE(returnedCount == 1 && link.closedNs != 0 && !link.session) << i;
+        EXPECT_EQ(link.output.empty(), when == Running || when == Parked) << i;
+        EXPECT_LT(link.output.size(), 4096U + 200U) << i;
     }
 }
 
 TEST_F(ZnHttpSessionTest, ASwitchHandsTheSocketOver) {
     const std::string head = "HTTP/1.1 101 Switching Protocols\r\nconnection: upgrade\r\ncontent-length: 0\r\n\r\n";
-    for (const bool hasHead : {true, false}) {
-        for (const bool throws : {false, true}) {
-            bool taken = false;
-            bool wasClosed = false;
-            Link& link = open();
-            link.session->setRequestHandler([&](const auto&, const auto& callback) {
-                ZnHttpResponse response = ZnHttpResponse::text(101, "no part of it");
-                response.headers = {{"connection", "upgrade"}};
-                response.closeConnection = response.switchProtocols = true;
-                response.switchWithoutHead = !hasHead;
-                response.onSwitch = [&](ZnAbstractSocket* socket) {
-                    taken = socket == link.socket.get();
-                    wasClosed = link.session->isClosed();
-                    if (throws)
-                        throw 1;
-                };
-                callback(std::move(response));
-            });
-            if (hasHead)
-                link.socket->onWrite = nullptr;
-            application_.postEvent([&] {
-                link.socket->receive(getOf("/"));
-                EXPECT_NE(taken, hasHead);
-                if (!hasHead)
-                    return;
-                link.socket->receive("\x81\x01"); // not HTTP any more, and not the session's
-                link.socket->writeFinished();
-            });
-            EXPECT_TRUE(runUntil([&] { return taken && !link.session; }));
-            EXPECT_TRUE(wasClosed);
-            settle();
-            EXPECT_EQ(link.output, hasHead ? head : "");
-            EXPECT_EQ(!link.socket, throws);
-            if (link.socket) {
-                char bytes[8];
-                EXPECT_TRUE(link.socket->isOpen());
-                EXPECT_EQ(link.socket->readInto(bytes, sizeof(bytes)), hasHead ? 2U : 0U);
-                delete link.socket.get();
-            }
-        }
+    for (const auto& [hasHead, throws] : {std::pair(true, true), {true, false}, {false, true}, {false, false}}) {
+        bool taken = false;
+        ZnHttpResponse response = ZnHttpResponse::text(101, "no part of it");
+        response.headers = {{"connection", "upgrade"}};
+        response.closeConnection = response.switchProtocols = true;
+        response.switchWithoutHead = !hasHead;
+        response.onSwitch = [&, isThrowing = throws](ZnAbstractSocket* socket) {
+            taken = socket == links_.back().socket.get() && links_.back().session->isClosed();
+            if (isThrowing)
+                throw 1;
+        };
+        Link& link = open([&](const auto&, const auto& callback) { callback(response); });
+        if (hasHead)
+            link.socket->onWrite = nullptr;
+        application_.postEvent([&, waits = hasHead] {
+            link.socket->receive(getOf("/"));
+            EXPECT_NE(taken, waits);
+            if (!waits)
+                return;
+            link.socket->receive("\x81\x01"); // not HTTP any more, and not the session's
+            link.socket->writeFinished();
+        });
+        EXPECT_TRUE(runUntil([&] { return taken && !link.session; }));
+        settle();
+        EXPECT_EQ(link.output, hasHead ? head : "");
+        EXPECT_EQ(!link.socket, throws);
+        if (!link.socket)
+            continue;
+        char bytes[8];
+        EXPECT_TRUE(link.socket->isOpen());
+        EXPECT_EQ(link.socket->readInto(bytes, sizeof(bytes)), hasHead ? 2U : 0U);
+        delete link.socket.get();
     }
 }
 
@@ -474,44 +446,48 @@ TEST_F(ZnHttpSessionTest, OnlyTheFirstAnswerToTheRequestCounts) {
 }
 
 TEST_F(ZnHttpSessionTest, RefusedInputIsAnsweredAndTheRestDiscarded) {
-    const struct {
-        const char *input, *status, *body;
-        bool closesAtOnce; // all of the peer's words were read, as far as one can tell
-    } kRows[] = {
+    // The last: all of the peer's words were read, as far as one can tell.
+    const std::tuple<const char*, std::string, std::string, bool> kRows[] = {
         {"GET\r\n\r\n", "400 Bad Request", "Malformed request line", true},
         {"POST / HTTP/1.1\r\ncontent-type: multipart/form-data\r\ncontent-length: 1\r\n\r\nx", "400 Bad Request",
          "Missing multipart boundary", true},
         {"POST / HTTP/1.1\r\ncontent-length: 9000000\r\n\r\n", "413 Payload Too Large", "Body too large", false}};
-    for (const auto& row : kRows) {
+    for (const auto& [input, status, body, closesAtOnce] : kRows) {
         Link& link = open();
-        link.socket->receive(row.input);
-        EXPECT_TRUE(link.output.starts_with(std::string("HTTP/1.1 ") + row.status)) << link.output;
-        EXPECT_TRUE(link.output.ends_with(std::string("connection: close\r\n\r\n") + row.body)) << link.output;
-        EXPECT_EQ(link.closedNs != 0, row.closesAtOnce);
+        link.socket->receive(input);
+        EXPECT_TRUE(link.output.starts_with("HTTP/1.1 " + status)) << link.output;
+        EXPECT_TRUE(link.output.ends_with("connection: close\r\n\r\n" + body)) << link.output;
+        EXPECT_EQ(link.closedNs != 0, closesAtOnce);
     }
-    Link& slow = links_.back();
-    Link& flood = open();
-    flood.socket->receive(kRows[2].input);
-    for (int i = 0; i < 40 && flood.closedNs == 0; ++i)
-        flood.socket->receive(std::string(1024 * 1024, 'x'));
-    EXPECT_NE(flood.closedNs, 0);
-    slow.socket->receive("GET / HTTP/1.1\r\n\r\n");
-    EXPECT_TRUE(runUntil([&] { return slow.closedNs != 0; }, 2000));
-    EXPECT_EQ(slow.output.find("HTTP/1.1", 1), std::string::npos);
+}
+
+TEST_F(ZnHttpSessionTest, WhatComesAfterARefusalIsDiscardedForAWhile) {
+    for (const bool isFlood : {false, true}) {
+        Link& link = open();
+        link.socket->onWrite = nullptr;
+        link.socket->receive("POST / HTTP/1.1\r\ncontent-length: 9000000\r\n\r\n");
+        link.socket->receive(getOf("/"));
+        EXPECT_EQ(link.closedNs, 0) << "in front of the end of the refusal";
+        link.socket->writeFinished();
+        for (int i = 0; isFlood && i < 40 && link.closedNs == 0; ++i)
+            link.socket->receive(std::string(1024 * 1024, 'x'));
+        EXPECT_EQ(link.closedNs != 0, isFlood);
+        EXPECT_TRUE(runUntil([&] { return link.closedNs != 0; }, 2000));
+        EXPECT_EQ(link.output.find("HTTP/1.1", 1), std::string::npos);
+    }
 }
 
 TEST_F(ZnHttpSessionTest, AClientThatHoldsItsBodyBackIsToldToGoOn) {
     const std::string post = "POST / HTTP/1.1\r\nexpect: 100-Continue\r\n";
     const std::string interim = "HTTP/1.1 100 Continue\r\n\r\n";
-    const struct {
-        std::string head, output, body;
-    } kRows[] = {// what has come before the body
-                 {post + "content-length: 2\r\n\r\n", interim, "ab"},
-                 {post + "transfer-encoding: chunked\r\n\r\n", interim, "1\r\na\r\n0\r\n\r\n"},
-                 {post + "content-length: 2\r\n\r\na", "", "b"}, // it does not wait
-                 {post + "content-length: 0\r\n\r\n", answerTo("/"), ""},
-                 {"POST / HTTP/1.0\r\nexpect: 100-continue\r\ncontent-length: 1\r\n\r\n", "", "a"},
-                 {getOf("/never") + post + "content-length: 1\r\n\r\n", "", ""}}; // it would come out of turn
+    const std::tuple<std::string, std::string, std::string> kRows[] = {
+        // what has come before the body
+        {post + "content-length: 2\r\n\r\n", interim, "ab"},
+        {post + "transfer-encoding: chunked\r\n\r\n", interim, "1\r\na\r\n0\r\n\r\n"},
+        {post + "content-length: 2\r\n\r\na", "", "b"}, // it does not wait
+        {post + "content-length: 0\r\n\r\n", answerTo("/"), ""},
+        {"POST / HTTP/1.0\r\nexpect: 100-continue\r\ncontent-length: 1\r\n\r\n", "", "a"},
+        {getOf("/never") + post + "content-length: 1\r\n\r\n", "", ""}}; // it would come out of turn
     for (const auto& [head, output, body] : kRows) {
         Link& link = open([](const auto& request, const ZnHttpResponseCallback& callback) {
             if (request->path == "/")
@@ -531,57 +507,46 @@ TEST_F(ZnHttpSessionTest, AClientThatHoldsItsBodyBackIsToldToGoOn) {
     EXPECT_NE(leaving.closedNs, 0);
 }
 
+// That each stage has its row of the time-out table, and what the peer is told.
 TEST_F(ZnHttpSessionTest, TimeOuts) {
-    constexpr int kOff = 0, kSoon = 100, kLate = 60000;
-    const std::string get = getOf("/");
-    const std::string post = "POST / HTTP/1.1\r\ncontent-length:2\r\n\r\nx";
-    const struct {
-        const char* name;
-        ZnHttpTimeouts timeouts; // header, body, keep-alive, write
-        std::string input;
-        bool stallsWrites;
-        const char* lastAnswer; // null: the connection stays open
-    } kRows[] = {
-        {"handler", {kLate, kSoon, kLate, kLate}, getOf("/never"), false, "504 Gateway Timeout"},
-        {"handler, with a time of its own",
-         {kLate, kLate, kLate, kLate, kSoon},
-         getOf("/never"),
-         false,
-         "504 Gateway Timeout"},
-        {"handler, with more time than a body", {kLate, kSoon, kLate, kLate, kLate}, getOf("/never"), false, nullptr},
-        {"handler has the say", {kSoon, kOff, kSoon, kSoon}, getOf("/never"), false, nullptr},
-        {"idle behind a request", {kSoon, kLate, kLate, kLate}, get, false, "408 Request Timeout"},
-        {"idle, silently", {kOff, kLate, kSoon, kLate}, "", false, ""},
-        {"idle, both", {kSoon, kLate, kSoon, kLate}, "", false, "408 Request Timeout"},
-        {"request line is not idle", {kOff, kSoon, kSoon, kSoon}, "GET", false, nullptr},
-        {"headers", {kSoon, kLate, kLate, kLate}, "GET / HTTP/1.1\r\n", false, "408 Request Timeout"},
-        {"body", {kLate, kSoon, kLate, kLate}, post, false, "408 Request Timeout"},
-        {"write", {kLate, kLate, kLate, kSoon}, get, true, "200 OK"},
-        {"write has the say", {kSoon, kSoon, kSoon, kOff}, get, true, nullptr},
-        {"none", {kOff, -1, kOff, kOff}, "", false, nullptr},
+    constexpr int kSoon = 100, kLate = 60000;
+    const ZnHttpTimeouts header{kSoon, kLate, kLate, kLate}, body{kLate, kSoon, kLate, kLate},
+        silence{0, kLate, kSoon, kLate}, write{kLate, kLate, kLate, kSoon}, allButBody{kSoon, 0, kSoon, kSoon},
+        allButWrite{kSoon, kSoon, kSoon, 0};
+    const std::tuple<std::string, ZnHttpTimeouts, const char*> kRows[] = {
+        // null: the connection stays open
+        {getOf("/never"), body, "504 Gateway Timeout"},
+        {getOf("/never"), allButBody, nullptr},
+        {getOf("/"), header, "408 Request Timeout"},
+        {"", silence, ""},
+        {"GET", silence, nullptr}, // not idle
+        {"GET / HTTP/1.1\r\n", header, "408 Request Timeout"},
+        {"POST / HTTP/1.1\r\ncontent-length:2\r\n\r\nx", body, "408 Request Timeout"},
+        {getOf("/stalled"), write, "200 OK"},
+        {getOf("/stalled"), allButWrite, nullptr},
     };
-    router_.addRoute("GET", "/", echoOf);
-    std::vector<Link*> links;
-    for (const auto& row : kRows) {
-        links.push_back(row.input == getOf("/never") ? &openUnanswered(row.timeouts) : &open(nullptr, row.timeouts));
-        if (row.stallsWrites)
-            links.back()->socket->onWrite = nullptr;
-        links.back()->socket->receive(row.input);
+    router_.setFallback(echoOf);
+    for (const auto& [input, timeouts, lastAnswer] : kRows) {
+        Link& link = input == getOf("/never") ? openUnanswered(timeouts) : open(nullptr, timeouts);
+        if (input == getOf("/stalled"))
+            link.socket->onWrite = nullptr;
+        link.socket->receive(input);
     }
     settle(450);
-    for (std::size_t i = 0; i < links.size(); ++i) {
-        SCOPED_TRACE(kRows[i].name);
-        ASSERT_EQ(links[i]->closedNs != 0, kRows[i].lastAnswer != nullptr);
-        if (links[i]->closedNs == 0)
-            continue;
-        EXPECT_GE(links[i]->closedNs - links[i]->openedNs, 200'000'000); // the first tick, not 101 ms
-        const std::size_t lastHead = links[i]->output.rfind("HTTP/1.1 ");
-        const std::string lastAnswer = lastHead == std::string::npos ? "" : links[i]->output.substr(lastHead + 9);
-        EXPECT_EQ(lastAnswer.substr(0, lastAnswer.find("\r\n")), kRows[i].lastAnswer);
+    auto link = links_.begin();
+    for (const auto& [input, timeouts, lastAnswer] : kRows) {
+        SCOPED_TRACE(input);
+        ASSERT_EQ(link->closedNs != 0, lastAnswer != nullptr);
+        const std::string& output = link->output;
+        const std::size_t lastHead = output.empty() ? 0 : output.rfind("HTTP/1.1 ") + 9;
+        if (lastAnswer != nullptr) {
+            EXPECT_GE(link->closedNs - link->openedNs, 200'000'000); // the first tick, not 101 ms
+            EXPECT_EQ(output.substr(lastHead, output.find("\r\n", lastHead) - lastHead), lastAnswer);
+        }
+        ++link;
     }
-    for (const auto& callback : callbacks_)
-        callback(ZnHttpResponse::text(200, "too late"));
-    EXPECT_EQ(links[0]->output.find("too late"), std::string::npos);
+    callbacks_[0](ZnHttpResponse::text(200, "too late"));
+    EXPECT_EQ(links_.front().output.find("too late"), std::string::npos);
 }
 
 TEST_F(ZnHttpSessionTest, TheTimeForTheHeadersBeginsWithTheirFirstByte) {

@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-/// The grammar of requests to the letter (RFC 9110 and 9112), for ZnHttpLimits::strictGrammar.
+/// The grammar of requests to the letter (RFC 9110 and 9112), for a reader that is strict.
 ///
 /// Two readers of one connection that understand a message differently can be played off against each other: what one
 /// takes for a body is a request to the other. These functions refuse whatever others are known to read in another way.

@@ -1,6 +1,6 @@
-#include "core/io/http/ZnHttpGrammar_.h"
+#include "core/io/http1/ZnHttpGrammar_.h"
 
-#include "core/io/http/ZnHttpText.h"
+#include "core/io/http1/ZnHttpWireText_.h"
 
 #include <algorithm>
 
@@ -15,18 +15,12 @@ bool isDigit(char c) noexcept {
     return c >= '0' && c <= '9';
 }
 
-char lowerOf(char c) noexcept {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
 bool isLetter(char c) noexcept {
-    return lowerOf(c) >= 'a' && lowerOf(c) <= 'z';
+    return wire::lowerOf(c) >= 'a' && wire::lowerOf(c) <= 'z';
 }
 
 bool startsWithLower(std::string_view text, std::string_view prefix) noexcept {
-    const std::string_view front = text.substr(0, prefix.size());
-    return std::equal(front.begin(), front.end(), prefix.begin(), prefix.end(),
-                      [](char a, char b) { return lowerOf(a) == b; });
+    return wire::equalsLower(text.substr(0, prefix.size()), prefix);
 }
 
 void skipBlanks(std::string_view* text) noexcept {
@@ -36,7 +30,7 @@ void skipBlanks(std::string_view* text) noexcept {
 /// Takes a token off the front. False: there is none.
 bool skipToken(std::string_view* text) noexcept {
     std::size_t byteCount = 0;
-    while (byteCount < text->size() && isToken(text->substr(byteCount, 1)))
+    while (byteCount < text->size() && wire::isToken(text->substr(byteCount, 1)))
         ++byteCount;
     text->remove_prefix(byteCount);
     return byteCount > 0;
@@ -82,7 +76,7 @@ bool skipExtension(std::string_view* text) noexcept {
 } // namespace
 
 bool isMethod(std::string_view text) noexcept {
-    return isToken(text) && std::none_of(text.begin(), text.end(), [](char c) { return c >= 'a' && c <= 'z'; });
+    return wire::isToken(text) && std::none_of(text.begin(), text.end(), [](char c) { return c >= 'a' && c <= 'z'; });
 }
 
 bool isTarget(std::string_view method, std::string_view text) noexcept {
@@ -98,7 +92,7 @@ bool isVersion(std::string_view text) noexcept {
 
 bool isFieldLine(std::string_view line) noexcept {
     const std::size_t colon = line.find(':');
-    if (colon == std::string_view::npos || !isToken(line.substr(0, colon)))
+    if (colon == std::string_view::npos || !wire::isToken(line.substr(0, colon)))
         return false;
     const std::string_view value = line.substr(colon + 1);
     return std::none_of(value.begin(), value.end(), [](char c) { return isControl(c) && c != '\t'; });

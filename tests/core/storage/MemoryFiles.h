@@ -30,6 +30,7 @@ public:
         const std::lock_guard lock(mutex_);
         stopNumber_ = number, count_ = 0;
     }
+    bool isStopped() const { return stopNumber_ != 0; }
     long operationCount() const {
         const std::lock_guard lock(mutex_);
         return count_;

@@ -26,7 +26,7 @@ Rows rowsOf(ZnEmbeddedDbIterator iterator) {
             row.key = std::string(iterator.secondaryKey()) + "/" + row.key;
         rows.push_back(row);
     }
-    EXPECT_EQ(iterator.status(), ZnEmbeddedDbStatus());
+    EXPECT_EQ(iterator.status(), kOk);
     return rows;
 }
 
@@ -122,15 +122,15 @@ public:
         for (int count = 0; count < 50; ++count)
             keys.append(ZnByteArray(text(4)));
         ZnVector<std::optional<ZnByteArray>> values;
-        ASSERT_EQ(readRecords(*view, keys, &values), ZnEmbeddedDbStatus());
+        ASSERT_EQ(readRecords(*view, keys, &values), kOk);
         ASSERT_EQ(values.size(), keys.size());
         for (std::size_t index = 0; index < keys.size(); ++index) {
             const auto expected = store.model.find(std::string(keys[index].view()));
             ZnByteArray value(std::string_view("as it was"));
             IndexKeys_ indexKeys;
-            const ZnEmbeddedDbStatus status = readRecord(*view, keys[index].view(), &value, &indexKeys);
+            const Status status = readRecord(*view, keys[index].view(), &value, &indexKeys);
             ASSERT_EQ(values[index].has_value(), expected != store.model.end());
-            ASSERT_EQ(status.code(), values[index] ? ZnEmbeddedDbStatus::Ok : ZnEmbeddedDbStatus::NotFound);
+            ASSERT_EQ(status.code(), values[index] ? Status::Ok : Status::NotFound);
             EXPECT_EQ(value.view(), values[index] ? expected->second.value : "as it was");
             if (values[index]) {
                 EXPECT_EQ(values[index]->view(), expected->second.value);
@@ -194,33 +194,6 @@ TEST(ReadPath, SourcesThatLieBehindEachOtherOrShareLongPrefixesAreMergedInOrder)
     EXPECT_EQ(rowsOf(openScan(view, range)), arranged(rows, range));
 }
 
-TEST(ReadPath, AnIteratorKeepsWhatItReads) {
-    auto store = std::make_unique<StoreViewFixture>();
-    MemoryFiles& files = store->files;
-    store->put("a", "flushed", {"red"});
-    store->seal();
-    store->flush();
-    store->put("b", "in memory", {"red"});
-    ZnEmbeddedDbIterator scan = openScan(store->view(), {});
-    ZnEmbeddedDbIterator lookup = openIndexLookup(store->view(), "color", "red");
-    store->sealed.clear();
-    store->tables = {};
-    for (const ZnString& path : files.paths())
-        files.remove(path);
-    EXPECT_EQ(rowsOf(std::move(scan)), (Rows{{"a", "flushed", 1, {"red"}}, {"b", "in memory", 2, {"red"}}}));
-    EXPECT_EQ(rowsOf(std::move(lookup)).size(), 2u);
-}
-
-TEST(ReadPath, AnIndexThatIsNoneIsEmptyOrAMistake) {
-    StoreViewFixture store;
-    store.put("a", "value", {"red"});
-    EXPECT_TRUE(rowsOf(openIndexLookup(store.view(), "taste", "red")).empty());
-    for (const char* name : {"", "1color", "true", "co lor"}) {
-        EXPECT_EQ(openIndexLookup(store.view(), name, "red").status().code(), ZnEmbeddedDbStatus::InvalidArgument);
-        EXPECT_EQ(openIndexScan(store.view(), name, {}).status().code(), ZnEmbeddedDbStatus::InvalidArgument);
-    }
-}
-
 TEST(ReadPath, FiltersAreCounted) {
     StoreViewFixture store;
     for (int number = 0; number < 1000; ++number)
@@ -229,22 +202,21 @@ TEST(ReadPath, FiltersAreCounted) {
     store.flush();
     const ReadViewPtr_ view = store.view();
     for (int number = 0; number < 999; ++number)
-        EXPECT_EQ(readRecord(*view, std::to_string(1000 + number) + "x", nullptr).code(), ZnEmbeddedDbStatus::NotFound);
-    EXPECT_EQ(readRecord(*view, "0", nullptr).code(), ZnEmbeddedDbStatus::NotFound); // in no table's range
-    EXPECT_EQ(readRecord(*view, "1500", nullptr), ZnEmbeddedDbStatus());
+        EXPECT_EQ(readRecord(*view, std::to_string(1000 + number) + "x", nullptr).code(), Status::NotFound);
+    EXPECT_EQ(readRecord(*view, "0", nullptr).code(), Status::NotFound); // in no table's range
+    EXPECT_EQ(readRecord(*view, "1500", nullptr), kOk);
     EXPECT_EQ(store.counters->bloomNegativeCount.value() + store.counters->bloomFalsePositiveCount.value(), 999u);
     EXPECT_LT(store.counters->bloomFalsePositiveCount.value(), 50u);
     EXPECT_GT(store.counters->bloomNegativeCount.value(), 900u);
 }
 
 /// What every way to read the record "m" gives, which stands between "a" and "z" and has the color "red".
-void expectAllFail(const ReadViewPtr_& view, ZnEmbeddedDbStatus::Code code, const std::string& message,
-                   bool keysOnlyFails) {
+void expectAllFail(const ReadViewPtr_& view, Status::Code code, const std::string& message, bool keysOnlyFails) {
     ZnByteArray value;
     ZnVector<std::optional<ZnByteArray>> values;
     ZnVector<ZnByteArray> keys;
     keys.append(ZnByteArray(std::string_view("m")));
-    const auto expectStatus = [&](const ZnEmbeddedDbStatus& status) {
+    const auto expectStatus = [&](const Status& status) {
         EXPECT_EQ(status.code(), code);
         EXPECT_THAT(status.message().str(), testing::HasSubstr(message));
     };
@@ -278,12 +250,12 @@ TEST(ReadPath, ABlobFileThatCannotBeReadEndsEveryWayOfReadingWithAStatus) {
     store.seal();
     store.flush();
     const ZnString path = "/s/blobs/BLOB-2.dat";
-    expectAllFail((store.files.put(path, value.substr(1)), store.view()), ZnEmbeddedDbStatus::Corruption,
+    expectAllFail((store.files.put(path, value.substr(1)), store.view()), Status::Corruption,
                   "beyond the end of its file: /s/blobs/BLOB-2.dat at 0", false);
-    expectAllFail((store.files.put(path, "x" + value.substr(1)), store.view()), ZnEmbeddedDbStatus::Corruption,
+    expectAllFail((store.files.put(path, "x" + value.substr(1)), store.view()), Status::Corruption,
                   "checksum mismatch: /s/blobs/BLOB-2.dat at 0", false);
     store.files.remove(path);
-    expectAllFail(store.view(), ZnEmbeddedDbStatus::IoError, "/s/blobs/BLOB-2.dat", false);
+    expectAllFail(store.view(), Status::IoError, "/s/blobs/BLOB-2.dat", false);
 }
 
 TEST(ReadPath, ATableThatIsDamagedBehindItsOpeningEndsEveryWayOfReadingWithAStatus) {
@@ -312,10 +284,10 @@ TEST(ReadPath, ATableThatIsDamagedBehindItsOpeningEndsEveryWayOfReadingWithAStat
         const_cast<char*>(record.key.data())[row.offset - 4] = row.byte; // of the mapping
         const bool isBlock = std::string_view(row.message).starts_with("table block");
         if (!isBlock)
-            expectAllFail(store.view(), ZnEmbeddedDbStatus::Corruption, row.message, true);
+            expectAllFail(store.view(), Status::Corruption, row.message, true);
         ZnByteArray value;
-        const ZnEmbeddedDbStatus status = readRecord(*store.view(), "m", &value);
-        EXPECT_EQ(status.code(), ZnEmbeddedDbStatus::Corruption);
+        const Status status = readRecord(*store.view(), "m", &value);
+        EXPECT_EQ(status.code(), Status::Corruption);
         EXPECT_THAT(status.message().str(), testing::HasSubstr(row.message));
         for (const bool isReverse : {false, true}) { // going back, the whole block has to be walked over first
             ZnEmbeddedDbRange range;

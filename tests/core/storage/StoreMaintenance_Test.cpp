@@ -20,16 +20,8 @@ using namespace znEmbeddedDbDetail;
 
 namespace {
 
-using Status = ZnEmbeddedDbStatus;
-const Status kOk;
 constexpr std::chrono::seconds kDeadline{20};
-
-ZnEmbeddedDbOptions quietOptions() {
-    ZnEmbeddedDbOptions options;
-    options.idleFlushMs = 0;
-    options.blobThresholdBytes = 40;
-    return options;
-}
+const std::string kTail(50, '.'); // makes a value one for a blob file
 
 /// Holds background work at its sync points, or makes it fail there.
 class Gates {
@@ -97,7 +89,7 @@ struct Bench {
     void open(const ZnEmbeddedDbOptions& options = quietOptions()) { ASSERT_EQ(store.open("/s", options), kOk); }
     /// An empty value has no tag, and so no entry in the index.
     void put(const std::string& key, const std::string& value) {
-        EXPECT_EQ(store.put(key, value, tagsOf(value)), kOk);
+        EXPECT_EQ(putTagged(store, key, value), kOk);
         expected[key] = value;
     }
     void remove(const std::string& key) {
@@ -108,6 +100,27 @@ struct Bench {
     void putAndFlush(const std::string& key, const std::string& value) {
         put(key, value);
         flush();
+    }
+    /// Begins `work` on a thread of its own, which is held at the sync point when this returns.
+    template <typename Work>
+    std::thread heldAt(const std::string& point, Work work) {
+        gates->hold(point);
+        std::thread thread(work);
+        EXPECT_TRUE(gates->isHeld(point));
+        return thread;
+    }
+    void flushUntilHeldAt(const std::string& point) {
+        heldAt(point, [this] { flush(); }).join(); // what is held is in the background
+    }
+    /// What is held at `point` goes on while the store waits for its end, or is left behind.
+    void closeWhileHeldAt(const std::string& point, bool isAwaited) {
+        inner().closeWaitMs = isAwaited ? 20000 : 3;
+        std::thread closing([this] { store.close(); });
+        if (isAwaited) {
+            awaitClosing();
+            gates->letGo(point);
+        }
+        closing.join();
     }
     /// Makes the next garbage collection rewrite everything.
     void leaveBehind(const char* name = "BLOB-1.dat") { files.put(ZnString("/s/blobs/") + name, "left"); }
@@ -271,11 +284,10 @@ TEST(StoreMaintenance, TheLargestSequenceDecidesWhateverTheOrder) {
 }
 
 TEST(StoreMaintenance, MergingKeepsWhatOlderTablesNeedAndCompactDropsIt) {
-    const auto shown = [](Bench& bench) {
+    const auto indexed = [](Bench& bench) {
         std::string keys;
-        for (const char* tag : {"A", "B", "C", "D", "E"})
-            for (auto records = bench.store.indexLookup("tag", tag); records.valid(); records.next())
-                keys += tag + std::string(records.key());
+        for (auto records = bench.store.indexScan("tag"); records.valid(); records.next())
+            keys += std::string(records.secondaryKey()) + std::string(records.key());
         return keys;
     };
     Bench bench;
@@ -297,11 +309,11 @@ TEST(StoreMaintenance, MergingKeepsWhatOlderTablesNeedAndCompactDropsIt) {
     EXPECT_EQ(after[0].value, before[0].value); // the same place in the same blob file
     const TableMeta_ meta = bench.table()->meta();
     EXPECT_EQ(std::make_tuple(meta.minSequence, meta.maxSequence, meta.blobFileId), std::make_tuple(1U, 6U, 0U));
-    EXPECT_EQ(shown(bench), "AaEb");
+    EXPECT_EQ(indexed(bench), "AaEb");
     bench.check();
     ASSERT_EQ(bench.store.compact(), kOk);
     EXPECT_EQ(bench.records() + "; " + bench.records("tag"), "a@3 blob, b@6; A@3, E@6");
-    EXPECT_EQ(shown(bench), "AaEb");
+    EXPECT_EQ(indexed(bench), "AaEb");
     bench.check();
     bench.remove("a");
     bench.remove("b");
@@ -314,10 +326,8 @@ TEST(StoreMaintenance, MergingKeepsWhatOlderTablesNeedAndCompactDropsIt) {
 /// The compaction is handed tables that a garbage collection is just taking out of force.
 TEST(StoreMaintenance, WhatIsGoingOutOfForceIsNotMerged) {
     Bench bench;
-    bench.gates->hold("gc.rewritten");
     bench.prepare(true);
-    bench.flush();
-    ASSERT_TRUE(bench.gates->isHeld("gc.rewritten"));
+    bench.flushUntilHeldAt("gc.rewritten");
     bench.gates->hold("manifest.begun");
     bench.gates->letGo("gc.rewritten");
     ASSERT_TRUE(bench.gates->isHeld("manifest.begun"));
@@ -342,21 +352,13 @@ TEST(StoreMaintenance, ClosingEndsItBeforeItChangesAnything) {
         for (const bool isAwaited : {true, false}) {
             SCOPED_TRACE(std::string(point) + (isAwaited ? "" : ", not awaited"));
             Bench bench;
-            bench.inner().closeWaitMs = isAwaited ? 20000 : 3;
             bench.prepare(isGarbagePoint(point));
-            bench.gates->hold(point);
-            bench.flush();
-            ASSERT_TRUE(bench.gates->isHeld(point));
+            bench.flushUntilHeldAt(point);
             const std::vector<TableMeta_> before = bench.tablesOnDisk();
-            std::thread closing([&] { bench.store.close(); });
-            if (isAwaited) {
-                bench.awaitClosing();
-                bench.gates->letGo(point);
-            }
-            closing.join();
+            bench.closeWhileHeldAt(point, isAwaited);
             EXPECT_EQ(bench.tablesOnDisk() == before, true);
             bench.open();
-            bench.putAndFlush("b", "B" + std::string(50, '.'));
+            bench.putAndFlush("b", "B" + kTail);
             if (!isAwaited)
                 bench.gates->letGo(point);
             bench.awaitPool();
@@ -409,22 +411,14 @@ TEST(StoreMaintenance, WhoAskedForWorkThatClosingPreventsIsTold) {
         for (const bool isAwaited : {true, false}) {
             SCOPED_TRACE(point + (isAwaited ? "" : ", not awaited"));
             Bench bench;
-            bench.inner().closeWaitMs = isAwaited ? 20000 : 3;
             bench.putAndFlush("a", "A");
             bench.awaitQuiet();
             bench.leaveBehind();
-            bench.gates->hold(point);
-            std::thread asking([&] {
+            std::thread asking = bench.heldAt(point, [&] {
                 const Status status = isGarbagePoint(point) ? bench.store.collectGarbage() : bench.store.compact();
                 EXPECT_EQ(status, Status(Status::NotAvailable, "database is closing"));
             });
-            ASSERT_TRUE(bench.gates->isHeld(point));
-            std::thread closing([&] { bench.store.close(); });
-            if (isAwaited) {
-                bench.awaitClosing();
-                bench.gates->letGo(point);
-            }
-            closing.join();
+            bench.closeWhileHeldAt(point, isAwaited);
             asking.join();
             if (!isAwaited)
                 bench.gates->letGo(point);
@@ -441,9 +435,7 @@ TEST(StoreMaintenance, AFailureLeavesWhatIsInForce) {
             Bench bench;
             bench.prepare(isGarbage);
             const char* point = isGarbage ? "gc.begun" : "compaction.begun";
-            bench.gates->hold(point);
-            bench.flush();
-            ASSERT_TRUE(bench.gates->isHeld(point));
+            bench.flushUntilHeldAt(point);
             const std::vector<TableMeta_> before = bench.tablesOnDisk();
             bench.files.failOperation(number, EIO);
             bench.gates->letGo(point);
@@ -587,18 +579,13 @@ TEST(StoreMaintenance, ABackgroundCollectionGivesWayAndLeavesNothing) {
         SCOPED_TRACE(beside);
         Bench bench;
         bench.prepare(true);
-        bench.gates->hold("gc.rewritten");
-        bench.flush();
-        ASSERT_TRUE(bench.gates->isHeld("gc.rewritten"));
+        bench.flushUntilHeldAt("gc.rewritten");
         std::thread compacting;
         const std::size_t blobCount = bench.blobs().size();
-        if (beside == Compact) {
-            bench.gates->hold("compaction.begun");
-            compacting = std::thread([&] { EXPECT_EQ(bench.store.compact(), kOk); });
-            ASSERT_TRUE(bench.gates->isHeld("compaction.begun"));
-        } else {
+        if (beside == Compact)
+            compacting = bench.heldAt("compaction.begun", [&] { EXPECT_EQ(bench.store.compact(), kOk); });
+        else
             bench.put("b", "B");
-        }
         if (beside == Flush)
             bench.flush();
         bench.gates->letGo("gc.rewritten");
@@ -630,19 +617,15 @@ TEST(StoreMaintenance, ADemandedCollectionAndAFlushDoNotTakeEachOthersFiles) {
             const std::string end = last < points.size() ? points[last] : "";
             SCOPED_TRACE("flush from " + begin + " to " + end);
             Bench bench;
-            bench.put("a", "A" + std::string(50, '.'));
-            bench.putAndFlush("b", "B" + std::string(50, '.'));
+            bench.put("a", "A" + kTail);
+            bench.putAndFlush("b", "B" + kTail);
             bench.awaitQuiet();
             bench.leaveBehind();
-            bench.gates->hold(begin);
-            std::thread collecting([&] { EXPECT_EQ(bench.store.collectGarbage(), kOk); });
-            ASSERT_TRUE(bench.gates->isHeld(begin));
-            bench.gates->hold("flush.written");
-            bench.put("a", "C" + std::string(50, '.'));
+            std::thread collecting = bench.heldAt(begin, [&] { EXPECT_EQ(bench.store.collectGarbage(), kOk); });
+            bench.put("a", "C" + kTail);
             bench.remove("b");
-            bench.put("c", "A" + std::string(50, '.'));
-            std::thread flushing([&] { bench.flush(); });
-            ASSERT_TRUE(bench.gates->isHeld("flush.written"));
+            bench.put("c", "A" + kTail);
+            std::thread flushing = bench.heldAt("flush.written", [&] { bench.flush(); });
             if (!end.empty())
                 bench.gates->hold(end);
             bench.gates->letGo(begin);
@@ -671,15 +654,13 @@ TEST(StoreMaintenance, ViewsKeepTheBlobFilesThatTheySee) {
         Bench bench;
         ZnEmbeddedDbSnapshotPtr snapshot;
         std::optional<ZnEmbeddedDbIterator> records;
-        bench.put("a", "A" + std::string(50, '.'));
-        bench.putAndFlush("b", "B" + std::string(50, '.'));
+        bench.put("a", "A" + kTail);
+        bench.putAndFlush("b", "B" + kTail);
         bench.awaitQuiet();
         bench.leaveBehind();
         // What this flush writes stays in force beyond the collection.
-        bench.gates->hold("gc.rewritten");
-        std::thread collecting([&] { EXPECT_EQ(bench.store.collectGarbage(), kOk); });
-        ASSERT_TRUE(bench.gates->isHeld("gc.rewritten"));
-        bench.putAndFlush("c", "C" + std::string(50, '.'));
+        std::thread collecting = bench.heldAt("gc.rewritten", [&] { EXPECT_EQ(bench.store.collectGarbage(), kOk); });
+        bench.putAndFlush("c", "C" + kTail);
         const StoreContent then = bench.expected;
         if (isIterator)
             records.emplace(bench.store.scan());
@@ -691,43 +672,22 @@ TEST(StoreMaintenance, ViewsKeepTheBlobFilesThatTheySee) {
         const std::size_t keptCount = bench.blobs().size(); // what the view needs, and the new one
         for (const char* value : {"D", "E", "F"}) {
             for (const char* key : {"a", "b", "c"})
-                bench.put(key, value + std::string(50, '.'));
+                bench.put(key, value + kTail);
             ASSERT_EQ(bench.store.collectGarbage(), kOk);
             bench.awaitQuiet();
             EXPECT_EQ(bench.blobs().size(), keptCount);
             ASSERT_EQ(bench.store.collectGarbage(), kOk); // what is kept is no reason
         }
         EXPECT_LE(bench.gates->countOf("gc.decided"), runCount + 3);
-        StoreContent shown;
         ZnEmbeddedDbRange range;
-        range.snapshot = snapshot;
+        range.snapshot = std::exchange(snapshot, nullptr);
         if (!isIterator)
             records.emplace(bench.store.scan(range));
-        for (; records->valid(); records->next())
-            shown[std::string(records->key())] = std::string(records->value());
-        EXPECT_EQ(records->status(), kOk);
-        EXPECT_EQ(shown, then);
+        EXPECT_EQ(shown(*std::exchange(records, std::nullopt)), then);
         range.snapshot = nullptr;
-        snapshot = nullptr;
-        records.reset();
         EXPECT_EQ(bench.blobs().size(), 1U);
         bench.check();
     }
-}
-
-TEST(StoreMaintenance, ABlobFileThatCannotBeWrittenIsTold) {
-    Bench bench;
-    bench.put("a", std::string(1500, 'A'));
-    bench.files.setFreeBytes(500); // the table's file comes first, and nothing is in it yet
-    const Status status = bench.store.flush();
-    EXPECT_EQ(status.code(), Status::IoError);
-    EXPECT_TRUE(status.message().startsWith("failed to externalize blob value: ")) << status.message();
-    EXPECT_EQ(bench.log.countOf("short append"), 2); // where it happened, and by the flush
-    EXPECT_EQ(bench.store.stats().blobBytesWritten, 0U);
-    bench.files.setFreeBytes(1 << 20);
-    bench.flush();
-    EXPECT_EQ(bench.store.stats().blobBytesWritten, 1500U);
-    bench.check();
 }
 
 /// Whatever of the log the power cut leaves: nothing comes back that was in tables, and gone from them again.
@@ -756,11 +716,11 @@ TEST(StoreMaintenance, AnExceptionEndsTheWorkAndNothingElse) {
                                     "gc.begun", "gc.decided", "gc.rewritten"}) {
         SCOPED_TRACE(point);
         Bench bench;
-        bench.putAndFlush("a", "A" + std::string(50, '.'));
+        bench.putAndFlush("a", "A" + kTail);
         bench.awaitQuiet();
         bench.leaveBehind();
         if (point == "flush.written")
-            bench.put("a", "B" + std::string(50, '.'));
+            bench.put("a", "B" + kTail);
         bench.gates->fail(point, 1);
         const Status status = isGarbagePoint(point) ? bench.store.collectGarbage() : bench.store.compact();
         EXPECT_EQ(status, Status(Status::IoError, "ended by an exception: std::bad_alloc"));

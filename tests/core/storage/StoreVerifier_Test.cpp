@@ -18,7 +18,7 @@ struct Checked {
                              progress)) {}
 
     ZnEmbeddedDbVerifyReport report;
-    ZnEmbeddedDbStatus status;
+    Status status;
 };
 
 std::unique_ptr<StoreViewFixture> filledStore(std::uint64_t seed) {
@@ -55,7 +55,7 @@ TEST(StoreVerifier, CountsWhatASoundStoreHolds) {
             EXPECT_LE(done, total);
             told.push_back(total - done);
         });
-        EXPECT_EQ(checked.status, ZnEmbeddedDbStatus());
+        EXPECT_EQ(checked.status, kOk);
         EXPECT_EQ(told, std::vector<std::uint64_t>{0}); // a small one: told at its end alone
         EXPECT_EQ(checked.report.liveRecordCount, store->model.size());
         EXPECT_EQ(checked.report.indexEntryCount, store->model.size());
@@ -85,7 +85,7 @@ TEST(StoreVerifier, FindsWhatNothingRefersTo) {
     for (const char* path : paths)
         store->files.put(path, "left behind");
     const Checked checked(store.get());
-    EXPECT_EQ(checked.status, ZnEmbeddedDbStatus());
+    EXPECT_EQ(checked.status, kOk);
     std::vector<ZnString> orphans(checked.report.orphans.begin(), checked.report.orphans.end());
     EXPECT_THAT(orphans, testing::UnorderedElementsAre(paths[0], paths[1], paths[2], paths[3]));
 }
@@ -98,11 +98,11 @@ void flipLastByte(StoreViewFixture* store, const ZnString& path) {
 
 TEST(StoreVerifier, TellsWhatIsWrongAndGoesOn) {
     using Store = StoreViewFixture;
-    constexpr auto kDamaged = ZnEmbeddedDbStatus::Corruption;
-    constexpr auto kUnread = ZnEmbeddedDbStatus::IoError;
+    constexpr auto kDamaged = Status::Corruption;
+    constexpr auto kUnread = Status::IoError;
     const struct {
         const char* problem;
-        ZnEmbeddedDbStatus::Code code;
+        Status::Code code;
         std::uint64_t problemCount;
         std::function<void(Store*)> damage;
     } rows[] = {
@@ -147,7 +147,7 @@ TEST(StoreVerifier, TellsWhatIsWrongAndGoesOn) {
         store.put("a", "second", {"blue"});
         store.seal();
         store.flush();
-        ASSERT_EQ(Checked(&store).status, ZnEmbeddedDbStatus());
+        ASSERT_EQ(Checked(&store).status, kOk);
         row.damage(&store);
         const Checked checked(&store);
         EXPECT_EQ(checked.status.code(), row.code);

@@ -54,7 +54,7 @@ void StoreViewFixture::seal() {
 void StoreViewFixture::flush() {
     MemtableFlush_ flush(files, paths, *counters, {0, kLargestInline, options, [this] { return ++lastId; }},
                          {sealed.back()});
-    ASSERT_EQ(flush.run(), ZnEmbeddedDbStatus());
+    ASSERT_EQ(flush.run(), kOk);
     for (const auto& table : flush.tables()) {
         const bool isPrimary = table->meta().kind == kPrimaryTable;
         TableList_& list = isPrimary ? tables.primaryView : tables.indexViews["color"];
@@ -97,9 +97,9 @@ std::shared_ptr<const TableHandle_> StoreViewFixture::writeTable_(std::int32_t k
     meta.level = level;
     meta.fileId = ++lastId;
     meta.indexName = kind == kPrimaryTable ? "" : "color";
-    EXPECT_EQ(writeTable(files, paths.tempDir, paths.tablesDir, &meta, records), ZnEmbeddedDbStatus());
+    EXPECT_EQ(writeTable(files, paths.tempDir, paths.tablesDir, &meta, records), kOk);
     const auto table = std::make_shared<TableHandle_>();
-    ZnEmbeddedDbStatus status;
+    Status status;
     EXPECT_TRUE(table->open(files, paths.rootPath, meta, options, &status)) << status.message();
     if (kind == kPrimaryTable && tables.largestPrimaryKey < table->lastKey())
         tables.largestPrimaryKey = table->lastKey();

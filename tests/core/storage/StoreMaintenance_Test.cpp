@@ -1,114 +1,20 @@
 // Merging of tables and collecting of garbage, beside everything else that a store does.
 
-#include "core/storage/StoreModel.h"
-#include "core/storage/StoreViewFixture.h"
-#include "core/storage/embeddeddb/Manifest_.h"
+#include "core/storage/StoreBench.h"
 #include "core/storage/embeddeddb/NewestRecords_.h"
-#include "core/storage/embeddeddb/Store_.h"
-#include "core/storage/embeddeddb/StoredValue_.h"
-#include "support/LogCapture.h"
 
-#include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <condition_variable>
-#include <new>
 #include <optional>
-#include <thread>
 
 using namespace znEmbeddedDbDetail;
 
 namespace {
 
-constexpr std::chrono::seconds kDeadline{20};
 const std::string kTail(50, '.'); // makes a value one for a blob file
 
-/// Holds background work at its sync points, or makes it fail there.
-class Gates {
-public:
-    ~Gates() {
-        const std::lock_guard lock(mutex_);
-        isOver_ = true;
-        condition_.notify_all();
-    }
-    void reach(const std::string& name) {
-        std::unique_lock lock(mutex_);
-        ++counts_[name];
-        if (failures_[name] > 0) {
-            --failures_[name];
-            throw std::bad_alloc();
-        }
-        if (armed_.erase(name) == 0)
-            return;
-        held_.insert(name);
-        condition_.notify_all();
-        if (!condition_.wait_for(lock, kDeadline, [&] { return isOver_ || held_.count(name) == 0; })) {
-            ADD_FAILURE() << "nobody lets go of " << name;
-            held_.erase(name);
-        }
-    }
-    /// The next that comes there.
-    void hold(const std::string& name) {
-        const std::lock_guard lock(mutex_);
-        armed_.insert(name);
-    }
-    void fail(const std::string& name, int count) {
-        const std::lock_guard lock(mutex_);
-        failures_[name] = count;
-    }
-    void letGo(const std::string& name) {
-        const std::lock_guard lock(mutex_);
-        EXPECT_EQ(held_.erase(name), 1U) << name;
-        condition_.notify_all();
-    }
-    bool isHeld(const std::string& name, std::chrono::milliseconds timeout = kDeadline) {
-        std::unique_lock lock(mutex_);
-        return condition_.wait_for(lock, timeout, [&] { return held_.count(name) != 0; });
-    }
-    int countOf(const std::string& name) {
-        const std::lock_guard lock(mutex_);
-        return counts_[name];
-    }
+struct Bench : StoreBench {
+    using StoreBench::StoreBench;
 
-private:
-    std::mutex mutex_;
-    std::condition_variable condition_;
-    bool isOver_ = false;
-    std::map<std::string, int> counts_, failures_;
-    std::set<std::string> armed_, held_;
-};
-
-/// A store, what it must hold, and a hand on its background work.
-struct Bench {
-    explicit Bench(const ZnEmbeddedDbOptions& options = quietOptions()) {
-        core().syncPoints.setHandler([gates = gates](std::string_view name) { gates->reach(std::string(name)); });
-        open(options);
-    }
-    Store_& inner() { return StoreAccess_::of(store); }
-    StoreCore_& core() { return inner().core; }
-    void open(const ZnEmbeddedDbOptions& options = quietOptions()) { ASSERT_EQ(store.open("/s", options), kOk); }
-    /// An empty value has no tag, and so no entry in the index.
-    void put(const std::string& key, const std::string& value) {
-        EXPECT_EQ(putTagged(store, key, value), kOk);
-        expected[key] = value;
-    }
-    void remove(const std::string& key) {
-        EXPECT_EQ(store.remove(key), kOk);
-        expected.erase(key);
-    }
-    void flush() { EXPECT_EQ(store.flush(), kOk); }
-    void putAndFlush(const std::string& key, const std::string& value) {
-        put(key, value);
-        flush();
-    }
-    /// Begins `work` on a thread of its own, which is held at the sync point when this returns.
-    template <typename Work>
-    std::thread heldAt(const std::string& point, Work work) {
-        gates->hold(point);
-        std::thread thread(work);
-        EXPECT_TRUE(gates->isHeld(point));
-        return thread;
-    }
     void flushUntilHeldAt(const std::string& point) {
         heldAt(point, [this] { flush(); }).join(); // what is held is in the background
     }
@@ -124,31 +30,8 @@ struct Bench {
     }
     /// Makes the next garbage collection rewrite everything.
     void leaveBehind(const char* name = "BLOB-1.dat") { files.put(ZnString("/s/blobs/") + name, "left"); }
-
-    template <typename Condition>
-    bool await(Condition condition) {
-        const auto until = std::chrono::steady_clock::now() + kDeadline;
-        for (;;) {
-            {
-                const ZnMutexLocker locker(core().mutex);
-                if (condition())
-                    return true;
-                core().workerCondition.wait_for(core().mutex, std::chrono::milliseconds(2));
-            }
-            if (std::chrono::steady_clock::now() > until)
-                return false;
-        }
-    }
-    void awaitQuiet() {
-        EXPECT_TRUE(await([this]() ZN_NO_THREAD_SAFETY_ANALYSIS {
-            return core().flushFirstFileId == 0 && !core().compactionRunning && !core().blobGcRunning;
-        }));
-    }
     void awaitClosing() {
         EXPECT_TRUE(await([this]() ZN_NO_THREAD_SAFETY_ANALYSIS { return core().closing; }));
-    }
-    void awaitPool() {
-        EXPECT_TRUE(await([this] { return inner().threadPool.activeCount() == 0; }));
     }
     /// "primary 3+1, tag 4+0": tables of level 0 and of level 1.
     std::string tables() {
@@ -175,15 +58,7 @@ struct Bench {
         EXPECT_EQ(readManifest(files, "/s", id, &state), kOk);
         return state.tables;
     }
-    /// The only table of that kind.
-    std::shared_ptr<const TableHandle_> table(const ZnString& indexName = {}) {
-        const ZnMutexLocker locker(core().mutex);
-        const auto& views = *core().tableViews;
-        const TableList_& list = indexName.isEmpty() ? views.primaryView : views.indexViews.find(indexName)->second;
-        EXPECT_EQ(list.size(), 1U);
-        return list.front();
-    }
-    /// "a@3 inline, b@4 tombstone"
+    /// "a@3 blob, b@4 tombstone"
     std::string records(const ZnString& indexName = {}) {
         std::vector<TableRecord_> all;
         std::string text;
@@ -203,25 +78,13 @@ struct Bench {
                 names.insert(path.str().substr(9));
         return names;
     }
-    void check(bool mayHaveOrphans = false) {
-        EXPECT_EQ(contentOf(store), expected);
-        ZnEmbeddedDbVerifyReport report;
-        EXPECT_EQ(store.verify(&report), kOk);
-        EXPECT_TRUE(mayHaveOrphans || report.orphans.isEmpty()) << report.orphans[0];
-    }
     /// Four tables of each kind, or a blob file of which nothing is used; up to the flush that begins the work.
     void prepare(bool isGarbage) {
         for (int count = 1; count < (isGarbage ? 2 : 4); ++count)
-            putAndFlush("a", std::to_string(count) + std::string(isGarbage ? 50 : 0, '.'));
-        put("a", "Z" + std::string(isGarbage ? 50 : 0, '.'));
+            putAndFlush("a", std::to_string(count) + (isGarbage ? kTail : ""));
+        put("a", "Z" + (isGarbage ? kTail : ""));
         awaitQuiet();
     }
-
-    LogCapture log;
-    MemoryFiles files;
-    ZnEmbeddedDb store{files};
-    std::shared_ptr<Gates> gates = std::make_shared<Gates>();
-    StoreContent expected;
 };
 
 const char* const kPoints[] = {"compaction.begun",     "compaction.pinned", "compaction.merged", "compaction.opened",
@@ -272,10 +135,12 @@ TEST(StoreMaintenance, FourTablesOfOneKindHaveAllOfLevel0Merged) {
 TEST(StoreMaintenance, TheLargestSequenceDecidesWhateverTheOrder) {
     const std::string value = encoded(inlineEntry("v"));
     for (const bool isOlderFirst : {false, true}) {
-        StoreViewFixture store;
+        MemoryFiles files;
+        TableList_ tables;
         for (const std::uint64_t sequence : {isOlderFirst ? 3U : 8U, isOlderFirst ? 8U : 3U})
-            store.addTable(kPrimaryTable, 0, {{ZnByteArray("k", 1), sequence, kInlineRecord, ZnByteArray(value)}});
-        NewestRecords_ records(store.tables.primaryView);
+            tables.push_back(
+                writtenTable(files, sequence, {{ZnByteArray("k", 1), sequence, kInlineRecord, ZnByteArray(value)}}));
+        NewestRecords_ records(tables);
         std::set<std::uint64_t> seen;
         EXPECT_EQ(records.take([&](const RecordView_& record) { seen.insert(record.sequence); }).record.sequence, 8U);
         EXPECT_EQ(seen, (std::set<std::uint64_t>{3, 8}));
@@ -299,7 +164,7 @@ TEST(StoreMaintenance, MergingKeepsWhatOlderTablesNeedAndCompactDropsIt) {
     bench.putAndFlush("b", "B2");
     bench.remove("c");
     bench.flush();
-    bench.inner().hasIndexes = false; // so that nobody looks what the next one replaces, as in a race
+    bench.setRetires(false);
     bench.putAndFlush("b", "E3");
     bench.awaitQuiet();
     EXPECT_EQ(bench.tables(), "primary 0+1, tag 0+1");
@@ -361,7 +226,7 @@ TEST(StoreMaintenance, ClosingEndsItBeforeItChangesAnything) {
             bench.putAndFlush("b", "B" + kTail);
             if (!isAwaited)
                 bench.gates->letGo(point);
-            bench.awaitPool();
+            EXPECT_TRUE(bench.await([&] { return bench.inner().threadPool.activeCount() == 0; }));
             bench.awaitQuiet();
             EXPECT_EQ(bench.store.stats().compactionFailedCount, 0U);
             bench.check();

@@ -322,16 +322,4 @@ TEST(Table_, AFailedWriteLeavesNoFileAndAFinishedOneSurvivesThePowerCut) {
               Status(Status::InvalidArgument, "cannot write empty table"));
 }
 
-TEST(Table_, ADiskErrorOnOpeningIsAStatus) {
-    Table table(goldenRecords());
-    for (long number = 1;; ++number) {
-        table.files.failOperation(number, EIO);
-        Status status;
-        if (table.open(&status) != nullptr)
-            break;
-        EXPECT_EQ(status.code(), Status::IoError) << number;
-        ASSERT_LT(number, 100);
-    }
-}
-
 } // namespace

@@ -119,11 +119,6 @@ private:
     int failedWriteCount_ = 0;
 };
 
-std::uint64_t baseSeed() {
-    const char* given = std::getenv("ZN_TEST_SEED");
-    return given == nullptr ? std::random_device()() : std::strtoull(given, nullptr, 10);
-}
-
 /// The n-th operation on the files fails, for every small n and then for ever fewer, until none does; then the power
 /// goes, and once more while the store recovers.
 void failEveryOperation(std::uint64_t seed, std::function<void(MemoryFiles&, long)> breakAt) {
@@ -147,18 +142,18 @@ void failEveryOperation(std::uint64_t seed, std::function<void(MemoryFiles&, lon
 }
 
 TEST(StoreCrash, AnyOperationMayFail) {
-    const std::uint64_t seed = baseSeed();
+    const std::uint64_t seed = testSeed();
     failEveryOperation(seed, [&](MemoryFiles& files, long number) {
         files.failOperation(number, (seed + static_cast<std::uint64_t>(number)) % 2 == 0 ? EIO : ENOSPC);
     });
 }
 
 TEST(StoreCrash, ThePowerMayGoAtAnyOperation) {
-    failEveryOperation(baseSeed(), [](MemoryFiles& files, long number) { files.stopAt(number); });
+    failEveryOperation(testSeed(), [](MemoryFiles& files, long number) { files.stopAt(number); });
 }
 
 TEST(StoreCrash, AKilledProcessLosesNothingThatWasAcknowledged) {
-    const std::uint64_t seed = baseSeed();
+    const std::uint64_t seed = testSeed();
     for (std::uint64_t round = 0; round < 60 && !HasFatalFailure(); ++round) {
         SCOPED_TRACE("seed " + std::to_string(seed + round));
         Driver driver(seed + round);
@@ -171,7 +166,7 @@ TEST(StoreCrash, AKilledProcessLosesNothingThatWasAcknowledged) {
 }
 
 TEST(StoreCrash, AFullDiskStopsWritesAndNothingElse) {
-    Driver driver(baseSeed());
+    Driver driver(testSeed());
     MemoryFiles& files = driver.files;
     ZnEmbeddedDb store(files);
     StoreContent expected;

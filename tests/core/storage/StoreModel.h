@@ -4,6 +4,7 @@
 #include "core/storage/embeddeddb/ZnEmbeddedDb.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <map>
 #include <random>
@@ -12,6 +13,12 @@
 #include <vector>
 
 using StoreContent = std::map<std::string, std::string>;
+
+/// Of a test with random operations, which tells it when it fails: ZN_TEST_SEED, or one by chance.
+inline std::uint64_t testSeed() {
+    const char* given = std::getenv("ZN_TEST_SEED");
+    return given == nullptr ? std::random_device()() : std::strtoull(given, nullptr, 10);
+}
 
 /// The tag of a value is its first byte; every record has it as its secondary key.
 inline ZnEmbeddedDbIndexKeys tagsOf(std::string_view value) {

@@ -60,11 +60,10 @@ class RandomStore {
 public:
     explicit RandomStore(std::uint64_t seed) : random_(seed) {
         bench_.store.close();
-        ZnEmbeddedDbOptions options = quietOptions();
-        options.blobThresholdBytes = 20;
-        options.maxLevel1Tables = static_cast<std::uint32_t>(below(4));
-        options.verifyFilters = below(4) > 0;
-        bench_.open(options);
+        options_.blobThresholdBytes = 20;
+        options_.maxLevel1Tables = static_cast<std::uint32_t>(below(4));
+        options_.verifyFilters = below(4) > 0;
+        bench_.open(options_);
     }
 
     void change() {
@@ -77,21 +76,26 @@ public:
         default: write();
         }
     }
-    /// Everything is there, and shows the same once more when it has changed meanwhile.
-    void keepSnapshot() {
+    void keepView() {
         snapshot_ = bench_.store.snapshot();
-        modelOfSnapshot_ = model_;
+        EXPECT_EQ(snapshot_->sequence(), bench_.store.stats().lastCommittedSequence);
+        iterator_ = bench_.store.scan();
+        modelOfView_ = model_;
     }
+    /// Everything is there, and an iterator and a snapshot still show what they were made for, whether the store is
+    /// closed meanwhile or not.
     void check() {
         checkPoints(model_, nullptr);
+        checkPoints(modelOfView_, snapshot_);
+        bench_.store.close();
+        EXPECT_EQ(rowsOf(std::move(iterator_)), rowsIn(modelOfView_, {}));
+        bench_.open(options_);
         for (int round = 0; round < 40; ++round) {
             checkScan(model_, nullptr);
             checkIndex(model_, nullptr);
-            checkScan(modelOfSnapshot_, snapshot_);
-            checkIndex(modelOfSnapshot_, snapshot_);
+            checkScan(modelOfView_, snapshot_);
+            checkIndex(modelOfView_, snapshot_);
         }
-        checkPoints(model_, nullptr);
-        checkPoints(modelOfSnapshot_, snapshot_);
     }
 
 private:
@@ -136,11 +140,14 @@ private:
     }
     void checkScan(const Model& model, const ZnEmbeddedDbSnapshotPtr& snapshot) {
         const ZnEmbeddedDbRange asked = range(snapshot);
+        EXPECT_EQ(rowsOf(bench_.store.scan(asked)), arranged(rowsIn(model, asked), asked));
+    }
+    static Rows rowsIn(const Model& model, const ZnEmbeddedDbRange& range) {
         Rows rows;
         for (const auto& [key, row] : model)
-            if (isInRange(key, asked))
+            if (isInRange(key, range))
                 rows.push_back(row);
-        EXPECT_EQ(rowsOf(bench_.store.scan(asked)), arranged(rows, asked));
+        return rows;
     }
     void checkIndex(const Model& model, const ZnEmbeddedDbSnapshotPtr& snapshot) {
         const ZnEmbeddedDbRange asked = range(snapshot);
@@ -185,8 +192,10 @@ private:
     std::mt19937_64 random_;
     StoreBench bench_;
     Model model_;
+    ZnEmbeddedDbOptions options_ = quietOptions();
     ZnEmbeddedDbSnapshotPtr snapshot_;
-    Model modelOfSnapshot_;
+    ZnEmbeddedDbIterator iterator_{Status()};
+    Model modelOfView_;
 };
 
 TEST(ReadPath, GivesWhatAMapWouldGiveHoweverTheRecordsAreSpread) {
@@ -197,7 +206,7 @@ TEST(ReadPath, GivesWhatAMapWouldGiveHoweverTheRecordsAreSpread) {
         for (int step = 0; step < 900; ++step) {
             random.change();
             if (step == 600)
-                random.keepSnapshot();
+                random.keepView();
         }
         random.check();
     }

@@ -72,17 +72,6 @@ TEST(RandomAccessFile_, AFailedAppendLeavesNothingOrEndsAppending) {
     EXPECT_EQ(error, "append behind a failure: 0");
 }
 
-TEST(RandomAccessFile_, AFailedFlushIsNotRepeated) {
-    MemoryFiles files;
-    RandomAccessFile_ file(files);
-    ASSERT_TRUE(file.open("/d/f", Mode::ReadWrite) && append(&file, "abc"));
-    files.failOperation(1, EIO);
-    EXPECT_FALSE(file.flushData());
-    EXPECT_FALSE(file.flush()); // the system would say yes now
-    files.cutPower();
-    EXPECT_EQ(files.content("/d/f"), ""); // and yet the name was durable from the opening on
-}
-
 TEST(RandomAccessFile_, WriteThroughIsDurableWhenItReturns) {
     MemoryFiles files;
     RandomAccessFile_ file(files);

@@ -285,21 +285,6 @@ TEST(StoreOpening, AllNewDirectoriesAboveAStoreLast) {
         EXPECT_EQ(synced.count(directory.path(path)), 1U) << path;
 }
 
-TEST(StoreOpening, NothingIsMadeWhereNothingMayBe) {
-    TemporaryDirectory directory;
-    const auto fileCount = [&] {
-        const std::filesystem::recursive_directory_iterator files(directory.path().str());
-        return std::count_if(begin(files), end(files), [](const auto& entry) { return entry.is_regular_file(); });
-    };
-    ZnEmbeddedDbOptions options = quietOptions();
-    options.createIfMissing = false;
-    directory.file("s/notes.txt", "mine");
-    EXPECT_EQ(ZnEmbeddedDb().open(directory.path("s"), options).code(), Status::NotFound);
-    directory.file("s/tables/L0-1.sst", "of a store that has lost its pointer");
-    EXPECT_EQ(ZnEmbeddedDb().open(directory.path("s"), options).code(), Status::Corruption);
-    EXPECT_EQ(fileCount(), 2);
-}
-
 // --- watching
 
 class StoreWatch : public LoopFixture {

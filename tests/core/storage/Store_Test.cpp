@@ -92,12 +92,17 @@ TEST_F(StoreTest, NullIsTheEmptyKey) {
 TEST_F(StoreTest, WhatCannotBeOpenedSaysWhyAndLeavesNothing) {
     TemporaryDirectory directory;
     const ZnString file = directory.file("file", "content");
+    directory.file("others/notes", "mine");
     ZnEmbeddedDbOptions existing = quietOptions();
     existing.createIfMissing = false;
     const std::tuple<ZnString, ZnEmbeddedDbOptions, Status::Code> rows[] = {
-        {"", quietOptions(), Status::InvalidArgument},     {file, quietOptions(), Status::IoError},
-        {file, quietOptions(true), Status::IoError},       {file + "/s", quietOptions(), Status::IoError},
-        {directory.path("s"), existing, Status::NotFound}, {directory.path("s"), quietOptions(true), Status::NotFound},
+        {"", quietOptions(), Status::InvalidArgument},
+        {file, quietOptions(), Status::IoError},
+        {file, quietOptions(true), Status::IoError},
+        {file + "/s", quietOptions(), Status::IoError},
+        {directory.path("s"), existing, Status::NotFound},
+        {directory.path("s"), quietOptions(true), Status::NotFound},
+        {directory.path("others"), existing, Status::NotFound},
     };
     ZnEmbeddedDb real;
     for (const auto& [path, options, code] : rows) {
@@ -108,6 +113,8 @@ TEST_F(StoreTest, WhatCannotBeOpenedSaysWhyAndLeavesNothing) {
         EXPECT_FALSE(real.isOpen() || std::filesystem::exists(directory.path("s").str()));
         EXPECT_EQ(contentOf(file), "content");
     }
+    const std::filesystem::directory_iterator others(directory.path("others").str());
+    EXPECT_EQ(std::distance(begin(others), end(others)), 1);
     files_.failOperation(1, EACCES);
     EXPECT_EQ(store_.open("/s").code(), Status::IoError);
     open();

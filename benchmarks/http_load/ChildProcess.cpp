@@ -1,6 +1,5 @@
 #include "ChildProcess.h"
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -31,7 +30,6 @@ int execute(const std::vector<std::string>& command, int outputFd, int cpu) {
 
 ChildProcess::ChildProcess(const std::vector<std::string>& command, const std::string& readyText, int cpu)
     : process_([&] { return execute(command, output_.ends[1], cpu); }) {
-    const auto start = std::chrono::steady_clock::now();
     output_.closeEnd(1);
     std::string output;
     while (output.find(readyText) == std::string::npos ||
@@ -48,7 +46,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& command, const std::s
     const std::size_t lastBlank = output.find_last_of(' ');
     announcedPort_ =
         static_cast<unsigned short>(std::atoi(output.c_str() + (lastBlank == std::string::npos ? 0 : lastBlank)));
-    readyMs_ = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+    readyMs_ = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start_).count();
 }
 
 long long ChildProcess::cpuNs() const {

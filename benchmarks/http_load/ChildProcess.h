@@ -2,6 +2,7 @@
 
 #include "support/ForkedProcess.h"
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,7 @@ public:
     double readyMs() const { return readyMs_; }
 
 private:
+    const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
     ProcessPipe output_;
     ForkedProcess process_;
     unsigned short announcedPort_ = 0;

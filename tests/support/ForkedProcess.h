@@ -35,6 +35,8 @@ public:
     explicit ForkedProcess(const Body& body) {
         std::fflush(nullptr); // or the child would write it once more
         pid_ = ::fork();
+        if (pid_ < 0)
+            std::abort();
         if (pid_ == 0)
             ::_exit(body());
     }
@@ -46,7 +48,11 @@ public:
     ForkedProcess& operator=(const ForkedProcess&) = delete;
 
     pid_t pid() const { return pid_; }
-    void signal(int number) { ::kill(pid_, number); }
+    /// Nobody, once it has been waited for: its id may be another one's by then.
+    void signal(int number) {
+        if (pid_ > 0)
+            ::kill(pid_, number);
+    }
     /// Until it has stopped itself, or ended.
     bool awaitStop() { return ::waitpid(pid_, nullptr, WUNTRACED) == pid_; }
     void pause() {

@@ -200,7 +200,7 @@ private:
 
 TEST(ReadPath, GivesWhatAMapWouldGiveHoweverTheRecordsAreSpread) {
     const std::uint64_t firstSeed = testSeed();
-    for (std::uint64_t seed = firstSeed; seed < firstSeed + 25 && !testing::Test::HasFailure(); ++seed) {
+    for (std::uint64_t seed = firstSeed; seed < firstSeed + 15 && !testing::Test::HasFailure(); ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         RandomStore random(seed);
         for (int step = 0; step < 900; ++step) {

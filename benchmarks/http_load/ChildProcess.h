@@ -1,5 +1,8 @@
 #pragma once
 
+#include "support/ForkedProcess.h"
+
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -10,22 +13,21 @@ public:
     /// `readyText`. Exits the benchmark with a message when that does not happen within ten seconds.
     ChildProcess(const std::vector<std::string>& command, const std::string& readyText, int cpu);
     /// Sends SIGTERM and waits for the end.
-    ~ChildProcess();
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
+    ~ChildProcess() { process_.exitCode(SIGTERM); }
 
     /// Processor time used so far by its first thread, in nanoseconds.
     long long cpuNs() const;
     /// Resident memory in KiB.
-    long residentKib() const;
+    long residentKib() const { return process_.residentKib(); }
     /// The number at the end of the line that was waited for.
     unsigned short announcedPort() const { return announcedPort_; }
     /// Milliseconds from its start to the line that was waited for.
     double readyMs() const { return readyMs_; }
 
 private:
-    int pid_ = -1;
-    int outputFd_ = -1;
+    const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    ProcessPipe output_;
+    ForkedProcess process_;
     unsigned short announcedPort_ = 0;
     double readyMs_ = 0.0;
 };

@@ -8,22 +8,19 @@
 // and stops by itself. The files are in a directory of their own below D, the directory for temporary files without it.
 
 #include "ChildProcess.h"
+#include "support/Loopback.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <netinet/in.h>
 #include <sched.h>
 #include <string>
 #include <string_view>
-#include <sys/socket.h>
 #include <sys/time.h>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -43,15 +40,10 @@ std::string block; // one MiB that goes out again and again
 /// A blocking connection to a loopback port.
 class Connection {
 public:
-    explicit Connection(unsigned short port) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(port);
+    explicit Connection(unsigned short port) : fd_(connectToLoopback(port)) {
         const timeval limit = {30, 0}; // a server that hangs does not hang this program
         ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
         ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
-        isGood_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
     }
     ~Connection() { ::close(fd_); }
     Connection(const Connection&) = delete;
@@ -85,7 +77,7 @@ public:
 
 private:
     const int fd_;
-    bool isGood_ = false;
+    bool isGood_ = true;
 };
 
 void expect(bool isRight, const char* what) {

@@ -8,6 +8,7 @@
 #include "ChildProcess.h"
 #include "LoadClient.h"
 #include "McpRequests.h"
+#include "support/Loopback.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -164,7 +165,7 @@ int main(int argc, char** argv) {
     char servicesFile[] = "http_load_services_XXXXXX";
     const int servicesFd = ::mkstemp(servicesFile);
     writeServices(servicesFile, upstreamPort);
-    const unsigned short agentPort = freePort();
+    const unsigned short agentPort = freeLoopbackPort();
     const ChildProcess agent(
         {options.agent, "--port=" + std::to_string(agentPort), std::string("--services_file=") + servicesFile},
         "listening on", kServerCpu);

@@ -1,18 +1,15 @@
 #include "LoadClient.h"
 
+#include "support/Loopback.h"
+
 #include <algorithm>
-#include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
-#include <netinet/tcp.h>
 #include <openssl/ssl.h>
 #include <sys/epoll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -27,21 +24,6 @@ struct Connection {
     Clock::time_point sentAt;
 };
 
-int openConnection(unsigned short port) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-        std::perror("connect");
-        std::exit(1);
-    }
-    const int on = 1;
-    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-    return fd;
-}
-
 /// TLS on a connected socket; null when the handshake fails.
 SSL* startTls(int fd) {
     static SSL_CTX* const context = SSL_CTX_new(TLS_client_method());
@@ -55,7 +37,7 @@ SSL* startTls(int fd) {
 
 Connection connectTo(unsigned short port, bool overTls) {
     Connection connection;
-    connection.fd = openConnection(port);
+    connection.fd = connectToLoopback(port);
     if (overTls && (connection.ssl = startTls(connection.fd)) == nullptr) {
         std::fprintf(stderr, "TLS handshake failed\n");
         std::exit(1);
@@ -89,17 +71,6 @@ ssize_t receiveBytes(const Connection& connection, char* buffer, std::size_t cap
     return std::max(got, 0);
 }
 
-/// Size of head and body once the head is complete, else 0.
-std::size_t answerSize(const std::string& input) {
-    const std::size_t headEnd = input.find("\r\n\r\n");
-    if (headEnd == std::string::npos)
-        return 0;
-    const std::size_t lengthAt = input.find("content-length: ");
-    const std::size_t bodyBytes =
-        lengthAt < headEnd ? std::strtoul(input.c_str() + lengthAt + std::strlen("content-length: "), nullptr, 10) : 0;
-    return headEnd + 4 + bodyBytes;
-}
-
 void sendRequest(Connection& connection, const std::string& request) {
     connection.sentAt = Clock::now();
     // The answer to the last request has come, so that there is always room for a small one.
@@ -117,7 +88,7 @@ bool receiveAnswer(Connection& connection, bool* lost) {
     }
     connection.input.append(buffer, static_cast<std::size_t>(got));
     if (connection.answerBytes == 0)
-        connection.answerBytes = answerSize(connection.input);
+        connection.answerBytes = messageBytes(connection.input);
     return connection.answerBytes != 0 && connection.input.size() >= connection.answerBytes;
 }
 
@@ -193,7 +164,7 @@ LoadResult runLoad(unsigned short port, const std::vector<std::string>& requests
 IdleConnections::IdleConnections(unsigned short port, int count)
     : fds_(new int[static_cast<std::size_t>(count)]), count_(count) {
     for (int i = 0; i < count_; ++i)
-        fds_[i] = openConnection(port);
+        fds_[i] = connectToLoopback(port);
 }
 
 IdleConnections::~IdleConnections() {
@@ -222,7 +193,7 @@ std::string askOnce(unsigned short port, const std::string& request, bool overTl
         if (got <= 0)
             break;
         connection.input.append(buffer, static_cast<std::size_t>(got));
-        connection.answerBytes = answerSize(connection.input);
+        connection.answerBytes = messageBytes(connection.input);
     }
     disconnect(connection);
     return connection.input;

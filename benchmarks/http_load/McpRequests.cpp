@@ -2,11 +2,8 @@
 
 #include "LoadClient.h"
 
-#include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace {
 
@@ -19,18 +16,6 @@ std::string headerOf(const std::string& answer, const std::string& name) {
 }
 
 } // namespace
-
-unsigned short freePort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t addressBytes = sizeof(address);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), addressBytes);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &addressBytes);
-    ::close(fd);
-    return ntohs(address.sin_port);
-}
 
 std::string post(const std::string& body, const std::string& sessionId) {
     std::string head = "POST /mcp HTTP/1.1\r\nhost: 127.0.0.1\r\ncontent-type: application/json\r\n"

@@ -2,8 +2,6 @@
 
 #include <string>
 
-/// A port that nobody listened on a moment ago.
-unsigned short freePort();
 /// The bytes of one POST to the agent's endpoint; without the session header when `sessionId` is empty.
 std::string post(const std::string& body, const std::string& sessionId);
 /// Begins a session with the agent and gives its id. Exits the benchmark when that fails.

@@ -4,13 +4,11 @@
 //   plain_transfer DIRECTORY     "u" bytes, end of stream: stores them in DIRECTORY/plain and answers "u"
 //                                "d": sends DIRECTORY/file
 
-#include <arpa/inet.h>
+#include "support/Loopback.h"
+
 #include <cstdio>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <string>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace {
 
@@ -52,16 +50,11 @@ void serve(int connection, const std::string& directory) {
 } // namespace
 
 int main(int argc, char** argv) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t addressBytes = sizeof(address);
-    const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (argc != 2 || ::bind(listener, reinterpret_cast<sockaddr*>(&address), addressBytes) != 0 ||
-        ::listen(listener, 16) != 0 ||
-        ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &addressBytes) != 0)
+    if (argc != 2)
         return 2;
-    std::printf("listening on port %d\n", ntohs(address.sin_port));
+    unsigned short port = 0;
+    const int listener = listenOnLoopback(&port, 16);
+    std::printf("listening on port %d\n", port);
     std::fflush(stdout);
     for (;;) {
         const int connection = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);

@@ -9,6 +9,7 @@
 #include "ChildProcess.h"
 #include "LoadClient.h"
 #include "McpRequests.h"
+#include "support/Loopback.h"
 
 #include <algorithm>
 #include <atomic>
@@ -124,7 +125,7 @@ int main(int argc, char** argv) {
     const TlsDirectory tls;
     const std::string certificate = tls.file("cert.pem");
     const std::string key = tls.file("key.pem");
-    const unsigned short upstreamPort = freePort();
+    const unsigned short upstreamPort = freeLoopbackPort();
     std::ofstream(tls.file("services.json"))
         << R"({"services": [{"id": "up", "endpoint": "https://localhost:)" << upstreamPort << R"(/mcp"}]})";
     ::setenv("ZN_SSL_CA_FILE", tls.file("bundle.pem").c_str(), 1);
@@ -132,15 +133,15 @@ int main(int argc, char** argv) {
     const ChildProcess upstream(
         {argv[2], "--port=" + std::to_string(upstreamPort), "--tls_cert_path=" + certificate, "--tls_key_path=" + key},
         "listening on", 0);
-    const unsigned short plainPort = freePort();
+    const unsigned short plainPort = freeLoopbackPort();
     const ChildProcess plainAgent(
         {agentProgram, "--port=" + std::to_string(plainPort), "--services_file=" + tls.file("services.json")},
         "listening on", kServerCpu);
-    const unsigned short tlsPort = freePort();
+    const unsigned short tlsPort = freeLoopbackPort();
     const ChildProcess tlsAgent({agentProgram, "--port=" + std::to_string(tlsPort),
                                  "--services_file=", "--tls_cert_path=" + certificate, "--tls_key_path=" + key},
                                 "listening on", kServerCpu);
-    const unsigned short opensslPort = freePort();
+    const unsigned short opensslPort = freeLoopbackPort();
     const ChildProcess openssl({"/usr/bin/env", "openssl", "s_server", "-4", "-www", "-cert", certificate, "-key", key,
                                 "-accept", std::to_string(opensslPort)},
                                "ACCEPT", kServerCpu);

@@ -3,37 +3,57 @@
 #include "support/HttpReader.h"
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
+#include <cstdio>
+#include <cstdlib>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <string>
 #include <sys/socket.h>
+#include <unistd.h>
 #include <vector>
 
-/// Blocking sockets of 127.0.0.1, which the caller closes.
-inline int listenOnLoopback(unsigned short* port, int backlog = 8) {
-    const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+/// Blocking sockets of 127.0.0.1, for tests and benchmarks, which the caller closes. Without them there is no going on.
+inline void requireOnLoopback(bool condition, const char* what) {
+    if (condition)
+        return;
+    std::perror(what);
+    std::abort();
+}
+
+inline sockaddr_in loopbackAddress(unsigned short port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
+    address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
+inline int listenOnLoopback(unsigned short* port, int backlog = 8) {
+    const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = loopbackAddress(0);
     socklen_t addressBytes = sizeof(address);
-    EXPECT_EQ(::bind(descriptor, reinterpret_cast<sockaddr*>(&address), addressBytes), 0);
-    EXPECT_EQ(::listen(descriptor, backlog), 0);
-    EXPECT_EQ(::getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &addressBytes), 0);
+    requireOnLoopback(::bind(descriptor, reinterpret_cast<sockaddr*>(&address), addressBytes) == 0, "bind");
+    requireOnLoopback(::listen(descriptor, backlog) == 0, "listen");
+    ::getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &addressBytes);
     *port = ntohs(address.sin_port);
     return descriptor;
 }
 
 inline int connectToLoopback(unsigned short port) {
     const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(::connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    const sockaddr_in address = loopbackAddress(port);
+    requireOnLoopback(::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0,
+                      "connect");
     const int on = 1;
     ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     return descriptor;
+}
+
+/// A port that nobody listened on a moment ago.
+inline unsigned short freeLoopbackPort() {
+    unsigned short port = 0;
+    ::close(listenOnLoopback(&port));
+    return port;
 }
 
 /// Everything that comes before the connection's end.
@@ -45,6 +65,15 @@ inline std::string receiveAll(int descriptor) {
     return received;
 }
 
+/// The size of an HTTP message with a counted body, once its head is complete; else 0.
+inline std::size_t messageBytes(const std::string& begun) {
+    const std::size_t headEnd = begun.find("\r\n\r\n");
+    if (headEnd == std::string::npos)
+        return 0;
+    const std::size_t lengthAt = http_reader::lower(begun.substr(0, headEnd)).find("content-length: ");
+    return headEnd + 4 + (lengthAt == std::string::npos ? 0 : std::strtoul(begun.c_str() + lengthAt + 16, nullptr, 10));
+}
+
 /// An HTTP message with its counted body; empty when the connection ends first.
 inline std::string receiveMessage(int descriptor) {
     std::string message;
@@ -54,12 +83,7 @@ inline std::string receiveMessage(int descriptor) {
         if (got <= 0)
             return {};
         message.append(buffer.data(), static_cast<std::size_t>(got));
-        const std::size_t headEnd = wantedBytes == 0 ? message.find("\r\n\r\n") : std::string::npos;
-        if (headEnd != std::string::npos) {
-            const std::size_t lengthAt = http_reader::lower(message.substr(0, headEnd)).find("content-length: ");
-            wantedBytes = headEnd + 4;
-            wantedBytes += lengthAt == std::string::npos ? 0 : std::stoul(message.substr(lengthAt + 16, 20));
-        }
+        wantedBytes = wantedBytes == 0 ? messageBytes(message) : wantedBytes;
     }
     return message;
 }

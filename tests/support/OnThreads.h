@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <latch>
 #include <thread>
@@ -16,4 +17,12 @@ inline void onThreads(int count, const std::function<void(int)>& work) {
         });
     for (std::thread& thread : threads)
         thread.join();
+}
+
+/// For a condition that comes true on another thread; false when that takes longer than twenty seconds.
+inline bool waitUntil(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!condition() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return condition();
 }

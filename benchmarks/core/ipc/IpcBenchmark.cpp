@@ -11,6 +11,7 @@
 #include "core/platform/ZnSharedFutex.h"
 #include "core/platform/ZnWaitHandle.h"
 #include "core/runtime/ZnCoreApplication.h"
+#include "support/ForkedProcess.h"
 
 #include <algorithm>
 #include <array>
@@ -21,8 +22,6 @@
 #include <memory>
 #include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -44,25 +43,17 @@ void require(bool condition, const char* what) {
 /// A forked process that must end well.
 class Partner {
 public:
-    explicit Partner(const std::function<void()>& body) {
-        std::fflush(stdout);
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            ::alarm(120);
-            body();
-            std::exit(0); // in order, so that nothing is left in shared memory
-        }
-    }
-    ~Partner() {
-        int status = 0;
-        ::waitpid(pid_, &status, 0);
-        require(status == 0, "the other process failed");
-    }
-    Partner(const Partner&) = delete;
-    Partner& operator=(const Partner&) = delete;
+    explicit Partner(const std::function<void()>& body)
+        : process_([&] {
+              ::alarm(120);
+              body();
+              std::exit(0); // in order, so that nothing is left in shared memory
+              return 1;
+          }) {}
+    ~Partner() { require(process_.exitCode() == 0, "the other process failed"); }
 
 private:
-    pid_t pid_ = -1;
+    ForkedProcess process_;
 };
 
 /// The times of round trips.

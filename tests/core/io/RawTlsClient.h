@@ -3,6 +3,7 @@
 #include "support/Loopback.h"
 
 #include <future>
+#include <gtest/gtest.h>
 #include <openssl/ssl.h>
 #include <unistd.h>
 #include <utility>

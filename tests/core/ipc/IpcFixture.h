@@ -2,8 +2,8 @@
 
 #include "core/ipc/Names.h"
 #include "core/types/ZnString.h"
+#include "support/ForkedProcess.h"
 
-#include <csignal>
 #include <cstdint>
 #include <cstring>
 #include <fcntl.h>
@@ -13,9 +13,6 @@
 #include <string>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-#include <utility>
 #include <vector>
 
 /// A domain of one test; no other test or run has the same.
@@ -75,45 +72,26 @@ class Child {
 public:
     using Body = std::function<int(const std::function<void()>& tell)>;
 
-    explicit Child(const Body& body) {
-        int pipe[2];
-        EXPECT_EQ(::pipe2(pipe, O_CLOEXEC), 0);
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            ::alarm(60); // never outlives a test that has gone wrong
-            const int code = body([&] { (void)!::write(pipe[1], "x", 1); });
-            ::_exit(code);
-        }
-        ::close(pipe[1]);
-        fromChild_ = pipe[0];
+    explicit Child(const Body& body)
+        : process_([&] {
+              ::alarm(60); // never outlives a test that has gone wrong
+              return body([this] { (void)!::write(pipe_.ends[1], "x", 1); });
+          }) {
+        pipe_.closeEnd(1);
     }
-    ~Child() {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, nullptr, 0);
-        }
-        ::close(fromChild_);
-    }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
 
     /// Until the child tells; false when it has ended instead.
     bool awaitTold() {
         char byte = 0;
-        return ::read(fromChild_, &byte, 1) == 1;
+        return ::read(pipe_.ends[0], &byte, 1) == 1;
     }
-    /// Until it has stopped itself.
-    void awaitStop() { EXPECT_EQ(::waitpid(pid_, nullptr, WUNTRACED), pid_); }
-    void signal(int number) { ::kill(pid_, number); }
+    void awaitStop() { EXPECT_TRUE(process_.awaitStop()); }
+    void signal(int number) { process_.signal(number); }
     /// Waits for its end: the exit code, or the signal that ended it below 0.
-    int end() {
-        int status = 0;
-        ::waitpid(std::exchange(pid_, -1), &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-    }
-    std::uint32_t pid() const { return static_cast<std::uint32_t>(pid_); }
+    int end() { return process_.exitCode(); }
+    std::uint32_t pid() const { return static_cast<std::uint32_t>(process_.pid()); }
 
 private:
-    pid_t pid_ = -1;
-    int fromChild_ = -1;
+    ProcessPipe pipe_;
+    ForkedProcess process_;
 };

@@ -61,26 +61,23 @@ protected:
             return application.processUntil([&] { return seen == last; }, kDeadlineMs) && isInOrder ? 0 : 1;
         };
     }
-    /// A child that stands still, or dies, with a mutex in hand.
-    Child::Body holder(const std::function<void(const std::function<void()>&)>& withMutex, int signalNumber) {
-        return [withMutex, signalNumber](const auto&) {
-            withMutex([signalNumber] { ::kill(::getpid(), signalNumber); });
+    /// Children that stand still, or die, with a mutex in hand.
+    Child::Body registryHolder(int signalNumber) {
+        return [this, signalNumber](const auto&) {
+            RegistryTable::open(domain_)->withTable(1000, [&](RegistryTable&) { ::kill(::getpid(), signalNumber); });
             return 0;
         };
     }
-    Child::Body registryHolder(int signalNumber) {
-        return holder(
-            [this](const auto& stop) {
-                RegistryTable::open(domain_)->withTable(1000, [&](RegistryTable&) { stop(); });
-            },
-            signalNumber);
-    }
-    Child::Body channelHolder(int signalNumber) {
-        return holder(
-            [this](const auto& stop) {
-                openBlock()->publish(1000, [&] { return stop(), std::optional<SignalValue>(); });
-            },
-            signalNumber);
+    Child::Body channelHolder(
+        int signalNumber, std::function<void()> writeFirst = [] {}) {
+        return [this, signalNumber, writeFirst](const auto&) {
+            openBlock()->publish(1000, [&] {
+                writeFirst();
+                ::kill(::getpid(), signalNumber);
+                return std::optional<SignalValue>();
+            });
+            return 0;
+        };
     }
 
     const ZnString domain_ = testDomain();
@@ -112,15 +109,6 @@ TEST_F(IpcProcesses, ManyPublishersAndListenersLoseNothing) {
         EXPECT_EQ(child->end(), 0);
 }
 
-TEST_F(IpcProcesses, RowsOfTheKilledGo) {
-    Child listener(listenerUntil(1));
-    ASSERT_TRUE(listener.awaitTold());
-    EXPECT_THAT(pids(), ElementsAre(listener.pid()));
-    listener.signal(SIGKILL);
-    EXPECT_EQ(listener.end(), -SIGKILL);
-    EXPECT_THAT(pids(), IsEmpty());
-}
-
 TEST_F(IpcProcesses, OneThatDiesWithAMutexStopsNobody) {
     Child listener(listenerUntil(2));
     ASSERT_TRUE(listener.awaitTold());
@@ -135,19 +123,13 @@ TEST_F(IpcProcesses, WhoComesNextFinishesAPublicationThatWasBegun) {
     const auto block = openBlock();
     RawObject raw(signalBlockName(domain_, "o", "s"));
     const auto diesHalfWay = [&](std::uint64_t draftSequence) {
-        return Child(holder(
-                         [&](const auto& stop) {
-                             openBlock()->publish(1000, [&] {
-                                 raw.set<std::uint64_t>(44, 5); // the values once more, behind the pair
-                                 raw.set<std::uint64_t>(52, 6);
-                                 raw.set<std::uint64_t>(60, draftSequence); // and their number
-                                 raw.set<std::uint64_t>(28, draftSequence == 1 ? 5 : 0);
-                                 stop();
-                                 return std::optional<SignalValue>();
-                             });
-                         },
-                         SIGKILL))
-            .end();
+        const auto writeDraft = [&raw, draftSequence] {
+            raw.set<std::uint64_t>(44, 5); // the values once more, behind the pair
+            raw.set<std::uint64_t>(52, 6);
+            raw.set<std::uint64_t>(60, draftSequence); // and their number
+            raw.set<std::uint64_t>(28, draftSequence == 1 ? 5 : 0);
+        };
+        return Child(channelHolder(SIGKILL, writeDraft)).end();
     };
     SignalValue value;
     EXPECT_EQ(diesHalfWay(0), -SIGKILL); // before the draft was whole: nothing has happened

@@ -13,12 +13,11 @@ public:
         : files_(files), node_(std::move(node)), syncEach_(syncEach) {}
 
     int readAt(std::uint64_t offset, char* buffer, std::size_t byteCount, std::size_t* movedBytes) override {
-        const std::lock_guard lock(files_.mutex_);
-        if (const int error = files_.fault(); error != 0)
-            return error;
-        const std::string& content = node_->current;
-        *movedBytes = offset >= content.size() ? 0 : content.copy(buffer, byteCount, offset);
-        return 0;
+        return files_.unlessItFails([&] {
+            const std::string& content = node_->current;
+            *movedBytes = offset >= content.size() ? 0 : content.copy(buffer, byteCount, offset);
+            return 0;
+        });
     }
     int writeAt(std::uint64_t offset, const char* bytes, std::size_t byteCount, std::size_t* movedBytes) override {
         const std::lock_guard lock(files_.mutex_);
@@ -36,11 +35,10 @@ public:
         return error != 0 ? error : byteCount == 0 ? ENOSPC : 0;
     }
     int truncate(std::uint64_t sizeBytes) override {
-        const std::lock_guard lock(files_.mutex_);
-        const int error = files_.fault();
-        if (error == 0)
+        return files_.unlessItFails([&] {
             change({true, sizeBytes, {}});
-        return error;
+            return 0;
+        });
     }
     int sync() override {
         const std::lock_guard lock(files_.mutex_);
@@ -160,64 +158,59 @@ std::vector<ZnString> MemoryFiles::paths() const {
 }
 
 int MemoryFiles::open(const ZnString& path, Access access, std::unique_ptr<ZnStorageFile>* file, bool* isNew) {
-    const std::lock_guard guard(mutex_);
-    if (const int error = fault(); error != 0)
-        return error;
-    *isNew = !has(path);
-    if (*isNew && !(access.write && access.create))
-        return ENOENT;
-    if (*isNew)
-        changeNames({{{path, std::make_shared<Node>()}}});
-    *file = std::make_unique<MemoryFile>(*this, names_[path], access.syncEach);
-    if (access.truncate && !names_[path]->current.empty()) {
-        names_[path]->pending.push_back({true, 0, {}});
-        names_[path]->current.clear();
-    }
-    return 0;
+    return unlessItFails([&] {
+        *isNew = !has(path);
+        if (*isNew && !(access.write && access.create))
+            return ENOENT;
+        if (*isNew)
+            changeNames({{{path, std::make_shared<Node>()}}});
+        *file = std::make_unique<MemoryFile>(*this, names_[path], access.syncEach);
+        if (access.truncate && !names_[path]->current.empty()) {
+            names_[path]->pending.push_back({true, 0, {}});
+            names_[path]->current.clear();
+        }
+        return 0;
+    });
 }
 
 int MemoryFiles::map(const ZnString& path, std::unique_ptr<ZnStorageMapping>* mapping, std::uint64_t* sizeBytes) {
-    const std::lock_guard guard(mutex_);
-    if (const int error = fault(); error != 0)
-        return error;
-    if (!has(path))
-        return ENOENT;
-    *sizeBytes = content(path).size();
-    if (*sizeBytes == 0)
-        return EINVAL;
-    *mapping = std::make_unique<MemoryMapping>(content(path));
-    return 0;
+    return unlessItFails([&] {
+        if (!has(path))
+            return ENOENT;
+        *sizeBytes = content(path).size();
+        if (*sizeBytes == 0)
+            return EINVAL;
+        *mapping = std::make_unique<MemoryMapping>(content(path));
+        return 0;
+    });
 }
 
 int MemoryFiles::rename(const ZnString& from, const ZnString& to) {
-    const std::lock_guard guard(mutex_);
-    if (const int error = fault(); error != 0)
-        return error;
-    if (!has(from))
-        return ENOENT;
-    const NodePtr node = names_[from];
-    if (parentPath(from) == parentPath(to)) {
-        changeNames({{{from, nullptr}, {to, node}}});
+    return unlessItFails([&] {
+        if (!has(from))
+            return ENOENT;
+        const NodePtr node = names_[from];
+        if (parentPath(from) == parentPath(to)) {
+            changeNames({{{from, nullptr}, {to, node}}});
+            return 0;
+        }
+        changeNames({{{to, node}}});
+        changeNames({{{from, nullptr}}});
         return 0;
-    }
-    changeNames({{{to, node}}});
-    changeNames({{{from, nullptr}}});
-    return 0;
+    });
 }
 
 int MemoryFiles::remove(const ZnString& path) {
-    const std::lock_guard guard(mutex_);
-    if (const int error = fault(); error != 0)
-        return error;
-    if (!has(path))
-        return ENOENT;
-    changeNames({{{path, nullptr}}});
-    return 0;
+    return unlessItFails([&] {
+        if (!has(path))
+            return ENOENT;
+        changeNames({{{path, nullptr}}});
+        return 0;
+    });
 }
 
 int MemoryFiles::makePath(const ZnString&) {
-    const std::lock_guard guard(mutex_);
-    return fault();
+    return unlessItFails([] { return 0; });
 }
 
 int MemoryFiles::syncDirectory(const ZnString& path) {
@@ -235,24 +228,22 @@ int MemoryFiles::syncDirectory(const ZnString& path) {
 }
 
 int MemoryFiles::list(const ZnString& path, std::vector<ZnString>* names) {
-    const std::lock_guard guard(mutex_);
-    if (const int error = fault(); error != 0)
-        return error;
-    for (const auto& [name, node] : names_)
-        if (parentPath(name) == path)
-            names->push_back(ZnString(name.view().substr(path.size() + 1)));
-    return 0;
+    return unlessItFails([&] {
+        for (const auto& [name, node] : names_)
+            if (parentPath(name) == path)
+                names->push_back(ZnString(name.view().substr(path.size() + 1)));
+        return 0;
+    });
 }
 
 int MemoryFiles::lock(const ZnString& path, std::unique_ptr<ZnStorageLock>* lock) {
-    const std::lock_guard guard(mutex_);
-    if (const int error = fault(); error != 0)
-        return error;
-    if (!locks_.insert(path).second)
-        return EWOULDBLOCK;
-    *lock = std::make_unique<MemoryLock>([this, path] {
-        const std::lock_guard again(mutex_);
-        locks_.erase(path);
+    return unlessItFails([&] {
+        if (!locks_.insert(path).second)
+            return EWOULDBLOCK;
+        *lock = std::make_unique<MemoryLock>([this, path] {
+            const std::lock_guard again(mutex_);
+            locks_.erase(path);
+        });
+        return 0;
     });
-    return 0;
 }

@@ -30,6 +30,7 @@ public:
         const std::lock_guard lock(mutex_);
         stopNumber_ = number, count_ = 0;
     }
+    bool isStopped() const { return stopNumber_ != 0; }
     long operationCount() const {
         const std::lock_guard lock(mutex_);
         return count_;
@@ -78,6 +79,12 @@ private:
 
     static void apply(std::string* content, const Change& change);
     int fault();
+    template <typename Operation>
+    int unlessItFails(Operation operation) {
+        const std::lock_guard lock(mutex_);
+        const int error = fault();
+        return error != 0 ? error : operation();
+    }
     static void apply(std::map<ZnString, NodePtr>* names, const NameChange& change);
     void changeNames(NameChange change);
     static void keepSome(Node* node, std::mt19937_64* random);

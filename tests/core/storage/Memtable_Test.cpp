@@ -2,8 +2,6 @@
 #include "core/storage/StoreTestSupport.h"
 #include "core/storage/embeddeddb/IndexKey_.h"
 
-#include <map>
-
 using namespace znEmbeddedDbDetail;
 
 namespace {
@@ -36,31 +34,7 @@ WalBatch_ putOf(std::string_view key, std::string_view value, const std::vector<
     return batch;
 }
 
-TEST(IndexKey_, StandsInTheOrderOfSecondaryThenPrimaryKeyAndComesApartAgain) {
-    const std::string alphabet("\0\1\xFF"
-                               "a",
-                               4);
-    std::mt19937_64 random(5);
-    const auto text = [&] {
-        std::string out;
-        for (std::uint64_t left = random() % 4; left > 0; --left)
-            out += alphabet[random() % alphabet.size()];
-        return out;
-    };
-    for (int round = 0; round < 20000; ++round) {
-        const std::pair<std::string, std::string> left(text(), text());
-        const std::pair<std::string, std::string> right(text(), text());
-        const std::string leftKey = indexKeyOf(left.first, left.second);
-        const std::string rightKey = indexKeyOf(right.first, right.second);
-        ASSERT_EQ(leftKey < rightKey, left < right);
-        std::string prefix;
-        appendIndexPrefix(&prefix, left.first);
-        ASSERT_EQ(rightKey.starts_with(prefix), left.first == right.first);
-        std::string secondary;
-        std::string_view primary;
-        ASSERT_TRUE(splitIndexKey(leftKey, &secondary, &primary));
-        ASSERT_EQ(std::pair(secondary, std::string(primary)), left);
-    }
+TEST(IndexKey_, WhatIsNoneDoesNotComeApart) {
     std::string secondary;
     std::string_view primary;
     for (const std::string_view none :
@@ -94,44 +68,24 @@ TEST(Memtable_, DoesWhatTheLogTells) {
     EXPECT_EQ(memtable.find("plum"), nullptr);
 }
 
-TEST(Memtable_, HoldsTheNewestOfEachKeyHoweverItIsMerged) {
-    std::mt19937_64 random(17);
-    for (int round = 0; round < 50; ++round) {
-        Memtable_ tables[3];
-        std::map<std::string, std::pair<std::uint64_t, std::string>> model;
-        std::map<std::string, std::uint64_t> indexModel;
-        for (int step = 0; step < 300; ++step) {
-            const std::string key = std::to_string(random() % 40);
-            const std::uint64_t sequence = 1 + random() % 1000;
-            const std::string value = key + "@" + std::to_string(sequence); // equal sequences, equal values
-            ASSERT_TRUE(apply(&tables[random() % 3], putOf(key, value, {"c"}), sequence));
-            auto& newest = model[key];
-            newest = std::max(newest, {sequence, value});
-            indexModel[indexKeyOf("c", key)] = newest.first;
-        }
-        tables[0].walId = 7;
-        tables[1].walId = 5;
-        const std::uint64_t byteCount =
-            tables[0].approximateBytes() + tables[1].approximateBytes() + tables[2].approximateBytes();
-        tables[0].merge(tables[1]);
-        tables[0].merge(tables[2]);
-        tables[0].sort();
-        EXPECT_EQ(tables[0].walId, 5u);
-        EXPECT_EQ(tables[0].approximateBytes(), byteCount);
-        ASSERT_EQ(tables[0].sortedKeys().size(), model.size());
-        ASSERT_EQ(tables[0].sortedIndexKeys("color").size(), indexModel.size());
-        auto expected = model.begin();
-        for (const auto* entry : tables[0].sortedKeys()) {
-            EXPECT_EQ(entry->first.view(), expected->first);
-            EXPECT_EQ(entry->second.value.view(), expected->second.second);
-            ++expected;
-        }
-        auto expectedIndex = indexModel.begin();
-        for (const auto* entry : tables[0].sortedIndexKeys("color")) {
-            EXPECT_EQ(entry->first.view(), expectedIndex->first);
-            EXPECT_EQ(entry->second.sequence, expectedIndex->second);
-            ++expectedIndex;
-        }
+TEST(Memtable_, TwoBecomeOneWithTheOlderLogAndTheNewerRecords) {
+    for (const bool isNewerFirst : {false, true}) {
+        Memtable_ tables[2];
+        tables[0].walId = 5;
+        tables[1].walId = 7;
+        ASSERT_TRUE(apply(&tables[0], putOf("apple", "red", {"red"}), 4));
+        ASSERT_TRUE(apply(&tables[0], putOf("pear", "green"), 5));
+        ASSERT_TRUE(apply(&tables[1], putOf("apple", "green", {"green"}, {"red"}), 6));
+        Memtable_& merged = tables[isNewerFirst ? 1 : 0];
+        const std::uint64_t byteCount = tables[0].approximateBytes() + tables[1].approximateBytes();
+        merged.merge(tables[isNewerFirst ? 0 : 1]);
+        EXPECT_EQ(merged.walId, 5u);
+        EXPECT_EQ(merged.minSequence(), 4u);
+        EXPECT_EQ(merged.maxSequence(), 6u);
+        EXPECT_EQ(merged.approximateBytes(), byteCount);
+        EXPECT_EQ(merged.find("apple")->value.view(), "green");
+        EXPECT_EQ(merged.find("pear")->sequence, 5u);
+        EXPECT_TRUE(merged.findIndex("color", indexKeyOf("red", "apple"))->tombstone);
     }
 }
 

@@ -6,15 +6,6 @@
 namespace {
 
 using FileContents = std::map<ZnString, std::string>;
-const ZnEmbeddedDbStatus kOk;
-
-ZnEmbeddedDbOptions tinyOptions(bool readOnly = false) {
-    ZnEmbeddedDbOptions options;
-    options.blobThresholdBytes = 40;
-    options.idleFlushMs = 0;
-    options.readOnly = readOnly;
-    return options;
-}
 
 FileContents contentsOf(const MemoryFiles& files) {
     FileContents contents;
@@ -33,11 +24,10 @@ void putAll(MemoryFiles* files, const FileContents& contents) {
 FileContents makeStore(const std::string& mark, bool hasExtra = false) {
     MemoryFiles files;
     ZnEmbeddedDb store(files);
-    EXPECT_EQ(store.open("/s", tinyOptions()), kOk);
+    EXPECT_EQ(store.open("/s", quietOptions()), kOk);
     const auto put = [&](const std::string& key, const std::string& value) {
-        EXPECT_EQ(
-            store.put(key, value.substr(0, 2) + mark + value.substr(2), tagsOf(value), ZnEmbeddedDbDurability::Synced),
-            kOk);
+        const std::string marked = value.substr(0, 2) + mark + value.substr(2);
+        EXPECT_EQ(putTagged(store, key, marked, ZnEmbeddedDbDurability::Synced), kOk);
     };
     if (hasExtra)
         put("0", "A0");
@@ -66,7 +56,7 @@ protected:
         ZnEmbeddedDb store(files);
         status_ = store.open("/s", options);
         if (!status_.isOk()) {
-            EXPECT_GE(status_.code(), ZnEmbeddedDbStatus::IoError) << status_.message();
+            EXPECT_GE(status_.code(), Status::IoError) << status_.message();
             EXPECT_TRUE(status_.message().contains("/s/") || contents.count("/s/CURRENT") == 0) << status_.message();
             EXPECT_EQ(contentsOf(files), contents);
             return Failed;
@@ -84,7 +74,7 @@ protected:
             if (key != blob_.first && (!store.get(key, &value).isOk() || value.view() != expected))
                 return false;
         status_ = store.get(blob_.first, &value);
-        return status_.code() >= ZnEmbeddedDbStatus::IoError && status_.message().contains("/s/blobs/");
+        return status_.code() >= Status::IoError && status_.message().contains("/s/blobs/");
     }
     FileContents with(const ZnString& path, const std::string& bytes) const {
         FileContents contents = original_;
@@ -100,11 +90,11 @@ protected:
                                      {blob_, {"a", "B2"}, {"d", "A2"}},
                                      {blob_, {"a", "A1"}, {"d", "A2"}},
                                      {blob_, {"a", "A1"}}};
-    ZnEmbeddedDbStatus status_;
+    Status status_;
 };
 
 TEST_F(StoreCorruption, NoBitAndNoCutGoesUnnoticed) {
-    ASSERT_EQ(outcomeOf(original_, tinyOptions()), Right);
+    ASSERT_EQ(outcomeOf(original_, quietOptions()), Right);
     const std::string current = original_.at("/s/CURRENT");
     std::map<Outcome, int> counts;
     for (const auto& [path, bytes] : original_) {
@@ -117,10 +107,10 @@ TEST_F(StoreCorruption, NoBitAndNoCutGoesUnnoticed) {
                 continue; // read in the same way
             forEachDamage(bytes, [&, &path = path](const std::string& damaged, const std::string& what) {
                 SCOPED_TRACE(path.str() + ": " + what + (readOnly ? ", read only" : ""));
-                const Outcome outcome = outcomeOf(with(path, damaged), tinyOptions(readOnly));
+                const Outcome outcome = outcomeOf(with(path, damaged), quietOptions(readOnly));
                 ++counts[outcome];
                 EXPECT_NE(outcome, Wrong);
-                EXPECT_TRUE(outcome != Unreadable || (isBlob && status_.code() == ZnEmbeddedDbStatus::Corruption));
+                EXPECT_TRUE(outcome != Unreadable || (isBlob && status_.code() == Status::Corruption));
                 // The end of the log may as well never have been written: nothing behind it tells.
                 EXPECT_TRUE(outcome != WithoutLast || isLog);
                 EXPECT_TRUE(outcome != Earlier || (isLog && what.starts_with("cut")));
@@ -156,21 +146,21 @@ TEST_F(StoreCorruption, NoFileIsMissedOrMistakenForAnother) {
             const bool mayBeRight =
                 what.find("MANIFEST") != std::string::npos || what.find("CURRENT") != std::string::npos;
             const bool isBlob = what.find("/blobs/") != std::string::npos;
-            const Outcome outcome = outcomeOf(contents, tinyOptions(readOnly));
+            const Outcome outcome = outcomeOf(contents, quietOptions(readOnly));
             EXPECT_TRUE(outcome == (isBlob ? Unreadable : Failed) || (mayBeRight && outcome == Right)) << outcome;
         }
     }
 }
 
 TEST_F(StoreCorruption, AStoreThatLostItsPointerIsNotMadeAnew) {
-    ZnEmbeddedDbOptions existing = tinyOptions();
+    ZnEmbeddedDbOptions existing = quietOptions();
     existing.createIfMissing = false;
-    for (const ZnEmbeddedDbOptions& options : {tinyOptions(), tinyOptions(true), existing}) {
+    for (const ZnEmbeddedDbOptions& options : {quietOptions(), quietOptions(true), existing}) {
         for (const auto& [path, bytes] : original_) { // any one of its files tells
             if (path == "/s/CURRENT" || path == "/s/MANIFEST-0.dbm")
                 continue;
             EXPECT_EQ(outcomeOf({{path, bytes}}, options), Failed) << path;
-            EXPECT_EQ(status_.code(), ZnEmbeddedDbStatus::Corruption);
+            EXPECT_EQ(status_.code(), Status::Corruption);
             EXPECT_TRUE(status_.message().contains("CURRENT is missing")) << status_.message();
         }
     }
@@ -188,9 +178,9 @@ TEST_F(StoreCorruption, FilesOfOthersAreLeftAlone) {
     putAll(&files, foreign);
     for (int round = 0; round < 2; ++round) {
         ZnEmbeddedDb store(files);
-        ASSERT_EQ(store.open("/s", tinyOptions()), kOk);
+        ASSERT_EQ(store.open("/s", quietOptions()), kOk);
         EXPECT_EQ(contentOf(store), states_[0]);
-        EXPECT_EQ(store.put("a", "B2", tagsOf("B2")), kOk);
+        EXPECT_EQ(putTagged(store, "a", "B2"), kOk);
         EXPECT_EQ(store.flush(), kOk);
     }
     for (const auto& [path, bytes] : foreign) {
@@ -207,23 +197,23 @@ TEST_F(StoreCorruption, ASalvagedStoreShowsWhatStandsBeforeTheDamage) {
     putAll(&files, with(path, bytes));
     ZnEmbeddedDb store(files);
     for (const bool readOnly : {true, false}) {
-        ZnEmbeddedDbOptions options = tinyOptions(readOnly);
-        const ZnEmbeddedDbStatus status = store.open("/s", options);
-        EXPECT_EQ(status.code(), ZnEmbeddedDbStatus::Corruption);
+        ZnEmbeddedDbOptions options = quietOptions(readOnly);
+        const Status status = store.open("/s", options);
+        EXPECT_EQ(status.code(), Status::Corruption);
         EXPECT_TRUE(status.message().contains("log is damaged: /s/wal/WAL-2.log: offset ")) << status.message();
         options.salvageLog = true;
         ASSERT_EQ(store.open("/s", options), kOk);
         EXPECT_EQ(contentOf(store), states_[3]);
-        EXPECT_EQ(store.put("f", "A4", tagsOf("A4")).isOk(), !readOnly);
+        EXPECT_EQ(putTagged(store, "f", "A4").isOk(), !readOnly);
         store.close();
     }
-    ASSERT_EQ(store.open("/s", tinyOptions()), kOk);
+    ASSERT_EQ(store.open("/s", quietOptions()), kOk);
     EXPECT_EQ(contentOf(store), (StoreContent{blob_, {"a", "A1"}, {"f", "A4"}}));
     store.close();
 
     FileContents less = original_;
     less.erase(path);
-    ZnEmbeddedDbOptions salvaging = tinyOptions(true);
+    ZnEmbeddedDbOptions salvaging = quietOptions(true);
     salvaging.salvageLog = true;
     log_.take();
     EXPECT_EQ(outcomeOf(less, salvaging), Earlier);

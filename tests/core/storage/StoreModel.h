@@ -4,6 +4,7 @@
 #include "core/storage/embeddeddb/ZnEmbeddedDb.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <map>
 #include <random>
@@ -13,6 +14,12 @@
 
 using StoreContent = std::map<std::string, std::string>;
 
+/// Of a test with random operations, which tells it when it fails: ZN_TEST_SEED, or one by chance.
+inline std::uint64_t testSeed() {
+    const char* given = std::getenv("ZN_TEST_SEED");
+    return given == nullptr ? std::random_device()() : std::strtoull(given, nullptr, 10);
+}
+
 /// The tag of a value is its first byte; every record has it as its secondary key.
 inline ZnEmbeddedDbIndexKeys tagsOf(std::string_view value) {
     ZnEmbeddedDbIndexKeys keys;
@@ -21,11 +28,45 @@ inline ZnEmbeddedDbIndexKeys tagsOf(std::string_view value) {
     return keys;
 }
 
+/// Nothing happens in the background but what a test asks for, and values of more than 40 bytes go to blob files.
+inline ZnEmbeddedDbOptions quietOptions(bool readOnly = false) {
+    ZnEmbeddedDbOptions options;
+    options.idleFlushMs = 0;
+    options.blobThresholdBytes = 40;
+    options.readOnly = readOnly;
+    return options;
+}
+
+inline Status putTagged(ZnEmbeddedDb& store, std::string_view key, const std::string& value,
+                        ZnEmbeddedDbDurability durability = ZnEmbeddedDbDurability::Default) {
+    return store.put(key, value, tagsOf(value), durability);
+}
+
+/// The value, or "code 1" when there is none.
+inline std::string valueOf(const ZnEmbeddedDb& store, std::string_view key,
+                           const ZnEmbeddedDbSnapshotPtr& snapshot = nullptr) {
+    ZnByteArray value;
+    const Status status = store.get(key, &value, snapshot);
+    return status.isOk() ? std::string(value.view()) : "code " + std::to_string(status.code());
+}
+
+/// What the iterator has left, which must come in the order of the keys.
+inline StoreContent shown(ZnEmbeddedDbIterator records, bool isReverse = false) {
+    StoreContent content;
+    for (std::string last; records.valid(); records.next()) {
+        EXPECT_TRUE(content.empty() || (isReverse ? records.key() < last : records.key() > last)) << last;
+        last = std::string(records.key());
+        content[last] = std::string(records.value());
+    }
+    EXPECT_EQ(records.status(), kOk);
+    return content;
+}
+
 /// All that a store shows, by scan, by key and by index, which must agree. Empty, with a failure of the test, when not.
 inline StoreContent contentOf(const ZnEmbeddedDb& store, bool* isReadable = nullptr) {
     StoreContent content;
     std::map<std::string, std::set<std::string>> byTag;
-    ZnEmbeddedDbStatus status;
+    Status status;
     auto records = store.scan();
     for (; status.isOk() && records.valid(); records.next()) {
         content[std::string(records.key())] = std::string(records.value());
@@ -47,7 +88,7 @@ inline StoreContent contentOf(const ZnEmbeddedDb& store, bool* isReadable = null
     if (isReadable != nullptr)
         *isReadable = status.isOk();
     else
-        EXPECT_EQ(status, ZnEmbeddedDbStatus());
+        EXPECT_EQ(status, kOk);
     EXPECT_TRUE(!status.isOk() || indexed == byTag) << "index and records differ";
     return content;
 }

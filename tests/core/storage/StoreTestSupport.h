@@ -5,10 +5,16 @@
 #include "core/storage/embeddeddb/StoredValue_.h"
 #include "core/storage/embeddeddb/ZnEmbeddedDbStatus.h"
 
+#include <cerrno>
+#include <gtest/gtest.h>
 #include <ostream>
+#include <random>
 #include <string>
 
-inline void PrintTo(const ZnEmbeddedDbStatus& status, std::ostream* out) {
+using Status = ZnEmbeddedDbStatus;
+inline const Status kOk;
+
+inline void PrintTo(const Status& status, std::ostream* out) {
     *out << status.code() << " " << status.message();
 }
 
@@ -43,4 +49,28 @@ void forEachDamage(const std::string& bytes, Check check) {
     }
     for (std::size_t size = 0; size < bytes.size(); ++size)
         check(bytes.substr(0, size), "cut at " + std::to_string(size));
+}
+
+/// Has `write` meet a failure, or the end of the process, at its first, second, third operation on the files, and so on
+/// until it is past its last one; then the power goes. `prepare` makes the files, `write` tells whether it promises
+/// that what it wrote lasts, and `check(files, isPromised)` looks at what is left.
+template <typename Prepare, typename Write, typename Check>
+void breakEveryOperation(Prepare prepare, Write write, Check check) {
+    std::mt19937_64 random(20240607);
+    bool isHit = true;
+    for (long number = 1; isHit; ++number) {
+        for (int round = 0; round < 8; ++round) {
+            SCOPED_TRACE("operation " + std::to_string(number) + ", round " + std::to_string(round));
+            const bool stops = round % 2 == 0;
+            MemoryFiles files;
+            prepare(files);
+            stops ? files.stopAt(number) : files.failOperation(number, ENOSPC);
+            const bool isPromised = write(files);
+            isHit = files.operationCount() >= number;
+            // A stop fails all that comes after it. A single failure may be one that does not matter.
+            EXPECT_TRUE(stops ? isPromised == !isHit : isPromised || isHit);
+            files.cutPower(round < 2 ? nullptr : &random);
+            check(files, isPromised);
+        }
+    }
 }

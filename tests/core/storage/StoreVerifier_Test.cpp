@@ -1,7 +1,6 @@
 #include "core/storage/embeddeddb/StoreVerifier_.h"
-#include "core/storage/StoreViewFixture.h"
+#include "core/storage/StoreBench.h"
 
-#include <cerrno>
 #include <functional>
 #include <gmock/gmock.h>
 #include <random>
@@ -12,144 +11,140 @@ namespace {
 
 using testing::HasSubstr;
 
+/// The store with these tables, all files of which are read anew.
 struct Checked {
-    explicit Checked(StoreViewFixture* store, const ZnEmbeddedDbProgress& progress = {})
-        : status(verifyStore(store->files, store->paths, *store->view(), ~std::uint64_t(0), std::nullopt, &report,
-                             progress)) {}
+    Checked(StoreBench* bench, const TableViews_& tables, const ZnEmbeddedDbProgress& progress = {}) {
+        std::uint64_t sequence = 0;
+        ReadView_ view = *bench->core().stableView(&sequence);
+        view.tables = std::make_shared<TableViews_>(tables);
+        view.blobs = std::make_shared<BlobFiles_>(bench->files, "/s/blobs", 2, bench->core().counters);
+        status = verifyStore(bench->files, StorePaths_("/s"), view, ~std::uint64_t(0), std::nullopt, &report, progress);
+    }
 
     ZnEmbeddedDbVerifyReport report;
-    ZnEmbeddedDbStatus status;
+    Status status;
 };
 
-std::unique_ptr<StoreViewFixture> filledStore(std::uint64_t seed) {
-    auto store = std::make_unique<StoreViewFixture>();
+std::unique_ptr<StoreBench> filledStore(std::uint64_t seed) {
+    auto bench = std::make_unique<StoreBench>();
     std::mt19937_64 random(seed);
     for (int step = 1; step <= 600; ++step) {
+        bench->setRetires(random() % 2 == 0);
         const std::string key = std::to_string(random() % 90);
         if (random() % 4 == 0)
-            store->remove(key, random() % 2 == 0);
+            bench->remove(key);
         else
-            store->put(key, std::string(random() % 50, 'v'), {std::to_string(random() % 5)}, random() % 2 == 0);
-        if (step % 70 == 0) {
-            store->seal();
-            store->flush();
-        }
-        if (step % 100 == 0)
-            store->seal();
-        if (step == 350)
-            store->compact(&store->tables.primaryView, 3);
-        if (step == 450)
-            store->compact(&store->tables.indexViews["color"], 2);
+            bench->put(key, std::to_string(random() % 5) + std::string(random() % 70, 'v'));
+        if (step % 70 == 0)
+            bench->flush();
+        if (step % 50 == 0)
+            bench->store.snapshot(); // seals the memtable
     }
-    while (store->sealed.size() > 1)
-        store->flush();
-    return store;
+    EXPECT_EQ(bench->store.collectGarbage(), kOk); // else whole blob files may be without use
+    bench->awaitQuiet();
+    return bench;
 }
 
 TEST(StoreVerifier, CountsWhatASoundStoreHolds) {
     for (std::uint64_t seed = 1; seed <= 20; ++seed) {
         SCOPED_TRACE(seed);
-        const auto store = filledStore(seed);
+        const auto bench = filledStore(seed);
+        const TableViews_ tables = bench->tableViews();
         std::vector<std::uint64_t> told;
-        const Checked checked(store.get(), [&](std::uint64_t done, std::uint64_t total) {
+        const Checked checked(bench.get(), tables, [&](std::uint64_t done, std::uint64_t total) {
             EXPECT_LE(done, total);
             told.push_back(total - done);
         });
-        EXPECT_EQ(checked.status, ZnEmbeddedDbStatus());
+        EXPECT_EQ(checked.status, kOk);
         EXPECT_EQ(told, std::vector<std::uint64_t>{0}); // a small one: told at its end alone
-        EXPECT_EQ(checked.report.liveRecordCount, store->model.size());
-        EXPECT_EQ(checked.report.indexEntryCount, store->model.size());
+        EXPECT_EQ(checked.report.liveRecordCount, bench->expected.size());
+        EXPECT_EQ(checked.report.indexEntryCount, bench->expected.size());
         EXPECT_GT(checked.report.staleIndexEntryCount, 0u);
         EXPECT_GT(checked.report.blobValueCount, 0u);
-        EXPECT_GT(checked.report.blobBytes, 20 * checked.report.blobValueCount);
+        EXPECT_GT(checked.report.blobBytes, 40 * checked.report.blobValueCount);
         EXPECT_TRUE(checked.report.orphans.isEmpty());
         std::uint64_t recordCount = 0;
         std::uint64_t byteCount = 0;
-        for (const TableList_& list : {store->tables.primaryView, store->tables.indexViews["color"]}) {
+        for (const TableList_& list : {tables.primaryView, tables.indexViews.value("tag")}) {
             for (const auto& table : list) {
                 recordCount += table->meta().recordCount;
-                byteCount += store->files.content(table->path()).size();
+                byteCount += bench->files.content(table->path()).size();
             }
         }
         EXPECT_EQ(checked.report.recordCount, recordCount);
         EXPECT_EQ(checked.report.tableBytes, byteCount);
-        EXPECT_EQ(checked.report.tableCount,
-                  store->tables.primaryView.size() + store->tables.indexViews["color"].size());
+        EXPECT_EQ(checked.report.tableCount, tables.primaryView.size() + tables.indexViews.value("tag").size());
     }
 }
 
 TEST(StoreVerifier, FindsWhatNothingRefersTo) {
-    const auto store = filledStore(3);
+    const auto bench = filledStore(3);
     const char* paths[] = {"/s/blobs/BLOB-999.dat", "/s/tables/L0-998.sst", "/s/tables/L1-997.sst.tmp",
                            "/s/tmp/L0-996.sst.tmp"};
     for (const char* path : paths)
-        store->files.put(path, "left behind");
-    const Checked checked(store.get());
-    EXPECT_EQ(checked.status, ZnEmbeddedDbStatus());
+        bench->files.put(path, "left behind");
+    const Checked checked(bench.get(), bench->tableViews());
+    EXPECT_EQ(checked.status, kOk);
     std::vector<ZnString> orphans(checked.report.orphans.begin(), checked.report.orphans.end());
     EXPECT_THAT(orphans, testing::UnorderedElementsAre(paths[0], paths[1], paths[2], paths[3]));
 }
 
-void flipLastByte(StoreViewFixture* store, const ZnString& path) {
-    std::string bytes = store->files.content(path);
+void flipLastByte(MemoryFiles& files, const ZnString& path) {
+    std::string bytes = files.content(path);
     bytes.back() = static_cast<char>(bytes.back() ^ 1);
-    store->files.put(path, bytes);
+    files.put(path, bytes);
 }
 
 TEST(StoreVerifier, TellsWhatIsWrongAndGoesOn) {
-    using Store = StoreViewFixture;
-    constexpr auto kDamaged = ZnEmbeddedDbStatus::Corruption;
-    constexpr auto kUnread = ZnEmbeddedDbStatus::IoError;
+    constexpr auto kDamaged = Status::Corruption;
+    constexpr auto kUnread = Status::IoError;
     const struct {
         const char* problem;
-        ZnEmbeddedDbStatus::Code code;
+        Status::Code code;
         std::uint64_t problemCount;
-        std::function<void(Store*)> damage;
+        std::function<void(MemoryFiles&, TableViews_&)> damage;
     } rows[] = {
         {"L0-1.sst: table footer mismatch", kDamaged, 1,
-         [](Store* store) { flipLastByte(store, "/s/tables/L0-1.sst"); }},
-        {"L0-3.sst: ", kUnread, 1, [](Store* store) { store->files.remove("/s/tables/L0-3.sst"); }},
+         [](auto& files, auto&) { flipLastByte(files, "/s/tables/L0-1.sst"); }},
+        {"L0-3.sst: ", kUnread, 1, [](auto& files, auto&) { files.remove("/s/tables/L0-3.sst"); }},
         {"L0-1.sst: key \"b\": blob value checksum mismatch: /s/blobs/BLOB-2.dat at 0", kDamaged, 1,
-         [](Store* store) { flipLastByte(store, "/s/blobs/BLOB-2.dat"); }},
-        {"/s/blobs/BLOB-2.dat", kUnread, 1, [](Store* store) { store->files.remove("/s/blobs/BLOB-2.dat"); }},
+         [](auto& files, auto&) { flipLastByte(files, "/s/blobs/BLOB-2.dat"); }},
+        {"/s/blobs/BLOB-2.dat", kUnread, 1, [](auto& files, auto&) { files.remove("/s/blobs/BLOB-2.dat"); }},
         {"L0-1.sst: key \"a\" has sequence 1 and hides the newer one of sequence 4 in L0-4.sst", kDamaged, 2,
-         [](Store* store) { std::swap(store->tables.primaryView[0], store->tables.primaryView[1]); }},
+         [](auto&, auto& tables) { std::swap(tables.primaryView[0], tables.primaryView[1]); }},
         {"L0-4.sst: key \"a\" has sequence 4, which it also has in L0-4.sst", kDamaged, 1,
-         [](Store* store) {
-             store->tables.primaryView.insert(store->tables.primaryView.begin(), store->tables.primaryView[0]);
-         }},
-        {"L0-1.sst: key \"b\" is not in index color under \"red\"", kDamaged, 1,
-         [](Store* store) { store->tables.indexViews["color"].pop_back(); }},
+         [](auto&, auto& tables) { tables.primaryView.insert(tables.primaryView.begin(), tables.primaryView[0]); }},
+        {"L0-1.sst: key \"b\" is not in index tag under \"v\"", kDamaged, 1,
+         [](auto&, auto& tables) { tables.indexViews["tag"].pop_back(); }},
         {"index key \"no index key\" does not come apart", kDamaged, 1,
-         [](Store* store) {
-             store->addTable(kIndexTable, 0, {{ZnByteArray("no index key", 12), 9, kInlineRecord, ZnByteArray()}});
+         [](auto& files, auto& tables) {
+             const TableRecord_ record{ZnByteArray("no index key", 12), 9, kInlineRecord, ZnByteArray()};
+             tables.indexViews["tag"].push_back(writtenTable(files, 6, {record}, true));
          }},
         {"L0-6.sst: index key \"b\\x00\\x01c\" has a value", kDamaged, 1,
-         [](Store* store) {
-             store->addTable(kIndexTable, 0, {{ZnByteArray("b\0\1c", 4), 9, kInlineRecord, ZnByteArray("value", 5)}});
+         [](auto& files, auto& tables) {
+             const TableRecord_ record{ZnByteArray("b\0\1c", 4), 9, kInlineRecord, ZnByteArray("value", 5)};
+             tables.indexViews["tag"].push_back(writtenTable(files, 6, {record}, true));
          }},
         {"L0-1.sst: has keys above the largest that the store looks for", kDamaged, 1,
-         [](Store* store) { store->tables.largestPrimaryKey = ZnByteArray("b", 1); }},
+         [](auto&, auto& tables) { tables.largestPrimaryKey = ZnByteArray("b", 1); }},
         {"L0-4.sst: stands among the tables of another kind", kDamaged, 1,
-         [](Store* store) {
-             store->tables.indexViews["color"].push_back(store->tables.primaryView[0]);
-             store->tables.primaryView.erase(store->tables.primaryView.begin());
+         [](auto&, auto& tables) {
+             tables.indexViews["tag"].push_back(tables.primaryView[0]);
+             tables.primaryView.erase(tables.primaryView.begin());
          }},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.problem);
-        Store store; // tables 2 and 3 with blob file 1, then table 4 with 5
-        store.put("a", "first", {"red"});
-        store.put("b", std::string(100, 'v'), {"red"});
-        store.put("c", "last", {});
-        store.seal();
-        store.flush();
-        store.put("a", "second", {"blue"});
-        store.seal();
-        store.flush();
-        ASSERT_EQ(Checked(&store).status, ZnEmbeddedDbStatus());
-        row.damage(&store);
-        const Checked checked(&store);
+        StoreBench bench; // tables 1 and 3 with blob file 2, then table 4 with 5
+        bench.put("a", "first");
+        bench.put("b", std::string(100, 'v'));
+        bench.putAndFlush("c", "");
+        bench.putAndFlush("a", "second");
+        TableViews_ tables = bench.tableViews();
+        ASSERT_EQ(Checked(&bench, tables).status, kOk);
+        row.damage(bench.files, tables);
+        const Checked checked(&bench, tables);
         EXPECT_EQ(checked.status.code(), row.code);
         std::string problems;
         for (const ZnString& problem : checked.report.problems)

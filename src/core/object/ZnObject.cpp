@@ -265,7 +265,7 @@ void ZnObject::deleteLater() {
                                         });
     });
     if (!isTaken) // its thread has gone since
-        postToThreadOrFallback(nullptr, std::move(whenStarted));
+        postTask(nullptr, whenStarted, {.whenGone = ZnPostOptions::WhenGone::UseFallback});
 }
 
 void ZnObject::executeBlockingOnThread(zn::atomic::Thread* target, ZnTask function) {
@@ -287,7 +287,8 @@ void ZnObject::runBlocking_(zn::atomic::Thread* from, zn::atomic::Thread* target
     ZnTask task([function = std::move(function), finish = FinishAtEnd_(context)]() mutable { function(); });
     // A thread that is ending takes nothing more: to keep the task for its next start would let the caller wait for
     // ever.
-    if (postToRunningThread(target, std::move(task)))
+    const ZnPostResult result = postTask(target, task, {.whenNotRunning = ZnPostOptions::WhenNotRunning::Refuse});
+    if (result == ZnPostResult::Queued)
         context->wait();
 }
 
@@ -327,7 +328,7 @@ ZnObject::Delivery_ ZnObject::chooseDelivery_(const Emission_& emission, const C
 }
 
 void ZnObject::postDelivery_(zn::atomic::Thread* target, ZnTask task) {
-    postToThreadOrFallback(target, std::move(task));
+    postTask(target, task, {.whenGone = ZnPostOptions::WhenGone::UseFallback});
 }
 
 void ZnObject::blockOnDelivery_(const Emission_& emission, zn::atomic::Thread* target, ZnTask task) {

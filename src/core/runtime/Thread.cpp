@@ -132,7 +132,8 @@ void Thread::requestStop() {
         if (application == nullptr)
             return;
         ZnTask quit{QuitAtEnd_(application)};
-        application->tryPostOnLane(quit, ZnFiberPool::kFirstLane);
+        application->post(quit,
+                          {.lane = ZnFiberPool::kFirstLane, .whenFull = ZnPostOptions::WhenFull::RefuseInSilence});
     });
 }
 
@@ -240,6 +241,16 @@ Thread* Thread::fallbackThread() {
     return thread;
 }
 
+ZnPostResult Thread::offer(ZnTask& task, ZnPostOptions options, ZnFiberPool::Rejection* rejection) {
+    std::lock_guard<std::mutex> guard(appMutex_);
+    if (application_ != nullptr)
+        return application_->offer(task, options, rejection) ? ZnPostResult::Queued : ZnPostResult::Full;
+    if (options.whenNotRunning == ZnPostOptions::WhenNotRunning::Refuse)
+        return ZnPostResult::NotRunning;
+    pending_.push_back({std::move(task), options});
+    return ZnPostResult::Kept;
+}
+
 void Thread::attachApplication(ZnCoreApplication* application) {
     if (currentRecord != nullptr) // else made on demand by currentThread()
         currentRecord->attach_(application);
@@ -256,7 +267,7 @@ void Thread::attach_(ZnCoreApplication* application) {
             pending.swap(pending_);
     }
     for (Pending_& entry : pending)
-        application->postEventOnLane(std::move(entry.task), entry.lane);
+        application->post(entry.task, entry.options);
 }
 
 } // namespace zn::atomic

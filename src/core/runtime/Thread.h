@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/runtime/ZnPost.h"
 #include "core/types/ZnMutex.h"
 #include "core/types/ZnString.h"
 #include "core/types/ZnTask.h"
@@ -77,6 +78,9 @@ public:
         std::lock_guard<std::mutex> guard(appMutex_);
         return function(application_);
     }
+    /// The heart of postTask(): posts on the thread's application, or does what the options say. What the log has to
+    /// say is left to the caller: see ZnCoreApplication::offer.
+    ZnPostResult offer(ZnTask& task, ZnPostOptions options, ZnFiberPool::Rejection* rejection);
     /// Called by an application on its own thread when it comes (`application`) and goes (null).
     static void attachApplication(ZnCoreApplication* application);
 
@@ -87,14 +91,14 @@ public:
         std::lock_guard<std::mutex> guard(appMutex_);
         if (application_ != nullptr)
             return function(*application_);
-        pending_.push_back({std::move(task), lane});
+        pending_.push_back({std::move(task), {.lane = lane}});
         return fallback;
     }
 
 private:
     struct Pending_ {
         ZnTask task;
-        int lane;
+        ZnPostOptions options;
     };
 
     static bool callIfLive_(Thread* thread, void (*call)(void*, Thread&), void* function);

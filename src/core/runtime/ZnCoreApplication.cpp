@@ -20,6 +20,7 @@ constexpr long long kNsPerMs = 1000000;
 constexpr unsigned kWorkPerLook = 256;
 constexpr long long kLongestBetweenLooksNs = kNsPerMs;
 constexpr int kRejectionReportUs = 1000000;
+constexpr auto kInSilence = ZnPostOptions::WhenFull::RefuseInSilence;
 
 thread_local ZnCoreApplication* currentApplication = nullptr;
 
@@ -232,22 +233,34 @@ bool ZnCoreApplication::requestStop() noexcept {
 
 // --- posts
 
-bool ZnCoreApplication::tryPostOnLane(ZnTask& task, int lane, ZnFiberPool::Purpose purpose) {
-    if (!fiberPool_.submit(task, lane, purpose))
-        return false;
+bool ZnCoreApplication::post(ZnTask& task, ZnPostOptions options) {
+    ZnFiberPool::Rejection rejection;
+    if (offer(task, options, &rejection))
+        return true;
+    logRejected(rejection);
+    return false;
+}
+
+bool ZnCoreApplication::offer(ZnTask& task, ZnPostOptions options, ZnFiberPool::Rejection* rejection) {
+    if (!fiberPool_.submit(task, options.lane, options.purpose))
+        return onFull_(task, options, rejection);
     if (currentApplication != this)
         poller_->wake();
     return true;
 }
 
-bool ZnCoreApplication::postEventOnLane(ZnTask task, int lane) {
-    if (tryPostOnLane(task, lane))
-        return true;
-    logRejected(countRejected(lane));
-    return false;
+bool ZnCoreApplication::onFull_(ZnTask& task, ZnPostOptions options, ZnFiberPool::Rejection* rejection) {
+    switch (options.whenFull) {
+    case ZnPostOptions::WhenFull::Refuse: *rejection = countRejected_(options.lane); return false;
+    case ZnPostOptions::WhenFull::RefuseInSilence: return false;
+    case ZnPostOptions::WhenFull::Wait: break;
+    }
+    // Timers that find no room fire later, but do fire.
+    addTimer([late = std::make_shared<ZnTask>(std::move(task))] { (*late)(); }, 1, true, options.lane);
+    return true;
 }
 
-ZnFiberPool::Rejection ZnCoreApplication::countRejected(int lane) {
+ZnFiberPool::Rejection ZnCoreApplication::countRejected_(int lane) {
     const ZnFiberPool::Rejection rejection = fiberPool_.countRejected(lane);
     if (rejection.isFirst) {
         const int knownLane = rejection.lane;
@@ -306,68 +319,6 @@ void ZnCoreApplication::queueEvent_(QueuedEvent_ queued, int priority) {
     }
     if (currentApplication != this)
         poller_->wake();
-}
-
-namespace {
-
-struct PostOutcome_ {
-    bool isAccepted = false; // else the task is kept for later, or refused and still the caller's
-    ZnFiberPool::Rejection rejection;
-};
-
-PostOutcome_ offerTo(ZnCoreApplication& application, ZnTask& task, int lane) {
-    if (application.tryPostOnLane(task, lane))
-        return {true, {}};
-    return {false, application.countRejected(lane)};
-}
-
-PostOutcome_ offer(zn::atomic::Thread& target, ZnTask& task, int lane) {
-    return target.withApplicationOrPending(
-        task, lane, PostOutcome_(), [&](ZnCoreApplication& application) { return offerTo(application, task, lane); });
-}
-
-} // namespace
-
-bool postToThread(zn::atomic::Thread* target, ZnTask task, int lane) {
-    const PostOutcome_ outcome = offer(*target, task, lane);
-    ZnCoreApplication::logRejected(outcome.rejection);
-    return outcome.isAccepted; // a refused task is destroyed here, without the thread's lock
-}
-
-bool postToThreadIfLive(zn::atomic::Thread* target, ZnTask& task, int lane, bool* isAccepted) {
-    PostOutcome_ outcome;
-    ZnTask offered = std::move(task);
-    if (!zn::atomic::Thread::withLive(target,
-                                      [&](zn::atomic::Thread& record) { outcome = offer(record, offered, lane); })) {
-        task = std::move(offered);
-        return false;
-    }
-    ZnCoreApplication::logRejected(outcome.rejection);
-    if (isAccepted != nullptr)
-        *isAccepted = outcome.isAccepted;
-    return true;
-}
-
-bool postToRunningThread(zn::atomic::Thread* target, ZnTask task, int lane) {
-    PostOutcome_ outcome;
-    zn::atomic::Thread::withLive(target, [&](zn::atomic::Thread& record) {
-        record.withApplication([&](ZnCoreApplication* application) {
-            if (application != nullptr)
-                outcome = offerTo(*application, task, lane);
-        });
-    });
-    ZnCoreApplication::logRejected(outcome.rejection);
-    return outcome.isAccepted;
-}
-
-bool postToThreadOrFallback(zn::atomic::Thread* target, ZnTask task, int lane) {
-    bool isAccepted = false;
-    if (postToThreadIfLive(target, task, lane, &isAccepted))
-        return isAccepted;
-    target = zn::atomic::Thread::currentThread();
-    if (target == nullptr)
-        target = zn::atomic::Thread::fallbackThread();
-    return target != nullptr && postToThread(target, std::move(task), lane);
 }
 
 // --- object events
@@ -540,7 +491,7 @@ bool ZnCoreApplication::postDueTimers_(std::size_t group, long long nowNs) {
         }
         const int lane = record->lane;
         ZnTask fire(TimerFire_(*this, std::move(record)));
-        if (!tryPostOnLane(fire, lane, ZnFiberPool::Purpose::WakeUp))
+        if (!post(fire, {.lane = lane, .purpose = ZnFiberPool::Purpose::WakeUp, .whenFull = kInSilence}))
             return false; // another thread took the room; the timer goes back in line
     }
 }

@@ -8,6 +8,7 @@
 #include "core/runtime/ZnFiberPool.h"
 #include "core/runtime/ZnIoDispatcher.h"
 #include "core/runtime/ZnLoadMeter.h"
+#include "core/runtime/ZnPost.h"
 #include "core/runtime/ZnTimerTable.h"
 #include "core/types/ZnMap.h"
 #include "core/types/ZnString.h"
@@ -63,15 +64,17 @@ public:
     /// fibers run to their ends. Nothing else runs meanwhile: what is queued stays queued.
     void unwindFibers();
 
-    /// Queues `task` on lane 2. Any thread. False: refused (the pool is saturated) and the task destroyed.
-    bool postEvent(ZnTask task) { return postEventOnLane(std::move(task), ZnFiberPool::kDefaultLane); }
-    bool postEventOnLane(ZnTask task, int lane);
-    /// As postEventOnLane, but a refused task stays with the caller and nothing is logged.
-    bool tryPostOnLane(ZnTask& task, int lane, ZnFiberPool::Purpose purpose = ZnFiberPool::Purpose::NewWork);
-    /// Counts a post that was refused. The log tells of the first one of a burst at once, of the others with their
-    /// number a second later. Any thread; not under a lock that comes behind loopMutex_.
-    ZnFiberPool::Rejection countRejected(int lane);
-    /// The line about a first refusal; nothing for others. To be called without a lock.
+    /// Queues `task` for a fiber of this application. False: the pool is full, and the task still the caller's. Any
+    /// thread.
+    bool post(ZnTask& task, ZnPostOptions options = {});
+    /// As post(), on lane 2 or another one; a refused task is destroyed. Any thread.
+    bool postEvent(ZnTask task) { return post(task); }
+    bool postEventOnLane(ZnTask task, int lane) { return post(task, {.lane = lane}); }
+    bool tryPostOnLane(ZnTask& task, int lane) {
+        return post(task, {.lane = lane, .whenFull = ZnPostOptions::WhenFull::RefuseInSilence});
+    }
+    /// As post(), but what the log has to say is left to the caller, who may hold a lock here but not in logRejected().
+    bool offer(ZnTask& task, ZnPostOptions options, ZnFiberPool::Rejection* rejection);
     static void logRejected(const ZnFiberPool::Rejection& rejection);
     /// Queues an object event and takes it over. Priority 1 and above goes before timers and lanes 1 to 3. Never
     /// refused. Any thread.
@@ -136,6 +139,8 @@ private:
     void putTimerBack_(const std::shared_ptr<ZnTimerRecord>& record, long long dueNs);
     void mirrorNextTimer_() ZN_REQUIRES(loopMutex_);
     void serveTheStarved_(long long nowNs);
+    bool onFull_(ZnTask& task, ZnPostOptions options, ZnFiberPool::Rejection* rejection);
+    ZnFiberPool::Rejection countRejected_(int lane);
     void reportRejections_(int lane);
     void destroyWaitingObjects_();
     static bool deleteReceivers_(std::deque<QueuedEvent_>& queued);
@@ -164,21 +169,6 @@ private:
 
     ZnIoDispatcher ioDispatcher_; // last: its entries hold closures of this application
 };
-
-/// Queues `task` on the target's application, or keeps it until the target has one. Returns whether it was
-/// queued; a task refused by a saturated pool is destroyed. Any thread.
-bool postToThread(zn::atomic::Thread* target, ZnTask task, int lane = ZnFiberPool::kDefaultLane);
-
-/// As postToThread for a target that may be null or going on another thread. False, with the task as it was, when it
-/// has gone; else true, and `*isAccepted` (may be null) is what postToThread gives.
-bool postToThreadIfLive(zn::atomic::Thread* target, ZnTask& task, int lane, bool* isAccepted = nullptr);
-
-/// Queues `task` on a target that may be null or gone, if it has an application now. Else, or when the pool is
-/// saturated (which is logged), the task is destroyed and the result is false.
-bool postToRunningThread(zn::atomic::Thread* target, ZnTask task, int lane = ZnFiberPool::kDefaultLane);
-
-/// As postToThread for a target that may be null or gone: then the current thread, the fallback thread.
-bool postToThreadOrFallback(zn::atomic::Thread* target, ZnTask task, int lane = ZnFiberPool::kDefaultLane);
 
 /// Resumes the fiber that is parked under `waitId`, in this thread's pool or any other. Returns whether it was found.
 bool unblockFiber(int waitId, int lane);

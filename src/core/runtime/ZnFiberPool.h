@@ -52,7 +52,7 @@ public:
 
     /// What a post is for. Timers and readiness are wake-ups: they are accepted however many fibers are parked, since
     /// they may be what those wait for. There are never more of them than timers and handles.
-    enum class Purpose { NewWork, WakeUp };
+    enum class Purpose : std::uint8_t { NewWork, WakeUp };
 
     ZnFiberPool();
     ~ZnFiberPool();

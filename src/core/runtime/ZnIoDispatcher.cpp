@@ -9,6 +9,10 @@
 namespace {
 constexpr const char* kCategory = "zn.core.runtime.zniodispatcher";
 constexpr unsigned kSignalled = 1; // the only bit that readiness produces
+/// A refused drain does not wait in line as a task: its entry does, without an allocation, and goes ahead of what the
+/// poller reports later.
+constexpr ZnPostOptions kDrainPost{.purpose = ZnFiberPool::Purpose::WakeUp,
+                                   .whenFull = ZnPostOptions::WhenFull::RefuseInSilence};
 } // namespace
 
 /// The closure of one round. If it is destroyed without having run (dropped by the pool), the entry must not
@@ -125,7 +129,7 @@ void ZnIoDispatcher::dispatch_(const std::shared_ptr<Entry_>& entry, unsigned ma
         return; // merged with the round that is under way
     // A refused task goes back through Drain_'s destructor into the deferred entries.
     ZnTask task(Drain_{entry});
-    application_.tryPostOnLane(task, ZnFiberPool::kDefaultLane, ZnFiberPool::Purpose::WakeUp);
+    application_.post(task, kDrainPost);
 }
 
 void ZnIoDispatcher::drainEnded_(const std::shared_ptr<Entry_>& entry) {
@@ -158,7 +162,7 @@ void ZnIoDispatcher::dispatchDeferred() {
     }
     for (std::shared_ptr<Entry_>& entry : ready) {
         ZnTask task(Drain_{std::move(entry)});
-        application_.tryPostOnLane(task, ZnFiberPool::kDefaultLane, ZnFiberPool::Purpose::WakeUp);
+        application_.post(task, kDrainPost);
     }
 }
 

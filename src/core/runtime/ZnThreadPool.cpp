@@ -212,34 +212,23 @@ bool ZnThreadPool::needsDrain_(Worker_& worker) {
     return true;
 }
 
-void ZnThreadPool::postDrain_(Worker_* worker) {
-    worker->thread->handle().withApplication([&](ZnCoreApplication* application) {
-        if (application != nullptr) // else the thread is ending and its tasks move to another worker
-            postDrainOn_(*application, worker);
-    });
-}
-
-/// A drain on its way to its worker. One that the loop refuses, or drops for want of a stack, comes again by a timer:
-/// else the worker would count as scheduled for ever.
+/// A drain on its way to its worker. One that the loop drops for want of a stack comes again by a timer: else the
+/// worker would count as scheduled for ever.
 class ZnThreadPool::Drain_ {
 public:
-    Drain_(ZnThreadPool* pool, Worker_* worker, ZnCoreApplication& application)
-        : pool_(pool), worker_(worker), application_(&application), alive_(pool->aliveToken_) {}
+    Drain_(ZnThreadPool* pool, Worker_* worker) : pool_(pool), worker_(worker), alive_(pool->aliveToken_) {}
     Drain_(Drain_&& other) noexcept
-        : pool_(std::exchange(other.pool_, nullptr)),
-          worker_(other.worker_),
-          application_(other.application_),
-          alive_(std::move(other.alive_)) {}
+        : pool_(std::exchange(other.pool_, nullptr)), worker_(other.worker_), alive_(std::move(other.alive_)) {}
     Drain_& operator=(Drain_&&) = delete;
     ~Drain_() {
         constexpr int kRetryUs = 1000;
-        if (pool_ == nullptr || alive_.expired())
+        if (pool_ == nullptr || alive_.expired() || !worker_->thread->isCurrent()) // elsewhere it was not taken
             return;
         const auto retry = [pool = pool_, worker = worker_, alive = alive_] {
             if (!alive.expired())
                 pool->drainWorker_(worker, alive);
         };
-        application_->addTimer(retry, kRetryUs, true, kDrainLane); // it comes through as soon as there is room
+        ZnCoreApplication::instance()->addTimer(retry, kRetryUs, true, kDrainLane);
     }
     void operator()() {
         ZnThreadPool* pool = std::exchange(pool_, nullptr);
@@ -250,13 +239,16 @@ public:
 private:
     ZnThreadPool* pool_; // null once it has run or moved
     Worker_* worker_;
-    ZnCoreApplication* application_; // of the worker's thread, whose pool and timers hold this
     std::weak_ptr<bool> alive_;
 };
 
-void ZnThreadPool::postDrainOn_(ZnCoreApplication& application, Worker_* worker) {
-    ZnTask task(Drain_(this, worker, application));
-    application.tryPostOnLane(task, kDrainLane);
+void ZnThreadPool::postDrain_(Worker_* worker) {
+    ZnTask drain(Drain_(this, worker));
+    // Without a loop the thread is ending, and its tasks move to another worker.
+    postTask(worker->thread->handle(), drain,
+             {.lane = kDrainLane,
+              .whenFull = ZnPostOptions::WhenFull::Wait,
+              .whenNotRunning = ZnPostOptions::WhenNotRunning::Refuse});
 }
 
 // --- on a worker's thread
@@ -336,7 +328,7 @@ ZnRunnable* ZnThreadPool::finishTask_(Worker_* worker, long long untilNs) {
     }
     // The worker and the pool stay: this thread has to end before they go.
     if (drain)
-        postDrainOn_(application, worker);
+        postDrain_(worker);
     if (arm)
         armExpiry_(worker, generation, worker->expiryMs * kNsPerMs);
     if (wakeWaiters)

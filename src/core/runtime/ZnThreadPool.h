@@ -123,7 +123,6 @@ private:
     bool insert_(Worker_& worker, Task_ task) ZN_REQUIRES(lock_);
     bool needsDrain_(Worker_& worker) ZN_REQUIRES(lock_);
     void postDrain_(Worker_* worker);
-    void postDrainOn_(ZnCoreApplication& application, Worker_* worker);
 
     // On the worker's thread.
     void drainWorker_(Worker_* worker, const std::weak_ptr<bool>& alive);

@@ -183,6 +183,40 @@ TEST_F(ZnCoreApplicationTest, ATimerMayBeDeletedByItsOwnSlot) {
     EXPECT_TRUE(runUntil([&] { return !timer; }));
 }
 
+TEST_F(ZnCoreApplicationTest, APostEndsAsItsOptionsSay) {
+    enum class Target { Full, NotRunning, Null };
+    struct Row {
+        Target target;
+        ZnPostOptions options;
+        ZnPostResult result;
+        bool runsHere = false;
+        int toldCount = 0;
+    };
+    const Row rows[] = {
+        {Target::Full, {}, ZnPostResult::Full, false, 1},
+        {Target::Full, {.whenFull = ZnPostOptions::WhenFull::RefuseInSilence}, ZnPostResult::Full},
+        {Target::Full, {.whenFull = ZnPostOptions::WhenFull::Wait}, ZnPostResult::Queued, true},
+        {Target::NotRunning, {}, ZnPostResult::Kept},
+        {Target::NotRunning, {.whenNotRunning = ZnPostOptions::WhenNotRunning::Refuse}, ZnPostResult::NotRunning},
+        {Target::Null, {}, ZnPostResult::Gone},
+        {Target::Null, {.whenGone = ZnPostOptions::WhenGone::UseFallback}, ZnPostResult::Queued, true}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(&row - rows);
+        LogCapture log;
+        zn::atomic::Thread late("late");
+        while (row.target == Target::Full && application_.fiberPool().canAccept(2))
+            application_.postEvent([] {});
+        bool hasRun = false;
+        ZnTask task([&] { hasRun = true; });
+        zn::atomic::Thread* const targets[] = {zn::atomic::Thread::currentThread(), &late, nullptr};
+        EXPECT_EQ(postTask(targets[static_cast<int>(row.target)], task, row.options), row.result);
+        EXPECT_EQ(static_cast<bool>(task), row.result >= ZnPostResult::Full);
+        settle();
+        EXPECT_EQ(hasRun, row.runsHere);
+        EXPECT_EQ(log.countOf("saturated"), row.toldCount);
+    }
+}
+
 TEST_F(ZnCoreApplicationTest, PostsBeforeAThreadHasStartedRunWhenItDoes) {
     zn::atomic::Thread thread("late");
     std::vector<int> order;

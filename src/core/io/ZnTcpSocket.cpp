@@ -2,8 +2,7 @@
 
 #include "core/platform/ZnSocketError.h"
 #include "core/runtime/ZnCoreApplication.h"
-#include "core/runtime/ZnEventLoop.h"
-#include "core/runtime/ZnTimer.h"
+#include "core/runtime/ZnWait.h"
 
 #include <algorithm>
 #include <atomic>
@@ -478,24 +477,12 @@ bool ZnTcpSocket::waitFor_(void (ZnAbstractSocket::*signal)(), const std::functi
     if (state_ == SocketState::Unconnected && resolveWaitId_ == 0 && msecs < 0)
         return false; // nothing that could end the wait would come
     const ZnPointer<ZnTcpSocket> self(this);
-    ZnEventLoop loop;
-    ZnTimer timer;
-    bool isFulfilled = false;
-    connect(signal, &loop, [&] {
-        isFulfilled = isDone(*this);
-        if (isFulfilled)
-            loop.quit();
-    });
-    connect(&ZnAbstractSocket::disconnected, &loop, &ZnEventLoop::quit);
-    connect(&ZnAbstractSocket::errorOccurred, &loop, &ZnEventLoop::quit);
-    connect(&ZnObject::destroyed, &loop, &ZnEventLoop::quit);
-    if (msecs >= 0) {
-        timer.setSingleShot(true);
-        timer.connect(&ZnTimer::timeout, &loop, &ZnEventLoop::quit);
-        timer.start(msecs);
-    }
-    loop.exec();
-    return isFulfilled || (self && isDone(*this));
+    ZnSignalWait wait;
+    wait.expect(*this, signal, [&] { return isDone(*this); });
+    wait.endOn(*this, &ZnAbstractSocket::disconnected);
+    wait.endOn(*this, &ZnAbstractSocket::errorOccurred);
+    wait.endOn(*this, &ZnObject::destroyed);
+    return wait.run(msecs) || (self && isDone(*this));
 }
 
 // --- addresses

@@ -2,8 +2,8 @@
 
 #include "core/object/ZnObject.h"
 #include "core/platform/ZnMonotonicClock.h"
-#include "core/runtime/ZnEventLoop.h"
 #include "core/runtime/ZnTimer.h"
+#include "core/runtime/ZnWait.h"
 #include "support/LogCapture.h"
 #include "support/LoopFixture.h"
 #include "support/TestEvent.h"
@@ -72,12 +72,7 @@ TEST_F(ZnCoreApplicationTest, WakeUpsComeHoweverManyFibersAreParked) {
     int wokenCount = 0;
     std::function<void()> postMore = [&, posted = 0]() mutable {
         while (posted < kWaiters && application_.postEvent([&] {
-            ZnEventLoop loop;
-            ZnTimer deadline;
-            deadline.setSingleShot(true);
-            deadline.connect(&ZnTimer::timeout, &loop, &ZnEventLoop::quit);
-            deadline.start(200);
-            loop.exec();
+            sleepFor(200);
             ++wokenCount;
         }))
             ++posted;
@@ -143,6 +138,37 @@ TEST_F(ZnCoreApplicationTest, NestedWaitsAndTheirEdges) {
         ZnTimer::singleShot(0, [&] { delete doomed; });
         doomed->exec(); // its end resumes the waiter
     });
+}
+
+TEST_F(ZnCoreApplicationTest, AWaitForASignalEndsWithItOrWithItsHopes) {
+    struct Row {
+        const char* name;
+        int maxMs;
+        std::function<void(ZnTimer*&)> act;
+        bool hasCome;
+    };
+    const Row rows[] = {
+        {"signal", -1, [](ZnTimer*& sender) { sender->timeout(); }, true},
+        {"deadline", 0, [](ZnTimer*&) {}, false},
+        {"end of the sender", -1, [](ZnTimer*& sender) { delete std::exchange(sender, nullptr); }, false},
+        {"end of all waits", -1, [this](ZnTimer*&) { EXPECT_TRUE(application_.endWaits(5000)); }, false}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        auto* sender = new ZnTimer;
+        int endedCount = 0;
+        application_.postEvent([&] {
+            EXPECT_EQ(waitFor(sender, &ZnTimer::timeout, row.maxMs), row.hasCome);
+            ++endedCount;
+        });
+        ASSERT_TRUE(runUntil([&] { return parkedCount() == 1; }));
+        row.act(sender);
+        EXPECT_TRUE(runUntil([&] { return endedCount == 1; }));
+        delete sender;
+    }
+    EXPECT_FALSE(sleepFor(1)); // no fiber
+    const long long startNs = monotonicNowNs();
+    runOnFiber([] { EXPECT_TRUE(sleepFor(20)); });
+    EXPECT_GE(monotonicNowNs() - startNs, 20000000);
 }
 
 TEST_F(ZnCoreApplicationTest, AnOrderlyEndUnwindsWhatIsParked) {

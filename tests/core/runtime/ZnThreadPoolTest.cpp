@@ -2,8 +2,8 @@
 
 #include "core/platform/ZnMonotonicClock.h"
 #include "core/runtime/ZnCoreApplication.h"
-#include "core/runtime/ZnEventLoop.h"
 #include "core/runtime/ZnTimer.h"
+#include "core/runtime/ZnWait.h"
 #include "support/LogCapture.h"
 #include "support/OnThreads.h"
 
@@ -186,7 +186,7 @@ TEST(ZnThreadPool, AParkedTaskKeepsItsWorkerAndOtherClosuresRun) {
     pool.start(task([&] {
         order.push_back(1);
         ZnTimer::singleShot(0, [&] { order.push_back(2); });
-        ZnEventLoop().exec(30);
+        sleepFor(30);
         order.push_back(3);
     }));
     pool.start(task([&] { ZnCoreApplication::instance()->postEventOnLane([&] { order.push_back(4); }, 1); }));
@@ -243,7 +243,7 @@ TEST(ZnThreadPool, ItsEndDropsWhatIsQueuedAndWaitsForWhatRunsOrIsParked) {
         pool->setMaxThreadCount(2);
         Gate gate(*pool);
         pool->start(task([&] {
-            ZnEventLoop().exec(50);
+            sleepFor(50);
             refusedInTask = !pool->tryStart(&kept);
         }));
         for (int i = 0; i < 10; ++i)

@@ -1,5 +1,6 @@
 #include "core/object/ZnObject.h"
 
+#include "core/object/ZnAlive.h"
 #include "core/object/ZnLiveObjects.h"
 #include "core/runtime/ZnCoreApplication.h"
 #include "core/types/ZnLogger.h"
@@ -111,19 +112,18 @@ void ZnObject::setParent(ZnObject* parent) {
         ZN_LOG_WARNING(kCategory, "ZnObject::setParent") << "an object cannot be its own parent or ancestor";
         return;
     }
-    const ZnPointer<ZnObject> self(this);
     const ZnPointer<ZnObject> newParent(parent);
-    const unsigned changeNumber = ++parentChangeCount_;
-    const auto isOvertaken = [&] { return !self || changeNumber != parentChangeCount_; };
+    ++parentChangeCount_;
+    const ZnAlive alive(this, parentChangeCount_);
     if (ZnObject* oldParent = std::exchange(parent_, nullptr))
         oldParent->removeChild(this);
     // A slot may also have deleted the new parent, or moved it below this object.
-    if (isOvertaken() || (newParent && newParent->isWithin_(this)))
+    if (!alive || (newParent && newParent->isWithin_(this)))
         return;
     parent_ = newParent.get();
     if (parent_ != nullptr)
         parent_->addChild(this);
-    if (!isOvertaken())
+    if (alive)
         parentChanged(newParent.get());
 }
 

@@ -6,50 +6,10 @@
 #include "core/types/ZnLogger.h"
 
 #include <algorithm>
-#include <condition_variable>
-#include <mutex>
 
 namespace {
 
 constexpr const char* kCategory = "zn.core.object.znobject";
-
-/// Tells whoever waits for a blocking delivery that it is over: also when the task is refused or dropped and so
-/// destroyed without having run.
-class BlockingContext_ {
-public:
-    void finish() {
-        std::lock_guard<std::mutex> guard(mutex_);
-        done_ = true;
-        condition_.notify_all();
-    }
-    void wait() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        condition_.wait(lock, [this] { return done_; });
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable condition_;
-    bool done_ = false; // guarded by mutex_
-};
-
-class FinishAtEnd_ {
-public:
-    explicit FinishAtEnd_(std::shared_ptr<BlockingContext_> context) : context_(std::move(context)) {}
-    FinishAtEnd_(FinishAtEnd_&& other) noexcept = default;
-    FinishAtEnd_& operator=(FinishAtEnd_&&) = delete;
-    ~FinishAtEnd_() {
-        if (context_)
-            context_->finish();
-    }
-
-private:
-    std::shared_ptr<BlockingContext_> context_;
-};
-
-bool isSameThread(const zn::atomic::Thread* left, const zn::atomic::Thread* right) {
-    return left == right || (left->threadId() != 0 && left->threadId() == right->threadId());
-}
 
 } // namespace
 
@@ -228,7 +188,7 @@ zn::atomic::Thread* ZnObject::thread() const {
 bool ZnObject::sharesThread_(const ZnObject& left, const ZnObject& right) {
     const zn::atomic::Thread* leftThread = left.thread();
     const zn::atomic::Thread* rightThread = right.thread();
-    return leftThread == nullptr || rightThread == nullptr || isSameThread(leftThread, rightThread);
+    return leftThread == nullptr || rightThread == nullptr || leftThread->isSameAs(*rightThread);
 }
 
 ZnObject* ZnObject::sender() const {
@@ -269,27 +229,7 @@ void ZnObject::deleteLater() {
 }
 
 void ZnObject::executeBlockingOnThread(zn::atomic::Thread* target, ZnTask function) {
-    runBlocking_(hub_->thread, target, std::move(function));
-}
-
-void ZnObject::runBlocking_(zn::atomic::Thread* from, zn::atomic::Thread* target, ZnTask function) {
-    if (!zn::atomic::Thread::isLive(from))
-        from = zn::atomic::Thread::currentThread();
-    bool isElsewhere = false;
-    zn::atomic::Thread::withLive(target, [&](zn::atomic::Thread& record) {
-        isElsewhere = record.isRunning() && (from == nullptr || !isSameThread(&record, from));
-    });
-    if (!isElsewhere) {
-        function();
-        return;
-    }
-    auto context = std::make_shared<BlockingContext_>();
-    ZnTask task([function = std::move(function), finish = FinishAtEnd_(context)]() mutable { function(); });
-    // A thread that is ending takes nothing more: to keep the task for its next start would let the caller wait for
-    // ever.
-    const ZnPostResult result = postTask(target, task, {.whenNotRunning = ZnPostOptions::WhenNotRunning::Refuse});
-    if (result == ZnPostResult::Queued)
-        context->wait();
+    zn::detail::ZnEmission::runBlocking(hub_->thread, target, std::move(function));
 }
 
 void ZnObject::disconnectReceiver(ZnObject* receiver) {
@@ -300,42 +240,6 @@ void ZnObject::disconnectReceiver(ZnObject* receiver) {
 
 void ZnObject::disconnectAll() {
     zn::detail::ZnConnectionHub::disconnectAll(hub_);
-}
-
-// --- emission
-
-ZnObject::Delivery_ ZnObject::chooseDelivery_(const Emission_& emission, const Connection_& connection,
-                                              zn::atomic::Thread** target) {
-    const ISlotBase& slot = *connection.slot;
-    if (!slot.isConnected() || (slot.hasReceiver() && slot.receiverObject() == nullptr))
-        return Delivery_::Skip;
-    if (connection.type == ZnConnectionType::DirectConnection)
-        return Delivery_::Now;
-    // The usual case first: sender and receiver share a thread record, dead or alive.
-    const bool isAuto = connection.type == ZnConnectionType::AutoConnection;
-    zn::atomic::Thread* owner = slot.receiverThread(); // the receiver itself may be ending on another thread
-    if (isAuto && (!slot.hasReceiver() || owner == emission.senderThread))
-        return Delivery_::Now;
-    *target = zn::atomic::Thread::isLive(owner) ? owner : nullptr;
-    if (connection.type == ZnConnectionType::QueuedConnection)
-        return Delivery_::Post;
-    if (connection.type == ZnConnectionType::BlockingQueuedConnection)
-        return Delivery_::Block;
-    zn::atomic::Thread* sender =
-        zn::atomic::Thread::isLive(emission.senderThread) ? emission.senderThread : zn::atomic::Thread::currentThread();
-    return *target == nullptr || (sender != nullptr && isSameThread(*target, sender)) ? Delivery_::Now
-                                                                                      : Delivery_::Post;
-}
-
-void ZnObject::postDelivery_(zn::atomic::Thread* target, ZnTask task) {
-    postTask(target, task, {.whenGone = ZnPostOptions::WhenGone::UseFallback});
-}
-
-void ZnObject::blockOnDelivery_(const Emission_& emission, zn::atomic::Thread* target, ZnTask task) {
-    if (emission.sender->get() != nullptr)
-        runBlocking_(emission.senderThread, target, std::move(task));
-    else
-        postDelivery_(target, std::move(task));
 }
 
 // --- signals

@@ -50,6 +50,10 @@ public:
     bool isRunning() const noexcept { return running_.load(std::memory_order_acquire); }
     /// The system's id of the thread, 0 before it has run.
     std::uint32_t threadId() const noexcept { return threadId_.load(std::memory_order_acquire); }
+    /// Whether both are records of one thread of the system.
+    bool isSameAs(const Thread& other) const noexcept {
+        return this == &other || (threadId() != 0 && threadId() == other.threadId());
+    }
     const ZnString& name() const noexcept { return name_; }
 
     /// Run on the thread before its loop begins and after its runtime is gone. An exception ends there, with a line in

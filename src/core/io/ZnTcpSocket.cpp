@@ -4,10 +4,10 @@
 #include "core/platform/ZnSocketError.h"
 #include "core/runtime/ZnCoreApplication.h"
 #include "core/runtime/ZnWait.h"
+#include "core/types/ZnMutex.h"
 
 #include <algorithm>
 #include <atomic>
-#include <mutex>
 
 namespace {
 
@@ -15,8 +15,8 @@ namespace {
 /// socket and even the application are gone.
 struct Lookup_ {
     std::atomic<bool> answered{false}; // set by the resolver before it unblocks; see ZnFiberPool::yieldCurrent
-    std::mutex mutex;
-    ZnResolver::Result addresses; // guarded by mutex
+    ZnMutex mutex;
+    ZnResolver::Result addresses ZN_GUARDED_BY(mutex);
 };
 
 } // namespace
@@ -206,7 +206,7 @@ std::optional<ZnResolver::Result> ZnTcpSocket::resolveHost_(const ZnString& host
     const ZnAlive alive(this, connectGeneration_);
     lookupId_ = ZnResolver::resolve(host, [lookup, waitId](const ZnResolver::Result& addresses) {
         {
-            std::lock_guard<std::mutex> guard(lookup->mutex);
+            const ZnMutexLocker locker(lookup->mutex);
             lookup->addresses = addresses;
         }
         lookup->answered.store(true, std::memory_order_release);
@@ -218,7 +218,7 @@ std::optional<ZnResolver::Result> ZnTcpSocket::resolveHost_(const ZnString& host
         return std::nullopt;
     resolveWaitId_ = 0;
     ZnResolver::withdraw(std::exchange(lookupId_, 0)); // the wait may have ended without an answer
-    std::lock_guard<std::mutex> guard(lookup->mutex);
+    const ZnMutexLocker locker(lookup->mutex);
     return lookup->addresses;
 }
 

@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -79,7 +78,7 @@ public:
     /// may post; it must not do anything that waits.
     template <typename Function>
     auto withApplication(Function function) {
-        std::lock_guard<std::mutex> guard(appMutex_);
+        const ZnMutexLocker locker(appMutex_);
         return function(application_);
     }
     /// The heart of postTask(): posts on the thread's application, or does what the options say. What the log has to
@@ -92,7 +91,7 @@ public:
     /// `fallback`.
     template <typename Result, typename Function>
     Result withApplicationOrPending(ZnTask& task, int lane, Result fallback, Function function) {
-        std::lock_guard<std::mutex> guard(appMutex_);
+        const ZnMutexLocker locker(appMutex_);
         if (application_ != nullptr)
             return function(*application_);
         pending_.push_back({std::move(task), {.lane = lane}});
@@ -110,11 +109,11 @@ private:
     void runLoop_(std::unique_ptr<ZnPoller> poller);
     void noteStart_(bool hasRuntime);
     void attach_(ZnCoreApplication* application);
-    void callSafely_(const std::function<void()>& callback, const char* name);
+    void callSafely_(std::function<void()> Thread::*callback, const char* name);
 
     const ZnString name_;
-    std::mutex joinMutex_;                   // held while joining, for several waiters
-    std::thread handle_;                     // guarded by joinMutex_
+    ZnMutex joinMutex_; // held while joining, for several waiters
+    std::thread handle_ ZN_GUARDED_BY(joinMutex_);
     bool deleteAtEnd_ = false;               // on the thread itself
     std::atomic<std::uint32_t> threadId_{0}; // set on the thread itself; pairs with threadId()
     std::atomic<bool> running_{false};
@@ -123,19 +122,19 @@ private:
     bool isHelper_ = false;     // set before the start, as is the next one
     bool keepsRunning_ = false; // its loop begins anew unless requestStop() was called
 
-    std::mutex appMutex_;
-    ZnCoreApplication* application_ = nullptr; // guarded by appMutex_, as is pending_
-    std::vector<Pending_> pending_;            // posts from before the application
+    ZnMutex appMutex_;
+    ZnCoreApplication* application_ ZN_GUARDED_BY(appMutex_) = nullptr;
+    std::vector<Pending_> pending_ ZN_GUARDED_BY(appMutex_); // posts from before the application
 
-    std::mutex startOnceMutex_; // held by start(), before joinMutex_ and startMutex_
-    std::mutex startMutex_;
-    std::condition_variable startCondition_;
-    bool started_ = false;      // guarded by startMutex_: the runtime is there, or cannot be made
-    bool hasNoRuntime_ = false; // guarded by startMutex_
+    ZnMutex startOnceMutex_; // held by start(), before joinMutex_ and startMutex_
+    ZnMutex startMutex_;
+    std::condition_variable_any startCondition_;
+    bool started_ ZN_GUARDED_BY(startMutex_) = false; // the runtime is there, or cannot be made
+    bool hasNoRuntime_ ZN_GUARDED_BY(startMutex_) = false;
 
-    std::mutex callbackMutex_;
-    std::function<void()> onStart_;  // guarded by callbackMutex_
-    std::function<void()> onFinish_; // guarded by callbackMutex_
+    ZnMutex callbackMutex_;
+    std::function<void()> onStart_ ZN_GUARDED_BY(callbackMutex_);
+    std::function<void()> onFinish_ ZN_GUARDED_BY(callbackMutex_);
 };
 
 } // namespace zn::atomic

@@ -25,8 +25,8 @@ thread_local ZnCoreApplication* currentApplication = nullptr;
 
 /// Every application of the process by its thread, for wake-ups that come from other threads.
 struct ApplicationMap_ {
-    std::mutex mutex;
-    std::map<std::uint32_t, ZnCoreApplication*> byThread; // guarded by mutex
+    ZnMutex mutex;
+    std::map<std::uint32_t, ZnCoreApplication*> byThread ZN_GUARDED_BY(mutex);
 };
 
 ApplicationMap_& applicationMap() {
@@ -58,7 +58,7 @@ ZnCoreApplication::ZnCoreApplication(std::unique_ptr<ZnPoller> poller, bool isHe
     setEventFiberStackSize(0);
     {
         ApplicationMap_& map = applicationMap();
-        std::lock_guard<std::mutex> guard(map.mutex);
+        const ZnMutexLocker locker(map.mutex);
         map.byThread[threadId_] = this;
     }
     zn::atomic::Thread::attachApplication(this);
@@ -78,7 +78,7 @@ ZnCoreApplication::~ZnCoreApplication() {
     events_.deleteWaitingObjects(); // what the captures of dropped tasks let go of
     timers_.clear();
     ApplicationMap_& map = applicationMap();
-    std::lock_guard<std::mutex> guard(map.mutex);
+    const ZnMutexLocker locker(map.mutex);
     map.byThread.erase(threadId_);
     currentApplication = nullptr;
 }
@@ -325,7 +325,7 @@ bool unblockFiber(int waitId, int lane) {
     if (currentApplication != nullptr && currentApplication->fiberPool().unblock(waitId, lane))
         return true;
     ApplicationMap_& map = applicationMap();
-    std::lock_guard<std::mutex> guard(map.mutex);
+    const ZnMutexLocker locker(map.mutex);
     for (const auto& [threadId, application] : map.byThread) {
         if (application != currentApplication && application->fiberPool().unblock(waitId, lane)) {
             application->wake();

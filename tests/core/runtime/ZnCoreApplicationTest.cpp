@@ -210,50 +210,45 @@ TEST_F(ZnCoreApplicationTest, ATimerMayBeDeletedByItsOwnSlot) {
 }
 
 TEST_F(ZnCoreApplicationTest, APostEndsAsItsOptionsSay) {
-    enum class Target { Full, NotRunning, Null };
+    using WhenFull = ZnPostOptions::WhenFull;
+    enum Target { Full, NotRunning, Null };
     struct Row {
         Target target;
         ZnPostOptions options;
         ZnPostResult result;
-        bool runsHere = false;
+        const char* runs = "";
         int toldCount = 0;
     };
     const Row rows[] = {
-        {Target::Full, {}, ZnPostResult::Full, false, 1},
-        {Target::Full, {.whenFull = ZnPostOptions::WhenFull::RefuseInSilence}, ZnPostResult::Full},
-        {Target::Full, {.whenFull = ZnPostOptions::WhenFull::Wait}, ZnPostResult::Queued, true},
-        {Target::NotRunning, {}, ZnPostResult::Kept},
-        {Target::NotRunning, {.whenNotRunning = ZnPostOptions::WhenNotRunning::Refuse}, ZnPostResult::NotRunning},
-        {Target::Null, {}, ZnPostResult::Gone},
-        {Target::Null, {.whenGone = ZnPostOptions::WhenGone::UseFallback}, ZnPostResult::Queued, true}};
+        {Full, {}, ZnPostResult::Full, "", 1},
+        {Full, {.whenFull = WhenFull::RefuseInSilence}, ZnPostResult::Full},
+        {Full, {.whenFull = WhenFull::Wait}, ZnPostResult::Queued, "here"},
+        {NotRunning, {}, ZnPostResult::Kept, "late"},
+        {NotRunning, {.whenNotRunning = ZnPostOptions::WhenNotRunning::Refuse}, ZnPostResult::NotRunning},
+        {Null, {}, ZnPostResult::Gone},
+        {Null, {.whenGone = ZnPostOptions::WhenGone::UseFallback}, ZnPostResult::Queued, "here"}};
+    zn::atomic::Thread* const here = zn::atomic::Thread::currentThread();
     for (const Row& row : rows) {
         SCOPED_TRACE(&row - rows);
         LogCapture log;
+        ZnString order;
         zn::atomic::Thread late("late");
-        while (row.target == Target::Full && application_.fiberPool().canAccept(2))
+        zn::atomic::Thread* const targets[] = {here, &late, nullptr};
+        while (row.target == Full && application_.fiberPool().canAccept(2))
             application_.postEvent([] {});
-        bool hasRun = false;
-        ZnTask task([&] { hasRun = true; });
-        zn::atomic::Thread* const targets[] = {zn::atomic::Thread::currentThread(), &late, nullptr};
-        EXPECT_EQ(postTask(targets[static_cast<int>(row.target)], task, row.options), row.result);
+        ZnTask task([&] { order += zn::atomic::Thread::currentThread() == here ? "here" : "late"; });
+        EXPECT_EQ(postTask(targets[row.target], task, row.options), row.result);
         EXPECT_EQ(static_cast<bool>(task), row.result >= ZnPostResult::Full);
         settle();
-        EXPECT_EQ(hasRun, row.runsHere);
+        EXPECT_FALSE(postToThread(&late, [&] {
+            order += "!"; // after what was kept before
+            ZnCoreApplication::instance()->quit();
+        }));
+        EXPECT_TRUE(late.start());
+        late.join();
+        EXPECT_EQ(order, ZnString(row.runs) + "!");
         EXPECT_EQ(log.countOf("saturated"), row.toldCount);
     }
-}
-
-TEST_F(ZnCoreApplicationTest, PostsBeforeAThreadHasStartedRunWhenItDoes) {
-    zn::atomic::Thread thread("late");
-    std::vector<int> order;
-    EXPECT_FALSE(postToThread(&thread, [&] { order.push_back(1); }));
-    EXPECT_FALSE(postToThread(&thread, [&] {
-        order.push_back(2);
-        ZnCoreApplication::instance()->quit();
-    }));
-    ASSERT_TRUE(thread.start());
-    thread.join();
-    EXPECT_EQ(order, (std::vector<int>{1, 2}));
 }
 
 } // namespace

@@ -3,8 +3,7 @@
 
 #include "core/io/http/ZnHttpApp.h"
 #include "core/runtime/ZnCoreApplication.h"
-#include "core/runtime/ZnEventLoop.h"
-#include "core/runtime/ZnTimer.h"
+#include "core/runtime/ZnWait.h"
 #include "core/types/ZnCrypto.h"
 #include "core/types/ZnJsonArray.h"
 #include "core/types/ZnJsonDocument.h"
@@ -50,12 +49,7 @@ ZnJsonObject add(const ZnJsonObject& arguments) {
 /// Waits without stopping the thread: the handler's fiber is parked, and the service goes on answering others.
 ZnJsonObject slow(const ZnJsonObject& arguments) {
     const int delayMs = std::clamp(arguments.value("delayMs").toInt(0), 0, kLongestDelayMs);
-    ZnEventLoop loop;
-    ZnTimer timer;
-    timer.setSingleShot(true);
-    timer.connect(&ZnTimer::timeout, &loop, &ZnEventLoop::quit);
-    timer.start(delayMs);
-    loop.exec();
+    sleepFor(delayMs);
     return toolResult("waited " + ZnString::number(delayMs) + " ms");
 }
 

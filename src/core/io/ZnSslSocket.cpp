@@ -1,6 +1,7 @@
 #include "core/io/ZnSslSocket.h"
 
 #include "core/io/ZnSslEngine_.h"
+#include "core/object/ZnAlive.h"
 #include "core/runtime/ZnTimer.h"
 #include "core/types/ZnLogger.h"
 
@@ -341,22 +342,20 @@ void ZnSslSocket::settle_() {
 // --- what the pump tells
 
 void ZnSslSocket::announce_(News_ news) {
-    const ZnPointer<ZnSslSocket> self(this);
-    const unsigned serial = connectionSerial_;
-    const auto isSame = [&] { return self && serial == connectionSerial_; };
+    const ZnAlive alive(this, connectionSerial_);
     switch (news) {
     case News_::None: return;
     case News_::Encrypted:
         state_ = SocketState::Connected;
         connected();
-        if (isSame())
+        if (alive)
             encrypted();
         return;
     case News_::DataCame: deliver_(); return;
     case News_::WritesDone:
         insideWriteFinished_ = true;
         writeFinished();
-        if (isSame()) {
+        if (alive) {
             insideWriteFinished_ = false;
             finishPeerClose_();
         }
@@ -373,13 +372,12 @@ void ZnSslSocket::announce_(News_ news) {
 
 /// While the receiver of the last bytes runs, the close waits: what it still has to answer can go out.
 void ZnSslSocket::deliver_() {
-    const ZnPointer<ZnSslSocket> self(this);
-    const unsigned serial = connectionSerial_;
+    const ZnAlive alive(this, connectionSerial_);
     const bool tellsClose = remoteClosed_ && holdsOnPeerClose_() && !std::exchange(closeAnnounced_, true);
     if (!plainBuffer_.isEmpty() || tellsClose) {
         insideDelivery_ = true;
         readyRead();
-        if (!self || serial != connectionSerial_)
+        if (!alive)
             return;
     }
     insideDelivery_ = false; // also for a receiver of earlier bytes that is parked: the peer does not wait for it
@@ -387,15 +385,14 @@ void ZnSslSocket::deliver_() {
 }
 
 bool ZnSslSocket::failSsl_(int code, const ZnString& text) {
-    const ZnPointer<ZnSslSocket> self(this);
-    const unsigned serial = connectionSerial_;
+    const ZnAlive alive(this, connectionSerial_);
     phase_ = Phase_::Failed;
     settle_();
     ZN_LOG_ERROR(kCategory, "ZnSslSocket::failSsl_") << text;
     sslErrors(ZnList<ZnString>{text});
-    if (self && serial == connectionSerial_)
+    if (alive)
         errorOccurred(code);
-    if (self && serial == connectionSerial_)
+    if (alive)
         close();
     return false;
 }

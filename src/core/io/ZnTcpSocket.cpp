@@ -1,13 +1,13 @@
 #include "core/io/ZnTcpSocket.h"
 
+#include "core/object/ZnAlive.h"
 #include "core/platform/ZnSocketError.h"
 #include "core/runtime/ZnCoreApplication.h"
-#include "core/runtime/ZnEventLoop.h"
-#include "core/runtime/ZnTimer.h"
+#include "core/runtime/ZnWait.h"
+#include "core/types/ZnMutex.h"
 
 #include <algorithm>
 #include <atomic>
-#include <mutex>
 
 namespace {
 
@@ -15,8 +15,8 @@ namespace {
 /// socket and even the application are gone.
 struct Lookup_ {
     std::atomic<bool> answered{false}; // set by the resolver before it unblocks; see ZnFiberPool::yieldCurrent
-    std::mutex mutex;
-    ZnResolver::Result addresses; // guarded by mutex
+    ZnMutex mutex;
+    ZnResolver::Result addresses ZN_GUARDED_BY(mutex);
 };
 
 } // namespace
@@ -25,21 +25,20 @@ struct Lookup_ {
 /// and long after that when it parks; whatever follows asks stillValid() first.
 class ZnTcpSocket::EventScope_ {
 public:
-    explicit EventScope_(ZnTcpSocket& socket) : self_(&socket), handle_(socket.handle_) {
+    explicit EventScope_(ZnTcpSocket& socket) : alive_(&socket, socket.handle_) {
         socket.insideEvents_ = true;
         socket.readBudgetBytes_ = kReadBudgetBytes;
     }
     ~EventScope_() {
-        if (stillValid())
-            self_->insideEvents_ = false;
+        if (ZnTcpSocket* socket = alive_.get())
+            socket->insideEvents_ = false;
     }
     EventScope_(const EventScope_&) = delete;
     EventScope_& operator=(const EventScope_&) = delete;
-    bool stillValid() const { return self_ && self_->handle_ == handle_; }
+    bool stillValid() const { return static_cast<bool>(alive_); }
 
 private:
-    ZnPointer<ZnTcpSocket> self_;
-    std::shared_ptr<ZnSocketHandle> handle_;
+    const ZnAlive<ZnTcpSocket, std::shared_ptr<ZnSocketHandle>> alive_;
 };
 
 ZnTcpSocket::ZnTcpSocket(ZnObject* parent) : ZnAbstractSocket(parent) {}
@@ -204,23 +203,22 @@ std::optional<ZnResolver::Result> ZnTcpSocket::resolveHost_(const ZnString& host
         return ZnResolver::resolveNow(host);
     const auto lookup = std::make_shared<Lookup_>();
     const int waitId = nextFiberWaitId();
-    const ZnPointer<ZnTcpSocket> self(this);
+    const ZnAlive alive(this, connectGeneration_);
     lookupId_ = ZnResolver::resolve(host, [lookup, waitId](const ZnResolver::Result& addresses) {
         {
-            std::lock_guard<std::mutex> guard(lookup->mutex);
+            const ZnMutexLocker locker(lookup->mutex);
             lookup->addresses = addresses;
         }
         lookup->answered.store(true, std::memory_order_release);
         unblockFiber(waitId, ZnFiberPool::kFirstLane);
     });
-    const unsigned generation = connectGeneration_;
     resolveWaitId_ = waitId;
     application->fiberPool().yieldCurrent(waitId, &lookup->answered);
-    if (!self || generation != connectGeneration_)
+    if (!alive)
         return std::nullopt;
     resolveWaitId_ = 0;
     ZnResolver::withdraw(std::exchange(lookupId_, 0)); // the wait may have ended without an answer
-    std::lock_guard<std::mutex> guard(lookup->mutex);
+    const ZnMutexLocker locker(lookup->mutex);
     return lookup->addresses;
 }
 
@@ -242,17 +240,16 @@ ZnTcpSocket::Attempt_ ZnTcpSocket::tryNextAddress_(int lastError) {
 }
 
 bool ZnTcpSocket::follow_(Attempt_ attempt) {
-    const ZnPointer<ZnTcpSocket> self(this);
-    handle_ = attempt.handle;
-    const auto isSame = [&] { return self && handle_ == attempt.handle; };
-    bool isAlive = registerWait_();
-    if (!isAlive)
+    handle_ = std::move(attempt.handle);
+    const ZnAlive alive(this, handle_);
+    bool goesOn = registerWait_();
+    if (!goesOn)
         errorOccurred(ZnSocketError::kNoBufferSpace);
     else if (attempt.error == 0)
-        isAlive = onConnectReady_();
-    if (!isAlive && isSame())
+        goesOn = onConnectReady_();
+    if (!goesOn && alive)
         close();
-    return isAlive;
+    return goesOn;
 }
 
 /// The next address of the name has its chance; only the failure of the last one is told.
@@ -273,10 +270,11 @@ void ZnTcpSocket::adoptDescriptor(std::shared_ptr<ZnSocketHandle> handle, bool e
     close();
     if (!self || !handle || isInUse_())
         return; // as in connectToHost
-    handle_ = handle;
+    handle_ = std::move(handle);
+    const ZnAlive alive(this, handle_);
     if (!registerWait_()) {
         errorOccurred(ZnSocketError::kNoBufferSpace);
-        if (self && handle_ == handle)
+        if (alive)
             close();
         return;
     }
@@ -297,10 +295,10 @@ void ZnTcpSocket::close() {
     untriedAddresses_.clear();
     writeBuffer_.release();
     if (previous == SocketState::Unconnected || !hadHandle)
-        return; // without a handle: called from a receiver of the signal below
-    const ZnPointer<ZnTcpSocket> self(this);
-    disconnected(); // its receivers still see the old state
-    if (self && !handle_)
+        return;                         // without a handle: called from a receiver of the signal below
+    const ZnAlive alive(this, handle_); // no handle: it is another one when a receiver has connected anew
+    disconnected();                     // its receivers still see the old state
+    if (alive)
         state_ = SocketState::Unconnected;
 }
 
@@ -478,24 +476,12 @@ bool ZnTcpSocket::waitFor_(void (ZnAbstractSocket::*signal)(), const std::functi
     if (state_ == SocketState::Unconnected && resolveWaitId_ == 0 && msecs < 0)
         return false; // nothing that could end the wait would come
     const ZnPointer<ZnTcpSocket> self(this);
-    ZnEventLoop loop;
-    ZnTimer timer;
-    bool isFulfilled = false;
-    connect(signal, &loop, [&] {
-        isFulfilled = isDone(*this);
-        if (isFulfilled)
-            loop.quit();
-    });
-    connect(&ZnAbstractSocket::disconnected, &loop, &ZnEventLoop::quit);
-    connect(&ZnAbstractSocket::errorOccurred, &loop, &ZnEventLoop::quit);
-    connect(&ZnObject::destroyed, &loop, &ZnEventLoop::quit);
-    if (msecs >= 0) {
-        timer.setSingleShot(true);
-        timer.connect(&ZnTimer::timeout, &loop, &ZnEventLoop::quit);
-        timer.start(msecs);
-    }
-    loop.exec();
-    return isFulfilled || (self && isDone(*this));
+    ZnSignalWait wait;
+    wait.expect(*this, signal, [&] { return isDone(*this); });
+    wait.endOn(*this, &ZnAbstractSocket::disconnected);
+    wait.endOn(*this, &ZnAbstractSocket::errorOccurred);
+    wait.endOn(*this, &ZnObject::destroyed);
+    return wait.run(msecs) || (self && isDone(*this));
 }
 
 // --- addresses

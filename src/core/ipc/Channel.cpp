@@ -119,11 +119,11 @@ private:
                 return;
         }
         const auto retry = std::make_shared<Retry_>(shared_from_this());
-        const auto plan = [retry] { ZnTimer::singleShot(kRetryMs, [retry] { retry->make(); }); };
+        ZnTask plan([retry] { ZnTimer::singleShot(kRetryMs, [retry] { retry->make(); }); });
         if (ZnCoreApplication::instance() != nullptr)
             plan();
         else
-            postToThreadOrFallback(nullptr, plan);
+            postTask(nullptr, plan, {.whenGone = ZnPostOptions::WhenGone::UseFallback});
     }
     void endRetry_() {
         const ZnMutexLocker locker(lock_);

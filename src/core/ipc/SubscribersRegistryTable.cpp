@@ -4,6 +4,7 @@
 #include "core/platform/ZnMonotonicClock.h"
 #include "core/platform/ZnProcess.h"
 #include "core/types/ZnLogger.h"
+#include "core/types/ZnMutex.h"
 
 #include <algorithm>
 #include <atomic>
@@ -11,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <mutex>
 #include <set>
 
 namespace zn::ipc::detail {
@@ -67,7 +67,7 @@ public:
     }
 
     std::shared_ptr<RegistryTable::Mapping> open(const ZnString& domain) {
-        std::lock_guard<std::mutex> guard(mutex_);
+        const ZnMutexLocker locker(mutex_);
         if (forkCount_ != ZnProcess::forkCount())
             beginAnew_();
         if (isClosed_)
@@ -84,18 +84,18 @@ private:
     }
 
     /// In a child: what it has of its parent's stays untouched.
-    void beginAnew_() {
+    void beginAnew_() ZN_REQUIRES(mutex_) {
         forkCount_ = ZnProcess::forkCount();
         mappings_.clear();
         refused_.clear();
     }
     void close_() {
         std::map<ZnString, std::shared_ptr<RegistryTable::Mapping>> mappings;
-        std::lock_guard<std::mutex> guard(mutex_);
+        const ZnMutexLocker locker(mutex_);
         isClosed_ = true;
         mappings.swap(mappings_);
     }
-    std::shared_ptr<RegistryTable::Mapping> openNew_(const ZnString& domain) {
+    std::shared_ptr<RegistryTable::Mapping> openNew_(const ZnString& domain) ZN_REQUIRES(mutex_) {
         ZnString reason;
         auto memory = ZnSharedMemory::open(registryName(domain), sizeof(RegistryTable), {}, &reason);
         auto mutex = memory ? ZnSharedMutex::open(registryMutexName(domain), &reason) : nullptr;
@@ -108,11 +108,11 @@ private:
         return mapping;
     }
 
-    std::mutex mutex_; // guards all below; the mutexes of registries are taken behind it
-    std::map<ZnString, std::shared_ptr<RegistryTable::Mapping>> mappings_;
-    std::set<ZnString> refused_; // domains that the log knows of
-    unsigned forkCount_;
-    bool isClosed_ = false;
+    ZnMutex mutex_; // the mutexes of registries are taken behind it
+    std::map<ZnString, std::shared_ptr<RegistryTable::Mapping>> mappings_ ZN_GUARDED_BY(mutex_);
+    std::set<ZnString> refused_ ZN_GUARDED_BY(mutex_); // domains that the log knows of
+    unsigned forkCount_ ZN_GUARDED_BY(mutex_);
+    bool isClosed_ ZN_GUARDED_BY(mutex_) = false;
 };
 
 /// Runs `work` with the domain's table.

@@ -137,16 +137,11 @@ void Subscription::Core_::onNotified_() {
 }
 
 void Subscription::Core_::postDelivery_() {
-    zn::atomic::Thread::withLive(record_->thread, [this](zn::atomic::Thread& thread) {
-        thread.withApplication([this](ZnCoreApplication* application) {
-            if (application == nullptr)
-                return;
-            const auto deliver = [self = shared_from_this()] { self->deliver_(); };
-            ZnTask task(deliver);
-            if (!application->tryPostOnLane(task, ZnFiberPool::kDefaultLane, ZnFiberPool::Purpose::WakeUp))
-                application->addTimer(deliver, 1, true, ZnFiberPool::kDefaultLane); // waits in line for room
-        });
-    });
+    ZnTask task([self = shared_from_this()] { self->deliver_(); });
+    postTask(record_->thread, task,
+             {.purpose = ZnFiberPool::Purpose::WakeUp,
+              .whenFull = ZnPostOptions::WhenFull::Wait,
+              .whenNotRunning = ZnPostOptions::WhenNotRunning::Refuse});
 }
 
 void Subscription::Core_::deliver_() {

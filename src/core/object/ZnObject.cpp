@@ -1,54 +1,15 @@
 #include "core/object/ZnObject.h"
 
+#include "core/object/ZnAlive.h"
 #include "core/object/ZnLiveObjects.h"
 #include "core/runtime/ZnCoreApplication.h"
 #include "core/types/ZnLogger.h"
 
 #include <algorithm>
-#include <condition_variable>
-#include <mutex>
 
 namespace {
 
 constexpr const char* kCategory = "zn.core.object.znobject";
-
-/// Tells whoever waits for a blocking delivery that it is over: also when the task is refused or dropped and so
-/// destroyed without having run.
-class BlockingContext_ {
-public:
-    void finish() {
-        std::lock_guard<std::mutex> guard(mutex_);
-        done_ = true;
-        condition_.notify_all();
-    }
-    void wait() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        condition_.wait(lock, [this] { return done_; });
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable condition_;
-    bool done_ = false; // guarded by mutex_
-};
-
-class FinishAtEnd_ {
-public:
-    explicit FinishAtEnd_(std::shared_ptr<BlockingContext_> context) : context_(std::move(context)) {}
-    FinishAtEnd_(FinishAtEnd_&& other) noexcept = default;
-    FinishAtEnd_& operator=(FinishAtEnd_&&) = delete;
-    ~FinishAtEnd_() {
-        if (context_)
-            context_->finish();
-    }
-
-private:
-    std::shared_ptr<BlockingContext_> context_;
-};
-
-bool isSameThread(const zn::atomic::Thread* left, const zn::atomic::Thread* right) {
-    return left == right || (left->threadId() != 0 && left->threadId() == right->threadId());
-}
 
 } // namespace
 
@@ -111,19 +72,18 @@ void ZnObject::setParent(ZnObject* parent) {
         ZN_LOG_WARNING(kCategory, "ZnObject::setParent") << "an object cannot be its own parent or ancestor";
         return;
     }
-    const ZnPointer<ZnObject> self(this);
     const ZnPointer<ZnObject> newParent(parent);
-    const unsigned changeNumber = ++parentChangeCount_;
-    const auto isOvertaken = [&] { return !self || changeNumber != parentChangeCount_; };
+    ++parentChangeCount_;
+    const ZnAlive alive(this, parentChangeCount_);
     if (ZnObject* oldParent = std::exchange(parent_, nullptr))
         oldParent->removeChild(this);
     // A slot may also have deleted the new parent, or moved it below this object.
-    if (isOvertaken() || (newParent && newParent->isWithin_(this)))
+    if (!alive || (newParent && newParent->isWithin_(this)))
         return;
     parent_ = newParent.get();
     if (parent_ != nullptr)
         parent_->addChild(this);
-    if (!isOvertaken())
+    if (alive)
         parentChanged(newParent.get());
 }
 
@@ -228,7 +188,7 @@ zn::atomic::Thread* ZnObject::thread() const {
 bool ZnObject::sharesThread_(const ZnObject& left, const ZnObject& right) {
     const zn::atomic::Thread* leftThread = left.thread();
     const zn::atomic::Thread* rightThread = right.thread();
-    return leftThread == nullptr || rightThread == nullptr || isSameThread(leftThread, rightThread);
+    return leftThread == nullptr || rightThread == nullptr || leftThread->isSameAs(*rightThread);
 }
 
 ZnObject* ZnObject::sender() const {
@@ -265,30 +225,11 @@ void ZnObject::deleteLater() {
                                         });
     });
     if (!isTaken) // its thread has gone since
-        postToThreadOrFallback(nullptr, std::move(whenStarted));
+        postTask(nullptr, whenStarted, {.whenGone = ZnPostOptions::WhenGone::UseFallback});
 }
 
 void ZnObject::executeBlockingOnThread(zn::atomic::Thread* target, ZnTask function) {
-    runBlocking_(hub_->thread, target, std::move(function));
-}
-
-void ZnObject::runBlocking_(zn::atomic::Thread* from, zn::atomic::Thread* target, ZnTask function) {
-    if (!zn::atomic::Thread::isLive(from))
-        from = zn::atomic::Thread::currentThread();
-    bool isElsewhere = false;
-    zn::atomic::Thread::withLive(target, [&](zn::atomic::Thread& record) {
-        isElsewhere = record.isRunning() && (from == nullptr || !isSameThread(&record, from));
-    });
-    if (!isElsewhere) {
-        function();
-        return;
-    }
-    auto context = std::make_shared<BlockingContext_>();
-    ZnTask task([function = std::move(function), finish = FinishAtEnd_(context)]() mutable { function(); });
-    // A thread that is ending takes nothing more: to keep the task for its next start would let the caller wait for
-    // ever.
-    if (postToRunningThread(target, std::move(task)))
-        context->wait();
+    zn::detail::ZnEmission::runBlocking(hub_->thread, target, std::move(function));
 }
 
 void ZnObject::disconnectReceiver(ZnObject* receiver) {
@@ -299,42 +240,6 @@ void ZnObject::disconnectReceiver(ZnObject* receiver) {
 
 void ZnObject::disconnectAll() {
     zn::detail::ZnConnectionHub::disconnectAll(hub_);
-}
-
-// --- emission
-
-ZnObject::Delivery_ ZnObject::chooseDelivery_(const Emission_& emission, const Connection_& connection,
-                                              zn::atomic::Thread** target) {
-    const ISlotBase& slot = *connection.slot;
-    if (!slot.isConnected() || (slot.hasReceiver() && slot.receiverObject() == nullptr))
-        return Delivery_::Skip;
-    if (connection.type == ZnConnectionType::DirectConnection)
-        return Delivery_::Now;
-    // The usual case first: sender and receiver share a thread record, dead or alive.
-    const bool isAuto = connection.type == ZnConnectionType::AutoConnection;
-    zn::atomic::Thread* owner = slot.receiverThread(); // the receiver itself may be ending on another thread
-    if (isAuto && (!slot.hasReceiver() || owner == emission.senderThread))
-        return Delivery_::Now;
-    *target = zn::atomic::Thread::isLive(owner) ? owner : nullptr;
-    if (connection.type == ZnConnectionType::QueuedConnection)
-        return Delivery_::Post;
-    if (connection.type == ZnConnectionType::BlockingQueuedConnection)
-        return Delivery_::Block;
-    zn::atomic::Thread* sender =
-        zn::atomic::Thread::isLive(emission.senderThread) ? emission.senderThread : zn::atomic::Thread::currentThread();
-    return *target == nullptr || (sender != nullptr && isSameThread(*target, sender)) ? Delivery_::Now
-                                                                                      : Delivery_::Post;
-}
-
-void ZnObject::postDelivery_(zn::atomic::Thread* target, ZnTask task) {
-    postToThreadOrFallback(target, std::move(task));
-}
-
-void ZnObject::blockOnDelivery_(const Emission_& emission, zn::atomic::Thread* target, ZnTask task) {
-    if (emission.sender->get() != nullptr)
-        runBlocking_(emission.senderThread, target, std::move(task));
-    else
-        postDelivery_(target, std::move(task));
 }
 
 // --- signals

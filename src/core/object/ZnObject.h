@@ -1,10 +1,9 @@
 #pragma once
 
 #include "core/object/ZnConnectionHub.h"
+#include "core/object/ZnEmission.h"
 #include "core/object/ZnEvent.h"
 #include "core/object/ZnPointer.h"
-#include "core/object/ZnSlot.h"
-#include "core/object/ZnSlotScope.h"
 #include "core/types/ZnList.h"
 #include "core/types/ZnString.h"
 #include "core/types/ZnTask.h"
@@ -14,10 +13,6 @@
 #include <tuple>
 #include <utility>
 #include <vector>
-
-namespace zn::atomic {
-class Thread;
-}
 
 /// Base of everything that lives on an event loop: a place in a parent and child tree, an owning thread, and
 /// typed signals.
@@ -108,13 +103,13 @@ protected:
     /// slot may end or change what they refer to, and the next slot still gets the values of the emission.
     template <typename Sender, typename... SignalArgs, typename... Args>
     void emitSignal(void (Sender::*signal)(SignalArgs...), const Args&... args) {
-        const ConnectionListRef_ connections = hub_->connectionsOf(SignalKey::of(signal));
+        const zn::detail::ZnConnectionHub::ListRef connections = hub_->connectionsOf(SignalKey::of(signal));
         if (!connections)
             return;
-        const Emission_ emission{hub_, hub_->thread};
+        const zn::detail::ZnEmission emission(hub_, hub_->thread);
         const std::tuple<std::decay_t<SignalArgs>...> values(args...);
-        for (const Connection_& connection : *connections)
-            deliver_(emission, connection, values);
+        for (const zn::detail::ZnConnectionHub::Connection& connection : *connections)
+            emission.deliver(connection, values);
     }
 
     /// Runs `function` on `target` and waits for its end; inline when that is this object's thread, and when the
@@ -122,51 +117,8 @@ protected:
     void executeBlockingOnThread(zn::atomic::Thread* target, ZnTask function);
 
 private:
-    friend class ZnCoreApplication;
+    friend class ZnEventQueue;
     friend zn::detail::ZnPointerControlRef zn::detail::controlOf(const ZnObject* object);
-
-    using Connection_ = zn::detail::ZnConnectionHub::Connection;
-    using ConnectionListRef_ = zn::detail::ZnConnectionHub::ListRef;
-    struct Emission_ {
-        zn::detail::ZnPointerControlRef sender;
-        zn::atomic::Thread* senderThread;
-    };
-    enum class Delivery_ { Skip, Now, Post, Block };
-
-    /// How one connection is served; `*target` is the thread to post to.
-    static Delivery_ chooseDelivery_(const Emission_& emission, const Connection_& connection,
-                                     zn::atomic::Thread** target);
-    static void postDelivery_(zn::atomic::Thread* target, ZnTask task);
-    static void blockOnDelivery_(const Emission_& emission, zn::atomic::Thread* target, ZnTask task);
-    static void runBlocking_(zn::atomic::Thread* from, zn::atomic::Thread* target, ZnTask function);
-
-    template <typename... SlotArgs>
-    static void enterSlot_(ISlotBase& slot, const zn::detail::ZnPointerControlRef& sender,
-                           const std::tuple<SlotArgs...>& values) {
-        const zn::detail::ZnSlotScope scope(slot, sender);
-        if (scope.isEntered())
-            std::apply([&](const auto&... value) { static_cast<ITypedSlot<SlotArgs...>&>(slot).invoke(value...); },
-                       values);
-    }
-
-    template <typename... SlotArgs>
-    static void deliver_(const Emission_& emission, const Connection_& connection,
-                         const std::tuple<SlotArgs...>& values) {
-        zn::atomic::Thread* target = nullptr;
-        const Delivery_ delivery = chooseDelivery_(emission, connection, &target);
-        if (delivery == Delivery_::Skip)
-            return;
-        if (delivery == Delivery_::Now) {
-            enterSlot_(*connection.slot, emission.sender, values);
-            return;
-        }
-        ZnTask task(
-            [slot = connection.slot, sender = emission.sender, values]() { enterSlot_(*slot, sender, values); });
-        if (delivery == Delivery_::Post)
-            postDelivery_(target, std::move(task));
-        else
-            blockOnDelivery_(emission, target, std::move(task));
-    }
 
     /// Whether the owning threads are the same, or one of them is not known.
     static bool sharesThread_(const ZnObject& left, const ZnObject& right);

@@ -1,9 +1,10 @@
 #include "core/platform/ZnConsoleStop.h"
 
+#include "core/types/ZnMutex.h"
+
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <mutex>
 #include <sched.h>
 #include <unistd.h>
 
@@ -20,8 +21,8 @@ struct Node_ {
 std::atomic<Node_*> firstNode{nullptr}; // published with release; pairs with the handler's acquire
 std::atomic<int> handlersRunning{0};    // remove() waits for 0, so that no handler holds its target
 std::atomic<bool> stopSeen{false};      // set by the first stop signal, cleared with the last target
-std::mutex changeMutex;                 // serialises add and remove; never taken in the handler
-int targetCount = 0;                    // guarded by changeMutex
+ZnMutex changeMutex;                    // serialises add and remove; never taken in the handler
+int targetCount ZN_GUARDED_BY(changeMutex) = 0;
 
 void onStopSignal(int signalNumber) {
     const int savedErrno = errno;
@@ -69,7 +70,7 @@ Node_* freeNode() {
 } // namespace
 
 void add(ZnConsoleStopTarget* target) {
-    std::lock_guard<std::mutex> guard(changeMutex);
+    const ZnMutexLocker locker(changeMutex);
     static const bool installed = (installHandlers(), true);
     static_cast<void>(installed);
     ++targetCount;
@@ -84,7 +85,7 @@ void add(ZnConsoleStopTarget* target) {
 }
 
 void remove(ZnConsoleStopTarget* target) {
-    std::lock_guard<std::mutex> guard(changeMutex);
+    const ZnMutexLocker locker(changeMutex);
     for (Node_* node = firstNode.load(std::memory_order_relaxed); node != nullptr; node = node->next) {
         if (node->target.load(std::memory_order_relaxed) == target)
             node->target.store(nullptr, std::memory_order_seq_cst);

@@ -1,5 +1,7 @@
 #include "core/platform/ZnResolver.h"
 
+#include "core/types/ZnMutexUnlocker.h"
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -9,7 +11,6 @@
 #include <fstream>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sstream>
@@ -65,7 +66,7 @@ public:
     }
 
     unsigned long long add(const ZnString& host, Callback_ callback) {
-        std::unique_lock<std::mutex> lock(mutex_);
+        const ZnMutexLocker locker(mutex_);
         const unsigned long long id = ++lastId_;
         hostById_[id] = host;
         const auto [at, isNew] = lookups_.try_emplace(host);
@@ -78,14 +79,14 @@ public:
         provideThread_();
         if (threadCount_ == 0) { // nobody would come to it
             queue_.pop_back();
-            answer_(lock, host, {});
+            answer_(host, {});
         }
         return id;
     }
 
     void withdraw(unsigned long long id) {
         std::map<unsigned long long, Callback_>::node_type dropped; // its captures go when the lock is free
-        std::lock_guard<std::mutex> guard(mutex_);
+        const ZnMutexLocker locker(mutex_);
         const auto host = hostById_.extract(id);
         if (host.empty())
             return;
@@ -103,12 +104,12 @@ public:
     }
 
     void setLookup(ZnResolver::Lookup lookup) {
-        std::lock_guard<std::mutex> guard(mutex_);
+        const ZnMutexLocker locker(mutex_);
         lookup_ = std::move(lookup);
     }
 
     ZnResolver::Lookup lookup() {
-        std::lock_guard<std::mutex> guard(mutex_);
+        const ZnMutexLocker locker(mutex_);
         return lookup_;
     }
 
@@ -121,12 +122,12 @@ private:
         bool isChecked = false;                          // whether it is a name of this machine
     };
 
-    std::size_t permittedThreadCount_() const {
+    std::size_t permittedThreadCount_() const ZN_REQUIRES(mutex_) {
         return ZnResolver::kMaxThreads + std::min(abandonedCount_, ZnResolver::kMaxAbandoned);
     }
 
     /// Sees to it that somebody comes to what has been queued.
-    void provideThread_() {
+    void provideThread_() ZN_REQUIRES(mutex_) {
         // An idle thread that has been woken but has not run yet still counts as idle: compare with what waits.
         if (queue_.size() > idleThreadCount_) {
             if (threadCount_ < permittedThreadCount_())
@@ -158,73 +159,78 @@ private:
     }
 
     void run_() {
-        std::unique_lock<std::mutex> lock(mutex_);
+        const ZnMutexLocker locker(mutex_);
         while (threadCount_ <= permittedThreadCount_()) { // else one that was abandoned has come back
             ++idleThreadCount_;
-            const bool hasWork = wakeUp_.wait_for(lock, kIdleTime_, [this] { return !queue_.empty(); });
+            const auto until = std::chrono::steady_clock::now() + kIdleTime_;
+            while (queue_.empty() && wakeUp_.wait_until(mutex_, until) == std::cv_status::no_timeout) {
+            }
             --idleThreadCount_;
-            if (!hasWork)
+            if (queue_.empty())
                 break;
-            serve_(lock, ZnString(queue_.front()));
+            serve_(ZnString(queue_.front()));
         }
         --threadCount_;
     }
 
     /// Looks through the queue for names of this machine.
     void runLocal_() {
-        std::unique_lock<std::mutex> lock(mutex_);
+        const ZnMutexLocker locker(mutex_);
         do {
             isLocalDue_ = false;
             for (const ZnString& host : std::deque<ZnString>(queue_)) {
                 auto at = lookups_.find(host);
                 if (at == lookups_.end() || at->second.isRunning || std::exchange(at->second.isChecked, true))
                     continue;
-                lock.unlock();
-                const bool isLocal = isLocalName(host);
-                lock.lock();
+                bool isLocal = false;
+                {
+                    const ZnMutexUnlocker unlocker(mutex_);
+                    isLocal = isLocalName(host);
+                }
                 at = lookups_.find(host);
                 if (isLocal && at != lookups_.end() && !at->second.isRunning)
-                    serve_(lock, host);
+                    serve_(host);
             }
         } while (isLocalDue_);
         localThreadRuns_ = false;
     }
 
     /// Takes a name out of the queue and looks it up.
-    void serve_(std::unique_lock<std::mutex>& lock, const ZnString& host) {
+    void serve_(const ZnString& host) ZN_REQUIRES(mutex_) {
         std::erase(queue_, host);
         lookups_[host].isRunning = true;
         const ZnResolver::Lookup lookup = lookup_;
-        lock.unlock();
-        const ZnResolver::Result result = lookup ? lookup(host) : askSystem(host.data(), AF_UNSPEC, 0, nullptr);
-        lock.lock();
-        answer_(lock, host, result);
+        ZnResolver::Result result;
+        {
+            const ZnMutexUnlocker unlocker(mutex_);
+            result = lookup ? lookup(host) : askSystem(host.data(), AF_UNSPEC, 0, nullptr);
+        }
+        answer_(host, result);
     }
 
     /// The lock is free while the callbacks run.
-    void answer_(std::unique_lock<std::mutex>& lock, const ZnString& host, const ZnResolver::Result& result) {
+    void answer_(const ZnString& host, const ZnResolver::Result& result) ZN_REQUIRES(mutex_) {
         const Query_ query = std::move(lookups_.extract(host).mapped());
         abandonedCount_ -= query.waiting.empty() ? 1 : 0;
         for (const auto& [id, callback] : query.waiting)
             hostById_.erase(id);
-        lock.unlock();
+        const ZnMutexUnlocker unlocker(mutex_);
         for (const auto& [id, callback] : query.waiting)
             callback(result);
-        lock.lock();
     }
 
-    std::mutex mutex_;
-    std::condition_variable wakeUp_;
-    std::deque<ZnString> queue_;                      // names that wait for a thread
-    std::map<ZnString, Query_> lookups_;              // names that wait or run, with who asked
-    std::map<unsigned long long, ZnString> hostById_; // of those who wait
-    unsigned long long lastId_ = 0;
-    std::size_t threadCount_ = 0;
-    std::size_t idleThreadCount_ = 0;
-    std::size_t abandonedCount_ = 0; // running lookups that nobody waits for
-    bool localThreadRuns_ = false;
-    bool isLocalDue_ = false;   // names were queued since it has begun its round
-    ZnResolver::Lookup lookup_; // null: the system's
+    ZnMutex mutex_;
+    std::condition_variable_any wakeUp_;
+    std::deque<ZnString> queue_ ZN_GUARDED_BY(mutex_);                      // names that wait for a thread
+    std::map<ZnString, Query_> lookups_ ZN_GUARDED_BY(mutex_);              // names that wait or run, with who asked
+    std::map<unsigned long long, ZnString> hostById_ ZN_GUARDED_BY(mutex_); // of those who wait
+    unsigned long long lastId_ ZN_GUARDED_BY(mutex_) = 0;
+    std::size_t threadCount_ ZN_GUARDED_BY(mutex_) = 0;
+    std::size_t idleThreadCount_ ZN_GUARDED_BY(mutex_) = 0;
+    std::size_t abandonedCount_ ZN_GUARDED_BY(mutex_) = 0; // running lookups that nobody waits for
+    bool localThreadRuns_ ZN_GUARDED_BY(mutex_) = false;
+    bool isLocalDue_ ZN_GUARDED_BY(mutex_) = false;   // names were queued since it has begun its round
+    ZnResolver::Lookup lookup_ ZN_GUARDED_BY(mutex_); // null: the system's
 };
 
 } // namespace

@@ -14,27 +14,64 @@ namespace {
 
 constexpr const char* kCategory = "zn.core.runtime.znthread";
 
-/// The records that may be used; a thread_ pointer counts only while it is in here. A record leaves before it goes, so
-/// who holds the mutex shared keeps every record that he finds.
-struct LiveThreads_ {
-    std::shared_lock<std::shared_mutex> lockForUse() {
-        const std::lock_guard<std::mutex> guard(entrance);
-        return std::shared_lock<std::shared_mutex>(mutex);
+/// A shared lock that a change always gets: who comes later waits behind it. Else a stream of posts would keep it out.
+class ZN_CAPABILITY("shared_mutex") FairLock_ {
+public:
+    void lockForUse() ZN_ACQUIRE_SHARED() {
+        const ZnMutexLocker locker(entrance_);
+        native_.lock_shared();
     }
-    std::unique_lock<std::shared_mutex> lockForChange() {
-        const std::lock_guard<std::mutex> guard(entrance);
-        return std::unique_lock<std::shared_mutex>(mutex);
+    void unlockAfterUse() ZN_RELEASE_GENERIC() { native_.unlock_shared(); }
+    void lockForChange() ZN_ACQUIRE() {
+        const ZnMutexLocker locker(entrance_);
+        native_.lock();
     }
+    void unlockAfterChange() ZN_RELEASE() { native_.unlock(); }
 
-    std::mutex entrance; // taken on the way to the other one only: else a stream of posts would keep a change out
-    std::shared_mutex mutex;
-    std::unordered_set<const Thread*> threads; // guarded by mutex
+private:
+    ZnMutex entrance_; // taken on the way to the other one only
+    std::shared_mutex native_;
+};
+
+/// The records that may be used; a thread_ pointer counts only while it is in here. A record leaves before it is
+/// destroyed, so who holds the lock for use keeps every record that he finds.
+struct LiveThreads_ {
+    FairLock_ lock;
+    std::unordered_set<const Thread*> threads ZN_GUARDED_BY(lock);
 };
 
 LiveThreads_& liveThreads() {
     static LiveThreads_* const set = new LiveThreads_; // threads may outlive static destruction
     return *set;
 }
+
+class ZN_SCOPED_CAPABILITY UseScope_ {
+public:
+    explicit UseScope_(FairLock_& lock) ZN_ACQUIRE_SHARED(lock) : lock_(lock) { lock_.lockForUse(); }
+    ~UseScope_() ZN_RELEASE_GENERIC() { lock_.unlockAfterUse(); }
+    UseScope_(const UseScope_&) = delete;
+    UseScope_& operator=(const UseScope_&) = delete;
+
+private:
+    FairLock_& lock_;
+};
+
+class ZN_SCOPED_CAPABILITY ChangeScope_ {
+public:
+    explicit ChangeScope_(FairLock_& lock) ZN_ACQUIRE(lock) : lock_(lock) { lock_.lockForChange(); }
+    ~ChangeScope_() ZN_RELEASE() { lock_.unlockAfterChange(); }
+    ChangeScope_(const ChangeScope_&) = delete;
+    ChangeScope_& operator=(const ChangeScope_&) = delete;
+
+private:
+    FairLock_& lock_;
+};
+
+/// The record of the fallback thread, which runs to the end of the process.
+struct Fallback_ {
+    ZnMutex mutex;
+    Thread* thread ZN_GUARDED_BY(mutex) = nullptr;
+};
 
 /// Ends an application's loop when it has had its turn, or when it is refused or dropped.
 class QuitAtEnd_ {
@@ -60,7 +97,7 @@ thread_local std::unique_ptr<Thread> adoptedRecord;
 
 Thread::Thread(ZnString name) : name_(std::move(name)), adopted_(false) {
     LiveThreads_& live = liveThreads();
-    const auto guard = live.lockForChange();
+    const ChangeScope_ scope(live.lock);
     live.threads.insert(this);
 }
 
@@ -71,7 +108,7 @@ Thread::Thread(ZnCoreApplication* application, ZnString name, bool adopted)
       adopted_(adopted),
       application_(application) {
     LiveThreads_& live = liveThreads();
-    const auto guard = live.lockForChange();
+    const ChangeScope_ scope(live.lock);
     live.threads.insert(this);
 }
 
@@ -79,7 +116,7 @@ Thread::~Thread() {
     requestStop();
     join();
     LiveThreads_& live = liveThreads();
-    const auto guard = live.lockForChange();
+    const ChangeScope_ scope(live.lock);
     live.threads.erase(this);
     if (currentRecord == this)
         currentRecord = nullptr;
@@ -93,7 +130,7 @@ bool Thread::callIfLive_(Thread* thread, void (*call)(void*, Thread&), void* fun
     if (thread == nullptr)
         return false;
     LiveThreads_& live = liveThreads();
-    const auto guard = live.lockForUse();
+    const UseScope_ scope(live.lock);
     if (live.threads.count(thread) == 0)
         return false;
     call(function, *thread);
@@ -101,7 +138,7 @@ bool Thread::callIfLive_(Thread* thread, void (*call)(void*, Thread&), void* fun
 }
 
 bool Thread::start() {
-    std::lock_guard<std::mutex> once(startOnceMutex_);
+    const ZnMutexLocker once(startOnceMutex_);
     if (adopted_ || isRunning())
         return true;
     if (currentRecord == this) {
@@ -111,16 +148,17 @@ bool Thread::start() {
     }
     join(); // an earlier run
     stopRequested_.store(false, std::memory_order_relaxed);
-    std::unique_lock<std::mutex> lock(startMutex_);
+    const ZnMutexLocker locker(startMutex_);
     started_ = false;
     try {
-        std::lock_guard<std::mutex> guard(joinMutex_);
+        const ZnMutexLocker joinLocker(joinMutex_);
         handle_ = std::thread([this] { run_(); });
     } catch (const std::system_error& error) {
         ZN_LOG_ERROR(kCategory, "Thread::start") << "Failed to start thread: " << error.what();
         return false;
     }
-    startCondition_.wait(lock, [this] { return started_; });
+    while (!started_)
+        startCondition_.wait(startMutex_);
     return !hasNoRuntime_; // it ran, even if its work has ended by now
 }
 
@@ -132,12 +170,13 @@ void Thread::requestStop() {
         if (application == nullptr)
             return;
         ZnTask quit{QuitAtEnd_(application)};
-        application->tryPostOnLane(quit, ZnFiberPool::kFirstLane);
+        application->post(quit,
+                          {.lane = ZnFiberPool::kFirstLane, .whenFull = ZnPostOptions::WhenFull::RefuseInSilence});
     });
 }
 
 void Thread::join() {
-    std::lock_guard<std::mutex> guard(joinMutex_);
+    const ZnMutexLocker locker(joinMutex_);
     if (handle_.joinable())
         handle_.join();
 }
@@ -163,13 +202,16 @@ void Thread::run_() {
     } while (poller);
     currentRecord = nullptr;
     if (deleteAtEnd_) {
-        handle_.detach();
+        {
+            const ZnMutexLocker locker(joinMutex_);
+            handle_.detach();
+        }
         delete this;
     }
 }
 
 void Thread::noteStart_(bool hasRuntime) {
-    std::lock_guard<std::mutex> guard(startMutex_);
+    const ZnMutexLocker locker(startMutex_);
     started_ = true;
     hasNoRuntime_ = !hasRuntime;
     // Under the lock: whoever waits may destroy the record as soon as it has seen `started_`.
@@ -180,21 +222,21 @@ void Thread::runLoop_(std::unique_ptr<ZnPoller> poller) {
     auto application = std::make_unique<ZnCoreApplication>(std::move(poller), isHelper_); // attaches itself
     running_.store(true, std::memory_order_release);
     noteStart_(true);
-    callSafely_(onStart_, "onStart");
+    callSafely_(&Thread::onStart_, "onStart");
     if (!stopRequested_.load(std::memory_order_acquire))
         application->exec(0);
     // Objects on parked stacks must not stay in the sight of others when the stacks go.
     application->unwindFibers();
     application.reset(); // detaches itself
     running_.store(false, std::memory_order_release);
-    callSafely_(onFinish_, "onFinish");
+    callSafely_(&Thread::onFinish_, "onFinish");
 }
 
-void Thread::callSafely_(const std::function<void()>& callback, const char* name) {
+void Thread::callSafely_(std::function<void()> Thread::*callback, const char* name) {
     std::function<void()> copy;
     {
-        std::lock_guard<std::mutex> guard(callbackMutex_);
-        copy = callback;
+        const ZnMutexLocker locker(callbackMutex_);
+        copy = this->*callback;
     }
     if (!copy)
         return;
@@ -208,12 +250,12 @@ void Thread::callSafely_(const std::function<void()>& callback, const char* name
 }
 
 void Thread::setOnStart(std::function<void()> callback) {
-    std::lock_guard<std::mutex> guard(callbackMutex_);
+    const ZnMutexLocker locker(callbackMutex_);
     onStart_ = std::move(callback);
 }
 
 void Thread::setOnFinish(std::function<void()> callback) {
-    std::lock_guard<std::mutex> guard(callbackMutex_);
+    const ZnMutexLocker locker(callbackMutex_);
     onFinish_ = std::move(callback);
 }
 
@@ -226,18 +268,27 @@ Thread* Thread::currentThread() {
 }
 
 Thread* Thread::fallbackThread() {
-    static std::mutex mutex;
-    static Thread* thread = nullptr; // guarded by mutex; runs to the end of the process
-    const std::lock_guard<std::mutex> guard(mutex);
-    if (thread == nullptr) {
+    static Fallback_& fallback = *new Fallback_; // threads may outlive static destruction
+    const ZnMutexLocker locker(fallback.mutex);
+    if (fallback.thread == nullptr) {
         auto record = std::make_unique<Thread>("ZnFallbackCoreThread");
         // A stop of the process's loops ends those of others; this one still serves what is deleted after that.
         record->keepsRunning_ = true;
         record->setHelper();
         if (record->start())
-            thread = record.release(); // else the next need tries again
+            fallback.thread = record.release(); // else the next need tries again
     }
-    return thread;
+    return fallback.thread;
+}
+
+ZnPostResult Thread::offer(ZnTask& task, ZnPostOptions options, ZnFiberPool::Rejection* rejection) {
+    const ZnMutexLocker locker(appMutex_);
+    if (application_ != nullptr)
+        return application_->offer(task, options, rejection) ? ZnPostResult::Queued : ZnPostResult::Full;
+    if (options.whenNotRunning == ZnPostOptions::WhenNotRunning::Refuse)
+        return ZnPostResult::NotRunning;
+    pending_.push_back({std::move(task), options});
+    return ZnPostResult::Kept;
 }
 
 void Thread::attachApplication(ZnCoreApplication* application) {
@@ -248,7 +299,7 @@ void Thread::attachApplication(ZnCoreApplication* application) {
 void Thread::attach_(ZnCoreApplication* application) {
     std::vector<Pending_> pending;
     {
-        std::lock_guard<std::mutex> guard(appMutex_);
+        const ZnMutexLocker locker(appMutex_);
         application_ = application;
         if (adopted_)
             running_.store(application != nullptr, std::memory_order_release);
@@ -256,7 +307,7 @@ void Thread::attach_(ZnCoreApplication* application) {
             pending.swap(pending_);
     }
     for (Pending_& entry : pending)
-        application->postEventOnLane(std::move(entry.task), entry.lane);
+        application->post(entry.task, entry.options);
 }
 
 } // namespace zn::atomic

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/runtime/ZnPost.h"
 #include "core/types/ZnMutex.h"
 #include "core/types/ZnString.h"
 #include "core/types/ZnTask.h"
@@ -9,7 +10,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -49,6 +49,10 @@ public:
     bool isRunning() const noexcept { return running_.load(std::memory_order_acquire); }
     /// The system's id of the thread, 0 before it has run.
     std::uint32_t threadId() const noexcept { return threadId_.load(std::memory_order_acquire); }
+    /// Whether both are records of one thread of the system.
+    bool isSameAs(const Thread& other) const noexcept {
+        return this == &other || (threadId() != 0 && threadId() == other.threadId());
+    }
     const ZnString& name() const noexcept { return name_; }
 
     /// Run on the thread before its loop begins and after its runtime is gone. An exception ends there, with a line in
@@ -74,9 +78,12 @@ public:
     /// may post; it must not do anything that waits.
     template <typename Function>
     auto withApplication(Function function) {
-        std::lock_guard<std::mutex> guard(appMutex_);
+        const ZnMutexLocker locker(appMutex_);
         return function(application_);
     }
+    /// The heart of postTask(): posts on the thread's application, or does what the options say. What the log has to
+    /// say is left to the caller: see ZnCoreApplication::offer.
+    ZnPostResult offer(ZnTask& task, ZnPostOptions options, ZnFiberPool::Rejection* rejection);
     /// Called by an application on its own thread when it comes (`application`) and goes (null).
     static void attachApplication(ZnCoreApplication* application);
 
@@ -84,17 +91,17 @@ public:
     /// `fallback`.
     template <typename Result, typename Function>
     Result withApplicationOrPending(ZnTask& task, int lane, Result fallback, Function function) {
-        std::lock_guard<std::mutex> guard(appMutex_);
+        const ZnMutexLocker locker(appMutex_);
         if (application_ != nullptr)
             return function(*application_);
-        pending_.push_back({std::move(task), lane});
+        pending_.push_back({std::move(task), {.lane = lane}});
         return fallback;
     }
 
 private:
     struct Pending_ {
         ZnTask task;
-        int lane;
+        ZnPostOptions options;
     };
 
     static bool callIfLive_(Thread* thread, void (*call)(void*, Thread&), void* function);
@@ -102,11 +109,11 @@ private:
     void runLoop_(std::unique_ptr<ZnPoller> poller);
     void noteStart_(bool hasRuntime);
     void attach_(ZnCoreApplication* application);
-    void callSafely_(const std::function<void()>& callback, const char* name);
+    void callSafely_(std::function<void()> Thread::*callback, const char* name);
 
     const ZnString name_;
-    std::mutex joinMutex_;                   // held while joining, for several waiters
-    std::thread handle_;                     // guarded by joinMutex_
+    ZnMutex joinMutex_; // held while joining, for several waiters
+    std::thread handle_ ZN_GUARDED_BY(joinMutex_);
     bool deleteAtEnd_ = false;               // on the thread itself
     std::atomic<std::uint32_t> threadId_{0}; // set on the thread itself; pairs with threadId()
     std::atomic<bool> running_{false};
@@ -115,19 +122,19 @@ private:
     bool isHelper_ = false;     // set before the start, as is the next one
     bool keepsRunning_ = false; // its loop begins anew unless requestStop() was called
 
-    std::mutex appMutex_;
-    ZnCoreApplication* application_ = nullptr; // guarded by appMutex_, as is pending_
-    std::vector<Pending_> pending_;            // posts from before the application
+    ZnMutex appMutex_;
+    ZnCoreApplication* application_ ZN_GUARDED_BY(appMutex_) = nullptr;
+    std::vector<Pending_> pending_ ZN_GUARDED_BY(appMutex_); // posts from before the application
 
-    std::mutex startOnceMutex_; // held by start(), before joinMutex_ and startMutex_
-    std::mutex startMutex_;
-    std::condition_variable startCondition_;
-    bool started_ = false;      // guarded by startMutex_: the runtime is there, or cannot be made
-    bool hasNoRuntime_ = false; // guarded by startMutex_
+    ZnMutex startOnceMutex_; // held by start(), before joinMutex_ and startMutex_
+    ZnMutex startMutex_;
+    std::condition_variable_any startCondition_;
+    bool started_ ZN_GUARDED_BY(startMutex_) = false; // the runtime is there, or cannot be made
+    bool hasNoRuntime_ ZN_GUARDED_BY(startMutex_) = false;
 
-    std::mutex callbackMutex_;
-    std::function<void()> onStart_;  // guarded by callbackMutex_
-    std::function<void()> onFinish_; // guarded by callbackMutex_
+    ZnMutex callbackMutex_;
+    std::function<void()> onStart_ ZN_GUARDED_BY(callbackMutex_);
+    std::function<void()> onFinish_ ZN_GUARDED_BY(callbackMutex_);
 };
 
 } // namespace zn::atomic

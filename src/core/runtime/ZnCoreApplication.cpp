@@ -25,8 +25,8 @@ thread_local ZnCoreApplication* currentApplication = nullptr;
 
 /// Every application of the process by its thread, for wake-ups that come from other threads.
 struct ApplicationMap_ {
-    std::mutex mutex;
-    std::map<std::uint32_t, ZnCoreApplication*> byThread; // guarded by mutex
+    ZnMutex mutex;
+    std::map<std::uint32_t, ZnCoreApplication*> byThread ZN_GUARDED_BY(mutex);
 };
 
 ApplicationMap_& applicationMap() {
@@ -58,7 +58,7 @@ ZnCoreApplication::ZnCoreApplication(std::unique_ptr<ZnPoller> poller, bool isHe
     setEventFiberStackSize(0);
     {
         ApplicationMap_& map = applicationMap();
-        std::lock_guard<std::mutex> guard(map.mutex);
+        const ZnMutexLocker locker(map.mutex);
         map.byThread[threadId_] = this;
     }
     zn::atomic::Thread::attachApplication(this);
@@ -70,20 +70,15 @@ ZnCoreApplication::~ZnCoreApplication() {
     zn::atomic::Thread::attachApplication(nullptr); // from here on posts from other threads are kept or go elsewhere
     while (!runningLoops_.empty()) // they may outlive this application, or go with their fibers' stacks
         runningLoops_.front()->leaveRunning_();
-    destroyWaitingObjects_();
+    events_.deleteWaitingObjects();
     for (int lane = 0; lane < ZnFiberPool::kLaneCount; ++lane)
         reportRejections_(lane);
     ioDispatcher_.shutdown();
     fiberPool_.shutdown();
-    destroyWaitingObjects_(); // what the captures of dropped tasks let go of
-    {
-        ZnTimerTable dropped; // the callbacks are destroyed without the lock
-        ZnMutexLocker locker(loopMutex_);
-        std::swap(dropped, timers_);
-        dropped.cancelAll();
-    }
+    events_.deleteWaitingObjects(); // what the captures of dropped tasks let go of
+    timers_.clear();
     ApplicationMap_& map = applicationMap();
-    std::lock_guard<std::mutex> guard(map.mutex);
+    const ZnMutexLocker locker(map.mutex);
     map.byThread.erase(threadId_);
     currentApplication = nullptr;
 }
@@ -199,12 +194,12 @@ long long ZnCoreApplication::processEvents_(long long nowNs) {
         serveTheStarved_(nowNs);
     if (fiberPool_.hasLaneZeroWork() && fiberPool_.runNextWorkItem())
         return 0;
-    if (deliverOneOf_(&ZnCoreApplication::highEvents_))
+    if (events_.deliverOneHigh())
         return 0;
-    const long long nextTimerNs = timerPass_(nowNs);
+    const long long nextTimerNs = timers_.postDue(nowNs);
     if (fiberPool_.hasQueuedWork() && fiberPool_.runNextWorkItem())
         return 0;
-    if (deliverOneOf_(&ZnCoreApplication::normalEvents_))
+    if (events_.deliverOneNormal())
         return 0;
     return nextTimerNs;
 }
@@ -213,7 +208,7 @@ void ZnCoreApplication::serveTheStarved_(long long nowNs) {
     workSinceLook_ = 0;
     lastLookNs_ = nowNs;
     ioDispatcher_.pollAndDispatch(0);
-    for (unsigned i = 0; i < kWorkPerLook && deliverOneOf_(&ZnCoreApplication::normalEvents_); ++i) {
+    for (unsigned i = 0; i < kWorkPerLook && events_.deliverOneNormal(); ++i) {
         if (monotonicNowNs() - nowNs >= kLongestBetweenLooksNs)
             break;
     }
@@ -232,22 +227,34 @@ bool ZnCoreApplication::requestStop() noexcept {
 
 // --- posts
 
-bool ZnCoreApplication::tryPostOnLane(ZnTask& task, int lane, ZnFiberPool::Purpose purpose) {
-    if (!fiberPool_.submit(task, lane, purpose))
-        return false;
+bool ZnCoreApplication::post(ZnTask& task, ZnPostOptions options) {
+    ZnFiberPool::Rejection rejection;
+    if (offer(task, options, &rejection))
+        return true;
+    logRejected(rejection);
+    return false;
+}
+
+bool ZnCoreApplication::offer(ZnTask& task, ZnPostOptions options, ZnFiberPool::Rejection* rejection) {
+    if (!fiberPool_.submit(task, options.lane, options.purpose))
+        return onFull_(task, options, rejection);
     if (currentApplication != this)
         poller_->wake();
     return true;
 }
 
-bool ZnCoreApplication::postEventOnLane(ZnTask task, int lane) {
-    if (tryPostOnLane(task, lane))
-        return true;
-    logRejected(countRejected(lane));
-    return false;
+bool ZnCoreApplication::onFull_(ZnTask& task, ZnPostOptions options, ZnFiberPool::Rejection* rejection) {
+    switch (options.whenFull) {
+    case ZnPostOptions::WhenFull::Refuse: *rejection = countRejected_(options.lane); return false;
+    case ZnPostOptions::WhenFull::RefuseInSilence: return false;
+    case ZnPostOptions::WhenFull::Wait: break;
+    }
+    // Timers that find no room fire later, but do fire.
+    addTimer([late = std::make_shared<ZnTask>(std::move(task))] { (*late)(); }, 1, true, options.lane);
+    return true;
 }
 
-ZnFiberPool::Rejection ZnCoreApplication::countRejected(int lane) {
+ZnFiberPool::Rejection ZnCoreApplication::countRejected_(int lane) {
     const ZnFiberPool::Rejection rejection = fiberPool_.countRejected(lane);
     if (rejection.isFirst) {
         const int knownLane = rejection.lane;
@@ -276,7 +283,8 @@ void ZnCoreApplication::postEvent(ZnObject* receiver, ZnEvent* event, int priori
     if (event == nullptr || !control)
         return;
     zn::atomic::Thread* const ownerThread = control->thread;
-    const auto queued = std::make_shared<QueuedEvent_>(QueuedEvent_{std::move(control), std::move(owned)});
+    const auto queued =
+        std::make_shared<ZnEventQueue::Queued>(ZnEventQueue::Queued{std::move(control), std::move(owned)});
     if (ownerThread == zn::atomic::Thread::currentThread() && currentApplication != nullptr) {
         currentApplication->queueEvent_(std::move(*queued), priority);
         return;
@@ -294,273 +302,21 @@ void ZnCoreApplication::postEvent(ZnObject* receiver, ZnEvent* event, int priori
         queueEvent_(std::move(*queued), priority);
 }
 
-void ZnCoreApplication::queueDeletion(ZnObject* object) {
-    queueEvent_({zn::detail::controlOf(object), std::make_unique<ZnDeferredDeleteEvent>()}, 0);
-}
-
-void ZnCoreApplication::queueEvent_(QueuedEvent_ queued, int priority) {
-    {
-        ZnMutexLocker locker(loopMutex_);
-        (priority >= 1 ? highEvents_ : normalEvents_).push_back(std::move(queued));
-        queuedEventCount_.fetch_add(1, std::memory_order_release);
-    }
-    if (currentApplication != this)
-        poller_->wake();
-}
-
-namespace {
-
-struct PostOutcome_ {
-    bool isAccepted = false; // else the task is kept for later, or refused and still the caller's
-    ZnFiberPool::Rejection rejection;
-};
-
-PostOutcome_ offerTo(ZnCoreApplication& application, ZnTask& task, int lane) {
-    if (application.tryPostOnLane(task, lane))
-        return {true, {}};
-    return {false, application.countRejected(lane)};
-}
-
-PostOutcome_ offer(zn::atomic::Thread& target, ZnTask& task, int lane) {
-    return target.withApplicationOrPending(
-        task, lane, PostOutcome_(), [&](ZnCoreApplication& application) { return offerTo(application, task, lane); });
-}
-
-} // namespace
-
-bool postToThread(zn::atomic::Thread* target, ZnTask task, int lane) {
-    const PostOutcome_ outcome = offer(*target, task, lane);
-    ZnCoreApplication::logRejected(outcome.rejection);
-    return outcome.isAccepted; // a refused task is destroyed here, without the thread's lock
-}
-
-bool postToThreadIfLive(zn::atomic::Thread* target, ZnTask& task, int lane, bool* isAccepted) {
-    PostOutcome_ outcome;
-    ZnTask offered = std::move(task);
-    if (!zn::atomic::Thread::withLive(target,
-                                      [&](zn::atomic::Thread& record) { outcome = offer(record, offered, lane); })) {
-        task = std::move(offered);
-        return false;
-    }
-    ZnCoreApplication::logRejected(outcome.rejection);
-    if (isAccepted != nullptr)
-        *isAccepted = outcome.isAccepted;
-    return true;
-}
-
-bool postToRunningThread(zn::atomic::Thread* target, ZnTask task, int lane) {
-    PostOutcome_ outcome;
-    zn::atomic::Thread::withLive(target, [&](zn::atomic::Thread& record) {
-        record.withApplication([&](ZnCoreApplication* application) {
-            if (application != nullptr)
-                outcome = offerTo(*application, task, lane);
-        });
-    });
-    ZnCoreApplication::logRejected(outcome.rejection);
-    return outcome.isAccepted;
-}
-
-bool postToThreadOrFallback(zn::atomic::Thread* target, ZnTask task, int lane) {
-    bool isAccepted = false;
-    if (postToThreadIfLive(target, task, lane, &isAccepted))
-        return isAccepted;
-    target = zn::atomic::Thread::currentThread();
-    if (target == nullptr)
-        target = zn::atomic::Thread::fallbackThread();
-    return target != nullptr && postToThread(target, std::move(task), lane);
-}
-
-// --- object events
-
-bool ZnCoreApplication::deliverOneOf_(std::deque<QueuedEvent_> ZnCoreApplication::*queue) {
-    if (queuedEventCount_.load(std::memory_order_acquire) == 0)
-        return false;
-    QueuedEvent_ queued;
-    {
-        ZnMutexLocker locker(loopMutex_);
-        std::deque<QueuedEvent_>& events = this->*queue;
-        if (events.empty())
-            return false;
-        queued = std::move(events.front());
-        events.pop_front();
-        queuedEventCount_.fetch_sub(1, std::memory_order_relaxed);
-    }
-    deliver_(std::move(queued));
-    return true;
-}
-
-void ZnCoreApplication::deliver_(QueuedEvent_ queued) {
-    // On the loop's own context, so that an exception would leave exec().
-    try {
-        if (ZnObject* receiver = queued.receiver->get())
-            notify(receiver, queued.event.get());
-        ZnObject* left = queued.receiver->get();
-        if (left != nullptr && queued.event->type == ZnEvent::kDeferredDelete)
-            left->deletionRefused_();
-    } catch (const std::exception& error) {
-        ZN_LOG_ERROR(kCategory, "ZnCoreApplication::deliver_")
-            << "Unhandled exception in object event: " << error.what();
-    } catch (...) {
-        ZN_LOG_ERROR(kCategory, "ZnCoreApplication::deliver_") << "Unhandled unknown exception in object event";
-    }
-}
-
-bool ZnCoreApplication::notify(ZnObject* receiver, ZnEvent* event) {
-    const zn::detail::ZnPointerControlRef control = zn::detail::controlIfLive(receiver);
-    if (event == nullptr || !control)
-        return false;
-    const bool wasInDelivery = event->inDelivery;
-    event->inDelivery = true;
-    bool handled = false;
-    if (runFilters_(eventFilters_, control, event) ||
-        (control->get() != nullptr && runFilters_(receiver->eventFilters_, control, event))) {
-        event->accepted = true;
-        handled = true;
-    } else if (control->get() != nullptr) {
-        handled = receiver->event(event);
-    }
-    event->inDelivery = wasInDelivery;
-    return handled;
-}
-
-bool ZnCoreApplication::runFilters_(const std::vector<zn::detail::ZnPointerControlRef>& filters,
-                                    const zn::detail::ZnPointerControlRef& receiver, ZnEvent* event) {
-    if (filters.empty())
-        return false;
-    const std::vector<zn::detail::ZnPointerControlRef> copy = filters; // a filter may change the list
-    for (auto at = copy.rbegin(); at != copy.rend(); ++at) {
-        ZnObject* filter = (*at)->get();
-        ZnObject* watched = receiver->get();
-        if (filter == nullptr || watched == nullptr || !ZnObject::sharesThread_(*filter, *watched))
-            continue;
-        if (filter->eventFilter(watched, event))
-            return true;
-    }
-    return false;
-}
-
-void ZnCoreApplication::installEventFilter(ZnObject* filter) {
-    if (zn::detail::ZnPointerControlRef control = zn::detail::controlIfLive(filter))
-        eventFilters_.push_back(std::move(control));
-}
-
-void ZnCoreApplication::destroyWaitingObjects_() {
-    std::deque<QueuedEvent_> queued;
-    do {
-        queued.clear();
-        ZnMutexLocker locker(loopMutex_);
-        queued.swap(normalEvents_);
-        queuedEventCount_.fetch_sub(static_cast<int>(queued.size()), std::memory_order_relaxed);
-    } while (deleteReceivers_(queued));
-}
-
-bool ZnCoreApplication::deleteReceivers_(std::deque<QueuedEvent_>& queued) {
-    for (QueuedEvent_& entry : queued) {
-        ZnObject* receiver = entry.receiver->get();
-        if (receiver != nullptr && entry.event->type == ZnEvent::kDeferredDelete)
-            delete receiver;
-    }
-    return !queued.empty();
-}
-
-// --- timers
-
-/// The closure of one firing. If the pool drops it, the timer goes back in line: a firing is late, not lost.
-class ZnCoreApplication::TimerFire_ {
-public:
-    TimerFire_(ZnCoreApplication& application, std::shared_ptr<ZnTimerRecord> record)
-        : application_(&application), record_(std::move(record)) {}
-    TimerFire_(TimerFire_&& other) noexcept = default;
-    TimerFire_& operator=(TimerFire_&&) = delete;
-    ~TimerFire_() {
-        if (record_)
-            application_->putTimerBack_(record_, monotonicNowNs());
-    }
-    void operator()() {
-        const std::shared_ptr<ZnTimerRecord> record = std::move(record_);
-        application_->fireTimer_(record);
-    }
-
-private:
-    ZnCoreApplication* application_;
-    std::shared_ptr<ZnTimerRecord> record_;
-};
-
 int ZnCoreApplication::addTimer(std::function<void()> callback, int intervalUs, bool singleShot, int lane) {
-    const long long intervalNs = std::max(intervalUs, 1) * kNsPerUs;
-    int id = 0;
-    {
-        ZnMutexLocker locker(loopMutex_);
-        id = timers_.add(std::move(callback), intervalNs, singleShot, lane, monotonicNowNs() + intervalNs)->id;
-        mirrorNextTimer_();
-    }
+    const int id = timers_.add(std::move(callback), intervalUs, singleShot, lane);
     if (currentApplication != this)
         poller_->wake();
     return id;
 }
 
-void ZnCoreApplication::removeTimer(int id) {
-    std::shared_ptr<ZnTimerRecord> removed; // destroyed without the lock
-    ZnMutexLocker locker(loopMutex_);
-    removed = timers_.remove(id);
-    mirrorNextTimer_();
+void ZnCoreApplication::queueDeletion(ZnObject* object) {
+    queueEvent_({zn::detail::controlOf(object), std::make_unique<ZnDeferredDeleteEvent>()}, 0);
 }
 
-void ZnCoreApplication::mirrorNextTimer_() {
-    nextTimerDueNs_.store(timers_.nextDueNs(), std::memory_order_release);
-}
-
-long long ZnCoreApplication::timerPass_(long long nowNs) {
-    const long long dueNs = nextTimerDueNs_.load(std::memory_order_acquire);
-    if (dueNs < 0)
-        return -1;
-    if (dueNs > nowNs)
-        return dueNs - nowNs;
-    bool allPosted = true;
-    for (std::size_t group = 0; group < ZnTimerTable::kGroupCount; ++group)
-        allPosted = postDueTimers_(group, nowNs) && allPosted;
-    const long long nextDueNs = nextTimerDueNs_.load(std::memory_order_acquire);
-    if (!allPosted) // the pool is full of work, which goes first
-        return 0;
-    return nextDueNs < 0 ? -1 : std::max(nextDueNs - nowNs, 0LL);
-}
-
-bool ZnCoreApplication::postDueTimers_(std::size_t group, long long nowNs) {
-    for (;;) {
-        std::shared_ptr<ZnTimerRecord> record;
-        {
-            ZnMutexLocker locker(loopMutex_);
-            const ZnTimerRecord* next = timers_.next(group);
-            if (next == nullptr || next->dueNs > nowNs)
-                return true;
-            if (!fiberPool_.canAccept(next->lane, ZnFiberPool::Purpose::WakeUp))
-                return false;
-            record = timers_.takeNext(group);
-            mirrorNextTimer_();
-        }
-        const int lane = record->lane;
-        ZnTask fire(TimerFire_(*this, std::move(record)));
-        if (!tryPostOnLane(fire, lane, ZnFiberPool::Purpose::WakeUp))
-            return false; // another thread took the room; the timer goes back in line
-    }
-}
-
-void ZnCoreApplication::fireTimer_(const std::shared_ptr<ZnTimerRecord>& record) {
-    if (record->cancelled.load(std::memory_order_acquire))
-        return;
-    if (record->singleShot) {
-        ZnMutexLocker locker(loopMutex_);
-        timers_.forget(record->id);
-    } else {
-        putTimerBack_(record, monotonicNowNs() + record->intervalNs);
-    }
-    record->callback();
-}
-
-void ZnCoreApplication::putTimerBack_(const std::shared_ptr<ZnTimerRecord>& record, long long dueNs) {
-    ZnMutexLocker locker(loopMutex_);
-    timers_.putBack(record, dueNs);
-    mirrorNextTimer_();
+void ZnCoreApplication::queueEvent_(ZnEventQueue::Queued&& queued, int priority) {
+    events_.add(std::move(queued), priority);
+    if (currentApplication != this)
+        poller_->wake();
 }
 
 // --- parked fibers
@@ -569,7 +325,7 @@ bool unblockFiber(int waitId, int lane) {
     if (currentApplication != nullptr && currentApplication->fiberPool().unblock(waitId, lane))
         return true;
     ApplicationMap_& map = applicationMap();
-    std::lock_guard<std::mutex> guard(map.mutex);
+    const ZnMutexLocker locker(map.mutex);
     for (const auto& [threadId, application] : map.byThread) {
         if (application != currentApplication && application->fiberPool().unblock(waitId, lane)) {
             application->wake();

@@ -1,23 +1,21 @@
 #pragma once
 
-#include "core/object/ZnEvent.h"
-#include "core/object/ZnPointer.h"
 #include "core/platform/ZnConsoleStop.h"
 #include "core/platform/ZnPoller.h"
 #include "core/runtime/Thread.h"
+#include "core/runtime/ZnEventQueue.h"
 #include "core/runtime/ZnFiberPool.h"
 #include "core/runtime/ZnIoDispatcher.h"
 #include "core/runtime/ZnLoadMeter.h"
-#include "core/runtime/ZnTimerTable.h"
+#include "core/runtime/ZnPost.h"
+#include "core/runtime/ZnTimerQueue.h"
 #include "core/types/ZnMap.h"
 #include "core/types/ZnString.h"
 #include "core/types/ZnTask.h"
 
-#include <deque>
 #include <functional>
 #include <list>
 #include <memory>
-#include <vector>
 
 class ZnEventLoop;
 
@@ -63,15 +61,17 @@ public:
     /// fibers run to their ends. Nothing else runs meanwhile: what is queued stays queued.
     void unwindFibers();
 
-    /// Queues `task` on lane 2. Any thread. False: refused (the pool is saturated) and the task destroyed.
-    bool postEvent(ZnTask task) { return postEventOnLane(std::move(task), ZnFiberPool::kDefaultLane); }
-    bool postEventOnLane(ZnTask task, int lane);
-    /// As postEventOnLane, but a refused task stays with the caller and nothing is logged.
-    bool tryPostOnLane(ZnTask& task, int lane, ZnFiberPool::Purpose purpose = ZnFiberPool::Purpose::NewWork);
-    /// Counts a post that was refused. The log tells of the first one of a burst at once, of the others with their
-    /// number a second later. Any thread; not under a lock that comes behind loopMutex_.
-    ZnFiberPool::Rejection countRejected(int lane);
-    /// The line about a first refusal; nothing for others. To be called without a lock.
+    /// Queues `task` for a fiber of this application. False: the pool is full, and the task still the caller's. Any
+    /// thread.
+    bool post(ZnTask& task, ZnPostOptions options = {});
+    /// As post(), on lane 2 or another one; a refused task is destroyed. Any thread.
+    bool postEvent(ZnTask task) { return post(task); }
+    bool postEventOnLane(ZnTask task, int lane) { return post(task, {.lane = lane}); }
+    bool tryPostOnLane(ZnTask& task, int lane) {
+        return post(task, {.lane = lane, .whenFull = ZnPostOptions::WhenFull::RefuseInSilence});
+    }
+    /// As post(), but what the log has to say is left to the caller, who may hold a lock here but not in logRejected().
+    bool offer(ZnTask& task, ZnPostOptions options, ZnFiberPool::Rejection* rejection);
     static void logRejected(const ZnFiberPool::Rejection& rejection);
     /// Queues an object event and takes it over. Priority 1 and above goes before timers and lanes 1 to 3. Never
     /// refused. Any thread.
@@ -80,14 +80,14 @@ public:
     void queueDeletion(ZnObject* object);
     /// Delivers at once: filters of the application, of the receiver, then the receiver. The caller keeps the event.
     bool sendEvent(ZnObject* receiver, ZnEvent* event) { return notify(receiver, event); }
-    bool notify(ZnObject* receiver, ZnEvent* event);
+    bool notify(ZnObject* receiver, ZnEvent* event) { return events_.notify(receiver, event); }
     /// `filter` sees every event delivered on this thread; the latest filter goes first.
-    void installEventFilter(ZnObject* filter);
+    void installEventFilter(ZnObject* filter) { events_.installFilter(filter); }
 
     /// Calls `callback` after `intervalUs` microseconds (at least 1), once or repeatedly, on `lane`. Any thread.
     int addTimer(std::function<void()> callback, int intervalUs, bool singleShot, int lane);
     /// After it returns on the loop's thread the callback does not begin any more. Any thread.
-    void removeTimer(int id);
+    void removeTimer(int id) { timers_.remove(id); }
 
     /// Bytes of each fiber's stack, 0 for the default; only before the first post.
     void setEventFiberStackSize(int bytes);
@@ -110,35 +110,17 @@ public:
 private:
     friend class ZnEventLoop;
 
-    struct QueuedEvent_ {
-        zn::detail::ZnPointerControlRef receiver;
-        std::unique_ptr<ZnEvent> event;
-    };
-
     void parseCommandLine_(int argc, char** argv);
     bool requestStop() noexcept override; // async-signal-safe
 
     bool runLoop_(const std::function<bool()>* isDone, long long deadlineNs);
     /// At most one unit of work. Returns nanoseconds until the next look: 0 at once, -1 when woken.
     long long processEvents_(long long nowNs);
-    /// Delivers the front of normalEvents_ or highEvents_; false when it is empty.
-    bool deliverOneOf_(std::deque<QueuedEvent_> ZnCoreApplication::*queue);
-    void deliver_(QueuedEvent_ queued);
-    void queueEvent_(QueuedEvent_ queued, int priority);
-    bool runFilters_(const std::vector<zn::detail::ZnPointerControlRef>& filters,
-                     const zn::detail::ZnPointerControlRef& receiver, ZnEvent* event);
-    /// Posts the timers that are due, as many as there is room for. Returns nanoseconds to the next look, or -1.
-    long long timerPass_(long long nowNs);
-    /// False when there was no room for all of them.
-    bool postDueTimers_(std::size_t group, long long nowNs);
-    class TimerFire_;
-    void fireTimer_(const std::shared_ptr<ZnTimerRecord>& record);
-    void putTimerBack_(const std::shared_ptr<ZnTimerRecord>& record, long long dueNs);
-    void mirrorNextTimer_() ZN_REQUIRES(loopMutex_);
+    void queueEvent_(ZnEventQueue::Queued&& queued, int priority);
     void serveTheStarved_(long long nowNs);
+    bool onFull_(ZnTask& task, ZnPostOptions options, ZnFiberPool::Rejection* rejection);
+    ZnFiberPool::Rejection countRejected_(int lane);
     void reportRejections_(int lane);
-    void destroyWaitingObjects_();
-    static bool deleteReceivers_(std::deque<QueuedEvent_>& queued);
 
     std::atomic<bool> running_{true}; // cleared by quit() and the console; pairs with isQuitRequested()
     const bool isHelper_;
@@ -148,37 +130,16 @@ private:
     ZnFiberContext mainFiber_; // the loop's own context
     ZnFiberPool fiberPool_;
     ZnMap<ZnString, ZnString> parsedOptions_; // immutable after construction
-    std::vector<zn::detail::ZnPointerControlRef> eventFilters_;
     ZnLoadMeter loadMeter_;
     std::list<ZnEventLoop*> runningLoops_; // whose exec() has not ended
     bool endingWaits_ = false;
     long long lastLookNs_ = 0;   // when the loop last looked into the poller
     unsigned workSinceLook_ = 0; // units of work since then
 
-    ZnMutex loopMutex_; // before the pool's lock; never held while user code runs
-    std::deque<QueuedEvent_> normalEvents_ ZN_GUARDED_BY(loopMutex_); // priority below 1
-    std::deque<QueuedEvent_> highEvents_ ZN_GUARDED_BY(loopMutex_);   // priority 1 and above
-    std::atomic<int> queuedEventCount_{0}; // a hint that spares the lock; changed under loopMutex_
-    ZnTimerTable timers_ ZN_GUARDED_BY(loopMutex_);
-    std::atomic<long long> nextTimerDueNs_{-1}; // mirrors timers_: -1 for none
-
+    ZnEventQueue events_;
+    ZnTimerQueue timers_{fiberPool_};
     ZnIoDispatcher ioDispatcher_; // last: its entries hold closures of this application
 };
-
-/// Queues `task` on the target's application, or keeps it until the target has one. Returns whether it was
-/// queued; a task refused by a saturated pool is destroyed. Any thread.
-bool postToThread(zn::atomic::Thread* target, ZnTask task, int lane = ZnFiberPool::kDefaultLane);
-
-/// As postToThread for a target that may be null or going on another thread. False, with the task as it was, when it
-/// has gone; else true, and `*isAccepted` (may be null) is what postToThread gives.
-bool postToThreadIfLive(zn::atomic::Thread* target, ZnTask& task, int lane, bool* isAccepted = nullptr);
-
-/// Queues `task` on a target that may be null or gone, if it has an application now. Else, or when the pool is
-/// saturated (which is logged), the task is destroyed and the result is false.
-bool postToRunningThread(zn::atomic::Thread* target, ZnTask task, int lane = ZnFiberPool::kDefaultLane);
-
-/// As postToThread for a target that may be null or gone: then the current thread, the fallback thread.
-bool postToThreadOrFallback(zn::atomic::Thread* target, ZnTask task, int lane = ZnFiberPool::kDefaultLane);
 
 /// Resumes the fiber that is parked under `waitId`, in this thread's pool or any other. Returns whether it was found.
 bool unblockFiber(int waitId, int lane);

@@ -1,6 +1,7 @@
 #include "core/runtime/ZnFiberPool.h"
 
 #include "core/object/ZnLiveObjects.h"
+#include "core/object/ZnSlotScope.h"
 #include "core/types/ZnAssert.h"
 #include "core/types/ZnLogger.h"
 
@@ -14,8 +15,6 @@ namespace {
 constexpr const char* kCategory = "zn.core.runtime.znfiberpool";
 constexpr int kDefaultStackBytes = 131072;
 constexpr std::array<int, 3> kLaneCredits = {8, 4, 1};
-/// Slots are made so many at a time, and so many idle ones are kept beyond the warm ones.
-constexpr std::size_t kGroupSlots = 64;
 /// A fiber that is to unwind and waits more often than this does not mean to end.
 constexpr int kMaxRefusedWaits = 1000;
 
@@ -67,28 +66,13 @@ void ZnFiberPool::ensureWarmedUp() {
         return;
     ZnMutexLocker locker(lock_);
     const auto target = static_cast<std::size_t>(warmTarget());
-    if (target > 0 && !addGroup_(target, true))
+    if (target > 0 && !slots_.addGroup(target, stackBytes_(), true))
         ZN_LOG_ERROR(kCategory, "ZnFiberPool::ensureWarmedUp") << "Failed to create fiber. Error: " << errno;
     warmedUp_.store(true, std::memory_order_release);
 }
 
-bool ZnFiberPool::addGroup_(std::size_t slotCount, bool isWarm) {
-    auto group = std::make_unique<StackGroup_>(slotCount, static_cast<std::size_t>(config_.stackSize) * kStackFactor);
-    if (!group->stacks.isValid())
-        return false;
-    group->isWarm = isWarm;
-    std::vector<FiberSlot_*>& idle = isWarm ? idleWarm_ : idleGrown_;
-    idle.reserve(idle.size() + slotCount);
-    for (std::size_t i = slotCount; i-- > 0;) { // the last one added is the first one used
-        FiberSlot_& slot = group->slots[i];
-        slot.pool = this;
-        slot.group = group.get();
-        slot.stackIndex = i;
-        idle.push_back(&slot);
-    }
-    (isWarm ? warmSlotCount_ : grownSlotCount_) += static_cast<int>(slotCount);
-    groups_.push_back(std::move(group));
-    return true;
+std::size_t ZnFiberPool::stackBytes_() const {
+    return static_cast<std::size_t>(config_.stackSize) * kStackFactor;
 }
 
 int ZnFiberPool::capacityOf_(int lane) const {
@@ -175,34 +159,19 @@ int ZnFiberPool::laneByCredits_() {
     return -1;
 }
 
-ZnFiberPool::FiberSlot_* ZnFiberPool::acquireSlot_() {
-    if (idleWarm_.empty() && idleGrown_.empty() && !addGroup_(kGroupSlots, false))
-        return nullptr;
-    FiberSlot_* slot = popBack_(idleWarm_.empty() ? idleGrown_ : idleWarm_);
-    slot->idle = false;
-    ++slot->group->busyCount;
-    return slot;
-}
-
-ZnFiberPool::FiberSlot_* ZnFiberPool::popBack_(std::vector<FiberSlot_*>& slots) {
-    FiberSlot_* slot = slots.back();
-    slots.pop_back();
-    return slot;
-}
-
-ZnFiberPool::FiberSlot_* ZnFiberPool::takeReady_(int lane) {
-    std::deque<FiberSlot_*>& queue = readyQueues_[static_cast<std::size_t>(lane)];
-    FiberSlot_* slot = queue.front();
+ZnFiberSlot* ZnFiberPool::takeReady_(int lane) {
+    std::deque<ZnFiberSlot*>& queue = readyQueues_[static_cast<std::size_t>(lane)];
+    ZnFiberSlot* slot = queue.front();
     queue.pop_front();
     slot->resumeLane = lane;
     return slot;
 }
 
-ZnFiberPool::FiberSlot_* ZnFiberPool::takeTask_(int lane, ZnTask* dropped) {
+ZnFiberSlot* ZnFiberPool::takeTask_(int lane, ZnTask* dropped) {
     std::deque<ZnTask>& queue = taskQueues_[static_cast<std::size_t>(lane)];
     ZnTask task = std::move(queue.front());
     queue.pop_front();
-    FiberSlot_* slot = mainFiber_ == nullptr ? nullptr : acquireSlot_();
+    ZnFiberSlot* slot = mainFiber_ == nullptr ? nullptr : slots_.acquire(stackBytes_());
     if (slot == nullptr) {
         load_.fetch_sub(1, std::memory_order_relaxed);
         ++rejectedCount_;
@@ -221,7 +190,7 @@ ZnFiberPool::FiberSlot_* ZnFiberPool::takeTask_(int lane, ZnTask* dropped) {
 bool ZnFiberPool::runNextWorkItem() {
     ensureWarmedUp();
     ZnTask dropped; // destroyed without the lock: its captures may do anything
-    FiberSlot_* slot = nullptr;
+    ZnFiberSlot* slot = nullptr;
     {
         ZnMutexLocker locker(lock_);
         const int lane = chooseLane_();
@@ -244,7 +213,7 @@ void ZnFiberPool::logDropped_() {
         << "Dropping queued fiber task because no dispatch slot is available.";
 }
 
-bool ZnFiberPool::makeContext_(FiberSlot_& slot) {
+bool ZnFiberPool::makeContext_(ZnFiberSlot& slot) {
     ZnFiberStacks& stacks = slot.group->stacks;
     if (void* stack = stacks.prepare(slot.stackIndex)) {
         slot.fiber = std::make_unique<ZnFiberContext>(stack, stacks.stackBytes(), &fiberEntry_, &slot);
@@ -259,7 +228,7 @@ bool ZnFiberPool::makeContext_(FiberSlot_& slot) {
     return false;
 }
 
-void ZnFiberPool::switchTo_(FiberSlot_& slot) {
+void ZnFiberPool::switchTo_(ZnFiberSlot& slot) {
     ZN_ASSERT(current_ == nullptr);
     current_ = &slot;
     // Each stack has a chain of slot scopes of its own. The loop's is put away; a parked fiber brings its own back.
@@ -272,28 +241,20 @@ void ZnFiberPool::switchTo_(FiberSlot_& slot) {
 }
 
 void ZnFiberPool::freeSpareGroups_() {
-    std::vector<std::unique_ptr<StackGroup_>> freed; // unmapped without the lock
+    ZnFiberSlots::Groups spare; // unmapped without the lock
     ZnMutexLocker locker(lock_);
-    for (std::size_t i = groups_.size(); i-- > 0 && idleGrown_.size() > kGroupSlots;) {
-        if (groups_[i]->isWarm || groups_[i]->busyCount > 0)
-            continue;
-        const auto isOfGroup = [group = groups_[i].get()](const FiberSlot_* slot) { return slot->group == group; };
-        idleGrown_.erase(std::remove_if(idleGrown_.begin(), idleGrown_.end(), isOfGroup), idleGrown_.end());
-        grownSlotCount_ -= static_cast<int>(groups_[i]->slots.size());
-        freed.push_back(std::move(groups_[i]));
-        groups_.erase(groups_.begin() + static_cast<std::ptrdiff_t>(i));
-    }
+    spare = slots_.takeSpare();
 }
 
 void ZnFiberPool::fiberEntry_(void* argument) {
-    FiberSlot_& slot = *static_cast<FiberSlot_*>(argument);
+    ZnFiberSlot& slot = *static_cast<ZnFiberSlot*>(argument);
     for (;;) {
         slot.pool->runTask_(slot);
         slot.fiber->switchTo(*slot.pool->mainFiber_);
     }
 }
 
-void ZnFiberPool::runTask_(FiberSlot_& slot) {
+void ZnFiberPool::runTask_(ZnFiberSlot& slot) {
     executeCallbackSafely_(slot.task);
     ZnMutexLocker locker(lock_);
     slot.fresh = false;
@@ -301,12 +262,9 @@ void ZnFiberPool::runTask_(FiberSlot_& slot) {
     freeSlot_(slot);
 }
 
-void ZnFiberPool::freeSlot_(FiberSlot_& slot) {
-    slot.waitId = 0;
-    slot.idle = true;
-    --slot.group->busyCount;
+void ZnFiberPool::freeSlot_(ZnFiberSlot& slot) {
     load_.fetch_sub(1, std::memory_order_relaxed);
-    (slot.group->isWarm ? idleWarm_ : idleGrown_).push_back(&slot);
+    slots_.release(slot);
 }
 
 void ZnFiberPool::executeCallbackSafely_(ZnTask& task) {
@@ -323,19 +281,19 @@ void ZnFiberPool::executeCallbackSafely_(ZnTask& task) {
     task.reset();
 }
 
-bool ZnFiberPool::mayPark_(FiberSlot_& slot) const {
+bool ZnFiberPool::mayPark_(ZnFiberSlot& slot) const {
     return !isUnwinding_ || ++slot.refusedWaits > kMaxRefusedWaits;
 }
 
 void ZnFiberPool::yieldCurrent(int waitId, const std::atomic<bool>* alreadyWoken) {
-    FiberSlot_* slot = current_;
+    ZnFiberSlot* slot = current_;
     if (slot == nullptr || mainFiber_ == nullptr || !mayPark_(*slot))
         return;
     {
         ZnMutexLocker locker(lock_);
         if (alreadyWoken != nullptr && alreadyWoken->load(std::memory_order_acquire))
             return;
-        FiberSlot_*& entry = blocked_[waitId];
+        ZnFiberSlot*& entry = blocked_[waitId];
         if (entry != nullptr)
             entry->waitId = 0;
         entry = slot;
@@ -353,13 +311,13 @@ bool ZnFiberPool::unblock(int waitId, int lane) {
     const auto at = blocked_.find(waitId);
     if (at == blocked_.end())
         return false;
-    FiberSlot_* slot = at->second;
+    ZnFiberSlot* slot = at->second;
     blocked_.erase(at);
     makeReady_(*slot, laneIndex_(lane));
     return true;
 }
 
-void ZnFiberPool::makeReady_(FiberSlot_& slot, int lane) {
+void ZnFiberPool::makeReady_(ZnFiberSlot& slot, int lane) {
     slot.waitId = 0;
     load_.fetch_add(1, std::memory_order_relaxed);
     parkedCount_.fetch_sub(1, std::memory_order_relaxed);
@@ -376,12 +334,12 @@ void ZnFiberPool::unwindParked() {
             makeReady_(*slot, kFirstLane);
         blocked_.clear();
     }
-    while (FiberSlot_* slot = takeAnyReady_())
+    while (ZnFiberSlot* slot = takeAnyReady_())
         switchTo_(*slot);
     isUnwinding_ = false;
 }
 
-ZnFiberPool::FiberSlot_* ZnFiberPool::takeAnyReady_() {
+ZnFiberSlot* ZnFiberPool::takeAnyReady_() {
     ZnMutexLocker locker(lock_);
     for (int lane = 0; lane < kLaneCount; ++lane) {
         if (readyQueues_[static_cast<std::size_t>(lane)].empty())
@@ -395,16 +353,17 @@ ZnFiberPool::FiberSlot_* ZnFiberPool::takeAnyReady_() {
 FiberPoolStats ZnFiberPool::stats() const {
     ZnMutexLocker locker(lock_);
     FiberPoolStats stats;
-    stats.warmSlotCount = warmSlotCount_;
-    stats.spilloverSlotCount = grownSlotCount_;
-    stats.idleSlotCount = static_cast<int>(idleWarm_.size() + idleGrown_.size());
+    stats.warmSlotCount = slots_.warmCount();
+    stats.spilloverSlotCount = slots_.grownCount();
+    stats.idleSlotCount = slots_.idleCount();
     stats.blockedCount = static_cast<int>(blocked_.size());
     int readyCount = 0;
     for (int lane = 0; lane < kLaneCount; ++lane) {
         stats.laneDepth[static_cast<std::size_t>(lane)] = depthOf_(lane);
         readyCount += static_cast<int>(readyQueues_[static_cast<std::size_t>(lane)].size());
     }
-    stats.runningSlotCount = warmSlotCount_ + grownSlotCount_ - stats.idleSlotCount - stats.blockedCount - readyCount;
+    stats.runningSlotCount =
+        stats.warmSlotCount + stats.spilloverSlotCount - stats.idleSlotCount - stats.blockedCount - readyCount;
     stats.rejected = rejectedCount_;
     stats.completed = completedCount_;
     stats.reused = reusedCount_;
@@ -415,28 +374,25 @@ FiberPoolStats ZnFiberPool::stats() const {
 void ZnFiberPool::shutdown() {
     // Destroyed from the last to the first: queued tasks, then what the slots hold, and the stacks at the very end, as
     // captures may point into them.
-    std::vector<std::unique_ptr<StackGroup_>> groups;
+    ZnFiberSlots::Groups groups;
     std::array<std::deque<ZnTask>, kLaneCount> tasks;
     {
         ZnMutexLocker locker(lock_);
         tasks.swap(taskQueues_);
-        groups.swap(groups_);
-        for (std::deque<FiberSlot_*>& queue : readyQueues_)
+        groups = slots_.takeAll();
+        for (std::deque<ZnFiberSlot*>& queue : readyQueues_)
             queue.clear();
         blocked_.clear();
-        idleWarm_.clear();
-        idleGrown_.clear();
-        warmSlotCount_ = grownSlotCount_ = 0;
         queuedCount_.store(0, std::memory_order_relaxed);
         laneZeroCount_.store(0, std::memory_order_relaxed);
         load_.store(0, std::memory_order_relaxed);
         parkedCount_.store(0, std::memory_order_relaxed);
         warmedUp_.store(false, std::memory_order_release);
     }
-    for (const std::unique_ptr<StackGroup_>& group : groups) {
+    for (const std::unique_ptr<ZnStackGroup>& group : groups) {
         if (group->busyCount > 0) // fibers that are dropped without unwinding
             ZnLiveObjects::instance().forgetWithin(group->stacks.begin(), group->stacks.end());
-        for (FiberSlot_& slot : group->slots)
+        for (ZnFiberSlot& slot : group->slots)
             slot.task.reset();
     }
 }

@@ -1,31 +1,17 @@
 #pragma once
 
-#include "core/object/ZnSlotScope.h"
 #include "core/platform/ZnFiberContext.h"
+#include "core/runtime/FiberPoolStats.h"
+#include "core/runtime/ZnFiberSlots.h"
 #include "core/types/ZnMutex.h"
 #include "core/types/ZnTask.h"
 
 #include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <memory>
 #include <unordered_map>
-#include <vector>
-
-/// A moment's counts of a pool.
-struct FiberPoolStats {
-    int warmSlotCount = 0;
-    int spilloverSlotCount = 0; // slots beyond the warm ones
-    int idleSlotCount = 0;
-    int runningSlotCount = 0;
-    int blockedCount = 0;
-    std::array<int, 4> laneDepth = {};
-    std::uint64_t rejected = 0; // refused posts, and tasks dropped for want of a slot
-    std::uint64_t completed = 0;
-    std::uint64_t reused = 0; // tasks given to a slot that had run one before
-    std::array<int, 4> peakDepth = {};
-};
 
 /// Runs every closure of an application on a stack of its own, so that a callback may wait by parking its fiber
 /// while the loop serves others.
@@ -52,7 +38,7 @@ public:
 
     /// What a post is for. Timers and readiness are wake-ups: they are accepted however many fibers are parked, since
     /// they may be what those wait for. There are never more of them than timers and handles.
-    enum class Purpose { NewWork, WakeUp };
+    enum class Purpose : std::uint8_t { NewWork, WakeUp };
 
     ZnFiberPool();
     ~ZnFiberPool();
@@ -106,55 +92,30 @@ public:
     void shutdown();
 
 private:
-    struct StackGroup_;
-    struct FiberSlot_ {
-        ZnFiberPool* pool = nullptr;
-        StackGroup_* group = nullptr;
-        std::size_t stackIndex = 0;
-        std::unique_ptr<ZnFiberContext> fiber; // made at first use
-        ZnTask task;
-        int resumeLane = kDefaultLane;
-        int waitId = 0;       // non-zero while parked
-        int refusedWaits = 0; // while the parked ones are unwound
-        bool idle = true;
-        bool fresh = true; // until its first task has ended
-    };
-    /// The stacks of one mapping with their slots. The first group is the warm one and stays; the others come and go.
-    struct StackGroup_ {
-        StackGroup_(std::size_t stackCount, std::size_t stackBytes)
-            : stacks(stackCount, stackBytes), slots(stackCount) {}
-        ZnFiberStacks stacks;
-        std::vector<FiberSlot_> slots; // never resized: fibers hold the addresses
-        int busyCount = 0;
-        bool isWarm = false;
-    };
-
     static void fiberEntry_(void* argument);
     static int laneIndex_(int lane) { return lane < 0 || lane >= kLaneCount ? kLaneCount - 1 : lane; }
     static void executeCallbackSafely_(ZnTask& task);
-    void runTask_(FiberSlot_& slot);
-    bool makeContext_(FiberSlot_& slot);
-    void freeSlot_(FiberSlot_& slot) ZN_REQUIRES(lock_);
+    void runTask_(ZnFiberSlot& slot);
+    bool makeContext_(ZnFiberSlot& slot);
+    void freeSlot_(ZnFiberSlot& slot) ZN_REQUIRES(lock_);
     static void logDropped_();
     int capacityOf_(int lane) const;
+    std::size_t stackBytes_() const ZN_REQUIRES(lock_);
     int depthOf_(int lane) const ZN_REQUIRES(lock_);
     void noteDepth_(int lane) ZN_REQUIRES(lock_);
     int chooseLane_() ZN_REQUIRES(lock_);
     int laneByCredits_() ZN_REQUIRES(lock_);
-    bool addGroup_(std::size_t slotCount, bool isWarm) ZN_REQUIRES(lock_);
     void freeSpareGroups_();
-    FiberSlot_* acquireSlot_() ZN_REQUIRES(lock_);
-    static FiberSlot_* popBack_(std::vector<FiberSlot_*>& slots);
-    FiberSlot_* takeReady_(int lane) ZN_REQUIRES(lock_);
-    FiberSlot_* takeTask_(int lane, ZnTask* dropped) ZN_REQUIRES(lock_);
-    FiberSlot_* takeAnyReady_();
-    void switchTo_(FiberSlot_& slot);
-    bool mayPark_(FiberSlot_& slot) const;
+    ZnFiberSlot* takeReady_(int lane) ZN_REQUIRES(lock_);
+    ZnFiberSlot* takeTask_(int lane, ZnTask* dropped) ZN_REQUIRES(lock_);
+    ZnFiberSlot* takeAnyReady_();
+    void switchTo_(ZnFiberSlot& slot);
+    bool mayPark_(ZnFiberSlot& slot) const;
     void noteTaken_(int lane) ZN_REQUIRES(lock_);
-    void makeReady_(FiberSlot_& slot, int lane) ZN_REQUIRES(lock_);
+    void makeReady_(ZnFiberSlot& slot, int lane) ZN_REQUIRES(lock_);
 
     ZnFiberContext* mainFiber_ = nullptr;
-    FiberSlot_* current_ = nullptr; // owner thread only, as is the next one
+    ZnFiberSlot* current_ = nullptr; // owner thread only, as is the next one
     bool isUnwinding_ = false;
     std::atomic<bool> warmedUp_{false};
     std::atomic<int> queuedCount_{0};   // ready slots and tasks of all lanes; changed under lock_
@@ -165,17 +126,13 @@ private:
     std::atomic<int> spilloverLimit_{16};
     std::atomic<int> parkedLimit_{4000};
 
-    mutable ZnMutex lock_; // after an application's loopMutex_; never held across a switch
+    mutable ZnMutex lock_; // leaf lock; never held across a switch
     Config config_ ZN_GUARDED_BY(lock_);
-    std::vector<std::unique_ptr<StackGroup_>> groups_ ZN_GUARDED_BY(lock_);
-    std::vector<FiberSlot_*> idleWarm_ ZN_GUARDED_BY(lock_);  // last in, first out: warm stacks stay warm
-    std::vector<FiberSlot_*> idleGrown_ ZN_GUARDED_BY(lock_); // likewise, of the other groups
-    std::array<std::deque<FiberSlot_*>, kLaneCount> readyQueues_ ZN_GUARDED_BY(lock_);
+    ZnFiberSlots slots_ ZN_GUARDED_BY(lock_){this};
+    std::array<std::deque<ZnFiberSlot*>, kLaneCount> readyQueues_ ZN_GUARDED_BY(lock_);
     std::array<std::deque<ZnTask>, kLaneCount> taskQueues_ ZN_GUARDED_BY(lock_);
-    std::unordered_map<int, FiberSlot_*> blocked_ ZN_GUARDED_BY(lock_);
+    std::unordered_map<int, ZnFiberSlot*> blocked_ ZN_GUARDED_BY(lock_);
     std::array<int, 3> laneCredits_ ZN_GUARDED_BY(lock_) = {8, 4, 1};
-    int warmSlotCount_ ZN_GUARDED_BY(lock_) = 0;
-    int grownSlotCount_ ZN_GUARDED_BY(lock_) = 0;
     std::uint64_t rejectedCount_ ZN_GUARDED_BY(lock_) = 0;
     std::uint64_t completedCount_ ZN_GUARDED_BY(lock_) = 0;
     std::uint64_t reusedCount_ ZN_GUARDED_BY(lock_) = 0;

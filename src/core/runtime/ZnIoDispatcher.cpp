@@ -9,6 +9,10 @@
 namespace {
 constexpr const char* kCategory = "zn.core.runtime.zniodispatcher";
 constexpr unsigned kSignalled = 1; // the only bit that readiness produces
+/// A refused drain does not wait in line as a task: its entry does, without an allocation, and goes ahead of what the
+/// poller reports later.
+constexpr ZnPostOptions kDrainPost{.purpose = ZnFiberPool::Purpose::WakeUp,
+                                   .whenFull = ZnPostOptions::WhenFull::RefuseInSilence};
 } // namespace
 
 /// The closure of one round. If it is destroyed without having run (dropped by the pool), the entry must not
@@ -73,7 +77,7 @@ unsigned long long ZnIoDispatcher::watchHandle(std::shared_ptr<ZnWaitHandle> han
 }
 
 unsigned long long ZnIoDispatcher::insert_(std::shared_ptr<Entry_> entry) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    const ZnMutexLocker locker(mutex_);
     // Inside the lock, so that unwatch from another thread finds either nothing or a registered handle.
     if (shuttingDown_ || !poller_.add(entry->handle->descriptor(), entry.get()))
         return 0;
@@ -84,7 +88,7 @@ unsigned long long ZnIoDispatcher::insert_(std::shared_ptr<Entry_> entry) {
 void ZnIoDispatcher::unwatch(unsigned long long id) {
     std::shared_ptr<Entry_> entry;
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        const ZnMutexLocker locker(mutex_);
         const auto at = entries_.find(id);
         if (at == entries_.end())
             return;
@@ -98,13 +102,13 @@ void ZnIoDispatcher::retire_(std::shared_ptr<Entry_> entry) {
     entry->active.store(false, std::memory_order_release);
     poller_.remove(entry->handle->descriptor());
     // The loop may hold the entry's address in the batch that it works through now: it frees it afterwards.
-    std::lock_guard<std::mutex> guard(mutex_);
+    const ZnMutexLocker locker(mutex_);
     retired_.push_back(std::move(entry));
     hasRetired_.store(true, std::memory_order_release);
 }
 
 std::shared_ptr<ZnIoDispatcher::Entry_> ZnIoDispatcher::find_(unsigned long long id) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    const ZnMutexLocker locker(mutex_);
     const auto at = entries_.find(id);
     return at == entries_.end() ? nullptr : at->second;
 }
@@ -125,7 +129,7 @@ void ZnIoDispatcher::dispatch_(const std::shared_ptr<Entry_>& entry, unsigned ma
         return; // merged with the round that is under way
     // A refused task goes back through Drain_'s destructor into the deferred entries.
     ZnTask task(Drain_{entry});
-    application_.tryPostOnLane(task, ZnFiberPool::kDefaultLane, ZnFiberPool::Purpose::WakeUp);
+    application_.post(task, kDrainPost);
 }
 
 void ZnIoDispatcher::drainEnded_(const std::shared_ptr<Entry_>& entry) {
@@ -136,7 +140,7 @@ void ZnIoDispatcher::drainEnded_(const std::shared_ptr<Entry_>& entry) {
 }
 
 void ZnIoDispatcher::defer_(std::shared_ptr<Entry_> entry) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    const ZnMutexLocker locker(mutex_);
     if (shuttingDown_)
         return;
     deferred_.push_back(std::move(entry)); // stays marked as scheduled, so it is here once at most
@@ -149,7 +153,7 @@ void ZnIoDispatcher::dispatchDeferred() {
         return;
     std::vector<std::shared_ptr<Entry_>> ready;
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        const ZnMutexLocker locker(mutex_);
         const auto count = std::min(deferred_.size(), static_cast<std::size_t>(room));
         const auto middle = deferred_.begin() + static_cast<std::ptrdiff_t>(count);
         ready.assign(std::make_move_iterator(deferred_.begin()), std::make_move_iterator(middle));
@@ -158,7 +162,7 @@ void ZnIoDispatcher::dispatchDeferred() {
     }
     for (std::shared_ptr<Entry_>& entry : ready) {
         ZnTask task(Drain_{std::move(entry)});
-        application_.tryPostOnLane(task, ZnFiberPool::kDefaultLane, ZnFiberPool::Purpose::WakeUp);
+        application_.post(task, kDrainPost);
     }
 }
 
@@ -169,7 +173,7 @@ int ZnIoDispatcher::room_() const {
 void ZnIoDispatcher::pollAndDispatch(long long timeoutNs) {
     if (hasRetired_.exchange(false, std::memory_order_acq_rel)) {
         std::vector<std::shared_ptr<Entry_>> retired; // freed without the lock
-        std::lock_guard<std::mutex> guard(mutex_);
+        const ZnMutexLocker locker(mutex_);
         retired.swap(retired_);
     }
     const int room = room_();
@@ -188,7 +192,7 @@ void ZnIoDispatcher::shutdown() {
     std::unordered_map<unsigned long long, std::shared_ptr<Entry_>> entries;
     std::deque<std::shared_ptr<Entry_>> deferred;
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        const ZnMutexLocker locker(mutex_);
         shuttingDown_ = true;
         entries.swap(entries_);
         deferred.swap(deferred_);

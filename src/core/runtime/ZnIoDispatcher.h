@@ -2,13 +2,13 @@
 
 #include "core/platform/ZnPoller.h"
 #include "core/platform/ZnWaitHandle.h"
+#include "core/types/ZnMutex.h"
 
 #include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <unordered_map>
 #include <vector>
 
@@ -72,10 +72,11 @@ private:
     std::atomic<int> deferredCount_{0}; // mirrors deferred_; changed under mutex_
     std::atomic<bool> hasRetired_{false};
 
-    std::mutex mutex_; // guards the fields below; nothing is called while it is held
-    std::unordered_map<unsigned long long, std::shared_ptr<Entry_>> entries_;
-    std::deque<std::shared_ptr<Entry_>> deferred_; // marked, but the pool had no room
-    std::vector<std::shared_ptr<Entry_>> retired_; // kept until the loop has finished the batch it may be in
-    unsigned long long nextId_ = 1;
-    bool shuttingDown_ = false;
+    ZnMutex mutex_; // leaf lock: nothing is called while it is held
+    std::unordered_map<unsigned long long, std::shared_ptr<Entry_>> entries_ ZN_GUARDED_BY(mutex_);
+    std::deque<std::shared_ptr<Entry_>> deferred_ ZN_GUARDED_BY(mutex_); // marked, but the pool had no room
+    // Kept until the loop has finished the batch it may be in.
+    std::vector<std::shared_ptr<Entry_>> retired_ ZN_GUARDED_BY(mutex_);
+    unsigned long long nextId_ ZN_GUARDED_BY(mutex_) = 1;
+    bool shuttingDown_ ZN_GUARDED_BY(mutex_) = false;
 };

@@ -37,9 +37,9 @@ bool ZnThread::start() {
             self->run();
     });
     // Not kept for a later start when the thread has ended already.
-    thread_->withApplication([&](ZnCoreApplication* application) {
-        return application != nullptr && application->tryPostOnLane(callRun, ZnFiberPool::kDefaultLane);
-    });
+    postTask(*thread_, callRun,
+             {.whenFull = ZnPostOptions::WhenFull::RefuseInSilence,
+              .whenNotRunning = ZnPostOptions::WhenNotRunning::Refuse});
     return true;
 }
 

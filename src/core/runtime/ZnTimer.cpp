@@ -45,7 +45,7 @@ bool ZnTimer::forwardToOwner_(std::function<void(ZnTimer*)> call) {
         if (self)
             call(self.get());
     });
-    postToThreadIfLive(owner, forwarded, ZnFiberPool::kDefaultLane); // a thread that has gone has no timers
+    postTask(owner, forwarded); // a thread that has gone has no timers
     return true;
 }
 

@@ -14,6 +14,7 @@ class Sender : public ZnObject {
 public:
     ZN_OBJECT(Sender, ZnObject)
     void changed(int value) { emitSignal(&Sender::changed, value); }
+    void said(const ZnString& words) { emitSignal(&Sender::said, words); }
 };
 
 class Receiver : public ZnObject {
@@ -141,24 +142,18 @@ TEST_F(ZnObjectTest, ADeletionThatAFilterStopsMayBeAskedForAgain) {
     EXPECT_TRUE(runUntil([&] { return !object; }));
 }
 
-class Named : public ZnObject {
-public:
-    ZN_OBJECT(Named, ZnObject)
-    void said(const ZnString& words) { emitSignal(&Named::said, words); }
-    ZnString text = "a text that is too long to lie inside the string itself";
-};
-
 TEST_F(ZnObjectTest, SlotsGetTheValuesOfTheEmissionWhateverTheOnesBeforeThemDo) {
-    auto* sender = new Named;
-    const ZnString expected = sender->text;
-    sender->connect(&Named::said, [&](const ZnString&) { sender->text = "changed"; });
-    sender->connect(&Named::said, [&](const ZnString& text) {
+    auto* sender = new Sender;
+    const ZnString expected = "a text that is too long to lie inside the string itself";
+    sender->setObjectName(expected);
+    sender->connect(&Sender::said, [&] { sender->setObjectName("changed"); });
+    sender->connect(&Sender::said, [&](const ZnString& text) {
         EXPECT_EQ(text, expected);
         delete sender;
     });
     ZnString last;
-    sender->connect(&Named::said, [&](const ZnString& text) { last = text; });
-    sender->said(sender->text);
+    sender->connect(&Sender::said, [&](const ZnString& text) { last = text; });
+    sender->said(sender->objectName()); // a reference into the sender
     EXPECT_EQ(last, expected);
 }
 
@@ -195,102 +190,93 @@ TEST_F(ZnObjectTest, DirectSlotsOnSeveralThreadsSeeTheirOwnSender) {
     EXPECT_EQ(receiver.sender(), nullptr); // no slot runs
 }
 
-/// An object that lives on a thread of its own and tells where its events arrive.
-class RemoteReceiver {
-public:
+/// A thread with a receiver of its own, which tells where its events arrive.
+class RemoteTest : public ZnObjectTest {
+protected:
     class Object : public Receiver {
     public:
         bool event(ZnEvent* event) override {
             if (event->type == 100)
-                delivered.set_value(std::this_thread::get_id());
+                deliveredOn = std::this_thread::get_id();
             return Receiver::event(event);
         }
-        std::promise<std::thread::id> delivered;
+        std::atomic<std::thread::id> deliveredOn;
     };
 
-    RemoteReceiver() : thread_("remote") {
-        std::promise<Object*> made;
-        thread_.setOnStart([&] { made.set_value(new Object); });
-        thread_.start();
-        object_ = made.get_future().get();
+    RemoteTest() {
+        remote_.start();
+        std::promise<void> made;
+        postToThread(&remote_, [&] { object_ = new Object, made.set_value(); });
+        made.get_future().wait();
     }
-    ~RemoteReceiver() {
-        if (thread_.isRunning())
+    ~RemoteTest() override {
+        if (remote_.isRunning())
             object_->deleteLater();
-        thread_.requestStop();
-        thread_.join();
+        remote_.requestStop();
+        remote_.join();
     }
-    Object* object() { return object_; }
-    zn::atomic::Thread& thread() { return thread_; }
 
-private:
-    zn::atomic::Thread thread_;
-    Object* object_;
+    const ZnConnectionType kBlocking_ = ZnConnectionType::BlockingQueuedConnection;
+    zn::atomic::Thread remote_{"remote"};
+    Object* object_ = nullptr;
+    Sender sender_;
 };
 
-TEST_F(ZnObjectTest, EventsAndSignalsCrossThreads) {
-    RemoteReceiver remote;
-    application_.postEvent(remote.object(), new ZnEvent(100), 0);
-    EXPECT_NE(remote.object()->delivered.get_future().get(), std::this_thread::get_id());
+TEST_F(RemoteTest, EventsAndSignalsCrossThreads) {
+    application_.postEvent(object_, new ZnEvent(100), 0);
+    std::atomic<std::thread::id> autoThread;
+    sender_.connect(&Sender::changed, object_, [&] { autoThread = std::this_thread::get_id(); });
+    sender_.changed(1);
+    const std::thread::id own = std::this_thread::get_id();
+    for (const std::atomic<std::thread::id>* thread : {&object_->deliveredOn, &autoThread}) {
+        EXPECT_TRUE(pollUntil([&] { return thread->load() != std::thread::id(); }));
+        EXPECT_NE(thread->load(), own);
+    }
+}
 
-    Sender sender;
-    std::promise<std::thread::id> autoThread;
-    sender.connect(&Sender::changed, remote.object(), [&](int) { autoThread.set_value(std::this_thread::get_id()); });
-    sender.changed(1);
-    EXPECT_NE(autoThread.get_future().get(), std::this_thread::get_id());
-
-    Sender blocking;
+TEST_F(RemoteTest, ABlockingEmissionReturnsAfterItsSlots) {
     Receiver local;
     int seen = 0;
-    const auto kBlocking = ZnConnectionType::BlockingQueuedConnection;
-    blocking.connect(
-        &Sender::changed, remote.object(), [&](int value) { seen = value; }, kBlocking);
-    blocking.connect(&Sender::changed, &local, &Receiver::take, kBlocking);
-    blocking.changed(2);
-    EXPECT_EQ(seen, 2);                           // the emission returned after the slot
+    sender_.connect(
+        &Sender::changed, object_, [&](int value) { seen = value; }, kBlocking_);
+    sender_.connect(&Sender::changed, &local, &Receiver::take, kBlocking_);
+    sender_.changed(2);
+    EXPECT_EQ(seen, 2);
     EXPECT_EQ(local.values, std::vector<int>{2}); // on the own thread inline, no dead lock
 }
 
-TEST_F(ZnObjectTest, ABlockingDeliveryToAThreadThatIsEndingDoesNotHang) {
-    RemoteReceiver remote;
-    std::promise<Receiver*> made;
+TEST_F(RemoteTest, ABlockingDeliveryToAThreadThatIsEndingDoesNotHang) {
     std::promise<void> ending;
     std::promise<void> returned;
-    postToThread(
-        &remote.thread(),
-        [&] {
-            made.set_value(new Receiver);
-            remote.object()->connect(&ZnObject::destroyed, [&] {
-                ending.set_value();
-                EXPECT_EQ(returned.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
-            });
-            remote.object()->deleteLater(); // happens when the thread takes no more posts
-            ZnCoreApplication::instance()->quit();
-        },
-        ZnFiberPool::kFirstLane);
-    const std::unique_ptr<Receiver> receiver(made.get_future().get());
-    Sender sender;
-    sender.connect(&Sender::changed, receiver.get(), &Receiver::take, ZnConnectionType::BlockingQueuedConnection);
+    std::unique_ptr<Receiver> receiver;
+    postToThread(&remote_, [&] {
+        receiver = std::make_unique<Receiver>();
+        object_->connect(&ZnObject::destroyed, [&] {
+            ending.set_value();
+            EXPECT_EQ(returned.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+        });
+        object_->deleteLater(); // happens when the thread takes no more posts
+        ZnCoreApplication::instance()->quit();
+    });
     ending.get_future().wait();
-    sender.changed(1);
+    sender_.connect(&Sender::changed, receiver.get(), &Receiver::take, kBlocking_);
+    sender_.changed(1);
     returned.set_value();
-    remote.thread().join();
+    remote_.join();
     EXPECT_TRUE(receiver->values.empty());
 }
 
-TEST_F(ZnObjectTest, ABlockingDeliveryThatIsRefusedDoesNotHang) {
+TEST_F(RemoteTest, ABlockingDeliveryThatIsRefusedDoesNotHang) {
     LogCapture log;
-    RemoteReceiver remote;
     // Fill the remote pool to its capacity: its one running task keeps the others from being served.
     std::promise<void> release;
     std::shared_future<void> released = release.get_future().share();
-    while (postToThread(&remote.thread(), [released] { released.wait(); })) {
+    while (postToThread(&remote_, [released] { released.wait(); })) {
     }
-    Sender sender;
     bool ran = false;
-    sender.connect(
-        &Sender::changed, remote.object(), [&](int) { ran = true; }, ZnConnectionType::BlockingQueuedConnection);
-    sender.changed(1);
+    sender_.connect(
+        &Sender::changed, object_, [&] { ran = true; }, kBlocking_);
+    sender_.changed(1);
     EXPECT_FALSE(ran);
     EXPECT_GE(log.countOf("saturated"), 1);
     release.set_value();

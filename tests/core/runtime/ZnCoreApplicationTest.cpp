@@ -2,8 +2,8 @@
 
 #include "core/object/ZnObject.h"
 #include "core/platform/ZnMonotonicClock.h"
-#include "core/runtime/ZnEventLoop.h"
 #include "core/runtime/ZnTimer.h"
+#include "core/runtime/ZnWait.h"
 #include "support/LogCapture.h"
 #include "support/LoopFixture.h"
 #include "support/TestEvent.h"
@@ -72,12 +72,7 @@ TEST_F(ZnCoreApplicationTest, WakeUpsComeHoweverManyFibersAreParked) {
     int wokenCount = 0;
     std::function<void()> postMore = [&, posted = 0]() mutable {
         while (posted < kWaiters && application_.postEvent([&] {
-            ZnEventLoop loop;
-            ZnTimer deadline;
-            deadline.setSingleShot(true);
-            deadline.connect(&ZnTimer::timeout, &loop, &ZnEventLoop::quit);
-            deadline.start(200);
-            loop.exec();
+            sleepFor(200);
             ++wokenCount;
         }))
             ++posted;
@@ -145,6 +140,37 @@ TEST_F(ZnCoreApplicationTest, NestedWaitsAndTheirEdges) {
     });
 }
 
+TEST_F(ZnCoreApplicationTest, AWaitForASignalEndsWithItOrWithItsHopes) {
+    struct Row {
+        const char* name;
+        int maxMs;
+        std::function<void(ZnTimer*&)> act;
+        bool hasCome;
+    };
+    const Row rows[] = {
+        {"signal", -1, [](ZnTimer*& sender) { sender->timeout(); }, true},
+        {"deadline", 0, [](ZnTimer*&) {}, false},
+        {"end of the sender", -1, [](ZnTimer*& sender) { delete std::exchange(sender, nullptr); }, false},
+        {"end of all waits", -1, [this](ZnTimer*&) { EXPECT_TRUE(application_.endWaits(5000)); }, false}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        auto* sender = new ZnTimer;
+        int endedCount = 0;
+        application_.postEvent([&] {
+            EXPECT_EQ(waitFor(sender, &ZnTimer::timeout, row.maxMs), row.hasCome);
+            ++endedCount;
+        });
+        ASSERT_TRUE(runUntil([&] { return parkedCount() == 1; }));
+        row.act(sender);
+        EXPECT_TRUE(runUntil([&] { return endedCount == 1; }));
+        delete sender;
+    }
+    EXPECT_FALSE(sleepFor(1)); // no fiber
+    const long long startNs = monotonicNowNs();
+    runOnFiber([] { EXPECT_TRUE(sleepFor(20)); });
+    EXPECT_GE(monotonicNowNs() - startNs, 20000000);
+}
+
 TEST_F(ZnCoreApplicationTest, AnOrderlyEndUnwindsWhatIsParked) {
     auto token = std::make_shared<int>(1);
     for (int i = 0; i < 20; ++i)
@@ -183,17 +209,46 @@ TEST_F(ZnCoreApplicationTest, ATimerMayBeDeletedByItsOwnSlot) {
     EXPECT_TRUE(runUntil([&] { return !timer; }));
 }
 
-TEST_F(ZnCoreApplicationTest, PostsBeforeAThreadHasStartedRunWhenItDoes) {
-    zn::atomic::Thread thread("late");
-    std::vector<int> order;
-    EXPECT_FALSE(postToThread(&thread, [&] { order.push_back(1); }));
-    EXPECT_FALSE(postToThread(&thread, [&] {
-        order.push_back(2);
-        ZnCoreApplication::instance()->quit();
-    }));
-    ASSERT_TRUE(thread.start());
-    thread.join();
-    EXPECT_EQ(order, (std::vector<int>{1, 2}));
+TEST_F(ZnCoreApplicationTest, APostEndsAsItsOptionsSay) {
+    using WhenFull = ZnPostOptions::WhenFull;
+    enum Target { Full, NotRunning, Null };
+    struct Row {
+        Target target;
+        ZnPostOptions options;
+        ZnPostResult result;
+        const char* runs = "";
+        int toldCount = 0;
+    };
+    const Row rows[] = {
+        {Full, {}, ZnPostResult::Full, "", 1},
+        {Full, {.whenFull = WhenFull::RefuseInSilence}, ZnPostResult::Full},
+        {Full, {.whenFull = WhenFull::Wait}, ZnPostResult::Queued, "here"},
+        {NotRunning, {}, ZnPostResult::Kept, "late"},
+        {NotRunning, {.whenNotRunning = ZnPostOptions::WhenNotRunning::Refuse}, ZnPostResult::NotRunning},
+        {Null, {}, ZnPostResult::Gone},
+        {Null, {.whenGone = ZnPostOptions::WhenGone::UseFallback}, ZnPostResult::Queued, "here"}};
+    zn::atomic::Thread* const here = zn::atomic::Thread::currentThread();
+    for (const Row& row : rows) {
+        SCOPED_TRACE(&row - rows);
+        LogCapture log;
+        ZnString order;
+        zn::atomic::Thread late("late");
+        zn::atomic::Thread* const targets[] = {here, &late, nullptr};
+        while (row.target == Full && application_.fiberPool().canAccept(2))
+            application_.postEvent([] {});
+        ZnTask task([&] { order += zn::atomic::Thread::currentThread() == here ? "here" : "late"; });
+        EXPECT_EQ(postTask(targets[row.target], task, row.options), row.result);
+        EXPECT_EQ(static_cast<bool>(task), row.result >= ZnPostResult::Full);
+        settle();
+        EXPECT_FALSE(postToThread(&late, [&] {
+            order += "!"; // after what was kept before
+            ZnCoreApplication::instance()->quit();
+        }));
+        EXPECT_TRUE(late.start());
+        late.join();
+        EXPECT_EQ(order, ZnString(row.runs) + "!");
+        EXPECT_EQ(log.countOf("saturated"), row.toldCount);
+    }
 }
 
 } // namespace

@@ -2,8 +2,8 @@
 
 #include "core/platform/ZnMonotonicClock.h"
 #include "core/runtime/ZnCoreApplication.h"
-#include "core/runtime/ZnEventLoop.h"
 #include "core/runtime/ZnTimer.h"
+#include "core/runtime/ZnWait.h"
 #include "support/LogCapture.h"
 #include "support/OnThreads.h"
 
@@ -24,10 +24,8 @@ ZnRunnable* task(F body) {
     return new ZnCallableRunnable<F>(std::move(body));
 }
 
-template <typename Condition>
-bool eventually(Condition condition) {
-    const long long endNs = monotonicNowNs() + 30000000000LL;
-    while (!condition() && monotonicNowNs() < endNs)
+bool eventually(const std::function<bool()>& condition) {
+    for (int i = 0; i < 30000 && !condition(); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     return condition();
 }
@@ -68,40 +66,47 @@ private:
     Counts& counts_;
 };
 
-TEST(ZnThreadPool, AWorkersQueueIsOrderedByPriorityThenArrivalAndSurvivesExceptions) {
-    LogCapture log;
-    ZnThreadPool pool;
-    pool.setMaxThreadCount(1);
+/// A pool of one thread.
+class ZnThreadPoolTest : public ::testing::Test {
+protected:
+    ZnThreadPoolTest() { pool_.setMaxThreadCount(1); }
+
+    LogCapture log_;
+    Counts counts_;
+    Counted kept_{counts_};
+    ZnThreadPool pool_;
+};
+
+TEST_F(ZnThreadPoolTest, AWorkersQueueIsOrderedByPriorityThenArrivalAndSurvivesExceptions) {
     std::vector<int> order;
-    auto gate = std::make_unique<Gate>(pool);
-    pool.start(task([] { throw std::runtime_error("boom"); }), 100);
-    pool.start(task([] { throw 5; }), 100);
+    auto gate = std::make_unique<Gate>(pool_);
+    pool_.start(task([] { throw std::runtime_error("boom"); }), 100);
+    pool_.start(task([] { throw 5; }), 100);
     for (const int id : {10, 50, 11, -30, 51, 0, 90})
-        pool.start(task([&order, id] { order.push_back(id); }), id / 10);
+        pool_.start(task([&order, id] { order.push_back(id); }), id / 10);
     gate.reset();
-    EXPECT_TRUE(ends(pool));
+    EXPECT_TRUE(ends(pool_));
     EXPECT_EQ(order, (std::vector<int>{90, 50, 51, 10, 11, 0, -30}));
-    EXPECT_EQ(log.countOf("ZnRunnable::run() threw exception on worker 1: boom — continuing execution"), 1);
-    EXPECT_EQ(log.countOf("ZnRunnable::run() threw unknown exception on worker 1 — continuing execution"), 1);
+    EXPECT_EQ(log_.countOf("ZnRunnable::run() threw exception on worker 1: boom — continuing execution"), 1);
+    EXPECT_EQ(log_.countOf("ZnRunnable::run() threw unknown exception on worker 1 — continuing execution"), 1);
 }
 
-TEST(ZnThreadPool, TheLeastLoadedThenLongestIdleWorkerTakesTheTask) {
-    ZnThreadPool pool;
-    pool.setMaxThreadCount(2);
-    const auto runOne = [&pool](int othersAtWork = 0) {
+TEST_F(ZnThreadPoolTest, TheLeastLoadedThenLongestIdleWorkerTakesTheTask) {
+    pool_.setMaxThreadCount(2);
+    const auto runOne = [&](int othersAtWork = 0) {
         std::atomic<unsigned> id{0};
-        pool.start(task([&id] { id = zn::atomic::Thread::currentThread()->threadId(); }));
-        EXPECT_TRUE(eventually([&] { return id != 0 && pool.activeCount() == othersAtWork; }));
+        pool_.start(task([&id] { id = zn::atomic::Thread::currentThread()->threadId(); }));
+        EXPECT_TRUE(eventually([&] { return id != 0 && pool_.activeCount() == othersAtWork; }));
         return id.load();
     };
     const unsigned first = runOne();
     EXPECT_EQ(runOne(), first); // an idle worker is better than a new one
-    auto gate = std::make_unique<Gate>(pool);
+    auto gate = std::make_unique<Gate>(pool_);
     const unsigned second = runOne(1);
     gate.reset();
-    EXPECT_TRUE(ends(pool));
+    EXPECT_TRUE(ends(pool_));
     EXPECT_NE(second, first);
-    EXPECT_EQ(pool.threadCount(), 2);
+    EXPECT_EQ(pool_.threadCount(), 2);
     EXPECT_EQ(runOne(), second); // the gate's worker was busy last
     EXPECT_EQ(runOne(), first);
 }
@@ -145,71 +150,64 @@ TEST(ZnThreadPool, AFullQueueRefusesUnlessAWorkerIsIdle) {
     }
 }
 
-TEST(ZnThreadPool, WaitForDoneInAllItsCases) {
-    LogCapture log;
-    ZnThreadPool pool;
-    EXPECT_TRUE(pool.waitForDone({false, 0})); // nothing to wait for: also with a past deadline
-    std::atomic<bool> isRefused{false};
-    pool.start(task([&] { isRefused = !pool.waitForDone(); }));
-    EXPECT_TRUE(eventually([&] { return isRefused.load(); }));
-    EXPECT_EQ(log.countOf("waitForDone() called from a ZnThreadPool worker; refusing to self-block"), 1);
-
-    Gate gate(pool);
-    EXPECT_FALSE(pool.waitForDone({false, 0}));
+TEST_F(ZnThreadPoolTest, WaitForDoneEndsWithTheWorkOrAtItsDeadline) {
+    EXPECT_TRUE(pool_.waitForDone({false, 0})); // nothing to wait for: also with a past deadline
+    pool_.start(task([&] { EXPECT_FALSE(pool_.waitForDone()); }));
+    EXPECT_TRUE(ends(pool_));
+    EXPECT_EQ(log_.countOf("waitForDone() called from a ZnThreadPool worker; refusing to self-block"), 1);
+    const Gate gate(pool_);
+    EXPECT_FALSE(pool_.waitForDone({false, 0}));
     const long long startNs = monotonicNowNs();
-    EXPECT_FALSE(pool.waitForDone(ZnThreadPool::Deadline::inMs(30)));
+    EXPECT_FALSE(pool_.waitForDone(ZnThreadPool::Deadline::inMs(30)));
     EXPECT_GE(monotonicNowNs() - startNs, 29000000);
-    Counts counts;
-    EXPECT_TRUE(pool.tryStart(new Counted(counts))); // the wait is over
-    EXPECT_TRUE(eventually([&] { return counts.deleted == 1; }));
+    EXPECT_TRUE(pool_.tryStart(new Counted(counts_))); // the wait is over
+}
 
+TEST_F(ZnThreadPoolTest, NothingIsTakenWhileSomebodyWaits) {
+    pool_.setMaxQueuedTaskCount(-1);
+    Gate gate(pool_);
+    kept_.autoDelete = false;
     bool done = false;
-    std::thread waiter([&] { done = pool.waitForDone(); });
-    Counted kept(counts);
-    kept.autoDelete = false;
+    std::thread waiter([&] { done = pool_.waitForDone(); });
     bool saturated = true;
-    EXPECT_TRUE(eventually([&] { return !pool.tryStart(&kept, 0, &saturated); }));
+    EXPECT_TRUE(eventually([&] { return !pool_.tryStart(&kept_, 0, &saturated); }));
     EXPECT_FALSE(saturated);
-    pool.start(new Counted(counts));
-    EXPECT_EQ(counts.deleted, 2);     // refused without a line
-    EXPECT_FALSE(pool.waitForDone()); // somebody waits already
+    pool_.start(new Counted(counts_));
+    EXPECT_EQ(counts_.deleted, 1);     // refused without a line
+    EXPECT_FALSE(pool_.waitForDone()); // somebody waits already
     gate.open();
     waiter.join();
     EXPECT_TRUE(done);
-    EXPECT_EQ(log.countOf(""), 1);
+    EXPECT_EQ(log_.countOf(""), 0);
 }
 
-TEST(ZnThreadPool, AParkedTaskKeepsItsWorkerAndOtherClosuresRun) {
-    ZnThreadPool pool;
-    pool.setMaxThreadCount(1);
+TEST_F(ZnThreadPoolTest, AParkedTaskKeepsItsWorkerAndOtherClosuresRun) {
     std::vector<int> order;
-    pool.start(task([&] {
+    pool_.start(task([&] {
         order.push_back(1);
         ZnTimer::singleShot(0, [&] { order.push_back(2); });
-        ZnEventLoop().exec(30);
+        sleepFor(30);
         order.push_back(3);
     }));
-    pool.start(task([&] { ZnCoreApplication::instance()->postEventOnLane([&] { order.push_back(4); }, 1); }));
-    pool.start(task([&] { order.push_back(5); }));
-    EXPECT_TRUE(ends(pool));
+    pool_.start(task([&] { ZnCoreApplication::instance()->postEventOnLane([&] { order.push_back(4); }, 1); }));
+    pool_.start(task([&] { order.push_back(5); }));
+    EXPECT_TRUE(ends(pool_));
     EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4, 5}));
 }
 
-TEST(ZnThreadPool, IdleWorkersLeaveAfterTheirTimeAndWorkKeepsThem) {
-    ZnThreadPool pool;
-    pool.setMaxThreadCount(1);
-    pool.setExpiryTimeoutMs(200);
+TEST_F(ZnThreadPoolTest, IdleWorkersLeaveAfterTheirTimeAndWorkKeepsThem) {
+    pool_.setExpiryTimeoutMs(200);
     ZnString name;
     const long long startNs = monotonicNowNs();
     long long lastNs = startNs;
     while (lastNs - startNs < 400000000) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
         lastNs = monotonicNowNs();
-        pool.start(task([&name] { name = zn::atomic::Thread::currentThread()->name(); }));
-        EXPECT_TRUE(ends(pool));
+        pool_.start(task([&name] { name = zn::atomic::Thread::currentThread()->name(); }));
+        EXPECT_TRUE(ends(pool_));
     }
     EXPECT_EQ(name, "ZnThreadPoolWorker_1");
-    EXPECT_TRUE(eventually([&] { return pool.threadCount() == 0; }));
+    EXPECT_TRUE(eventually([&] { return pool_.threadCount() == 0; }));
     EXPECT_GE(monotonicNowNs() - lastNs, 200000000);
 }
 
@@ -243,7 +241,7 @@ TEST(ZnThreadPool, ItsEndDropsWhatIsQueuedAndWaitsForWhatRunsOrIsParked) {
         pool->setMaxThreadCount(2);
         Gate gate(*pool);
         pool->start(task([&] {
-            ZnEventLoop().exec(50);
+            sleepFor(50);
             refusedInTask = !pool->tryStart(&kept);
         }));
         for (int i = 0; i < 10; ++i)
@@ -261,17 +259,28 @@ TEST(ZnThreadPool, ItsEndDropsWhatIsQueuedAndWaitsForWhatRunsOrIsParked) {
     }
 }
 
-TEST(ZnThreadPool, FinishingTasksAndThePoolsEndMeet) {
-    for (int round = 0; round < 200; ++round) {
-        std::atomic<int> ran{0};
-        const auto application = round % 2 == 0 ? std::make_unique<ZnCoreApplication>() : nullptr;
-        ZnThreadPool pool;
-        pool.setMaxThreadCount(2);
-        pool.setExpiryTimeoutMs(0);
-        for (int i = 0; i < 1 + round % 5; ++i)
-            pool.start(task([&ran] { ++ran; }));
-        while (round % 3 == 0 && ran.load() == 0) {
+// The sanitizers are judges, too: workers come and go all the time, and the pool's end meets what runs.
+TEST(ZnThreadPool, ManyShortTasksFromManyThreadsAreRunOrDeleted) {
+    for (int round = 0; round < 100; ++round) {
+        constexpr int kThreads = 3;
+        const int taskCount = round == 0 ? 3000 : round % 5;
+        Counts counts;
+        {
+            const auto application = round % 2 == 0 ? std::make_unique<ZnCoreApplication>() : nullptr;
+            ZnThreadPool pool;
+            pool.setMaxThreadCount(2);
+            pool.setMaxQueuedTaskCount(64);
+            pool.setExpiryTimeoutMs(0);
+            onThreads(kThreads, [&](int) {
+                for (int n = 0; n < taskCount; ++n) {
+                    ZnRunnable* next = new Counted(counts);
+                    while (!pool.tryStart(next, n % 3))
+                        std::this_thread::yield();
+                }
+            });
+            EXPECT_TRUE(round % 3 != 0 || (ends(pool) && counts.ran == kThreads * taskCount));
         }
+        EXPECT_EQ(counts.deleted, kThreads * taskCount);
     }
 }
 
@@ -285,61 +294,34 @@ TEST(ZnThreadPool, ATaskMayDeleteItsPool) {
     EXPECT_TRUE(ended->try_acquire_for(std::chrono::seconds(30)));
 }
 
-TEST(ZnThreadPool, TasksOfAWorkerWhoseLoopWasEndedMoveToAnother) {
-    ZnThreadPool pool;
-    pool.setMaxThreadCount(1);
-    Counts counts;
-    auto gate = std::make_unique<Gate>(pool);
+TEST_F(ZnThreadPoolTest, TasksOfAWorkerWhoseLoopWasEndedMoveToAnother) {
+    auto gate = std::make_unique<Gate>(pool_);
     const auto token = std::make_shared<int>(0);
-    pool.start(task([token] {
+    pool_.start(task([token] {
         ZnCoreApplication::instance()->quit();
         ZnCoreApplication::instance()->fiberPool().yieldCurrent(nextFiberWaitId()); // never goes on
     }));
     for (int i = 0; i < 10; ++i)
-        pool.start(new Counted(counts));
+        pool_.start(new Counted(counts_));
     gate.reset();
-    EXPECT_TRUE(eventually([&] { return counts.ran == 10 && token.use_count() == 1; }));
-    EXPECT_TRUE(ends(pool));
-    EXPECT_EQ(pool.threadCount(), 1);
+    EXPECT_TRUE(eventually([&] { return counts_.ran == 10 && token.use_count() == 1; }));
+    EXPECT_TRUE(ends(pool_));
+    EXPECT_EQ(pool_.threadCount(), 1);
 }
 
-TEST(ZnThreadPool, WithoutDescriptorsThereAreNoWorkersForNow) {
-    LogCapture log;
+TEST_F(ZnThreadPoolTest, WithoutDescriptorsThereAreNoWorkersForNow) {
     rlimit usual{};
     ::getrlimit(RLIMIT_NOFILE, &usual);
     const rlimit none{0, usual.rlim_max};
-    Counts counts;
-    Counted kept(counts);
     bool saturated = true;
-    ZnThreadPool pool;
     ::setrlimit(RLIMIT_NOFILE, &none);
-    const bool isAccepted = pool.tryStart(&kept, 0, &saturated);
+    const bool isAccepted = pool_.tryStart(&kept_, 0, &saturated);
     ::setrlimit(RLIMIT_NOFILE, &usual);
     EXPECT_FALSE(isAccepted || saturated);
-    EXPECT_EQ(log.countOf("Failed to start thread: no descriptors for its loop"), 1);
-    pool.start(new Counted(counts));
-    EXPECT_TRUE(ends(pool));
-    EXPECT_EQ(counts.ran, 1);
-}
-
-TEST(ZnThreadPool, ManyShortTasksFromManyThreads) {
-    constexpr int kThreads = 4;
-    constexpr int kTasks = 3000;
-    Counts counts;
-    ZnThreadPool pool;
-    pool.setMaxThreadCount(3);
-    pool.setMaxQueuedTaskCount(64);
-    pool.setExpiryTimeoutMs(0);
-    onThreads(kThreads, [&](int) {
-        for (int n = 0; n < kTasks; ++n) {
-            ZnRunnable* next = new Counted(counts);
-            while (!pool.tryStart(next, n % 3))
-                std::this_thread::yield();
-        }
-    });
-    EXPECT_TRUE(ends(pool));
-    EXPECT_EQ(counts.ran, kThreads * kTasks);
-    EXPECT_EQ(counts.deleted, kThreads * kTasks);
+    EXPECT_EQ(log_.countOf("Failed to start thread: no descriptors for its loop"), 1);
+    pool_.start(new Counted(counts_));
+    EXPECT_TRUE(ends(pool_));
+    EXPECT_EQ(counts_.ran, 1);
 }
 
 // The parent's loops must not be found: each child begins anew.

@@ -151,12 +151,11 @@ public:
           thread_(ZnCoreApplication::instance() == nullptr ? nullptr : zn::atomic::Thread::currentThread()) {}
 
     void operator()(const ZnEmbeddedDbStatus& status) const {
-        bool isAccepted = false;
         ZnTask task([callback = callback_, status] { (*callback)(status); });
-        if (thread_ != nullptr && postToThreadIfLive(thread_, task, ZnFiberPool::kDefaultLane, &isAccepted) &&
-            isAccepted)
-            return;
-        (*callback_)(status);
+        // Nothing is kept for a thread's next start: the callback would run twice.
+        const ZnPostOptions options{.whenNotRunning = ZnPostOptions::WhenNotRunning::Refuse};
+        if (postTask(thread_, task, options) != ZnPostResult::Queued)
+            (*callback_)(status);
     }
 
 private:

@@ -6,6 +6,7 @@
 #include "agent/McpServiceHeaders.h"
 #include "agent/McpText.h"
 #include "agent/McpWork.h"
+#include "core/runtime/ZnWait.h"
 
 #include <utility>
 
@@ -92,7 +93,7 @@ bool McpForwardCall::takeEvents_() {
                 return false;
         } else {
             if (std::exchange(unpausedBytes_, unpausedBytes_ % kBytesInOneGo) >= kBytesInOneGo)
-                mcp::letOthersRun();
+                sleepFor(0);
             parse();
         }
         if (!self || hasEnded_)

@@ -1,9 +1,8 @@
 #include "agent/McpStdioFront.h"
 
 #include "agent/McpJson.h"
-#include "agent/McpWork.h"
 #include "core/runtime/ZnCoreApplication.h"
-#include "core/runtime/ZnEventLoop.h"
+#include "core/runtime/ZnWait.h"
 
 #include <algorithm>
 #include <utility>
@@ -12,7 +11,6 @@ namespace {
 
 constexpr int kInvalidRequest = -32600;
 constexpr int kServerBusy = -32000;
-constexpr int kRetryMs = 1; // when the fiber pool is full
 
 /// A message is one line. The answers are JSON, in which a line end can only stand between tokens.
 void makeOneLine(ZnByteArray* text) {
@@ -115,7 +113,7 @@ void McpStdioFront::read_() {
 bool McpStdioFront::readMore_() {
     if (hasInputEnded_)
         return false;
-    mcp::letOthersRun();
+    sleepFor(0);
     const ZnStandardStream::Transfer transfer = input_->read(chunk_.data(), chunk_.size());
     unread_ = {chunk_.data(), transfer.byteCount};
     if (transfer.hasEnded) {
@@ -156,10 +154,7 @@ void McpStdioFront::begin_(ZnByteArray text) {
         sender.reset();
         self->goOn_();
     });
-    while (!ZnCoreApplication::instance()->tryPostOnLane(task, ZnFiberPool::kDefaultLane)) {
-        if (ZnEventLoop().exec(kRetryMs) != 0)
-            return; // the application is ending
-    }
+    ZnCoreApplication::instance()->post(task, {.whenFull = ZnPostOptions::WhenFull::Wait});
 }
 
 // --- answers
@@ -236,7 +231,7 @@ void McpStdioFront::postRead_() {
         if (const std::shared_ptr<McpStdioFront> front = self.lock())
             front->read_();
     });
-    ZnCoreApplication::instance()->tryPostOnLane(task, ZnFiberPool::kDefaultLane, ZnFiberPool::Purpose::WakeUp);
+    ZnCoreApplication::instance()->post(task, {.whenFull = ZnPostOptions::WhenFull::Wait});
 }
 
 void McpStdioFront::endIfDone_() {

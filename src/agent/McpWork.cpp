@@ -2,7 +2,6 @@
 
 #include "core/platform/ZnThreadControl.h"
 #include "core/runtime/ZnCoreApplication.h"
-#include "core/runtime/ZnEventLoop.h"
 #include "core/runtime/ZnTimer.h"
 
 #include <atomic>
@@ -77,19 +76,3 @@ void McpWorkers::giveMemoryBackSoon() {
         workers->pool_.start(new ZnCallableRunnable<decltype(giveBack)>(giveBack));
     });
 }
-
-namespace mcp {
-
-void letOthersRun() {
-    ZnCoreApplication* application = ZnCoreApplication::instance();
-    if (application == nullptr || !application->fiberPool().isOnFiber())
-        return;
-    ZnEventLoop turn;
-    ZnTimer timer;
-    timer.setSingleShot(true);
-    timer.connect(&ZnTimer::timeout, &turn, &ZnEventLoop::quit);
-    timer.start(0);
-    turn.exec();
-}
-
-} // namespace mcp

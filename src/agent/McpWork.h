@@ -23,10 +23,3 @@ private:
     bool isMemoryDue_ = false; // giveMemoryBackSoon() has a timer
     ZnThreadPool pool_;
 };
-
-namespace mcp {
-
-/// Parks the calling fiber for one turn of the loop. Nothing when it is on none.
-void letOthersRun();
-
-} // namespace mcp

@@ -132,7 +132,7 @@ TEST_F(McpDispatcherTest, LargeMessagesGetTheSameAnswersAwayFromTheLoop) {
             *response = post(isLarge ? body + std::string(McpRpcAnswer::kLargeBytes, ' ') : body, session);
             isDone = true;
         });
-        EXPECT_TRUE(runUntil([&] { return application_.tryPostOnLane(task, 2); }));
+        EXPECT_TRUE(application_.post(task, {.whenFull = ZnPostOptions::WhenFull::Wait}));
         EXPECT_TRUE(runUntil([&] { return isDone; }));
         std::string text = std::to_string(response->status) + " " + bodyOf(*response);
         for (const auto& [name, value] : response->headers)

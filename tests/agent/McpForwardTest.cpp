@@ -25,7 +25,7 @@ protected:
             onResult(callTool("bridge.rpc", arguments, session_));
         });
         // The first events of many connections may fill the pool for a moment.
-        ASSERT_TRUE(runUntil([&] { return application_.tryPostOnLane(task, 2); }));
+        ASSERT_TRUE(application_.post(task, {.whenFull = ZnPostOptions::WhenFull::Wait}));
     }
     std::string rpc(const std::string& arguments = kToService) {
         const auto result = std::make_shared<std::string>(); // the call may last longer in a test that fails

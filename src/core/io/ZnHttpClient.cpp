@@ -4,6 +4,7 @@
 #include "core/io/http1/ZnHttpClientRequest_.h"
 #include "core/io/http1/ZnHttpResponseReader_.h"
 #include "core/io/http1/ZnHttpWireText_.h"
+#include "core/object/ZnAlive.h"
 #include "core/types/ZnLogger.h"
 
 #include <utility>
@@ -63,10 +64,9 @@ bool ZnHttpClient::request(int method, const ZnString& url, ZnByteArray body, co
         fail_(kConnectNotBegun);
         return false;
     }
-    const ZnPointer<ZnHttpClient> self(this);
-    const unsigned serial = requestSerial_;
+    const ZnAlive alive(this, requestSerial_);
     const bool hasBegun = connectSocket_();
-    if (!self || serial != requestSerial_)
+    if (!alive)
         return hasBegun; // aborted, or ended by a signal of its own
     if (!hasBegun)
         fail_(kConnectNotBegun);
@@ -111,10 +111,9 @@ bool ZnHttpClient::connectSocket_() {
 
 void ZnHttpClient::onConnected_() {
     ZnString head = request_->head();
-    const ZnPointer<ZnHttpClient> self(this);
-    const unsigned serial = requestSerial_;
+    const ZnAlive alive(this, requestSerial_);
     const bool isAccepted = socket_->writeGathered(std::move(head), std::move(request_->body)); // may emit
-    if (self && serial == requestSerial_ && !isAccepted)
+    if (alive && !isAccepted)
         fail_(kWriteFailed);
 }
 
@@ -123,11 +122,10 @@ void ZnHttpClient::onConnected_() {
 void ZnHttpClient::onReadyRead_() {
     // One buffer serves all clients of the thread: nothing parks between the read and the last use of its bytes.
     static thread_local char buffer[16 * 1024];
-    const ZnPointer<ZnHttpClient> self(this);
-    const unsigned serial = requestSerial_;
-    while (self && serial == requestSerial_) {
+    const ZnAlive alive(this, requestSerial_);
+    while (alive) {
         const std::size_t gotBytes = socket_->readInto(buffer, sizeof(buffer)); // may emit
-        if (gotBytes == 0 || !self || serial != requestSerial_)
+        if (gotBytes == 0 || !alive)
             return;
         takeBytes_({buffer, gotBytes});
     }
@@ -137,10 +135,9 @@ void ZnHttpClient::takeBytes_(std::string_view bytes) {
     using Outcome = ZnHttpResponseReader_::Outcome;
     const std::size_t seenBytes = reader_->response().body.size();
     const Outcome outcome = reader_->feed(bytes);
-    const ZnPointer<ZnHttpClient> self(this);
-    const unsigned serial = requestSerial_;
+    const ZnAlive alive(this, requestSerial_);
     const bool isEnough = observeBody_(seenBytes);
-    if (!self || serial != requestSerial_)
+    if (!alive)
         return;
     if (isEnough || outcome == Outcome::Complete)
         finish_();

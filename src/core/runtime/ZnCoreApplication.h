@@ -67,9 +67,6 @@ public:
     /// As post(), on lane 2 or another one; a refused task is destroyed. Any thread.
     bool postEvent(ZnTask task) { return post(task); }
     bool postEventOnLane(ZnTask task, int lane) { return post(task, {.lane = lane}); }
-    bool tryPostOnLane(ZnTask& task, int lane) {
-        return post(task, {.lane = lane, .whenFull = ZnPostOptions::WhenFull::RefuseInSilence});
-    }
     /// As post(), but what the log has to say is left to the caller, who may hold a lock here but not in logRejected().
     bool offer(ZnTask& task, ZnPostOptions options, ZnFiberPool::Rejection* rejection);
     static void logRejected(const ZnFiberPool::Rejection& rejection);

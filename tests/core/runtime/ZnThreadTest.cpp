@@ -139,7 +139,7 @@ TEST(ZnThread, IsEndedByItsDestructorAlsoWhenSaturated) {
         ZnTask parked;
         do {
             parked = ZnTask([&application, token] { application.fiberPool().yieldCurrent(nextFiberWaitId()); });
-        } while (application.tryPostOnLane(parked, 0));
+        } while (application.post(parked, {.lane = 0, .whenFull = ZnPostOptions::WhenFull::RefuseInSilence}));
         parked.reset(); // what lies on a dropped fiber's stack is not destroyed
         prepared.release();
         application.fiberPool().yieldCurrent(nextFiberWaitId()); // leaves no room for the request to stop

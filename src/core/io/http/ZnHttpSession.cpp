@@ -407,14 +407,11 @@ void ZnHttpSession::finishResponse_() {
 void ZnHttpSession::scheduleResume_() {
     if (std::exchange(resumeScheduled_, true))
         return;
-    const auto call = [self = ZnPointer<ZnHttpSession>(this)]() {
+    ZnTask task([self = ZnPointer<ZnHttpSession>(this)] {
         if (ZnHttpSession* session = self.get())
             session->resume_();
-    };
-    ZnCoreApplication* application = ZnCoreApplication::instance();
-    ZnTask task(call);
-    if (application == nullptr || !application->tryPostOnLane(task, ZnFiberPool::kDefaultLane))
-        ZnTimer::singleShot(0, call); // saturated: timers that find no room fire later, but do fire
+    });
+    ZnCoreApplication::instanceOrNew().post(task, {.whenFull = ZnPostOptions::WhenFull::Wait});
 }
 
 void ZnHttpSession::resume_() {

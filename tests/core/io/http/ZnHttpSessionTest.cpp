@@ -415,8 +415,7 @@ TEST_F(ZnHttpSessionTest, ASwitchHandsTheSocketOver) {
 TEST_F(ZnHttpSessionTest, AnswersFromOtherThreadsWaitForRoom) {
     for (int i = 0; i < 20; ++i)
         openUnanswered().socket->receive(getOf("/"));
-    for (
-        ZnTask task = [] {}; application_.tryPostOnLane(task, ZnFiberPool::kFirstLane); task = [] {}) {
+    while (application_.postEventOnLane([] {}, ZnFiberPool::kFirstLane)) {
     }
     std::thread([&] {
         for (const ZnHttpResponseCallback& callback : callbacks_)

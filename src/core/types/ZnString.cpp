@@ -346,15 +346,6 @@ bool parseBool(const ZnString& text, bool& out) {
     return true;
 }
 
-bool constantTimeEquals(const ZnString& left, const ZnString& right) noexcept {
-    if (left.size() != right.size())
-        return false;
-    volatile unsigned char difference = 0; // volatile: keeps the compiler from leaving the loop early
-    for (std::size_t index = 0; index < left.size(); ++index)
-        difference = static_cast<unsigned char>(difference | (left[index] ^ right[index]));
-    return difference == 0;
-}
-
 std::string_view trimmedView(std::string_view text) noexcept {
     while (!text.empty() && isTrimmable(text.front()))
         text.remove_prefix(1);

@@ -1,4 +1,5 @@
 #include "core/types/ZnString.h"
+#include "core/types/ZnCrypto.h"
 
 #include "core/types/ZnList.h"
 #include "support/LogCapture.h"

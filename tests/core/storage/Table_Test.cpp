@@ -4,10 +4,6 @@
 #include "core/storage/embeddeddb/TableHandle_.h"
 #include "core/storage/embeddeddb/TableWriter_.h"
 
-#include <cerrno>
-#include <gmock/gmock.h>
-#include <set>
-
 using namespace znEmbeddedDbDetail;
 
 namespace {

@@ -1,17 +1,13 @@
 #include "core/io/ZnTcpSocket.h"
 #include "core/io/ZnTcpServer.h"
 #include "core/platform/ZnResolver.h"
-#include "core/platform/ZnSocketError.h"
 #include "core/runtime/ZnEventLoop.h"
 #include "support/LogCapture.h"
 #include "support/LoopFixture.h"
-#include "support/Loopback.h"
 
 #include <algorithm>
 #include <future>
 #include <memory>
-#include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -84,30 +80,6 @@ TEST_F(ZnTcpSocketTest, AReaderThatStopsEarlyGetsTheRestAndThenTheEnd) {
     EXPECT_EQ(closedCount, 1);
     EXPECT_EQ(client_->state(), SocketState::Unconnected);
     EXPECT_FALSE(client_->write(ZnString("late")));
-}
-
-TEST_F(ZnTcpSocketTest, AnswersReachAPeerThatHasClosedItsSideOnly) {
-    auto answer = std::async(std::launch::async, [port = server_.localPort()] {
-        const int descriptor = connectToLoopback(port);
-        EXPECT_EQ(::send(descriptor, "ask", 3, 0), 3);
-        ::shutdown(descriptor, SHUT_WR);
-        const std::string received = receiveAll(descriptor);
-        ::close(descriptor);
-        return received;
-    });
-    const ZnString large = patternOf(32 * 1024 * 1024); // more than the system buffers
-    bool closed = false;
-    server_.connect(&ZnTcpServer::newConnection, [&] {
-        peer_.reset(server_.nextPendingConnection());
-        peer_->connect(&ZnAbstractSocket::disconnected, [&] { closed = true; });
-        peer_->connect(&ZnIODevice::readyRead, [&] {
-            if (peer_->read(0) == "ask")
-                peer_->write(large);
-            peer_->read(0); // finds the end
-        });
-    });
-    EXPECT_TRUE(runUntil([&] { return closed; }, 30000));
-    EXPECT_TRUE(answer.get() == large.str());
 }
 
 TEST_F(ZnTcpSocketTest, NamesAreResolvedWhileTheLoopGoesOnAndACloseEndsTheWait) {
@@ -184,43 +156,6 @@ TEST_F(ZnTcpSocketTest, AListenerOnANameServesAllItsAddressesWithOnePort) {
     EXPECT_EQ(log.countOf("failed: 10048"), 1);
     addresses = {"192.0.2.1"};
     EXPECT_FALSE(other.listen("name.test", 0));
-}
-
-TEST_F(ZnTcpSocketTest, AReceiverThatConnectsAnewLeavesNoConnectionBehind) {
-    connectPair();
-    std::vector<std::unique_ptr<ZnTcpSocket>> peers;
-    server_.connect(&ZnTcpServer::newConnection, [&] { peers.emplace_back(server_.nextPendingConnection()); });
-    client_->connect(&ZnAbstractSocket::disconnected, [this, client = client_.get()] {
-        EXPECT_TRUE(client->connectToHost("127.0.0.1", server_.localPort()));
-    });
-    const auto peersOpen = [&] {
-        return std::count_if(peers.begin(), peers.end(), [](const auto& peer) { return peer->isOpen(); });
-    };
-    // What the receiver does stands.
-    runOnFiber([&] { EXPECT_FALSE(client_->connectToHost("127.0.0.1", server_.localPort())); });
-    EXPECT_TRUE(runUntil([&] { return peers.size() == 1 && client_->isOpen(); }));
-    int error = 0;
-    const auto spare = ZnSocketHandle::open(ZnSocketAddress::Family::IPv4, &error);
-    client_->adoptDescriptor(spare, true);
-    EXPECT_TRUE(runUntil([&] { return peers.size() == 2 && client_->isOpen(); }));
-    settle();
-    EXPECT_EQ(peersOpen(), 1);
-    client_.reset(); // connects once more
-    EXPECT_TRUE(runUntil([&] { return peers.size() == 3 && peersOpen() == 0; }));
-}
-
-TEST_F(ZnTcpSocketTest, WithoutALoopToWatchItASocketFailsWithAnError) {
-    std::vector<int> errors;
-    std::thread([&] { // has none
-        ZnTcpSocket socket;
-        socket.connect(&ZnAbstractSocket::errorOccurred, [&](int code) { errors.push_back(code); });
-        EXPECT_FALSE(socket.connectToHost("127.0.0.1", server_.localPort()));
-        int error = 0;
-        socket.adoptDescriptor(ZnSocketHandle::open(ZnSocketAddress::Family::IPv4, &error), true);
-        EXPECT_EQ(socket.state(), SocketState::Unconnected);
-    })
-        .join();
-    EXPECT_EQ(errors, std::vector<int>(2, ZnSocketError::kNoBufferSpace));
 }
 
 TEST_F(ZnTcpSocketTest, ASocketMayBeDeletedInsideItsOwnSignalsAlsoWhenParked) {

@@ -53,15 +53,6 @@ TEST_F(ZnLinuxPlatformTest, ListsByKindAndFilter) {
               (Names{directory_.path("One.sst").str(), directory_.path("sub/three.SST").str()}));
 }
 
-TEST_F(ZnLinuxPlatformTest, MakesPaths) {
-    for (const char* name : {"a/b/c", "a/b/c", "a\\d"}) {
-        EXPECT_TRUE(dirs_.mkpath(directory_.path(name)));
-        EXPECT_TRUE(dirs_.isDirectory(directory_.path(name)));
-    }
-    EXPECT_FALSE(dirs_.mkpath(ZnString((directory_.path("nul").str() + '\0') + "x")));
-    EXPECT_FALSE(dirs_.exists(directory_.path("nul")));
-}
-
 TEST_F(ZnLinuxPlatformTest, RemovesTreesButNothingBehindLinks) {
     const ZnString kept = directory_.file("kept/file", "content");
     directory_.file("tree/a/b/c/file", "");

@@ -91,26 +91,6 @@ TEST_F(ZnThreadPoolTest, AWorkersQueueIsOrderedByPriorityThenArrivalAndSurvivesE
     EXPECT_EQ(log_.countOf("ZnRunnable::run() threw unknown exception on worker 1 — continuing execution"), 1);
 }
 
-TEST_F(ZnThreadPoolTest, TheLeastLoadedThenLongestIdleWorkerTakesTheTask) {
-    pool_.setMaxThreadCount(2);
-    const auto runOne = [&](int othersAtWork = 0) {
-        std::atomic<unsigned> id{0};
-        pool_.start(task([&id] { id = zn::atomic::Thread::currentThread()->threadId(); }));
-        EXPECT_TRUE(eventually([&] { return id != 0 && pool_.activeCount() == othersAtWork; }));
-        return id.load();
-    };
-    const unsigned first = runOne();
-    EXPECT_EQ(runOne(), first); // an idle worker is better than a new one
-    auto gate = std::make_unique<Gate>(pool_);
-    const unsigned second = runOne(1);
-    gate.reset();
-    EXPECT_TRUE(ends(pool_));
-    EXPECT_NE(second, first);
-    EXPECT_EQ(pool_.threadCount(), 2);
-    EXPECT_EQ(runOne(), second); // the gate's worker was busy last
-    EXPECT_EQ(runOne(), first);
-}
-
 TEST(ZnThreadPool, AFullQueueRefusesUnlessAWorkerIsIdle) {
     constexpr int kTries = 200;
     constexpr int kRows[][5] = {// threads, reserved ones and limit; workers, and what is accepted behind busy ones

@@ -4,10 +4,12 @@
 #include "core/runtime/ZnEventLoop.h"
 #include "support/LogCapture.h"
 #include "support/LoopFixture.h"
+#include "support/Loopback.h"
 
 #include <algorithm>
 #include <future>
 #include <memory>
+#include <unistd.h>
 
 namespace {
 
@@ -80,6 +82,30 @@ TEST_F(ZnTcpSocketTest, AReaderThatStopsEarlyGetsTheRestAndThenTheEnd) {
     EXPECT_EQ(closedCount, 1);
     EXPECT_EQ(client_->state(), SocketState::Unconnected);
     EXPECT_FALSE(client_->write(ZnString("late")));
+}
+
+TEST_F(ZnTcpSocketTest, AnswersReachAPeerThatHasClosedItsSideOnly) {
+    auto answer = std::async(std::launch::async, [port = server_.localPort()] {
+        const int descriptor = connectToLoopback(port);
+        EXPECT_EQ(::send(descriptor, "ask", 3, 0), 3);
+        ::shutdown(descriptor, SHUT_WR);
+        const std::string received = receiveAll(descriptor);
+        ::close(descriptor);
+        return received;
+    });
+    const ZnString large = patternOf(32 * 1024 * 1024); // more than the system buffers
+    bool closed = false;
+    server_.connect(&ZnTcpServer::newConnection, [&] {
+        peer_.reset(server_.nextPendingConnection());
+        peer_->connect(&ZnAbstractSocket::disconnected, [&] { closed = true; });
+        peer_->connect(&ZnIODevice::readyRead, [&] {
+            if (peer_->read(0) == "ask")
+                peer_->write(large);
+            peer_->read(0); // finds the end
+        });
+    });
+    EXPECT_TRUE(runUntil([&] { return closed; }, 30000));
+    EXPECT_TRUE(answer.get() == large.str());
 }
 
 TEST_F(ZnTcpSocketTest, NamesAreResolvedWhileTheLoopGoesOnAndACloseEndsTheWait) {

@@ -98,15 +98,4 @@ TEST_F(ZnLinuxPlatformTest, CopiesFilesWithoutLosingThem) {
     EXPECT_EQ(contentOf(target), contentOf("/proc/self/cmdline"));
 }
 
-TEST_F(ZnLinuxPlatformTest, MetadataMakesTheFileWhereItCanBeKept) {
-    const ZnString missing = directory_.path("missing");
-    const bool isSupported = files_.writeMetadata(directory_.file("present", "x"), "note", "value");
-    EXPECT_EQ(files_.writeMetadata(missing, "note", "value"), isSupported);
-    EXPECT_EQ(files_.isFile(missing), isSupported);
-    EXPECT_EQ(files_.readMetadata(missing, "note"), isSupported ? "value" : "");
-    EXPECT_FALSE(files_.writeMetadata(directory_.path("new"), ZnString(std::string(300, 'n')), "value"));
-    EXPECT_FALSE(dirs_.exists(directory_.path("new")));
-    EXPECT_FALSE(files_.writeMetadata(directory_.path("none/missing"), "note", "value"));
-}
-
 } // namespace

@@ -7,10 +7,8 @@
 #include "support/LogCapture.h"
 #include "support/OnThreads.h"
 
-#include <algorithm>
 #include <csignal>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <semaphore>
 #include <stdexcept>
 #include <sys/resource.h>
@@ -189,25 +187,6 @@ TEST_F(ZnThreadPoolTest, IdleWorkersLeaveAfterTheirTimeAndWorkKeepsThem) {
     EXPECT_EQ(name, "ZnThreadPoolWorker_1");
     EXPECT_TRUE(eventually([&] { return pool_.threadCount() == 0; }));
     EXPECT_GE(monotonicNowNs() - lastNs, 200000000);
-}
-
-TEST(ZnThreadPool, WorkersHaveThePriorityAndTheStackThatWasAskedFor) {
-    constexpr int kRows[][3] = {{0, 0, 15}, {2, 0, 1}, {7, 2, 1}, {8, 2, 0}, {-1, 1, 0}}; // no permission is needed
-    for (const auto& [priority, hint, expected] : kRows) {
-        ZnThreadPool pool;
-        pool.setPriority(priority);
-        pool.setPriorityHint(hint);
-        pool.setStackSize(1 << 20);
-        int nice = 99;
-        pool.start(task([&nice] {
-            char large[800000];                                  // more than the usual stack
-            std::fill(std::begin(large), std::end(large), '\1'); // comes across any guard page
-            asm volatile("" : : "r"(large) : "memory");
-            nice = getpriority(PRIO_PROCESS, 0);
-        }));
-        EXPECT_TRUE(ends(pool));
-        EXPECT_EQ(nice, expected) << priority;
-    }
 }
 
 TEST(ZnThreadPool, ItsEndDropsWhatIsQueuedAndWaitsForWhatRunsOrIsParked) {

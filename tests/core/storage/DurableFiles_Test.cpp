@@ -10,35 +10,8 @@ using Mode = RandomAccessFile_::Mode;
 
 namespace {
 
-bool append(RandomAccessFile_* file, const std::string& bytes, std::uint64_t* offset = nullptr) {
-    return file->append(bytes.data(), bytes.size(), offset);
-}
-
-TEST(RandomAccessFile_, ReadsAndWritesInEveryMode) {
-    const TemporaryDirectory directory;
-    const ZnString path = directory.path("sub/file");
-    RandomAccessFile_ file(znStorageFiles());
-    ZnString error;
-    char buffer[8];
-    EXPECT_FALSE(file.open(path, Mode::ReadOnly, &error));
-    EXPECT_EQ(error, "CreateFileW failed: 2 (No such file or directory)");
-    std::uint64_t expectedBytes = 0;
-    for (const Mode mode : {Mode::ReadWrite, Mode::Append, Mode::AppendWriteThrough, Mode::Truncate}) {
-        ASSERT_TRUE(file.open(path, mode, &error)) << error;
-        expectedBytes = mode == Mode::Truncate ? 0 : expectedBytes;
-        std::uint64_t offset = 99;
-        EXPECT_TRUE(append(&file, "abc", &offset) && file.flush());
-        EXPECT_EQ(offset, expectedBytes);
-        EXPECT_EQ(file.size(), expectedBytes += 3);
-        EXPECT_TRUE(file.readAt(offset, buffer, 3));
-        EXPECT_EQ(std::string_view(buffer, 3), "abc");
-        EXPECT_TRUE(file.readAt(file.size(), buffer, 0));
-        EXPECT_FALSE(file.readAt(file.size(), buffer, 1, &error));
-        EXPECT_EQ(error, "short read: 0");
-    }
-    ASSERT_TRUE(file.open(path, Mode::ReadOnly));
-    EXPECT_EQ(file.size(), 3u);
-    EXPECT_FALSE(append(&file, "x"));
+bool append(RandomAccessFile_* file, const std::string& bytes) {
+    return file->append(bytes.data(), bytes.size());
 }
 
 TEST(RandomAccessFile_, AFailedAppendLeavesNothingOrEndsAppending) {

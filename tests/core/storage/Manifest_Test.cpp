@@ -1,6 +1,8 @@
 #include "core/storage/embeddeddb/Manifest_.h"
 #include "core/storage/StoreTestSupport.h"
 
+#include <cerrno>
+
 using namespace znEmbeddedDbDetail;
 
 namespace {
@@ -92,6 +94,19 @@ TEST(Manifest_, CurrentNamesAWholeManifestWhateverFailsAndWheneverThePowerGoes) 
         EXPECT_EQ(found.tables.size(), id == 1 ? 2u : 0u);
     };
     breakEveryOperation(prepare, write, check);
+}
+
+TEST(Manifest_, MissingFilesAreToldFromUnreadableOnes) {
+    MemoryFiles files;
+    std::uint64_t id = 0;
+    ManifestState_ state;
+    EXPECT_EQ(readCurrent(files, "/s", &id),
+              Status(Status::NotFound, "CreateFileW failed: 2 (No such file or directory): /s/CURRENT"));
+    EXPECT_EQ(readManifest(files, "/s", 3, &state).code(), Status::Corruption);
+    files.put("/s/MANIFEST-4.dbm", golden("MANIFEST-3.dbm"));
+    EXPECT_EQ(readManifest(files, "/s", 4, &state).message(), "manifest bears another number: /s/MANIFEST-4.dbm");
+    files.failOperation(1, EACCES);
+    EXPECT_EQ(readManifest(files, "/s", 4, &state).code(), Status::IoError);
 }
 
 } // namespace

@@ -98,4 +98,23 @@ TEST(ZnReadWriteLock, WritersExcludeEverybody) {
     }
 }
 
+TEST(ZnReadWriteLock, UnlockKnowsItsSideForManyLocks) {
+    std::vector<ZnReadWriteLock> locks(20);
+    const auto isWritten = [](std::size_t index) { return index % 2 == 0; };
+    for (std::size_t index = 0; index < locks.size(); ++index)
+        isWritten(index) ? locks[index].lockForWrite() : locks[index].lockForRead();
+    for (std::size_t index = 1; index < locks.size(); index += 2)
+        locks[index].lockForRead(); // twice
+    for (std::size_t index = 0; index < locks.size(); ++index) {
+        for (int times = isWritten(index) ? 1 : 2; times > 0; --times)
+            locks[index].unlock();
+    }
+    onThreads(1, [&](int) { // a side released wrongly would leave one of them taken
+        for (ZnReadWriteLock& lock : locks) {
+            lock.lockForWrite();
+            lock.unlock();
+        }
+    });
+}
+
 } // namespace

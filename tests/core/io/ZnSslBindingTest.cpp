@@ -1,17 +1,8 @@
 #include "core/fs/TemporaryDirectory.h"
 #include "core/io/ZnSslEngine_.h"
 #include "core/io/ZnSslServerContext.h"
-#include "core/types/ZnCrypto.h"
 
 #include <cstdio>
-
-// Texts can be encrypted, so every program has libcrypto. Not this one, so that it can be missing.
-ZnString ZnCrypto::encryptAES(const ZnString&, const ZnString&) {
-    return {};
-}
-ZnString ZnCrypto::decryptAES(const ZnString&, const ZnString&) {
-    return {};
-}
 
 namespace {
 

@@ -239,7 +239,7 @@ TEST_F(ZnSslSocketTest, MovesMegabytesBothWaysAtOnce) {
     EXPECT_EQ(client_.bytesReceived(), down.size());
 }
 
-TEST_F(ZnSslSocketTest, TheLastReadClosesBehindACloseAlert) {
+TEST_F(ZnSslSocketTest, TheLastReadClosesAfterACloseAlert) {
     ASSERT_TRUE(connectPair());
     int closedCount = 0;
     client_.connect(&ZnAbstractSocket::disconnected, &client_, [&] { ++closedCount; });

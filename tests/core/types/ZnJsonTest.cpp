@@ -179,7 +179,7 @@ TEST(ZnJson, ScalarTextsReadAsScalars) {
     }
     for (const char* text : {"", "-", ".", "-.", "--1", "1.2.3", "1e5", "+1", " 1", "True", "nulll", "2025-06-18"})
         EXPECT_EQ(parsed("\"" + std::string(text) + "\""), ZnJsonValue(text));
-    EXPECT_EQ(parsed(R"("\u0031")").type(), Integer); // examined behind the escapes
+    EXPECT_EQ(parsed(R"("\u0031")").type(), Integer); // examined after the escapes
     EXPECT_EQ(parsed("\"0.1\"").toDouble(0), 0.10000000149011612);
     LogCapture log;
     EXPECT_EQ(parsed("\"99999999999999999999\""), ZnJsonValue(0));

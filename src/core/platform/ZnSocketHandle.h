@@ -83,7 +83,7 @@ public:
     /// 0 while the connection stands, if only in one direction; else why it does not.
     int failure() const;
 
-    /// Whether the peer has closed its sending side, or the connection is no more; asked from the system.
+    /// Whether the peer has closed its sending side, or the connection has ended; asked from the system.
     bool hasPeerFinished() const;
     /// How much of what was sent the peer's system has not acknowledged yet.
     std::size_t unacknowledgedBytes() const;

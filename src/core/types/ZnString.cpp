@@ -44,7 +44,7 @@ char upperChar(char c) {
 }
 
 /// The digits of a number as the conversions see them: trimmed and without underscores, with a NUL somewhere
-/// behind.
+/// after them.
 class NumberText_ {
 public:
     explicit NumberText_(const std::string& text) : view_(trimmedView(text)) {

@@ -65,7 +65,8 @@ public:
     /// callback and for servers with middleware. A request then waits for its answer off the loop, in the pool's
     /// queue at first.
     void setDispatchMode(DispatchMode mode) noexcept { dispatchMode_ = mode; }
-    /// Borrowed; a pool that goes first is no longer used, and what it dropped from its queue is answered with a 503.
+    /// Borrowed; a pool that is destroyed first is no longer used, and what it dropped from its queue is answered with
+    /// a 503.
     void setThreadPool(ZnThreadPool* pool);
 
     /// Stops listening and closes every session, with unsent answers dropped.

@@ -41,6 +41,9 @@ constexpr Option kOptions[] = {
     {"services_file", "mcp-bridge-services.json", "the allowlist", "Services"},
     {"services_reload", "off", "off, or watch: take a changed allowlist and changed secrets over"},
     {"max_answer_bytes", "16777216", "largest answer taken from a service, 1024 to 1073741824"},
+    {"access_log", "", "file that gets a JSON line for each request and each call of a service; - is standard output",
+     "What operators see"},
+    {"access_log_max_bytes", "67108864", "size at which the log becomes PATH.1, 1024 to 1073741824"},
     {"duration_ms", "0", "milliseconds to run; 0: until stopped", "Running"},
     {"strict", "false", "do not start when there is something to warn about", nullptr, Kind::Switch},
     {"check", "false", "read options, certificate and allowlist, say what was found, and end", nullptr, Kind::Switch},
@@ -113,8 +116,9 @@ void AgentOptions::checkValues_() {
     const ZnString reload = text("services_reload").trimmed();
     if (reload != "off" && reload != "watch")
         remarks_.push_back("--services_reload is neither off nor watch; it counts as off");
-    if (maxAnswerBytes_() == 0)
-        remarks_.push_back("--max_answer_bytes is no number from 1024 to 1073741824; the default counts");
+    for (const char* name : {"max_answer_bytes", "access_log_max_bytes"})
+        if (bytes_(name) == 0)
+            remarks_.push_back(ZnString("--") + name + " is no number from 1024 to 1073741824; the default counts");
     const bool hasToken = !text("mcp_token").trimmed().isEmpty();
     const bool hasTokenFile = has("mcp_token_file");
     if (has("mcp_token") && !hasToken && !hasTokenFile)
@@ -131,9 +135,9 @@ void AgentOptions::checkValues_() {
 // --- configuration
 
 /// 0 for what is no usable number.
-std::int64_t AgentOptions::maxAnswerBytes_() const {
+std::int64_t AgentOptions::bytes_(const char* name) const {
     bool isNumber = false;
-    const long long bytes = text("max_answer_bytes").toLongLong(&isNumber);
+    const long long bytes = text(name).toLongLong(&isNumber);
     return isNumber && bytes >= 1024 && bytes <= 1073741824 ? bytes : 0;
 }
 
@@ -161,13 +165,22 @@ bool AgentOptions::configure(BreltMcpBridgeAgent& agent, ZnString* errorText) co
     agent.setAllowedHosts(McpHostRule(text("mcp_allowed_hosts"), text("bind")));
     agent.setThrottle(text("mcp_throttle").trimmed() == "failures" ? BreltMcpBridgeAgent::Throttle::ByFailure
                                                                    : BreltMcpBridgeAgent::Throttle::ByAddress);
-    if (const std::int64_t bytes = maxAnswerBytes_(); bytes != 0)
+    if (const std::int64_t bytes = bytes_("max_answer_bytes"); bytes != 0)
         agent.setMaxAnswerBytes(bytes);
     agent.setInterop(isOn("mcp_interop"));
     agent.setReload(text("services_reload").trimmed() == "watch");
     agent.setTools({text("mcp_tool_names").trimmed() == "safe", isOn("mcp_call_tools")});
     agent.setStrict(isOn("strict"));
+    agent.setMonitor(monitorOptions_());
     return true;
+}
+
+McpMonitor::Options AgentOptions::monitorOptions_() const {
+    McpMonitor::Options options;
+    options.accessLogPath = text("access_log").trimmed();
+    if (const std::int64_t bytes = bytes_("access_log_max_bytes"); bytes != 0)
+        options.accessLogBytes = static_cast<std::uint64_t>(bytes);
+    return options;
 }
 
 ZnString AgentOptions::helpText() {

@@ -31,7 +31,8 @@ public:
 
 private:
     bool readToken_(ZnString* token, ZnString* errorText) const;
-    std::int64_t maxAnswerBytes_() const;
+    std::int64_t bytes_(const char* name) const;
+    McpMonitor::Options monitorOptions_() const;
     void checkNames_();
     void checkValues_();
 

@@ -5,6 +5,7 @@
 #include "agent/McpText.h"
 #include "core/io/http/ZnHttpAbandonGuard.h"
 #include "core/platform/ZnFileIdentity.h"
+#include "core/platform/ZnMonotonicClock.h"
 #include "core/platform/ZnSocketError.h"
 #include "core/runtime/ZnCoreApplication.h"
 #include "core/types/ZnVersion.h"
@@ -123,14 +124,22 @@ bool BreltMcpBridgeAgent::prepare_() {
         return false;
     for (const ZnString& remark : remarks())
         std::cerr << "[McpBridge] Warning: services file, " << remark << std::endl;
-    if (isStrict_ && !remarks().empty())
+    if ((isStrict_ && !remarks().empty()) || !monitor_.start())
         return false;
+    for (std::shared_ptr<McpObserver>& observer : monitor_.observers())
+        addObserver_(std::move(observer));
     if (reloads_ && !servicesFile_.isEmpty()) {
         watch_ = std::make_shared<McpServiceWatch>(services_, dispatcher_->workers(), servicesFile_,
                                                    McpServiceList::Reading{isInterop_, isStrict_});
         watch_->start();
     }
     return true;
+}
+
+void BreltMcpBridgeAgent::addObserver_(std::shared_ptr<McpObserver> observer) {
+    if (!observers_)
+        dispatcher_->setObserver(observers_ = std::make_shared<McpObservers>());
+    observers_->add(std::move(observer));
 }
 
 bool BreltMcpBridgeAgent::start(const ZnString& bindAddress, std::uint16_t port, const ZnString& tlsCertPath,
@@ -144,6 +153,7 @@ bool BreltMcpBridgeAgent::start(const ZnString& bindAddress, std::uint16_t port,
     server->setLimits(limits);
     server->setTimeouts(timeouts_(server->timeouts()));
     registerRoutes_(*server);
+    server->setBusyHandler([this](const ZnHttpRequest& request) { tell_(request, 503, 0); });
     const ZnString trimmed = bindAddress.trimmed();
     const ZnString address = trimmed.isEmpty() ? ZnString("127.0.0.1") : trimmed;
     const bool usesTls = !tlsCertPath.isEmpty() && !tlsKeyPath.isEmpty();
@@ -204,6 +214,7 @@ void BreltMcpBridgeAgent::stop() {
     server_.reset();
     if (application != nullptr)
         runDeferredDeletions(*application);
+    monitor_.stop();
 }
 
 std::uint16_t BreltMcpBridgeAgent::localPort() const {
@@ -218,7 +229,7 @@ void BreltMcpBridgeAgent::registerRoutes_(ZnHttpApp& app) {
     if (gate_.checksHosts())
         app.addContextMiddleware([this](ZnHttpContext& context, const std::function<void()>& next) {
             if (std::optional<McpReply> refusal = gate_.refuseHost(context))
-                send(std::move(*refusal), context);
+                answer_(std::move(*refusal), context);
             else
                 next();
         });
@@ -231,12 +242,29 @@ void BreltMcpBridgeAgent::registerRoutes_(ZnHttpApp& app) {
     app.get("/services/:serviceId", [this](ZnHttpContext& context) { handleServiceGet_(context); });
 }
 
+/// Tells of a request that the dispatcher does not see.
+void BreltMcpBridgeAgent::tell_(const ZnHttpRequest& request, int status, std::size_t bytesOut) {
+    if (!observers_)
+        return;
+    McpRequestRecord record;
+    record.beganNs = record.endedNs = monotonicNowNs();
+    record.status = status;
+    record.bytesIn = request.body.size();
+    record.bytesOut = bytesOut;
+    observers_->onRequest(record);
+}
+
+void BreltMcpBridgeAgent::answer_(McpReply reply, ZnHttpContext& context) {
+    tell_(context.request(), reply.status, reply.text.size());
+    send(std::move(reply), context);
+}
+
 /// Whether a request on the MCP path may pass; else it has been answered.
 bool BreltMcpBridgeAgent::lets_(ZnHttpContext& context) {
     gate_.setHeaders(context);
     std::optional<McpReply> refusal = gate_.refuse(context);
     if (refusal)
-        send(std::move(*refusal), context);
+        answer_(std::move(*refusal), context);
     return !refusal;
 }
 
@@ -255,7 +283,7 @@ void BreltMcpBridgeAgent::handlePost_(ZnHttpContext& context) {
 
 void BreltMcpBridgeAgent::handleDelete_(ZnHttpContext& context) {
     if (lets_(context))
-        send(dispatcher_->endSession(mcp::headerText(context, "mcp-session-id")), context);
+        answer_(dispatcher_->endSession(mcp::headerText(context, "mcp-session-id")), context);
 }
 
 void BreltMcpBridgeAgent::handleGet_(ZnHttpContext& context) {
@@ -263,12 +291,13 @@ void BreltMcpBridgeAgent::handleGet_(ZnHttpContext& context) {
         return;
     context.setHeader("allow", "POST, DELETE, OPTIONS");
     context.json(mcp::errorBody_("SSE stream is not implemented on this endpoint"), 405);
+    tell_(context.request(), 405, context.response().bodyBytes());
 }
 
 void BreltMcpBridgeAgent::handleOptions_(ZnHttpContext& context) {
     gate_.setHeaders(context);
     if (std::optional<McpReply> refusal = gate_.refusePreflight(context))
-        return send(std::move(*refusal), context);
+        return answer_(std::move(*refusal), context);
     context.setHeader("allow", "POST, GET, DELETE, OPTIONS");
     context.setHeader("access-control-allow-methods", "POST, GET, DELETE, OPTIONS");
     context.setHeader("access-control-allow-headers",

@@ -2,6 +2,8 @@
 
 #include "agent/McpDispatcher.h"
 #include "agent/McpGate.h"
+#include "agent/McpMonitor.h"
+#include "agent/McpObservers.h"
 #include "agent/McpReply.h"
 #include "agent/McpServiceList.h"
 #include "agent/McpServiceWatch.h"
@@ -53,6 +55,7 @@ public:
 
     /// Takes changes of the allowlist, and of the files with its secrets, over while it runs.
     void setReload(bool isOn) { reloads_ = isOn; }
+    void setMonitor(McpMonitor::Options options) { monitor_.setOptions(std::move(options)); }
     void setTools(const McpToolCatalogue::Options& options) { dispatcher_->setCatalogue(options); }
 
     /// Reads the allowlist and the certificate as start() would, and nothing else. False, with the reason on standard
@@ -80,6 +83,9 @@ private:
 
     bool loadServices_();
     bool prepare_();
+    void addObserver_(std::shared_ptr<McpObserver> observer);
+    void tell_(const ZnHttpRequest& request, int status, std::size_t bytesOut);
+    void answer_(McpReply reply, ZnHttpContext& context);
     bool isIdle_() const { return dispatcher_->isIdle() && (!stdio_ || stdio_->isIdle()); }
     ZnHttpTimeouts timeouts_(ZnHttpTimeouts timeouts) const;
     void registerRoutes_(ZnHttpApp& app);
@@ -102,4 +108,6 @@ private:
     const std::shared_ptr<McpDispatcher> dispatcher_ = std::make_shared<McpDispatcher>(services_);
     std::shared_ptr<McpStdioFront> stdio_;   // null without it
     std::shared_ptr<McpServiceWatch> watch_; // likewise
+    McpMonitor monitor_;
+    std::shared_ptr<McpObservers> observers_; // null when nobody wants to be told
 };

@@ -4,7 +4,8 @@
 
 /// One MCP session: what a client agreed on in `initialize`. Shared, so that a running handler keeps it.
 struct McpBridgeSession {
-    ZnString id; // value of the session header
+    ZnString id;  // value of the session header
+    ZnString tag; // of the id, see mcp::sessionTag; empty where nobody has asked for it yet
     ZnString protocolVersion;
     ZnString clientName;
     ZnString clientVersion;

@@ -15,6 +15,7 @@ constexpr int kInvalidRequest = -32600;
 constexpr int kMethodNotFound = -32601;
 constexpr int kInvalidParams = -32602;
 constexpr int kServerBusy = -32000;
+constexpr int kStopping = 503; // of HTTP
 constexpr std::size_t kSessionIdBytes = 24;
 /// Kept of a client's name and version: sessions are many, and what a client sends may be large.
 constexpr std::size_t kClientTextBytes = 256;
@@ -86,6 +87,13 @@ ZnString clientText(const ZnJsonObject& params, std::string_view name) {
     return ZnString(text.view().substr(0, kClientTextBytes));
 }
 
+/// An error of JSON-RPC, which observers are told of.
+McpReply fail(McpMessage* message, const ZnJsonValue& id, int code, const char* text, ZnJsonValue data = {}) {
+    if (message->record)
+        message->record->answer.rpcCode = code;
+    return McpReply::json(mcp::jsonRpcError_(id, code, text, std::move(data)));
+}
+
 ZnJsonObject unsupportedVersionData(const ZnString& requested) {
     ZnJsonArray supported;
     supported.append(McpDispatcher::kProtocolVersion);
@@ -117,15 +125,19 @@ void McpDispatcher::setExact(bool isExact) {
 McpReply McpDispatcher::answer(McpMessage message) {
     if (!observer_)
         return answer_(message);
+    const long long beganNs = monotonicNowNs();
+    const std::size_t bytesIn = message.body.size();
     const auto record = std::make_shared<McpRequestRecord>();
-    record->beganNs = monotonicNowNs();
-    record->bytesIn = message.body.size();
     message.record = record;
     McpReply reply = answer_(message);
-    record->endedNs = monotonicNowNs();
-    record->status = reply.status;
-    record->bytesOut = reply.text.size();
-    observer_->onRequest(*record);
+    McpRequestRecord stopped; // in its place where a worker that was not waited for may still fill it in
+    McpRequestRecord& told = reply.status == kStopping ? stopped : *record;
+    told.beganNs = beganNs;
+    told.endedNs = monotonicNowNs();
+    told.status = reply.status;
+    told.bytesIn = bytesIn;
+    told.bytesOut = reply.text.size();
+    observer_->onRequest(told);
     return reply;
 }
 
@@ -141,7 +153,7 @@ McpReply McpDispatcher::answer_(McpMessage& message) {
             large->message.document = ZnJsonDocument(); // here: it may be a million values
     });
     if (!hasRun)
-        return McpReply::ofStatus(503);
+        return McpReply::ofStatus(kStopping);
     workers_->giveMemoryBackSoon();
     return finish_(large->message, large->reply);
 }
@@ -188,7 +200,7 @@ McpReply McpDispatcher::processObject_(McpMessage* message) {
     const bool hasId = object.contains("id");
     const ZnJsonValue& id = object.value("id");
     if (!isJsonRpc20(object))
-        return isUsableId(id) ? McpReply::json(mcp::jsonRpcError_(id, kInvalidRequest, "Invalid Request"))
+        return isUsableId(id) ? fail(message, id, kInvalidRequest, "Invalid Request")
                               : McpReply::error(400, "Invalid JSON-RPC version");
     if (!object.value("method").isString())
         return McpReply::ofStatus(202); // a client's response ends here
@@ -200,7 +212,7 @@ McpReply McpDispatcher::processObject_(McpMessage* message) {
     if (!hasId)
         return notify_(message, method);
     if (!isUsableId(id))
-        return McpReply::json(mcp::jsonRpcError_(ZnJsonValue(), kInvalidRequest, "Invalid Request"));
+        return fail(message, ZnJsonValue(), kInvalidRequest, "Invalid Request");
     return method == "initialize" ? initialize_(message) : dispatch_(message, method);
 }
 
@@ -235,7 +247,7 @@ McpReply McpDispatcher::dispatch_(McpMessage* message, std::string_view method) 
         return McpReply::json(mcp::jsonRpcResult_(id, tools_.catalogue().listText().view()));
     if (method == "tools/call")
         return McpReply::json(tools_.answer(message));
-    return McpReply::json(mcp::jsonRpcError_(id, kMethodNotFound, "Method not found"));
+    return fail(message, id, kMethodNotFound, "Method not found");
 }
 
 McpDispatcher::SessionRef_ McpDispatcher::requireSession_(const McpMessage& message, McpReply* refusal) {
@@ -259,14 +271,13 @@ McpReply McpDispatcher::initialize_(McpMessage* message) {
         params = &kNoParams;
     const ZnString requested = mcp::textMember_(*params, "protocolVersion");
     if (requested.isEmpty())
-        return McpReply::json(mcp::jsonRpcError_(id, kInvalidParams, "Missing params.protocolVersion"));
+        return fail(message, id, kInvalidParams, "Missing params.protocolVersion");
     // With interoperability any is taken: a client that cannot speak this one ends the connection itself.
     if (!isExact_ && !isSupportedProtocol(requested.view()))
-        return McpReply::json(
-            mcp::jsonRpcError_(id, kInvalidParams, "Unsupported protocol version", unsupportedVersionData(requested)));
+        return fail(message, id, kInvalidParams, "Unsupported protocol version", unsupportedVersionData(requested));
     const SessionRef_ session = createSession_(*params, &message->evictedSession);
     if (!session)
-        return McpReply::json(mcp::jsonRpcError_(id, kServerBusy, "Too many sessions"));
+        return fail(message, id, kServerBusy, "Too many sessions");
     if (message->record)
         message->record->session = session;
     McpReply reply = McpReply::json(mcp::jsonRpcResult_(id, ZnJsonValue(initializeResult_()).toJson().view()));
@@ -289,6 +300,8 @@ McpDispatcher::SessionRef_ McpDispatcher::createSession_(const ZnJsonObject& par
     session->id = generateToken(kSessionIdBytes);
     if (session->id.isEmpty())
         session->id = fallbackId("mcp");
+    if (observer_)
+        session->tag = mcp::sessionTag(session->id);
     session->protocolVersion = kProtocolVersion;
     session->clientName = clientText(params, "name");
     session->clientVersion = clientText(params, "version");

@@ -46,7 +46,7 @@ public:
     void endClient(const ZnString& sessionId) { context_.sessions->endClient(sessionId); }
 
 private:
-    ZnString getService_(const ZnJsonObject& arguments) const;
+    ZnString getService_(const ZnJsonObject& arguments, McpCallOutcome* outcome) const;
     McpServiceList::Ref serviceToCall_(McpToolCatalogue::Tool tool, const ZnJsonObject& arguments,
                                        ZnString* refusal) const;
 

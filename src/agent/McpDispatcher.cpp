@@ -100,9 +100,9 @@ ZnJsonObject unsupportedVersionData(const ZnString& requested) {
     return {{"requested", requested}, {"supported", std::move(supported)}};
 }
 
-/// A message that is answered on another thread: the frame that waits for it may go before that is done.
-struct LargeMessage {
-    explicit LargeMessage(McpMessage from)
+/// A message that is answered on another thread or later: the frame that brought it may have ended by then.
+struct OwnedMessage {
+    explicit OwnedMessage(McpMessage from)
         : sessionId(from.sessionId), protocolVersion(from.protocolVersion), message(std::move(from)) {
         message.sessionId = sessionId.view();
         message.protocolVersion = protocolVersion.view();
@@ -125,20 +125,26 @@ void McpDispatcher::setExact(bool isExact) {
 McpReply McpDispatcher::answer(McpMessage message) {
     if (!observer_)
         return answer_(message);
-    const long long beganNs = monotonicNowNs();
-    const std::size_t bytesIn = message.body.size();
+    const McpCaller& caller = *message.caller;
     const auto record = std::make_shared<McpRequestRecord>();
+    record->beganNs = monotonicNowNs();
+    record->bytesIn = message.body.size();
     message.record = record;
     McpReply reply = answer_(message);
-    McpRequestRecord stopped; // in its place where a worker that was not waited for may still fill it in
-    McpRequestRecord& told = reply.status == kStopping ? stopped : *record;
-    told.beganNs = beganNs;
+    if (!reply.later)
+        tellObserver_(*record, reply, caller.toldBytes());
+    return reply;
+}
+
+void McpDispatcher::tellObserver_(McpRequestRecord& record, const McpReply& reply, std::size_t toldBytes) const {
+    McpRequestRecord stopped; // in place of one that a worker may still fill in, since nobody waits for it any more
+    stopped.beganNs = record.beganNs;
+    stopped.bytesIn = record.bytesIn;
+    McpRequestRecord& told = reply.status == kStopping ? stopped : record;
     told.endedNs = monotonicNowNs();
     told.status = reply.status;
-    told.bytesIn = bytesIn;
-    told.bytesOut = reply.text.size();
+    told.bytesOut = toldBytes + reply.text.size();
     observer_->onRequest(told);
-    return reply;
 }
 
 McpReply McpDispatcher::answer_(McpMessage& message) {
@@ -146,7 +152,7 @@ McpReply McpDispatcher::answer_(McpMessage& message) {
         McpReply reply = process_(&message);
         return finish_(message, reply);
     }
-    const auto large = std::make_shared<LargeMessage>(std::move(message));
+    const auto large = std::make_shared<OwnedMessage>(std::move(message));
     const bool hasRun = workers_->await([self = shared_from_this(), large] {
         large->reply = self->process_(&large->message);
         if (!large->message.service)
@@ -164,7 +170,29 @@ McpReply McpDispatcher::finish_(McpMessage& message, McpReply& reply) {
         tools_.cancel(message);
     if (!message.evictedSession.isEmpty())
         tools_.endClient(message.evictedSession);
-    return message.service ? tools_.forward(message) : std::move(reply);
+    if (!message.service)
+        return std::move(reply);
+    const bool wantsStream = message.progressToken && message.caller->canOpenStream;
+    return wantsStream ? forwardLater_(message) : tools_.forward(message);
+}
+
+McpReply McpDispatcher::forwardLater_(McpMessage& message) {
+    const auto owned = std::make_shared<OwnedMessage>(std::move(message));
+    McpReply reply;
+    // The end of `record` tells of a stream that never began, since the client had left.
+    const std::shared_ptr<McpRequestRecord> record(owned->message.record.get(),
+                                                   [self = shared_from_this(), owned](McpRequestRecord* untold) {
+                                                       if (untold != nullptr && untold->endedNs == 0)
+                                                           self->tellObserver_(*untold, McpReply::ofStatus(0), 0);
+                                                   });
+    reply.later = [self = shared_from_this(), owned, record](McpCaller& caller) {
+        owned->message.caller = &caller;
+        McpReply answer = self->tools_.forward(owned->message);
+        if (record)
+            self->tellObserver_(*record, answer, caller.toldBytes());
+        return answer;
+    };
+    return reply;
 }
 
 McpReply McpDispatcher::endSession(std::string_view id) {
@@ -225,7 +253,7 @@ McpReply McpDispatcher::notify_(McpMessage* message, std::string_view method) {
         ZnMutexLocker locker(sessionsLock_);
         session->initialized = true;
     }
-    if (method == "notifications/cancelled" && message->mayCancel)
+    if (method == "notifications/cancelled" && (message->mayCancel || usesProgress_))
         message->cancelledIdText = cancelledId(message->object());
     return McpReply::ofStatus(202);
 }

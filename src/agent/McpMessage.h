@@ -8,8 +8,10 @@
 #include "core/types/ZnJsonObject.h"
 #include "core/types/ZnString.h"
 
+#include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -25,8 +27,24 @@ public:
             std::exchange(onGone_, nullptr)();
     }
 
+    /// Takes messages about a call, each as JSON, while its answer is awaited; false when one does not go out. It must
+    /// not park. Empty: it takes none.
+    using Sink = std::function<bool(ZnByteArray message)>;
+    void setSink(Sink sink) { sink_ = std::move(sink); }
+    bool takesMessages() const noexcept { return sink_ != nullptr; }
+    void tell(ZnByteArray message) {
+        const std::size_t byteCount = message.size();
+        if (sink_ && sink_(std::move(message)))
+            toldBytes_ += byteCount;
+    }
+    std::size_t toldBytes() const noexcept { return toldBytes_; }
+    /// The front can take messages, but has to begin another form of answer first: see McpReply::later.
+    bool canOpenStream = false;
+
 private:
     std::function<void()> onGone_;
+    Sink sink_;
+    std::size_t toldBytes_ = 0; // of messages about calls
 };
 
 /// One message of a client that is being answered: what came with it, and what it says.
@@ -52,6 +70,7 @@ struct McpMessage {
     /// Set: there is no answer yet, since the message is a call that this service is to get.
     std::shared_ptr<const McpBridgeServiceRecord> service;
     McpToolCatalogue::Tool tool = McpToolCatalogue::Tool::Rpc; // of such a call
+    std::optional<ZnJsonValue> progressToken;                  // with which the client wants to be told of its progress
     ZnString idText;                                           // of such a call, as JSON
     ZnString evictedSession;  // made room for the one that this message has opened; empty: none did
     ZnString cancelledIdText; // of the call that this message cancels, as JSON; empty: it cancels none

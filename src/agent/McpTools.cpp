@@ -46,6 +46,8 @@ ZnByteArray McpTools::answer(McpMessage* message) const {
     message->service = serviceToCall_(*tool, arguments, &refusal);
     message->idText = id.toJson();
     outcome.isToolError = message->service ? std::nullopt : std::optional(true); // else the service has the say
+    if (context_.usesProgress)
+        message->progressToken = mcp::progressToken(*params);
     return message->service ? ZnByteArray()
                             : ZnByteArray(mcp::jsonRpcResultTo_(message->idText.view(), refusal.view()));
 }

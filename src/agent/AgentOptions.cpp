@@ -45,6 +45,8 @@ constexpr Option kOptions[] = {
     {"access_log", "", "file that gets a JSON line for each request and each call of a service; - is standard output",
      "What operators see"},
     {"access_log_max_bytes", "67108864", "size at which the log becomes PATH.1, 1024 to 1073741824"},
+    {"health_path", "", "path that answers as long as the agent does, such as /healthz; needs no token"},
+    {"metrics_path", "", "path of the metrics for Prometheus, such as /metrics; needs no token"},
     {"duration_ms", "0", "milliseconds to run; 0: until stopped", "Running"},
     {"strict", "false", "do not start when there is something to warn about", nullptr, Kind::Switch},
     {"check", "false", "read options, certificate and allowlist, say what was found, and end", nullptr, Kind::Switch},
@@ -159,8 +161,12 @@ bool AgentOptions::configure(BreltMcpBridgeAgent& agent, ZnString* errorText) co
     ZnString token;
     if (!readToken_(&token, errorText))
         return false;
-    agent.setServicesFile(text("services_file"));
     agent.setMcpPath(text("mcp_path"));
+    McpMonitor::Options monitor = monitorOptions_();
+    *errorText = McpMonitor::pathProblem(monitor, agent.mcpPath());
+    if (!errorText->isEmpty())
+        return false;
+    agent.setServicesFile(text("services_file"));
     agent.setMcpToken(token);
     agent.setAllowedOrigin(text("mcp_allowed_origin"));
     agent.setAllowedHosts(McpHostRule(text("mcp_allowed_hosts"), text("bind")));
@@ -173,7 +179,7 @@ bool AgentOptions::configure(BreltMcpBridgeAgent& agent, ZnString* errorText) co
     agent.setReload(text("services_reload").trimmed() == "watch");
     agent.setTools({text("mcp_tool_names").trimmed() == "safe", isOn("mcp_call_tools")});
     agent.setStrict(isOn("strict"));
-    agent.setMonitor(monitorOptions_());
+    agent.setMonitor(std::move(monitor));
     return true;
 }
 
@@ -182,6 +188,8 @@ McpMonitor::Options AgentOptions::monitorOptions_() const {
     options.accessLogPath = text("access_log").trimmed();
     if (const std::int64_t bytes = bytes_("access_log_max_bytes"); bytes != 0)
         options.accessLogBytes = static_cast<std::uint64_t>(bytes);
+    options.healthPath = BreltMcpBridgeAgent::normalizedPath(text("health_path"));
+    options.metricsPath = BreltMcpBridgeAgent::normalizedPath(text("metrics_path"));
     return options;
 }
 

@@ -22,8 +22,8 @@ public:
     int durationMs() const { return text("duration_ms").toInt(); }
     bool hasTls() const { return !text("tls_cert_path").isEmpty() && !text("tls_key_path").isEmpty(); }
 
-    /// Hands everything to the agent. False, with the reason, when the token's file gives none: it must not start
-    /// without.
+    /// Hands everything to the agent. False, with the reason, when the token's file gives none, or a path
+    /// cannot be served: it must not start then.
     bool configure(BreltMcpBridgeAgent& agent, ZnString* errorText) const;
     const std::vector<ZnString>& remarks() const noexcept { return remarks_; }
 

@@ -62,15 +62,6 @@ ZnString listenProblem(int error, const ZnString& address, std::uint16_t port) {
     }
 }
 
-ZnString normalizedPath(const ZnString& path) {
-    std::string_view text = trimmedView(path.view());
-    while (text.size() > 1 && text.ends_with('/'))
-        text.remove_suffix(1);
-    if (text.empty())
-        return "/mcp";
-    return text.front() == '/' ? ZnString(text) : "/" + ZnString(text);
-}
-
 /// Whether the client reads event streams, in chunks.
 bool acceptsStream(const ZnHttpContext& context) {
     const ZnString accept = ZnString(mcp::headerText(context, "accept")).toLower();
@@ -118,6 +109,15 @@ void BreltMcpBridgeAgent::setServicesFile(const ZnString& path) {
 
 void BreltMcpBridgeAgent::setMcpPath(const ZnString& path) {
     mcpPath_ = normalizedPath(path);
+    if (mcpPath_.isEmpty())
+        mcpPath_ = "/mcp";
+}
+
+ZnString BreltMcpBridgeAgent::normalizedPath(const ZnString& path) {
+    std::string_view text = trimmedView(path.view());
+    while (text.size() > 1 && text.ends_with('/'))
+        text.remove_suffix(1);
+    return text.empty() || text.front() == '/' ? ZnString(text) : "/" + ZnString(text);
 }
 
 void BreltMcpBridgeAgent::setMcpToken(const ZnString& token) {
@@ -259,9 +259,20 @@ void BreltMcpBridgeAgent::registerRoutes_(ZnHttpApp& app) {
     app.get(mcpPath_, [this](ZnHttpContext& context) { handleGet_(context); });
     app.post(mcpPath_, [this](ZnHttpContext& context) { handlePost_(context); });
     app.del(mcpPath_, [this](ZnHttpContext& context) { handleDelete_(context); });
-    app.get("/help", [this](ZnHttpContext& context) { handleHelp_(context); });
-    app.get("/services", [this](ZnHttpContext& context) { context.json(services_->publicViews(), 200); });
-    app.get("/services/:serviceId", [this](ZnHttpContext& context) { handleServiceGet_(context); });
+    const auto show = [this, &app](const char* path, void (BreltMcpBridgeAgent::*handler)(ZnHttpContext&) const) {
+        app.get(path, [this, handler](ZnHttpContext& context) {
+            (this->*handler)(context);
+            tellAnswer_(context);
+        });
+    };
+    show("/help", &BreltMcpBridgeAgent::handleHelp_);
+    show("/services", &BreltMcpBridgeAgent::handleServices_);
+    show("/services/:serviceId", &BreltMcpBridgeAgent::handleService_);
+    monitor_.addRoutes(app, [this] {
+        const ZnCoreApplication* application = ZnCoreApplication::instance();
+        const double load = application == nullptr ? 0 : application->load();
+        return McpMetrics::Gauges{dispatcher_->callsInFlight(), dispatcher_->sessionCount(), load};
+    });
 }
 
 /// Tells of a request that the dispatcher does not see.
@@ -274,6 +285,10 @@ void BreltMcpBridgeAgent::tell_(const ZnHttpRequest& request, int status, std::s
     record.bytesIn = request.body.size();
     record.bytesOut = bytesOut;
     observers_->onRequest(record);
+}
+
+void BreltMcpBridgeAgent::tellAnswer_(const ZnHttpContext& context) {
+    tell_(context.request(), context.response().status, context.response().bodyBytes());
 }
 
 void BreltMcpBridgeAgent::answer_(McpReply reply, ZnHttpContext& context) {
@@ -319,7 +334,7 @@ void BreltMcpBridgeAgent::handleGet_(ZnHttpContext& context) {
         return;
     context.setHeader("allow", "POST, DELETE, OPTIONS");
     context.json(mcp::errorBody_("SSE stream is not implemented on this endpoint"), 405);
-    tell_(context.request(), 405, context.response().bodyBytes());
+    tellAnswer_(context);
 }
 
 void BreltMcpBridgeAgent::handleOptions_(ZnHttpContext& context) {
@@ -331,6 +346,7 @@ void BreltMcpBridgeAgent::handleOptions_(ZnHttpContext& context) {
     context.setHeader("access-control-allow-headers",
                       "authorization, content-type, accept, mcp-protocol-version, mcp-session-id");
     context.sendStatus(204);
+    tellAnswer_(context);
 }
 
 void BreltMcpBridgeAgent::handleHelp_(ZnHttpContext& context) const {
@@ -346,7 +362,11 @@ void BreltMcpBridgeAgent::handleHelp_(ZnHttpContext& context) const {
     context.text(text, 200);
 }
 
-void BreltMcpBridgeAgent::handleServiceGet_(ZnHttpContext& context) {
+void BreltMcpBridgeAgent::handleServices_(ZnHttpContext& context) const {
+    context.json(services_->publicViews(), 200);
+}
+
+void BreltMcpBridgeAgent::handleService_(ZnHttpContext& context) const {
     const McpServiceList::Ref record = services_->find(context.pathParam("serviceId"));
     if (record)
         context.json(McpServiceList::publicView(*record), 200);

@@ -61,6 +61,9 @@ public:
     }
     /// Takes changes of the allowlist, and of the files with its secrets, over while it runs.
     void setReload(bool isOn) { reloads_ = isOn; }
+    const ZnString& mcpPath() const noexcept { return mcpPath_; }
+    /// Without white space around it, with one "/" in front and none at the end; empty stays empty.
+    static ZnString normalizedPath(const ZnString& path);
     void setMonitor(McpMonitor::Options options) { monitor_.setOptions(std::move(options)); }
     void setTools(const McpToolCatalogue::Options& options) { dispatcher_->setCatalogue(options); }
 
@@ -91,6 +94,7 @@ private:
     bool prepare_();
     void addObserver_(std::shared_ptr<McpObserver> observer);
     void tell_(const ZnHttpRequest& request, int status, std::size_t bytesOut);
+    void tellAnswer_(const ZnHttpContext& context);
     void answer_(McpReply reply, ZnHttpContext& context);
     bool isIdle_() const { return dispatcher_->isIdle() && *streamCount_ == 0 && (!stdio_ || stdio_->isIdle()); }
     ZnHttpTimeouts timeouts_(ZnHttpTimeouts timeouts) const;
@@ -100,7 +104,8 @@ private:
     void handleGet_(ZnHttpContext& context);
     void handleOptions_(ZnHttpContext& context);
     void handleHelp_(ZnHttpContext& context) const;
-    void handleServiceGet_(ZnHttpContext& context);
+    void handleServices_(ZnHttpContext& context) const;
+    void handleService_(ZnHttpContext& context) const;
     bool lets_(ZnHttpContext& context);
 
     std::unique_ptr<ZnHttpApp> server_; // null unless listening

@@ -54,6 +54,11 @@ public:
     /// Ends the calls in flight; from now on none begins.
     void stop() { tools_.stop(); }
     bool isIdle() const noexcept { return tools_.isIdle(); }
+    std::size_t callsInFlight() const noexcept { return tools_.callsInFlight(); }
+    std::size_t sessionCount() {
+        const ZnMutexLocker locker(sessionsLock_);
+        return sessions_.size();
+    }
 
 private:
     McpReply answer_(McpMessage& message);

@@ -43,6 +43,7 @@ public:
         context_.sessions->endAll();
     }
     bool isIdle() const noexcept { return context_.inFlight->isEmpty() && context_.notes->isIdle(); }
+    std::size_t callsInFlight() const noexcept { return context_.inFlight->size(); }
     /// The client's session has ended, and with it what was kept for it.
     void endClient(const ZnString& sessionId) { context_.sessions->endClient(sessionId); }
 

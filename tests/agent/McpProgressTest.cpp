@@ -98,14 +98,10 @@ TEST_F(McpProgressTest, ProgressComesUnderTheClientsToken) {
 }
 
 TEST_F(McpProgressTest, WhoIsNotAwaitedAnyMoreIsCancelledAtTheService) {
-    const auto hold = [](ZnHttpContext& context, const std::string&) {
-        ZnEventLoop().exec(2000);
-        context.sendStatus(500);
-    };
     answerTo(callWith("1")); // for the handshake
     for (const std::string way : {"cancelled", "left", "late"}) {
         SCOPED_TRACE(way);
-        service_.answerNext("tools/call", hold);
+        service_.holdNext("tools/call");
         service_.seen.clear();
         begin(callWith("1"));
         EXPECT_TRUE(runUntil([this] { return !service_.seen.empty(); }));
@@ -119,6 +115,8 @@ TEST_F(McpProgressTest, WhoIsNotAwaitedAnyMoreIsCancelledAtTheService) {
         EXPECT_TRUE(holds(service_.lastBody, R"("requestId": )" + upstreamId + "}"));
         EXPECT_TRUE(runUntil([this] { return !answer_.empty(); }));
         EXPECT_EQ(answer_.substr(0, 4), way == "cancelled" ? "202 " : "200 ");
+        service_.release();
+        EXPECT_TRUE(runUntil([this] { return !service_.isHolding; }));
     }
 }
 

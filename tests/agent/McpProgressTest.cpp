@@ -6,6 +6,18 @@
 
 namespace {
 
+/// Keeps the last record of a request.
+struct LastRequest : McpObserver {
+    void onRequest(const McpRequestRecord& record) override {
+        status = record.status;
+        bytesOut = record.bytesOut;
+    }
+    void onCall(const McpCallRecord&) override {}
+
+    int status = -1;
+    std::size_t bytesOut = 0;
+};
+
 class McpProgressTest : public AgentFixture {
 protected:
     void SetUp() override {
@@ -13,6 +25,7 @@ protected:
         agent_.setInterop(true);
         agent_.setTools({true, true});
         agent_.setProgress(true);
+        Peer::dispatcher(agent_).setObserver(observed_);
         setServices(R"({"services":[{"id":"s","timeoutMs":1500,"url":")" + service_.url() + "\"}]})");
         session_ = newSession();
     }
@@ -24,6 +37,7 @@ protected:
     void begin(const std::string& message) {
         answer_.clear();
         notes_.clear();
+        caller_ = McpCaller();
         caller_.setSink([this](const ZnByteArray& note) {
             notes_.push_back(note.toZnString().str());
             return true;
@@ -74,6 +88,7 @@ protected:
     McpCaller caller_;
     std::string answer_;
     std::vector<std::string> notes_;
+    const std::shared_ptr<LastRequest> observed_ = std::make_shared<LastRequest>();
 };
 
 TEST_F(McpProgressTest, ProgressComesUnderTheClientsToken) {
@@ -94,6 +109,10 @@ TEST_F(McpProgressTest, ProgressComesUnderTheClientsToken) {
                                std::string(value) + R"(,"progressToken": )" + row.shown + "}}");
         EXPECT_EQ(notes_, row.shown.empty() ? std::vector<std::string>() : expected);
         EXPECT_EQ(holds(service_.lastBody, "progressToken"), !row.shown.empty());
+        std::size_t byteCount = answer_.size() - std::string("200 ").size();
+        for (const std::string& note : notes_)
+            byteCount += note.size();
+        EXPECT_EQ(observed_->bytesOut, byteCount);
     }
 }
 
@@ -162,6 +181,8 @@ TEST_F(McpProgressTest, OverHttpTheAnswerBecomesAStream) {
         EXPECT_TRUE(runUntil([&] { return response != nullptr; }));
         EXPECT_EQ(response->switchProtocols, accepts);
         EXPECT_EQ(holds(bodyOf(*response), R"("result": {"content")"), !accepts);
+        response.reset(); // a stream that never begins is told of, too
+        EXPECT_EQ(observed_->status, accepts ? 0 : 200);
     }
 }
 

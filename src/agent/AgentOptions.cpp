@@ -122,6 +122,9 @@ void AgentOptions::checkValues_() {
     for (const char* name : {"max_answer_bytes", "access_log_max_bytes"})
         if (bytes_(name) == 0)
             remarks_.push_back(ZnString("--") + name + " is no number from 1024 to 1073741824; the default counts");
+    const bool hasPaths = !text("health_path").isEmpty() || !text("metrics_path").isEmpty();
+    if (hasPaths && isOn("stdio") && !has("port"))
+        remarks_.push_back("--health_path and --metrics_path need --port with --stdio");
     const bool hasToken = !text("mcp_token").trimmed().isEmpty();
     const bool hasTokenFile = has("mcp_token_file");
     if (has("mcp_token") && !hasToken && !hasTokenFile)

@@ -6,18 +6,6 @@
 
 namespace {
 
-/// Keeps the last record of a request.
-struct LastRequest : McpObserver {
-    void onRequest(const McpRequestRecord& record) override {
-        status = record.status;
-        bytesOut = record.bytesOut;
-    }
-    void onCall(const McpCallRecord&) override {}
-
-    int status = -1;
-    std::size_t bytesOut = 0;
-};
-
 class McpProgressTest : public AgentFixture {
 protected:
     void SetUp() override {
@@ -25,7 +13,7 @@ protected:
         agent_.setInterop(true);
         agent_.setTools({true, true});
         agent_.setProgress(true);
-        Peer::dispatcher(agent_).setObserver(observed_);
+        Peer::dispatcher(agent_).setObserver(last_);
         setServices(R"({"services":[{"id":"s","timeoutMs":1500,"url":")" + service_.url() + "\"}]})");
         session_ = newSession();
     }
@@ -88,7 +76,6 @@ protected:
     McpCaller caller_;
     std::string answer_;
     std::vector<std::string> notes_;
-    const std::shared_ptr<LastRequest> observed_ = std::make_shared<LastRequest>();
 };
 
 TEST_F(McpProgressTest, ProgressComesUnderTheClientsToken) {
@@ -112,7 +99,7 @@ TEST_F(McpProgressTest, ProgressComesUnderTheClientsToken) {
         std::size_t byteCount = answer_.size() - std::string("200 ").size();
         for (const std::string& note : notes_)
             byteCount += note.size();
-        EXPECT_EQ(observed_->bytesOut, byteCount);
+        EXPECT_EQ(last_->request.bytesOut, byteCount);
     }
 }
 
@@ -182,7 +169,7 @@ TEST_F(McpProgressTest, OverHttpTheAnswerBecomesAStream) {
         EXPECT_EQ(response->switchProtocols, accepts);
         EXPECT_EQ(holds(bodyOf(*response), R"("result": {"content")"), !accepts);
         response.reset(); // a stream that never begins is told of, too
-        EXPECT_EQ(observed_->status, accepts ? 0 : 200);
+        EXPECT_EQ(last_->request.status, accepts ? 0 : 200);
     }
 }
 

@@ -3,6 +3,7 @@
 #include "agent/AgentFixture.h"
 #include "agent/NotingService.h"
 #include "core/io/http/ZnEventStreamParser.h"
+#include "support/Loopback.h"
 
 namespace {
 
@@ -121,6 +122,29 @@ TEST_F(McpProgressTest, WhoIsNotAwaitedAnyMoreIsCancelledAtTheService) {
         EXPECT_TRUE(holds(service_.lastBody, R"("requestId": )" + upstreamId + "}"));
         EXPECT_TRUE(runUntil([this] { return !answer_.empty(); }));
         EXPECT_EQ(answer_.substr(0, 4), way == "cancelled" ? "202 " : "200 ");
+        service_.release();
+        EXPECT_TRUE(runUntil([this] { return !service_.isHolding; }));
+    }
+}
+
+TEST_F(McpProgressTest, AStreamAndItsCallEndWithTheClient) {
+    answerTo(callWith("1")); // for the handshake
+    ASSERT_TRUE(routes_.tcpServer().listen("127.0.0.1", 0));
+    for (const bool resets : {false, true}) {
+        const int client = connectToLoopback(routes_.tcpServer().localPort());
+        service_.holdNext("tools/call");
+        service_.seen.clear();
+        const std::string body = callWith("1");
+        const std::string head =
+            "POST /mcp HTTP/1.1\r\nHost: a\r\nAccept: text/event-stream\r\nMcp-Session-Id: " + session_ +
+            "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n";
+        EXPECT_GT(::send(client, (head + body).data(), (head + body).size(), 0), 0);
+        EXPECT_TRUE(runUntil([this] { return service_.isHolding; }));
+        if (resets)
+            resetOnClose(client);
+        ::close(client);
+        EXPECT_TRUE(runUntil([this] { return service_.seen.size() == 2; }));
+        EXPECT_EQ(service_.seen.back(), "notifications/cancelled u1 2025-06-18");
         service_.release();
         EXPECT_TRUE(runUntil([this] { return !service_.isHolding; }));
     }

@@ -41,10 +41,19 @@ constexpr Option kOptions[] = {
     {"services_file", "mcp-bridge-services.json", "the allowlist", "Services"},
     {"services_reload", "off", "off, or watch: take a changed allowlist and changed secrets over"},
     {"max_answer_bytes", "16777216", "largest answer taken from a service, 1024 to 1073741824"},
+    {"state_dir", "", "directory that keeps sessions and a trail of calls", "What is kept"},
+    {"trail_max_days", "30", "calls older than so many days are removed, 1 to 3650"},
+    {"trail_max_bytes", "268435456", "room for the directory on the disk, 1048576 to 1099511627776"},
     {"duration_ms", "0", "milliseconds to run; 0: until stopped", "Running"},
     {"strict", "false", "do not start when there is something to warn about", nullptr, Kind::Switch},
     {"check", "false", "read options, certificate and allowlist, say what was found, and end", nullptr, Kind::Switch},
 };
+
+using Range = AgentOptions::Range;
+constexpr Range kAnswerBytes = {"max_answer_bytes", 1024, 1073741824};
+constexpr Range kTrailDays = {"trail_max_days", 1, 3650};
+constexpr Range kTrailBytes = {"trail_max_bytes", 1048576, 1099511627776};
+constexpr Range kRanges[] = {kAnswerBytes, kTrailDays, kTrailBytes};
 
 const Option& optionNamed(std::string_view name) {
     const Option* option =
@@ -113,8 +122,10 @@ void AgentOptions::checkValues_() {
     const ZnString reload = text("services_reload").trimmed();
     if (reload != "off" && reload != "watch")
         remarks_.push_back("--services_reload is neither off nor watch; it counts as off");
-    if (maxAnswerBytes_() == 0)
-        remarks_.push_back("--max_answer_bytes is no number from 1024 to 1073741824; the default counts");
+    for (const Range& range : kRanges)
+        if (numberIn_(range) == 0)
+            remarks_.push_back(ZnString("--") + range.option + " is no number from " + ZnString::number(range.least) +
+                               " to " + ZnString::number(range.most) + "; the default counts");
     const bool hasToken = !text("mcp_token").trimmed().isEmpty();
     const bool hasTokenFile = has("mcp_token_file");
     if (has("mcp_token") && !hasToken && !hasTokenFile)
@@ -131,10 +142,19 @@ void AgentOptions::checkValues_() {
 // --- configuration
 
 /// 0 for what is no usable number.
-std::int64_t AgentOptions::maxAnswerBytes_() const {
+std::int64_t AgentOptions::numberIn_(const Range& range) const {
     bool isNumber = false;
-    const long long bytes = text("max_answer_bytes").toLongLong(&isNumber);
-    return isNumber && bytes >= 1024 && bytes <= 1073741824 ? bytes : 0;
+    const long long number = text(range.option).toLongLong(&isNumber);
+    return isNumber && number >= range.least && number <= range.most ? number : 0;
+}
+
+McpStateDir::Settings AgentOptions::stateSettings_() const {
+    McpStateDir::Settings settings;
+    if (const std::int64_t days = numberIn_(kTrailDays); days != 0)
+        settings.maxDays = static_cast<int>(days);
+    if (const std::int64_t bytes = numberIn_(kTrailBytes); bytes != 0)
+        settings.maxBytes = bytes;
+    return settings;
 }
 
 bool AgentOptions::readToken_(ZnString* token, ZnString* errorText) const {
@@ -161,11 +181,12 @@ bool AgentOptions::configure(BreltMcpBridgeAgent& agent, ZnString* errorText) co
     agent.setAllowedHosts(McpHostRule(text("mcp_allowed_hosts"), text("bind")));
     agent.setThrottle(text("mcp_throttle").trimmed() == "failures" ? BreltMcpBridgeAgent::Throttle::ByFailure
                                                                    : BreltMcpBridgeAgent::Throttle::ByAddress);
-    if (const std::int64_t bytes = maxAnswerBytes_(); bytes != 0)
+    if (const std::int64_t bytes = numberIn_(kAnswerBytes); bytes != 0)
         agent.setMaxAnswerBytes(bytes);
     agent.setInterop(isOn("mcp_interop"));
     agent.setReload(text("services_reload").trimmed() == "watch");
     agent.setTools({text("mcp_tool_names").trimmed() == "safe", isOn("mcp_call_tools")});
+    agent.setState(text("state_dir").trimmed(), stateSettings_());
     agent.setStrict(isOn("strict"));
     return true;
 }
@@ -174,6 +195,7 @@ ZnString AgentOptions::helpText() {
     constexpr int kNameColumn = 43;
     std::ostringstream out;
     out << "Usage: brelt-mcp-bridge-agent [--option=value]...\n"
+           "       brelt-mcp-bridge-agent trail DIR [option]...   (see trail --help)\n"
            "\n"
            "A local bridge that lets MCP clients call the private MCP services of an allowlist.\n";
     for (const Option& option : kOptions) {

@@ -125,11 +125,29 @@ bool BreltMcpBridgeAgent::prepare_() {
         std::cerr << "[McpBridge] Warning: services file, " << remark << std::endl;
     if (isStrict_ && !remarks().empty())
         return false;
+    if (!openState_() && isStrict_)
+        return false;
     if (reloads_ && !servicesFile_.isEmpty()) {
         watch_ = std::make_shared<McpServiceWatch>(services_, dispatcher_->workers(), servicesFile_,
                                                    McpServiceList::Reading{isInterop_, isStrict_});
         watch_->start();
     }
+    return true;
+}
+
+/// False, with the reason on standard error, when the agent has to do without.
+bool BreltMcpBridgeAgent::openState_() {
+    if (stateDirectory_.isEmpty())
+        return true;
+    ZnString problem;
+    state_ = McpStateDir::open(stateDirectory_, stateSettings_, &problem);
+    if (!state_) {
+        std::cerr << "[McpBridge] Warning: state directory: " << problem << "; sessions and calls are not kept"
+                  << std::endl;
+        return false;
+    }
+    dispatcher_->keepSessions(state_, state_->takeSessions());
+    dispatcher_->setObserver(state_);
     return true;
 }
 
@@ -204,6 +222,8 @@ void BreltMcpBridgeAgent::stop() {
     server_.reset();
     if (application != nullptr)
         runDeferredDeletions(*application);
+    if (state_)
+        state_->stop();
 }
 
 std::uint16_t BreltMcpBridgeAgent::localPort() const {

@@ -5,6 +5,7 @@
 #include "agent/McpReply.h"
 #include "agent/McpServiceList.h"
 #include "agent/McpServiceWatch.h"
+#include "agent/McpStateDir.h"
 #include "agent/McpStdioFront.h"
 #include "core/io/http/ZnHttpApp.h"
 #include "core/types/ZnString.h"
@@ -55,6 +56,13 @@ public:
     void setReload(bool isOn) { reloads_ = isOn; }
     void setTools(const McpToolCatalogue::Options& options) { dispatcher_->setCatalogue(options); }
 
+    /// Keeps sessions and a trail of calls in the directory; empty: nowhere. When it cannot be used the agent serves
+    /// without, with a warning on standard error.
+    void setState(const ZnString& directory, const McpStateDir::Settings& settings) {
+        stateDirectory_ = directory;
+        stateSettings_ = settings;
+    }
+
     /// Reads the allowlist and the certificate as start() would, and nothing else. False, with the reason on standard
     /// error or in the log, when start() would fail because of them.
     bool check(const ZnString& tlsCertPath, const ZnString& tlsKeyPath);
@@ -80,6 +88,7 @@ private:
 
     bool loadServices_();
     bool prepare_();
+    bool openState_();
     bool isIdle_() const { return dispatcher_->isIdle() && (!stdio_ || stdio_->isIdle()); }
     ZnHttpTimeouts timeouts_(ZnHttpTimeouts timeouts) const;
     void registerRoutes_(ZnHttpApp& app);
@@ -102,4 +111,7 @@ private:
     const std::shared_ptr<McpDispatcher> dispatcher_ = std::make_shared<McpDispatcher>(services_);
     std::shared_ptr<McpStdioFront> stdio_;   // null without it
     std::shared_ptr<McpServiceWatch> watch_; // likewise
+    ZnString stateDirectory_;
+    McpStateDir::Settings stateSettings_;
+    std::shared_ptr<McpStateDir> state_; // likewise
 };

@@ -1,0 +1,112 @@
+#include "agent/McpTrailRecord.h"
+
+#include "agent/McpText.h"
+#include "agent/McpTime.h"
+#include "core/types/ZnJsonDocument.h"
+
+#include <array>
+#include <charconv>
+#include <cstdio>
+
+namespace mcp {
+namespace {
+
+constexpr std::size_t kNumberBytes = 16;
+constexpr std::size_t kServiceBytes = 256;
+constexpr std::size_t kShownHashBytes = 8;
+
+/// JSON lets U+007F to U+009F stand as they are; terminals take some of them for commands.
+void appendEscapedControls(ZnString* out, std::string_view text) {
+    constexpr char kDigits[] = "0123456789ABCDEF";
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : '\0');
+        const bool isPair = byte == 0xC2 && next < 0xA0;
+        if (byte != 0x7F && !isPair) {
+            *out += text[i];
+            continue;
+        }
+        const unsigned char code = isPair ? next : byte;
+        *out += "\\u00";
+        *out += kDigits[code >> 4];
+        *out += kDigits[code & 15];
+        i += isPair ? 1 : 0;
+    }
+}
+
+void appendMember(ZnString* out, const char* name, const ZnString& text) {
+    *out += ",\"";
+    *out += name;
+    *out += "\": \"";
+    appendEscapedControls(out, escapeJsonString(wellFormed(text).view()).view());
+    *out += '"';
+}
+
+template <typename Number>
+void appendNumber(ZnString* out, const char* name, Number number) {
+    *out += ",\"";
+    *out += name;
+    *out += "\": ";
+    *out += ZnString::number(number);
+}
+
+ZnString millisecondsText(long long durationNs) {
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%.3f", static_cast<double>(durationNs) / 1e6);
+    return text.data();
+}
+
+ZnVector<ZnByteArray> oneKey(std::string_view text) {
+    ZnVector<ZnByteArray> keys;
+    keys.append(ZnByteArray(text));
+    return keys;
+}
+
+} // namespace
+
+std::string trailKey(long long number) {
+    std::array<char, 32> digits{};
+    std::snprintf(digits.data(), digits.size(), "%016lld", number);
+    return std::string(kTrailPrefix) + digits.data();
+}
+
+std::optional<long long> trailNumber(std::string_view key) {
+    long long number = 0;
+    if (!key.starts_with(kTrailPrefix) || key.size() != kTrailPrefix.size() + kNumberBytes ||
+        std::from_chars(key.data() + kTrailPrefix.size(), key.data() + key.size(), number).ptr !=
+            key.data() + key.size())
+        return std::nullopt;
+    return number;
+}
+
+ZnString trailServiceName(std::string_view service) {
+    return ZnString(service.substr(0, kServiceBytes));
+}
+
+ZnString trailText(const McpCallRecord& call, long long endedUs) {
+    ZnString out = "{\"time\": \"" + utcText(endedUs) + "\"";
+    appendMember(&out, "service", trailServiceName(call.service.view()));
+    appendMember(&out, "method", call.method);
+    appendMember(&out, "tool", call.tool);
+    appendMember(&out, "outcome", McpCallRecord::nameOf(call.outcome()));
+    out += ",\"ms\": " + millisecondsText(call.endedNs - call.beganNs);
+    appendNumber(&out, "status", call.status);
+    if (call.transportCode != 0)
+        appendNumber(&out, "transportCode", call.transportCode);
+    if (call.answer.rpcCode)
+        appendNumber(&out, "rpcCode", *call.answer.rpcCode);
+    appendNumber(&out, "bytesIn", call.bytesIn);
+    appendNumber(&out, "bytesOut", call.bytesOut);
+    if (call.session)
+        appendMember(&out, "session", ZnString(call.session->hash.view().substr(0, kShownHashBytes)));
+    out += '}';
+    return out;
+}
+
+ZnEmbeddedDbIndexKeys trailIndexKeys(const McpCallRecord& call, long long endedUs) {
+    return {{kTrailServiceIndex, oneKey(trailServiceName(call.service.view()).view())},
+            {kTrailOutcomeIndex, oneKey(McpCallRecord::nameOf(call.outcome()))},
+            {kTrailDayIndex, oneKey(dayText(endedUs).view())}};
+}
+
+} // namespace mcp

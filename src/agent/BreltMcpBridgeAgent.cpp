@@ -1,5 +1,6 @@
 #include "agent/BreltMcpBridgeAgent.h"
 
+#include "agent/McpEventStream.h"
 #include "agent/McpHeaders.h"
 #include "agent/McpJson.h"
 #include "agent/McpText.h"
@@ -69,6 +70,13 @@ ZnString normalizedPath(const ZnString& path) {
     return text.front() == '/' ? ZnString(text) : "/" + ZnString(text);
 }
 
+/// Whether the client reads event streams, in chunks.
+bool acceptsStream(const ZnHttpContext& context) {
+    const ZnString accept = ZnString(mcp::headerText(context, "accept")).toLower();
+    return accept.view().find("text/event-stream") != std::string_view::npos &&
+           context.request().httpVersion != "HTTP/1.0";
+}
+
 void send(McpReply reply, ZnHttpContext& context) {
     for (McpReply::Header& header : reply.headers)
         context.setHeader(header.name, std::move(header.value));
@@ -77,6 +85,20 @@ void send(McpReply reply, ZnHttpContext& context) {
         context.sendStatus(reply.status);
     else
         context.send(std::move(reply.text), ZnString(zn::http::kJsonText), reply.status);
+}
+
+/// The connection leaves the server with the answer's head: events go out as they come, until it is closed.
+void sendStream(McpReply reply, ZnHttpContext& context, const std::shared_ptr<int>& count) {
+    context.send(ZnByteArray(), "text/event-stream", reply.status);
+    ZnHttpResponse& response = context.response();
+    response.chunked = true;
+    ZnString head = response.head(true);
+    response.switchProtocols = response.switchWithoutHead = true;
+    response.onSwitch = [count, head = std::move(head), later = std::move(reply.later)](ZnAbstractSocket* socket) {
+        const std::shared_ptr<void> held(nullptr, [count](void*) { --*count; });
+        ++*count;
+        McpEventStream(socket, head).run(later);
+    };
 }
 
 } // namespace
@@ -269,8 +291,14 @@ void BreltMcpBridgeAgent::handlePost_(ZnHttpContext& context) {
     McpMessage message(std::move(context.request().body), caller);
     message.sessionId = mcp::headerText(context, "mcp-session-id");
     message.protocolVersion = mcp::headerText(context, "mcp-protocol-version");
+    caller.canOpenStream = usesProgress_ && acceptsStream(context);
     const std::shared_ptr<McpDispatcher> dispatcher = dispatcher_;
-    send(dispatcher->answer(std::move(message)), context);
+    const std::shared_ptr<int> streamCount = streamCount_;
+    McpReply reply = dispatcher->answer(std::move(message));
+    if (reply.later)
+        sendStream(std::move(reply), context, streamCount);
+    else
+        send(std::move(reply), context);
 }
 
 void BreltMcpBridgeAgent::handleDelete_(ZnHttpContext& context) {

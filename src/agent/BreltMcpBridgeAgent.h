@@ -52,6 +52,12 @@ public:
     /// default, which the allowlist may change.
     void setInterop(bool isOn);
 
+    /// Calls with a progress token are answered by a stream of events; calls that nobody waits for any more are
+    /// cancelled at the service.
+    void setProgress(bool isOn) {
+        usesProgress_ = isOn;
+        dispatcher_->setProgress(isOn);
+    }
     /// Takes changes of the allowlist, and of the files with its secrets, over while it runs.
     void setReload(bool isOn) { reloads_ = isOn; }
     void setTools(const McpToolCatalogue::Options& options) { dispatcher_->setCatalogue(options); }
@@ -89,7 +95,7 @@ private:
     bool loadServices_();
     bool prepare_();
     bool openState_();
-    bool isIdle_() const { return dispatcher_->isIdle() && (!stdio_ || stdio_->isIdle()); }
+    bool isIdle_() const { return dispatcher_->isIdle() && *streamCount_ == 0 && (!stdio_ || stdio_->isIdle()); }
     ZnHttpTimeouts timeouts_(ZnHttpTimeouts timeouts) const;
     void registerRoutes_(ZnHttpApp& app);
     void handlePost_(ZnHttpContext& context);
@@ -105,6 +111,8 @@ private:
     ZnString mcpPath_ = "/mcp";
     bool isStrict_ = false;
     bool reloads_ = false;
+    bool usesProgress_ = false;
+    const std::shared_ptr<int> streamCount_ = std::make_shared<int>(0); // answers that are streams; they may outlive it
     bool isInterop_ = false;
     const std::shared_ptr<McpServiceList> services_ = std::make_shared<McpServiceList>();
     McpGate gate_;

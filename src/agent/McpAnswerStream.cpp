@@ -1,10 +1,20 @@
 #include "agent/McpAnswerStream.h"
 
+#include "agent/McpHeaders.h"
 #include "agent/McpJson.h"
 #include "agent/McpText.h"
 #include "core/types/ZnJsonDocument.h"
 
+#include <algorithm>
 #include <utility>
+
+namespace {
+
+constexpr int kLeastRetryMs = 50; // a service that says 0 must not be asked without end
+constexpr int kMostRetryMs = 60000;
+constexpr std::size_t kMaxEventIdBytes = 1024;
+
+} // namespace
 
 void McpStreamEvent::parse() {
     text = mcp::wellFormed(std::move(text));
@@ -26,6 +36,16 @@ void McpAnswerStream::take(std::string_view bytes) {
         return true;
     };
     isReadable_ = isReadable_ && parser_.feed(bytes, note);
+    if (!parser_.lastEventId().empty())
+        lastEventId_ = ZnString(parser_.lastEventId());
+    if (parser_.retryMs() >= 0)
+        retryMs_ = std::clamp(parser_.retryMs(), kLeastRetryMs, kMostRetryMs);
+}
+
+bool McpAnswerStream::canResume() const {
+    const bool isUsable =
+        !lastEventId_.isEmpty() && lastEventId_.size() <= kMaxEventIdBytes && mcp::isHeaderValue(lastEventId_.view());
+    return isReadable_ && isUsable && awaitsAnswer() && answer_.isNull() && !hasTooMany();
 }
 
 bool McpAnswerStream::takeMessages(McpStreamEvent& event) {

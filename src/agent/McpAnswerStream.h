@@ -34,7 +34,7 @@ public:
 
     /// Without an id there is no answer to wait for.
     McpAnswerStream(std::optional<ZnJsonValue> requestId, std::size_t maxEventBytes)
-        : requestId_(std::move(requestId)), parser_(maxEventBytes) {}
+        : requestId_(std::move(requestId)), maxEventBytes_(maxEventBytes), parser_(maxEventBytes) {}
 
     /// Notes the events that end in `bytes`. One that is too large ends the reading.
     void take(std::string_view bytes);
@@ -43,6 +43,13 @@ public:
     std::deque<McpStreamEvent> takeEvents() { return std::exchange(events_, {}); }
     /// Takes the messages of a parsed event. Returns whether the answer has come; what stands behind it is not read.
     bool takeMessages(McpStreamEvent& event);
+
+    /// Whether the service can be asked for what comes after the last event, and the answer is still to come.
+    bool canResume() const;
+    std::string_view lastEventId() const noexcept { return lastEventId_.view(); }
+    int retryMs() const noexcept { return retryMs_; } // what the service wants to be waited before that
+    /// The stream goes on in another response.
+    void restart() { parser_ = ZnEventStreamParser(maxEventBytes_); }
 
     bool hasTooMany() const noexcept { return others_.size() > kMaxMessages; }
     bool awaitsAnswer() const noexcept { return requestId_.has_value(); }
@@ -55,8 +62,13 @@ private:
     void takeMessage_(ZnJsonValue message);
     bool isAnswer_(const ZnJsonValue& message) const;
 
+    static constexpr int kUsualRetryMs = 1000;
+
     const std::optional<ZnJsonValue> requestId_;
+    const std::size_t maxEventBytes_;
     ZnEventStreamParser parser_;
+    ZnString lastEventId_;
+    int retryMs_ = kUsualRetryMs;
     bool isReadable_ = true;
     std::deque<McpStreamEvent> events_;
     ZnJsonValue answer_;

@@ -83,9 +83,9 @@ ZnJsonObject unsupportedVersionData(const ZnString& requested) {
     return {{"requested", requested}, {"supported", std::move(supported)}};
 }
 
-/// A message that is answered on another thread: the frame that waits for it may go before that is done.
-struct LargeMessage {
-    explicit LargeMessage(McpMessage from)
+/// A message that is answered on another thread or later: the frame that brought it may have ended by then.
+struct OwnedMessage {
+    explicit OwnedMessage(McpMessage from)
         : sessionId(from.sessionId), protocolVersion(from.protocolVersion), message(std::move(from)) {
         message.sessionId = sessionId.view();
         message.protocolVersion = protocolVersion.view();
@@ -118,11 +118,16 @@ McpReply McpDispatcher::answer(McpMessage message) {
     record->bytesIn = message.body.size();
     message.record = record;
     McpReply reply = answer_(message);
+    if (!reply.later)
+        tellObserver_(record.get(), reply);
+    return reply;
+}
+
+void McpDispatcher::tellObserver_(McpRequestRecord* record, const McpReply& reply) const {
     record->endedNs = monotonicNowNs();
     record->status = reply.status;
     record->bytesOut = reply.text.size();
     observer_->onRequest(*record);
-    return reply;
 }
 
 McpReply McpDispatcher::answer_(McpMessage& message) {
@@ -130,7 +135,7 @@ McpReply McpDispatcher::answer_(McpMessage& message) {
         McpReply reply = process_(&message);
         return finish_(message, reply);
     }
-    const auto large = std::make_shared<LargeMessage>(std::move(message));
+    const auto large = std::make_shared<OwnedMessage>(std::move(message));
     const bool hasRun = workers_->await([self = shared_from_this(), large] {
         large->reply = self->process_(&large->message);
         if (!large->message.service)
@@ -148,7 +153,23 @@ McpReply McpDispatcher::finish_(McpMessage& message, McpReply& reply) {
         tools_.cancel(message);
     if (!message.evictedSession.isEmpty())
         tools_.endClient(message.evictedSession);
-    return message.service ? tools_.forward(message) : std::move(reply);
+    if (!message.service)
+        return std::move(reply);
+    const bool wantsStream = message.progressToken && message.caller->canOpenStream;
+    return wantsStream ? forwardLater_(message) : tools_.forward(message);
+}
+
+McpReply McpDispatcher::forwardLater_(McpMessage& message) {
+    const auto owned = std::make_shared<OwnedMessage>(std::move(message));
+    McpReply reply;
+    reply.later = [self = shared_from_this(), owned](McpCaller& caller) {
+        owned->message.caller = &caller;
+        McpReply answer = self->tools_.forward(owned->message);
+        if (owned->message.record)
+            self->tellObserver_(owned->message.record.get(), answer);
+        return answer;
+    };
+    return reply;
 }
 
 McpReply McpDispatcher::endSession(std::string_view id) {
@@ -209,7 +230,7 @@ McpReply McpDispatcher::notify_(McpMessage* message, std::string_view method) {
         ZnMutexLocker locker(sessionsLock_);
         session->initialized = true;
     }
-    if (method == "notifications/cancelled" && message->mayCancel)
+    if (method == "notifications/cancelled" && (message->mayCancel || usesProgress_))
         message->cancelledIdText = cancelledId(message->object());
     return McpReply::ofStatus(202);
 }

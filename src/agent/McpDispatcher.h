@@ -31,6 +31,11 @@ public:
     /// `initialize`.
     void setExact(bool isExact);
     void setMaxAnswerBytes(std::int64_t maxBytes) { tools_.setMaxAnswerBytes(maxBytes); }
+    /// Calls tell of their progress, can be cancelled and cancel upstream, and streams of services are taken up again.
+    void setProgress(bool isOn) {
+        usesProgress_ = isOn;
+        tools_.setProgress(isOn);
+    }
     void setCatalogue(const McpToolCatalogue::Options& options) { tools_.setCatalogue(options); }
     void setClock(std::function<long long()> clock) { clock_ = std::move(clock); }
 
@@ -56,6 +61,8 @@ public:
 private:
     McpReply answer_(McpMessage& message);
     McpReply finish_(McpMessage& message, McpReply& reply);
+    McpReply forwardLater_(McpMessage& message);
+    void tellObserver_(McpRequestRecord* record, const McpReply& reply) const;
 
     using SessionRef_ = std::shared_ptr<McpBridgeSession>;
 
@@ -74,6 +81,7 @@ private:
     McpTools tools_;
     std::shared_ptr<McpObserver> observer_; // null without one
     bool isExact_ = false;
+    bool usesProgress_ = false;
     std::function<long long()> clock_ = monotonicNowNs;
     ZnMutex sessionsLock_; // the keeper's queue is the only lock taken while it is held
     McpSessionTable sessions_ ZN_GUARDED_BY(sessionsLock_);

@@ -12,6 +12,7 @@
 
 namespace {
 constexpr long long kUsPerMs = 1000;
+constexpr int kOk = 200;                     // of HTTP
 constexpr std::size_t kBytesInOneGo = 65536; // of small events: a million of them may come in one stream
 constexpr std::size_t kEventBytes = 64;      // what an event costs beside its text
 } // namespace
@@ -35,10 +36,12 @@ McpForwardCall::McpForwardCall(const McpBridgeServiceRecord& record, McpForwardR
     client_.setBodyObserver([this](const ZnMap<ZnString, ZnString>& headers, std::string_view bytes) {
         return takeAnswer_(headers, bytes);
     });
-    client_.connect(&ZnHttpClient::finished, &loop_, [this] { finishForward_(true, 0); });
-    client_.connect(&ZnHttpClient::errorOccurred, &loop_, [this](int code) { finishForward_(false, code); });
+    client_.connect(&ZnHttpClient::finished, &loop_, [this] { onResponseEnd_(0); });
+    client_.connect(&ZnHttpClient::errorOccurred, &loop_, [this](int code) { onResponseEnd_(code); });
     timer_.connect(&ZnTimer::timeout, &loop_, [this] { end(kTimedOut); });
     timer_.setSingleShot(true);
+    resumeTimer_.connect(&ZnTimer::timeout, &loop_, [this] { resume_(); });
+    resumeTimer_.setSingleShot(true);
 }
 
 McpForwardResult McpForwardCall::run() {
@@ -68,7 +71,10 @@ bool McpForwardCall::takeAnswer_(const ZnMap<ZnString, ZnString>& headers, std::
     }
     if (!interop_)
         return false;
-    if (!stream_ && McpAnswerStream::isEventStream(headers.value("content-type").view()))
+    const bool isStream = McpAnswerStream::isEventStream(headers.value("content-type").view());
+    if (isResumed_ && !isStream)
+        return false; // a refusal: what there was of the stream stays
+    if (!stream_ && isStream)
         stream_.emplace(std::move(request_.id), static_cast<std::size_t>(maxAnswerBytes_));
     if (!stream_)
         return false;
@@ -99,6 +105,8 @@ bool McpForwardCall::takeEvents_() {
         if (!self || hasEnded_)
             return false;
         for (McpStreamEvent& event : *events) {
+            if (progress_)
+                tellProgress_(event.message);
             if (stream_->takeMessages(event))
                 return true;
         }
@@ -110,15 +118,62 @@ bool McpForwardCall::takeEvents_() {
     return false;
 }
 
+void McpForwardCall::tellProgress_(const ZnJsonValue& message) const {
+    if (const ZnJsonArray* batch = message.array()) {
+        for (const ZnJsonValue& entry : *batch)
+            tellProgress_(entry);
+        return;
+    }
+    const ZnJsonObject* object = message.object();
+    const ZnJsonObject* params = object == nullptr ? nullptr : object->value("params").object();
+    if (params != nullptr && object->value("method").string() == "notifications/progress" &&
+        params->value("progressToken") == *request_.progressToken)
+        progress_(*params);
+}
+
+// --- streams that a service ends in the middle
+
+void McpForwardCall::onResponseEnd_(int errorCode) {
+    if (hasEnded_)
+        return;
+    if (!mayResume_(errorCode))
+        return finishForward_(errorCode == 0 || isResumed_, isResumed_ ? 0 : errorCode);
+    if (!std::exchange(isResumed_, true)) {
+        result_.statusCode = client_.statusCode() == 0 ? kOk : client_.statusCode();
+        result_.reason = client_.reasonPhrase();
+        result_.mcpSessionId = client_.responseHeaders().value("mcp-session-id");
+    }
+    resumeTimer_.stop(); // one that has fired counts as running
+    resumeTimer_.start(stream_->retryMs());
+}
+
+/// A service may end a stream when it likes, and a connection may break: what has an id can be asked for from there on.
+bool McpForwardCall::mayResume_(int errorCode) const {
+    const bool isRefused = errorCode == 0 && (client_.statusCode() < 200 || client_.statusCode() > 299);
+    const bool hasEnded = errorCode == 0 || errorCode == ZnHttpClient::kClosedEarly;
+    return request_.mayResume && hasEnded && !isRefused && stream_ && stream_->canResume();
+}
+
+void McpForwardCall::resume_() {
+    client_.setHeader("Accept", "text/event-stream");
+    client_.setHeader("Last-Event-ID", ZnString(stream_->lastEventId()));
+    stream_->restart();
+    if (!client_.request(ZnHttpClient::Get, endpoint_, ZnByteArray(), ZnString()))
+        onResponseEnd_(ZnHttpClient::kConnectNotBegun);
+}
+
 void McpForwardCall::finishForward_(bool transportOk, int errorCode) {
     if (std::exchange(hasEnded_, true))
         return;
     timer_.stop();
     result_.transportOk = transportOk;
     result_.errorCode = errorCode == ZnHttpClient::kClosedEarly ? kTimedOut : errorCode;
-    result_.statusCode = client_.statusCode();
-    result_.reason = client_.reasonPhrase();
-    result_.mcpSessionId = client_.responseHeaders().value("mcp-session-id");
+    resumeTimer_.stop();
+    if (!isResumed_) {
+        result_.statusCode = client_.statusCode();
+        result_.reason = client_.reasonPhrase();
+        result_.mcpSessionId = client_.responseHeaders().value("mcp-session-id");
+    }
     result_.rawBody = client_.takeBody();
     if (transportOk && stream_) {
         result_.isDecoded = true;

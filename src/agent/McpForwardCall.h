@@ -19,11 +19,13 @@ struct McpForwardRequest {
     std::optional<ZnJsonValue> id; // of the object
     ZnString protocolVersion;      // header values: trimmed, without control characters; an empty one is not sent
     ZnString sessionId;
-    ZnString method; // these two for observers: what the body says
+    std::optional<ZnJsonValue> progressToken; // with which the service is to tell of progress
+    ZnString method;                          // these two for observers: what the body says
     ZnString tool;
     bool listsTools = false;   // it asks for a list of tools
     bool opensSession = false; // it is an "initialize"
     bool isExact = false;      // as for a service with interoperability
+    bool mayResume = false;    // an event stream that ends without the answer is taken up again
     int timeoutMs = 0;         // 0: the service's
 };
 
@@ -52,6 +54,9 @@ public:
     McpForwardCall& operator=(const McpForwardCall&) = delete;
 
     void setGrowth(Growth growth) { growth_ = std::move(growth); }
+    /// Sees what the service tells of progress with the request's token, as params. It must not park.
+    using Progress = std::function<void(const ZnJsonObject& params)>;
+    void setProgress(Progress progress) { progress_ = std::move(progress); }
     /// Sends the request to the service and parks the calling fiber until the call has ended. Once.
     McpForwardResult run();
     /// Of the answer's body, as far as it has come.
@@ -62,6 +67,10 @@ public:
 private:
     bool takeAnswer_(const ZnMap<ZnString, ZnString>& headers, std::string_view bytes);
     bool takeEvents_();
+    void tellProgress_(const ZnJsonValue& message) const;
+    void onResponseEnd_(int errorCode);
+    bool mayResume_(int errorCode) const;
+    void resume_();
     void finishForward_(bool transportOk, int errorCode);
 
     const ZnString endpoint_;
@@ -70,12 +79,15 @@ private:
     const std::int64_t maxAnswerBytes_;
     McpWorkers& workers_;
     Growth growth_;
+    Progress progress_;
     McpForwardRequest request_;
     std::optional<McpAnswerStream> stream_; // while the answer is an event stream that is to be decoded
     std::size_t answerBytes_ = 0;
     std::size_t unpausedBytes_ = 0; // of events that were parsed on the loop since others had their turn
     ZnHttpClient client_;
     ZnTimer timer_;
+    ZnTimer resumeTimer_;
+    bool isResumed_ = false;
     ZnEventLoop loop_;
     McpForwardResult result_;
     bool hasEnded_ = false;

@@ -24,6 +24,14 @@ bool readObject(std::string_view text, JsonReading reading, ZnJsonDocument* docu
     return true;
 }
 
+void makeOneLine(ZnByteArray* text) {
+    for (const char lineEnd : {'\r', '\n'}) {
+        for (std::size_t at = text->view().find(lineEnd); at != std::string_view::npos;
+             at = text->view().find(lineEnd, at))
+            (*text)[at] = ' ';
+    }
+}
+
 ZnString textMember_(const ZnJsonObject& object, std::string_view name) {
     const ZnJsonValue& value = object.value(name);
     if (value.isNull())
@@ -31,6 +39,14 @@ ZnString textMember_(const ZnJsonObject& object, std::string_view name) {
     const ZnString other = value.isString() ? ZnString() : value.toStringOr(ZnString());
     const std::string_view text = value.isString() ? value.string() : other.view();
     return ZnString(trimmedView(text.substr(0, text.find('\0'))));
+}
+
+std::optional<ZnJsonValue> progressToken(const ZnJsonObject& params) {
+    const ZnJsonObject* meta = params.value("_meta").object();
+    if (meta == nullptr)
+        return std::nullopt;
+    const ZnJsonValue& token = meta->value("progressToken");
+    return token.isString() || token.type() == JsonType::Integer ? std::optional(token) : std::nullopt;
 }
 
 ZnJsonObject errorBody_(const char* message) {

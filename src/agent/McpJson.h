@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/types/ZnByteArray.h"
 #include "core/types/ZnJsonArray.h"
 #include "core/types/ZnJsonDocument.h"
 #include "core/types/ZnJsonObject.h"
@@ -7,6 +8,7 @@
 #include "core/types/ZnString.h"
 
 #include <cstddef>
+#include <optional>
 #include <string_view>
 
 /// The JSON forms that the agent produces and the one in which it reads text.
@@ -26,8 +28,14 @@ bool readObject(std::string_view text, JsonReading reading, ZnJsonDocument* docu
 /// The trimmed text of a member, cut at its first NUL; empty when absent, null, an object or an array.
 ZnString textMember_(const ZnJsonObject& object, std::string_view name);
 
+/// What a request's params say about progress; nothing without a text or a whole number.
+std::optional<ZnJsonValue> progressToken(const ZnJsonObject& params);
+
 /// {"error": message}
 ZnJsonObject errorBody_(const char* message);
+
+/// Puts blanks in the place of line ends, which can only stand between the tokens of a JSON text.
+void makeOneLine(ZnByteArray* text);
 
 // JSON-RPC responses, as text. `resultText` and `idText` are JSON.
 ZnString jsonRpcResultTo_(std::string_view idText, std::string_view resultText);

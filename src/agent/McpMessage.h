@@ -10,6 +10,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -25,8 +26,20 @@ public:
             std::exchange(onGone_, nullptr)();
     }
 
+    /// Takes messages about a call, each as JSON, while its answer is awaited. It must not park. Empty: it takes none.
+    using Sink = std::function<void(ZnByteArray message)>;
+    void setSink(Sink sink) { sink_ = std::move(sink); }
+    bool takesMessages() const noexcept { return sink_ != nullptr; }
+    void tell(ZnByteArray message) const {
+        if (sink_)
+            sink_(std::move(message));
+    }
+    /// The front can take messages, but has to begin another form of answer first: see McpReply::later.
+    bool canOpenStream = false;
+
 private:
     std::function<void()> onGone_;
+    Sink sink_;
 };
 
 /// One message of a client that is being answered: what came with it, and what it says.
@@ -52,6 +65,7 @@ struct McpMessage {
     /// Set: there is no answer yet, since the message is a call that this service is to get.
     std::shared_ptr<const McpBridgeServiceRecord> service;
     McpToolCatalogue::Tool tool = McpToolCatalogue::Tool::Rpc; // of such a call
+    std::optional<ZnJsonValue> progressToken;                  // with which the client wants to be told of its progress
     ZnString idText;                                           // of such a call, as JSON
     ZnString evictedSession;  // made room for the one that this message has opened; empty: none did
     ZnString cancelledIdText; // of the call that this message cancels, as JSON; empty: it cancels none

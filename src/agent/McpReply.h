@@ -4,9 +4,12 @@
 #include "core/types/ZnByteArray.h"
 #include "core/types/ZnString.h"
 
+#include <functional>
 #include <memory>
 #include <utility>
 #include <vector>
+
+class McpCaller;
 
 /// The answer to a message or to a request, on its way up to the front that sends it.
 ///
@@ -40,6 +43,9 @@ struct McpReply {
         return reply;
     }
 
+    /// Set: there is no answer yet. The front begins a stream and calls this once, on a fiber, which parks, with a
+    /// caller that takes messages; what it gives is the answer.
+    std::function<McpReply(McpCaller&)> later;
     int status = 200; // of HTTP
     std::vector<Header> headers;
     ZnByteArray text; // JSON; empty: there is no body

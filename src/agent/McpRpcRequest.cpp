@@ -62,6 +62,8 @@ void McpRpcRequest::takeRequest_(const ZnJsonObject& arguments, const ZnJsonObje
     else if (!mcp::isHeaderValue(request_.sessionId.view()))
         refuse_("Field 'sessionId' is not a valid header value", kBadRequest);
     noteNames_(*request.object());
+    if (const ZnJsonObject* params = request.object()->value("params").object())
+        request_.progressToken = mcp::progressToken(*params);
     request_.listsTools = McpServiceRules::listsTools(*request.object());
     request_.opensSession = request.object()->value("method").string() == "initialize";
     if (request.object()->contains("id"))
@@ -78,7 +80,7 @@ void McpRpcRequest::makeToolCall_(const ZnJsonObject& arguments) {
     ZnJsonObject params{{"name", name}};
     if (const ZnJsonValue& values = arguments.value("arguments"); !values.isNull())
         params["arguments"] = values;
-    request_ = mcp::newRequest("tools/call", std::move(params));
+    request_ = mcp::newRequest("tools/call", std::move(params), wantsProgress_);
     request_.tool = cutName(arguments.value("name").string());
 }
 
@@ -96,12 +98,16 @@ void McpRpcRequest::refuse_(const char* text, int status) {
 
 namespace mcp {
 
-McpForwardRequest newRequest(const char* method, ZnJsonObject params) {
+McpForwardRequest newRequest(const char* method, ZnJsonObject params, bool wantsProgress) {
     static std::atomic<long long> lastId{0};
     McpForwardRequest request;
     request.isExact = true;
     request.method = method;
     request.id = ZnJsonValue(lastId.fetch_add(1, std::memory_order_relaxed) + 1);
+    if (wantsProgress) {
+        request.progressToken = request.id;
+        params["_meta"] = ZnJsonObject{{"progressToken", *request.id}};
+    }
     ZnJsonObject message{{"jsonrpc", "2.0"}, {"id", *request.id}, {"method", method}};
     if (!params.isEmpty())
         message["params"] = std::move(params);

@@ -26,6 +26,8 @@ public:
           reading_(inReading),
           isOther_(isOther) {}
 
+    /// A tool that is called is to tell of its progress.
+    void setWantsProgress(bool isOn) { wantsProgress_ = isOn; }
     /// Once.
     void build();
     /// Why it cannot be sent; null when it can.
@@ -46,6 +48,7 @@ private:
     ZnByteArray text_;
     JsonReading reading_;
     bool isOther_;
+    bool wantsProgress_ = false;
     const char* refusal_ = nullptr;
     int refusalStatus_ = 0; // of HTTP
     McpForwardRequest request_;
@@ -54,6 +57,6 @@ private:
 namespace mcp {
 
 /// A request of the agent's own, which is read and answered exactly. Without params when they are empty.
-McpForwardRequest newRequest(const char* method, ZnJsonObject params);
+McpForwardRequest newRequest(const char* method, ZnJsonObject params, bool wantsProgress = false);
 
 } // namespace mcp

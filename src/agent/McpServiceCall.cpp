@@ -73,6 +73,7 @@ bool McpServiceCall::build_(McpForwardRequest* request, ZnString* refusal) {
         isRpc ? McpRpcRequest::Form::AsGiven : McpRpcRequest::Form::ToolCall, message_.service,
         std::move(message_.document), std::move(message_.body),
         wantsExact ? JsonReading::Exact : JsonReading::QuietDialect, wantsExact != context_.isExact);
+    building->setWantsProgress(message_.progressToken && message_.caller->takesMessages());
     if (!isLarge)
         building->build();
     else if (!context_.workers->await([building] { building->build(); }))
@@ -156,17 +157,25 @@ McpForwardResult McpServiceCall::post_(McpForwardRequest request) {
         return McpForwardResult::failure(McpForwardCall::kTooManyBytes);
     if (deadlineNs_ != 0)
         request.timeoutMs = leftMs_();
+    request.mayResume = context_.usesProgress || deadlineNs_ != 0;
+    const bool tellsProgress = request.progressToken && message_.progressToken && message_.caller->takesMessages();
+    posted_ = {request.opensSession ? std::nullopt : request.id, request.sessionId, request.protocolVersion};
     call_.emplace(service_, std::move(request), context_.maxAnswerBytes, *context_.workers);
     entry_.emplace(*context_.inFlight, *call_, service_.id,
-                   message_.mayCancel ? mcp::callKey(message_.sessionId, message_.idText) : ZnString());
+                   message_.mayCancel || context_.usesProgress ? mcp::callKey(message_.sessionId, message_.idText)
+                                                               : ZnString());
     entry_->hold(requestBytes);
     call_->setGrowth([this, requestBytes](std::size_t answerBytes) {
         wasLarge_ = wasLarge_ || answerBytes >= McpRpcAnswer::kLargeBytes;
         return entry_->hold(requestBytes + answerBytes);
     });
+    if (tellsProgress)
+        handOnProgress_();
     message_.caller->whenGone([this] { call_->end(McpForwardCall::kClientGone); });
     McpForwardResult result = call_->run();
     message_.caller->whenGone(nullptr);
+    if (context_.usesProgress)
+        cancelUpstream_(result);
     record_.status = result.statusCode;
     record_.transportCode = result.errorCode;
     record_.bytesIn += call_->answerBytes();
@@ -174,6 +183,25 @@ McpForwardResult McpServiceCall::post_(McpForwardRequest request) {
     if (result.errorCode == McpForwardCall::kTooManyBytes)
         refusal_ = McpCallsInFlight::kTooManyBytes;
     return result;
+}
+
+/// The client gets what the service says under the token that it gave itself.
+void McpServiceCall::handOnProgress_() {
+    call_->setProgress([this](const ZnJsonObject& params) {
+        ZnJsonObject own = params;
+        own["progressToken"] = *message_.progressToken;
+        const ZnJsonObject note{{"jsonrpc", "2.0"}, {"method", "notifications/progress"}, {"params", std::move(own)}};
+        message_.caller->tell(ZnByteArray(ZnJsonValue(note).toJson()));
+    });
+}
+
+/// That a connection ends does not tell a service that nobody waits any more.
+void McpServiceCall::cancelUpstream_(const McpForwardResult& result) {
+    const bool isGivenUp = result.errorCode == McpForwardCall::kClientGone ||
+                           result.errorCode == McpForwardCall::kCancelled ||
+                           result.errorCode == McpForwardCall::kTimedOut;
+    if (isGivenUp && posted_.id)
+        context_.notes->cancel(message_.service, *posted_.id, posted_.sessionId, posted_.protocolVersion);
 }
 
 int McpServiceCall::leftMs_() const {

@@ -22,8 +22,10 @@ struct McpCallContext {
     const std::shared_ptr<McpServiceList> services;
     const std::shared_ptr<McpWorkers> workers;
     const std::shared_ptr<McpCallsInFlight> inFlight = std::make_shared<McpCallsInFlight>();
-    const std::shared_ptr<McpServiceSessions> sessions = std::make_shared<McpServiceSessions>(workers);
+    const std::shared_ptr<McpServiceNotes> notes = std::make_shared<McpServiceNotes>();
+    const std::shared_ptr<McpServiceSessions> sessions = std::make_shared<McpServiceSessions>(workers, notes);
     std::int64_t maxAnswerBytes = kDefaultAnswerBytes;
+    bool usesProgress = false;                       // see McpDispatcher::setProgress
     bool isExact = false;                            // how messages are read
     std::shared_ptr<McpObserver> observer = nullptr; // null without one
 };
@@ -51,6 +53,8 @@ private:
     McpForwardResult exchangeInSession_(McpForwardRequest request);
     McpForwardResult post_(McpForwardRequest request);
     int leftMs_() const;
+    void handOnProgress_();
+    void cancelUpstream_(const McpForwardResult& result);
 
     template <typename Answer>
     McpReply finish_(const std::shared_ptr<Answer>& answer);
@@ -66,6 +70,12 @@ private:
     std::optional<McpCallsInFlight::Entry> entry_;
     const char* refusal_ = nullptr; // there was no room for the call or its answer
     bool wasLarge_ = false;         // an answer, also one that was not taken
-    McpCallRecord record_;          // filled in where there is an observer
-    long long deadlineNs_ = 0;      // of several exchanges together; 0: there is one, with a limit of its own
+    struct Posted_ {
+        std::optional<ZnJsonValue> id; // nothing when the request is not to be cancelled
+        ZnString sessionId;
+        ZnString protocolVersion;
+    };
+    Posted_ posted_;           // the last request
+    McpCallRecord record_;     // filled in where there is an observer
+    long long deadlineNs_ = 0; // of several exchanges together; 0: there is one, with a limit of its own
 };

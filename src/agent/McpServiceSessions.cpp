@@ -3,10 +3,8 @@
 #include "agent/McpHeaders.h"
 #include "agent/McpJson.h"
 #include "agent/McpRpcRequest.h"
-#include "agent/McpServiceHeaders.h"
 #include "core/io/ZnHttpClient.h"
 #include "core/runtime/ZnEventLoop.h"
-#include "core/runtime/ZnTimer.h"
 #include "core/types/ZnVersion.h"
 
 #include <algorithm>
@@ -16,8 +14,6 @@
 
 namespace {
 
-constexpr std::size_t kMaxEndings = 64; // at a time; others end when the service has had enough of them
-constexpr int kEndingMs = 3000;
 constexpr std::string_view kUnderstood[] = {"2024-11-05", "2025-03-26", "2025-06-18", "2025-11-25"};
 
 McpForwardRequest initializeRequest() {
@@ -43,32 +39,6 @@ struct McpServiceSessions::Entry_ {
     bool isOpening = false;
     bool isRemoved = false;
     std::list<ZnEventLoop*> waiting; // for the handshake
-};
-
-/// Tells a service that a session is over. Deletes itself.
-class McpServiceSessions::Ending_ final : public ZnObject {
-public:
-    Ending_(std::shared_ptr<McpServiceSessions> sessions, const Entry_& entry)
-        : sessions_(std::move(sessions)), service_(entry.service) {
-        ++sessions_->endingCount_;
-        mcp::setServiceHeaders(client_, *service_);
-        client_.setHeader("Mcp-Session-Id", entry.session->id);
-        client_.setHeader("Mcp-Protocol-Version", entry.session->protocolVersion);
-        client_.setMaxResponseBytes(65536);
-        client_.connect(&ZnHttpClient::finished, this, &ZnObject::deleteLater);
-        client_.connect(&ZnHttpClient::errorOccurred, this, [this](int) { deleteLater(); });
-        timer_.connect(&ZnTimer::timeout, this, &ZnObject::deleteLater);
-        timer_.setSingleShot(true);
-        timer_.start(kEndingMs);
-    }
-    ~Ending_() override { --sessions_->endingCount_; }
-    void run() { client_.request(ZnHttpClient::Delete, service_->endpoint, ZnByteArray(), ZnString()); }
-
-private:
-    const std::shared_ptr<McpServiceSessions> sessions_;
-    const ServiceRef service_;
-    ZnHttpClient client_;
-    ZnTimer timer_;
 };
 
 McpServiceSessions::SessionRef McpServiceSessions::open(const McpMessage& message, int maxWaitMs,
@@ -224,7 +194,11 @@ void McpServiceSessions::endAll() {
         endClient(ZnString(byClient_.begin()->first));
 }
 
-void McpServiceSessions::end_(const Entry_& entry) {
-    if (entry.session && !entry.session->id.isEmpty() && endingCount_ < kMaxEndings)
-        (new Ending_(shared_from_this(), entry))->run();
+void McpServiceSessions::end_(const Entry_& entry) const {
+    if (!entry.session || entry.session->id.isEmpty())
+        return;
+    McpForwardRequest request;
+    request.sessionId = entry.session->id;
+    request.protocolVersion = entry.session->protocolVersion;
+    notes_->send(entry.service, ZnHttpClient::Delete, std::move(request));
 }

@@ -3,6 +3,7 @@
 #include "agent/McpBridgeServiceRecord.h"
 #include "agent/McpForwardCall.h"
 #include "agent/McpMessage.h"
+#include "agent/McpServiceNotes.h"
 #include "agent/McpWork.h"
 #include "core/types/ZnMap.h"
 #include "core/types/ZnString.h"
@@ -15,7 +16,7 @@
 ///
 /// The first call that needs one does the handshake with the service; calls that come meanwhile wait for it.
 /// Thread: that of the loop, on fibers. Owner: shared by all calls, which may outlive the dispatcher.
-class McpServiceSessions : public std::enable_shared_from_this<McpServiceSessions> {
+class McpServiceSessions {
 public:
     static constexpr std::size_t kMaxSessions = 20000;
     static constexpr const char* kProtocolVersion = "2025-11-25"; // asked for; the service may choose an older one
@@ -30,22 +31,20 @@ public:
     /// Sends one request to the service. Parks.
     using Exchange = std::function<McpForwardResult(McpForwardRequest)>;
 
-    explicit McpServiceSessions(std::shared_ptr<McpWorkers> workers) : workers_(std::move(workers)) {}
+    McpServiceSessions(std::shared_ptr<McpWorkers> workers, std::shared_ptr<McpServiceNotes> notes)
+        : workers_(std::move(workers)), notes_(std::move(notes)) {}
 
     /// The session of the message's client with its service, after a handshake if there is none yet; parks. Null, with
     /// the reason, when there is none to be had. `maxWaitMs`: for the handshake of another call.
     SessionRef open(const McpMessage& message, int maxWaitMs, const Exchange& exchange, McpForwardResult* failure);
     /// The service does not know that session any more.
     void forget(const McpMessage& message, const SessionRef& session);
-    /// The client's session has ended: those with services are ended, too, as far as that can be done in a few seconds.
+    /// The client's session has ended: those with services are ended, too.
     void endClient(const ZnString& clientSessionId);
     void endAll();
-    /// Whether no session is being ended.
-    bool isIdle() const noexcept { return endingCount_ == 0; }
 
 private:
     struct Entry_;
-    class Ending_;
     using EntryRef_ = std::shared_ptr<Entry_>;
     using Services_ = ZnMap<ZnString, EntryRef_>;
 
@@ -55,10 +54,10 @@ private:
     bool handshake_(Entry_& entry, const Exchange& exchange, McpForwardResult* failure);
     SessionRef agree_(McpForwardResult* answer);
     static bool wait_(Entry_& entry, McpCaller& caller, int maxWaitMs);
-    void end_(const Entry_& entry);
+    void end_(const Entry_& entry) const;
 
     const std::shared_ptr<McpWorkers> workers_;
+    const std::shared_ptr<McpServiceNotes> notes_;
     ZnMap<ZnString, Services_> byClient_;
     std::size_t count_ = 0; // of entries
-    std::size_t endingCount_ = 0;
 };

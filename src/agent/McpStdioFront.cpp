@@ -12,16 +12,6 @@ namespace {
 constexpr int kInvalidRequest = -32600;
 constexpr int kServerBusy = -32000;
 
-/// A message is one line. The answers are JSON, in which a line end can only stand between tokens.
-void makeOneLine(ZnByteArray* text) {
-    for (const char lineEnd : {'\r', '\n'}) {
-        for (std::size_t at = text->view().find(lineEnd); at != std::string_view::npos;
-             at = text->view().find(lineEnd, at))
-            (*text)[at] = ' ';
-    }
-    text->append("\n");
-}
-
 ZnByteArray errorLine(std::string_view idText, int code, const char* text) {
     const ZnJsonObject error{{"code", code}, {"message", text}};
     ZnString line = "{\"error\": " + ZnJsonValue(error).toJson() + ",\"id\": ";
@@ -176,13 +166,18 @@ McpReply McpStdioFront::answerOf_(ZnByteArray text, McpCaller& caller) {
     McpMessage message(std::move(text), caller);
     message.sessionId = sessionId.view();
     message.mayCancel = true;
+    caller.setSink([this](ZnByteArray note) {
+        if (unsentBytes_ == 0) // a slow reader misses messages about a call, but no answer
+            send_(std::move(note), nullptr);
+    });
     return dispatcher_->answer(std::move(message));
 }
 
 void McpStdioFront::send_(ZnByteArray text, std::shared_ptr<const void> keptUntilSent) {
     if (!output_)
         return;
-    makeOneLine(&text);
+    mcp::makeOneLine(&text);
+    text.append("\n");
     unsentBytes_ += text.size();
     unsent_.push_back({std::move(text), std::move(keptUntilSent)});
     if (unsent_.size() == 1) // else the output is full

@@ -44,7 +44,8 @@ ZnJsonValue McpToolAnswer::readAnswer_() {
 /// An error of the service is told with its words; its code and data say more than the status.
 ZnJsonObject McpToolAnswer::failure_(const ZnJsonObject* error) const {
     const bool isLate = result_.errorCode == McpForwardCall::kTimedOut;
-    const int status = result_.statusCode != 0 ? result_.statusCode : isLate ? kGatewayTimeout : kBadGateway;
+    const bool hasStatus = result_.errorCode == 0 && result_.statusCode != 0;
+    const int status = hasStatus ? result_.statusCode : isLate ? kGatewayTimeout : kBadGateway;
     const bool isEmpty = result_.message.isEmpty();
     ZnJsonObject payload{{"error", isEmpty ? ZnString("the service gave no result") : result_.message},
                          {"statusCode", status}};

@@ -38,6 +38,8 @@ ZnByteArray McpTools::answer(McpMessage* message) const {
     message->tool = *tool;
     message->service = serviceToCall_(*tool, arguments, &refusal);
     message->idText = id.toJson();
+    if (context_.usesProgress)
+        message->progressToken = mcp::progressToken(*params);
     return message->service ? ZnByteArray()
                             : ZnByteArray(mcp::jsonRpcResultTo_(message->idText.view(), refusal.view()));
 }

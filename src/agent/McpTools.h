@@ -24,6 +24,7 @@ public:
     void setMaxAnswerBytes(std::int64_t maxBytes) { context_.maxAnswerBytes = maxBytes; }
     /// Messages are read exactly, not in the agent's JSON dialect.
     void setExact(bool isExact) { context_.isExact = isExact; }
+    void setProgress(bool isOn) { context_.usesProgress = isOn; }
     void setObserver(std::shared_ptr<McpObserver> observer) { context_.observer = std::move(observer); }
     void setCatalogue(const McpToolCatalogue::Options& options) { catalogue_ = McpToolCatalogue(options); }
 
@@ -41,7 +42,7 @@ public:
         context_.inFlight->stop();
         context_.sessions->endAll();
     }
-    bool isIdle() const noexcept { return context_.inFlight->isEmpty() && context_.sessions->isIdle(); }
+    bool isIdle() const noexcept { return context_.inFlight->isEmpty() && context_.notes->isIdle(); }
     /// The client's session has ended, and with it what was kept for it.
     void endClient(const ZnString& sessionId) { context_.sessions->endClient(sessionId); }
 

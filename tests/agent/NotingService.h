@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <string>
+#include <vector>
 
 /// A service in the same loop, which notes what it gets and answers as the test says.
 class NotingService {
@@ -19,6 +20,10 @@ public:
         app_.del("/", [this](ZnHttpContext& context) {
             seen.push_back("DELETE " + headersOf_(context));
             context.sendStatus(204);
+        });
+        app_.get("/", [this](ZnHttpContext& context) {
+            lastEventIds.push_back(context.requestHeader("last-event-id").str());
+            onGet(context);
         });
         EXPECT_TRUE(app_.tcpServer().listen("127.0.0.1", 0));
     }
@@ -35,7 +40,9 @@ public:
     bool keepsSessions = true;
     std::deque<std::string> seen; // method, session and version of every request
     std::string lastBody;
-    std::string lastSecrets; // the headers of the last request that tests give to a service
+    std::function<void(ZnHttpContext&)> onGet = [](ZnHttpContext& context) { context.sendStatus(405); };
+    std::vector<std::string> lastEventIds; // of GETs
+    std::string lastSecrets;               // the headers of the last request that tests give to a service
 
 private:
     static std::string headersOf_(ZnHttpContext& context) {

@@ -187,6 +187,20 @@ async function useServiceTools(client, serviceId, names) {
     return (name, args) => client.callTool({ name: 'bridge_call_tool', arguments: { serviceId, name, arguments: args } });
 }
 
+/// Progress comes while the call runs, by either tool, under the client's own token.
+async function tellProgress(client, serviceId) {
+    const request = { jsonrpc: '2.0', id: 1, method: 'tools/call', params: { name: 'slow', _meta: { progressToken: 'x' } } };
+    const calls = { bridge_call_tool: { serviceId, name: 'slow' }, bridge_rpc: { serviceId, request } };
+    for (const [name, args] of Object.entries(calls)) {
+        const told = [];
+        const result = await client.callTool({ name, arguments: args }, ...(client instanceof client2.Client ? [] : [undefined]),
+            { onprogress: ({ progress }) => told.push(progress) });
+        assert.match(JSON.stringify(result), /done/);
+        // What comes in one piece with the answer is lost inside the client.
+        assert.deepEqual(told, [1, 2, 3].slice(0, Math.max(told.length, 1)));
+    }
+}
+
 async function useToolsOfServices(client) {
     for (const serviceId of Object.keys(sdkServices)) {
         const callTool = await useServiceTools(client, serviceId, ['values', 'fail', 'slow']);
@@ -195,6 +209,7 @@ async function useToolsOfServices(client) {
         assert.equal((await callTool('fail', {})).isError, true);
         assert.equal((await callTool('no such tool', {})).isError, true);
     }
+    await tellProgress(client, '2.x stateful events');
     const callTool = await useServiceTools(client, 'everything', ['echo', 'get-tiny-image', 'get-resource-links']);
     const { content } = await callTool('get-tiny-image', {});
     assert.ok(content.some(part => part.type === 'image' && part.mimeType === 'image/png' && part.data.length > 1000));
@@ -233,8 +248,9 @@ before(async () => {
     const services = Object.entries(endpoints).map(([id, endpoint]) => ({ id, endpoint, timeoutMs: 10000, session: 'auto' }));
     writeFileSync(join(directory, 'services.json'), JSON.stringify({ services }));
     const options = [`--services_file=${directory}/services.json`];
-    stdioArguments = [...options, '--stdio', '--mcp_interop', '--mcp_tool_names=safe', '--mcp_call_tools'];
-    url = { on: await startAgent([...options, '--mcp_interop']), off: await startAgent(options) };
+    stdioArguments = [...options, '--stdio', '--mcp_interop', '--mcp_tool_names=safe', '--mcp_call_tools', '--mcp_progress'];
+    url = { all: await startAgent(stdioArguments.filter(option => option !== '--stdio')),
+        on: await startAgent([...options, '--mcp_interop']), off: await startAgent(options) };
 });
 after(closeAll);
 
@@ -260,6 +276,10 @@ for (const [clientName, sdk] of Object.entries(clientSdks)) {
             assert.equal(sent.filter(({ text }) => text.includes('"method": "initialize"')).length,
                 Object.keys(sdkServices).length);
         });
+        test('progress', () => connected(sdk, url.all, async client => {
+            for (const serviceId of Object.keys(sdkServices).filter(id => id.endsWith('events')))
+                await tellProgress(client, serviceId);
+        }));
         test('interoperability off', async () => {
             if (!sdk.connectsAlways)
                 return assert.rejects(connected(sdk, url.off, () => {}), { code: -32602 });

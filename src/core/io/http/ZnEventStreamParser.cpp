@@ -1,6 +1,8 @@
 #include "core/io/http/ZnEventStreamParser.h"
 
 #include <algorithm>
+#include <charconv>
+#include <system_error>
 #include <utility>
 
 namespace {
@@ -67,6 +69,8 @@ ZnEventStreamParser::Step_ ZnEventStreamParser::takeLine_(std::string_view line,
     }
     const std::string type = std::exchange(type_, {});
     const std::string data = std::exchange(data_, {});
+    if (id_ != lastEventId_)
+        lastEventId_ = id_;
     if (data.empty())
         return Step_::GoOn;
     return handler(type, std::string_view(data).substr(0, data.size() - 1)) ? Step_::GoOn : Step_::Stopped;
@@ -77,4 +81,15 @@ void ZnEventStreamParser::takeField_(std::string_view name, std::string_view val
         type_ = value;
     else if (name == "data")
         data_.append(value).push_back('\n');
+    else if (name == "id" && value.find('\0') == std::string_view::npos)
+        id_ = value;
+    else if (name == "retry")
+        takeRetry_(value);
+}
+
+void ZnEventStreamParser::takeRetry_(std::string_view value) {
+    int milliseconds = 0;
+    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), milliseconds);
+    if (error == std::errc() && end == value.data() + value.size() && milliseconds >= 0)
+        retryMs_ = milliseconds;
 }

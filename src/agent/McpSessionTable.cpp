@@ -7,6 +7,8 @@
 
 namespace {
 
+constexpr long long kDayCheckNs = 3600LL * 1000000000;
+
 long long today() {
     return mcp::wallNowUs() / mcp::kUsPerDay;
 }
@@ -54,7 +56,7 @@ std::shared_ptr<McpBridgeSession> McpSessionTable::find(std::string_view id, lon
         return nullptr;
     used_.splice(used_.end(), entry->isUsed ? used_ : unused_, entry);
     if (keeper_)
-        noteUse_(&*entry);
+        noteUse_(&*entry, nowNs);
     entry->isUsed = true;
     entry->lastUsedNs = nowNs;
     return entry->session;
@@ -97,7 +99,10 @@ void McpSessionTable::erase_(Order_::iterator entry) {
     (entry->isUsed ? used_ : unused_).erase(entry);
 }
 
-void McpSessionTable::noteUse_(Entry_* entry) {
+/// The day is looked at once an hour: that is exact enough for weeks, and reading a clock costs as much as a look-up.
+void McpSessionTable::noteUse_(Entry_* entry, long long nowNs) {
+    if (entry->isUsed && nowNs / kDayCheckNs == entry->lastUsedNs / kDayCheckNs)
+        return;
     const long long day = today();
     if (entry->isUsed && entry->keptDay == day)
         return;

@@ -47,7 +47,7 @@ private:
 
     bool look_(std::string_view id, Order_::iterator* entry);
     void erase_(Order_::iterator entry);
-    void noteUse_(Entry_* entry);
+    void noteUse_(Entry_* entry, long long nowNs);
     bool makeRoom_(Order_& order, long long idleNs, long long nowNs, ZnString* evicted);
 
     Order_ unused_;                                    // made, and never asked for since; the oldest first

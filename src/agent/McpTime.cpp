@@ -1,9 +1,7 @@
 #include "agent/McpTime.h"
 
-#include <array>
 #include <charconv>
 #include <chrono>
-#include <cstdio>
 
 namespace mcp {
 namespace {
@@ -99,6 +97,12 @@ std::optional<long long> readSpanUs(std::string_view text) {
     }
 }
 
+/// By hand, as every call has a time, and a format that is read at run time takes thousands of instructions.
+void putDigits(char* to, int count, long long number) {
+    for (int i = count - 1; i >= 0; --i, number /= 10)
+        to[i] = static_cast<char>('0' + number % 10);
+}
+
 } // namespace
 
 long long wallNowUs() {
@@ -112,12 +116,15 @@ ZnString utcText(long long unixUs) {
     const auto midnight = floor<days>(moment);
     const year_month_day date(midnight);
     const hh_mm_ss clock(moment - midnight);
-    std::array<char, 48> text{};
-    std::snprintf(text.data(), text.size(), "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ", static_cast<int>(date.year()),
-                  static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
-                  static_cast<int>(clock.hours().count()), static_cast<int>(clock.minutes().count()),
-                  static_cast<int>(clock.seconds().count()), static_cast<int>(clock.subseconds().count()));
-    return text.data();
+    char text[] = "0000-00-00T00:00:00.000Z";
+    putDigits(text, 4, static_cast<int>(date.year()));
+    putDigits(text + 5, 2, static_cast<int>(static_cast<unsigned>(date.month())));
+    putDigits(text + 8, 2, static_cast<int>(static_cast<unsigned>(date.day())));
+    putDigits(text + 11, 2, clock.hours().count());
+    putDigits(text + 14, 2, clock.minutes().count());
+    putDigits(text + 17, 2, clock.seconds().count());
+    putDigits(text + 20, 3, clock.subseconds().count());
+    return text;
 }
 
 ZnString dayText(long long unixUs) {

@@ -4,9 +4,8 @@
 #include "agent/McpTime.h"
 #include "core/types/ZnJsonDocument.h"
 
-#include <array>
+#include <algorithm>
 #include <charconv>
-#include <cstdio>
 
 namespace mcp {
 namespace {
@@ -51,9 +50,8 @@ void appendNumber(ZnString* out, const char* name, Number number) {
 }
 
 ZnString millisecondsText(long long durationNs) {
-    std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%.3f", static_cast<double>(durationNs) / 1e6);
-    return text.data();
+    const long long us = std::max(durationNs, 0LL) / 1000;
+    return ZnString::number(us / 1000) + "." + std::to_string(1000 + us % 1000).substr(1);
 }
 
 ZnVector<ZnByteArray> oneKey(std::string_view text) {
@@ -65,9 +63,9 @@ ZnVector<ZnByteArray> oneKey(std::string_view text) {
 } // namespace
 
 std::string trailKey(long long number) {
-    std::array<char, 32> digits{};
-    std::snprintf(digits.data(), digits.size(), "%016lld", number);
-    return std::string(kTrailPrefix) + digits.data();
+    const std::string digits = std::to_string(number);
+    const std::size_t zeroCount = kNumberBytes - std::min(kNumberBytes, digits.size());
+    return std::string(kTrailPrefix) + std::string(zeroCount, '0') + digits;
 }
 
 std::optional<long long> trailNumber(std::string_view key) {
@@ -104,9 +102,11 @@ ZnString trailText(const McpCallRecord& call, long long endedUs) {
 }
 
 ZnEmbeddedDbIndexKeys trailIndexKeys(const McpCallRecord& call, long long endedUs) {
-    return {{kTrailServiceIndex, oneKey(trailServiceName(call.service.view()).view())},
-            {kTrailOutcomeIndex, oneKey(McpCallRecord::nameOf(call.outcome()))},
-            {kTrailDayIndex, oneKey(dayText(endedUs).view())}};
+    ZnEmbeddedDbIndexKeys keys;
+    keys.insert(kTrailServiceIndex, oneKey(trailServiceName(call.service.view()).view()));
+    keys.insert(kTrailOutcomeIndex, oneKey(McpCallRecord::nameOf(call.outcome())));
+    keys.insert(kTrailDayIndex, oneKey(dayText(endedUs).view()));
+    return keys;
 }
 
 } // namespace mcp

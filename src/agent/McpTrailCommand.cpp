@@ -5,6 +5,7 @@
 #include "agent/McpTime.h"
 #include "agent/McpTrailRecord.h"
 #include "core/ipc/Subscription.h"
+#include "core/platform/ZnFileIdentity.h"
 #include "core/platform/ZnStandardStream.h"
 #include "core/runtime/ZnCoreApplication.h"
 #include "core/storage/embeddeddb/ZnEmbeddedDb.h"
@@ -15,6 +16,7 @@
 #include <cstdio>
 #include <iostream>
 #include <optional>
+#include <utility>
 
 namespace {
 
@@ -234,6 +236,12 @@ bool Printer::isAskedFor_(const ZnJsonObject& call) const {
            timeUs.value_or(0) >= query_.sinceUs / 1000 * 1000;
 }
 
+ZnEmbeddedDbStatus openToRead(ZnEmbeddedDb& store, const ZnString& directory) {
+    ZnEmbeddedDbOptions options;
+    options.readOnly = true;
+    return store.open(directory, options);
+}
+
 // --- following
 
 /// Ends the loop when nobody reads the output any more.
@@ -257,15 +265,30 @@ private:
     unsigned long long id_ = 0;
 };
 
+/// Shows what is there now: that may be another directory in the place of the first.
+ZnEmbeddedDbStatus renew(ZnEmbeddedDb& store, const ZnString& directory, unsigned long long* inode) {
+    const unsigned long long inodeNow = ZnFileIdentity::of(directory).inode;
+    if (std::exchange(*inode, inodeNow) == inodeNow && store.isOpen())
+        return store.refresh();
+    store.close();
+    return openToRead(store, directory);
+}
+
 int follow(ZnEmbeddedDb& store, const Query& query) {
     ZnCoreApplication application;
     const OutputWatch watch(application);
     Printer printer(store, query);
+    unsigned long long inode = ZnFileIdentity::of(query.directory).inode;
     ZnEmbeddedDbStatus status;
     const auto printNew = [&] {
-        status = store.refresh();
+        const bool wasOk = status.isOk();
+        status = renew(store, query.directory, &inode);
         if (status.isOk() && !application.isQuitRequested() && !printer.printNew())
             application.quit();
+        if (status.isOk())
+            status = printer.status();
+        if (!status.isOk() && wasOk) // told once: with the next call it may be well again
+            fail(kNothingReadable, status.message());
     };
     const McpStateDir::Signal names = McpStateDir::signalOf(query.directory);
     ZnString problem;
@@ -275,8 +298,9 @@ int follow(ZnEmbeddedDb& store, const Query& query) {
         return fail(kNothingReadable, problem);
     printNew(); // what has come before
     if (!status.isOk())
-        return fail(kNothingReadable, status.message());
-    return application.exec();
+        return kNothingReadable;
+    const int exitCode = application.exec();
+    return status.isOk() ? exitCode : kNothingReadable;
 }
 
 } // namespace
@@ -291,9 +315,7 @@ int runTrailCommand(const std::vector<std::string>& arguments) {
         return kFine;
     }
     ZnEmbeddedDb store;
-    ZnEmbeddedDbOptions options;
-    options.readOnly = true;
-    if (const ZnEmbeddedDbStatus status = store.open(query.directory, options); !status.isOk())
+    if (const ZnEmbeddedDbStatus status = openToRead(store, query.directory); !status.isOk())
         return fail(kNothingReadable, status.message());
     if (query.follows)
         return follow(store, query);

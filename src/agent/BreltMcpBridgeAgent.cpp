@@ -169,7 +169,7 @@ bool BreltMcpBridgeAgent::openState_() {
         return false;
     }
     dispatcher_->keepSessions(state_, state_->takeSessions());
-    dispatcher_->setObserver(state_);
+    dispatcher_->setCallObserver(state_);
     return true;
 }
 

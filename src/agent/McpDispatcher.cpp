@@ -240,6 +240,7 @@ McpReply McpDispatcher::dispatch_(McpMessage* message, std::string_view method) 
     const SessionRef_ session = requireSession_(*message, &refusal);
     if (!session)
         return refusal;
+    message->session = session;
     if (message->record)
         message->record->session = session;
     const std::string_view agreed = session->protocolVersion.view();

@@ -48,6 +48,8 @@ public:
         tools_.setObserver(observer);
         observer_ = std::move(observer);
     }
+    /// Is told of the calls alone: without the other one no records of messages are made, which costs time with each.
+    void setCallObserver(std::shared_ptr<McpObserver> observer) { tools_.setObserver(std::move(observer)); }
 
     /// Parks where the answer has to be waited for. The caller holds a reference to the dispatcher meanwhile.
     McpReply answer(McpMessage message);

@@ -41,7 +41,7 @@ ZnEmbeddedDbOptions storeOptions(std::int64_t maxBytes) {
         static_cast<std::uint64_t>(std::min(kLargestMemtableBytes, maxBytes / kMemtablesInBound));
     options.blobThresholdBytes = 65536; // values are smaller: there are no blob files to collect
     options.idleFlushMs = 0;            // a call now and then would make a table each
-    options.maxLevel1Tables = 8;
+    options.maxLevel1Tables = 32;       // a merge writes all of them anew
     return options;
 }
 

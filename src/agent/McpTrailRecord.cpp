@@ -33,11 +33,20 @@ void appendEscapedControls(ZnString* out, std::string_view text) {
     }
 }
 
+/// As nearly all names are: they stand in JSON as they are.
+bool isPlain(std::string_view text) {
+    return std::all_of(text.begin(), text.end(),
+                       [](char c) { return c >= ' ' && c < '\x7F' && c != '"' && c != '\\'; });
+}
+
 void appendMember(ZnString* out, const char* name, const ZnString& text) {
     *out += ",\"";
     *out += name;
     *out += "\": \"";
-    appendEscapedControls(out, escapeJsonString(wellFormed(text).view()).view());
+    if (isPlain(text.view()))
+        *out += text;
+    else
+        appendEscapedControls(out, escapeJsonString(wellFormed(text).view()).view());
     *out += '"';
 }
 

@@ -15,6 +15,11 @@ _brelt_mcp_bridge_agent() {
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
         return
         ;;
+    --state_dir)
+        compopt -o filenames 2>/dev/null
+        mapfile -t COMPREPLY < <(compgen -d -- "$current")
+        return
+        ;;
     --mcp_tool_names) values='dotted safe' ;;
     --services_reload) values='off watch' ;;
     --mcp_throttle) values='address failures' ;;
@@ -30,6 +35,6 @@ _brelt_mcp_bridge_agent() {
         --mcp_allowed_hosts= --mcp_throttle= --mcp_interop --mcp_tool_names= --mcp_call_tools --mcp_progress
         --stdio --max_answer_bytes= --services_file= --services_reload=
         --access_log= --access_log_max_bytes= --health_path= --metrics_path= --tls_cert_path=
-        --tls_key_path= --duration_ms= --strict --check --help --version' -- "$current")
+        --tls_key_path= --state_dir= --trail_max_days= --trail_max_bytes= --duration_ms= --strict --check --help --version' -- "$current")
     [[ "${COMPREPLY[*]}" != *= ]] || compopt -o nospace 2>/dev/null
 } && complete -F _brelt_mcp_bridge_agent brelt-mcp-bridge-agent

@@ -29,9 +29,17 @@ public:
 
     static ZnString helpText();
 
+    /// Of an option whose value is a number.
+    struct Range {
+        const char* option;
+        std::int64_t least;
+        std::int64_t most;
+    };
+
 private:
     bool readToken_(ZnString* token, ZnString* errorText) const;
-    std::int64_t bytes_(const char* name) const;
+    std::int64_t numberIn_(const Range& range) const;
+    McpStateDir::Settings stateSettings_() const;
     McpMonitor::Options monitorOptions_() const;
     void checkNames_();
     void checkValues_();

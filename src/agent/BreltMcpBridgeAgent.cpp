@@ -160,6 +160,8 @@ bool BreltMcpBridgeAgent::prepare_() {
         return false;
     for (std::shared_ptr<McpObserver>& observer : monitor_.observers())
         addObserver_(std::move(observer));
+    if (!openState_() && isStrict_)
+        return false;
     if (reloads_ && !servicesFile_.isEmpty()) {
         watch_ = std::make_shared<McpServiceWatch>(services_, dispatcher_->workers(), servicesFile_,
                                                    McpServiceList::Reading{isInterop_, isStrict_});
@@ -172,6 +174,25 @@ void BreltMcpBridgeAgent::addObserver_(std::shared_ptr<McpObserver> observer) {
     if (!observers_)
         dispatcher_->setObserver(observers_ = std::make_shared<McpObservers>());
     observers_->add(std::move(observer));
+}
+
+/// False, with the reason on standard error, when the agent has to do without.
+bool BreltMcpBridgeAgent::openState_() {
+    if (stateDirectory_.isEmpty())
+        return true;
+    ZnString problem;
+    state_ = McpStateDir::open(stateDirectory_, stateSettings_, &problem);
+    if (!state_) {
+        std::cerr << "[McpBridge] Warning: state directory: " << problem << "; sessions and calls are not kept"
+                  << std::endl;
+        return false;
+    }
+    dispatcher_->keepSessions(state_, state_->takeSessions());
+    if (observers_)
+        observers_->add(state_);
+    else
+        dispatcher_->setCallObserver(state_); // no records of messages are made for it alone
+    return true;
 }
 
 bool BreltMcpBridgeAgent::start(const ZnString& bindAddress, std::uint16_t port, const ZnString& tlsCertPath,
@@ -247,6 +268,8 @@ void BreltMcpBridgeAgent::stop() {
     if (application != nullptr)
         runDeferredDeletions(*application);
     monitor_.stop();
+    if (state_)
+        state_->stop();
 }
 
 std::uint16_t BreltMcpBridgeAgent::localPort() const {

@@ -7,6 +7,7 @@
 #include "agent/McpReply.h"
 #include "agent/McpServiceList.h"
 #include "agent/McpServiceWatch.h"
+#include "agent/McpStateDir.h"
 #include "agent/McpStdioFront.h"
 #include "core/io/http/ZnHttpApp.h"
 #include "core/types/ZnString.h"
@@ -67,6 +68,13 @@ public:
     void setMonitor(McpMonitor::Options options) { monitor_.setOptions(std::move(options)); }
     void setTools(const McpToolCatalogue::Options& options) { dispatcher_->setCatalogue(options); }
 
+    /// Keeps sessions and a trail of calls in the directory; empty: nowhere. When it cannot be used the agent serves
+    /// without, with a warning on standard error.
+    void setState(const ZnString& directory, const McpStateDir::Settings& settings) {
+        stateDirectory_ = directory;
+        stateSettings_ = settings;
+    }
+
     /// Reads the allowlist and the certificate as start() would, and nothing else. False, with the reason on standard
     /// error or in the log, when start() would fail because of them.
     bool check(const ZnString& tlsCertPath, const ZnString& tlsKeyPath);
@@ -96,6 +104,7 @@ private:
     void tell_(const ZnHttpRequest& request, int status, std::size_t bytesOut);
     void tellAnswer_(const ZnHttpContext& context);
     void answer_(McpReply reply, ZnHttpContext& context);
+    bool openState_();
     bool isIdle_() const { return dispatcher_->isIdle() && *streamCount_ == 0 && (!stdio_ || stdio_->isIdle()); }
     ZnHttpTimeouts timeouts_(ZnHttpTimeouts timeouts) const;
     void registerRoutes_(ZnHttpApp& app);
@@ -123,4 +132,7 @@ private:
     std::shared_ptr<McpServiceWatch> watch_; // likewise
     McpMonitor monitor_;
     std::shared_ptr<McpObservers> observers_; // null when nobody wants to be told
+    ZnString stateDirectory_;
+    McpStateDir::Settings stateSettings_;
+    std::shared_ptr<McpStateDir> state_; // null without one
 };

@@ -1,6 +1,8 @@
 #include "agent/McpDispatcher.h"
 
 #include "agent/McpJson.h"
+#include "agent/McpText.h"
+#include "agent/McpTime.h"
 #include "core/types/ZnCrypto.h"
 #include "core/types/ZnVersion.h"
 
@@ -53,21 +55,10 @@ ZnString cancelledId(const ZnJsonObject& notification) {
     return params->value("requestId").toJson();
 }
 
-ZnString hexText(const ZnCrypto::Bytes& bytes) {
-    constexpr char kDigits[] = "0123456789abcdef";
-    ZnString text;
-    text.reserve(2 * bytes.size());
-    for (const unsigned char byte : bytes) {
-        text += kDigits[byte >> 4];
-        text += kDigits[byte & 15];
-    }
-    return text;
-}
-
 /// Empty when there is no entropy.
 ZnString generateToken(std::size_t byteCount) {
     ZnCrypto::Bytes bytes;
-    return ZnCrypto::randomBytes(byteCount, &bytes) ? hexText(bytes) : ZnString();
+    return ZnCrypto::randomBytes(byteCount, &bytes) ? mcp::hexText(bytes) : ZnString();
 }
 
 ZnString fallbackId(const char* prefix) {
@@ -120,6 +111,11 @@ McpDispatcher::McpDispatcher(std::shared_ptr<McpServiceList> services) : tools_(
 void McpDispatcher::setExact(bool isExact) {
     isExact_ = isExact;
     tools_.setExact(isExact);
+}
+
+void McpDispatcher::keepSessions(std::shared_ptr<McpSessionKeeper> keeper, std::vector<McpKeptSession> sessions) {
+    ZnMutexLocker locker(sessionsLock_);
+    sessions_.restore(std::move(keeper), std::move(sessions), clock_());
 }
 
 McpReply McpDispatcher::answer(McpMessage message) {
@@ -263,6 +259,7 @@ McpReply McpDispatcher::dispatch_(McpMessage* message, std::string_view method) 
     const SessionRef_ session = requireSession_(*message, &refusal);
     if (!session)
         return refusal;
+    message->session = session;
     if (message->record)
         message->record->session = session;
     const std::string_view agreed = session->protocolVersion.view();
@@ -333,6 +330,7 @@ McpDispatcher::SessionRef_ McpDispatcher::createSession_(const ZnJsonObject& par
     session->protocolVersion = kProtocolVersion;
     session->clientName = clientText(params, "name");
     session->clientVersion = clientText(params, "version");
+    session->createdUs = mcp::wallNowUs();
     ZnMutexLocker locker(sessionsLock_);
     return sessions_.add(session, clock_(), evicted) ? session : nullptr;
 }

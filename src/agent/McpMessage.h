@@ -73,7 +73,8 @@ struct McpMessage {
 
     /// What is told to observers about it; null when there are none. Shared: a worker may outlive the front's frame.
     std::shared_ptr<McpRequestRecord> record;
-    ZnJsonDocument document; // an object, once the message has been read
+    std::shared_ptr<const McpBridgeSession> session; // of a call; null before it is known
+    ZnJsonDocument document;                         // an object, once the message has been read
     /// Set: there is no answer yet, since the message is a call that this service is to get.
     std::shared_ptr<const McpBridgeServiceRecord> service;
     McpToolCatalogue::Tool tool = McpToolCatalogue::Tool::Rpc; // of such a call

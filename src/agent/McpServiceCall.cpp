@@ -32,8 +32,7 @@ McpReply McpServiceCall::run() {
 
 void McpServiceCall::tell_() {
     record_.endedNs = monotonicNowNs();
-    if (message_.record)
-        record_.session = message_.record->session;
+    record_.session = message_.session;
     record_.service = service_.id;
     context_.observer->onCall(record_);
 }

@@ -17,6 +17,7 @@ namespace {
 constexpr const char* kProtocolVersion = "2025-06-18";
 constexpr int kLongestDelayMs = 600000;
 constexpr int kEndMs = 1000;
+constexpr int kProgressSteps = 4;
 
 ZnJsonObject response(const ZnJsonValue& id, const char* member, ZnJsonValue value) {
     ZnJsonObject object{{"jsonrpc", "2.0"}, {"id", id}};
@@ -46,11 +47,18 @@ ZnJsonObject add(const ZnJsonObject& arguments) {
     return toolResult(sum.toJson());
 }
 
+int delayMs(const ZnJsonObject& arguments) {
+    return std::clamp(arguments.value("delayMs").toInt(0), 0, kLongestDelayMs);
+}
+
+ZnJsonObject waited(const ZnJsonObject& arguments) {
+    return toolResult("waited " + ZnString::number(delayMs(arguments)) + " ms");
+}
+
 /// Waits without stopping the thread: the handler's fiber is parked, and the service goes on answering others.
 ZnJsonObject slow(const ZnJsonObject& arguments) {
-    const int delayMs = std::clamp(arguments.value("delayMs").toInt(0), 0, kLongestDelayMs);
-    sleepFor(delayMs);
-    return toolResult("waited " + ZnString::number(delayMs) + " ms");
+    sleepFor(delayMs(arguments));
+    return waited(arguments);
 }
 
 struct Tool {
@@ -125,6 +133,48 @@ ZnJsonObject answer(ZnHttpContext& context, const ZnJsonObject& request) {
     return error(id, -32601, "Method not found");
 }
 
+// --- progress
+
+void writeEvent(const ZnPointer<ZnAbstractSocket>& socket, const ZnJsonObject& message) {
+    const ZnString event = "data: " + ZnJsonValue(message).toJson() + "\n\n";
+    if (socket)
+        socket->write(ZnString::number(static_cast<unsigned long long>(event.size()), 16) + "\r\n" + event + "\r\n");
+}
+
+ZnJsonObject progress(const ZnJsonValue& token, int step) {
+    return {{"jsonrpc", "2.0"},
+            {"method", "notifications/progress"},
+            {"params", ZnJsonObject{{"progressToken", token}, {"progress", step}, {"total", kProgressSteps}}}};
+}
+
+/// "slow" as a stream of events, for who asks for progress: the connection leaves HTTP behind the head.
+void answerInEvents(ZnHttpContext& context, const ZnJsonObject& request, const ZnJsonValue& token) {
+    context.send(ZnByteArray(), "text/event-stream", 200);
+    ZnHttpResponse& opened = context.response();
+    opened.chunked = true;
+    const ZnString head = opened.head(true);
+    opened.switchProtocols = opened.switchWithoutHead = true;
+    const ZnJsonObject arguments = request.value("params").toObject().value("arguments").toObject();
+    opened.onSwitch = [head, arguments, token, id = request.value("id")](ZnAbstractSocket* taken) {
+        const ZnPointer<ZnAbstractSocket> socket(taken);
+        taken->write(head);
+        for (int step = 1; step <= kProgressSteps && socket && socket->isOpen(); ++step) {
+            writeEvent(socket, progress(token, step));
+            sleepFor(delayMs(arguments) / kProgressSteps);
+        }
+        writeEvent(socket, response(id, "result", waited(arguments)));
+        if (!socket)
+            return;
+        socket->write(ZnString("0\r\n\r\n"));
+        socket->deleteLater();
+    };
+}
+
+bool wantsEvents(const ZnHttpContext& context, const ZnJsonObject& params) {
+    return params.value("name").string() == "slow" &&
+           context.requestHeader("accept").view().find("text/event-stream") != std::string_view::npos;
+}
+
 void handlePost(ZnHttpContext& context) {
     ZnJsonDocument document;
     ZnString parseError;
@@ -135,6 +185,10 @@ void handlePost(ZnHttpContext& context) {
         return context.json(error(ZnJsonValue(), -32600, "Invalid Request"), 400);
     if (!message->contains("id"))
         return context.sendStatus(202); // a notification, such as "notifications/initialized"
+    const ZnJsonObject params = message->value("params").toObject();
+    const ZnJsonValue token = params.value("_meta").toObject().value("progressToken");
+    if (!token.isNull() && wantsEvents(context, params))
+        return answerInEvents(context, *message, token);
     context.json(answer(context, *message));
 }
 

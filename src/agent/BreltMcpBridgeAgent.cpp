@@ -95,9 +95,19 @@ void sendStream(McpReply reply, ZnHttpContext& context, const std::shared_ptr<in
     ZnString head = response.head(true);
     response.switchProtocols = response.switchWithoutHead = true;
     response.onSwitch = [count, head = std::move(head), later = std::move(reply.later)](ZnAbstractSocket* socket) {
-        const std::shared_ptr<void> held(nullptr, [count](void*) { --*count; });
         ++*count;
-        McpEventStream(socket, head).run(later);
+        const ZnPointer<ZnAbstractSocket> place(socket);
+        const std::shared_ptr<void> held(nullptr, [count, place](void*) {
+            --*count;
+            if (place)
+                place->deleteLater(); // the stream has never run
+        });
+        // On a fiber of its own: this one serves an event of the socket, and no other event comes before it ends.
+        ZnTask stream([held, head, later, place] {
+            if (place)
+                McpEventStream(place.get(), head).run(later);
+        });
+        ZnCoreApplication::instance()->post(stream, {.whenFull = ZnPostOptions::WhenFull::Wait});
     };
 }
 

@@ -9,7 +9,7 @@
 
 McpEventStream::McpEventStream(ZnAbstractSocket* socket, ZnString head) : socket_(socket) {
     socket->connect(&ZnAbstractSocket::disconnected, &receiver_, [this] { caller_.leave(); });
-    socket->connect(&ZnAbstractSocket::errorOccurred, &receiver_, [this](int) { caller_.leave(); });
+    socket->connect(&ZnAbstractSocket::errorOccurred, &receiver_, [this](int) { socket_->close(); }); // and leaves
     socket->connect(&ZnAbstractSocket::readyRead, &receiver_, [this] { discardInput_(); });
     socket->write(std::move(head));
     discardInput_();

@@ -45,6 +45,8 @@ McpForwardCall::McpForwardCall(const McpBridgeServiceRecord& record, McpForwardR
 }
 
 McpForwardResult McpForwardCall::run() {
+    if (hasEnded_)
+        return std::move(result_);
     timer_.startUs(timeoutMs_ * kUsPerMs);
     const bool hasBegun = client_.request(ZnHttpClient::Post, endpoint_, std::move(request_.body), "application/json");
     if (!hasBegun)

@@ -57,7 +57,8 @@ public:
     /// Sees what the service tells of progress with the request's token, as params. It must not park.
     using Progress = std::function<void(const ZnJsonObject& params)>;
     void setProgress(Progress progress) { progress_ = std::move(progress); }
-    /// Sends the request to the service and parks the calling fiber until the call has ended. Once.
+    /// Sends the request to the service and parks the calling fiber until the call has ended. Once; nothing is sent
+    /// when the call has been ended before.
     McpForwardResult run();
     /// Of the answer's body, as far as it has come.
     std::size_t answerBytes() const noexcept { return answerBytes_; }

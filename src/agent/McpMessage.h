@@ -19,9 +19,15 @@
 /// Thread: that of the front. Owner: the front's frame, which outlives the call into the dispatcher.
 class McpCaller {
 public:
-    /// `onGone` is called at most once; it must not park. Empty: nobody needs to know.
-    void whenGone(std::function<void()> onGone) { onGone_ = std::move(onGone); }
+    /// `onGone` is called at most once, at once when the caller has left already; it must not park. Empty: nobody needs
+    /// to know.
+    void whenGone(std::function<void()> onGone) {
+        onGone_ = std::move(onGone);
+        if (hasLeft_)
+            leave();
+    }
     void leave() {
+        hasLeft_ = true;
         if (onGone_)
             std::exchange(onGone_, nullptr)();
     }
@@ -39,6 +45,7 @@ public:
 
 private:
     std::function<void()> onGone_;
+    bool hasLeft_ = false;
     Sink sink_;
 };
 

@@ -157,7 +157,8 @@ bool McpServiceSessions::wait_(Entry_& entry, McpCaller& caller, int maxWaitMs) 
         isGone = true;
         loop.quit();
     });
-    loop.exec(std::max(maxWaitMs, 1));
+    if (!isGone)
+        loop.exec(std::max(maxWaitMs, 1));
     caller.whenGone(nullptr);
     const auto place = std::find(entry.waiting.begin(), entry.waiting.end(), &loop);
     const bool isStillWaiting = place != entry.waiting.end();

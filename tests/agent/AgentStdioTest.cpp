@@ -208,7 +208,7 @@ TEST(AgentStdio, WithoutAReaderTheCallsEnd) {
     EXPECT_EQ(agent.exitCode(), 0);
 }
 
-// The client sends a million messages and reads no answer: the agent reads no more, and loses nothing.
+// The client sends 200,000 messages, 11 MB, and reads no answer: the agent reads no more, and loses nothing.
 TEST(AgentStdio, ASlowReaderStopsTheReading) {
     constexpr int kMessages = 200000;
     StdioAgent agent;
@@ -224,7 +224,9 @@ TEST(AgentStdio, ASlowReaderStopsTheReading) {
         agent.endInput();
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(300)); // more would not make the agent read more
-    EXPECT_LT(agent.residentKib() - before, 8192);
+    if (IS_SANITIZED == 0) {                                     // a sanitizer keeps what was freed
+        EXPECT_LT(agent.residentKib() - before, 8192);
+    }
     for (int i = 0; i < kMessages; ++i)
         ASSERT_EQ(agent.readLine(), pong(std::to_string(i)));
     writer.join();

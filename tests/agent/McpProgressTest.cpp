@@ -3,6 +3,7 @@
 #include "agent/AgentFixture.h"
 #include "agent/NotingService.h"
 #include "core/io/http/ZnEventStreamParser.h"
+#include "support/Loopback.h"
 
 namespace {
 
@@ -24,6 +25,7 @@ protected:
     void begin(const std::string& message) {
         answer_.clear();
         notes_.clear();
+        caller_ = McpCaller();
         caller_.setSink([this](const ZnByteArray& note) { notes_.push_back(note.toZnString().str()); });
         ASSERT_TRUE(application_.postEvent([this, message] {
             McpMessage toAnswer(ZnByteArray(message), caller_);
@@ -95,14 +97,10 @@ TEST_F(McpProgressTest, ProgressComesUnderTheClientsToken) {
 }
 
 TEST_F(McpProgressTest, WhoIsNotAwaitedAnyMoreIsCancelledAtTheService) {
-    const auto hold = [](ZnHttpContext& context, const std::string&) {
-        ZnEventLoop().exec(2000);
-        context.sendStatus(500);
-    };
     answerTo(callWith("1")); // for the handshake
     for (const std::string way : {"cancelled", "left", "late"}) {
         SCOPED_TRACE(way);
-        service_.answerNext("tools/call", hold);
+        service_.holdNext("tools/call");
         service_.seen.clear();
         begin(callWith("1"));
         EXPECT_TRUE(runUntil([this] { return !service_.seen.empty(); }));
@@ -116,6 +114,31 @@ TEST_F(McpProgressTest, WhoIsNotAwaitedAnyMoreIsCancelledAtTheService) {
         EXPECT_TRUE(holds(service_.lastBody, R"("requestId": )" + upstreamId + "}"));
         EXPECT_TRUE(runUntil([this] { return !answer_.empty(); }));
         EXPECT_EQ(answer_.substr(0, 4), way == "cancelled" ? "202 " : "200 ");
+        service_.release();
+        EXPECT_TRUE(runUntil([this] { return !service_.isHolding; }));
+    }
+}
+
+TEST_F(McpProgressTest, AStreamAndItsCallEndWithTheClient) {
+    answerTo(callWith("1")); // for the handshake
+    ASSERT_TRUE(routes_.tcpServer().listen("127.0.0.1", 0));
+    for (const bool resets : {false, true}) {
+        const int client = connectToLoopback(routes_.tcpServer().localPort());
+        service_.holdNext("tools/call");
+        service_.seen.clear();
+        const std::string body = callWith("1");
+        const std::string head =
+            "POST /mcp HTTP/1.1\r\nHost: a\r\nAccept: text/event-stream\r\nMcp-Session-Id: " + session_ +
+            "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n";
+        EXPECT_GT(::send(client, (head + body).data(), (head + body).size(), 0), 0);
+        EXPECT_TRUE(runUntil([this] { return service_.isHolding; }));
+        if (resets)
+            resetOnClose(client);
+        ::close(client);
+        EXPECT_TRUE(runUntil([this] { return service_.seen.size() == 2; }));
+        EXPECT_EQ(service_.seen.back(), "notifications/cancelled u1 2025-06-18");
+        service_.release();
+        EXPECT_TRUE(runUntil([this] { return !service_.isHolding; }));
     }
 }
 

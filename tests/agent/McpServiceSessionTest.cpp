@@ -120,12 +120,7 @@ TEST_F(McpServiceSessionTest, AHandshakeThatFailsIsToldAndTriedAgain) {
 TEST_F(McpServiceSessionTest, ThoseWhoWaitForAHandshakeShareItsFailureButNotThatAClientHasLeft) {
     const std::string message = toolCall("bridge_rpc", R"({"serviceId":"s","request":{"id":9,"method":"ping"}})");
     for (const bool leaves : {false, true}) {
-        bool isHeld = false;
-        service_.answerNext("initialize", [&](ZnHttpContext& context, const std::string&) {
-            isHeld = true;
-            ZnEventLoop().exec(100);
-            context.sendStatus(500);
-        });
+        service_.holdNext("initialize");
         McpCaller first;
         std::string firstAnswer;
         std::string secondAnswer;
@@ -135,13 +130,17 @@ TEST_F(McpServiceSessionTest, ThoseWhoWaitForAHandshakeShareItsFailureButNotThat
             firstAnswer = Peer::dispatcher(agent_).answer(std::move(toAnswer)).text.toZnString().str();
         }));
         ASSERT_TRUE(application_.postEvent([&] { secondAnswer = bodyOf(post(message, session_)); }));
-        EXPECT_TRUE(runUntil([&] { return isHeld; }));
+        EXPECT_TRUE(runUntil([this] { return service_.isHolding; }));
         settle();
         if (leaves)
             first.leave();
+        else
+            service_.release();
         EXPECT_TRUE(runUntil([&] { return !firstAnswer.empty() && !secondAnswer.empty(); }));
         EXPECT_TRUE(holds(secondAnswer, leaves ? R"("statusCode": 200)" : "answered with status 500")) << secondAnswer;
         EXPECT_EQ(takeSeen().size(), leaves ? 4U : 1U);
+        service_.release();
+        EXPECT_TRUE(runUntil([this] { return !service_.isHolding; }));
     }
 }
 

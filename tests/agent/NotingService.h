@@ -2,6 +2,7 @@
 
 #include "agent/McpMessages.h"
 #include "core/io/http/ZnHttpApp.h"
+#include "core/runtime/ZnEventLoop.h"
 
 #include <deque>
 #include <functional>
@@ -35,6 +36,17 @@ public:
             context.send(ZnByteArray(std::string_view(text)), "application/json", status);
         });
     }
+    /// Leaves the next request unanswered until release(), without which the test must not end.
+    void holdNext(const std::string& method) {
+        answerNext(method, [this](ZnHttpContext& context, const std::string&) {
+            for (isHolding = true; !isReleased_;)
+                ZnEventLoop().exec(5);
+            isHolding = isReleased_ = false;
+            context.sendStatus(500);
+        });
+    }
+    void release() { isReleased_ = isHolding; }
+    bool isHolding = false;
     /// How many sessions it has given.
     int sessionCount = 0;
     bool keepsSessions = true;
@@ -85,4 +97,5 @@ private:
 
     ZnHttpApp app_;
     std::map<std::string, std::deque<Answer>> scripted_;
+    bool isReleased_ = false;
 };

@@ -2,10 +2,7 @@
 // on and off. Usage: node interop_test.mjs AGENT        (after npm ci in this folder)
 
 import assert from 'node:assert/strict';
-import { spawn } from 'node:child_process';
-import { once } from 'node:events';
 import { mkdtempSync, rmSync, writeFileSync } from 'node:fs';
-import net from 'node:net';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { after, before, describe, test } from 'node:test';
@@ -20,13 +17,8 @@ import { Client as Client1_18 } from 'sdk-1-18/client/index.js';
 import { StdioClientTransport as Stdio1_18 } from 'sdk-1-18/client/stdio.js';
 import { StreamableHTTPClientTransport as Transport1_18 } from 'sdk-1-18/client/streamableHttp.js';
 
+import { agentProgram, closeAll, closers, startAgent } from './agent.mjs';
 import { serverSdks, startEverything, startSdk2Handler, startSdkServer } from './servers.mjs';
-
-const deadlineMs = 50000; // of everything, this process included
-setTimeout(() => { console.error('not done in time'); process.exit(1); }, deadlineMs).unref();
-const closers = [];
-const closeAll = () => closers.splice(0).forEach(close => close());
-process.on('exit', closeAll);
 
 const clientSdks = {
     '1.18.2': { Client: Client1_18, Transport: Transport1_18, Stdio: Stdio1_18, connectsAlways: true },
@@ -47,26 +39,6 @@ for (const sdk of Object.keys(serverSdks))
         for (const form of ['json', 'events'])
             sdkServices[`${sdk} ${state} ${form}`] = { sdk, stateful: state === 'stateful', json: form === 'json' };
 
-async function freePort() {
-    const server = net.createServer().listen(0, '127.0.0.1');
-    await once(server, 'listening');
-    const { port } = server.address();
-    await new Promise(done => server.close(done));
-    return port;
-}
-
-async function startAgent(options, attemptsLeft = 3) {
-    const port = await freePort();
-    const agent = spawn(process.argv[2], [`--port=${port}`, `--duration_ms=${deadlineMs}`, ...options],
-        { stdio: ['ignore', 'pipe', 'inherit'] });
-    closers.push(() => agent.kill('SIGKILL'));
-    await Promise.race([once(agent.stdout, 'data'), once(agent, 'exit')]); // a line as soon as it listens
-    if (agent.exitCode === null)
-        return `http://127.0.0.1:${port}/mcp`;
-    assert.ok(attemptsLeft > 0, 'the agent starts');
-    return startAgent(options, attemptsLeft - 1); // another program has taken the port
-}
-
 async function connected({ Client, Transport, options }, url, use) {
     const client = new Client({ name: 'test', version: '1' }, options);
     try {
@@ -81,7 +53,7 @@ async function connected({ Client, Transport, options }, url, use) {
 /// The agent as a command of the client's.
 async function connectedByStdio({ Client, Stdio, options }, use) {
     const client = new Client({ name: 'test', version: '1' }, options);
-    const transport = new Stdio({ command: process.argv[2], args: stdioArguments, stderr: 'inherit' });
+    const transport = new Stdio({ command: agentProgram, args: stdioArguments, stderr: 'inherit' });
     try {
         await client.connect(transport);
         await use(client);

@@ -69,7 +69,7 @@ bool acceptsStream(const ZnHttpContext& context) {
            context.request().httpVersion != "HTTP/1.0";
 }
 
-void send(McpReply reply, ZnHttpContext& context) {
+void send(McpReply&& reply, ZnHttpContext& context) {
     for (McpReply::Header& header : reply.headers)
         context.setHeader(header.name, std::move(header.value));
     context.request().keptUntilSent = std::move(reply.keptUntilSent);
@@ -349,7 +349,7 @@ void BreltMcpBridgeAgent::handlePost_(ZnHttpContext& context) {
     message.protocolVersion = mcp::headerText(context, "mcp-protocol-version");
     caller.canOpenStream = usesProgress_ && acceptsStream(context);
     const std::shared_ptr<McpDispatcher> dispatcher = dispatcher_;
-    const std::shared_ptr<int> streamCount = streamCount_;
+    const std::shared_ptr<int> streamCount = usesProgress_ ? streamCount_ : nullptr;
     McpReply reply = dispatcher->answer(std::move(message));
     if (reply.later)
         sendStream(std::move(reply), context, streamCount);

@@ -8,6 +8,7 @@
 #include "core/platform/ZnFileIdentity.h"
 #include "core/platform/ZnMonotonicClock.h"
 #include "core/platform/ZnSocketError.h"
+#include "core/platform/ZnWriteAccess.h"
 #include "core/runtime/ZnCoreApplication.h"
 #include "core/types/ZnVersion.h"
 
@@ -244,11 +245,19 @@ ZnHttpTimeouts BreltMcpBridgeAgent::timeouts_(ZnHttpTimeouts timeouts) const {
 }
 
 bool BreltMcpBridgeAgent::check(const ZnString& tlsCertPath, const ZnString& tlsKeyPath) {
-    const bool hasServices = loadServices_();
+    const ZnString logProblem = monitor_.logProblem();
+    if (!logProblem.isEmpty())
+        std::cerr << "[McpBridge] " << logProblem << std::endl;
+    const bool isUsable = loadServices_() && logProblem.isEmpty();
     if (tlsCertPath.isEmpty() || tlsKeyPath.isEmpty())
-        return hasServices;
+        return isUsable;
     ZnSslServer server;
-    return loadCertificate(server, tlsCertPath, tlsKeyPath) && hasServices;
+    return loadCertificate(server, tlsCertPath, tlsKeyPath) && isUsable;
+}
+
+ZnString BreltMcpBridgeAgent::stateProblem() const {
+    const ZnString problem = stateDirectory_.isEmpty() ? ZnString() : ZnWriteAccess::directoryProblem(stateDirectory_);
+    return problem.isEmpty() ? problem : "state directory: " + stateDirectory_ + ": " + problem;
 }
 
 void BreltMcpBridgeAgent::stop() {

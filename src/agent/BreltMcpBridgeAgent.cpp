@@ -28,8 +28,8 @@ ZnCoreApplication* idleApplication() {
     return application == nullptr || application->fiberPool().isOnFiber() ? nullptr : application;
 }
 
-/// Runs the loop until the objects that wait for their deletion are gone. They go in order, so a marker behind them
-/// shows it; the second round is for what the first one left behind.
+/// Runs the loop until the objects that wait for their deletion are destroyed, in their order: a marker after them
+/// shows that it is over. The second round is for what the first one has left.
 void runDeferredDeletions(ZnCoreApplication& application) {
     for (int round = 0; round < 2; ++round) {
         auto* marker = new ZnObject;
@@ -347,7 +347,7 @@ bool BreltMcpBridgeAgent::lets_(ZnHttpContext& context) {
     return !refusal;
 }
 
-/// Parks; the agent may be gone when it goes on.
+/// Parks; the agent may have been destroyed when it goes on.
 void BreltMcpBridgeAgent::handlePost_(ZnHttpContext& context) {
     if (!lets_(context))
         return;

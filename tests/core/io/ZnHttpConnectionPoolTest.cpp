@@ -207,9 +207,9 @@ TEST_F(ZnHttpConnectionPoolTest, ARequestOfWhichNothingHasLeftIsRepeated) {
     ScriptedPeer peer([&](Connection& connection) {
         const bool isFirst = ++count == 1;
         const std::string request = connection.receiveRequest();
-        connection.send(kAnswer);
         if (!isFirst)
             second = request;
+        connection.send(kAnswer);
         ended.wait();
     });
     EXPECT_EQ(call(peer.url()).body, "body");

@@ -10,9 +10,14 @@ _brelt_mcp_bridge_agent() {
     fi
     local values=
     case "$option" in
-    --services_file | --mcp_token_file | --tls_cert_path | --tls_key_path)
+    --services_file | --mcp_token_file | --access_log | --tls_cert_path | --tls_key_path)
         compopt -o filenames 2>/dev/null
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
+        return
+        ;;
+    --state_dir)
+        compopt -o filenames 2>/dev/null
+        mapfile -t COMPREPLY < <(compgen -d -- "$current")
         return
         ;;
     --mcp_tool_names) values='dotted safe' ;;
@@ -28,7 +33,8 @@ _brelt_mcp_bridge_agent() {
     fi
     mapfile -t COMPREPLY < <(compgen -W '--bind= --port= --mcp_path= --mcp_token= --mcp_token_file= --mcp_allowed_origin=
         --mcp_allowed_hosts= --mcp_throttle= --mcp_interop --mcp_tool_names= --mcp_call_tools --mcp_progress
-        --stdio --max_answer_bytes= --services_file= --services_reload= --tls_cert_path=
-        --tls_key_path= --duration_ms= --strict --check --help --version' -- "$current")
+        --stdio --max_answer_bytes= --services_file= --services_reload=
+        --access_log= --access_log_max_bytes= --health_path= --metrics_path= --tls_cert_path=
+        --tls_key_path= --state_dir= --trail_max_days= --trail_max_bytes= --duration_ms= --strict --check --help --version' -- "$current")
     [[ "${COMPREPLY[*]}" != *= ]] || compopt -o nospace 2>/dev/null
 } && complete -F _brelt_mcp_bridge_agent brelt-mcp-bridge-agent

@@ -1,7 +1,9 @@
 // Loads the agent and the practical limit of the machine in one go, and prints both with their ratio.
 //
-//   http_load AGENT RESPONDER [--seconds S] [--rounds N] [--connections A,B,...] [--idle N]
+//   http_load AGENT RESPONDER [--seconds S] [--rounds N] [--connections A,B,...] [--idle N] [--state_dir DIR]
 //
+// With a state directory it is the agent without and the agent with it that are compared. The median of the rounds'
+// ratios is printed too: a round is the fairer comparison.
 // The programs take turns, so that what else the machine does falls on both; the figures are the medians of the
 // rounds. Everything goes over loopback, is bounded and stops by itself.
 
@@ -41,6 +43,16 @@ struct Options {
     int rounds = 3;
     std::vector<int> connections = {1, 32, 64, 1000};
     int idleConnections = 0;
+    std::string stateDirectory; // empty: none
+};
+
+/// A program under load.
+struct Side {
+    const char* name;
+    const ChildProcess& process;
+    unsigned short port;
+    std::vector<std::string> requests;
+    std::string expectedText;
 };
 
 struct Sample {
@@ -52,7 +64,8 @@ Options parse(int argc, char** argv) {
     Options options;
     if (argc < 3) {
         std::fprintf(stderr,
-                     "usage: http_load AGENT RESPONDER [--seconds S] [--rounds N] [--connections A,B] [--idle N]\n");
+                     "usage: http_load AGENT RESPONDER [--seconds S] [--rounds N] [--connections A,B] [--idle N] "
+                     "[--state_dir DIR]\n");
         std::exit(2);
     }
     options.agent = argv[1];
@@ -63,6 +76,8 @@ Options parse(int argc, char** argv) {
             options.seconds = std::atof(argv[i + 1]);
         else if (name == "--rounds")
             options.rounds = std::max(1, std::atoi(argv[i + 1]));
+        else if (name == "--state_dir")
+            options.stateDirectory = argv[i + 1];
         else if (name == "--idle")
             options.idleConnections = std::atoi(argv[i + 1]);
         else if (name == "--connections") {
@@ -85,14 +100,13 @@ void writeServices(const char* path, unsigned short upstreamPort) {
     file << "]}";
 }
 
-Sample measure(const ChildProcess& server, unsigned short port, const std::vector<std::string>& requests,
-               const std::string& expectedText, int connectionCount, double seconds) {
-    const long long cpuBefore = server.cpuNs();
+Sample measure(const Side& side, int connectionCount, double seconds) {
+    const long long cpuBefore = side.process.cpuNs();
     Sample sample;
-    sample.load = runLoad(port, requests, expectedText, connectionCount, seconds);
+    sample.load = runLoad(side.port, side.requests, side.expectedText, connectionCount, seconds);
     if (sample.load.requestCount > 0)
-        sample.cpuUs =
-            static_cast<double>(server.cpuNs() - cpuBefore) / 1000.0 / static_cast<double>(sample.load.requestCount);
+        sample.cpuUs = static_cast<double>(side.process.cpuNs() - cpuBefore) / 1000.0 /
+                       static_cast<double>(sample.load.requestCount);
     return sample;
 }
 
@@ -109,29 +123,31 @@ void print(const char* what, const char* program, int connections, const Sample&
                 sample.load.maxUs, sample.cpuUs);
 }
 
-/// One table: the limit and the agent by turns, for every number of connections. Returns the number of failures.
-long long compare(const char* what, const Options& options, const ChildProcess& limit, unsigned short limitPort,
-                  const ChildProcess& agent, unsigned short agentPort, const std::vector<std::string>& requests,
-                  const std::string& expectedText, int maxConnections) {
+/// One table: the two sides by turns, for every number of connections. Returns the number of failures of the second.
+long long compare(const char* what, const Options& options, const Side& left, const Side& right, int maxConnections) {
     long long failures = 0;
     for (const int connections : options.connections) {
         if (connections > maxConnections) {
             std::printf("%-11s        %5d above the bound of calls in flight, left out\n", what, connections);
             continue;
         }
-        std::vector<Sample> limitSamples;
-        std::vector<Sample> agentSamples;
+        std::vector<Sample> leftSamples;
+        std::vector<Sample> rightSamples;
+        std::vector<double> ratios;
         for (int round = 0; round < options.rounds; ++round) {
-            limitSamples.push_back(measure(limit, limitPort, requests, "", connections, options.seconds));
-            agentSamples.push_back(measure(agent, agentPort, requests, expectedText, connections, options.seconds));
-            failures += agentSamples.back().load.failureCount;
+            leftSamples.push_back(measure(left, connections, options.seconds));
+            rightSamples.push_back(measure(right, connections, options.seconds));
+            failures += rightSamples.back().load.failureCount;
+            ratios.push_back(rightSamples.back().load.requestsPerSecond / leftSamples.back().load.requestsPerSecond);
         }
-        const Sample limitMedian = median(limitSamples);
-        const Sample agentMedian = median(agentSamples);
-        print(what, "limit", connections, limitMedian);
+        const Sample leftMedian = median(leftSamples);
+        const Sample rightMedian = median(rightSamples);
+        std::sort(ratios.begin(), ratios.end());
+        print(what, left.name, connections, leftMedian);
         std::printf("\n");
-        print(what, "agent", connections, agentMedian);
-        std::printf("  ratio %.2f\n", agentMedian.load.requestsPerSecond / limitMedian.load.requestsPerSecond);
+        print(what, right.name, connections, rightMedian);
+        std::printf("  ratio %.2f  rounds %.3f\n",
+                    rightMedian.load.requestsPerSecond / leftMedian.load.requestsPerSecond, ratios[ratios.size() / 2]);
         std::fflush(stdout);
     }
     return failures;
@@ -140,6 +156,24 @@ long long compare(const char* what, const Options& options, const ChildProcess& 
 unsigned short listeningPort(const std::vector<std::string>& command, std::unique_ptr<ChildProcess>& process, int cpu) {
     process = std::make_unique<ChildProcess>(command, "listening on port", cpu);
     return process->announcedPort();
+}
+
+Side pingOf(const char* name, const ChildProcess& agent, unsigned short port) {
+    return {
+        name, agent, port, {post(R"({"jsonrpc":"2.0","id":1,"method":"ping"})", initialize(port))}, R"("result": {})"};
+}
+
+/// Calls to every upstream in turn.
+Side rpcOf(const char* name, const ChildProcess& agent, unsigned short port) {
+    Side side = {name, agent, port, {}, "transportOk\\\": true"};
+    const std::string sessionId = initialize(port);
+    for (int i = 0; i < kUpstreamAddresses; ++i)
+        side.requests.push_back(
+            post(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"bridge.rpc","arguments":)"
+                 R"({"serviceId":"up)" +
+                     std::to_string(i) + R"(","request":{"jsonrpc":"2.0","id":1,"method":"tools/list"}}}})",
+                 sessionId));
+    return side;
 }
 
 } // namespace
@@ -165,43 +199,49 @@ int main(int argc, char** argv) {
     char servicesFile[] = "http_load_services_XXXXXX";
     const int servicesFd = ::mkstemp(servicesFile);
     writeServices(servicesFile, upstreamPort);
-    const unsigned short agentPort = freeLoopbackPort();
-    const ChildProcess agent(
-        {options.agent, "--port=" + std::to_string(agentPort), std::string("--services_file=") + servicesFile},
-        "listening on", kServerCpu);
-    ::unlink(servicesFile);
     ::close(servicesFd);
+    const unsigned short agentPort = freeLoopbackPort();
+    const std::string servicesOption = std::string("--services_file=") + servicesFile;
+    const ChildProcess agent({options.agent, "--port=" + std::to_string(agentPort), servicesOption}, "listening on",
+                             kServerCpu);
     std::printf("agent: ready after %.1f ms, %ld KiB resident\n", agent.readyMs(), agent.residentKib());
+    const Side agentPing = pingOf("agent", agent, agentPort);
+    const Side agentRpc = rpcOf("agent", agent, agentPort);
+    if (!options.stateDirectory.empty()) {
+        const unsigned short keepingPort = freeLoopbackPort();
+        const ChildProcess keeping({options.agent, "--port=" + std::to_string(keepingPort), servicesOption,
+                                    "--state_dir=" + options.stateDirectory},
+                                   "listening on", kServerCpu);
+        ::unlink(servicesFile);
+        long long failures = compare("ping", options, agentPing, pingOf("state", keeping, keepingPort), kNoBound);
+        failures += compare("bridge.rpc", options, agentRpc, rpcOf("state", keeping, keepingPort), kCallsInFlight);
+        std::printf("agent: %ld KiB resident at the end, with the state %ld KiB, %lld failures\n", agent.residentKib(),
+                    keeping.residentKib(), failures);
+        return failures == 0 ? 0 : 1;
+    }
+    ::unlink(servicesFile);
 
-    const std::string sessionId = initialize(agentPort);
-    const std::string ping = post(R"({"jsonrpc":"2.0","id":1,"method":"ping"})", sessionId);
-    std::vector<std::string> rpcs;
-    for (int i = 0; i < kUpstreamAddresses; ++i)
-        rpcs.push_back(
-            post(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"bridge.rpc","arguments":)"
-                 R"({"serviceId":"up)" +
-                     std::to_string(i) + R"(","request":{"jsonrpc":"2.0","id":1,"method":"tools/list"}}}})",
-                 sessionId));
     const std::string forwarded = "POST /mcp HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(upstreamPort) +
                                   "\r\nAccept: application/json\r\nConnection: close\r\nUser-Agent: forwarder\r\n"
                                   "Content-Type: application/json\r\nContent-Length: 46\r\n\r\n"
                                   R"({"id": 1,"jsonrpc": 2,"method": "tools/list"} )";
     std::unique_ptr<ChildProcess> limit;
     std::unique_ptr<ChildProcess> forwarder;
-    const unsigned short limitPort = listeningPort({options.responder, askOnce(agentPort, ping)}, limit, kServerCpu);
-    const unsigned short forwarderPort =
-        listeningPort({options.responder, askOnce(agentPort, rpcs[0]), std::to_string(upstreamPort), forwarded},
-                      forwarder, kServerCpu);
+    const unsigned short limitPort =
+        listeningPort({options.responder, askOnce(agentPort, agentPing.requests[0])}, limit, kServerCpu);
+    const unsigned short forwarderPort = listeningPort(
+        {options.responder, askOnce(agentPort, agentRpc.requests[0]), std::to_string(upstreamPort), forwarded},
+        forwarder, kServerCpu);
+    const Side limitPing = {"limit", *limit, limitPort, agentPing.requests, ""};
+    const Side limitRpc = {"limit", *forwarder, forwarderPort, agentRpc.requests, ""};
 
-    long long failures =
-        compare("ping", options, *limit, limitPort, agent, agentPort, {ping}, R"("result": {})", kNoBound);
-    failures += compare("bridge.rpc", options, *forwarder, forwarderPort, agent, agentPort, rpcs,
-                        "transportOk\\\": true", kCallsInFlight);
+    long long failures = compare("ping", options, limitPing, agentPing, kNoBound);
+    failures += compare("bridge.rpc", options, limitRpc, agentRpc, kCallsInFlight);
     if (options.idleConnections > 0) {
         const IdleConnections idleLimit(limitPort, options.idleConnections);
         const IdleConnections idleAgent(agentPort, options.idleConnections);
         std::printf("with %d idle connections on each:\n", options.idleConnections);
-        failures += compare("ping", options, *limit, limitPort, agent, agentPort, {ping}, R"("result": {})", kNoBound);
+        failures += compare("ping", options, limitPing, agentPing, kNoBound);
     }
     std::printf("agent: %ld KiB resident at the end, %lld failures\n", agent.residentKib(), failures);
     return failures == 0 ? 0 : 1;

@@ -23,7 +23,7 @@ LoadResult runLoad(unsigned short port, const std::vector<std::string>& requests
 /// Full TLS handshakes per second, one connection after the other for `seconds`.
 double runHandshakes(unsigned short port, double seconds);
 
-/// Connections that are opened and left idle until the object goes.
+/// Connections that are opened and left idle until the object is destroyed.
 class IdleConnections {
 public:
     IdleConnections(unsigned short port, int count);

@@ -106,7 +106,7 @@ private:
 
     const StoreConfig config_;
     std::unique_ptr<rocksdb::DB> db_;
-    rocksdb::PinnableSlice value_; // goes before the store
+    rocksdb::PinnableSlice value_; // ends before the store
 };
 
 } // namespace

@@ -147,7 +147,7 @@ Options parse(int argc, char** argv) {
     return options;
 }
 
-/// A directory that goes with the object.
+/// A directory that is removed with the object.
 class ScratchDirectory {
 public:
     explicit ScratchDirectory(const std::string& parent) : path_(parent + "/store-benchmark-XXXXXX") {

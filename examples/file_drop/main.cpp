@@ -94,7 +94,7 @@ public:
     ZnString pathOf(const ZnString& name) const { return directory_ + name; }
 
     /// Gives an uploaded file its name. A link and not a rename: it fails when anything has the name, even a symbolic
-    /// link that leads elsewhere. The temporary name goes when the framework has answered the request.
+    /// link that leads elsewhere. The temporary name is removed when the framework has answered the request.
     std::error_code keep(const ZnHttpMultipartPart& part) const {
         std::error_code error;
         fs::create_hard_link(part.tempFilePath.str(), pathOf(part.fileName).str(), error);

@@ -42,10 +42,25 @@ constexpr Option kOptions[] = {
     {"services_file", "mcp-bridge-services.json", "the allowlist", "Services"},
     {"services_reload", "off", "off, or watch: take a changed allowlist and changed secrets over"},
     {"max_answer_bytes", "16777216", "largest answer taken from a service, 1024 to 1073741824"},
+    {"access_log", "", "file that gets a JSON line for each request and each call of a service; - is standard output",
+     "What operators see"},
+    {"access_log_max_bytes", "67108864", "size at which the log becomes PATH.1, 1024 to 1073741824"},
+    {"health_path", "", "path that answers as long as the agent does, such as /healthz; needs no token"},
+    {"metrics_path", "", "path of the metrics for Prometheus, such as /metrics; needs no token"},
+    {"state_dir", "", "directory that keeps sessions and a trail of calls", "What is kept"},
+    {"trail_max_days", "30", "calls older than so many days are removed, 1 to 3650"},
+    {"trail_max_bytes", "268435456", "room for the directory on the disk, 1048576 to 1099511627776"},
     {"duration_ms", "0", "milliseconds to run; 0: until stopped", "Running"},
     {"strict", "false", "do not start when there is something to warn about", nullptr, Kind::Switch},
     {"check", "false", "read options, certificate and allowlist, say what was found, and end", nullptr, Kind::Switch},
 };
+
+using Range = AgentOptions::Range;
+constexpr Range kAnswerBytes = {"max_answer_bytes", 1024, 1073741824};
+constexpr Range kTrailDays = {"trail_max_days", 1, 3650};
+constexpr Range kTrailBytes = {"trail_max_bytes", 1048576, 1099511627776};
+constexpr Range kLogBytes = {"access_log_max_bytes", 1024, 1073741824};
+constexpr Range kRanges[] = {kAnswerBytes, kLogBytes, kTrailDays, kTrailBytes};
 
 const Option& optionNamed(std::string_view name) {
     const Option* option =
@@ -114,8 +129,13 @@ void AgentOptions::checkValues_() {
     const ZnString reload = text("services_reload").trimmed();
     if (reload != "off" && reload != "watch")
         remarks_.push_back("--services_reload is neither off nor watch; it counts as off");
-    if (maxAnswerBytes_() == 0)
-        remarks_.push_back("--max_answer_bytes is no number from 1024 to 1073741824; the default counts");
+    for (const Range& range : kRanges)
+        if (numberIn_(range) == 0)
+            remarks_.push_back(ZnString("--") + range.option + " is no number from " + ZnString::number(range.least) +
+                               " to " + ZnString::number(range.most) + "; the default counts");
+    const bool hasPaths = !text("health_path").isEmpty() || !text("metrics_path").isEmpty();
+    if (hasPaths && isOn("stdio") && !has("port"))
+        remarks_.push_back("--health_path and --metrics_path need --port with --stdio");
     const bool hasToken = !text("mcp_token").trimmed().isEmpty();
     const bool hasTokenFile = has("mcp_token_file");
     if (has("mcp_token") && !hasToken && !hasTokenFile)
@@ -132,10 +152,19 @@ void AgentOptions::checkValues_() {
 // --- configuration
 
 /// 0 for what is no usable number.
-std::int64_t AgentOptions::maxAnswerBytes_() const {
+std::int64_t AgentOptions::numberIn_(const Range& range) const {
     bool isNumber = false;
-    const long long bytes = text("max_answer_bytes").toLongLong(&isNumber);
-    return isNumber && bytes >= 1024 && bytes <= 1073741824 ? bytes : 0;
+    const long long number = text(range.option).toLongLong(&isNumber);
+    return isNumber && number >= range.least && number <= range.most ? number : 0;
+}
+
+McpStateDir::Settings AgentOptions::stateSettings_() const {
+    McpStateDir::Settings settings;
+    if (const std::int64_t days = numberIn_(kTrailDays); days != 0)
+        settings.maxDays = static_cast<int>(days);
+    if (const std::int64_t bytes = numberIn_(kTrailBytes); bytes != 0)
+        settings.maxBytes = bytes;
+    return settings;
 }
 
 bool AgentOptions::readToken_(ZnString* token, ZnString* errorText) const {
@@ -155,27 +184,44 @@ bool AgentOptions::configure(BreltMcpBridgeAgent& agent, ZnString* errorText) co
     ZnString token;
     if (!readToken_(&token, errorText))
         return false;
-    agent.setServicesFile(text("services_file"));
     agent.setMcpPath(text("mcp_path"));
+    McpMonitor::Options monitor = monitorOptions_();
+    *errorText = McpMonitor::pathProblem(monitor, agent.mcpPath());
+    if (!errorText->isEmpty())
+        return false;
+    agent.setServicesFile(text("services_file"));
     agent.setMcpToken(token);
     agent.setAllowedOrigin(text("mcp_allowed_origin"));
     agent.setAllowedHosts(McpHostRule(text("mcp_allowed_hosts"), text("bind")));
     agent.setThrottle(text("mcp_throttle").trimmed() == "failures" ? BreltMcpBridgeAgent::Throttle::ByFailure
                                                                    : BreltMcpBridgeAgent::Throttle::ByAddress);
-    if (const std::int64_t bytes = maxAnswerBytes_(); bytes != 0)
+    if (const std::int64_t bytes = numberIn_(kAnswerBytes); bytes != 0)
         agent.setMaxAnswerBytes(bytes);
     agent.setInterop(isOn("mcp_interop"));
     agent.setProgress(isOn("mcp_progress"));
     agent.setReload(text("services_reload").trimmed() == "watch");
     agent.setTools({text("mcp_tool_names").trimmed() == "safe", isOn("mcp_call_tools")});
+    agent.setState(text("state_dir").trimmed(), stateSettings_());
     agent.setStrict(isOn("strict"));
+    agent.setMonitor(std::move(monitor));
     return true;
+}
+
+McpMonitor::Options AgentOptions::monitorOptions_() const {
+    McpMonitor::Options options;
+    options.accessLogPath = text("access_log").trimmed();
+    if (const std::int64_t bytes = numberIn_(kLogBytes); bytes != 0)
+        options.accessLogBytes = static_cast<std::uint64_t>(bytes);
+    options.healthPath = BreltMcpBridgeAgent::normalizedPath(text("health_path"));
+    options.metricsPath = BreltMcpBridgeAgent::normalizedPath(text("metrics_path"));
+    return options;
 }
 
 ZnString AgentOptions::helpText() {
     constexpr int kNameColumn = 43;
     std::ostringstream out;
     out << "Usage: brelt-mcp-bridge-agent [--option=value]...\n"
+           "       brelt-mcp-bridge-agent trail DIR [option]...   (see trail --help)\n"
            "\n"
            "A local bridge that lets MCP clients call the private MCP services of an allowlist.\n";
     for (const Option& option : kOptions) {

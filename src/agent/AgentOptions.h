@@ -22,16 +22,25 @@ public:
     int durationMs() const { return text("duration_ms").toInt(); }
     bool hasTls() const { return !text("tls_cert_path").isEmpty() && !text("tls_key_path").isEmpty(); }
 
-    /// Hands everything to the agent. False, with the reason, when the token's file gives none: it must not start
-    /// without.
+    /// Hands everything to the agent. False, with the reason, when the token's file gives none, or a path
+    /// cannot be served: it must not start then.
     bool configure(BreltMcpBridgeAgent& agent, ZnString* errorText) const;
     const std::vector<ZnString>& remarks() const noexcept { return remarks_; }
 
     static ZnString helpText();
 
+    /// Of an option whose value is a number.
+    struct Range {
+        const char* option;
+        std::int64_t least;
+        std::int64_t most;
+    };
+
 private:
     bool readToken_(ZnString* token, ZnString* errorText) const;
-    std::int64_t maxAnswerBytes_() const;
+    std::int64_t numberIn_(const Range& range) const;
+    McpStateDir::Settings stateSettings_() const;
+    McpMonitor::Options monitorOptions_() const;
     void checkNames_();
     void checkValues_();
 

@@ -6,6 +6,7 @@
 #include "agent/McpText.h"
 #include "core/io/http/ZnHttpAbandonGuard.h"
 #include "core/platform/ZnFileIdentity.h"
+#include "core/platform/ZnMonotonicClock.h"
 #include "core/platform/ZnSocketError.h"
 #include "core/runtime/ZnCoreApplication.h"
 #include "core/types/ZnVersion.h"
@@ -59,15 +60,6 @@ ZnString listenProblem(int error, const ZnString& address, std::uint16_t port) {
     case ZnSocketError::kHostNotFound: return address + " is no address of this machine";
     default: return "cannot listen, error " + ZnString::number(error);
     }
-}
-
-ZnString normalizedPath(const ZnString& path) {
-    std::string_view text = trimmedView(path.view());
-    while (text.size() > 1 && text.ends_with('/'))
-        text.remove_suffix(1);
-    if (text.empty())
-        return "/mcp";
-    return text.front() == '/' ? ZnString(text) : "/" + ZnString(text);
 }
 
 /// Whether the client reads event streams, in chunks.
@@ -127,6 +119,15 @@ void BreltMcpBridgeAgent::setServicesFile(const ZnString& path) {
 
 void BreltMcpBridgeAgent::setMcpPath(const ZnString& path) {
     mcpPath_ = normalizedPath(path);
+    if (mcpPath_.isEmpty())
+        mcpPath_ = "/mcp";
+}
+
+ZnString BreltMcpBridgeAgent::normalizedPath(const ZnString& path) {
+    std::string_view text = trimmedView(path.view());
+    while (text.size() > 1 && text.ends_with('/'))
+        text.remove_suffix(1);
+    return text.empty() || text.front() == '/' ? ZnString(text) : "/" + ZnString(text);
 }
 
 void BreltMcpBridgeAgent::setMcpToken(const ZnString& token) {
@@ -155,13 +156,42 @@ bool BreltMcpBridgeAgent::prepare_() {
         return false;
     for (const ZnString& remark : remarks())
         std::cerr << "[McpBridge] Warning: services file, " << remark << std::endl;
-    if (isStrict_ && !remarks().empty())
+    if ((isStrict_ && !remarks().empty()) || !monitor_.start())
+        return false;
+    for (std::shared_ptr<McpObserver>& observer : monitor_.observers())
+        addObserver_(std::move(observer));
+    if (!openState_() && isStrict_)
         return false;
     if (reloads_ && !servicesFile_.isEmpty()) {
         watch_ = std::make_shared<McpServiceWatch>(services_, dispatcher_->workers(), servicesFile_,
                                                    McpServiceList::Reading{isInterop_, isStrict_});
         watch_->start();
     }
+    return true;
+}
+
+void BreltMcpBridgeAgent::addObserver_(std::shared_ptr<McpObserver> observer) {
+    if (!observers_)
+        dispatcher_->setObserver(observers_ = std::make_shared<McpObservers>());
+    observers_->add(std::move(observer));
+}
+
+/// False, with the reason on standard error, when the agent has to do without.
+bool BreltMcpBridgeAgent::openState_() {
+    if (stateDirectory_.isEmpty())
+        return true;
+    ZnString problem;
+    state_ = McpStateDir::open(stateDirectory_, stateSettings_, &problem);
+    if (!state_) {
+        std::cerr << "[McpBridge] Warning: state directory: " << problem << "; sessions and calls are not kept"
+                  << std::endl;
+        return false;
+    }
+    dispatcher_->keepSessions(state_, state_->takeSessions());
+    if (observers_)
+        observers_->add(state_);
+    else
+        dispatcher_->setCallObserver(state_); // no records of messages are made for it alone
     return true;
 }
 
@@ -176,6 +206,7 @@ bool BreltMcpBridgeAgent::start(const ZnString& bindAddress, std::uint16_t port,
     server->setLimits(limits);
     server->setTimeouts(timeouts_(server->timeouts()));
     registerRoutes_(*server);
+    server->setBusyHandler([this](const ZnHttpRequest& request) { tell_(request, 503, 0); });
     const ZnString trimmed = bindAddress.trimmed();
     const ZnString address = trimmed.isEmpty() ? ZnString("127.0.0.1") : trimmed;
     const bool usesTls = !tlsCertPath.isEmpty() && !tlsKeyPath.isEmpty();
@@ -236,6 +267,9 @@ void BreltMcpBridgeAgent::stop() {
     server_.reset();
     if (application != nullptr)
         runDeferredDeletions(*application);
+    monitor_.stop();
+    if (state_)
+        state_->stop();
 }
 
 std::uint16_t BreltMcpBridgeAgent::localPort() const {
@@ -250,7 +284,7 @@ void BreltMcpBridgeAgent::registerRoutes_(ZnHttpApp& app) {
     if (gate_.checksHosts())
         app.addContextMiddleware([this](ZnHttpContext& context, const std::function<void()>& next) {
             if (std::optional<McpReply> refusal = gate_.refuseHost(context))
-                send(std::move(*refusal), context);
+                answer_(std::move(*refusal), context);
             else
                 next();
         });
@@ -258,9 +292,41 @@ void BreltMcpBridgeAgent::registerRoutes_(ZnHttpApp& app) {
     app.get(mcpPath_, [this](ZnHttpContext& context) { handleGet_(context); });
     app.post(mcpPath_, [this](ZnHttpContext& context) { handlePost_(context); });
     app.del(mcpPath_, [this](ZnHttpContext& context) { handleDelete_(context); });
-    app.get("/help", [this](ZnHttpContext& context) { handleHelp_(context); });
-    app.get("/services", [this](ZnHttpContext& context) { context.json(services_->publicViews(), 200); });
-    app.get("/services/:serviceId", [this](ZnHttpContext& context) { handleServiceGet_(context); });
+    const auto show = [this, &app](const char* path, void (BreltMcpBridgeAgent::*handler)(ZnHttpContext&) const) {
+        app.get(path, [this, handler](ZnHttpContext& context) {
+            (this->*handler)(context);
+            tellAnswer_(context);
+        });
+    };
+    show("/help", &BreltMcpBridgeAgent::handleHelp_);
+    show("/services", &BreltMcpBridgeAgent::handleServices_);
+    show("/services/:serviceId", &BreltMcpBridgeAgent::handleService_);
+    monitor_.addRoutes(app, [this] {
+        const ZnCoreApplication* application = ZnCoreApplication::instance();
+        const double load = application == nullptr ? 0 : application->load();
+        return McpMetrics::Gauges{dispatcher_->callsInFlight(), dispatcher_->sessionCount(), load};
+    });
+}
+
+/// Tells of a request that the dispatcher does not see.
+void BreltMcpBridgeAgent::tell_(const ZnHttpRequest& request, int status, std::size_t bytesOut) {
+    if (!observers_)
+        return;
+    McpRequestRecord record;
+    record.beganNs = record.endedNs = monotonicNowNs();
+    record.status = status;
+    record.bytesIn = request.body.size();
+    record.bytesOut = bytesOut;
+    observers_->onRequest(record);
+}
+
+void BreltMcpBridgeAgent::tellAnswer_(const ZnHttpContext& context) {
+    tell_(context.request(), context.response().status, context.response().bodyBytes());
+}
+
+void BreltMcpBridgeAgent::answer_(McpReply reply, ZnHttpContext& context) {
+    tell_(context.request(), reply.status, reply.text.size());
+    send(std::move(reply), context);
 }
 
 /// Whether a request on the MCP path may pass; else it has been answered.
@@ -268,7 +334,7 @@ bool BreltMcpBridgeAgent::lets_(ZnHttpContext& context) {
     gate_.setHeaders(context);
     std::optional<McpReply> refusal = gate_.refuse(context);
     if (refusal)
-        send(std::move(*refusal), context);
+        answer_(std::move(*refusal), context);
     return !refusal;
 }
 
@@ -293,7 +359,7 @@ void BreltMcpBridgeAgent::handlePost_(ZnHttpContext& context) {
 
 void BreltMcpBridgeAgent::handleDelete_(ZnHttpContext& context) {
     if (lets_(context))
-        send(dispatcher_->endSession(mcp::headerText(context, "mcp-session-id")), context);
+        answer_(dispatcher_->endSession(mcp::headerText(context, "mcp-session-id")), context);
 }
 
 void BreltMcpBridgeAgent::handleGet_(ZnHttpContext& context) {
@@ -301,17 +367,19 @@ void BreltMcpBridgeAgent::handleGet_(ZnHttpContext& context) {
         return;
     context.setHeader("allow", "POST, DELETE, OPTIONS");
     context.json(mcp::errorBody_("SSE stream is not implemented on this endpoint"), 405);
+    tellAnswer_(context);
 }
 
 void BreltMcpBridgeAgent::handleOptions_(ZnHttpContext& context) {
     gate_.setHeaders(context);
     if (std::optional<McpReply> refusal = gate_.refusePreflight(context))
-        return send(std::move(*refusal), context);
+        return answer_(std::move(*refusal), context);
     context.setHeader("allow", "POST, GET, DELETE, OPTIONS");
     context.setHeader("access-control-allow-methods", "POST, GET, DELETE, OPTIONS");
     context.setHeader("access-control-allow-headers",
                       "authorization, content-type, accept, mcp-protocol-version, mcp-session-id");
     context.sendStatus(204);
+    tellAnswer_(context);
 }
 
 void BreltMcpBridgeAgent::handleHelp_(ZnHttpContext& context) const {
@@ -327,7 +395,11 @@ void BreltMcpBridgeAgent::handleHelp_(ZnHttpContext& context) const {
     context.text(text, 200);
 }
 
-void BreltMcpBridgeAgent::handleServiceGet_(ZnHttpContext& context) {
+void BreltMcpBridgeAgent::handleServices_(ZnHttpContext& context) const {
+    context.json(services_->publicViews(), 200);
+}
+
+void BreltMcpBridgeAgent::handleService_(ZnHttpContext& context) const {
     const McpServiceList::Ref record = services_->find(context.pathParam("serviceId"));
     if (record)
         context.json(McpServiceList::publicView(*record), 200);

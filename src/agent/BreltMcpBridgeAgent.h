@@ -2,9 +2,12 @@
 
 #include "agent/McpDispatcher.h"
 #include "agent/McpGate.h"
+#include "agent/McpMonitor.h"
+#include "agent/McpObservers.h"
 #include "agent/McpReply.h"
 #include "agent/McpServiceList.h"
 #include "agent/McpServiceWatch.h"
+#include "agent/McpStateDir.h"
 #include "agent/McpStdioFront.h"
 #include "core/io/http/ZnHttpApp.h"
 #include "core/types/ZnString.h"
@@ -59,7 +62,18 @@ public:
     }
     /// Takes changes of the allowlist, and of the files with its secrets, over while it runs.
     void setReload(bool isOn) { reloads_ = isOn; }
+    const ZnString& mcpPath() const noexcept { return mcpPath_; }
+    /// Without white space around it, with one "/" in front and none at the end; empty stays empty.
+    static ZnString normalizedPath(const ZnString& path);
+    void setMonitor(McpMonitor::Options options) { monitor_.setOptions(std::move(options)); }
     void setTools(const McpToolCatalogue::Options& options) { dispatcher_->setCatalogue(options); }
+
+    /// Keeps sessions and a trail of calls in the directory; empty: nowhere. When it cannot be used the agent serves
+    /// without, with a warning on standard error.
+    void setState(const ZnString& directory, const McpStateDir::Settings& settings) {
+        stateDirectory_ = directory;
+        stateSettings_ = settings;
+    }
 
     /// Reads the allowlist and the certificate as start() would, and nothing else. False, with the reason on standard
     /// error or in the log, when start() would fail because of them.
@@ -86,6 +100,11 @@ private:
 
     bool loadServices_();
     bool prepare_();
+    void addObserver_(std::shared_ptr<McpObserver> observer);
+    void tell_(const ZnHttpRequest& request, int status, std::size_t bytesOut);
+    void tellAnswer_(const ZnHttpContext& context);
+    void answer_(McpReply reply, ZnHttpContext& context);
+    bool openState_();
     bool isIdle_() const { return dispatcher_->isIdle() && *streamCount_ == 0 && (!stdio_ || stdio_->isIdle()); }
     ZnHttpTimeouts timeouts_(ZnHttpTimeouts timeouts) const;
     void registerRoutes_(ZnHttpApp& app);
@@ -94,7 +113,8 @@ private:
     void handleGet_(ZnHttpContext& context);
     void handleOptions_(ZnHttpContext& context);
     void handleHelp_(ZnHttpContext& context) const;
-    void handleServiceGet_(ZnHttpContext& context);
+    void handleServices_(ZnHttpContext& context) const;
+    void handleService_(ZnHttpContext& context) const;
     bool lets_(ZnHttpContext& context);
 
     std::unique_ptr<ZnHttpApp> server_; // null unless listening
@@ -110,4 +130,9 @@ private:
     const std::shared_ptr<McpDispatcher> dispatcher_ = std::make_shared<McpDispatcher>(services_);
     std::shared_ptr<McpStdioFront> stdio_;   // null without it
     std::shared_ptr<McpServiceWatch> watch_; // likewise
+    McpMonitor monitor_;
+    std::shared_ptr<McpObservers> observers_; // null when nobody wants to be told
+    ZnString stateDirectory_;
+    McpStateDir::Settings stateSettings_;
+    std::shared_ptr<McpStateDir> state_; // null without one
 };

@@ -81,6 +81,7 @@ public:
     static constexpr int kReportsPerSecond = 10;
 
     bool isEmpty() const noexcept { return inFlight_.empty(); }
+    std::size_t size() const noexcept { return inFlight_.size(); }
     /// Ends every call in flight; from now on no call is to begin.
     void stop() {
         isStopping_ = true;

@@ -1,6 +1,8 @@
 #include "agent/McpDispatcher.h"
 
 #include "agent/McpJson.h"
+#include "agent/McpText.h"
+#include "agent/McpTime.h"
 #include "core/types/ZnCrypto.h"
 #include "core/types/ZnVersion.h"
 
@@ -15,6 +17,7 @@ constexpr int kInvalidRequest = -32600;
 constexpr int kMethodNotFound = -32601;
 constexpr int kInvalidParams = -32602;
 constexpr int kServerBusy = -32000;
+constexpr int kStopping = 503; // of HTTP
 constexpr std::size_t kSessionIdBytes = 24;
 /// Kept of a client's name and version: sessions are many, and what a client sends may be large.
 constexpr std::size_t kClientTextBytes = 256;
@@ -52,21 +55,10 @@ ZnString cancelledId(const ZnJsonObject& notification) {
     return params->value("requestId").toJson();
 }
 
-ZnString hexText(const ZnCrypto::Bytes& bytes) {
-    constexpr char kDigits[] = "0123456789abcdef";
-    ZnString text;
-    text.reserve(2 * bytes.size());
-    for (const unsigned char byte : bytes) {
-        text += kDigits[byte >> 4];
-        text += kDigits[byte & 15];
-    }
-    return text;
-}
-
 /// Empty when there is no entropy.
 ZnString generateToken(std::size_t byteCount) {
     ZnCrypto::Bytes bytes;
-    return ZnCrypto::randomBytes(byteCount, &bytes) ? hexText(bytes) : ZnString();
+    return ZnCrypto::randomBytes(byteCount, &bytes) ? mcp::hexText(bytes) : ZnString();
 }
 
 ZnString fallbackId(const char* prefix) {
@@ -84,6 +76,13 @@ ZnString clientText(const ZnJsonObject& params, std::string_view name) {
         return ZnString();
     const ZnString text = mcp::textMember_(*info, name);
     return ZnString(text.view().substr(0, kClientTextBytes));
+}
+
+/// An error of JSON-RPC, which observers are told of.
+McpReply fail(McpMessage* message, const ZnJsonValue& id, int code, const char* text, ZnJsonValue data = {}) {
+    if (message->record)
+        message->record->answer.rpcCode = code;
+    return McpReply::json(mcp::jsonRpcError_(id, code, text, std::move(data)));
 }
 
 ZnJsonObject unsupportedVersionData(const ZnString& requested) {
@@ -114,24 +113,34 @@ void McpDispatcher::setExact(bool isExact) {
     tools_.setExact(isExact);
 }
 
+void McpDispatcher::keepSessions(std::shared_ptr<McpSessionKeeper> keeper, std::vector<McpKeptSession> sessions) {
+    ZnMutexLocker locker(sessionsLock_);
+    sessions_.restore(std::move(keeper), std::move(sessions), clock_());
+}
+
 McpReply McpDispatcher::answer(McpMessage message) {
     if (!observer_)
         return answer_(message);
+    const McpCaller& caller = *message.caller;
     const auto record = std::make_shared<McpRequestRecord>();
     record->beganNs = monotonicNowNs();
     record->bytesIn = message.body.size();
     message.record = record;
     McpReply reply = answer_(message);
     if (!reply.later)
-        tellObserver_(record.get(), reply);
+        tellObserver_(*record, reply, caller.toldBytes());
     return reply;
 }
 
-void McpDispatcher::tellObserver_(McpRequestRecord* record, const McpReply& reply) const {
-    record->endedNs = monotonicNowNs();
-    record->status = reply.status;
-    record->bytesOut = reply.text.size();
-    observer_->onRequest(*record);
+void McpDispatcher::tellObserver_(McpRequestRecord& record, const McpReply& reply, std::size_t toldBytes) const {
+    McpRequestRecord stopped; // in place of one that a worker may still fill in, since nobody waits for it any more
+    stopped.beganNs = record.beganNs;
+    stopped.bytesIn = record.bytesIn;
+    McpRequestRecord& told = reply.status == kStopping ? stopped : record;
+    told.endedNs = monotonicNowNs();
+    told.status = reply.status;
+    told.bytesOut = toldBytes + reply.text.size();
+    observer_->onRequest(told);
 }
 
 McpReply McpDispatcher::answer_(McpMessage& message) {
@@ -146,7 +155,7 @@ McpReply McpDispatcher::answer_(McpMessage& message) {
             large->message.document = ZnJsonDocument(); // here: it may be a million values
     });
     if (!hasRun)
-        return McpReply::ofStatus(503);
+        return McpReply::ofStatus(kStopping);
     workers_->giveMemoryBackSoon();
     return finish_(large->message, large->reply);
 }
@@ -166,11 +175,17 @@ McpReply McpDispatcher::finish_(McpMessage& message, McpReply& reply) {
 McpReply McpDispatcher::forwardLater_(McpMessage& message) {
     const auto owned = std::make_shared<OwnedMessage>(std::move(message));
     McpReply reply;
-    reply.later = [self = shared_from_this(), owned](McpCaller& caller) {
+    // The end of `record` tells of a stream that never began, since the client had left.
+    const std::shared_ptr<McpRequestRecord> record(owned->message.record.get(),
+                                                   [self = shared_from_this(), owned](McpRequestRecord* untold) {
+                                                       if (untold != nullptr && untold->endedNs == 0)
+                                                           self->tellObserver_(*untold, McpReply::ofStatus(0), 0);
+                                                   });
+    reply.later = [self = shared_from_this(), owned, record](McpCaller& caller) {
         owned->message.caller = &caller;
         McpReply answer = self->tools_.forward(owned->message);
-        if (owned->message.record)
-            self->tellObserver_(owned->message.record.get(), answer);
+        if (record)
+            self->tellObserver_(*record, answer, caller.toldBytes());
         return answer;
     };
     return reply;
@@ -209,7 +224,7 @@ McpReply McpDispatcher::processObject_(McpMessage* message) {
     const bool hasId = object.contains("id");
     const ZnJsonValue& id = object.value("id");
     if (!isJsonRpc20(object))
-        return isUsableId(id) ? McpReply::json(mcp::jsonRpcError_(id, kInvalidRequest, "Invalid Request"))
+        return isUsableId(id) ? fail(message, id, kInvalidRequest, "Invalid Request")
                               : McpReply::error(400, "Invalid JSON-RPC version");
     if (!object.value("method").isString())
         return McpReply::ofStatus(202); // a client's response ends here
@@ -221,7 +236,7 @@ McpReply McpDispatcher::processObject_(McpMessage* message) {
     if (!hasId)
         return notify_(message, method);
     if (!isUsableId(id))
-        return McpReply::json(mcp::jsonRpcError_(ZnJsonValue(), kInvalidRequest, "Invalid Request"));
+        return fail(message, ZnJsonValue(), kInvalidRequest, "Invalid Request");
     return method == "initialize" ? initialize_(message) : dispatch_(message, method);
 }
 
@@ -244,6 +259,7 @@ McpReply McpDispatcher::dispatch_(McpMessage* message, std::string_view method) 
     const SessionRef_ session = requireSession_(*message, &refusal);
     if (!session)
         return refusal;
+    message->session = session;
     if (message->record)
         message->record->session = session;
     const std::string_view agreed = session->protocolVersion.view();
@@ -256,7 +272,7 @@ McpReply McpDispatcher::dispatch_(McpMessage* message, std::string_view method) 
         return McpReply::json(mcp::jsonRpcResult_(id, tools_.catalogue().listText().view()));
     if (method == "tools/call")
         return McpReply::json(tools_.answer(message));
-    return McpReply::json(mcp::jsonRpcError_(id, kMethodNotFound, "Method not found"));
+    return fail(message, id, kMethodNotFound, "Method not found");
 }
 
 McpDispatcher::SessionRef_ McpDispatcher::requireSession_(const McpMessage& message, McpReply* refusal) {
@@ -280,14 +296,13 @@ McpReply McpDispatcher::initialize_(McpMessage* message) {
         params = &kNoParams;
     const ZnString requested = mcp::textMember_(*params, "protocolVersion");
     if (requested.isEmpty())
-        return McpReply::json(mcp::jsonRpcError_(id, kInvalidParams, "Missing params.protocolVersion"));
+        return fail(message, id, kInvalidParams, "Missing params.protocolVersion");
     // With interoperability any is taken: a client that cannot speak this one ends the connection itself.
     if (!isExact_ && !isSupportedProtocol(requested.view()))
-        return McpReply::json(
-            mcp::jsonRpcError_(id, kInvalidParams, "Unsupported protocol version", unsupportedVersionData(requested)));
+        return fail(message, id, kInvalidParams, "Unsupported protocol version", unsupportedVersionData(requested));
     const SessionRef_ session = createSession_(*params, &message->evictedSession);
     if (!session)
-        return McpReply::json(mcp::jsonRpcError_(id, kServerBusy, "Too many sessions"));
+        return fail(message, id, kServerBusy, "Too many sessions");
     if (message->record)
         message->record->session = session;
     McpReply reply = McpReply::json(mcp::jsonRpcResult_(id, ZnJsonValue(initializeResult_()).toJson().view()));
@@ -310,9 +325,12 @@ McpDispatcher::SessionRef_ McpDispatcher::createSession_(const ZnJsonObject& par
     session->id = generateToken(kSessionIdBytes);
     if (session->id.isEmpty())
         session->id = fallbackId("mcp");
+    if (observer_)
+        session->tag = mcp::sessionTag(session->id);
     session->protocolVersion = kProtocolVersion;
     session->clientName = clientText(params, "name");
     session->clientVersion = clientText(params, "version");
+    session->createdUs = mcp::wallNowUs();
     ZnMutexLocker locker(sessionsLock_);
     return sessions_.add(session, clock_(), evicted) ? session : nullptr;
 }

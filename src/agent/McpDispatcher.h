@@ -14,6 +14,7 @@
 #include <functional>
 #include <memory>
 #include <string_view>
+#include <vector>
 
 /// Answers messages: the checks of JSON-RPC, the sessions, the methods. It knows nothing of how they come and go.
 ///
@@ -40,11 +41,15 @@ public:
 
     const std::shared_ptr<McpWorkers>& workers() const noexcept { return workers_; }
 
+    /// From now on the keeper is told of the sessions, and those of before go on.
+    void keepSessions(std::shared_ptr<McpSessionKeeper> keeper, std::vector<McpKeptSession> sessions);
     /// Is told of every message and call.
     void setObserver(std::shared_ptr<McpObserver> observer) {
         tools_.setObserver(observer);
         observer_ = std::move(observer);
     }
+    /// Is told of the calls alone: without the other one no records of messages are made, which costs time with each.
+    void setCallObserver(std::shared_ptr<McpObserver> observer) { tools_.setObserver(std::move(observer)); }
 
     /// Parks where the answer has to be waited for. The caller holds a reference to the dispatcher meanwhile.
     McpReply answer(McpMessage message);
@@ -54,12 +59,17 @@ public:
     /// Ends the calls in flight; from now on none begins.
     void stop() { tools_.stop(); }
     bool isIdle() const noexcept { return tools_.isIdle(); }
+    std::size_t callsInFlight() const noexcept { return tools_.callsInFlight(); }
+    std::size_t sessionCount() {
+        const ZnMutexLocker locker(sessionsLock_);
+        return sessions_.size();
+    }
 
 private:
     McpReply answer_(McpMessage& message);
     McpReply finish_(McpMessage& message, McpReply& reply);
     McpReply forwardLater_(McpMessage& message);
-    void tellObserver_(McpRequestRecord* record, const McpReply& reply) const;
+    void tellObserver_(McpRequestRecord& record, const McpReply& reply, std::size_t toldBytes) const;
 
     using SessionRef_ = std::shared_ptr<McpBridgeSession>;
 
@@ -80,6 +90,6 @@ private:
     bool isExact_ = false;
     bool usesProgress_ = false;
     std::function<long long()> clock_ = monotonicNowNs;
-    ZnMutex sessionsLock_; // leaf
+    ZnMutex sessionsLock_; // the keeper's queue is the only lock taken while it is held
     McpSessionTable sessions_ ZN_GUARDED_BY(sessionsLock_);
 };

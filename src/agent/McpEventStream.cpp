@@ -30,7 +30,7 @@ void McpEventStream::run(const std::function<McpReply(McpCaller&)>& call) {
             writeChunk_(":\n\n", ZnByteArray(), {});
     });
     keepAlive.start(kKeepAliveMs);
-    caller_.setSink([this](ZnByteArray message) { tell_(std::move(message)); });
+    caller_.setSink([this](ZnByteArray message) { return tell_(std::move(message)); });
     McpReply reply = call(caller_);
     caller_.setSink(nullptr);
     if (!reply.text.isEmpty())
@@ -54,9 +54,11 @@ void McpEventStream::discardInput_() {
     }
 }
 
-void McpEventStream::tell_(ZnByteArray message) {
-    if (socket_ && !socket_->hasPendingWrites())
-        writeEvent_(std::move(message));
+bool McpEventStream::tell_(ZnByteArray message) {
+    if (!socket_ || socket_->hasPendingWrites())
+        return false;
+    writeEvent_(std::move(message));
+    return true;
 }
 
 void McpEventStream::writeEvent_(ZnByteArray text) {

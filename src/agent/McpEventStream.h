@@ -32,7 +32,7 @@ public:
 
 private:
     void discardInput_();
-    void tell_(ZnByteArray message);
+    bool tell_(ZnByteArray message);
     void writeEvent_(ZnByteArray text);
     void writeChunk_(std::string_view before, ZnByteArray text, std::string_view after);
 

@@ -8,6 +8,7 @@
 #include "core/types/ZnJsonObject.h"
 #include "core/types/ZnString.h"
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -32,14 +33,17 @@ public:
             std::exchange(onGone_, nullptr)();
     }
 
-    /// Takes messages about a call, each as JSON, while its answer is awaited. It must not park. Empty: it takes none.
-    using Sink = std::function<void(ZnByteArray message)>;
+    /// Takes messages about a call, each as JSON, while its answer is awaited; false when one does not go out. It must
+    /// not park. Empty: it takes none.
+    using Sink = std::function<bool(ZnByteArray message)>;
     void setSink(Sink sink) { sink_ = std::move(sink); }
     bool takesMessages() const noexcept { return sink_ != nullptr; }
-    void tell(ZnByteArray message) const {
-        if (sink_)
-            sink_(std::move(message));
+    void tell(ZnByteArray message) {
+        const std::size_t byteCount = message.size();
+        if (sink_ && sink_(std::move(message)))
+            toldBytes_ += byteCount;
     }
+    std::size_t toldBytes() const noexcept { return toldBytes_; }
     /// The front can take messages, but has to begin another form of answer first: see McpReply::later.
     bool canOpenStream = false;
 
@@ -47,6 +51,7 @@ private:
     std::function<void()> onGone_;
     bool hasLeft_ = false;
     Sink sink_;
+    std::size_t toldBytes_ = 0; // of messages about calls
 };
 
 /// One message of a client that is being answered: what came with it, and what it says.
@@ -68,7 +73,8 @@ struct McpMessage {
 
     /// What is told to observers about it; null when there are none. Shared: a worker may outlive the front's frame.
     std::shared_ptr<McpRequestRecord> record;
-    ZnJsonDocument document; // an object, once the message has been read
+    std::shared_ptr<const McpBridgeSession> session; // of a call; null before it is known
+    ZnJsonDocument document;                         // an object, once the message has been read
     /// Set: there is no answer yet, since the message is a call that this service is to get.
     std::shared_ptr<const McpBridgeServiceRecord> service;
     McpToolCatalogue::Tool tool = McpToolCatalogue::Tool::Rpc; // of such a call

@@ -1,7 +1,10 @@
 #include "agent/McpObserver.h"
 
 #include "agent/McpForwardCall.h"
+#include "core/types/ZnCrypto.h"
 #include "core/types/ZnJsonObject.h"
+
+#include <cstdio>
 
 const char* McpCallRecord::nameOf(Outcome outcome) {
     switch (outcome) {
@@ -28,6 +31,13 @@ McpCallRecord::Outcome McpCallRecord::outcome() const {
     if (status < 200 || status > 299)
         return Outcome::HttpError;
     return answer.isToolError.value_or(false) ? Outcome::ToolError : Outcome::Ok;
+}
+
+ZnString mcp::sessionTag(const ZnString& sessionId) {
+    const ZnCrypto::Bytes digest = ZnCrypto::hash(sessionId, HashAlgorithm::Sha256);
+    char text[9];
+    std::snprintf(text, sizeof(text), "%02x%02x%02x%02x", digest[0], digest[1], digest[2], digest[3]);
+    return text;
 }
 
 McpCallOutcome mcp::outcomeOf(const ZnJsonValue& answer) {

@@ -18,6 +18,8 @@ namespace mcp {
 
 /// What the answer of a service says.
 McpCallOutcome outcomeOf(const ZnJsonValue& answer);
+/// Eight hexadecimal digits that tell a session from others and do not give its id away.
+ZnString sessionTag(const ZnString& sessionId);
 
 } // namespace mcp
 
@@ -33,6 +35,7 @@ struct McpRequestRecord {
     ZnString method;                                 // of JSON-RPC; empty when the message has none
     ZnString tool;                                   // of the agent, when the method calls one
     int status = 0;                                  // of HTTP, also where the front has none
+    McpCallOutcome answer;                           // where it is the agent's own, not that of a service
     std::size_t bytesIn = 0;
     std::size_t bytesOut = 0;
 };

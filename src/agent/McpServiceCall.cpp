@@ -32,8 +32,7 @@ McpReply McpServiceCall::run() {
 
 void McpServiceCall::tell_() {
     record_.endedNs = monotonicNowNs();
-    if (message_.record)
-        record_.session = message_.record->session;
+    record_.session = message_.session;
     record_.service = service_.id;
     context_.observer->onCall(record_);
 }
@@ -114,11 +113,13 @@ McpReply McpServiceCall::listTools_() {
 // --- exchanges with the service
 
 McpForwardResult McpServiceCall::exchange_(McpForwardRequest request) {
-    if (!isManaged_(request))
-        return post_(std::move(request));
-    if (deadlineNs_ == 0)
+    const bool isManaged = isManaged_(request);
+    if (isManaged && deadlineNs_ == 0)
         deadlineNs_ = monotonicNowNs() + service_.limitMs() * kNsPerMs;
-    return exchangeInSession_(std::move(request));
+    McpForwardResult result = isManaged ? exchangeInSession_(std::move(request)) : post_(std::move(request));
+    record_.status = result.statusCode;
+    record_.transportCode = result.errorCode;
+    return result;
 }
 
 /// Tools are called in a session of the agent's in any case; other requests where the service is to have one.
@@ -176,8 +177,6 @@ McpForwardResult McpServiceCall::post_(McpForwardRequest request) {
     message_.caller->whenGone(nullptr);
     if (context_.usesProgress)
         cancelUpstream_(result);
-    record_.status = result.statusCode;
-    record_.transportCode = result.errorCode;
     record_.bytesIn += call_->answerBytes();
     record_.bytesOut += requestBytes;
     if (result.errorCode == McpForwardCall::kTooManyBytes)

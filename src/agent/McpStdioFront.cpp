@@ -167,8 +167,10 @@ McpReply McpStdioFront::answerOf_(ZnByteArray text, McpCaller& caller) {
     message.sessionId = sessionId.view();
     message.mayCancel = true;
     caller.setSink([this](ZnByteArray note) {
-        if (unsentBytes_ == 0) // a slow reader misses messages about a call, but no answer
-            send_(std::move(note), nullptr);
+        if (unsentBytes_ != 0)
+            return false; // a slow reader misses messages about a call, but no answer
+        send_(std::move(note), nullptr);
+        return true;
     });
     return dispatcher_->answer(std::move(message));
 }

@@ -1,6 +1,7 @@
 #include "agent/McpText.h"
 
 #include "core/platform/ZnFileIdentity.h"
+#include "core/types/ZnCrypto.h"
 
 #include <algorithm>
 #include <cctype>
@@ -124,6 +125,21 @@ ZnString wellFormed(ZnString text) {
 
 ZnByteArray wellFormed(ZnByteArray bytes) {
     return repaired(std::move(bytes));
+}
+
+ZnString hexText(const std::vector<unsigned char>& bytes) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    ZnString text;
+    text.reserve(2 * bytes.size());
+    for (const unsigned char byte : bytes) {
+        text += kDigits[byte >> 4];
+        text += kDigits[byte & 15];
+    }
+    return text;
+}
+
+ZnString sha256Text(std::string_view text) {
+    return hexText(ZnCrypto::hash(ZnString(text), HashAlgorithm::Sha256));
 }
 
 ZnString lineText(int line, const ZnString& serviceId) {

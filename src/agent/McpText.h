@@ -17,6 +17,11 @@ ZnString printable(std::string_view text, std::size_t maxBytes = 80);
 ZnString wellFormed(ZnString text);
 ZnByteArray wellFormed(ZnByteArray bytes);
 
+/// Lower-case digits, two for each byte.
+ZnString hexText(const std::vector<unsigned char>& bytes);
+/// The SHA-256 of a text, as hexText() has it.
+ZnString sha256Text(std::string_view text);
+
 /// `line N, service "id": `, the service only where there is one.
 ZnString lineText(int line, const ZnString& serviceId);
 

@@ -43,11 +43,12 @@ public:
         context_.sessions->endAll();
     }
     bool isIdle() const noexcept { return context_.inFlight->isEmpty() && context_.notes->isIdle(); }
+    std::size_t callsInFlight() const noexcept { return context_.inFlight->size(); }
     /// The client's session has ended, and with it what was kept for it.
     void endClient(const ZnString& sessionId) { context_.sessions->endClient(sessionId); }
 
 private:
-    ZnString getService_(const ZnJsonObject& arguments) const;
+    ZnString getService_(const ZnJsonObject& arguments, McpCallOutcome* outcome) const;
     McpServiceList::Ref serviceToCall_(McpToolCatalogue::Tool tool, const ZnJsonObject& arguments,
                                        ZnString* refusal) const;
 

@@ -1,8 +1,9 @@
-// Entry point: options to an agent, one line on standard output, the event loop, an exit code. Or a help text, or a
-// check.
+// Entry point: options to an agent, one line on standard output, the event loop, an exit code. Or a help text, a check,
+// or the trail of calls.
 
 #include "agent/AgentOptions.h"
 #include "agent/BreltMcpBridgeAgent.h"
+#include "agent/McpTrailCommand.h"
 #include "core/platform/ZnThreadControl.h"
 #include "core/runtime/ZnCoreApplication.h"
 #include "core/runtime/ZnTimer.h"
@@ -10,6 +11,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <iostream>
+#include <string_view>
 
 namespace {
 
@@ -97,6 +99,8 @@ bool start(const AgentOptions& options, BreltMcpBridgeAgent& agent, ZnCoreApplic
 
 int main(int argc, char** argv) {
     ZnThreadControl::keepLittleMemory();
+    if (argc > 1 && std::string_view(argv[1]) == "trail")
+        return runTrailCommand({argv + 2, argv + argc});
     ZnCoreApplication application(argc, argv);
     const AgentOptions options(application);
     if (options.has("help") || options.has("h")) {

@@ -22,6 +22,15 @@ struct BreltMcpBridgeAgentTestPeer {
     }
 };
 
+/// Keeps what was told last.
+struct LastRecords : McpObserver {
+    void onRequest(const McpRequestRecord& record) override { request = record; }
+    void onCall(const McpCallRecord& record) override { call = record; }
+
+    McpRequestRecord request;
+    McpCallRecord call;
+};
+
 /// An agent whose routes are called with values, without a socket, and a clock that stands still.
 class AgentFixture : public LoopFixture {
 protected:
@@ -72,6 +81,7 @@ protected:
 
     BreltMcpBridgeAgent agent_;
     ZnHttpApp routes_;
+    const std::shared_ptr<LastRecords> last_ = std::make_shared<LastRecords>(); // for setObserver
     ZnString peerAddress_ = "10.0.0.1";
     long long nowNs_ = 1000000000;
 };

@@ -14,6 +14,7 @@ protected:
         agent_.setInterop(true);
         agent_.setTools({true, true});
         agent_.setProgress(true);
+        Peer::dispatcher(agent_).setObserver(last_);
         setServices(R"({"services":[{"id":"s","timeoutMs":1500,"url":")" + service_.url() + "\"}]})");
         session_ = newSession();
     }
@@ -26,7 +27,10 @@ protected:
         answer_.clear();
         notes_.clear();
         caller_ = McpCaller();
-        caller_.setSink([this](const ZnByteArray& note) { notes_.push_back(note.toZnString().str()); });
+        caller_.setSink([this](const ZnByteArray& note) {
+            notes_.push_back(note.toZnString().str());
+            return true;
+        });
         ASSERT_TRUE(application_.postEvent([this, message] {
             McpMessage toAnswer(ZnByteArray(message), caller_);
             toAnswer.sessionId = session_;
@@ -93,6 +97,10 @@ TEST_F(McpProgressTest, ProgressComesUnderTheClientsToken) {
                                std::string(value) + R"(,"progressToken": )" + row.shown + "}}");
         EXPECT_EQ(notes_, row.shown.empty() ? std::vector<std::string>() : expected);
         EXPECT_EQ(holds(service_.lastBody, "progressToken"), !row.shown.empty());
+        std::size_t byteCount = answer_.size() - std::string("200 ").size();
+        for (const std::string& note : notes_)
+            byteCount += note.size();
+        EXPECT_EQ(last_->request.bytesOut, byteCount);
     }
 }
 
@@ -184,6 +192,8 @@ TEST_F(McpProgressTest, OverHttpTheAnswerBecomesAStream) {
         EXPECT_TRUE(runUntil([&] { return response != nullptr; }));
         EXPECT_EQ(response->switchProtocols, accepts);
         EXPECT_EQ(holds(bodyOf(*response), R"("result": {"content")"), !accepts);
+        response.reset(); // a stream that never begins is told of, too
+        EXPECT_EQ(last_->request.status, accepts ? 0 : 200);
     }
 }
 

@@ -119,6 +119,7 @@ TEST_F(McpServiceSessionTest, AHandshakeThatFailsIsToldAndTriedAgain) {
 
 TEST_F(McpServiceSessionTest, ThoseWhoWaitForAHandshakeShareItsFailureButNotThatAClientHasLeft) {
     const std::string message = toolCall("bridge_rpc", R"({"serviceId":"s","request":{"id":9,"method":"ping"}})");
+    Peer::dispatcher(agent_).setObserver(last_);
     for (const bool leaves : {false, true}) {
         service_.holdNext("initialize");
         McpCaller first;
@@ -138,6 +139,7 @@ TEST_F(McpServiceSessionTest, ThoseWhoWaitForAHandshakeShareItsFailureButNotThat
             service_.release();
         EXPECT_TRUE(runUntil([&] { return !firstAnswer.empty() && !secondAnswer.empty(); }));
         EXPECT_TRUE(holds(secondAnswer, leaves ? R"("statusCode": 200)" : "answered with status 500")) << secondAnswer;
+        EXPECT_EQ(last_->call.status, leaves ? 200 : 500);
         EXPECT_EQ(takeSeen().size(), leaves ? 4U : 1U);
         service_.release();
         EXPECT_TRUE(runUntil([this] { return !service_.isHolding; }));

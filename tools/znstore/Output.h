@@ -9,7 +9,7 @@ namespace znstore {
 
 /// Standard output, gathered into large writes, whose failure ends the program with an exit code.
 ///
-/// Thread: one. Owner: main. Where the reader of a pipe has gone, the system's signal ends the program; if the signal
+/// Thread: one. Owner: main. Where the reader of a pipe has ended, the system's signal ends the program; if the signal
 /// is ignored, the write fails, and that is no failure of the program.
 class Output {
 public:

@@ -27,7 +27,7 @@ int runWatch(const Arguments& arguments, Output& output) {
     std::uint64_t leftCount = arguments.number("--count", std::numeric_limits<std::uint64_t>::max());
     const std::uint64_t timeoutMs = arguments.number("--timeout", kMostMs);
     ZnCoreApplication application;
-    ZnEmbeddedDb store; // goes before its loop
+    ZnEmbeddedDb store; // ends before its loop
     ZnEmbeddedDbOptions options;
     options.readOnly = true;
     ZnEmbeddedDbStatus status = store.open(arguments.text("DIR"), options);

@@ -182,7 +182,7 @@ void ZnHttpClient::takeBytes_(std::string_view bytes) {
         fail_(kResponseTooLarge);
 }
 
-/// Shows the observer what the body has grown by, also in front of a failure. Returns whether that is enough.
+/// Shows the observer what the body has grown by, also before a failure. Returns whether that is enough.
 bool ZnHttpClient::observeBody_(std::size_t seenBytes) const {
     const std::shared_ptr<const BodyObserver> observer = observer_; // it may delete the client
     const ZnHttpClientResponse_& response = reader_->response();

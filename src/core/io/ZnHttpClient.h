@@ -62,7 +62,7 @@ public:
     void setStatusFraming(bool isOn) noexcept { statusFraming_ = isOn; }
 
     /// Sees the headers of the response and the bytes that its body has grown by. Returns whether the response is to
-    /// end here, as if it had been complete. It may abort or delete the client; both arguments are gone then.
+    /// end here, as if it had been complete. It may abort or delete the client; both arguments are invalid then.
     using BodyObserver = std::function<bool(const ZnMap<ZnString, ZnString>& headers, std::string_view bytes)>;
     /// For all later requests. The body is kept all the same.
     void setBodyObserver(BodyObserver observer);

@@ -13,7 +13,7 @@ enum class ZnSslOutcome_ { None, WantRead, WantWrite, Closed, Failure };
 
 /// The OpenSSL side of one connection: it reads and writes the socket itself, and never waits.
 ///
-/// Thread: that of its socket. Owner: ZnSslSocket, by pointer; it goes before the socket's descriptor does.
+/// Thread: that of its socket. Owner: ZnSslSocket, by pointer; it ends before the socket's descriptor is closed.
 /// Every operation clears OpenSSL's error queue first and reads it before it returns, so that no error of one
 /// connection shows in another; nothing in between parks or calls out.
 class ZnSslEngine_ {
@@ -40,7 +40,7 @@ public:
     Outcome handshake();
     Outcome read(char* buffer, std::size_t capacity, std::size_t* byteCount);
     Outcome write(const char* bytes, std::size_t size, std::size_t* byteCount);
-    /// Whether an end of input without the peer's close alert is Closed too, and not a Failure behind which nothing can
+    /// Whether an end of input without the peer's close alert is Closed too, and not a Failure after which nothing can
     /// be written any more. Without effect where OpenSSL has no such choice.
     void acceptEndWithoutAlert(bool accept);
     /// Tells the peer that nothing more comes; does not wait for its answer.
@@ -51,7 +51,7 @@ public:
     /// Null on the server's side.
     const std::shared_ptr<const ZnSslContextHandle_>& clientContext() const noexcept { return clientContext_; }
     /// Whether the last operation ended because the socket had nothing more. After a WantRead without this there may
-    /// be more: OpenSSL stops behind a message of the protocol's own, such as a key update.
+    /// be more: OpenSSL stops after a message of the protocol's own, such as a key update.
     bool socketWasDrained() const noexcept { return socketWasDrained_; }
     /// Records, and messages of the protocol in them, that have come so far: the work that a peer makes. Stays 0 where
     /// OpenSSL has no function for it.

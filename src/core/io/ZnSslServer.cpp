@@ -103,7 +103,7 @@ void ZnSslServer::watchHandshake_(ZnSslSocket* socket) {
     handshakes_.emplace(socket, timer);
 }
 
-/// Decides a handshake, once: behind it the socket belongs to somebody else. False: it is decided already.
+/// Decides a handshake, once: after it the socket belongs to somebody else. False: it is decided already.
 bool ZnSslServer::takeHandshake_(ZnSslSocket* socket) {
     const auto found = handshakes_.find(socket);
     if (found == handshakes_.end())

@@ -13,7 +13,7 @@ class ZnTimer;
 /// A listener whose connections are queued once their TLS handshake has finished.
 ///
 /// Thread: the owning thread.
-/// Owner of a socket in its handshake: this server. It ends by itself after handshakeTimeoutMs.
+/// Owner of a socket in its handshake: this server. It ends by itself after the time-out of handshakes.
 /// Credentials may be loaded anew at any time: connections that have begun keep the old ones.
 class ZnSslServer : public ZnTcpServer {
 public:

@@ -38,7 +38,7 @@ ZnSslSocket::~ZnSslSocket() {
 
 bool ZnSslSocket::connectToHostEncrypted(const ZnString& host, unsigned short port) {
     const ZnPointer<ZnSslSocket> self(this);
-    const ZnString hostCopy = host; // the caller's text may go with what a receiver deletes
+    const ZnString hostCopy = host; // the caller's text may be part of what a receiver deletes
     close();
     // The wish is noted when nothing can cancel it any more: what follows must not go on without TLS.
     if (!self || hasHandle_())
@@ -286,7 +286,7 @@ ZnSslSocket::News_ ZnSslSocket::doRead_() {
             return dataCame || !plainBuffer_.isEmpty() ? News_::DataCame : News_::ReadFailed;
         }
         if (outcome == Outcome::WantRead && !engine_->socketWasDrained())
-            continue; // OpenSSL stops behind a message of the protocol
+            continue; // OpenSSL stops after a message of the protocol
         if (outcome == Outcome::Closed) {
             settle_();
             readReady_ = false;
@@ -341,7 +341,7 @@ void ZnSslSocket::repeatLater_(Operation_ operation, Outcome outcome) {
         wantIo_ = WantIo_::WantWrite;
         writeReady_ = false;
         (operation == Operation_::Read ? readWantsRoom_ : writeWantsRoom_) = true;
-        readReady_ = readReady_ || operation == Operation_::Read; // to be repeated, also behind a write that passes it
+        readReady_ = readReady_ || operation == Operation_::Read; // to be repeated, also after a write that passes it
         expectWriteEvent_();
     }
 }

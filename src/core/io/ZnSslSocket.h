@@ -34,7 +34,7 @@ public:
     explicit ZnSslSocket(ZnObject* parent = nullptr);
     ~ZnSslSocket() override;
 
-    /// As connectToHost, with the handshake behind it. The certificate must carry the peer host name, which is `host`
+    /// As connectToHost, followed by the handshake. The certificate must carry the peer host name, which is `host`
     /// unless another one was set.
     bool connectToHostEncrypted(const ZnString& host, unsigned short port);
     void setPeerHostName(const ZnString& name) { peerHostName_ = name; }
@@ -63,7 +63,7 @@ public:
     bool isQuiet() const override;
 
     // Signals.
-    void encrypted();                               // right behind `connected`
+    void encrypted();                               // right after `connected`
     void sslErrors(const ZnList<ZnString>& errors); // one entry; ahead of `errorOccurred`
 
 protected:

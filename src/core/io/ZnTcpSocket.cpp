@@ -12,7 +12,7 @@
 namespace {
 
 /// A name look-up that a fiber waits for. Shared with the resolver's thread, which may answer when the fiber, the
-/// socket and even the application are gone.
+/// socket and even the application have ended.
 struct Lookup_ {
     std::atomic<bool> answered{false}; // set by the resolver before it unblocks; see ZnFiberPool::yieldCurrent
     ZnMutex mutex;
@@ -175,7 +175,7 @@ void ZnTcpSocket::expectWriteEvent_() {
 
 bool ZnTcpSocket::connectToHost(const ZnString& host, unsigned short port) {
     const ZnPointer<ZnTcpSocket> self(this);
-    const ZnString hostCopy = host; // the caller's text may go while this fiber is parked
+    const ZnString hostCopy = host; // the caller's text may be destroyed while this fiber is parked
     close();
     if (!self || isInUse_())
         return false; // a receiver has deleted it, or uses it for something else

@@ -144,7 +144,7 @@ private:
     const ZnString signal_;
     const std::shared_ptr<detail::SignalBlock> block_;
 
-    mutable ZnMutex lock_;                                    // leaf; taken behind the channel's mutex
+    mutable ZnMutex lock_;                                    // leaf; taken after the channel's mutex
     std::optional<SignalValue> pending_ ZN_GUARDED_BY(lock_); // could not be written; the latest only
     bool owesNotification_ ZN_GUARDED_BY(lock_) = false;      // written, but subscribers could not be listed
     bool isRetryDue_ ZN_GUARDED_BY(lock_) = false;

@@ -34,7 +34,7 @@ bool isTable(const void* data) {
     return std::memcmp(table.magic, kMagic, sizeof(kMagic)) == 0 && table.version == kVersion;
 }
 
-/// The process's mapping. Never destroyed; its memory goes when the process ends in order.
+/// The process's mapping. Never destroyed; its memory is freed when the process ends in order.
 struct Home {
     static Home& instance() {
         static Home& home = *new Home;

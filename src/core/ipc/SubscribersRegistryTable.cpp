@@ -58,7 +58,7 @@ bool isFor(const RegistryRow& row, std::string_view domain, std::string_view obj
 }
 
 /// The registries that this process has opened. Never destroyed, since threads may use it to the very end; its content
-/// goes when the process ends in order, so that shared memory does not stay.
+/// is destroyed when the process ends in order, so that shared memory does not stay.
 class Cache {
 public:
     static Cache& instance() {
@@ -108,7 +108,7 @@ private:
         return mapping;
     }
 
-    ZnMutex mutex_; // the mutexes of registries are taken behind it
+    ZnMutex mutex_; // the mutexes of registries are taken after it
     std::map<ZnString, std::shared_ptr<RegistryTable::Mapping>> mappings_ ZN_GUARDED_BY(mutex_);
     std::set<ZnString> refused_ ZN_GUARDED_BY(mutex_); // domains that the log knows of
     unsigned forkCount_ ZN_GUARDED_BY(mutex_);
@@ -204,7 +204,7 @@ void SubscribersRegistryTable<kRowCapacity>::removeAt(std::uint32_t index) {
 }
 
 /// The last owner died, perhaps while it moved the last row into the place of another: then the row is there twice, and
-/// the copy in front may be half of it. A row that is damaged otherwise is refreshed by nobody and goes in time.
+/// the copy in front may be half of it. A row that is damaged otherwise is refreshed by nobody and purged in time.
 template <std::uint32_t kRowCapacity>
 void SubscribersRegistryTable<kRowCapacity>::Mapping::dropHalfMoved_(SubscribersRegistryTable& table) {
     const std::uint32_t rowsInUse = table.rowCount();

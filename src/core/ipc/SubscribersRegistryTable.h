@@ -91,7 +91,7 @@ private:
     std::atomic<std::uint64_t> lastProcessCheckMs_{0}; // atomic, because the mutex may be missing
 };
 
-/// Removes the rows of subscribers that are gone or have been silent for too long.
+/// Removes the rows of subscribers that have ended or have been silent for too long.
 void purgeStaleRows(RegistryTable& table, std::uint64_t nowMs);
 
 /// Whether the system is asked for the processes of the rows: always, or when that was a while ago. A publisher that
@@ -131,7 +131,7 @@ RegistryOutcome listSubscribers(const ZnString& domain, std::vector<SubscriberIn
 
 namespace zn::ipc {
 
-/// 1 gone, 0 alive, 2 unknown.
+/// 1 ended, 0 alive, 2 unknown.
 int isProcessGone(std::uint32_t pid);
 
 /// The processes that have subscribed to the signal, one entry for each of their subscriptions.

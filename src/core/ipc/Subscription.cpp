@@ -32,7 +32,7 @@ const char* reasonFor(detail::RegistryOutcome outcome) {
 } // namespace
 
 /// The subscription's state, which timers, posts and callbacks under way may outlive.
-/// Thread: the subscription's, but onNotified() and the waiter's thread.
+/// Thread: the subscription's, but for onNotified_() and the waiter's thread.
 class Subscription::Core_ : public std::enable_shared_from_this<Core_> {
 public:
     Core_(detail::SubscriptionKey key, std::shared_ptr<detail::SignalBlock> block, Callback callback)

@@ -13,7 +13,7 @@ namespace zn::ipc {
 ///
 /// Calls back with the latest publication whenever there is one that it has not seen; publications that follow each
 /// other quickly are seen as one, the last one never is missed. Those before the subscription do not count. Thread:
-/// made and ended on a thread with an event loop, before that loop goes; the callback runs there, on a fiber, so it may
+/// made and ended on a thread with an event loop, before that loop ends; the callback runs there, on a fiber, so it may
 /// park. It is not called again while it runs, and what comes meanwhile follows. Owner: whoever subscribed. In a child
 /// that has been forked it is silent.
 class Subscription {

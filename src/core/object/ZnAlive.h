@@ -14,7 +14,7 @@ public:
     ZnAlive(T* object, const Mark& mark) : object_(object), mark_(&mark), markThen_(mark) {}
 
     explicit operator bool() const noexcept { return get() != nullptr; }
-    /// The object, or null when it has gone or is at something else.
+    /// The object, or null when it was destroyed or is at something else.
     T* get() const noexcept {
         T* const object = object_.get();
         return object != nullptr && *mark_ == markThen_ ? object : nullptr;

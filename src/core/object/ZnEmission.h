@@ -59,7 +59,7 @@ private:
     }
 
     const ZnPointerControlRef sender_;
-    zn::atomic::Thread* const senderThread_; // may be gone
+    zn::atomic::Thread* const senderThread_; // may have ended
 };
 
 } // namespace zn::detail

@@ -18,7 +18,8 @@ public:
     bool contains(const ZnObject* object);
     /// The object's control, taken while the object cannot end; null when it is not in the set.
     zn::detail::ZnPointerControlRef controlOf(const ZnObject* object);
-    /// Makes every object between the two addresses count as destroyed: their memory goes without their destructors.
+    /// Makes every object between the two addresses count as destroyed: their memory is freed without their
+    /// destructors.
     void forgetWithin(const void* begin, const void* end);
 
 private:

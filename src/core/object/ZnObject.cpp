@@ -224,7 +224,7 @@ void ZnObject::deleteLater() {
                                             return true;
                                         });
     });
-    if (!isTaken) // its thread has gone since
+    if (!isTaken) // its thread has ended since
         postTask(nullptr, whenStarted, {.whenGone = ZnPostOptions::WhenGone::UseFallback});
 }
 

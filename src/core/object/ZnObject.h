@@ -51,14 +51,14 @@ public:
 
     /// The owning thread, or null when it no longer exists.
     zn::atomic::Thread* thread() const;
-    /// Inside a slot of this object: the sender of the signal, or null when it is gone; elsewhere null.
+    /// Inside a slot of this object: the sender of the signal, or null when it was destroyed; elsewhere null.
     ZnObject* sender() const;
     /// Deletes this object from its thread's loop. Calling it again does nothing, unless a filter or an event() of its
     /// own has kept it alive. Any thread.
     void deleteLater();
 
     /// Calls `function` (a callable, or a member function of the receiver) whenever `signal` is emitted. A function
-    /// that takes no arguments may be connected to any signal. A receiver that dies is disconnected.
+    /// that takes no arguments may be connected to any signal. A receiver that is destroyed is disconnected.
     template <typename Sender, typename... Args, typename Receiver, typename Function>
     void connect(void (Sender::*signal)(Args...), Receiver* receiver, Function function,
                  ZnConnectionType type = ZnConnectionType::AutoConnection) {

@@ -48,9 +48,9 @@ public:
     bool hasReceiver() const noexcept { return receiver_ != nullptr; }
     /// The receiver while it lives, else null.
     ZnObject* receiverObject() const noexcept { return receiver_ ? receiver_->get() : nullptr; }
-    /// The thread of the receiver, which may be gone; null without a receiver.
+    /// The thread of the receiver, which may have ended; null without a receiver.
     zn::atomic::Thread* receiverThread() const noexcept { return receiver_ ? receiver_->thread : nullptr; }
-    /// Who the receiver is, also when it is gone; null for a slot without one.
+    /// Who the receiver is, also when it was destroyed; null for a slot without one.
     const zn::detail::ZnPointerControlRef& receiverControl() const noexcept { return receiver_; }
     /// False once the connection has been dropped; deliveries already under way then do nothing.
     bool isConnected() const noexcept { return connected_.load(std::memory_order_acquire); }

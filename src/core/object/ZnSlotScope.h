@@ -10,7 +10,7 @@ namespace zn::detail {
 /// a chain of its own, which the fiber pool exchanges at every switch.
 class ZnSlotScope {
 public:
-    /// Re-checks connection and receiver: both may have gone since the delivery was chosen.
+    /// Re-checks connection and receiver: both may have ended since the delivery was chosen.
     ZnSlotScope(const ISlotBase& slot, const ZnPointerControlRef& sender);
     ~ZnSlotScope() { current() = outer_; }
     ZnSlotScope(const ZnSlotScope&) = delete;

@@ -103,7 +103,7 @@ void ZnNotifySocket::signal(std::uint32_t processId) {
     const ZnFileDescriptor own = shared ? ZnFileDescriptor() : makeSocket(); // there was no descriptor to be had then
     const Address address = addressOf(processId);
     const char byte = 1;
-    // Fails for a process that has gone, and when the queue is full, which is as good.
+    // Fails for a process that has ended, and when the queue is full, which is as good.
     (void)::sendto(shared ? shared.get() : own.get(), &byte, 1, MSG_NOSIGNAL,
                    reinterpret_cast<const sockaddr*>(&address.name), address.byteCount);
 }

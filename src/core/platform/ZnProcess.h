@@ -14,7 +14,7 @@ std::uint32_t userId();
 /// Empty when the system does not tell.
 ZnString startTime();
 
-/// 1: gone, or dead and not yet collected; 0: alive; 2: the system does not tell.
+/// 1: it has ended, or is dead and not yet collected; 0: alive; 2: the system does not tell.
 int isGone(std::uint32_t processId);
 
 /// Raised in the child of every fork: what belongs to one process keeps it, to find out for the price of a read that

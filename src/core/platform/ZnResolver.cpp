@@ -85,7 +85,7 @@ public:
     }
 
     void withdraw(unsigned long long id) {
-        std::map<unsigned long long, Callback_>::node_type dropped; // its captures go when the lock is free
+        std::map<unsigned long long, Callback_>::node_type dropped; // its captures are destroyed when the lock is free
         const ZnMutexLocker locker(mutex_);
         const auto host = hostById_.extract(id);
         if (host.empty())

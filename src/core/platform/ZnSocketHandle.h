@@ -85,7 +85,7 @@ public:
 
     /// Whether the connection stands and there is nothing to read, neither bytes nor an end; asked from the system.
     bool isQuiet() const;
-    /// Whether the peer has closed its sending side, or the connection is no more; asked from the system.
+    /// Whether the peer has closed its sending side, or the connection has ended; asked from the system.
     bool hasPeerFinished() const;
     /// How much of what was sent the peer's system has not acknowledged yet.
     std::size_t unacknowledgedBytes() const;

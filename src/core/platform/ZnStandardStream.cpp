@@ -22,6 +22,10 @@ std::shared_ptr<ZnStandardStream> ZnStandardStream::takeOutput() {
     return stream;
 }
 
+std::shared_ptr<ZnStandardStream> ZnStandardStream::output() {
+    return open_(STDOUT_FILENO, O_WRONLY);
+}
+
 /// O_NONBLOCK belongs to the open file, which a shell and other programs may share: so a pipe or a terminal is opened
 /// anew, and a socket is asked not to block with each call.
 std::shared_ptr<ZnStandardStream> ZnStandardStream::open_(int standardDescriptor, int accessMode) {
@@ -73,6 +77,11 @@ ZnStandardStream::Transfer ZnStandardStream::write(const char* bytes, std::size_
 
 bool ZnStandardStream::isReady_(short event) const {
     struct pollfd entry = {descriptor(), event, 0};
+    return ::poll(&entry, 1, 0) > 0;
+}
+
+bool ZnStandardStream::isAbandoned() const {
+    struct pollfd entry = {descriptor(), 0, 0}; // errors and hang-ups are always told
     return ::poll(&entry, 1, 0) > 0;
 }
 

@@ -17,6 +17,9 @@ public:
     /// on. Null when the process was started without standard output.
     static std::shared_ptr<ZnStandardStream> takeOutput();
 
+    /// Standard output as it is, to be watched beside other ways of writing there. Null as above.
+    static std::shared_ptr<ZnStandardStream> output();
+
     struct Transfer {
         std::size_t byteCount = 0;
         bool wouldBlock = false;
@@ -25,6 +28,8 @@ public:
     Transfer read(char* buffer, std::size_t capacity);
     Transfer write(const char* bytes, std::size_t byteCount);
 
+    /// Whether nobody takes an output any more: the reader of a pipe has gone.
+    bool isAbandoned() const;
     /// Whether an event loop can watch it; else it is always ready.
     bool isWatchable() const;
     bool noteReady(std::uint32_t readiness) override;

@@ -90,7 +90,7 @@ private:
 };
 
 thread_local Thread* currentRecord = nullptr;
-/// An adopted record goes with its thread.
+/// An adopted record is destroyed with its thread.
 thread_local std::unique_ptr<Thread> adoptedRecord;
 
 } // namespace
@@ -225,7 +225,7 @@ void Thread::runLoop_(std::unique_ptr<ZnPoller> poller) {
     callSafely_(&Thread::onStart_, "onStart");
     if (!stopRequested_.load(std::memory_order_acquire))
         application->exec(0);
-    // Objects on parked stacks must not stay in the sight of others when the stacks go.
+    // Objects on parked stacks must not stay in the sight of others when the stacks are freed.
     application->unwindFibers();
     application.reset(); // detaches itself
     running_.store(false, std::memory_order_release);

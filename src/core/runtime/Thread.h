@@ -22,7 +22,7 @@ namespace zn::atomic {
 ///
 /// Thread: any, unless a member says otherwise. Owner: whoever made it; adopted records and the fallback record
 /// belong to the process and live to its end.
-/// Invariant: a record in the live set may be used; one that may be going on another thread, in withLive() only.
+/// Invariant: a record in the live set may be used; one that another thread may destroy, in withLive() only.
 class Thread {
 public:
     /// A record that start() gives a thread of its own.
@@ -40,7 +40,7 @@ public:
     /// Before start(): the thread only works for others. A stop signal ends its loop like any other one, but a program
     /// that has no other loops ends at once.
     void setHelper() noexcept { isHelper_ = true; }
-    /// Asks the thread's loop to end behind what is queued on lane 0; nothing when it does not run.
+    /// Asks the thread's loop to end after what is queued on lane 0; nothing when it does not run.
     void requestStop();
     /// Any thread but this one.
     void join();
@@ -55,8 +55,8 @@ public:
     }
     const ZnString& name() const noexcept { return name_; }
 
-    /// Run on the thread before its loop begins and after its runtime is gone. An exception ends there, with a line in
-    /// the log.
+    /// Run on the thread before its loop begins and after its runtime has ended. An exception ends there, with a line
+    /// in the log.
     void setOnStart(std::function<void()> callback);
     void setOnFinish(std::function<void()> callback);
 
@@ -66,7 +66,7 @@ public:
     static Thread* fallbackThread();
     /// For the thread itself, or where someone keeps the record; else the answer is old when it arrives.
     static bool isLive(const Thread* thread);
-    /// Runs `function` with the record while that cannot go away; false, and nothing run, when it has gone. The
+    /// Runs `function` with the record, which is not destroyed meanwhile; false, and nothing run, when it was. The
     /// function may post; it must not do anything that waits, and must not make or end a record.
     template <typename Function>
     static bool withLive(Thread* thread, Function function) {
@@ -74,7 +74,7 @@ public:
             thread, [](void* call, Thread& record) { (*static_cast<Function*>(call))(record); }, &function);
     }
 
-    /// Runs `function` with the thread's application, or null, while the application cannot go away. The function
+    /// Runs `function` with the thread's application, or null, while the application cannot end. The function
     /// may post; it must not do anything that waits.
     template <typename Function>
     auto withApplication(Function function) {
@@ -84,7 +84,7 @@ public:
     /// The heart of postTask(): posts on the thread's application, or does what the options say. What the log has to
     /// say is left to the caller: see ZnCoreApplication::offer.
     ZnPostResult offer(ZnTask& task, ZnPostOptions options, ZnFiberPool::Rejection* rejection);
-    /// Called by an application on its own thread when it comes (`application`) and goes (null).
+    /// Called by an application on its own thread when it begins (`application`) and ends (null).
     static void attachApplication(ZnCoreApplication* application);
 
     /// As withApplication; without one, `task` is kept for the time when the thread's runtime exists and the result is

@@ -68,7 +68,7 @@ ZnCoreApplication::ZnCoreApplication(std::unique_ptr<ZnPoller> poller, bool isHe
 ZnCoreApplication::~ZnCoreApplication() {
     ZnConsoleStop::remove(this);
     zn::atomic::Thread::attachApplication(nullptr); // from here on posts from other threads are kept or go elsewhere
-    while (!runningLoops_.empty()) // they may outlive this application, or go with their fibers' stacks
+    while (!runningLoops_.empty()) // they may outlive this application, or end with their fibers' stacks
         runningLoops_.front()->leaveRunning_();
     events_.deleteWaitingObjects();
     for (int lane = 0; lane < ZnFiberPool::kLaneCount; ++lane)

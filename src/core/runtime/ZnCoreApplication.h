@@ -53,8 +53,9 @@ public:
     bool processUntil(const std::function<bool()>& isDone, int maxMs);
 
     /// Ends every ZnEventLoop wait of this thread, and new ones at once, and runs the loop until no fiber is parked in
-    /// one or `maxMs` milliseconds have passed. For an orderly end, before the objects that waiting code uses go; on
-    /// the loop's own context. Fibers that are parked when the application goes are dropped without unwinding.
+    /// one or `maxMs` milliseconds have passed. For an orderly end, before the objects that waiting code uses are
+    /// destroyed; on the loop's own context. Fibers that are parked when the application ends are dropped without
+    /// unwinding.
     bool endWaits(int maxMs);
     bool isEndingWaits() const noexcept { return endingWaits_; }
     /// For the end of a thread, on the loop's own context: ends every wait, of whatever kind, and lets the parked

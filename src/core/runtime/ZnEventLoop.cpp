@@ -31,7 +31,7 @@ int ZnEventLoop::exec(int timeoutMs) {
             static_cast<int>(timeoutUs), true, ZnFiberPool::kFirstLane);
     }
     application.fiberPool().yieldCurrent(waitId_);
-    // The loop object may be gone by now: its destructor resumes the waiter.
+    // The loop object may have been destroyed by now: its destructor resumes the waiter.
     if (timerId != -1)
         application.removeTimer(timerId);
     return 0;

@@ -270,7 +270,7 @@ void ZnFiberPool::freeSlot_(ZnFiberSlot& slot) {
 void ZnFiberPool::executeCallbackSafely_(ZnTask& task) {
     try {
         task();
-        task.reset(); // captures go on the fiber, where they may still park
+        task.reset(); // captures are destroyed on the fiber, where they may still park
     } catch (const std::exception& error) {
         ZN_LOG_ERROR(kCategory, "ZnFiberPool::executeCallbackSafely_")
             << "Unhandled exception in fiber callback: " << error.what();

@@ -42,7 +42,7 @@ private:
     public:
         explicit EndOfRound_(const std::shared_ptr<Entry_>& entry) : entry_(entry) {}
         ~EndOfRound_() {
-            // Parks may lie behind: the dispatcher is touched only while the entry is still registered with it.
+            // The callback may have parked: the dispatcher is touched only while the entry is still registered with it.
             if (entry_->active.load(std::memory_order_acquire))
                 entry_->dispatcher->drainEnded_(entry_);
         }

@@ -53,7 +53,7 @@ private:
         ZnIoDispatcher* dispatcher = nullptr;
         std::shared_ptr<ZnWaitHandle> handle;
         Callback callback;
-        std::atomic<bool> active{true};     // goes to false once
+        std::atomic<bool> active{true};     // becomes false once
         std::atomic<bool> scheduled{false}; // a drain is queued or runs
         std::atomic<unsigned> pendingMask{0};
     };

@@ -103,7 +103,7 @@ ZnRunnable* ZnPoolDrain_::finishTask_(ZnPoolState_& state, ZnPoolWorker_& worker
         needsExpiry = !needsDrain && ZnPoolRetirement_::beginIdleTime(state, worker, &generation);
         hasWaiters = state.isWatched();
     }
-    // The worker and the pool stay: this thread has to end before they go.
+    // The worker and the pool stay: this thread has to end before they are destroyed.
     if (needsDrain)
         post(state, worker);
     if (needsExpiry)

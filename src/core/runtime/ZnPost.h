@@ -17,7 +17,7 @@ struct ZnPostOptions {
     enum class WhenFull : std::uint8_t { Refuse, RefuseInSilence, Wait };
     /// When the thread has no loop, not yet or not any more. Keep: the task is posted at the thread's next start.
     enum class WhenNotRunning : std::uint8_t { Keep, Refuse };
-    /// When the target is null, or its record has gone. UseFallback: the task is posted to the current thread, and
+    /// When the target is null, or its record was destroyed. UseFallback: the task is posted to the current thread, and
     /// from a thread without a record to the fallback thread.
     enum class WhenGone : std::uint8_t { Refuse, UseFallback };
 

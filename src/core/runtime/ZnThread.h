@@ -27,7 +27,7 @@ public:
     /// Called once per start, on a fiber of the new thread's loop.
     virtual void run();
 
-    /// Ends the loop behind what is queued on its lane 0. Does not wait.
+    /// Ends the loop after what is queued on its lane 0. Does not wait.
     void quit();
     /// Blocks the calling thread until this one has ended; returns at once when that is this one itself.
     void wait();
@@ -39,7 +39,7 @@ public:
     zn::atomic::Thread& handle() const noexcept { return *thread_; }
 
     void started();  // signal, before the loop runs
-    void finished(); // signal, after the loop and its application are gone
+    void finished(); // signal, after the loop and its application have ended
 
 private:
     std::unique_ptr<zn::atomic::Thread> thread_;

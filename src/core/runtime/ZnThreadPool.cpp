@@ -66,7 +66,7 @@ void ZnThreadPool::dropQueued_() {
 }
 
 void ZnThreadPool::waitForRunning_() {
-    // What runs on the calling thread itself ends later, and finds the pool gone.
+    // What runs on the calling thread itself ends later, and finds the pool destroyed.
     const auto isAwaited = [](const ZnPoolWorkerRef_& worker) {
         return worker->running && !worker->thread->isCurrent();
     };

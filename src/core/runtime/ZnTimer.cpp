@@ -23,7 +23,7 @@ public:
     EndAtEnd_& operator=(const EndAtEnd_&) = delete;
 
 private:
-    const ZnPointer<ZnTimer> timer_; // its own: the slot may go with the timer
+    const ZnPointer<ZnTimer> timer_; // its own: the slot may be destroyed with the timer
 };
 
 } // namespace
@@ -45,7 +45,7 @@ bool ZnTimer::forwardToOwner_(std::function<void(ZnTimer*)> call) {
         if (self)
             call(self.get());
     });
-    postTask(owner, forwarded); // a thread that has gone has no timers
+    postTask(owner, forwarded); // a thread that has ended has no timers
     return true;
 }
 

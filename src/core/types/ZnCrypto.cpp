@@ -192,3 +192,12 @@ bool ZnCrypto::randomBytes(std::size_t count, Bytes* out) {
         return true;
     return count <= static_cast<std::size_t>(INT_MAX) && RAND_bytes(out->data(), static_cast<int>(count)) == 1;
 }
+
+bool constantTimeEquals(const ZnString& left, const ZnString& right) noexcept {
+    if (left.size() != right.size())
+        return false;
+    volatile unsigned char difference = 0; // volatile: keeps the compiler from leaving the loop early
+    for (std::size_t index = 0; index < left.size(); ++index)
+        difference = static_cast<unsigned char>(difference | (left[index] ^ right[index]));
+    return difference == 0;
+}

@@ -30,3 +30,6 @@ public:
     /// Fills `*out` with `count` random bytes; false when there is no entropy.
     static bool randomBytes(std::size_t count, Bytes* out);
 };
+
+/// Equality in a time that depends on the lengths alone: for secrets. Any thread.
+bool constantTimeEquals(const ZnString& left, const ZnString& right) noexcept;

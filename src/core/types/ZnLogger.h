@@ -73,7 +73,7 @@ private:
     ZnLogger();
     ~ZnLogger() = delete;
 
-    struct State_; // everything behind writeMutex_; see ZnLogger.cpp
+    struct State_; // everything that writeMutex_ guards; see ZnLogger.cpp
     ZnMutex writeMutex_;
     std::unique_ptr<State_> state_ ZN_GUARDED_BY(writeMutex_);
 

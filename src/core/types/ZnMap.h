@@ -31,7 +31,7 @@ public:
     /// The value under `key`, inserted as V() if absent.
     V& operator[](const K& key) { return values_[key]; }
     V& operator[](K&& key) { return values_[std::move(key)]; }
-    /// As operator[], at constant cost when `key` comes behind all others.
+    /// As operator[], at constant cost when `key` comes after all others.
     V& slotNearEnd(const K& key) { return values_.try_emplace(values_.end(), key)->second; }
     V& slotNearEnd(K&& key) { return values_.try_emplace(values_.end(), std::move(key))->second; }
     /// A copy of the value under `key`, or `fallback`.

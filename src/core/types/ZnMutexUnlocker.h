@@ -2,7 +2,7 @@
 
 #include "core/types/ZnMutex.h"
 
-/// Lets go of a mutex that the caller holds, for a scope; it is held again behind it, however the scope ends.
+/// Lets go of a mutex that the caller holds, for a scope; it is held again after it, however the scope ends.
 class ZN_SCOPED_CAPABILITY ZnMutexUnlocker {
 public:
     explicit ZnMutexUnlocker(ZnMutex& mutex) ZN_RELEASE(mutex) : mutex_(mutex) { mutex_.unlock(); }

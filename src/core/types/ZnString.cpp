@@ -44,7 +44,7 @@ char upperChar(char c) {
 }
 
 /// The digits of a number as the conversions see them: trimmed and without underscores, with a NUL somewhere
-/// behind.
+/// after them.
 class NumberText_ {
 public:
     explicit NumberText_(const std::string& text) : view_(trimmedView(text)) {
@@ -344,15 +344,6 @@ bool parseBool(const ZnString& text, bool& out) {
     else
         return false;
     return true;
-}
-
-bool constantTimeEquals(const ZnString& left, const ZnString& right) noexcept {
-    if (left.size() != right.size())
-        return false;
-    volatile unsigned char difference = 0; // volatile: keeps the compiler from leaving the loop early
-    for (std::size_t index = 0; index < left.size(); ++index)
-        difference = static_cast<unsigned char>(difference | (left[index] ^ right[index]));
-    return difference == 0;
 }
 
 std::string_view trimmedView(std::string_view text) noexcept {

@@ -40,10 +40,7 @@ public:
 
     void reserve(std::size_t byteCount) { text_.reserve(byteCount); }
     void clear() noexcept { text_.clear(); }
-    ZnString& append(const char* data, std::size_t byteCount) {
-        text_.append(data, byteCount);
-        return *this;
-    }
+    ZnString& append(const char* data, std::size_t byteCount) { return append(std::string_view(data, byteCount)); }
     ZnString& append(std::string_view text) {
         text_.append(text);
         return *this;
@@ -99,9 +96,8 @@ public:
     ZnString toLower() const;
     ZnString toUpper() const;
 
-    /// Integer with optional sign, "_" ignored, 0b, 0x and leading-0 octal notations; text behind the digits is
-    /// ignored. On failure: 0, *ok false, and (toInt and toFloat always, toLongLong without `ok`) one error in the log,
-    /// which quotes the beginning of the text.
+    /// Integer with optional sign, "_" ignored, 0b, 0x and leading-0 octal notations; what follows the digits is
+    /// ignored. Failure: 0, *ok false, and (toLongLong: without `ok`) an error in the log, with the text's beginning.
     int toInt(bool* ok = nullptr) const;
     long long toLongLong(bool* ok = nullptr) const;
     float toFloat(bool* ok = nullptr) const;
@@ -117,8 +113,7 @@ public:
     /// Of any integer type. Lower-case digits, with a sign in front of a negative number. A base outside 2 to 36
     /// counts as 10.
     template <std::integral Integer>
-    static ZnString number(Integer value, int base = 10) {
-        static_assert(!std::is_same_v<Integer, bool>, "a bool is no number");
+    requires(!std::is_same_v<Integer, bool>) static ZnString number(Integer value, int base = 10) {
         using Wide = std::conditional_t<std::is_signed_v<Integer>, long long, unsigned long long>;
         return number_(static_cast<Wide>(value), base);
     }
@@ -142,12 +137,8 @@ private:
     std::string text_;
 };
 
-/// "1", "true", "on", "yes" and "0", "false", "off", "no", trimmed, in any case. Returns false, with `out`
-/// unchanged, for anything else.
+/// 1, true, on, yes and 0, false, off, no, trimmed, in any case; false, with `out` unchanged, for anything else.
 bool parseBool(const ZnString& text, bool& out);
-
-/// Equality in a time that depends on the lengths alone: for secrets.
-bool constantTimeEquals(const ZnString& left, const ZnString& right) noexcept;
 
 /// Trimmed view of `text`, by the rule of ZnString::trimmed, without a copy.
 std::string_view trimmedView(std::string_view text) noexcept;

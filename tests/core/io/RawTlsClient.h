@@ -20,7 +20,7 @@ public:
         SSL_CTX_free(context_);
         ::close(descriptor_);
     }
-    /// Behind the handshake, which needs the loop.
+    /// After the handshake, which needs the loop.
     SSL* ssl() {
         if (handshake_.valid())
             handshake_.get();

@@ -28,7 +28,7 @@ TEST(ZnFile, WritesAppendsAndReadsBack) {
     EXPECT_EQ(file.readAll(), block);
     file.seek(2);
     EXPECT_EQ(file.read(1000000).size(), block.size() + 2) << "less only at the end";
-    file.seek(0); // works behind the end
+    file.seek(0); // works at the end
     EXPECT_EQ(file.read(3), "one");
     EXPECT_FALSE(file.write(ZnString("x")));
 }

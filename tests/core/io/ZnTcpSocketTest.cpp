@@ -1,7 +1,6 @@
 #include "core/io/ZnTcpSocket.h"
 #include "core/io/ZnTcpServer.h"
 #include "core/platform/ZnResolver.h"
-#include "core/platform/ZnSocketError.h"
 #include "core/runtime/ZnEventLoop.h"
 #include "support/LogCapture.h"
 #include "support/LoopFixture.h"
@@ -10,7 +9,6 @@
 #include <algorithm>
 #include <future>
 #include <memory>
-#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -184,43 +182,6 @@ TEST_F(ZnTcpSocketTest, AListenerOnANameServesAllItsAddressesWithOnePort) {
     EXPECT_EQ(log.countOf("failed: 10048"), 1);
     addresses = {"192.0.2.1"};
     EXPECT_FALSE(other.listen("name.test", 0));
-}
-
-TEST_F(ZnTcpSocketTest, AReceiverThatConnectsAnewLeavesNoConnectionBehind) {
-    connectPair();
-    std::vector<std::unique_ptr<ZnTcpSocket>> peers;
-    server_.connect(&ZnTcpServer::newConnection, [&] { peers.emplace_back(server_.nextPendingConnection()); });
-    client_->connect(&ZnAbstractSocket::disconnected, [this, client = client_.get()] {
-        EXPECT_TRUE(client->connectToHost("127.0.0.1", server_.localPort()));
-    });
-    const auto peersOpen = [&] {
-        return std::count_if(peers.begin(), peers.end(), [](const auto& peer) { return peer->isOpen(); });
-    };
-    // What the receiver does stands.
-    runOnFiber([&] { EXPECT_FALSE(client_->connectToHost("127.0.0.1", server_.localPort())); });
-    EXPECT_TRUE(runUntil([&] { return peers.size() == 1 && client_->isOpen(); }));
-    int error = 0;
-    const auto spare = ZnSocketHandle::open(ZnSocketAddress::Family::IPv4, &error);
-    client_->adoptDescriptor(spare, true);
-    EXPECT_TRUE(runUntil([&] { return peers.size() == 2 && client_->isOpen(); }));
-    settle();
-    EXPECT_EQ(peersOpen(), 1);
-    client_.reset(); // connects once more
-    EXPECT_TRUE(runUntil([&] { return peers.size() == 3 && peersOpen() == 0; }));
-}
-
-TEST_F(ZnTcpSocketTest, WithoutALoopToWatchItASocketFailsWithAnError) {
-    std::vector<int> errors;
-    std::thread([&] { // has none
-        ZnTcpSocket socket;
-        socket.connect(&ZnAbstractSocket::errorOccurred, [&](int code) { errors.push_back(code); });
-        EXPECT_FALSE(socket.connectToHost("127.0.0.1", server_.localPort()));
-        int error = 0;
-        socket.adoptDescriptor(ZnSocketHandle::open(ZnSocketAddress::Family::IPv4, &error), true);
-        EXPECT_EQ(socket.state(), SocketState::Unconnected);
-    })
-        .join();
-    EXPECT_EQ(errors, std::vector<int>(2, ZnSocketError::kNoBufferSpace));
 }
 
 TEST_F(ZnTcpSocketTest, ASocketMayBeDeletedInsideItsOwnSignalsAlsoWhenParked) {

@@ -15,8 +15,6 @@
 
 #include <atomic>
 #include <gmock/gmock.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <thread>
 
 namespace {
@@ -69,18 +67,6 @@ TEST_F(IpcSignal, WhoListensLearnsTheLatestAndNothingFromBefore) {
     EXPECT_THAT(values_, ElementsAre(13, 13, 13, 20));
 }
 
-TEST_F(IpcSignal, NumbersBeginAnew) {
-    const auto channel = openChannel();
-    RawObject raw(signalBlockName(domain_, "o", "s"));
-    raw.set<std::uint64_t>(16, ~0ULL);
-    const auto subscription = listen();
-    channel->publish(1, 0);
-    ASSERT_TRUE(runUntil([&] { return values_.size() == 1; }));
-    EXPECT_EQ(raw.at<std::uint64_t>(16), 0U);
-    channel->publish(2, 0);
-    EXPECT_TRUE(runUntil([&] { return values_.size() == 2; }));
-}
-
 TEST_F(IpcSignal, ACallbackThatParksIsNotCalledAgainMeanwhileAndHoldsUpNobody) {
     const auto channel = openChannel();
     ZnEventLoop gate;
@@ -131,25 +117,6 @@ TEST_F(IpcSignal, TextsThatFitNoRowAreRefused) {
         domain_, "o", longest + "s", "", [](const SignalValue&) {}, &error_));
     EXPECT_FALSE(Channel::open(domain_, ZnString("a\0b", 3), "s", &error_));
     EXPECT_TRUE(error_.contains("object")) << error_.str();
-}
-
-TEST_F(IpcSignal, ManySubscriptionsOfAProcessAreNotifiedOnce) {
-    // This process sits at the event of another one, and counts.
-    Child other([](const auto&) { return ::pause(); });
-    const ZnString name =
-        ZnString("zn_ipc_notify_") + ZnString::number(::geteuid()) + "_" + ZnString::number(other.pid());
-    sockaddr_un address = {AF_UNIX, {}};
-    std::memcpy(address.sun_path + 1, name.data(), name.size());
-    const ZnFileDescriptor event(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    ASSERT_EQ(::bind(event.get(), reinterpret_cast<sockaddr*>(&address),
-                     static_cast<socklen_t>(sizeof(sa_family_t) + 1 + name.size())),
-              0);
-    for (const char* object : {"one", "two"})
-        ASSERT_EQ(registerSubscription({domain_, "o", "s", other.pid(), object}), RegistryOutcome::Done);
-    openChannel()->publish(1, 1);
-    char byte = 0;
-    EXPECT_EQ(::recv(event.get(), &byte, 1, 0), 1);
-    EXPECT_EQ(::recv(event.get(), &byte, 1, 0), -1);
 }
 
 TEST_F(IpcSignal, StrangersSetTheEventOnlyWhenTheyMayHaveKeptASignalOut) {

@@ -53,15 +53,6 @@ TEST_F(ZnLinuxPlatformTest, ListsByKindAndFilter) {
               (Names{directory_.path("One.sst").str(), directory_.path("sub/three.SST").str()}));
 }
 
-TEST_F(ZnLinuxPlatformTest, MakesPaths) {
-    for (const char* name : {"a/b/c", "a/b/c", "a\\d"}) {
-        EXPECT_TRUE(dirs_.mkpath(directory_.path(name)));
-        EXPECT_TRUE(dirs_.isDirectory(directory_.path(name)));
-    }
-    EXPECT_FALSE(dirs_.mkpath(ZnString((directory_.path("nul").str() + '\0') + "x")));
-    EXPECT_FALSE(dirs_.exists(directory_.path("nul")));
-}
-
 TEST_F(ZnLinuxPlatformTest, RemovesTreesButNothingBehindLinks) {
     const ZnString kept = directory_.file("kept/file", "content");
     directory_.file("tree/a/b/c/file", "");
@@ -105,17 +96,6 @@ TEST_F(ZnLinuxPlatformTest, CopiesFilesWithoutLosingThem) {
     EXPECT_FALSE(files_.isFile(directory_.path("pipe")));
     EXPECT_TRUE(files_.copy("/proc/self/cmdline", target, true)); // sendfile does not take it
     EXPECT_EQ(contentOf(target), contentOf("/proc/self/cmdline"));
-}
-
-TEST_F(ZnLinuxPlatformTest, MetadataMakesTheFileWhereItCanBeKept) {
-    const ZnString missing = directory_.path("missing");
-    const bool isSupported = files_.writeMetadata(directory_.file("present", "x"), "note", "value");
-    EXPECT_EQ(files_.writeMetadata(missing, "note", "value"), isSupported);
-    EXPECT_EQ(files_.isFile(missing), isSupported);
-    EXPECT_EQ(files_.readMetadata(missing, "note"), isSupported ? "value" : "");
-    EXPECT_FALSE(files_.writeMetadata(directory_.path("new"), ZnString(std::string(300, 'n')), "value"));
-    EXPECT_FALSE(dirs_.exists(directory_.path("new")));
-    EXPECT_FALSE(files_.writeMetadata(directory_.path("none/missing"), "note", "value"));
 }
 
 } // namespace

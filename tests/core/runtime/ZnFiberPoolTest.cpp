@@ -1,7 +1,5 @@
 #include "core/runtime/ZnFiberPool.h"
 
-#include "support/LogCapture.h"
-
 #include <array>
 #include <cerrno>
 #include <gtest/gtest.h>
@@ -161,17 +159,6 @@ TEST_F(ZnFiberPoolDeathTest, OverflowHitsTheGuardPageAndNotTheNeighbour) {
     EXPECT_EQ(pool_.stats().blockedCount, 20);
     EXPECT_DEATH((submit(2, [] { burnStack(800); }), runAll()), "");
     EXPECT_DEATH((submit(2, &jumpFarDown), runAll()), "");
-}
-
-TEST_F(ZnFiberPoolTest, ExceptionsEndAtTheFiber) {
-    LogCapture log;
-    submit(2, [] { throw std::runtime_error("boom"); });
-    submit(2, [] { throw 5; });
-    runAll();
-    EXPECT_EQ(log.countOf("Unhandled exception in fiber callback: boom"), 1);
-    EXPECT_EQ(log.countOf("Unhandled unknown exception in fiber callback"), 1);
-    EXPECT_EQ(pool_.stats().idleSlotCount, 500);
-    EXPECT_EQ(pool_.stats().reused, 1U); // last in, first out
 }
 
 TEST_F(ZnFiberPoolTest, ShutdownDestroysWhatNeverRan) {

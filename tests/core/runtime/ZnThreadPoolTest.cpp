@@ -7,10 +7,8 @@
 #include "support/LogCapture.h"
 #include "support/OnThreads.h"
 
-#include <algorithm>
 #include <csignal>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <semaphore>
 #include <stdexcept>
 #include <sys/resource.h>
@@ -89,26 +87,6 @@ TEST_F(ZnThreadPoolTest, AWorkersQueueIsOrderedByPriorityThenArrivalAndSurvivesE
     EXPECT_EQ(order, (std::vector<int>{90, 50, 51, 10, 11, 0, -30}));
     EXPECT_EQ(log_.countOf("ZnRunnable::run() threw exception on worker 1: boom — continuing execution"), 1);
     EXPECT_EQ(log_.countOf("ZnRunnable::run() threw unknown exception on worker 1 — continuing execution"), 1);
-}
-
-TEST_F(ZnThreadPoolTest, TheLeastLoadedThenLongestIdleWorkerTakesTheTask) {
-    pool_.setMaxThreadCount(2);
-    const auto runOne = [&](int othersAtWork = 0) {
-        std::atomic<unsigned> id{0};
-        pool_.start(task([&id] { id = zn::atomic::Thread::currentThread()->threadId(); }));
-        EXPECT_TRUE(eventually([&] { return id != 0 && pool_.activeCount() == othersAtWork; }));
-        return id.load();
-    };
-    const unsigned first = runOne();
-    EXPECT_EQ(runOne(), first); // an idle worker is better than a new one
-    auto gate = std::make_unique<Gate>(pool_);
-    const unsigned second = runOne(1);
-    gate.reset();
-    EXPECT_TRUE(ends(pool_));
-    EXPECT_NE(second, first);
-    EXPECT_EQ(pool_.threadCount(), 2);
-    EXPECT_EQ(runOne(), second); // the gate's worker was busy last
-    EXPECT_EQ(runOne(), first);
 }
 
 TEST(ZnThreadPool, AFullQueueRefusesUnlessAWorkerIsIdle) {
@@ -209,25 +187,6 @@ TEST_F(ZnThreadPoolTest, IdleWorkersLeaveAfterTheirTimeAndWorkKeepsThem) {
     EXPECT_EQ(name, "ZnThreadPoolWorker_1");
     EXPECT_TRUE(eventually([&] { return pool_.threadCount() == 0; }));
     EXPECT_GE(monotonicNowNs() - lastNs, 200000000);
-}
-
-TEST(ZnThreadPool, WorkersHaveThePriorityAndTheStackThatWasAskedFor) {
-    constexpr int kRows[][3] = {{0, 0, 15}, {2, 0, 1}, {7, 2, 1}, {8, 2, 0}, {-1, 1, 0}}; // no permission is needed
-    for (const auto& [priority, hint, expected] : kRows) {
-        ZnThreadPool pool;
-        pool.setPriority(priority);
-        pool.setPriorityHint(hint);
-        pool.setStackSize(1 << 20);
-        int nice = 99;
-        pool.start(task([&nice] {
-            char large[800000];                                  // more than the usual stack
-            std::fill(std::begin(large), std::end(large), '\1'); // comes across any guard page
-            asm volatile("" : : "r"(large) : "memory");
-            nice = getpriority(PRIO_PROCESS, 0);
-        }));
-        EXPECT_TRUE(ends(pool));
-        EXPECT_EQ(nice, expected) << priority;
-    }
 }
 
 TEST(ZnThreadPool, ItsEndDropsWhatIsQueuedAndWaitsForWhatRunsOrIsParked) {

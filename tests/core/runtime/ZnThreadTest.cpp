@@ -7,7 +7,6 @@
 #include <atomic>
 #include <gtest/gtest.h>
 #include <semaphore>
-#include <stdexcept>
 #include <thread>
 
 namespace {
@@ -95,38 +94,6 @@ TEST(ZnThread, UnwindsItsParkedFibersWhenItEnds) {
     thread.wait();
     EXPECT_EQ(unwound.use_count(), 1);
     delete sender; // the receiver of the dropped stack is not told
-}
-
-TEST(ZnThread, ExceptionsOfItsSignalsAndAStartAtItsOwnEndAreReported) {
-    LogCapture log;
-    ZnThread thread("thread");
-    thread.connect(&ZnThread::started, [] { throw std::runtime_error("at the start"); });
-    thread.connect(&ZnThread::finished, [&] {
-        EXPECT_FALSE(thread.start());
-        throw std::runtime_error("at the end");
-    });
-    ASSERT_TRUE(thread.start());
-    thread.quit();
-    thread.wait();
-    for (const char* text : {"at the start", "at the end", "start() called on thread 'thread' by itself"})
-        EXPECT_EQ(log.countOf(text), 1) << text;
-}
-
-TEST(ZnThread, TheFallbackThreadGoesOnAfterAStop) {
-    zn::atomic::Thread* fallback = zn::atomic::Thread::fallbackThread();
-    const auto ran = std::make_shared<std::counting_semaphore<>>(0);
-    for (int round = 0; round < 3; ++round) {
-        bool hasRun = false;
-        for (int attempt = 0; attempt < 300 && !hasRun;
-             ++attempt) { // a post to the loop that is just ending is dropped
-            postToThread(fallback, [ran] {
-                ran->release();
-                ZnCoreApplication::instance()->quit(); // as a stop signal does
-            });
-            hasRun = ran->try_acquire_for(std::chrono::milliseconds(100));
-        }
-        EXPECT_TRUE(hasRun) << round;
-    }
 }
 
 TEST(ZnThread, IsEndedByItsDestructorAlsoWhenSaturated) {

@@ -306,7 +306,7 @@ TEST(ReadPath, ABlobFileThatCannotBeReadEndsEveryWayOfReadingWithAStatus) {
     }
 }
 
-TEST(ReadPath, ATableThatIsDamagedBehindItsOpeningEndsEveryWayOfReadingWithAStatus) {
+TEST(ReadPath, ATableThatIsDamagedAfterItsOpeningEndsEveryWayOfReadingWithAStatus) {
     const struct {
         const char* message;
         std::size_t offset;

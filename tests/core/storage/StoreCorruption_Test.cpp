@@ -20,7 +20,7 @@ void putAll(MemoryFiles* files, const FileContents& contents) {
         files->put(path, bytes);
 }
 
-/// The files of a process that was killed: two flushes, one of them with a blob, and synced writes behind them.
+/// The files of a process that was killed: two flushes, one of them with a blob, and synced writes after them.
 FileContents makeStore(const std::string& mark, bool hasExtra = false) {
     MemoryFiles files;
     ZnEmbeddedDb store(files);

@@ -1,5 +1,4 @@
 #include "core/storage/StoreTestSupport.h"
-#include "core/storage/embeddeddb/Crc32_.h"
 
 using namespace znEmbeddedDbDetail;
 
@@ -72,15 +71,6 @@ TEST(StoredValue_, RefusesWhatNoWriterWrites) {
         EXPECT_FALSE(decodeStoredValue(bytes.data(), bytes.size(), &entry)) << row;
         EXPECT_EQ(entry.value.view(), "before") << row;
     }
-}
-
-TEST(Crc32_, IsTheStandardOneInAnyNumberOfSteps) {
-    const std::string_view digits = "123456789";
-    EXPECT_EQ(crc32(digits), 0xCBF43926u);
-    EXPECT_EQ(crc32(""), 0u);
-    EXPECT_EQ(crc32(std::string_view(), 5), 5u);
-    for (std::size_t split = 0; split <= digits.size(); ++split)
-        EXPECT_EQ(crc32(digits.substr(split), crc32(digits.substr(0, split))), 0xCBF43926u);
 }
 
 } // namespace

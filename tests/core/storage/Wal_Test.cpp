@@ -2,8 +2,6 @@
 #include "core/storage/embeddeddb/WalReader_.h"
 #include "core/storage/embeddeddb/WalWriter_.h"
 
-#include <cerrno>
-
 using namespace znEmbeddedDbDetail;
 
 namespace {
@@ -115,11 +113,6 @@ TEST(Wal_, FramesOfAnotherLogOrOutOfOrderAreNone) {
     EXPECT_EQ(textOf(files), kSecond + kThird + "end");
     files.put("/w/WAL-1.log", encodeWalHeader({1, 7, kHeader.salt}) + good.substr(48)); // begins later
     EXPECT_EQ(textOf(files), "damaged at 48");
-    for (long number = 1; number < 4; ++number) {
-        files.put("/w/WAL-1.log", good);
-        files.failOperation(number, EIO);
-        EXPECT_NE(textOf(files).find("failed: 5 (Input/output error)"), std::string::npos);
-    }
 }
 
 TEST(Wal_, ASearchThroughWhatLooksLikeFramesEnds) {
@@ -132,25 +125,6 @@ TEST(Wal_, ASearchThroughWhatLooksLikeFramesEnds) {
     MemoryFiles files;
     files.put("/w/WAL-1.log", bytes);
     EXPECT_EQ(textOf(files), "damaged at 48"); // not ruled out
-}
-
-TEST(Wal_, AFailedAppendLeavesNothingAndAFailedSyncEndsTheLog) {
-    MemoryFiles files;
-    WalWriter_ writer(files);
-    WalBatch_ batch;
-    batch.remove("plum");
-    ASSERT_TRUE(writer.create("/w", kHeader).isOk());
-    files.setFreeBytes(20);
-    EXPECT_EQ(writer.append({&batch}, 7, 6).message(), "short append: 0: /w/WAL-1.log");
-    files.setFreeBytes(1000);
-    EXPECT_TRUE(writer.canAppend());
-    EXPECT_TRUE(writer.append({&batch}, 8, 6).isOk()); // 7 was used up
-    EXPECT_EQ(textOf(files), "8 remove plum\nend");
-    files.failOperation(1, EIO);
-    EXPECT_FALSE(writer.sync().isOk());
-    EXPECT_FALSE(writer.sync().isOk());
-    EXPECT_FALSE(writer.canAppend());
-    EXPECT_FALSE(writer.append({&batch}, 9, 6).isOk());
 }
 
 } // namespace

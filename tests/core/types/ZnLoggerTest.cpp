@@ -99,55 +99,15 @@ TEST(ZnLoggerDeathTest, ServesUntilTheProcessIsGone) {
 }
 
 TEST_F(ZnLoggerTest, ConsoleLinesHaveTheirFormAndStream) {
-    struct Row {
-        int level;
-        const char* category;
-        const char* out;
-        const char* err;
-    };
-    constexpr Row kRows[] = {{0, kCategory, "[DEBUG] [zn.test] text\n", ""},
-                             {1, kCategory, "", "[WARNING] [zn.test] text\n"},
-                             {0, nullptr, "[DEBUG] text\n", ""},
-                             {2, "", "", "[ERROR] text\n"},
-                             {0, "zn.quiet", "", ""}};
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
     logger_.parseRules("zn.test=1");
-    for (const Row& row : kRows) {
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-        writeLine(row.level, row.category, "text");
-        const std::string out = testing::internal::GetCapturedStdout();
-        const std::string err = testing::internal::GetCapturedStderr();
-        constexpr std::size_t kHeadBytes = 16;
-        EXPECT_EQ(out.substr(std::min(kHeadBytes, out.size())), row.out);
-        EXPECT_EQ(err.substr(std::min(kHeadBytes, err.size())), row.err);
-        EXPECT_THAT((out + err).substr(0, kHeadBytes), MatchesRegex("(" + std::string(kStamp) + ")?"));
-    }
-}
-
-TEST_F(ZnLoggerTest, MessagesLoseAHeadOfTheirOwn) {
-    constexpr const char* kRows[][2] = {{" \r\n\t[010203.123456] [ERROR]  text \n", "text \n"},
-                                        {"010203.123456 \t[WARNING] text", "text"},
-                                        {"[ERROR] [DEBUG]text", "[DEBUG]text"},
-                                        {"[010203.1234567] text", "[010203.1234567] text"},
-                                        {"010203,123456 text", "010203,123456 text"},
-                                        {"[010203.123456", "[010203.123456"},
-                                        {"", ""}};
-    LogCapture log;
-    for (const auto& [message, shown] : kRows) {
-        writeLine(ZnLogger::kError, nullptr, message);
-        EXPECT_THAT(log.take(), ElementsAre(std::string("[ERROR] ") + shown + "\n"));
-    }
-}
-
-TEST_F(ZnLoggerTest, MacroEvaluatesOnlyWhatIsWritten) {
-    LogCapture log;
-    int evaluations = 0;
-    ZN_LOG_DEBUG(kCategory, "f") << ++evaluations;
-    if (evaluations == 0)
-        ZN_LOG_WARNING(kCategory, "f") << "count " << ++evaluations;
-    else
-        ZN_LOG_ERROR(kCategory, "f") << "the other branch";
-    EXPECT_THAT(log.take(), ElementsAre("[WARNING] [zn.test] count 1\n"));
+    writeLine(ZnLogger::kDebug, kCategory, "text");
+    writeLine(ZnLogger::kError, "", "text");
+    writeLine(ZnLogger::kDebug, "zn.quiet", "text");
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                MatchesRegex(std::string(kStamp) + "\\[DEBUG\\] \\[zn.test\\] text\n"));
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), MatchesRegex(std::string(kStamp) + "\\[ERROR\\] text\n"));
 }
 
 TEST_F(ZnLoggerTest, FilterSearchesTheBody) {

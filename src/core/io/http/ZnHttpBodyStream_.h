@@ -23,6 +23,6 @@ public:
 
     virtual bool isAtEnd() const noexcept = 0;
     /// Gives the next piece of a stream that is not at its end: it is appended to `*text`, but for the bytes of a large
-    /// chunk, which are handed over in `*bytes` and go behind it. False: it cannot be had.
+    /// chunk, which are handed over in `*bytes` and sent after it. False: it cannot be had.
     virtual bool take(std::string* text, ZnByteArray* bytes) = 0;
 };

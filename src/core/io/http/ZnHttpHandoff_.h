@@ -10,7 +10,7 @@
 namespace zn::http {
 
 /// Runs `task` on `thread`'s loop, before other work. When the pool there has no room the task waits for some: an
-/// answer must not be lost because many came at once. Any thread; nothing when the thread's record has gone.
+/// answer must not be lost because many came at once. Any thread; nothing when the thread's record was destroyed.
 void handOver(zn::atomic::Thread* thread, ZnTask task);
 
 /// A callback that carries an answer to the calling thread, where `take` gets it; on that thread it does so at once.

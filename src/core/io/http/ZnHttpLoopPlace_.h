@@ -28,6 +28,7 @@ public:
         inFlight_->counters().leaveLoop();
     }
 
+    bool isGranted() const noexcept { return isGranted_; }
     /// Answers when there is none.
     bool isGrantedFor(const ZnHttpRequest& request) const {
         if (!isGranted_)

@@ -25,8 +25,8 @@ bool isMultipartForm(std::string_view contentType) noexcept;
 /// reader keeps back and searches again as many bytes at every piece that comes.
 bool parseBoundary(std::string_view contentType, ZnString* boundary, ZnString* errorText);
 
-/// Splits "main; key=value; ...". Main and keys are made lower case, quotes around a value go, a repeated key keeps
-/// its last value. A ";" separates also between quotes, and a piece without a key is skipped.
+/// Splits "main; key=value; ...". Main and keys are made lower case, quotes around a value are dropped, a repeated key
+/// keeps its last value. A ";" separates also between quotes, and a piece without a key is skipped.
 void parseHeaderValue(std::string_view value, ZnString* main, ZnMap<ZnString, ZnString>* params);
 
 /// The header lines of a part, without the empty line at their end.

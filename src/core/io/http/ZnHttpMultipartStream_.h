@@ -14,8 +14,8 @@
 /// not change the parts. Files go straight to the disk, and what stays in memory is what cannot be decided yet.
 ///
 /// Thread: that of its parser, which owns it. Nothing here parks; writing a file may wait for the disk.
-/// Owner of the files: this reader until finish() gives them to the request. Before that they go with the body, at
-/// abort() and reset(), and with the reader itself.
+/// Owner of the files: this reader until finish() gives them to the request. Before that they are removed with the
+/// body, at abort() and reset(), and with the reader itself.
 /// Invariant: current_ is being filled exactly in PartData, and file_ is open there if it is a temporary file.
 class ZnHttpMultipartStream_ {
 public:
@@ -26,9 +26,9 @@ public:
     /// `tempDir` (empty: the default one), which is made if necessary; else they stay in memory.
     bool begin(const ZnString& boundary, const ZnHttpLimits& limits, const ZnString& tempDir, ZnString* errorText);
     /// Takes the next bytes of the body. False for a malformed body, with a text for the peer; every further call
-    /// fails too. Bytes behind the closing delimiter are ignored.
+    /// fails too. Bytes after the closing delimiter are ignored.
     bool feed(std::string_view bytes, ZnString* errorText);
-    /// Behind the last byte: gives parts, fields and files to the request and is ready for the next body.
+    /// After the last byte: gives parts, fields and files to the request and is ready for the next body.
     bool finish(ZnHttpRequest& request, ZnString* errorText);
     /// Gives the body up: as reset(), and Failed until the next begin().
     void abort();

@@ -17,7 +17,7 @@
 #include <string_view>
 #include <utility>
 
-/// Turns the bytes of one connection into complete requests. It may stop behind any byte and go on later; where
+/// Turns the bytes of one connection into complete requests. It may stop after any byte and go on later; where
 /// the input is cut does not change what comes out. It is generous in what it takes unless limits.strictGrammar is set.
 ///
 ///   request line CRLF  *( name ":" value CRLF )  CRLF  [ body ]
@@ -27,12 +27,12 @@
 /// Invariant: buffer_ holds only what cannot be used yet, an unfinished line or half a CRLF behind a chunk: bytes of
 /// a body never stay in it, and complete input is parsed where it lies.
 /// Temporary files of a multipart body belong to the parser until its request is complete, then to the request: a
-/// parser that fails or goes, and a request that nobody takes, leave none behind.
+/// parser that fails or ends, and a request that nobody takes, leave none behind.
 /// Failed is final.
 class ZnHttpParser_ {
 public:
     using RequestRef = std::shared_ptr<ZnHttpRequest>;
-    /// Sees a request in front of its body. False: the body is not wanted, and the parser fails. Must not park.
+    /// Sees a request before its body comes. False: the body is not wanted, and the parser fails. Must not park.
     using HeadCheck = std::function<bool(ZnHttpRequest&)>;
 
     enum class State : std::int32_t {
@@ -63,9 +63,9 @@ public:
     }
     const ZnHttpLimits& limits() const noexcept { return limits_; }
     /// Whether the peer waits for an interim answer before it sends the body. True only between the end of the headers
-    /// and the first byte behind them.
+    /// and the first byte after them.
     bool expectsContinue() const;
-    /// Whether the peer still owes bytes of a body; also behind a failure.
+    /// Whether the peer still owes bytes of a body; also after a failure.
     bool isInsideBody() const noexcept {
         return bodyRemaining_ > 0 || isBodyRefused_ || (chunks_ && chunks_->isInsideChunk());
     }

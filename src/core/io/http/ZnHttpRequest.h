@@ -37,7 +37,7 @@ struct ZnHttpRequest {
     ZnMap<ZnString, ZnString> formFields;       // the named parts that are no files; the last one of a name
     /// Who wants to know when the answer is no longer wanted; see ZnHttpAbandonGuard.
     mutable ZnHttpAbandonGuard* abandonGuard = nullptr;
-    /// The handler's: goes when the answer has left, or will not leave any more.
+    /// The handler's: let go of when the answer has left, or will not leave any more.
     mutable std::shared_ptr<const void> keptUntilSent;
     std::shared_ptr<ZnHttpTempFiles> tempFiles; // owns the files of multipartParts; null without any
 

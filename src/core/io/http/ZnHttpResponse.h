@@ -27,7 +27,7 @@ struct ZnHttpResponse {
     bool useFile = false;  // the body is that part of the file; goes before the other two
     bool headOnly = false; // the body stays here; the answer to HEAD tells how long it is
     bool closeConnection = false;
-    bool switchProtocols = false;     // with onSwitch: the connection leaves HTTP behind this head
+    bool switchProtocols = false;     // with onSwitch: the connection leaves HTTP after this head
     bool switchWithoutHead = false;   // it does so at once, and nothing is sent
     ZnList<ZnByteArray> chunks;       // in their order; empty ones are not sent, they would end the body
     ZnString filePath;                // of a regular file
@@ -45,7 +45,7 @@ struct ZnHttpResponse {
 
     /// Bytes of the body, wherever it comes from, without chunk framing.
     std::uint64_t bodyBytes() const noexcept;
-    /// Makes head() and body agree on what is sent. Behind 1xx and 204 no body can follow, behind 304 and in answer to
+    /// Makes head() and body agree on what is sent. After 1xx and 204 no body can follow, after 304 and in answer to
     /// HEAD (`isHead`) only the head speaks of one: headOnly is set for those two and false for all others.
     void settleBody(bool isHead);
     /// For a peer of HTTP/1.0, which does not know chunked framing: the chunks become one body.

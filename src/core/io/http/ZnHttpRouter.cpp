@@ -294,7 +294,7 @@ void ZnHttpRouter::Target::answerAsync(const std::shared_ptr<const ZnHttpRequest
         callback(answer(*request));
 }
 
-// The handlers may park, and behind them the router may be gone: the target keeps them.
+// The handlers may park, and after them the router may have been destroyed: the target keeps them.
 
 bool ZnHttpRouter::dispatch(ZnHttpRequest& request, ZnHttpResponse* response) const {
     const Target target = find(request);

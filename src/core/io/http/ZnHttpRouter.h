@@ -12,8 +12,8 @@
 ///
 /// Patterns: "/a/:id", "/a/:id(int)" (int, alpha, alnum, hex, slug, uuid), "/files/*rest". The most specific route
 /// of those that match the path and the method answers; a GET route also answers HEAD.
-/// Thread: the loop of its server; a Target runs anywhere. A handler may park, and meanwhile the router may go: a
-/// dispatch holds what it runs and touches the router only before it runs it.
+/// Thread: the loop of its server; a Target runs anywhere. A handler may park, and meanwhile the router may be
+/// destroyed: a dispatch holds what it runs and touches the router only before it runs it.
 class ZnHttpRouter {
 public:
     using Handler = ZnHttpRoute::Handler;

@@ -137,6 +137,8 @@ void ZnHttpServer::handleRequest_(const std::shared_ptr<ZnHttpRequest>& request,
     if (!counters_->admit(limits_.maxInflightRequests, request->body.size())) {
         ZnHttpResponse busy = ZnHttpResponse::plain(503, "Server busy", request->keepAlive);
         counters_->record(busy, startedNs, false);
+        if (busyHandler_)
+            busyHandler_(*request);
         completion(std::move(busy));
         return;
     }
@@ -153,7 +155,7 @@ void ZnHttpServer::handleRequest_(const std::shared_ptr<ZnHttpRequest>& request,
     });
 }
 
-/// What filters and routes say to a request in front of its body; null: it is to be read. A middleware might answer
+/// What filters and routes say to a request before its body comes; null: it is to be read. A middleware might answer
 /// what has no route.
 std::unique_ptr<ZnHttpResponse> ZnHttpServer::refusalOf_(ZnHttpRequest& request) const {
     const long long startedNs = monotonicNowNs();
@@ -189,7 +191,7 @@ void ZnHttpServer::submitToPool_(const std::shared_ptr<ZnHttpRequest>& request,
         static_cast<void>(task.release()); // the pool's; it may have run by now
     else if (isSaturated)
         inFlight->finishRequest_(ZnHttpResponse::plain(503, "ThreadPool saturated", request->keepAlive));
-    // Else the job, which goes here, answers.
+    // Else the job, which is destroyed here, answers.
 }
 
 std::uint64_t ZnHttpServer::maxParkedRequests_() const {
@@ -200,12 +202,19 @@ std::uint64_t ZnHttpServer::maxParkedRequests_() const {
     return static_cast<std::uint64_t>(std::max(1, fiberCount - std::min(kSpareFibers, fiberCount / 2)));
 }
 
-// From here on user code runs inside each call and may park: behind it only locals are used, the server may be gone.
+bool ZnHttpServer::isGranted_(const ZnHttpLoopPlace_& place, const ZnHttpRequest& request) const {
+    if (!place.isGranted() && busyHandler_)
+        busyHandler_(request);
+    return place.isGrantedFor(request);
+}
+
+// From here on user code runs inside each call and may park. After it only locals are used, since the server may have
+// been destroyed.
 
 void ZnHttpServer::runInline_(const std::shared_ptr<ZnHttpRequest>& request,
                               const std::shared_ptr<ZnHttpInFlight_>& inFlight) {
     const ZnHttpLoopPlace_ place(inFlight, maxParkedRequests_());
-    if (!place.isGrantedFor(*request))
+    if (!isGranted_(place, *request))
         return;
     if (requestFilters_ || middleware_)
         runPipeline_(request, inFlight);
@@ -236,7 +245,7 @@ void ZnHttpServer::runPipeline_(const std::shared_ptr<ZnHttpRequest>& request,
 void ZnHttpServer::runRoute_(const std::shared_ptr<ZnHttpRequest>& request,
                              const std::shared_ptr<ZnHttpInFlight_>& inFlight) {
     const ZnHttpLoopPlace_ place(inFlight, maxParkedRequests_()); // its own when a middleware has waited
-    if (!place.isGrantedFor(*request))
+    if (!isGranted_(place, *request))
         return;
     const ZnHttpRouter::Target target = router_.find(*request);
     if (target.isAsync())

@@ -16,6 +16,7 @@
 #include <vector>
 
 class ZnHttpInFlight_;
+class ZnHttpLoopPlace_;
 class ZnHttpServerCounters_;
 class ZnHttpSession;
 class ZnThreadPool;
@@ -60,12 +61,15 @@ public:
     /// Each adds to the end of its line; an empty one is ignored. With middleware every request is served inline.
     void addRequestFilter(RequestFilter filter);
     void addMiddleware(Middleware middleware);
+    /// Is told of each request that gets a 503 since too many run; on the server's thread, and must not park.
+    void setBusyHandler(std::function<void(const ZnHttpRequest&)> handler) { busyHandler_ = std::move(handler); }
 
     /// With ThreadPool and a pool, filters and routes run on the pool's threads, but for routes that answer through a
     /// callback and for servers with middleware. A request then waits for its answer off the loop, in the pool's
     /// queue at first.
     void setDispatchMode(DispatchMode mode) noexcept { dispatchMode_ = mode; }
-    /// Borrowed; a pool that goes first is no longer used, and what it dropped from its queue is answered with a 503.
+    /// Borrowed; a pool that is destroyed first is no longer used, and what it dropped from its queue is answered with
+    /// a 503.
     void setThreadPool(ZnThreadPool* pool);
 
     /// Stops listening and closes every session, with unsent answers dropped.
@@ -82,6 +86,7 @@ private:
     void admitAll_(ZnTcpServer& listener, bool isTls);
     void admit_(ZnTcpSocket* socket, bool isTls, unsigned short localPort);
     void handleRequest_(const std::shared_ptr<ZnHttpRequest>& request, ZnHttpResponseCallback completion);
+    bool isGranted_(const ZnHttpLoopPlace_& place, const ZnHttpRequest& request) const;
     std::unique_ptr<ZnHttpResponse> refusalOf_(ZnHttpRequest& request) const;
     bool usesThreadPool_() const;
     std::uint64_t maxParkedRequests_() const;
@@ -100,6 +105,7 @@ private:
     // Null when empty; replaced, never changed: a request keeps the lists that it began with.
     std::shared_ptr<const FilterList_> requestFilters_;
     std::shared_ptr<const MiddlewareList_> middleware_;
+    std::function<void(const ZnHttpRequest&)> busyHandler_;
     ZnPointer<ZnThreadPool> threadPool_;
     DispatchMode dispatchMode_ = DispatchMode::Inline;
     const std::shared_ptr<ZnHttpServerCounters_>

@@ -38,7 +38,7 @@ ZnHttpResponse errorAnswer(int status, const ZnString& text) {
     return ZnHttpResponse::plain(status < 1 ? 400 : status, body, false);
 }
 
-/// Its files go now, even if a handler still holds the request.
+/// Its files are removed now, even if a handler still holds the request.
 void forget(std::shared_ptr<ZnHttpRequest>* request) {
     if (*request && (*request)->tempFiles)
         (*request)->tempFiles->removeAll();
@@ -180,7 +180,7 @@ bool ZnHttpSession::sendContinue_() {
     return self && !isClosed();
 }
 
-/// Reads and forgets what comes behind a request that was refused.
+/// Reads and forgets what comes after a request that was refused.
 void ZnHttpSession::discardInput_() {
     const ZnPointer<ZnHttpSession> self(this);
     while (discardedBytes_ <= kMaxDiscardedBytes) {
@@ -228,7 +228,7 @@ void ZnHttpSession::processNextRequest_() {
         scheduleResume_();
 }
 
-/// Calls the handler, which may park. All that is used behind the call is held by this frame or guarded.
+/// Calls the handler, which may park. All that is used after the call is held by this frame or guarded.
 void ZnHttpSession::startNextRequest_() {
     const std::shared_ptr<ZnHttpRequest> request = pendingRequests_.takeFirst();
     currentRequest_ = request;
@@ -330,7 +330,7 @@ void ZnHttpSession::switchOver_() {
     giveTo(onSwitch, socket);
 }
 
-/// The socket may emit from inside write: the end of the write, which is acted upon behind it, but also an error,
+/// The socket may emit from inside write: the end of the write, which is acted upon after it, but also an error,
 /// which ends the session there and then.
 void ZnHttpSession::writeBytes_(ZnString text, ZnByteArray bytes) {
     const ZnPointer<ZnHttpSession> self(this);

@@ -50,12 +50,12 @@ public:
 
     /// Answers the requests; without one the router does.
     void setRequestHandler(RequestHandler handler);
-    /// Asked in front of a body, unless earlier answers are still due: those come first, and nothing is refused then.
+    /// Asked before a body comes, unless earlier answers are still due: those come first, and nothing is refused then.
     void setHeadCheck(HeadCheck check);
     /// Called once, when the connection has ended; it is to delete the session later.
     void setClosedHandler(ClosedHandler handler) { onClosed_ = std::move(handler); }
 
-    /// Ends the session if its connection is gone already. Bytes that came before the handlers were set are announced
+    /// Ends the session if its connection has ended already. Bytes that came before the handlers were set are announced
     /// by the socket's first readiness event, which the loop delivers after the caller has returned.
     void start();
     /// Ends the connection at once; an answer that has not left is dropped. Nothing when it has ended.

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
+#include <cstring>
 #include <string>
 #include <utility>
 
@@ -25,11 +27,44 @@ char upperOf(char c) noexcept {
     return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
 }
 
-template <char (*Convert)(char) noexcept>
+// Heads are looked through several times, so what is done with every byte is done with eight at once.
+constexpr std::size_t kWordBytes = sizeof(std::uint64_t);
+constexpr std::uint64_t kOnes = 0x0101010101010101;
+constexpr std::uint64_t kTops = kOnes * 0x80;
+
+std::uint64_t wordAt(const char* bytes) noexcept {
+    std::uint64_t word = 0;
+    std::memcpy(&word, bytes, kWordBytes);
+    return word;
+}
+
+/// The top bit of each byte that is an ASCII letter from `first` to `last`.
+constexpr std::uint64_t lettersIn(std::uint64_t word, char first, char last) noexcept {
+    const std::uint64_t low = word & ~kTops;
+    const std::uint64_t fromFirst = low + kOnes * static_cast<unsigned>(0x80 - first);
+    const std::uint64_t behindLast = low + kOnes * static_cast<unsigned>(0x7F - last);
+    return (fromFirst ^ behindLast) & ~word & kTops;
+}
+
+/// Turns the letters from `First` to `Last` into those of the other case.
+template <char First, char Last>
 ZnString converted(std::string_view text) {
+    constexpr std::size_t kCaseShift = 2; // from the top bit of a byte to the bit of the case
     std::string result(text);
-    std::transform(result.begin(), result.end(), result.begin(), Convert);
+    std::size_t at = 0;
+    for (; at + kWordBytes <= result.size(); at += kWordBytes) {
+        std::uint64_t word = wordAt(result.data() + at);
+        word ^= lettersIn(word, First, Last) >> kCaseShift;
+        std::memcpy(result.data() + at, &word, kWordBytes);
+    }
+    for (; at < result.size(); ++at)
+        result[at] = First == 'A' ? lowerOf(result[at]) : upperOf(result[at]);
     return ZnString(std::move(result));
+}
+
+/// Whether one of the bytes is at most as large as CR: there may be CR, LF or NUL among them.
+bool hasControl(std::uint64_t word) noexcept {
+    return ((word - kOnes * ('\r' + 1)) & ~word & kTops) != 0;
 }
 
 bool isLowerOf(char c, char lowerCase) noexcept {
@@ -47,8 +82,11 @@ bool isToken(std::string_view text) noexcept {
 }
 
 bool isSafeLineText(std::string_view text) noexcept {
-    for (const char c : text) {
-        // One comparison for nearly every byte.
+    std::size_t at = 0;
+    while (at + kWordBytes <= text.size() && !hasControl(wordAt(text.data() + at)))
+        at += kWordBytes;
+    for (; at < text.size(); ++at) { // the end, or a tab or the like was found
+        const char c = text[at];
         if (static_cast<unsigned char>(c) <= '\r' && (c == '\r' || c == '\n' || c == '\0'))
             return false;
     }
@@ -60,11 +98,11 @@ char lowerOf(char c) noexcept {
 }
 
 ZnString lowerText(std::string_view text) {
-    return converted<lowerOf>(text);
+    return converted<'A', 'Z'>(text);
 }
 
 ZnString upperText(std::string_view text) {
-    return converted<upperOf>(text);
+    return converted<'a', 'z'>(text);
 }
 
 bool equalsLower(std::string_view text, std::string_view lowerCase) noexcept {

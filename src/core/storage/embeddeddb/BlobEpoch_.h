@@ -12,7 +12,7 @@
 namespace znEmbeddedDbDetail {
 
 /// A blob file that views of an epoch that has ended may need. Once it has been retired, it is removed when the last of
-/// those epochs has gone; else it is in force, and stays.
+/// those epochs has ended; else it is in force, and stays.
 ///
 /// Thread: any; retire() once, by who holds it. Owner: shared by epochs, and by the store as long as it is in force.
 class HeldBlobFile_ {
@@ -43,8 +43,9 @@ private:
 /// The time between two garbage collections, as its views see it: keeps the blob files that they may need.
 ///
 /// A garbage collection ends the epoch and hands it the files that views made until then may need. Those of them that
-/// it takes out of force go when the last view of the epochs before has gone, on that view's thread; after a crash they
-/// are orphans. Thread: any; hold() once, by who ended it and still holds it. Owner: shared by the store and its views.
+/// it takes out of force are removed when the last view of the epochs before has ended, on that view's thread; after a
+/// crash they are orphans. Thread: any; hold() once, by who ended it and still holds it. Owner: shared by the store and
+/// its views.
 class BlobEpoch_ {
 public:
     using Held = std::vector<std::shared_ptr<HeldBlobFile_>>;

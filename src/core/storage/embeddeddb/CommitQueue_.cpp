@@ -242,7 +242,7 @@ std::uint64_t CommitQueue_::logBytes() {
     return logBytes_;
 }
 
-/// Ends in any case by saying so, so that nobody waits for a worker that is gone.
+/// Ends in any case by saying so, so that nobody waits for a worker that has ended.
 void CommitQueue_::runWorker_() {
     const ZnMutexLocker locker(core_.mutex);
     try {
@@ -552,7 +552,7 @@ void CommitQueue_::insert_(GroupView_ group, std::uint64_t firstSequence) {
     core_.lastWriteNs = monotonicNowNs();
 }
 
-/// The end of whatever commitActive was set for.
+/// The end of whatever commitActive_ was set for.
 void CommitQueue_::leave_() {
     commitActive_ = false;
     core_.workerCondition.notify_all();

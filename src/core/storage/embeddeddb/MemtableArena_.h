@@ -28,8 +28,8 @@ private:
 
 /// Memory that is given back as a whole: the entries of a memtable, one behind the other.
 ///
-/// A hundred thousand entries go with a few calls, instead of three for each, during which other threads that want
-/// memory would wait. Thread: that of its memtable. Owner: the memtable; outlives its maps.
+/// A hundred thousand entries are freed by a few calls, instead of three for each, during which other threads that
+/// want memory would wait. Thread: that of its memtable. Owner: the memtable; outlives its maps.
 class MemtableArena_ final : public std::pmr::memory_resource {
 public:
     /// A copy.

@@ -25,7 +25,7 @@ public:
 
     /// Goes to the first record in `bounds`, which must outlive the source; the last one with `isReverse`.
     void begin(const KeyBounds_& bounds, bool isReverse);
-    /// False behind the last record in bounds, and when isBroken().
+    /// False past the last record in bounds, and when isBroken().
     bool isValid() const noexcept { return isValid_; }
     /// A block of the table could not be read.
     bool isBroken() const noexcept { return cursor_.has_value() && cursor_->isBroken(); }

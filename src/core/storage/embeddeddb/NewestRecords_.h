@@ -16,7 +16,7 @@ class NewestRecords_ {
 public:
     explicit NewestRecords_(const TableList_& tables) : merge_(sourcesOf_(tables), {}, false) {}
 
-    /// False behind the last key, and when a table could not be read, which status() tells.
+    /// False past the last key, and when a table could not be read, which status() tells.
     bool isValid() const noexcept { return merge_.isValid(); }
     ZnEmbeddedDbStatus status() const {
         return merge_.broken() == nullptr ? ZnEmbeddedDbStatus() : unreadableTable(*merge_.broken()->table());

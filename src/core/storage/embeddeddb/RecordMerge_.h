@@ -22,7 +22,7 @@ public:
     /// With `isReverse` from the greatest key down; the order of records with one key is the same.
     RecordMerge_(std::vector<MergeSource_> sources, KeyBounds_ bounds, bool isReverse);
 
-    /// False behind the last record, and when broken() tells of a source that could not be read.
+    /// False past the last record, and when broken() tells of a source that could not be read.
     bool isValid() const noexcept { return !heap_.empty(); }
     const MergeSource_* broken() const noexcept { return broken_; }
     /// The rest only while isValid().

@@ -264,8 +264,8 @@ ZnEmbeddedDbStatus Recovery_::pinListedBlobFiles_(RecoveredStore_* store, std::u
     return status;
 }
 
-/// Fails for a file that is not there. One that is there and cannot be opened may go later, but trying again would not
-/// change that.
+/// Fails for a file that is not there. One that is there and cannot be opened may vanish later, but trying again would
+/// not change that.
 ZnEmbeddedDbStatus Recovery_::pinUsedBlobFiles_(RecoveredStore_* store) {
     store->blobs = knownBlobs_->emptyCopy();
     std::set<std::uint64_t> usedIds;
@@ -288,7 +288,7 @@ ZnEmbeddedDbStatus Recovery_::pinUsedBlobFiles_(RecoveredStore_* store) {
     return missing;
 }
 
-/// The log that was active when the manifest was written must be there: only a later manifest lets it go.
+/// The log that was active when the manifest was written must be there: only a later manifest lets it be removed.
 ZnEmbeddedDbStatus Recovery_::findLogs_(const RecoveredStore_& store) {
     for (const ZnString& name : listing_.wal) {
         const std::uint64_t walId = idOf(name, kWalPrefix, kWalSuffix);
@@ -447,7 +447,7 @@ void Recovery_::clean(const ManifestState_& manifest, const TableHandles_& table
     removeUnknown_(paths_.tempDir, listing_.temporary, {}, ".tmp");
     removeUnknown_(paths_.tablesDir, listing_.tables, tablePaths, ".sst");
     removeUnknown_(paths_.blobsDir, listing_.blobs, blobPaths, knowsBlobUses ? kBlobSuffix : ".tmp");
-    removeUnknown_(paths_.walDir, listing_.wal, {}, ".tmp"); // logs themselves go by the manifest
+    removeUnknown_(paths_.walDir, listing_.wal, {}, ".tmp"); // logs themselves are removed by the manifest
     removeOldManifests(files_, paths_.rootPath, manifest.manifestId - 1, options_.keepManifests);
 }
 

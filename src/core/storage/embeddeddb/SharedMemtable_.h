@@ -46,7 +46,7 @@ private:
 ///
 /// Thread: any, through `lock`. Owner: shared by the store and the views.
 struct SharedMemtable_ {
-    MemtableLock_ lock; // behind the store's mutex; see docs/lock-order.md
+    MemtableLock_ lock; // taken after the store's mutex; see docs/lock-order.md
     Memtable_ table ZN_GUARDED_BY(lock);
 
     /// Of a memtable that has been sealed: without the lock, sorted when first asked for.

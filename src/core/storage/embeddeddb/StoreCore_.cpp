@@ -218,7 +218,7 @@ void StoreCore_::publishView() {
     next->blobs = blobs;
     next->counters = counters;
     next->blobEpoch = blobEpoch;
-    ReadViewPtr_ last = std::move(next); // what nobody needs any more goes with the lock released
+    ReadViewPtr_ last = std::move(next); // what nobody needs any more is destroyed with the lock released
     const ZnMutexLocker locker(viewLock_);
     view_.swap(last);
 }
@@ -378,7 +378,7 @@ void StoreCore_::collectObsoleteWalFiles() {
     const std::uint64_t replayFrom = manifest.replayFromWalId;
     const std::uint64_t manifestId = manifest.manifestId - 1;
     const bool cleansManifests = ++manifestCommits_ % kManifestCleanInterval == 0;
-    mutex.unlock(); // a large file takes its time to go
+    mutex.unlock(); // removing a large file takes its time
     for (const ZnString& path : listFiles(files, paths.walDir, kWalPrefix, kWalSuffix)) {
         const std::uint64_t id = parseFileId(path, kWalPrefix, kWalSuffix);
         if (id != 0 && id < replayFrom)

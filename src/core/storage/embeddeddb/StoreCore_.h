@@ -78,7 +78,7 @@ struct StoreCore_ {
     std::deque<SealedMemtable_> immutableMemtables ZN_GUARDED_BY(mutex); // oldest first
     std::shared_ptr<const TableViews_> tableViews ZN_GUARDED_BY(mutex);  // of `manifest.tables`
     std::shared_ptr<BlobEpoch_> blobEpoch ZN_GUARDED_BY(mutex);
-    /// Of blob files that views of earlier epochs may need: in force, or retired and perhaps gone. By id.
+    /// Of blob files that views of earlier epochs may need: in force, or retired and perhaps removed. By id.
     std::map<std::uint64_t, std::weak_ptr<HeldBlobFile_>> heldBlobFiles ZN_GUARDED_BY(mutex);
     std::size_t level0Depth ZN_GUARDED_BY(mutex) = 0; // tables of level 0 of the kind that has most
     // Files with this id and above may be those of work that runs; 0: none runs.
@@ -126,7 +126,7 @@ struct StoreCore_ {
     /// All or nothing: writes a manifest with the change, makes it the one in force, and only then tells readers. Lets
     /// go of the mutex while the disk works: writers do not wait, and no other change begins.
     ZnEmbeddedDbStatus commitTables(const TableChange_& change) ZN_REQUIRES(mutex);
-    /// Whether it is known that a commit that failed changed nothing on the disk, so that its files can go.
+    /// Whether it is known that a commit that failed changed nothing on the disk, so that its files can be removed.
     bool isOldManifestInForce() ZN_REQUIRES(mutex);
     /// Deletes the logs that are not needed any more; those that cannot be deleted are tried again the next time. Lets
     /// go of the mutex, too.
@@ -153,7 +153,7 @@ private:
 
     void publishCommit_() ZN_REQUIRES(mutex);
 
-    mutable ZnMutex viewLock_; // leaf, behind mutex
+    mutable ZnMutex viewLock_; // leaf; taken after mutex
     ReadViewPtr_ view_ ZN_GUARDED_BY(viewLock_);
     bool manifestBusy_ ZN_GUARDED_BY(mutex) = false; // one is being written
     int tableHolds_ ZN_GUARDED_BY(mutex) = 0;

@@ -203,7 +203,7 @@ std::shared_ptr<const TableHandle_> Verification::openTable_(const TablePtr_& kn
     return nullptr;
 }
 
-/// Whether the table is gone because a writer has changed the set of tables since the store was opened to read.
+/// Whether the table is missing because a writer has changed the set of tables since the store was opened to read.
 bool Verification::isReplaced_(const ZnString& fileName) const {
     std::uint64_t manifestId = 0;
     std::vector<ZnString> names;

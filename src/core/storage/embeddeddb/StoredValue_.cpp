@@ -18,7 +18,7 @@ bool readBlobRef(ByteReader_* reader, BlobRef_* blob) noexcept {
            reader->read(&blob->crc32) && reader->read(&blob->flags);
 }
 
-/// Calls `beginIndex(name)` for every index, and behind it `addKey(name, key)` for each of its keys. False for what is
+/// Calls `beginIndex(name)` for every index, and after it `addKey(name, key)` for each of its keys. False for what is
 /// no metadata, found perhaps after some of the calls. Counts from the bytes only end loops, and every turn of a loop
 /// uses up bytes: nothing is reserved by them.
 template <typename BeginIndex, typename AddKey>

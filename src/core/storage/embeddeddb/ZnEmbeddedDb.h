@@ -109,8 +109,8 @@ public:
     /// again as the live data, until it is done.
     ZnEmbeddedDbStatus compact();
     /// Writes all records in memory to tables and, when a blob file has 30 percent of bytes or more that no record
-    /// refers to, all live records anew, after which the old blob files go. Waits for it; others read and write
-    /// meanwhile. In a store that nobody writes to, this happens in the background.
+    /// refers to, all live records anew, after which the old blob files are removed. Waits for it; others read and
+    /// write meanwhile. In a store that nobody writes to, this happens in the background.
     ZnEmbeddedDbStatus collectGarbage();
     /// Lets a store be written to again after failures that can pass: compactions that failed three times in a row.
     /// Gives the error that is left.
@@ -124,7 +124,7 @@ public:
     ZnEmbeddedDbStatus refresh();
     /// Calls back whenever the writer of this store, which has notifyChanges on, has brought other tables into force:
     /// on this thread's event loop, which must be there until close(), on a fiber, and not again while it runs. Only
-    /// the latest of changes in quick succession is told, and none from before: call refresh() once behind watch().
+    /// the latest of changes in quick succession is told, and none from before: call refresh() once after watch().
     /// Writes to the log alone are not told. The callback may call refresh(), watch() and close(). A second call
     /// replaces the first, an empty function ends it, and so does close(). In a store that is open for writing it
     /// tells of the store's own changes. Code 4: no event loop. Code 6: shared memory cannot be used.

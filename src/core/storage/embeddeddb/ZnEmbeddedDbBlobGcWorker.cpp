@@ -70,7 +70,7 @@ bool BlobGcManager_::isEnding_() const {
 }
 
 /// A file that cannot be opened is passed over. So is one without an id: nothing would ever remove it, and each flush
-/// would begin a run. So is one that is there for older views alone: they still need it, and it goes with them.
+/// would begin a run. So is one that is there for older views alone: they still need it, and their end removes it.
 void BlobGcManager_::findBlobFiles_() {
     for (const ZnString& path : listFiles(core_.files, paths_.blobsDir, kBlobPrefix, kBlobSuffix)) {
         const std::uint64_t id = parseFileId(path, kBlobPrefix, kBlobSuffix);

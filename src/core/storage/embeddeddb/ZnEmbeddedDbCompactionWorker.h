@@ -23,8 +23,8 @@ using CompactionGroups_ =
 /// Merges tables, each group into one, and puts the results in force in one commit.
 ///
 /// Of records with one key the one with the largest sequence stays, whatever the order of the tables. Values in blob
-/// files are not touched. Of a group that is whole, tombstones go, and entries of an index that no record has any more.
-/// Reads and writes block by block: it needs 16 bytes a key besides.
+/// files are not touched. Of a group that is whole, tombstones are dropped, and index entries that no record has any
+/// more. Reads and writes block by block: it needs 16 bytes a key besides.
 /// Thread: one of the store's pool; the mutex is held to take the inputs and to commit. Owner: the task, as a local.
 class CompactionManager_ {
 public:

@@ -16,8 +16,8 @@ class IteratorCore_;
 ///     for (auto records = store.scan({.prefix = ZnByteArray("user/")}); records.valid(); records.next()) ...
 ///     if (!records.status().isOk()) ... // not all was seen
 ///
-/// Thread: one at a time. It stays good when the store is closed, and must go before the ZnStorageFiles of
-/// the store. While it lives, the files that it reads stay on disk, also when the store has replaced them.
+/// Thread: one at a time. It stays good when the store is closed, and must be destroyed before the
+/// ZnStorageFiles of the store. While it lives, the files that it reads stay on disk, also replaced ones.
 class ZnEmbeddedDbIterator {
 public:
     explicit ZnEmbeddedDbIterator(std::unique_ptr<znEmbeddedDbDetail::IteratorCore_> core);
@@ -27,7 +27,7 @@ public:
     ZnEmbeddedDbIterator(ZnEmbeddedDbIterator&& other) noexcept;
     ZnEmbeddedDbIterator& operator=(ZnEmbeddedDbIterator&& other) noexcept;
 
-    /// False behind the last record, and when it could not go on: see status().
+    /// False past the last record, and when it could not go on: see status().
     bool valid() const noexcept;
     /// The rest only while valid(). Views are good until the next call of next().
     void next();
@@ -40,7 +40,7 @@ public:
     /// Of an iterator over an index: the secondary key that led to this record.
     std::string_view secondaryKey() const noexcept;
 
-    /// Why it ended: Ok behind the last record.
+    /// Why it ended: Ok after the last record.
     const ZnEmbeddedDbStatus& status() const noexcept;
 
 private:

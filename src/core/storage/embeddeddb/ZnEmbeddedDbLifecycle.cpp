@@ -155,7 +155,8 @@ void LifecycleManager_::openNotifier_() {
 
 /// What the logs held goes into tables first. It may have been read from the system's memory, and a process before this
 /// one may have seen a sync of it fail: then no sync of that log would tell what is on the disk. New files do. After
-/// that a new log, which the new manifest makes the active one, and what the old ones left behind can go.
+/// that a new log begins, which the new manifest makes the active one, and what the old ones left behind can be
+/// removed.
 ZnEmbeddedDbStatus LifecycleManager_::beginToWrite_(Recovery_* recovery) {
     StoreCore_& core = store_.core;
     if (ZnEmbeddedDbStatus status = store_.flushes.flushRecovered(); !status.isOk())

@@ -6,7 +6,6 @@ namespace {
 
 TEST(ZnHttpContext, ReadsAndAnswersInOneWord) {
     ZnHttpRequest request;
-    request.headers.insert("x-a", "1");
     request.body = ZnByteArray(std::string_view("\0\xEF\0\xBB\xBF{\0}\0", 9));
     ZnHttpContext context(request);
     ZnJsonDocument document(ZnJsonValue("before"));
@@ -16,7 +15,6 @@ TEST(ZnHttpContext, ReadsAndAnswersInOneWord) {
     request.body = ZnByteArray(std::string_view("{"));
     EXPECT_FALSE(context.parseJsonBody(&document, &errorText));
     EXPECT_EQ(document.toJson(), "{}");
-    EXPECT_EQ(context.requestHeader("X-A", "none") + context.requestHeader("x-b", "none"), "1none");
     EXPECT_FALSE(context.responded());
     context.json(ZnJsonObject{{"b", 1}, {"a", true}}, 201);
     EXPECT_TRUE(context.responded());
@@ -28,10 +26,6 @@ TEST(ZnHttpContext, ReadsAndAnswersInOneWord) {
     context.text("x", 404);
     EXPECT_EQ(context.response().head(true), "HTTP/1.1 404 Not Found\r\ncontent-type: text/plain; charset=utf-8\r\n"
                                              "content-length: 1\r\nconnection: close\r\n\r\n");
-    context.sendStatus(204);
-    EXPECT_EQ(context.response().status, 204);
-    EXPECT_EQ(context.response().headers.value("content-length"), "0");
-    EXPECT_TRUE(context.response().body.isEmpty());
 }
 
 // setHeader refuses; handlers may fill the map themselves, and what leaves is clean all the same.

@@ -100,20 +100,6 @@ protected:
     std::list<Link> links_;
 };
 
-TEST_F(ZnHttpSessionTest, AnswersWithoutGoingThroughTheLoop) {
-    router_.addRoute("GET", "/a", echoOf);
-    Link& link = open();
-    link.socket->receive(getOf("/a") + "HEAD /a HTTP/1.1\r\n");
-    link.socket->receive("\r\n" + getOf("/b"));
-    const std::string answer = answerTo("/a");
-    const std::string head = answer.substr(0, answer.size() - 2);
-    EXPECT_TRUE(link.output.starts_with(answer + head + "HTTP/1.1 404 Not Found\r\n")) << link.output;
-    EXPECT_FALSE(link.session->isClosed());
-    link.socket->receive("GET /a HTTP/1.0\r\n\r\n");
-    EXPECT_TRUE(link.output.ends_with(answerTo("/a", "close")));
-    EXPECT_NE(link.closedNs, 0);
-}
-
 // With the pool saturated the post that goes on with the burst is refused.
 TEST_F(ZnHttpSessionTest, ALongBurstGivesOthersATurnAndIsNeverLost) {
     int handledCount = 0;
@@ -444,22 +430,6 @@ TEST_F(ZnHttpSessionTest, OnlyTheFirstAnswerToTheRequestCounts) {
     EXPECT_FALSE(link.session);
 }
 
-TEST_F(ZnHttpSessionTest, RefusedInputIsAnsweredAndTheRestDiscarded) {
-    // The last: all of the peer's words were read, as far as one can tell.
-    const std::tuple<const char*, std::string, std::string, bool> kRows[] = {
-        {"GET\r\n\r\n", "400 Bad Request", "Malformed request line", true},
-        {"POST / HTTP/1.1\r\ncontent-type: multipart/form-data\r\ncontent-length: 1\r\n\r\nx", "400 Bad Request",
-         "Missing multipart boundary", true},
-        {"POST / HTTP/1.1\r\ncontent-length: 9000000\r\n\r\n", "413 Payload Too Large", "Body too large", false}};
-    for (const auto& [input, status, body, closesAtOnce] : kRows) {
-        Link& link = open();
-        link.socket->receive(input);
-        EXPECT_TRUE(link.output.starts_with("HTTP/1.1 " + status)) << link.output;
-        EXPECT_TRUE(link.output.ends_with("connection: close\r\n\r\n" + body)) << link.output;
-        EXPECT_EQ(link.closedNs != 0, closesAtOnce);
-    }
-}
-
 TEST_F(ZnHttpSessionTest, WhatComesAfterARefusalIsDiscardedForAWhile) {
     for (const bool isFlood : {false, true}) {
         Link& link = open();
@@ -568,17 +538,6 @@ TEST_F(ZnHttpSessionTest, EmptyLinesKeepNoConnection) {
             EXPECT_NE(link.closedNs, 0);
         }
     }
-}
-
-// The time for the next request counts from the start of the last one, so a late answer leaves none; the timer was
-// armed for the handler's time. The peer has not been slow, so it is told nothing.
-TEST_F(ZnHttpSessionTest, AConnectionIsGivenUpBehindALateAnswer) {
-    router_.addRoute("GET", "/", [this](const ZnHttpRequest& request) { return park(300), echoOf(request); });
-    Link& link = open(nullptr, {100, 60000, 60000, 60000});
-    runOnFiber([&] { link.socket->receive(getOf("/")); });
-    EXPECT_EQ(link.output, answerTo("/"));
-    EXPECT_TRUE(runUntil([&] { return link.closedNs != 0; }, 2000));
-    EXPECT_EQ(link.output, answerTo("/"));
 }
 
 } // namespace

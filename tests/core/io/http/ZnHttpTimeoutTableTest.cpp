@@ -57,18 +57,4 @@ TEST(ZnHttpTimeoutTable, APeerThatTakesBytesIsNotSlowAndADrainEnds) {
     EXPECT_EQ(table.verdict(Phase::Draining, 2000 * kMs), Verdict::Close);
 }
 
-TEST(ZnHttpTimeoutTable, TheTimerIsArmedOnTheGridAndOnlyEverForSooner) {
-    ZnHttpTimeoutTable_ table({300, 100, 1000, 1000}, 50 * kMs); // ticks at 250, 450, ...
-    EXPECT_EQ(table.arm(Phase::Head, 60 * kMs), 390 * kMs);
-    EXPECT_FALSE(table.isArmedFor(Phase::Handling));
-    EXPECT_EQ(table.arm(Phase::Handling, 60 * kMs), 190 * kMs);
-    EXPECT_TRUE(table.isArmedFor(Phase::Head));
-    EXPECT_EQ(table.arm(Phase::Head, 70 * kMs), 0);
-    table.noteFired();
-    EXPECT_FALSE(table.isArmedFor(Phase::Head));
-    EXPECT_EQ(table.arm(Phase::Head, 1000 * kMs), 50 * kMs) << "what is overdue waits for the next tick";
-    table.noteFired();
-    EXPECT_TRUE(table.isArmedFor(Phase::Closed));
-}
-
 } // namespace

@@ -28,7 +28,7 @@ public:
     /// Prepares the client's side of a handshake with `host`, whose name the certificate must carry. An empty `caFile`
     /// stands for the discovered roots; `sessions` may be null. False with the reason in lastError().
     bool initClient(const ZnString& host, std::uint64_t socketHandle, const ZnString& caFile,
-                    std::shared_ptr<ZnSslSessions_> sessions);
+                    std::shared_ptr<ZnSslSessions_> sessions = nullptr);
     /// Prepares the server's side. False with the reason in lastError().
     bool initServer(std::shared_ptr<const ZnSslServerContext> serverContext, std::uint64_t socketHandle);
 

@@ -97,17 +97,18 @@ void ZnHttpConnectionPool::put(const Key& key, ZnTcpSocket* socket, int idleMs) 
     Host_& host = hosts_[key];
     makeRoom_(&host);
     socket->setParent(this);
-    watch_(socket);
+    watch_(socket, key.useTls);
     host.idle.push_back({socket, monotonicNowNs() + std::min(idleMs, maxIdleMs_) * kNsPerMs});
     ++idleCount_;
     armTimer_(host.idle.back().deadlineNs);
 }
 
-void ZnHttpConnectionPool::watch_(ZnTcpSocket* socket) {
+/// An end and an error are announced by readyRead, too, as there is nobody who reads; TLS closes without it.
+void ZnHttpConnectionPool::watch_(ZnTcpSocket* socket, bool isTls) {
     const auto onSign = [this, socket] { onSign_(socket); };
     socket->connect(&ZnIODevice::readyRead, this, onSign);
-    socket->connect(&ZnAbstractSocket::disconnected, this, onSign);
-    socket->connect(&ZnAbstractSocket::errorOccurred, this, onSign);
+    if (isTls)
+        socket->connect(&ZnAbstractSocket::disconnected, this, onSign);
 }
 
 void ZnHttpConnectionPool::makeRoom_(Host_* host) {

@@ -77,7 +77,7 @@ private:
 
     static void checkTrust_(const Key& key, Host_* host, long long nowNs);
     static bool isUsable_(const Key& key, const Host_& host, const Idle_& entry, long long nowNs);
-    void watch_(ZnTcpSocket* socket);
+    void watch_(ZnTcpSocket* socket, bool isTls);
     void makeRoom_(Host_* host);
     void onSign_(ZnTcpSocket* socket);
     void sweep_();

@@ -60,6 +60,11 @@ public:
         usesProgress_ = isOn;
         dispatcher_->setProgress(isOn);
     }
+    /// Whether connections to a service that does not say are kept, and how many of each service may wait at most.
+    void setKeepAlive(bool isOn, std::size_t maxIdle) {
+        dispatcher_->connections().setDefault(isOn);
+        dispatcher_->connections().setMaxIdle(maxIdle);
+    }
     /// Takes changes of the allowlist, and of the files with its secrets, over while it runs.
     void setReload(bool isOn) { reloads_ = isOn; }
     const ZnString& mcpPath() const noexcept { return mcpPath_; }

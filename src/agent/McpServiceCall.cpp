@@ -164,6 +164,7 @@ McpForwardResult McpServiceCall::post_(McpForwardRequest&& request) {
     const bool tellsProgress = request.progressToken && message_.progressToken && message_.caller->takesMessages();
     posted_ = {request.opensSession ? std::nullopt : request.id, request.sessionId, request.protocolVersion};
     call_.emplace(service_, std::move(request), context_.maxAnswerBytes, *context_.workers);
+    context_.connections->apply(*call_, service_);
     entry_.emplace(*context_.inFlight, *call_, service_.id,
                    message_.mayCancel || context_.usesProgress ? mcp::callKey(message_.sessionId, message_.idText)
                                                                : ZnString());

@@ -22,7 +22,8 @@ struct McpCallContext {
     const std::shared_ptr<McpServiceList> services;
     const std::shared_ptr<McpWorkers> workers;
     const std::shared_ptr<McpCallsInFlight> inFlight = std::make_shared<McpCallsInFlight>();
-    const std::shared_ptr<McpServiceNotes> notes = std::make_shared<McpServiceNotes>();
+    const std::shared_ptr<McpKeptConnections> connections = std::make_shared<McpKeptConnections>(services);
+    const std::shared_ptr<McpServiceNotes> notes = std::make_shared<McpServiceNotes>(connections);
     const std::shared_ptr<McpServiceSessions> sessions = std::make_shared<McpServiceSessions>(workers, notes);
     std::int64_t maxAnswerBytes = kDefaultAnswerBytes;
     bool usesProgress = false;                       // see McpDispatcher::setProgress

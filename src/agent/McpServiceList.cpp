@@ -53,6 +53,7 @@ void McpServiceList::addSecretRemark_(const ZnString& path, McpServiceFile* file
 }
 
 void McpServiceList::set_(McpServiceFile file) {
+    serial_.fetch_add(1, std::memory_order_relaxed);
     ZnMutexLocker locker(lock_);
     for (auto& [id, record] : file.services) {
         if (const Ref before = services_.value(id); before && *before == *record)

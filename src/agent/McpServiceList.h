@@ -7,6 +7,7 @@
 #include "core/types/ZnMutex.h"
 #include "core/types/ZnString.h"
 
+#include <atomic>
 #include <memory>
 #include <vector>
 
@@ -37,6 +38,8 @@ public:
     /// Null for an unknown id; blanks around it do not count.
     Ref find(const ZnString& id);
     std::size_t size();
+    /// Another one after each change. Any thread.
+    unsigned serial() const noexcept { return serial_.load(std::memory_order_relaxed); }
     /// The longest time limit of a call; 0 without services.
     int longestTimeoutMs();
     ZnJsonArray publicViews();
@@ -49,7 +52,8 @@ private:
     void set_(McpServiceFile file);
 
     std::vector<ZnString> remarks_;
-    ZnMutex lock_; // leaf
+    std::atomic<unsigned> serial_{0}; // orders nothing: who sees it late keeps connections of no use a little longer
+    ZnMutex lock_;                    // leaf
     std::vector<ZnString> secretFiles_ ZN_GUARDED_BY(lock_);
     McpServiceFile::ServiceMap services_ ZN_GUARDED_BY(lock_);
 };

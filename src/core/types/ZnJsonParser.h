@@ -15,6 +15,7 @@
 /// No recursion: the containers that are open are kept in a table as deep as the deepest permitted text, so
 /// the use of stack is fixed. The first failure stops the parse.
 /// The children of all containers are counted first, so that each container has its place from the start.
+/// Its many private functions are the rules of two grammars over one position in one text.
 class ZnJsonParser_ {
 public:
     /// `key` may be a temporary of the expression that parses.

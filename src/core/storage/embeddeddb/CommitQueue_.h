@@ -19,7 +19,8 @@ class MaintenanceScheduler_;
 ///
 /// A writer that finds nobody else does it on its own thread, which spares two thread switches; all others leave their
 /// write in the queue, for the commit worker. Whoever commits holds commitActive_ and, with it, the log; the store's
-/// mutex is free while the disk works. Thread: any, where nothing else is said. Owner: Store_.
+/// mutex is free while the disk works. Its many private functions are the steps of one commit, which share that hold.
+/// Thread: any, where nothing else is said. Owner: Store_.
 class CommitQueue_ {
 public:
     CommitQueue_(StoreCore_& core, FlushScheduler_& flushes, MaintenanceScheduler_& maintenance);

@@ -20,7 +20,8 @@ struct PendingWrite_ {
     std::uint64_t putCount = 0;
     std::function<void(const ZnEmbeddedDbStatus&)> whenDone; // set: nobody waits
 
-    std::mutex mutex; // of what follows, where somebody waits
+    // Of what follows, where somebody waits. The condition wants this type, and spares the waiter a second lock.
+    std::mutex mutex;
     std::condition_variable condition;
     ZnEmbeddedDbStatus status;
     bool done = false;

@@ -8,6 +8,7 @@
 #include "core/platform/ZnFileIdentity.h"
 #include "core/platform/ZnMonotonicClock.h"
 #include "core/platform/ZnSocketError.h"
+#include "core/platform/ZnWriteAccess.h"
 #include "core/runtime/ZnCoreApplication.h"
 #include "core/types/ZnVersion.h"
 
@@ -27,8 +28,8 @@ ZnCoreApplication* idleApplication() {
     return application == nullptr || application->fiberPool().isOnFiber() ? nullptr : application;
 }
 
-/// Runs the loop until the objects that wait for their deletion are gone. They go in order, so a marker behind them
-/// shows it; the second round is for what the first one left behind.
+/// Runs the loop until the objects that wait for their deletion are destroyed, in their order: a marker after them
+/// shows that it is over. The second round is for what the first one has left.
 void runDeferredDeletions(ZnCoreApplication& application) {
     for (int round = 0; round < 2; ++round) {
         auto* marker = new ZnObject;
@@ -69,7 +70,7 @@ bool acceptsStream(const ZnHttpContext& context) {
            context.request().httpVersion != "HTTP/1.0";
 }
 
-void send(McpReply reply, ZnHttpContext& context) {
+void send(McpReply&& reply, ZnHttpContext& context) {
     for (McpReply::Header& header : reply.headers)
         context.setHeader(header.name, std::move(header.value));
     context.request().keptUntilSent = std::move(reply.keptUntilSent);
@@ -244,11 +245,19 @@ ZnHttpTimeouts BreltMcpBridgeAgent::timeouts_(ZnHttpTimeouts timeouts) const {
 }
 
 bool BreltMcpBridgeAgent::check(const ZnString& tlsCertPath, const ZnString& tlsKeyPath) {
-    const bool hasServices = loadServices_();
+    const ZnString logProblem = monitor_.logProblem();
+    if (!logProblem.isEmpty())
+        std::cerr << "[McpBridge] " << logProblem << std::endl;
+    const bool isUsable = loadServices_() && logProblem.isEmpty();
     if (tlsCertPath.isEmpty() || tlsKeyPath.isEmpty())
-        return hasServices;
+        return isUsable;
     ZnSslServer server;
-    return loadCertificate(server, tlsCertPath, tlsKeyPath) && hasServices;
+    return loadCertificate(server, tlsCertPath, tlsKeyPath) && isUsable;
+}
+
+ZnString BreltMcpBridgeAgent::stateProblem() const {
+    const ZnString problem = stateDirectory_.isEmpty() ? ZnString() : ZnWriteAccess::directoryProblem(stateDirectory_);
+    return problem.isEmpty() ? problem : "state directory: " + stateDirectory_ + ": " + problem;
 }
 
 void BreltMcpBridgeAgent::stop() {
@@ -338,7 +347,7 @@ bool BreltMcpBridgeAgent::lets_(ZnHttpContext& context) {
     return !refusal;
 }
 
-/// Parks; the agent may be gone when it goes on.
+/// Parks; the agent may have been destroyed when it goes on.
 void BreltMcpBridgeAgent::handlePost_(ZnHttpContext& context) {
     if (!lets_(context))
         return;
@@ -349,7 +358,7 @@ void BreltMcpBridgeAgent::handlePost_(ZnHttpContext& context) {
     message.protocolVersion = mcp::headerText(context, "mcp-protocol-version");
     caller.canOpenStream = usesProgress_ && acceptsStream(context);
     const std::shared_ptr<McpDispatcher> dispatcher = dispatcher_;
-    const std::shared_ptr<int> streamCount = streamCount_;
+    const std::shared_ptr<int> streamCount = usesProgress_ ? streamCount_ : nullptr;
     McpReply reply = dispatcher->answer(std::move(message));
     if (reply.later)
         sendStream(std::move(reply), context, streamCount);

@@ -78,6 +78,10 @@ ZnString clientText(const ZnJsonObject& params, std::string_view name) {
     return ZnString(text.view().substr(0, kClientTextBytes));
 }
 
+McpReply noSession(const McpMessage& message) {
+    return message.sessionId.empty() ? McpReply::error(400, "Missing Mcp-Session-Id header") : McpReply::ofStatus(404);
+}
+
 /// An error of JSON-RPC, which observers are told of.
 McpReply fail(McpMessage* message, const ZnJsonValue& id, int code, const char* text, ZnJsonValue data = {}) {
     if (message->record)
@@ -118,7 +122,7 @@ void McpDispatcher::keepSessions(std::shared_ptr<McpSessionKeeper> keeper, std::
     sessions_.restore(std::move(keeper), std::move(sessions), clock_());
 }
 
-McpReply McpDispatcher::answer(McpMessage message) {
+McpReply McpDispatcher::answer(McpMessage&& message) {
     if (!observer_)
         return answer_(message);
     const McpCaller& caller = *message.caller;
@@ -146,7 +150,8 @@ void McpDispatcher::tellObserver_(McpRequestRecord& record, const McpReply& repl
 McpReply McpDispatcher::answer_(McpMessage& message) {
     if (!message.isLarge()) {
         McpReply reply = process_(&message);
-        return finish_(message, reply);
+        finish_(message, &reply);
+        return reply;
     }
     const auto large = std::make_shared<OwnedMessage>(std::move(message));
     const bool hasRun = workers_->await([self = shared_from_this(), large] {
@@ -157,19 +162,20 @@ McpReply McpDispatcher::answer_(McpMessage& message) {
     if (!hasRun)
         return McpReply::ofStatus(kStopping);
     workers_->giveMemoryBackSoon();
-    return finish_(large->message, large->reply);
+    finish_(large->message, &large->reply);
+    return std::move(large->reply);
 }
 
 /// What belongs to the loop.
-McpReply McpDispatcher::finish_(McpMessage& message, McpReply& reply) {
+void McpDispatcher::finish_(McpMessage& message, McpReply* reply) {
     if (!message.cancelledIdText.isEmpty())
         tools_.cancel(message);
     if (!message.evictedSession.isEmpty())
         tools_.endClient(message.evictedSession);
     if (!message.service)
-        return std::move(reply);
+        return;
     const bool wantsStream = message.progressToken && message.caller->canOpenStream;
-    return wantsStream ? forwardLater_(message) : tools_.forward(message);
+    *reply = wantsStream ? forwardLater_(message) : tools_.forward(message);
 }
 
 McpReply McpDispatcher::forwardLater_(McpMessage& message) {
@@ -221,8 +227,8 @@ McpReply McpDispatcher::process_(McpMessage* message) {
 
 McpReply McpDispatcher::processObject_(McpMessage* message) {
     const ZnJsonObject& object = message->object();
-    const bool hasId = object.contains("id");
     const ZnJsonValue& id = object.value("id");
+    const bool hasId = !id.isNull() || object.contains("id");
     if (!isJsonRpc20(object))
         return isUsableId(id) ? fail(message, id, kInvalidRequest, "Invalid Request")
                               : McpReply::error(400, "Invalid JSON-RPC version");
@@ -241,11 +247,10 @@ McpReply McpDispatcher::processObject_(McpMessage* message) {
 }
 
 McpReply McpDispatcher::notify_(McpMessage* message, std::string_view method) {
-    McpReply refusal;
     if (method == "notifications/initialized") {
-        const SessionRef_ session = requireSession_(*message, &refusal);
+        const SessionRef_ session = findSession_(*message);
         if (!session)
-            return refusal;
+            return noSession(*message);
         ZnMutexLocker locker(sessionsLock_);
         session->initialized = true;
     }
@@ -255,14 +260,12 @@ McpReply McpDispatcher::notify_(McpMessage* message, std::string_view method) {
 }
 
 McpReply McpDispatcher::dispatch_(McpMessage* message, std::string_view method) {
-    McpReply refusal;
-    const SessionRef_ session = requireSession_(*message, &refusal);
-    if (!session)
-        return refusal;
-    message->session = session;
+    message->session = findSession_(*message);
+    if (!message->session)
+        return noSession(*message);
     if (message->record)
-        message->record->session = session;
-    const std::string_view agreed = session->protocolVersion.view();
+        message->record->session = message->session;
+    const std::string_view agreed = message->session->protocolVersion.view();
     if (!message->protocolVersion.empty() ? message->protocolVersion != agreed : !isSupportedProtocol(agreed))
         return McpReply::error(400, "MCP protocol version mismatch");
     const ZnJsonValue& id = message->object().value("id");
@@ -275,16 +278,11 @@ McpReply McpDispatcher::dispatch_(McpMessage* message, std::string_view method) 
     return fail(message, id, kMethodNotFound, "Method not found");
 }
 
-McpDispatcher::SessionRef_ McpDispatcher::requireSession_(const McpMessage& message, McpReply* refusal) {
-    if (message.sessionId.empty()) {
-        *refusal = McpReply::error(400, "Missing Mcp-Session-Id header");
+McpDispatcher::SessionRef_ McpDispatcher::findSession_(const McpMessage& message) {
+    if (message.sessionId.empty())
         return nullptr;
-    }
     ZnMutexLocker locker(sessionsLock_);
-    SessionRef_ session = sessions_.find(message.sessionId, clock_());
-    if (!session)
-        *refusal = McpReply::ofStatus(404);
-    return session;
+    return sessions_.find(message.sessionId, clock_());
 }
 
 McpReply McpDispatcher::initialize_(McpMessage* message) {

@@ -54,7 +54,7 @@ public:
     void setCallObserver(std::shared_ptr<McpObserver> observer) { tools_.setObserver(std::move(observer)); }
 
     /// Parks where the answer has to be waited for. The caller holds a reference to the dispatcher meanwhile.
-    McpReply answer(McpMessage message);
+    McpReply answer(McpMessage&& message);
     /// The answer to a front's word that the session is over.
     McpReply endSession(std::string_view id);
 
@@ -69,7 +69,7 @@ public:
 
 private:
     McpReply answer_(McpMessage& message);
-    McpReply finish_(McpMessage& message, McpReply& reply);
+    void finish_(McpMessage& message, McpReply* reply);
     McpReply forwardLater_(McpMessage& message);
     void tellObserver_(McpRequestRecord& record, const McpReply& reply, std::size_t toldBytes) const;
 
@@ -83,8 +83,8 @@ private:
     McpReply initialize_(McpMessage* message);
     ZnJsonObject initializeResult_() const;
     SessionRef_ createSession_(const ZnJsonObject& params, ZnString* evicted);
-    /// The session that the message names; null, with the answer, when there is none.
-    SessionRef_ requireSession_(const McpMessage& message, McpReply* refusal);
+    /// The session that the message names; null when there is none.
+    SessionRef_ findSession_(const McpMessage& message);
 
     const std::shared_ptr<McpWorkers> workers_ = std::make_shared<McpWorkers>();
     McpTools tools_;

@@ -17,7 +17,7 @@ constexpr std::size_t kBytesInOneGo = 65536; // of small events: a million of th
 constexpr std::size_t kEventBytes = 64;      // what an event costs beside its text
 } // namespace
 
-McpForwardCall::McpForwardCall(const McpBridgeServiceRecord& record, McpForwardRequest request,
+McpForwardCall::McpForwardCall(const McpBridgeServiceRecord& record, McpForwardRequest&& request,
                                std::int64_t maxAnswerBytes, McpWorkers& workers)
     : endpoint_(record.endpoint),
       timeoutMs_(request.timeoutMs > 0 ? request.timeoutMs : record.limitMs()),
@@ -40,8 +40,6 @@ McpForwardCall::McpForwardCall(const McpBridgeServiceRecord& record, McpForwardR
     client_.connect(&ZnHttpClient::errorOccurred, &loop_, [this](int code) { onResponseEnd_(code); });
     timer_.connect(&ZnTimer::timeout, &loop_, [this] { end(kTimedOut); });
     timer_.setSingleShot(true);
-    resumeTimer_.connect(&ZnTimer::timeout, &loop_, [this] { resume_(); });
-    resumeTimer_.setSingleShot(true);
 }
 
 McpForwardResult McpForwardCall::run() {
@@ -64,7 +62,7 @@ void McpForwardCall::end(int errorCode) {
     finishForward_(false, errorCode);
 }
 
-/// Returns whether the answer is there. The call may be over, and gone, when it returns false.
+/// Returns whether the answer is there. The call may be over, and destroyed, when it returns false.
 bool McpForwardCall::takeAnswer_(const ZnMap<ZnString, ZnString>& headers, std::string_view bytes) {
     answerBytes_ += bytes.size();
     if (growth_ && !growth_(answerBytes_)) {
@@ -145,8 +143,10 @@ void McpForwardCall::onResponseEnd_(int errorCode) {
         result_.reason = client_.reasonPhrase();
         result_.mcpSessionId = client_.responseHeaders().value("mcp-session-id");
     }
-    resumeTimer_.stop(); // one that has fired counts as running
-    resumeTimer_.start(stream_->retryMs());
+    resumeTimer_.emplace();
+    resumeTimer_->connect(&ZnTimer::timeout, &loop_, [this] { resume_(); });
+    resumeTimer_->setSingleShot(true);
+    resumeTimer_->start(stream_->retryMs());
 }
 
 /// A service may end a stream when it likes, and a connection may break: what has an id can be asked for from there on.
@@ -170,7 +170,7 @@ void McpForwardCall::finishForward_(bool transportOk, int errorCode) {
     timer_.stop();
     result_.transportOk = transportOk;
     result_.errorCode = errorCode == ZnHttpClient::kClosedEarly ? kTimedOut : errorCode;
-    resumeTimer_.stop();
+    resumeTimer_.reset();
     if (!isResumed_) {
         result_.statusCode = client_.statusCode();
         result_.reason = client_.reasonPhrase();

@@ -48,7 +48,7 @@ public:
     using Growth = std::function<bool(std::size_t byteCount)>;
 
     /// `workers` read messages that are too large for the loop. `maxAnswerBytes`: above 0.
-    McpForwardCall(const McpBridgeServiceRecord& record, McpForwardRequest request, std::int64_t maxAnswerBytes,
+    McpForwardCall(const McpBridgeServiceRecord& record, McpForwardRequest&& request, std::int64_t maxAnswerBytes,
                    McpWorkers& workers);
     McpForwardCall(const McpForwardCall&) = delete;
     McpForwardCall& operator=(const McpForwardCall&) = delete;
@@ -91,7 +91,7 @@ private:
     std::size_t unpausedBytes_ = 0; // of events that were parsed on the loop since others had their turn
     ZnHttpClient client_;
     ZnTimer timer_;
-    ZnTimer resumeTimer_;
+    std::optional<ZnTimer> resumeTimer_; // made when it is needed: timers and their connections are most of a call
     bool isResumed_ = false;
     ZnEventLoop loop_;
     McpForwardResult result_;

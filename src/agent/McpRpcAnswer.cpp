@@ -37,7 +37,8 @@ void McpRpcAnswer::build() {
     if (isExact_)
         repairTexts_();
     readBody_();
-    outcome_ = mcp::outcomeOf(result_.body);
+    if (tellsOutcome_)
+        outcome_ = mcp::outcomeOf(result_.body);
     if (filter_)
         filter_->rules.filterAnswer(&result_.body);
     ZnString payload = payload_();

@@ -37,6 +37,7 @@ public:
     const ZnString& idText() const noexcept { return idText_; }
     /// After build(): without what has gone into the text.
     const McpForwardResult& result() const noexcept { return result_; }
+    void setTellsOutcome(bool isOn) { tellsOutcome_ = isOn; }
     const McpCallOutcome& outcome() const noexcept { return outcome_; }
 
 private:
@@ -52,6 +53,7 @@ private:
     const ZnString endpoint_;
     std::shared_ptr<const McpBridgeServiceRecord> filter_; // null: nothing is taken out
     const std::size_t maxBytes_;
-    McpCallOutcome outcome_;
+    bool tellsOutcome_ = false;
+    McpCallOutcome outcome_; // empty when nobody wants it
     ZnByteArray text_;
 };

@@ -61,7 +61,8 @@ void McpRpcRequest::takeRequest_(const ZnJsonObject& arguments, const ZnJsonObje
         refuse_("Field 'protocolVersion' is not a valid header value", kBadRequest);
     else if (!mcp::isHeaderValue(request_.sessionId.view()))
         refuse_("Field 'sessionId' is not a valid header value", kBadRequest);
-    noteNames_(*request.object());
+    if (tellsNames_)
+        noteNames_(*request.object());
     if (const ZnJsonObject* params = request.object()->value("params").object())
         request_.progressToken = mcp::progressToken(*params);
     request_.listsTools = McpServiceRules::listsTools(*request.object());

@@ -28,6 +28,8 @@ public:
 
     /// A tool that is called is to tell of its progress.
     void setWantsProgress(bool isOn) { wantsProgress_ = isOn; }
+    /// The request is to say which method, and which tool, it calls; a tool call always does.
+    void setTellsNames(bool isOn) { tellsNames_ = isOn; }
     /// Once.
     void build();
     /// Why it cannot be sent; null when it can.
@@ -49,6 +51,7 @@ private:
     JsonReading reading_;
     bool isOther_;
     bool wantsProgress_ = false;
+    bool tellsNames_ = false;
     const char* refusal_ = nullptr;
     int refusalStatus_ = 0; // of HTTP
     McpForwardRequest request_;

@@ -55,6 +55,7 @@ McpReply McpServiceCall::forward_() {
         return finish_(std::make_shared<McpToolAnswer>(message_.idText, std::move(result)));
     const auto answer = std::make_shared<McpRpcAnswer>(message_.idText, std::move(result), service_,
                                                        static_cast<std::size_t>(context_.maxAnswerBytes));
+    answer->setTellsOutcome(context_.observer != nullptr);
     if (isFiltered)
         answer->filterTools(message_.service);
     return finish_(answer);
@@ -72,6 +73,7 @@ bool McpServiceCall::build_(McpForwardRequest* request, ZnString* refusal) {
         isRpc ? McpRpcRequest::Form::AsGiven : McpRpcRequest::Form::ToolCall, message_.service,
         std::move(message_.document), std::move(message_.body),
         wantsExact ? JsonReading::Exact : JsonReading::QuietDialect, wantsExact != context_.isExact);
+    building->setTellsNames(context_.observer != nullptr);
     building->setWantsProgress(message_.progressToken && message_.caller->takesMessages());
     if (!isLarge)
         building->build();
@@ -112,7 +114,7 @@ McpReply McpServiceCall::listTools_() {
 
 // --- exchanges with the service
 
-McpForwardResult McpServiceCall::exchange_(McpForwardRequest request) {
+McpForwardResult McpServiceCall::exchange_(McpForwardRequest&& request) {
     const bool isManaged = isManaged_(request);
     if (isManaged && deadlineNs_ == 0)
         deadlineNs_ = monotonicNowNs() + service_.limitMs() * kNsPerMs;
@@ -129,7 +131,7 @@ bool McpServiceCall::isManaged_(const McpForwardRequest& request) const {
     return service_.keepsSessions && request.sessionId.isEmpty() && !request.opensSession;
 }
 
-McpForwardResult McpServiceCall::exchangeInSession_(McpForwardRequest request) {
+McpForwardResult McpServiceCall::exchangeInSession_(McpForwardRequest&& request) {
     const auto post = [this](McpForwardRequest other) { return post_(std::move(other)); };
     McpForwardResult result;
     for (bool mayRepeat = true;; mayRepeat = false) {
@@ -149,7 +151,7 @@ McpForwardResult McpServiceCall::exchangeInSession_(McpForwardRequest request) {
     }
 }
 
-McpForwardResult McpServiceCall::post_(McpForwardRequest request) {
+McpForwardResult McpServiceCall::post_(McpForwardRequest&& request) {
     entry_.reset();
     const std::size_t requestBytes = request.body.size();
     if (refusal_ == nullptr)

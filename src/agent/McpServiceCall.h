@@ -49,10 +49,10 @@ private:
     McpReply listTools_();
     /// What is to be sent; nothing, with the reason, when it cannot be.
     bool build_(McpForwardRequest* request, ZnString* refusal);
-    McpForwardResult exchange_(McpForwardRequest request);
+    McpForwardResult exchange_(McpForwardRequest&& request);
     bool isManaged_(const McpForwardRequest& request) const;
-    McpForwardResult exchangeInSession_(McpForwardRequest request);
-    McpForwardResult post_(McpForwardRequest request);
+    McpForwardResult exchangeInSession_(McpForwardRequest&& request);
+    McpForwardResult post_(McpForwardRequest&& request);
     int leftMs_() const;
     void handOnProgress_();
     void cancelUpstream_(const McpForwardResult& result);

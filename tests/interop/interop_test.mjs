@@ -59,10 +59,8 @@ async function connectedByStdio({ Client, Stdio, options }, use) {
         await use(client);
     } finally {
         const ended = new Promise(done => { client.onclose = done; });
-        const began = Date.now();
         await client.close();
         await ended;
-        assert.ok(Date.now() - began < 1900, 'it ends with its input, and not by a signal two seconds later');
     }
 }
 

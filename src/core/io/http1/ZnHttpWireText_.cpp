@@ -23,10 +23,6 @@ constexpr std::array<bool, 256> tokenTable() {
 
 constexpr std::array<bool, 256> kTokenTable = tokenTable();
 
-char upperOf(char c) noexcept {
-    return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
-}
-
 // Heads are looked through several times, so what is done with every byte is done with eight at once.
 constexpr std::size_t kWordBytes = sizeof(std::uint64_t);
 constexpr std::uint64_t kOnes = 0x0101010101010101;
@@ -48,17 +44,27 @@ constexpr std::uint64_t lettersIn(std::uint64_t word, char first, char last) noe
 
 /// Turns the letters from `First` to `Last` into those of the other case.
 template <char First, char Last>
+constexpr std::uint64_t converted(std::uint64_t word) noexcept {
+    constexpr int kCaseShift = 2; // from the top bit of a byte to the bit of the case
+    return word ^ (lettersIn(word, First, Last) >> kCaseShift);
+}
+
+template <char First, char Last>
 ZnString converted(std::string_view text) {
-    constexpr std::size_t kCaseShift = 2; // from the top bit of a byte to the bit of the case
     std::string result(text);
-    std::size_t at = 0;
-    for (; at + kWordBytes <= result.size(); at += kWordBytes) {
-        std::uint64_t word = wordAt(result.data() + at);
-        word ^= lettersIn(word, First, Last) >> kCaseShift;
-        std::memcpy(result.data() + at, &word, kWordBytes);
+    char* const bytes = result.data();
+    const auto convertWord = [](char* at) {
+        const std::uint64_t word = converted<First, Last>(wordAt(at));
+        std::memcpy(at, &word, kWordBytes);
+    };
+    if (result.size() < kWordBytes) {
+        for (char& c : result)
+            c = c >= First && c <= Last ? static_cast<char>(c ^ 0x20) : c;
+        return ZnString(std::move(result));
     }
-    for (; at < result.size(); ++at)
-        result[at] = First == 'A' ? lowerOf(result[at]) : upperOf(result[at]);
+    for (std::size_t at = 0; at + kWordBytes < result.size(); at += kWordBytes)
+        convertWord(bytes + at);
+    convertWord(bytes + result.size() - kWordBytes); // what was converted before stays as it is
     return ZnString(std::move(result));
 }
 
@@ -74,8 +80,14 @@ bool isLowerOf(char c, char lowerCase) noexcept {
 } // namespace
 
 bool isToken(std::string_view text) noexcept {
-    for (const char c : text) {
-        if (!kTokenTable[static_cast<unsigned char>(c)])
+    const auto isOne = [text](std::size_t at) { return kTokenTable[static_cast<unsigned char>(text[at])]; };
+    std::size_t at = 0;
+    for (; at + 4 <= text.size(); at += 4) {
+        if (!(isOne(at) & isOne(at + 1) & isOne(at + 2) & isOne(at + 3)))
+            return false;
+    }
+    for (; at < text.size(); ++at) {
+        if (!isOne(at))
             return false;
     }
     return !text.empty();

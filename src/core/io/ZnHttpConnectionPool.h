@@ -5,8 +5,8 @@
 #include "core/types/ZnMap.h"
 #include "core/types/ZnString.h"
 
-#include <compare>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <vector>
 

@@ -39,6 +39,8 @@ constexpr Option kOptions[] = {
     {"mcp_tool_names", "dotted", "names of the tools: dotted, or safe (bridge_rpc), with which both are understood"},
     {"mcp_call_tools", "false", "the tools of the services can be listed and called as such", nullptr, Kind::Switch},
     {"mcp_progress", "false", "calls tell of their progress, and can be cancelled", nullptr, Kind::Switch},
+    {"mcp_modern", "false", "answer clients of 2026-07-28, which open no session, too; needs mcp_interop", nullptr,
+     Kind::Switch},
     {"services_file", "mcp-bridge-services.json", "the allowlist", "Services"},
     {"services_reload", "off", "off, or watch: take a changed allowlist and changed secrets over"},
     {"max_answer_bytes", "16777216", "largest answer taken from a service, 1024 to 1073741824"},
@@ -126,6 +128,8 @@ void AgentOptions::checkValues_() {
     const ZnString toolNames = text("mcp_tool_names").trimmed();
     if (toolNames != "dotted" && toolNames != "safe")
         remarks_.push_back("--mcp_tool_names is neither dotted nor safe; it counts as dotted");
+    if (isOn("mcp_modern") && !isOn("mcp_interop"))
+        remarks_.push_back("--mcp_modern needs --mcp_interop; it counts as off");
     const ZnString reload = text("services_reload").trimmed();
     if (reload != "off" && reload != "watch")
         remarks_.push_back("--services_reload is neither off nor watch; it counts as off");
@@ -199,6 +203,7 @@ bool AgentOptions::configure(BreltMcpBridgeAgent& agent, ZnString* errorText) co
         agent.setMaxAnswerBytes(bytes);
     agent.setInterop(isOn("mcp_interop"));
     agent.setProgress(isOn("mcp_progress"));
+    agent.setModern(isOn("mcp_modern") && isOn("mcp_interop"));
     agent.setReload(text("services_reload").trimmed() == "watch");
     agent.setTools({text("mcp_tool_names").trimmed() == "safe", isOn("mcp_call_tools")});
     agent.setState(text("state_dir").trimmed(), stateSettings_());

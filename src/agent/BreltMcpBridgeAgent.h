@@ -60,6 +60,12 @@ public:
         usesProgress_ = isOn;
         dispatcher_->setProgress(isOn);
     }
+    /// Answers requests that need no session beside those in sessions, and agrees on 2025-11-25 with clients that ask
+    /// for it. With interoperability only.
+    void setModern(bool isOn) {
+        isModern_ = isOn;
+        dispatcher_->setModern(isOn);
+    }
     /// Takes changes of the allowlist, and of the files with its secrets, over while it runs.
     void setReload(bool isOn) { reloads_ = isOn; }
     const ZnString& mcpPath() const noexcept { return mcpPath_; }
@@ -125,6 +131,7 @@ private:
     bool usesProgress_ = false;
     const std::shared_ptr<int> streamCount_ = std::make_shared<int>(0); // answers that are streams; they may outlive it
     bool isInterop_ = false;
+    bool isModern_ = false;
     const std::shared_ptr<McpServiceList> services_ = std::make_shared<McpServiceList>();
     McpGate gate_;
     const std::shared_ptr<McpDispatcher> dispatcher_ = std::make_shared<McpDispatcher>(services_);

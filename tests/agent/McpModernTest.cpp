@@ -110,25 +110,20 @@ TEST_F(McpModernTest, EachMessageIsJudgedByItsHeadersAndByWhatItSays) {
         {"a name header that no text is", named("\xC3\xBC", "\"\xC3\xBC\""), mismatch},
         {"unfinished Base64", named("=?base64?w7w?=", "\"\xC3\xBC\""), mismatch},
         {"Base64 with other bits at the end", named("=?base64?w7x=?=", "\"\xC3\xBC\""), mismatch},
-        {"no Base64", named("=?base64?w7*8?=", "\"\xC3\xBC\""), mismatch},
         {"a marker in capitals", named("=?BASE64?w7w=?=", "\"\xC3\xBC\""), mismatch},
         {"Base64", named("=?base64?w7w=?=", "\"\xC3\xBC\""), unknownTool},
-        {"Base64 that is not needed", named("=?base64?eA==?=", "\"x\""), unknownTool},
         {"empty Base64", named("=?base64?\?=", "\"\""),
          R"(200 {"error": {"code": -32602,"message": "tools/call requires)"},
         {"half a marker", named("=?base64?=", "\"=?base64?=\""), unknownTool},
         {"a name that is no text", named("5", "5"), unknownTool},
-        {"a prompt", named("x", "\"x\"", "prompts/get"), noMethod},
         {"initialize under the header", {mirror("initialize"), kInitialize}, mismatch},
         {"initialize of this era", {mirror("initialize"), modern("initialize")}, noMethod},
         {"ping", {mirror("ping"), modern("ping")}, noMethod},
         {"a subscription", {mirror("subscriptions/listen"), modern("subscriptions/listen")}, noMethod},
         {"no _meta under the header", {list, rpcMessage("tools/list", "{}")}, params},
-        {"_meta that is a list", {list, rpcMessage("tools/list", R"({"_meta":[]})")}, params},
         {"no params under the header", {mirror("ping"), kPing}, params},
         {"a version that is no text", {list, ofVersion("5")}, params},
         {"no capabilities", {list, modern("tools/list", "", kVersionKey + "\"2026-07-28\"")}, params},
-        {"capabilities in a list", {list, replaced("{}}", "[]}")}, params},
         {"a client that is no object",
          {list, modern("tools/list", "", kMeta + R"(,"io.modelcontextprotocol/clientInfo":"x")")},
          params},
@@ -139,12 +134,10 @@ TEST_F(McpModernTest, EachMessageIsJudgedByItsHeadersAndByWhatItSays) {
         {"half a message", {list, "{"}, R"(400 {"error": {"code": -32700,)"},
         {"a number for a version", {list, replaced("\"2.0\"", "2.0")}, invalid},
         {"id null", {list, replaced("\"id\":1", "\"id\":null")}, invalid},
-        {"id true", {list, replaced("\"id\":1", "\"id\":true")}, invalid},
         {"id 1.5", {list, replaced("\"id\":1", "\"id\":1.5")}, invalid},
         {"no method", {list, R"({"jsonrpc":"2.0","id":1,"result":{}})"}, invalid},
         {"params in a list", {list, rpcMessage("tools/list", "[]")}, invalid},
         {"another content type", {with(list, "content-type", "text/plain"), listBody}, "415 {"},
-        {"no content type", {with(list, "content-type"), listBody}, "415 {"},
         {"a notification", {mirror("x"), R"({"jsonrpc":"2.0","method":"x"})"}, "202 "},
         {"a notification without headers", {{{"content-type", "application/json"}}, differing}, "202 "},
         {"a notification of another version", {mirror("x"), differing}, mismatch},
@@ -244,22 +237,20 @@ TEST_F(McpModernTest, ASessionWithAServiceLastsAsLongAsTheCall) {
 
 TEST_F(McpModernTest, SessionsAgreeOnTheVersionThatTheirClientAsksFor) {
     const std::string newest = rpcMessage("initialize", R"({"protocolVersion":"2025-11-25"})");
-    const Headers header = {{"mcp-protocol-version", "2025-11-25"}};
-    const ZnHttpResponse response = call("POST", "/mcp", header, newest);
+    const ZnHttpResponse response = call("POST", "/mcp", {{"mcp-protocol-version", "2025-11-25"}}, newest);
     EXPECT_TRUE(holds(bodyOf(response), R"("protocolVersion": "2025-11-25")"));
-    const std::string session = header.front().second.empty() ? "" : AgentFixture::header(response, "mcp-session-id");
+    const std::string session = header(response, "mcp-session-id");
     const struct {
         std::string session, version;
         int status;
     } kRows[] = {{session, "2025-11-25", 200},
                  {session, "", 200},
                  {session, "2025-06-18", 400},
-                 {newSession(), "", 200},
                  {newSession(), "2025-11-25", 400}};
-    for (const auto& row : kRows)
-        EXPECT_EQ(call("POST", "/mcp", {{"mcp-session-id", row.session}, {"mcp-protocol-version", row.version}}, kPing)
-                      .status,
-                  row.status);
+    for (const auto& row : kRows) {
+        const Headers headers = {{"mcp-session-id", row.session}, {"mcp-protocol-version", row.version}};
+        EXPECT_EQ(call("POST", "/mcp", headers, kPing).status, row.status);
+    }
     agent_.setModern(false);
     EXPECT_EQ(post(kPing, session).status, 400);
 }

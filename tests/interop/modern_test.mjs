@@ -14,8 +14,7 @@ import { StdioClientTransport } from '@modelcontextprotocol/client/stdio';
 import { agentProgram, closeAll, closers, startAgent } from './agent.mjs';
 import { serverSdks, startSdkServer } from './servers.mjs';
 
-const versions = { 'pinned': '2026-07-28', 'auto': '2026-07-28', 'legacy': '2025-11-25' };
-const modes = { pinned: { pin: '2026-07-28' }, auto: 'auto', legacy: 'legacy' };
+const modes = [['pinned', { pin: '2026-07-28' }, '2026-07-28'], ['auto', 'auto', '2026-07-28'], ['legacy', 'legacy', '2025-11-25']];
 const received = [];
 let options;
 let url;
@@ -51,25 +50,24 @@ async function converse(client) {
         const request = { jsonrpc: '2.0', id: '7', method: 'ping' };
         assert.deepEqual((await call('bridge.rpc', { serviceId, request })).structuredContent.body, { jsonrpc: '2.0', id: '7', result: {} });
     }
-    const isCancelled = ({ text }) => text.includes('notifications/cancelled');
-    const earlier = received.filter(isCancelled).length;
+    const cancelled = () => received.filter(({ text }) => text.includes('notifications/cancelled')).length;
+    const earlier = cancelled();
     const cancelling = new AbortController();
     await assert.rejects(call('bridge_call_tool', { serviceId: 'stateful', name: 'slow' },
         { signal: cancelling.signal, onprogress: () => cancelling.abort() }));
-    for (let i = 0; i < 200 && received.filter(isCancelled).length === earlier; ++i)
+    for (let i = 0; i < 200 && cancelled() === earlier; ++i)
         await sleep(10);
-    assert.equal(received.filter(isCancelled).length, earlier + 1);
+    assert.equal(cancelled(), earlier + 1);
 }
 
-for (const [name, mode] of Object.entries(modes)) {
-    for (const way of ['HTTP', 'standard input']) {
-        test(`${name}, ${way}`, async () => {
+const byHttp = () => new StreamableHTTPClientTransport(new URL(url));
+const byStdio = () => new StdioClientTransport({ command: agentProgram, args: [...options, '--stdio'], stderr: 'inherit' });
+for (const [name, mode, version] of modes)
+    for (const transport of [byHttp, byStdio])
+        test(`${name}, ${transport.name}`, async () => {
             const client = new Client({ name: 'test', version: '1' }, { versionNegotiation: { mode } });
-            await client.connect(way === 'HTTP' ? new StreamableHTTPClientTransport(new URL(url))
-                : new StdioClientTransport({ command: agentProgram, args: [...options, '--stdio'], stderr: 'inherit' }));
-            assert.equal(client.getNegotiatedProtocolVersion(), versions[name]);
+            await client.connect(transport());
+            assert.equal(client.getNegotiatedProtocolVersion(), version);
             await converse(client);
             await client.close();
         });
-    }
-}

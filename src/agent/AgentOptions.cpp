@@ -36,11 +36,11 @@ constexpr Option kOptions[] = {
     {"mcp_throttle", "address", "what failed attempts block: address, or failures alone"},
     {"mcp_interop", "false", "work with today's MCP clients and servers: true or false, alone it means true",
      "The protocol", Kind::Switch},
+    {"mcp_modern", "false", "answer clients of 2026-07-28, which open no session, too; needs mcp_interop", nullptr,
+     Kind::Switch},
     {"mcp_tool_names", "dotted", "names of the tools: dotted, or safe (bridge_rpc), with which both are understood"},
     {"mcp_call_tools", "false", "the tools of the services can be listed and called as such", nullptr, Kind::Switch},
     {"mcp_progress", "false", "calls tell of their progress, and can be cancelled", nullptr, Kind::Switch},
-    {"mcp_modern", "false", "answer clients of 2026-07-28, which open no session, too; needs mcp_interop", nullptr,
-     Kind::Switch},
     {"services_file", "mcp-bridge-services.json", "the allowlist", "Services"},
     {"services_reload", "off", "off, or watch: take a changed allowlist and changed secrets over"},
     {"max_answer_bytes", "16777216", "largest answer taken from a service, 1024 to 1073741824"},
@@ -202,8 +202,8 @@ bool AgentOptions::configure(BreltMcpBridgeAgent& agent, ZnString* errorText) co
     if (const std::int64_t bytes = numberIn_(kAnswerBytes); bytes != 0)
         agent.setMaxAnswerBytes(bytes);
     agent.setInterop(isOn("mcp_interop"));
-    agent.setProgress(isOn("mcp_progress"));
     agent.setModern(isOn("mcp_modern") && isOn("mcp_interop"));
+    agent.setProgress(isOn("mcp_progress"));
     agent.setReload(text("services_reload").trimmed() == "watch");
     agent.setTools({text("mcp_tool_names").trimmed() == "safe", isOn("mcp_call_tools")});
     agent.setState(text("state_dir").trimmed(), stateSettings_());

@@ -36,6 +36,8 @@ constexpr Option kOptions[] = {
     {"mcp_throttle", "address", "what failed attempts block: address, or failures alone"},
     {"mcp_interop", "false", "work with today's MCP clients and servers: true or false, alone it means true",
      "The protocol", Kind::Switch},
+    {"mcp_modern", "false", "answer clients of 2026-07-28, which open no session, too; needs mcp_interop", nullptr,
+     Kind::Switch},
     {"mcp_tool_names", "dotted", "names of the tools: dotted, or safe (bridge_rpc), with which both are understood"},
     {"mcp_call_tools", "false", "the tools of the services can be listed and called as such", nullptr, Kind::Switch},
     {"mcp_progress", "false", "calls tell of their progress, and can be cancelled", nullptr, Kind::Switch},
@@ -129,6 +131,8 @@ void AgentOptions::checkValues_() {
     const ZnString toolNames = text("mcp_tool_names").trimmed();
     if (toolNames != "dotted" && toolNames != "safe")
         remarks_.push_back("--mcp_tool_names is neither dotted nor safe; it counts as dotted");
+    if (isOn("mcp_modern") && !isOn("mcp_interop"))
+        remarks_.push_back("--mcp_modern needs --mcp_interop; it counts as off");
     const ZnString reload = text("services_reload").trimmed();
     if (reload != "off" && reload != "watch")
         remarks_.push_back("--services_reload is neither off nor watch; it counts as off");
@@ -201,6 +205,7 @@ bool AgentOptions::configure(BreltMcpBridgeAgent& agent, ZnString* errorText) co
     if (const std::int64_t bytes = numberIn_(kAnswerBytes); bytes != 0)
         agent.setMaxAnswerBytes(bytes);
     agent.setInterop(isOn("mcp_interop"));
+    agent.setModern(isOn("mcp_modern") && isOn("mcp_interop"));
     agent.setProgress(isOn("mcp_progress"));
     const std::int64_t keptCount = numberIn_(kKeptConnections);
     agent.setKeepAlive(isOn("mcp_keep_alive"), keptCount != 0 ? static_cast<std::size_t>(keptCount)

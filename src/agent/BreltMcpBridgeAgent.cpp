@@ -3,6 +3,7 @@
 #include "agent/McpEventStream.h"
 #include "agent/McpHeaders.h"
 #include "agent/McpJson.h"
+#include "agent/McpModernEra.h"
 #include "agent/McpText.h"
 #include "core/io/http/ZnHttpAbandonGuard.h"
 #include "core/platform/ZnFileIdentity.h"
@@ -68,6 +69,25 @@ bool acceptsStream(const ZnHttpContext& context) {
     const ZnString accept = ZnString(mcp::headerText(context, "accept")).toLower();
     return accept.view().find("text/event-stream") != std::string_view::npos &&
            context.request().httpVersion != "HTTP/1.0";
+}
+
+bool isJsonType(std::string_view contentType) {
+    return ZnString(trimmedView(contentType.substr(0, contentType.find(';')))).equalsIgnoreCase("application/json");
+}
+
+std::shared_ptr<const McpMirror> mirrorOf(const ZnHttpContext& context) {
+    const auto mirror = std::make_shared<McpMirror>();
+    mirror->method = ZnString(mcp::headerText(context, "mcp-method"));
+    if (context.findRequestHeader("mcp-name") != nullptr)
+        mirror->name = ZnString(mcp::headerText(context, "mcp-name"));
+    for (const ZnString& name : context.request().repeatedHeaders)
+        mirror->isDoubled |= name == "mcp-method" || name == "mcp-name" || name == "mcp-protocol-version";
+    mirror->isJson = isJsonType(mcp::headerText(context, "content-type"));
+    return mirror;
+}
+
+bool isOfModernEra(const ZnHttpContext& context) {
+    return mcp::headerText(context, "mcp-protocol-version") == McpModernEra::kVersion;
 }
 
 void send(McpReply&& reply, ZnHttpContext& context) {
@@ -356,6 +376,8 @@ void BreltMcpBridgeAgent::handlePost_(ZnHttpContext& context) {
     McpMessage message(std::move(context.request().body), caller);
     message.sessionId = mcp::headerText(context, "mcp-session-id");
     message.protocolVersion = mcp::headerText(context, "mcp-protocol-version");
+    if (isModern_)
+        message.mirror = mirrorOf(context);
     caller.canOpenStream = usesProgress_ && acceptsStream(context);
     const std::shared_ptr<McpDispatcher> dispatcher = dispatcher_;
     const std::shared_ptr<int> streamCount = usesProgress_ ? streamCount_ : nullptr;
@@ -367,8 +389,13 @@ void BreltMcpBridgeAgent::handlePost_(ZnHttpContext& context) {
 }
 
 void BreltMcpBridgeAgent::handleDelete_(ZnHttpContext& context) {
-    if (lets_(context))
-        answer_(dispatcher_->endSession(mcp::headerText(context, "mcp-session-id")), context);
+    if (!lets_(context))
+        return;
+    if (!isModern_ || !isOfModernEra(context))
+        return answer_(dispatcher_->endSession(mcp::headerText(context, "mcp-session-id")), context);
+    McpReply reply = McpReply::error(405, "There are no sessions to end");
+    reply.headers.push_back({"allow", "POST, OPTIONS"});
+    answer_(std::move(reply), context);
 }
 
 void BreltMcpBridgeAgent::handleGet_(ZnHttpContext& context) {
@@ -385,8 +412,11 @@ void BreltMcpBridgeAgent::handleOptions_(ZnHttpContext& context) {
         return answer_(std::move(*refusal), context);
     context.setHeader("allow", "POST, GET, DELETE, OPTIONS");
     context.setHeader("access-control-allow-methods", "POST, GET, DELETE, OPTIONS");
-    context.setHeader("access-control-allow-headers",
-                      "authorization, content-type, accept, mcp-protocol-version, mcp-session-id");
+    ZnString headers = "authorization, content-type, accept, mcp-protocol-version, mcp-session-id";
+    const ZnString wanted = context.requestHeader("access-control-request-headers").toLower();
+    if (isModern_ && wanted.view().find("mcp-method") != std::string_view::npos)
+        headers += ", mcp-method, mcp-name";
+    context.setHeader("access-control-allow-headers", std::move(headers));
     context.sendStatus(204);
     tellAnswer_(context);
 }

@@ -53,6 +53,12 @@ public:
     /// exact JSON values, any version in `initialize`, a session header that browsers may read. For services it is the
     /// default, which the allowlist may change.
     void setInterop(bool isOn);
+    /// Answers requests that need no session beside those in sessions, and agrees on 2025-11-25 with clients that ask
+    /// for it. With interoperability only.
+    void setModern(bool isOn) {
+        isModern_ = isOn;
+        dispatcher_->setModern(isOn);
+    }
 
     /// Calls with a progress token are answered by a stream of events; calls that nobody waits for any more are
     /// cancelled at the service.
@@ -128,6 +134,7 @@ private:
     ZnString servicesFile_;
     ZnString mcpPath_ = "/mcp";
     bool isStrict_ = false;
+    bool isModern_ = false;
     bool reloads_ = false;
     bool usesProgress_ = false;
     const std::shared_ptr<int> streamCount_ = std::make_shared<int>(0); // answers that are streams; they may outlive it

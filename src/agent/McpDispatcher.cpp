@@ -1,10 +1,10 @@
 #include "agent/McpDispatcher.h"
 
 #include "agent/McpJson.h"
+#include "agent/McpModernEra.h"
 #include "agent/McpText.h"
 #include "agent/McpTime.h"
 #include "core/types/ZnCrypto.h"
-#include "core/types/ZnVersion.h"
 
 #include <atomic>
 #include <chrono>
@@ -29,15 +29,6 @@ bool isJsonRpc20(const ZnJsonObject& object) {
     return mcp::textMember_(object, "jsonrpc") == "2.0";
 }
 
-/// Null, booleans, containers and fractions cannot be told back to the client as its id.
-bool isUsableId(const ZnJsonValue& id) {
-    if (id.type() == JsonType::Double) {
-        double whole = 0.0;
-        return std::modf(id.toDouble(0.0), &whole) == 0.0;
-    }
-    return id.isString() || id.type() == JsonType::Integer;
-}
-
 bool isSupportedProtocol(std::string_view text) {
     return text == McpDispatcher::kProtocolVersion;
 }
@@ -45,14 +36,6 @@ bool isSupportedProtocol(std::string_view text) {
 std::string_view methodOf(const ZnJsonObject& message) {
     const std::string_view text = message.value("method").string();
     return text.substr(0, text.find('\0'));
-}
-
-/// As JSON; empty without one.
-ZnString cancelledId(const ZnJsonObject& notification) {
-    const ZnJsonObject* params = notification.value("params").object();
-    if (params == nullptr || !isUsableId(params->value("requestId")))
-        return ZnString();
-    return params->value("requestId").toJson();
 }
 
 /// Empty when there is no entropy.
@@ -68,6 +51,12 @@ ZnString fallbackId(const char* prefix) {
             .count();
     const unsigned long long serial = counter.fetch_add(1, std::memory_order_relaxed) + 1;
     return ZnString(prefix) + "-" + ZnString::number(nowMs) + "-" + ZnString::number(serial);
+}
+
+/// Of one call without a session: no header can carry it, so that no session has it for its id.
+ZnString ownerOfOneCall() {
+    static std::atomic<unsigned long long> counter{0};
+    return "\n" + ZnString::number(counter.fetch_add(1, std::memory_order_relaxed) + 1);
 }
 
 ZnString clientText(const ZnJsonObject& params, std::string_view name) {
@@ -169,13 +158,51 @@ McpReply McpDispatcher::answer_(McpMessage& message) {
 /// What belongs to the loop.
 void McpDispatcher::finish_(McpMessage& message, McpReply* reply) {
     if (!message.cancelledIdText.isEmpty())
-        tools_.cancel(message);
+        cancel_(message);
     if (!message.evictedSession.isEmpty())
         tools_.endClient(message.evictedSession);
     if (!message.service)
         return;
     const bool wantsStream = message.progressToken && message.caller->canOpenStream;
-    *reply = wantsStream ? forwardLater_(message) : tools_.forward(message);
+    *reply = wantsStream ? forwardLater_(message) : forward_(message);
+}
+
+/// The ids of one client's requests differ, whatever they are of: the client need not say of which era a call was.
+void McpDispatcher::cancel_(McpMessage& message) {
+    tools_.cancel(message);
+    if (message.owner.empty())
+        return;
+    message.sessionId = message.owner;
+    tools_.cancel(message);
+}
+
+McpReply McpDispatcher::forward_(McpMessage& message) {
+    if (!message.isModern)
+        return tools_.forward(message);
+    McpReply reply = forwardAlone_(message);
+    if (reply.text.size() < McpMessage::kLargeBytes) {
+        McpModernEra::complete(message.tool, &reply.text);
+        return reply;
+    }
+    const auto text = std::make_shared<ZnByteArray>(std::move(reply.text));
+    if (!workers_->await([text, tool = message.tool] { McpModernEra::complete(tool, text.get()); }))
+        return McpReply::ofStatus(kStopping);
+    reply.text = std::move(*text);
+    return reply;
+}
+
+/// What a call without a session needs of a service's sessions lasts as long as the call, unless it has an owner: other
+/// clients are not to share them, for their requests may have the same ids.
+McpReply McpDispatcher::forwardAlone_(McpMessage& message) {
+    message.sessionId = message.owner;
+    if (!message.owner.empty())
+        return tools_.forward(message);
+    const ZnString owner = ownerOfOneCall();
+    message.sessionId = owner.view();
+    McpReply reply = tools_.forward(message);
+    message.sessionId = {};
+    tools_.endClient(owner);
+    return reply;
 }
 
 McpReply McpDispatcher::forwardLater_(McpMessage& message) {
@@ -189,7 +216,7 @@ McpReply McpDispatcher::forwardLater_(McpMessage& message) {
                                                    });
     reply.later = [self = shared_from_this(), owned, record](McpCaller& caller) {
         owned->message.caller = &caller;
-        McpReply answer = self->tools_.forward(owned->message);
+        McpReply answer = self->forward_(owned->message);
         if (record)
             self->tellObserver_(*record, answer, caller.toldBytes());
         return answer;
@@ -214,14 +241,17 @@ McpReply McpDispatcher::endSession(std::string_view id) {
 McpReply McpDispatcher::process_(McpMessage* message) {
     if (!mcp::readObject(message->body.view(), isExact_ ? JsonReading::Exact : JsonReading::QuietDialect,
                          &message->document)) {
+        if (isModern_ && McpModernEra::isAnnounced(*message))
+            return McpModernEra::refuseUnreadable(message);
         McpReply reply = McpReply::error(400, "Expected a single JSON-RPC object");
         reply.idText = "null";
         return reply;
     }
-    McpReply reply = processObject_(message);
+    McpReply reply =
+        isModern_ && McpModernEra::speaks(*message) ? McpModernEra(tools_).answer(message) : processObject_(message);
     const ZnJsonObject& object = message->object();
     if (reply.status >= 400 && object.contains("id"))
-        reply.idText = isUsableId(object.value("id")) ? object.value("id").toJson() : ZnString("null");
+        reply.idText = mcp::isUsableId(object.value("id")) ? object.value("id").toJson() : ZnString("null");
     return reply;
 }
 
@@ -230,20 +260,34 @@ McpReply McpDispatcher::processObject_(McpMessage* message) {
     const ZnJsonValue& id = object.value("id");
     const bool hasId = !id.isNull() || object.contains("id");
     if (!isJsonRpc20(object))
-        return isUsableId(id) ? fail(message, id, kInvalidRequest, "Invalid Request")
-                              : McpReply::error(400, "Invalid JSON-RPC version");
+        return mcp::isUsableId(id) ? fail(message, id, kInvalidRequest, "Invalid Request")
+                                   : McpReply::error(400, "Invalid JSON-RPC version");
     if (!object.value("method").isString())
         return McpReply::ofStatus(202); // a client's response ends here
-    if (!message->protocolVersion.empty() && !isSupportedProtocol(message->protocolVersion))
+    if (!takesVersion_(*message))
         return McpReply::error(400, "Unsupported MCP protocol version");
     const std::string_view method = methodOf(object);
     if (message->record)
         message->record->method = ZnString(method.substr(0, McpRequestRecord::kMaxNameBytes));
     if (!hasId)
         return notify_(message, method);
-    if (!isUsableId(id))
+    if (!mcp::isUsableId(id))
         return fail(message, ZnJsonValue(), kInvalidRequest, "Invalid Request");
     return method == "initialize" ? initialize_(message) : dispatch_(message, method);
+}
+
+/// Whether the header may name that version.
+bool McpDispatcher::takesVersion_(const McpMessage& message) {
+    const std::string_view version = message.protocolVersion;
+    if (version.empty() || isSupportedProtocol(version))
+        return true;
+    if (!isModern_ || version != kNewerVersion)
+        return false;
+    const ZnJsonObject* params = message.object().value("params").object();
+    if (methodOf(message.object()) == "initialize")
+        return params != nullptr && mcp::textMember_(*params, "protocolVersion") == kNewerVersion;
+    const SessionRef_ session = findSession_(message);
+    return session && session->protocolVersion == kNewerVersion;
 }
 
 McpReply McpDispatcher::notify_(McpMessage* message, std::string_view method) {
@@ -255,7 +299,7 @@ McpReply McpDispatcher::notify_(McpMessage* message, std::string_view method) {
         session->initialized = true;
     }
     if (method == "notifications/cancelled" && (message->mayCancel || usesProgress_))
-        message->cancelledIdText = cancelledId(message->object());
+        message->cancelledIdText = mcp::cancelledId(message->object());
     return McpReply::ofStatus(202);
 }
 
@@ -266,7 +310,7 @@ McpReply McpDispatcher::dispatch_(McpMessage* message, std::string_view method) 
     if (message->record)
         message->record->session = message->session;
     const std::string_view agreed = message->session->protocolVersion.view();
-    if (!message->protocolVersion.empty() ? message->protocolVersion != agreed : !isSupportedProtocol(agreed))
+    if (!message->protocolVersion.empty() ? message->protocolVersion != agreed : versionFor_(agreed) != agreed)
         return McpReply::error(400, "MCP protocol version mismatch");
     const ZnJsonValue& id = message->object().value("id");
     if (method == "ping")
@@ -298,34 +342,38 @@ McpReply McpDispatcher::initialize_(McpMessage* message) {
     // With interoperability any is taken: a client that cannot speak this one ends the connection itself.
     if (!isExact_ && !isSupportedProtocol(requested.view()))
         return fail(message, id, kInvalidParams, "Unsupported protocol version", unsupportedVersionData(requested));
-    const SessionRef_ session = createSession_(*params, &message->evictedSession);
+    const SessionRef_ session = createSession_(*params, versionFor_(requested.view()), &message->evictedSession);
     if (!session)
         return fail(message, id, kServerBusy, "Too many sessions");
     if (message->record)
         message->record->session = session;
-    McpReply reply = McpReply::json(mcp::jsonRpcResult_(id, ZnJsonValue(initializeResult_()).toJson().view()));
+    McpReply reply = McpReply::json(mcp::jsonRpcResult_(id, ZnJsonValue(initializeResult_(*session)).toJson().view()));
     reply.headers.push_back({"mcp-session-id", session->id});
     return reply;
 }
 
-ZnJsonObject McpDispatcher::initializeResult_() const {
-    return {{"protocolVersion", kProtocolVersion},
-            {"capabilities", ZnJsonObject{{"tools", ZnJsonObject{{"listChanged", false}}}}},
-            {"serverInfo", ZnJsonObject{{"name", "brelt-mcp-bridge-agent"},
-                                        {"title", "Brelt MCP Bridge Agent"},
-                                        {"version", zn::kVersion}}},
+ZnJsonObject McpDispatcher::initializeResult_(const McpBridgeSession& session) const {
+    return {{"protocolVersion", session.protocolVersion},
+            {"capabilities", mcp::serverCapabilities()},
+            {"serverInfo", mcp::serverInfo()},
             {"instructions", tools_.catalogue().instructions()}};
 }
 
+/// The version that is agreed on where a client asks for that one.
+const char* McpDispatcher::versionFor_(std::string_view requested) const {
+    return isModern_ && requested == kNewerVersion ? kNewerVersion : kProtocolVersion;
+}
+
 /// Null when there are too many sessions.
-McpDispatcher::SessionRef_ McpDispatcher::createSession_(const ZnJsonObject& params, ZnString* evicted) {
+McpDispatcher::SessionRef_ McpDispatcher::createSession_(const ZnJsonObject& params, const char* version,
+                                                         ZnString* evicted) {
     auto session = std::make_shared<McpBridgeSession>();
     session->id = generateToken(kSessionIdBytes);
     if (session->id.isEmpty())
         session->id = fallbackId("mcp");
     if (observer_)
         session->tag = mcp::sessionTag(session->id);
-    session->protocolVersion = kProtocolVersion;
+    session->protocolVersion = version;
     session->clientName = clientText(params, "name");
     session->clientVersion = clientText(params, "version");
     session->createdUs = mcp::wallNowUs();

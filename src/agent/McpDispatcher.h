@@ -24,12 +24,16 @@
 class McpDispatcher : public std::enable_shared_from_this<McpDispatcher> {
 public:
     static constexpr const char* kProtocolVersion = "2025-06-18";
+    static constexpr const char* kNewerVersion = "2025-11-25"; // see setModern
 
     explicit McpDispatcher(std::shared_ptr<McpServiceList> services);
 
     /// Set before the first message. Exact: JSON values stay as they are written, and any version is taken in
     /// `initialize`.
     void setExact(bool isExact);
+    /// Requests without a session are answered, and kNewerVersion is agreed on where a client asks for it. With exact
+    /// reading only.
+    void setModern(bool isOn) { isModern_ = isOn; }
     void setMaxAnswerBytes(std::int64_t maxBytes) { tools_.setMaxAnswerBytes(maxBytes); }
     /// Calls tell of their progress, can be cancelled and cancel upstream, and streams of services are taken up again.
     void setProgress(bool isOn) {
@@ -71,6 +75,9 @@ private:
     McpReply answer_(McpMessage& message);
     void finish_(McpMessage& message, McpReply* reply);
     McpReply forwardLater_(McpMessage& message);
+    McpReply forward_(McpMessage& message);
+    void cancel_(McpMessage& message);
+    McpReply forwardAlone_(McpMessage& message);
     void tellObserver_(McpRequestRecord& record, const McpReply& reply, std::size_t toldBytes) const;
 
     using SessionRef_ = std::shared_ptr<McpBridgeSession>;
@@ -78,11 +85,13 @@ private:
     // Any thread.
     McpReply process_(McpMessage* message);
     McpReply processObject_(McpMessage* message);
+    bool takesVersion_(const McpMessage& message);
+    const char* versionFor_(std::string_view requested) const;
     McpReply notify_(McpMessage* message, std::string_view method);
     McpReply dispatch_(McpMessage* message, std::string_view method);
     McpReply initialize_(McpMessage* message);
-    ZnJsonObject initializeResult_() const;
-    SessionRef_ createSession_(const ZnJsonObject& params, ZnString* evicted);
+    ZnJsonObject initializeResult_(const McpBridgeSession& session) const;
+    SessionRef_ createSession_(const ZnJsonObject& params, const char* version, ZnString* evicted);
     /// The session that the message names; null when there is none.
     SessionRef_ findSession_(const McpMessage& message);
 
@@ -90,6 +99,7 @@ private:
     McpTools tools_;
     std::shared_ptr<McpObserver> observer_; // null without one
     bool isExact_ = false;
+    bool isModern_ = false;
     bool usesProgress_ = false;
     std::function<long long()> clock_ = monotonicNowNs;
     ZnMutex sessionsLock_; // the keeper's queue is the only lock taken while it is held

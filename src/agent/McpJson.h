@@ -31,6 +31,15 @@ ZnString textMember_(const ZnJsonObject& object, std::string_view name);
 /// What a request's params say about progress; nothing without a text or a whole number.
 std::optional<ZnJsonValue> progressToken(const ZnJsonObject& params);
 
+/// Whether it can be told back to the client as the id of its request: null, booleans, containers and fractions cannot.
+bool isUsableId(const ZnJsonValue& id);
+/// Of the request that a notification cancels, as JSON; empty without one.
+ZnString cancelledId(const ZnJsonObject& notification);
+
+// What the agent says of itself.
+ZnJsonObject serverInfo();
+ZnJsonObject serverCapabilities();
+
 /// {"error": message}
 ZnJsonObject errorBody_(const char* message);
 
@@ -42,6 +51,13 @@ ZnString jsonRpcResultTo_(std::string_view idText, std::string_view resultText);
 ZnString jsonRpcResult_(const ZnJsonValue& id, std::string_view resultText);
 /// "data" is left out when it is null.
 ZnString jsonRpcError_(const ZnJsonValue& id, int code, const char* message, ZnJsonValue data = ZnJsonValue());
+
+// The result in a response that jsonRpcResultTo_ has made, as text: empty in one with an error.
+std::string_view resultOf(std::string_view response);
+/// Adds `members`, without the braces around them, in front of those of the result; nothing where there is none.
+void addToResult(ZnByteArray* response, std::string_view members);
+/// Whether an object has a member, from its text as the agent writes it.
+bool hasMember(std::string_view objectText, std::string_view name);
 
 // Tool results, as text.
 ZnString toolResult_(const ZnJsonValue& payload, bool isError);

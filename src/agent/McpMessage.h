@@ -1,6 +1,7 @@
 #pragma once
 
 #include "agent/McpBridgeServiceRecord.h"
+#include "agent/McpMirror.h"
 #include "agent/McpObserver.h"
 #include "agent/McpToolCatalogue.h"
 #include "core/types/ZnByteArray.h"
@@ -70,6 +71,11 @@ struct McpMessage {
     std::string_view protocolVersion; // as told beside the message
     McpCaller* caller;
     bool mayCancel = false; // calls of its session, by "notifications/cancelled"
+    /// What HTTP repeats of it; null where there is no HTTP, or nobody looks at it.
+    std::shared_ptr<const McpMirror> mirror;
+    /// Whose calls without a session are, where a front has one client; empty: each call stands by itself. A constant.
+    std::string_view owner;
+    bool isModern = false; // it needs no session, see McpModernEra
 
     /// What is told to observers about it; null when there are none. Shared: a worker may outlive the front's frame.
     std::shared_ptr<McpRequestRecord> record;

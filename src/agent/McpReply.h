@@ -43,12 +43,21 @@ struct McpReply {
         return reply;
     }
 
+    /// A message of JSON-RPC that goes out as it is, also where the front knows no status.
+    static McpReply jsonRpc(int status, const ZnString& text) {
+        McpReply reply = json(text);
+        reply.status = status;
+        reply.isJsonRpc = true;
+        return reply;
+    }
+
     /// Set: there is no answer yet. The front begins a stream and calls this once, on a fiber, which parks, with a
     /// caller that takes messages; what it gives is the answer.
     std::function<McpReply(McpCaller&)> later;
     int status = 200; // of HTTP
     std::vector<Header> headers;
-    ZnByteArray text; // JSON; empty: there is no body
+    ZnByteArray text;       // JSON; empty: there is no body
+    bool isJsonRpc = false; // the text, whatever the status
     // Of a message that was refused, for fronts that know no status.
     const char* problem = "";
     ZnString idText; // as JSON, "null" when it cannot be told; empty: the message wants no answer

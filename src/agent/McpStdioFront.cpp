@@ -11,6 +11,7 @@ namespace {
 
 constexpr int kInvalidRequest = -32600;
 constexpr int kServerBusy = -32000;
+constexpr std::string_view kOwner = "\nstdio"; // no header can carry it, so that no client over HTTP has it
 
 ZnByteArray errorLine(std::string_view idText, int code, const char* text) {
     const ZnJsonObject error{{"code", code}, {"message", text}};
@@ -20,7 +21,7 @@ ZnByteArray errorLine(std::string_view idText, int code, const char* text) {
 
 /// What is a status of HTTP to others is an error of JSON-RPC here. Empty: the message gets no answer.
 ZnByteArray textOf(McpReply* reply, bool hasSession) {
-    if (reply->status < 400)
+    if (reply->status < 400 || reply->isJsonRpc)
         return std::move(reply->text);
     if (reply->idText.isEmpty())
         return {};
@@ -166,6 +167,7 @@ McpReply McpStdioFront::answerOf_(ZnByteArray text, McpCaller& caller) {
     McpMessage message(std::move(text), caller);
     message.sessionId = sessionId.view();
     message.mayCancel = true;
+    message.owner = kOwner;
     caller.setSink([this](ZnByteArray note) {
         if (unsentBytes_ != 0)
             return false; // a slow reader misses messages about a call, but no answer

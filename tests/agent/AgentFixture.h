@@ -49,8 +49,11 @@ protected:
         request.method = method;
         request.path = path;
         request.peerAddress = peerAddress_;
-        for (const auto& [name, value] : headers)
+        for (const auto& [name, value] : headers) {
+            if (request.headers.contains(name))
+                request.repeatedHeaders.append(name);
             request.headers.insert(name, value);
+        }
         request.body = ZnByteArray(std::string_view(body));
         ZnHttpResponse response;
         EXPECT_TRUE(routes_.router().dispatch(request, &response));

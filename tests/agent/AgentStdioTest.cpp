@@ -12,6 +12,9 @@ namespace {
 const std::string kTooLarge =
     R"({"error": {"code": -32600,"message": "The message is too large"},"id": null,"jsonrpc": "2.0"})";
 
+const std::string kModernParams = R"({"_meta":{"io.modelcontextprotocol/protocolVersion":"2026-07-28",)"
+                                  R"("io.modelcontextprotocol/clientCapabilities":{}}})";
+
 std::string pong(const std::string& id) {
     return R"({"id": )" + id + R"(,"jsonrpc": "2.0","result": {}})";
 }
@@ -149,11 +152,14 @@ TEST(AgentStdio, OneLineForEachAnswerAndNoneForOthers) {
          R"({"error": {"code": -32600,"message": "Invalid Request"},"id": "q","jsonrpc": "2.0"})"},
         {toolCall("bridge_list_services", "{}"), R"("structuredContent": {"services": []})"},
         {toolCall("bridge.list_services", "{}"), R"("structuredContent": {"services": []})"},
+        {rpcMessage("ping", kModernParams), R"("code": -32601,"message": "Method not found"},"id": 1,)"},
+        {rpcMessage("tools/call", R"({"name":"x",)" + kModernParams.substr(1)),
+         R"("message": "Unknown tool"},"id": 1,)"},
         {ping("3") + std::string(1 << 24, ' '), kTooLarge},
         {ping("4") + std::string((1 << 24) - ping("4").size(), ' '), pong("4")},
     };
     for (const auto streams : {StdioAgent::Streams::Pipes, StdioAgent::Streams::Sockets}) {
-        StdioAgent agent({"--services_file=", "--mcp_tool_names=safe"}, streams);
+        StdioAgent agent({"--services_file=", "--mcp_tool_names=safe", "--mcp_modern"}, streams);
         for (const auto& row : kRows) {
             SCOPED_TRACE(row.line.substr(0, 80));
             agent.type(row.line);

@@ -240,7 +240,10 @@ bool ZnHttpParser_::parseHeaderLine_(std::string_view line) {
     ZnString name = wire::lowerText(nameText);
     if (limits_.strictGrammar && isAllowedOnce(name.view()) && current_->headers.contains(name))
         return fail_(400, "Repeated header");
+    const std::size_t nameCount = current_->headers.size();
     current_->headers.insert(std::move(name), ZnString(value));
+    if (current_->headers.size() == nameCount)
+        current_->repeatedHeaders.append(wire::lowerText(nameText));
     return true;
 }
 

@@ -23,6 +23,7 @@ struct ZnHttpRequest {
     ZnString queryString;                  // raw, behind the first "?"
     ZnString httpVersion;                  // upper case
     ZnMap<ZnString, ZnString> headers;     // names in lower case; a repeated name keeps its last value
+    ZnList<ZnString> repeatedHeaders;      // the names of those of which only the last value is kept
     ZnMap<ZnString, ZnString> queryParams; // decoded; a repeated key keeps its last value
     ZnMap<ZnString, ZnString> pathParams;  // filled by the router
     mutable ZnByteArray body;              // decoded; empty when a multipart body was read as it came

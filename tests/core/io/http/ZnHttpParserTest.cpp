@@ -30,6 +30,8 @@ std::string describe(const ZnHttpRequest& request) {
     text += request.chunked ? " chunked" : "";
     for (const auto& [name, value] : request.headers)
         text += (" [" + name + "=" + value + "]").str();
+    for (const ZnString& name : request.repeatedHeaders)
+        text += (" twice=" + name).str();
     return text + " <" + std::string(request.body.view()) + ">\n";
 }
 
@@ -110,7 +112,7 @@ TEST(ZnHttpParser, Headers) {
     const std::string longest(58, 'b');
     checkRows({
         {"names and values", kGet + "A-b :\t c:d \r\nx:\r\n\r\n", "GET / keep [a-b=c:d] [x=] <>\n"},
-        {"repeated", kGet + "a: 1\r\nA: 2\r\n\r\n", "GET / keep [a=2] <>\n"},
+        {"repeated", kGet + "a: 1\r\nA: 2\r\n\r\n", "GET / keep [a=2] twice=a <>\n"},
         {"close", kGet + "connection: x, Close\r\n\r\n", "GET / close [connection=x, Close] <>\n"},
         {"keep-alive", "GET / HTTP/1.0\r\nconnection: keep-alive\r\n\r\n", "GET / keep [connection=keep-alive] <>\n"},
         {"other word", kGet + "connection: closed\r\n\r\n", "GET / keep [connection=closed] <>\n"},

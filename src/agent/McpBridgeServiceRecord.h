@@ -10,6 +10,8 @@
 /// One service of the allowlist. Never changed once it was read: calls share it, also with a newer list in force.
 struct McpBridgeServiceRecord {
     static constexpr std::int32_t kDefaultTimeoutMs = 15000;
+    /// Of the protocol: Legacy has a handshake, Modern is revision 2026-07-28, Auto is whichever the service speaks.
+    enum class Era { Legacy, Modern, Auto };
 
     ZnString id;
     ZnString title;
@@ -23,6 +25,7 @@ struct McpBridgeServiceRecord {
     McpServiceRules rules;
     bool enabled = true;
     bool interop = false;                       // requests and answers are exact, and answers may be event streams
+    Era era = Era::Legacy;                      // another one has `interop` on
     bool keepsSessions = false;                 // calls without a session get one that the agent keeps
     std::int32_t timeoutMs = kDefaultTimeoutMs; // of one upstream call, 1 or more
 

@@ -12,7 +12,7 @@ import { fileURLToPath } from 'node:url';
 import { NodeStreamableHTTPServerTransport, toNodeHandler } from '@modelcontextprotocol/node';
 import { McpServer as McpServerNewest1 } from '@modelcontextprotocol/sdk/server/mcp.js';
 import { StreamableHTTPServerTransport as TransportNewest1 } from '@modelcontextprotocol/sdk/server/streamableHttp.js';
-import { createMcpHandler, McpServer as McpServer2 } from '@modelcontextprotocol/server';
+import { acceptedContent, createMcpHandler, inputRequired, McpServer as McpServer2 } from '@modelcontextprotocol/server';
 import { McpServer as McpServer1_18 } from 'sdk-1-18/server/mcp.js';
 import { StreamableHTTPServerTransport as Transport1_18 } from 'sdk-1-18/server/streamableHttp.js';
 
@@ -74,11 +74,29 @@ export async function startSdkServer(sdk, { stateful, json }, received) {
     });
 }
 
-/// The 2.x SDK's own way to serve both today's clients and those of the next protocol.
-export async function startSdk2Handler(received) {
-    const handle = toNodeHandler(createMcpHandler(() => makeServer(serverSdks['2.x'])));
+/// What only revision 2026-07-28 has: an argument that is mirrored in a header, and results that ask for input.
+function makeModernServer() {
+    const server = makeServer(serverSdks['2.x']);
+    const region = zod4.string().meta({ 'x-mcp-header': 'Region' });
+    server.registerTool('region', { inputSchema: zod4.object({ region }) }, values => ({ content: [], structuredContent: values }));
+    server.registerTool('wait', {}, ({ mcpReq }) => mcpReq.requestState() === 'so far'
+        ? { content: [{ type: 'text', text: 'went on' }] } : inputRequired({ requestState: 'so far' }));
+    const asked = { message: 'Name?', requestedSchema: zod4.object({ name: zod4.string() }) };
+    server.registerTool('ask', {}, ({ mcpReq }) => {
+        const given = acceptedContent(mcpReq.inputResponses, 'who');
+        return given ? { content: [{ type: 'text', text: given.name }] }
+            : inputRequired({ inputRequests: { who: inputRequired.elicit(asked) } });
+    });
+    return server;
+}
+
+/// The 2.x SDK's own way to serve both today's clients and those of the next protocol; with `legacy` the latter only.
+export async function startSdk2Handler(received, make = () => makeServer(serverSdks['2.x']), legacy = undefined) {
+    const handle = toNodeHandler(createMcpHandler(make, { legacy }));
     return listen(received, (request, response, text) => handle(request, response, text ? JSON.parse(text) : undefined));
 }
+
+export const startModern = (received, legacy) => startSdk2Handler(received, makeModernServer, legacy);
 
 /// server-everything chooses its own address, so loopback and a free port are put in its way.
 const onLoopback = `

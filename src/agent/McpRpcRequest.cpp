@@ -113,7 +113,7 @@ void McpRpcRequest::writeToolCall_() {
     request_ = mcp::newRequest("tools/call", std::move(params), {wantsProgress_, isModern_});
     request_.tool = cutName(toolName_.view());
     if (isModern_)
-        addHeaders_(values);
+        addHeaders_(values.object());
 }
 
 // --- revision 2026-07-28
@@ -128,7 +128,7 @@ void McpRpcRequest::makeModern_(ZnJsonObject& request) {
     if (!mcp::isHeaderValue(request_.protocolVersion.view()))
         return refuse_("The version of the request is not a valid header value", kBadRequest);
     const ZnJsonObject* params = request.value("params").object();
-    addHeaders_(params == nullptr ? ZnJsonValue() : params->value("arguments"));
+    addHeaders_(params == nullptr ? nullptr : params->value("arguments").object());
 }
 
 /// What continues a call whose result has asked for input.
@@ -145,13 +145,14 @@ void McpRpcRequest::takeInput_(ZnJsonObject* params) {
         (*params)["requestState"] = state;
 }
 
-void McpRpcRequest::addHeaders_(const ZnJsonValue& toolArguments) {
+/// `toolArguments`: null without any.
+void McpRpcRequest::addHeaders_(const ZnJsonObject* toolArguments) {
     request_.mirrorsTool = !toolName_.isEmpty();
     if (const char* unusable = mcp::addHeaderParams(arguments_->value("headerParams"), &request_.headers))
         return refuse_(unusable, kBadRequest);
     std::optional<McpHeaderList> mirrored = McpHeaderList();
-    if (toolHeaders_ && toolArguments.isObject())
-        mirrored = toolHeaders_->headersFor(*toolArguments.object(), request_.headers);
+    if (toolHeaders_ && toolArguments != nullptr)
+        mirrored = toolHeaders_->headersFor(*toolArguments, request_.headers);
     const auto isTooLong = [](const auto& header) { return header.second.size() > mcp::kMaxMirrorBytes; };
     if (!mirrored || request_.protocolVersion.size() > mcp::kMaxMirrorBytes ||
         std::any_of(request_.headers.begin(), request_.headers.end(), isTooLong))

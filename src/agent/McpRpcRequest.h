@@ -54,7 +54,7 @@ private:
     void writeToolCall_();
     void makeModern_(ZnJsonObject& request);
     void takeInput_(ZnJsonObject* params);
-    void addHeaders_(const ZnJsonValue& toolArguments);
+    void addHeaders_(const ZnJsonObject* toolArguments);
     void noteNames_(const ZnJsonObject& request);
     void refuse_(const char* text, int status);
 

@@ -77,26 +77,22 @@ export async function startSdkServer(sdk, { stateful, json }, received) {
 /// What only revision 2026-07-28 has: an argument that is mirrored in a header, and results that ask for input.
 function makeModernServer() {
     const server = makeServer(serverSdks['2.x']);
+    const text = words => ({ content: [{ type: 'text', text: words }] });
     const region = zod4.string().meta({ 'x-mcp-header': 'Region' });
-    server.registerTool('region', { inputSchema: zod4.object({ region }) }, values => ({ content: [], structuredContent: values }));
-    server.registerTool('wait', {}, ({ mcpReq }) => mcpReq.requestState() === 'so far'
-        ? { content: [{ type: 'text', text: 'went on' }] } : inputRequired({ requestState: 'so far' }));
-    const asked = { message: 'Name?', requestedSchema: zod4.object({ name: zod4.string() }) };
-    server.registerTool('ask', {}, ({ mcpReq }) => {
-        const given = acceptedContent(mcpReq.inputResponses, 'who');
-        return given ? { content: [{ type: 'text', text: given.name }] }
-            : inputRequired({ inputRequests: { who: inputRequired.elicit(asked) } });
-    });
+    server.registerTool('region', { inputSchema: zod4.object({ region }) }, values => text(values.region));
+    server.registerTool('wait', {}, ({ mcpReq }) =>
+        mcpReq.requestState() === 'so far' ? text('went on') : inputRequired({ requestState: 'so far' }));
+    const question = { message: 'Name?', requestedSchema: zod4.object({ name: zod4.string() }) };
+    server.registerTool('ask', {}, ({ mcpReq }) => mcpReq.inputResponses ? text(acceptedContent(mcpReq.inputResponses, 'who').name)
+        : inputRequired({ inputRequests: { who: inputRequired.elicit(question) } }));
     return server;
 }
 
-/// The 2.x SDK's own way to serve both today's clients and those of the next protocol; with `legacy` the latter only.
-export async function startSdk2Handler(received, make = () => makeServer(serverSdks['2.x']), legacy = undefined) {
-    const handle = toNodeHandler(createMcpHandler(make, { legacy }));
+/// The 2.x SDK's own way to serve both today's clients and those of the next protocol, or with `reject` the latter only.
+export async function startSdk2Handler(received, legacy) {
+    const handle = toNodeHandler(createMcpHandler(legacy ? makeModernServer : () => makeServer(serverSdks['2.x']), { legacy }));
     return listen(received, (request, response, text) => handle(request, response, text ? JSON.parse(text) : undefined));
 }
-
-export const startModern = (received, legacy) => startSdk2Handler(received, makeModernServer, legacy);
 
 /// server-everything chooses its own address, so loopback and a free port are put in its way.
 const onLoopback = `

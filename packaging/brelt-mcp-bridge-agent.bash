@@ -24,7 +24,7 @@ _brelt_mcp_bridge_agent() {
     --services_reload) values='off watch' ;;
     --mcp_throttle) values='address failures' ;;
     --mcp_allowed_hosts) values='any local' ;;
-    --mcp_interop | --mcp_call_tools | --mcp_progress | --stdio | --strict | --check) values='true false' ;;
+    --mcp_interop | --mcp_call_tools | --mcp_progress | --mcp_keep_alive | --stdio | --strict | --check) values='true false' ;;
     --bind) values='127.0.0.1 ::1' ;;
     esac
     if [[ -n "$values" && "$current" != -* ]]; then
@@ -33,6 +33,7 @@ _brelt_mcp_bridge_agent() {
     fi
     mapfile -t COMPREPLY < <(compgen -W '--bind= --port= --mcp_path= --mcp_token= --mcp_token_file= --mcp_allowed_origin=
         --mcp_allowed_hosts= --mcp_throttle= --mcp_interop --mcp_tool_names= --mcp_call_tools --mcp_progress
+        --mcp_keep_alive --mcp_keep_alive_connections=
         --stdio --max_answer_bytes= --services_file= --services_reload=
         --access_log= --access_log_max_bytes= --health_path= --metrics_path= --tls_cert_path=
         --tls_key_path= --state_dir= --trail_max_days= --trail_max_bytes= --duration_ms= --strict --check --help --version' -- "$current")

@@ -1,5 +1,6 @@
 // The practical limit of a machine: a minimal single-threaded epoll HTTP responder that writes a fixed answer, at
-// once or after it has fetched one from an upstream over a new connection per call. No JSON, no checks, no limits.
+// once or after it has fetched one from an upstream, over a new connection per call or over those it keeps. No JSON, no
+// checks, no limits.
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -30,8 +31,11 @@ struct Connection {
 
 class Responder {
 public:
-    Responder(std::string answer, unsigned short upstreamPort, std::string upstreamRequest)
-        : answer_(std::move(answer)), upstreamPort_(upstreamPort), upstreamRequest_(std::move(upstreamRequest)) {}
+    Responder(std::string answer, unsigned short upstreamPort, std::string upstreamRequest, bool keepsUpstreams)
+        : answer_(std::move(answer)),
+          upstreamPort_(upstreamPort),
+          upstreamRequest_(std::move(upstreamRequest)),
+          keepsUpstreams_(keepsUpstreams) {}
 
     /// Listens on loopback addresses from 127.0.0.1 on, all with the same port.
     bool listen() {
@@ -107,6 +111,7 @@ private:
     void close(Connection& connection) {
         ::close(connection.fd);
         connection.fd = -1;
+        std::erase(idle_, &connection);
         if (connection.partner != nullptr)
             connection.partner->partner = nullptr;
         closed_.emplace_back(&connection); // freed after the batch, in which it may stand again
@@ -130,7 +135,10 @@ private:
         if (connection.isUpstream) {
             if (connection.partner != nullptr)
                 answer(*connection.partner);
-            close(connection);
+            if (keepsUpstreams_)
+                keep(connection);
+            else
+                close(connection);
         } else if (upstreamPort_ != 0) {
             connectUpstream(connection);
         } else {
@@ -154,7 +162,22 @@ private:
             ::send(connection.fd, answer_.data(), answer_.size(), MSG_NOSIGNAL);
     }
 
+    void keep(Connection& upstream) {
+        if (upstream.partner != nullptr)
+            upstream.partner->partner = nullptr;
+        upstream.partner = nullptr;
+        idle_.push_back(&upstream);
+    }
+
     void connectUpstream(Connection& client) {
+        if (!idle_.empty()) {
+            Connection& kept = *idle_.back();
+            idle_.pop_back();
+            kept.partner = &client;
+            client.partner = &kept;
+            sendUpstream(kept);
+            return;
+        }
         auto* upstream = new Connection;
         upstream->isUpstream = true;
         upstream->partner = &client;
@@ -179,6 +202,8 @@ private:
     const std::string answer_;
     const unsigned short upstreamPort_;
     const std::string upstreamRequest_;
+    const bool keepsUpstreams_;
+    std::vector<Connection*> idle_; // upstream connections without a client
     int epoll_ = -1;
     Connection listeners_[1 + kUpstreamAddresses];
     unsigned nextUpstream_ = 0;
@@ -187,15 +212,16 @@ private:
 
 } // namespace
 
-/// Arguments: the answer, and to forward also the upstream's port and the request to send there.
+/// Arguments: the answer; to forward also the upstream's port and the request to send there; "keep" to keep
+/// connections.
 int main(int argc, char** argv) {
-    if (argc != 2 && argc != 4)
+    if (argc != 2 && argc != 4 && argc != 5)
         return 2;
     struct sigaction action = {};
     action.sa_handler = [](int) { stopRequested = 1; };
     ::sigaction(SIGTERM, &action, nullptr);
-    Responder responder(argv[1], static_cast<unsigned short>(argc == 4 ? std::atoi(argv[2]) : 0),
-                        argc == 4 ? argv[3] : "");
+    Responder responder(argv[1], static_cast<unsigned short>(argc > 3 ? std::atoi(argv[2]) : 0),
+                        argc > 3 ? argv[3] : "", argc > 4);
     if (!responder.listen()) {
         std::perror("listen");
         return 1;

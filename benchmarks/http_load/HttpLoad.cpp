@@ -153,6 +153,44 @@ long long compare(const char* what, const Options& options, const Side& left, co
     return failures;
 }
 
+/// Forwarding over a new connection per call and over kept ones, by the agent and by the limit, and calls that go to
+/// the upstream itself: all by turns. The ratios are those that kept connections are judged by.
+long long compareForwarding(const Options& options, const Side& direct, const Side (&sides)[4]) {
+    long long failures = 0;
+    for (const int connections : options.connections) {
+        if (connections > kCallsInFlight) {
+            std::printf("%-11s        %5d above the bound of calls in flight, left out\n", "bridge.rpc", connections);
+            continue;
+        }
+        std::vector<Sample> directSamples;
+        std::vector<Sample> samples[4];
+        for (int round = 0; round < options.rounds; ++round) {
+            directSamples.push_back(measure(direct, connections, options.seconds));
+            for (std::size_t i = 0; i < 4; ++i) {
+                samples[i].push_back(measure(sides[i], connections, options.seconds));
+                failures += samples[i].back().load.failureCount;
+            }
+        }
+        double rates[4];
+        double addedUs[4];
+        const double directUs = median(directSamples).load.p50Us;
+        for (std::size_t i = 0; i < 4; ++i) {
+            const Sample sample = median(samples[i]);
+            rates[i] = sample.load.requestsPerSecond;
+            addedUs[i] = sample.load.p50Us - directUs;
+            print("bridge.rpc", sides[i].name, connections, sample);
+            std::printf("  added p50 %6.0f us\n", addedUs[i]);
+        }
+        std::printf(
+            "%-18s %5d agent/limit %.2f  kept agent/limit %.2f  kept agent/kept limit %.2f  kept/agent: rate %.2f, "
+            "added p50 %.2f\n",
+            "bridge.rpc ratios", connections, rates[1] / rates[0], rates[3] / rates[0], rates[3] / rates[2],
+            rates[3] / rates[1], addedUs[3] / addedUs[1]);
+        std::fflush(stdout);
+    }
+    return failures;
+}
+
 unsigned short listeningPort(const std::vector<std::string>& command, std::unique_ptr<ChildProcess>& process, int cpu) {
     process = std::make_unique<ChildProcess>(command, "listening on port", cpu);
     return process->announcedPort();
@@ -192,7 +230,7 @@ int main(int argc, char** argv) {
     const std::string upstreamBody = R"({"id": 1,"jsonrpc": "2.0","result": {"tools": []}})";
     const std::string upstreamAnswer =
         "HTTP/1.1 200 OK\r\ncontent-type: application/json\r\ncontent-length: " + std::to_string(upstreamBody.size()) +
-        "\r\nconnection: close\r\n\r\n" + upstreamBody;
+        "\r\n\r\n" + upstreamBody;
     std::unique_ptr<ChildProcess> upstream;
     const unsigned short upstreamPort = listeningPort({options.responder, upstreamAnswer}, upstream, kLoadCpu);
 
@@ -219,10 +257,14 @@ int main(int argc, char** argv) {
                     keeping.residentKib(), failures);
         return failures == 0 ? 0 : 1;
     }
+    const unsigned short keptPort = freeLoopbackPort();
+    const ChildProcess keptAgent(
+        {options.agent, "--port=" + std::to_string(keptPort), servicesOption, "--mcp_keep_alive=true"}, "listening on",
+        kServerCpu);
     ::unlink(servicesFile);
 
     const std::string forwarded = "POST /mcp HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(upstreamPort) +
-                                  "\r\nAccept: application/json\r\nConnection: close\r\nUser-Agent: forwarder\r\n"
+                                  "\r\nAccept: application/json\r\nUser-Agent: forwarder\r\n"
                                   "Content-Type: application/json\r\nContent-Length: 46\r\n\r\n"
                                   R"({"id": 1,"jsonrpc": 2,"method": "tools/list"} )";
     std::unique_ptr<ChildProcess> limit;
@@ -233,10 +275,18 @@ int main(int argc, char** argv) {
         {options.responder, askOnce(agentPort, agentRpc.requests[0]), std::to_string(upstreamPort), forwarded},
         forwarder, kServerCpu);
     const Side limitPing = {"limit", *limit, limitPort, agentPing.requests, ""};
-    const Side limitRpc = {"limit", *forwarder, forwarderPort, agentRpc.requests, ""};
+    std::unique_ptr<ChildProcess> keeper;
+    const unsigned short keeperPort = listeningPort(
+        {options.responder, askOnce(agentPort, agentRpc.requests[0]), std::to_string(upstreamPort), forwarded, "keep"},
+        keeper, kServerCpu);
+    const Side direct = {"direct", *upstream, upstreamPort, {forwarded}, ""};
+    const Side forwarding[] = {{"limit", *forwarder, forwarderPort, agentRpc.requests, ""},
+                               agentRpc,
+                               {"keptli", *keeper, keeperPort, agentRpc.requests, ""},
+                               rpcOf("kept", keptAgent, keptPort)};
 
     long long failures = compare("ping", options, limitPing, agentPing, kNoBound);
-    failures += compare("bridge.rpc", options, limitRpc, agentRpc, kCallsInFlight);
+    failures += compareForwarding(options, direct, forwarding);
     if (options.idleConnections > 0) {
         const IdleConnections idleLimit(limitPort, options.idleConnections);
         const IdleConnections idleAgent(agentPort, options.idleConnections);

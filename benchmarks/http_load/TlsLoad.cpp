@@ -1,5 +1,6 @@
 // What TLS costs: the agent with TLS against the agent without, its handshakes against those of OpenSSL's own server,
-// and bridge.rpc to an https upstream with trusted roots that are kept against roots that are read for every call.
+// and bridge.rpc to an https upstream with trusted roots that are kept against roots that are read for every call, and
+// over kept connections against a new one per call.
 //
 //   tls_load AGENT ECHO_SERVICE [--seconds S] [--rounds N]
 //
@@ -95,10 +96,11 @@ double loadPing(unsigned short port, bool overTls) {
     return rate(runLoad(port, {ping}, R"("result": {})", kConnections, seconds, overTls));
 }
 
-double loadRpc(unsigned short port) {
+double loadRpc(unsigned short port, const std::string& service = "up") {
     const std::string rpc =
         post(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"bridge.rpc","arguments":)"
-             R"({"serviceId":"up","request":{"jsonrpc":"2.0","id":1,"method":"tools/list"}}}})",
+             R"({"serviceId":")" +
+                 service + R"(","request":{"jsonrpc":"2.0","id":1,"method":"tools/list"}}}})",
              initialize(port));
     return rate(runLoad(port, {rpc}, "transportOk\\\": true", kCallsInFlight, seconds));
 }
@@ -127,7 +129,9 @@ int main(int argc, char** argv) {
     const std::string key = tls.file("key.pem");
     const unsigned short upstreamPort = freeLoopbackPort();
     std::ofstream(tls.file("services.json"))
-        << R"({"services": [{"id": "up", "endpoint": "https://localhost:)" << upstreamPort << R"(/mcp"}]})";
+        << R"({"services": [{"id": "up", "endpoint": "https://localhost:)" << upstreamPort
+        << R"(/mcp"},{"id": "kept", "keepAlive": true, "endpoint": "https://localhost:)" << upstreamPort
+        << R"(/mcp"}]})";
     ::setenv("ZN_SSL_CA_FILE", tls.file("bundle.pem").c_str(), 1);
 
     const ChildProcess upstream(
@@ -170,6 +174,9 @@ int main(int argc, char** argv) {
             ::usleep(2'200'000);
             return loadRpc(plainPort);
         });
+    compare(
+        "bridge.rpc to https", "anew", [&] { return loadRpc(plainPort); }, "kept",
+        [&] { return loadRpc(plainPort, "kept"); });
     std::printf("agent with TLS: %ld KiB resident, %lld failures\n", tlsAgent.residentKib(), failures);
     return failures == 0 ? 0 : 1;
 }

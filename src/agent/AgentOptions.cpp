@@ -40,6 +40,8 @@ constexpr Option kOptions[] = {
     {"mcp_call_tools", "false", "the tools of the services can be listed and called as such", nullptr, Kind::Switch},
     {"mcp_progress", "false", "calls tell of their progress, and can be cancelled", nullptr, Kind::Switch},
     {"services_file", "mcp-bridge-services.json", "the allowlist", "Services"},
+    {"mcp_keep_alive", "false", "keep connections to services that do not say otherwise", nullptr, Kind::Switch},
+    {"mcp_keep_alive_connections", "32", "connections of a service that wait for a call at most, 1 to 1024"},
     {"services_reload", "off", "off, or watch: take a changed allowlist and changed secrets over"},
     {"max_answer_bytes", "16777216", "largest answer taken from a service, 1024 to 1073741824"},
     {"access_log", "", "file that gets a JSON line for each request and each call of a service; - is standard output",
@@ -60,7 +62,8 @@ constexpr Range kAnswerBytes = {"max_answer_bytes", 1024, 1073741824};
 constexpr Range kTrailDays = {"trail_max_days", 1, 3650};
 constexpr Range kTrailBytes = {"trail_max_bytes", 1048576, 1099511627776};
 constexpr Range kLogBytes = {"access_log_max_bytes", 1024, 1073741824};
-constexpr Range kRanges[] = {kAnswerBytes, kLogBytes, kTrailDays, kTrailBytes};
+constexpr Range kKeptConnections = {"mcp_keep_alive_connections", 1, 1024};
+constexpr Range kRanges[] = {kAnswerBytes, kKeptConnections, kLogBytes, kTrailDays, kTrailBytes};
 
 const Option& optionNamed(std::string_view name) {
     const Option* option =
@@ -199,6 +202,9 @@ bool AgentOptions::configure(BreltMcpBridgeAgent& agent, ZnString* errorText) co
         agent.setMaxAnswerBytes(bytes);
     agent.setInterop(isOn("mcp_interop"));
     agent.setProgress(isOn("mcp_progress"));
+    const std::int64_t keptCount = numberIn_(kKeptConnections);
+    agent.setKeepAlive(isOn("mcp_keep_alive"), keptCount != 0 ? static_cast<std::size_t>(keptCount)
+                                                              : ZnHttpConnectionPool::kDefaultMaxIdlePerKey);
     agent.setReload(text("services_reload").trimmed() == "watch");
     agent.setTools({text("mcp_tool_names").trimmed() == "safe", isOn("mcp_call_tools")});
     agent.setState(text("state_dir").trimmed(), stateSettings_());

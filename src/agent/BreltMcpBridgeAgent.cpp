@@ -8,6 +8,7 @@
 #include "core/platform/ZnFileIdentity.h"
 #include "core/platform/ZnMonotonicClock.h"
 #include "core/platform/ZnSocketError.h"
+#include "core/platform/ZnWriteAccess.h"
 #include "core/runtime/ZnCoreApplication.h"
 #include "core/types/ZnVersion.h"
 
@@ -27,8 +28,8 @@ ZnCoreApplication* idleApplication() {
     return application == nullptr || application->fiberPool().isOnFiber() ? nullptr : application;
 }
 
-/// Runs the loop until the objects that wait for their deletion are gone. They go in order, so a marker behind them
-/// shows it; the second round is for what the first one left behind.
+/// Runs the loop until the objects that wait for their deletion are destroyed, in their order: a marker after them
+/// shows that it is over. The second round is for what the first one has left.
 void runDeferredDeletions(ZnCoreApplication& application) {
     for (int round = 0; round < 2; ++round) {
         auto* marker = new ZnObject;
@@ -244,11 +245,19 @@ ZnHttpTimeouts BreltMcpBridgeAgent::timeouts_(ZnHttpTimeouts timeouts) const {
 }
 
 bool BreltMcpBridgeAgent::check(const ZnString& tlsCertPath, const ZnString& tlsKeyPath) {
-    const bool hasServices = loadServices_();
+    const ZnString logProblem = monitor_.logProblem();
+    if (!logProblem.isEmpty())
+        std::cerr << "[McpBridge] " << logProblem << std::endl;
+    const bool isUsable = loadServices_() && logProblem.isEmpty();
     if (tlsCertPath.isEmpty() || tlsKeyPath.isEmpty())
-        return hasServices;
+        return isUsable;
     ZnSslServer server;
-    return loadCertificate(server, tlsCertPath, tlsKeyPath) && hasServices;
+    return loadCertificate(server, tlsCertPath, tlsKeyPath) && isUsable;
+}
+
+ZnString BreltMcpBridgeAgent::stateProblem() const {
+    const ZnString problem = stateDirectory_.isEmpty() ? ZnString() : ZnWriteAccess::directoryProblem(stateDirectory_);
+    return problem.isEmpty() ? problem : "state directory: " + stateDirectory_ + ": " + problem;
 }
 
 void BreltMcpBridgeAgent::stop() {
@@ -338,7 +347,7 @@ bool BreltMcpBridgeAgent::lets_(ZnHttpContext& context) {
     return !refusal;
 }
 
-/// Parks; the agent may be gone when it goes on.
+/// Parks; the agent may have been destroyed when it goes on.
 void BreltMcpBridgeAgent::handlePost_(ZnHttpContext& context) {
     if (!lets_(context))
         return;

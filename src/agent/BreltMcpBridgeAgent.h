@@ -60,6 +60,11 @@ public:
         usesProgress_ = isOn;
         dispatcher_->setProgress(isOn);
     }
+    /// Whether connections to a service that does not say are kept, and how many of each service may wait at most.
+    void setKeepAlive(bool isOn, std::size_t maxIdle) {
+        dispatcher_->connections().setDefault(isOn);
+        dispatcher_->connections().setMaxIdle(maxIdle);
+    }
     /// Takes changes of the allowlist, and of the files with its secrets, over while it runs.
     void setReload(bool isOn) { reloads_ = isOn; }
     const ZnString& mcpPath() const noexcept { return mcpPath_; }
@@ -75,11 +80,13 @@ public:
         stateSettings_ = settings;
     }
 
-    /// Reads the allowlist and the certificate as start() would, and nothing else. False, with the reason on standard
-    /// error or in the log, when start() would fail because of them.
+    /// Reads the allowlist and the certificate as start() would, looks whether log and state can be written, and makes
+    /// nothing. False, with the reason on standard error or in the log, when start() would fail because of them.
     bool check(const ZnString& tlsCertPath, const ZnString& tlsKeyPath);
     /// After start() or check(): what is in the allowlist that is most likely meant otherwise, one line each.
     const std::vector<ZnString>& remarks() const noexcept { return services_->remarks(); }
+    /// Why nothing can be kept in the state directory, as far as can be told without using it; empty: nothing is known.
+    ZnString stateProblem() const;
     std::size_t serviceCount() const { return services_->size(); }
 
     /// Loads the allowlist and listens; port 0 lets the system choose. Returns false, with the reason on standard error

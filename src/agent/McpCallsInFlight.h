@@ -67,8 +67,8 @@ public:
             return kTooManyToService;
         return bytes_ + byteCount > kMaxBytes ? kTooManyBytes : nullptr;
     }
-    /// Counts the bytes of an answer until what is returned goes. Null when the answers that wait for slow clients
-    /// leave no room for it; alone it may have any size.
+    /// Counts the bytes of an answer until what is returned is destroyed. Null when the answers that wait for slow
+    /// clients leave no room for it; alone it may have any size.
     static std::shared_ptr<const void> holdUnsent(const std::shared_ptr<McpCallsInFlight>& calls,
                                                   std::size_t byteCount);
 

@@ -36,6 +36,8 @@ public:
         usesProgress_ = isOn;
         tools_.setProgress(isOn);
     }
+    /// Of requests to services; see there when it may be set.
+    McpKeptConnections& connections() const { return tools_.connections(); }
     void setCatalogue(const McpToolCatalogue::Options& options) { tools_.setCatalogue(options); }
     void setClock(std::function<long long()> clock) { clock_ = std::move(clock); }
 

@@ -66,7 +66,7 @@ void McpForwardCall::end(int errorCode) {
     finishForward_(false, errorCode);
 }
 
-/// Returns whether the answer is there. The call may be over, and gone, when it returns false.
+/// Returns whether the answer is there. The call may be over, and destroyed, when it returns false.
 bool McpForwardCall::takeAnswer_(const ZnMap<ZnString, ZnString>& headers, std::string_view bytes) {
     answerBytes_ += bytes.size();
     if (growth_ && !growth_(answerBytes_)) {

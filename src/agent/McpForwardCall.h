@@ -62,6 +62,10 @@ public:
     McpForwardCall& operator=(const McpForwardCall&) = delete;
 
     void setGrowth(Growth growth) { growth_ = std::move(growth); }
+    /// See ZnHttpClient::setConnectionPool. Before run().
+    void setConnectionPool(ZnHttpConnectionPool* pool, const ZnString& partition) {
+        client_.setConnectionPool(pool, partition);
+    }
     /// Sees what the service tells of progress with the request's token, as params. It must not park.
     using Progress = std::function<void(const ZnJsonObject& params)>;
     void setProgress(Progress progress) { progress_ = std::move(progress); }

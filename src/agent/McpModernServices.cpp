@@ -107,8 +107,8 @@ std::optional<bool> McpModernServices::speaks(const McpMessage& message, int max
 
 /// An entry that was made for another form of the service does not count.
 McpModernServices::EntryRef_ McpModernServices::entryFor_(const ServiceRef& service) {
-    const unsigned generation = services_->generation();
-    if (std::exchange(generation_, generation) != generation)
+    const unsigned serial = services_->serial();
+    if (std::exchange(listSerial_, serial) != serial)
         byId_.clear();
     EntryRef_& entry = byId_[service->id];
     if (!entry || entry->service != service) {

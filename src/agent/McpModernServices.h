@@ -50,6 +50,6 @@ private:
 
     const std::shared_ptr<McpServiceList> services_;
     const std::shared_ptr<McpWorkers> workers_;
-    unsigned generation_ = 0; // of the list that the entries are about
+    unsigned listSerial_ = 0; // of the list that the entries are about
     ZnMap<ZnString, EntryRef_> byId_;
 };

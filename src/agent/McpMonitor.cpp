@@ -1,6 +1,7 @@
 #include "agent/McpMonitor.h"
 
 #include "core/io/http/ZnHttpRouter.h"
+#include "core/platform/ZnWriteAccess.h"
 
 #include <iostream>
 #include <utility>
@@ -38,6 +39,12 @@ ZnString McpMonitor::pathProblem(const Options& options, const ZnString& mcpPath
     }
     const bool areSame = !options.healthPath.isEmpty() && options.healthPath == options.metricsPath;
     return areSame ? "--health_path and --metrics_path are the same: " + options.healthPath : ZnString();
+}
+
+ZnString McpMonitor::logProblem() const {
+    const ZnString& path = options_.accessLogPath;
+    const ZnString problem = path.isEmpty() || path == "-" ? ZnString() : ZnWriteAccess::fileProblem(path);
+    return problem.isEmpty() ? problem : "access log " + path + ": " + problem;
 }
 
 bool McpMonitor::start() {

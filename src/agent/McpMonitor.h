@@ -28,6 +28,8 @@ public:
     /// Before start().
     void setOptions(Options options) { options_ = std::move(options); }
 
+    /// What start() would say against the access log, without making it; empty when nothing.
+    ZnString logProblem() const;
     /// False, with the reason on standard error, when the agent must not start.
     bool start();
     /// Who wants to be told of requests and calls, after start(); mostly nobody.

@@ -52,5 +52,5 @@ struct McpReply {
     // Of a message that was refused, for fronts that know no status.
     const char* problem = "";
     ZnString idText; // as JSON, "null" when it cannot be told; empty: the message wants no answer
-    std::shared_ptr<const void> keptUntilSent; // goes when the text has left, or will not leave any more
+    std::shared_ptr<const void> keptUntilSent; // destroyed when the text has left, or will never leave
 };

@@ -279,6 +279,7 @@ McpForwardResult McpServiceCall::post_(McpForwardRequest&& request) {
     const bool isNeverCancelled = request.opensSession || request.isModern; // the latter by the end of its connection
     posted_ = {isNeverCancelled ? std::nullopt : request.id, request.sessionId, request.protocolVersion};
     call_.emplace(service_, std::move(request), context_.maxAnswerBytes, *context_.workers);
+    context_.connections->apply(*call_, service_);
     entry_.emplace(*context_.inFlight, *call_, service_.id,
                    message_.mayCancel || context_.usesProgress ? mcp::callKey(message_.sessionId, message_.idText)
                                                                : ZnString());

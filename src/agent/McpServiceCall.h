@@ -26,7 +26,8 @@ struct McpCallContext {
     const std::shared_ptr<McpServiceList> services;
     const std::shared_ptr<McpWorkers> workers;
     const std::shared_ptr<McpCallsInFlight> inFlight = std::make_shared<McpCallsInFlight>();
-    const std::shared_ptr<McpServiceNotes> notes = std::make_shared<McpServiceNotes>();
+    const std::shared_ptr<McpKeptConnections> connections = std::make_shared<McpKeptConnections>(services);
+    const std::shared_ptr<McpServiceNotes> notes = std::make_shared<McpServiceNotes>(connections);
     const std::shared_ptr<McpServiceSessions> sessions = std::make_shared<McpServiceSessions>(workers, notes);
     std::int64_t maxAnswerBytes = kDefaultAnswerBytes;
     const std::shared_ptr<McpModernServices> modern = std::make_shared<McpModernServices>(services, workers);

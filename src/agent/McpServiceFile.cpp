@@ -17,12 +17,13 @@ namespace {
 const std::vector<std::string_view> kMembers = {
     "id",           "title",     "description",  "transport",       "endpoint",       "url",     "bearerToken",
     "bearer_token", "tlsCaFile", "tls_ca_file",  "enabled",         "timeoutMs",      "interop", "session",
-    "allowTools",   "denyTools", "allowMethods", "bearerTokenFile", "bearerTokenEnv", "headers", "protocol"};
+    "allowTools",   "denyTools", "allowMethods", "bearerTokenFile", "bearerTokenEnv", "headers", "keepAlive",
+    "protocol"};
 constexpr std::string_view kTextMembers[] = {"id",      "title",           "description",    "transport", "endpoint",
                                              "url",     "bearerToken",     "bearer_token",   "tlsCaFile", "tls_ca_file",
                                              "session", "bearerTokenFile", "bearerTokenEnv", "protocol"};
 constexpr std::string_view kPatternMembers[] = {"allowTools", "denyTools", "allowMethods"};
-constexpr std::string_view kBooleanMembers[] = {"enabled", "interop"};
+constexpr std::string_view kBooleanMembers[] = {"enabled", "interop", "keepAlive"};
 
 using Entry = McpServiceFile::Entry_;
 
@@ -90,6 +91,8 @@ McpBridgeServiceRecord readService(const Entry& entry, bool interopDefault) {
     record.era = eraOf(mcp::textMember_(*entry.written, "protocol"));
     record.interop = record.era != McpBridgeServiceRecord::Era::Legacy ||
                      (interop.isNull() ? interopDefault : interop.toBool(false));
+    if (const ZnJsonValue& keepAlive = entry.values->value("keepAlive"); !keepAlive.isNull())
+        record.keepAlive = keepAlive.toBool(false);
     record.rules.allowMethods = patternsOf(entry, "allowMethods");
     record.rules.allowTools = patternsOf(entry, "allowTools");
     record.rules.denyTools = patternsOf(entry, "denyTools").value_or(McpServiceRules::Patterns());

@@ -54,6 +54,7 @@ void McpServiceList::addSecretRemark_(const ZnString& path, McpServiceFile* file
 
 void McpServiceList::set_(McpServiceFile file) {
     bool hasModern = false;
+    serial_.fetch_add(1, std::memory_order_relaxed);
     ZnMutexLocker locker(lock_);
     for (auto& [id, record] : file.services) {
         hasModern = hasModern || record->era != McpBridgeServiceRecord::Era::Legacy;
@@ -63,7 +64,6 @@ void McpServiceList::set_(McpServiceFile file) {
     services_ = std::move(file.services);
     secretFiles_ = std::move(file.secretFiles);
     hasModern_.store(hasModern, std::memory_order_relaxed);
-    generation_.fetch_add(1, std::memory_order_relaxed);
 }
 
 bool McpServiceList::readFile_(const ZnString& path, bool isExact, McpServiceFile* file, ZnString* errorOut) {

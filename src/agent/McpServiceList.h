@@ -38,10 +38,10 @@ public:
     /// Null for an unknown id; blanks around it do not count.
     Ref find(const ZnString& id);
     std::size_t size();
-    /// Counts the lists that have been in force.
-    unsigned generation() const noexcept { return generation_.load(std::memory_order_relaxed); }
     /// Whether a service of the list may speak another era of the protocol than Legacy.
     bool hasModern() const noexcept { return hasModern_.load(std::memory_order_relaxed); }
+    /// Another one after each change. Any thread.
+    unsigned serial() const noexcept { return serial_.load(std::memory_order_relaxed); }
     /// The longest time limit of a call; 0 without services.
     int longestTimeoutMs();
     ZnJsonArray publicViews();
@@ -54,9 +54,9 @@ private:
     void set_(McpServiceFile file);
 
     std::vector<ZnString> remarks_;
-    std::atomic<unsigned> generation_{0}; // these two order nothing else: a call in flight may miss a new list
-    std::atomic<bool> hasModern_{false};
-    ZnMutex lock_; // leaf
+    std::atomic<unsigned> serial_{0};    // orders nothing: who sees it late keeps connections of no use a little longer
+    std::atomic<bool> hasModern_{false}; // likewise
+    ZnMutex lock_;                       // leaf
     std::vector<ZnString> secretFiles_ ZN_GUARDED_BY(lock_);
     McpServiceFile::ServiceMap services_ ZN_GUARDED_BY(lock_);
 };

@@ -15,6 +15,7 @@ public:
         constexpr std::int64_t kMaxAnswerBytes = 65536;
         ++notes_->count_;
         mcp::setServiceHeaders(client_, *service_);
+        notes_->connections_->apply(client_, *service_);
         client_.setHeader("Accept", "application/json, text/event-stream");
         client_.setMaxResponseBytes(kMaxAnswerBytes);
         client_.connect(&ZnHttpClient::finished, this, [this] { deleteLater(); });

@@ -2,6 +2,7 @@
 
 #include "agent/McpBridgeServiceRecord.h"
 #include "agent/McpForwardCall.h"
+#include "agent/McpKeptConnections.h"
 #include "core/types/ZnString.h"
 
 #include <cstddef>
@@ -17,6 +18,8 @@ public:
     static constexpr std::size_t kMaxAtATime = 64;
     static constexpr int kLimitMs = 3000;
 
+    explicit McpServiceNotes(std::shared_ptr<McpKeptConnections> connections) : connections_(std::move(connections)) {}
+
     /// `method`: one of ZnHttpClient.
     void send(std::shared_ptr<const McpBridgeServiceRecord> service, int method, McpForwardRequest request);
     /// Tells the service that nobody waits for the answer to that request any more.
@@ -26,5 +29,6 @@ public:
 
 private:
     class Note_;
+    const std::shared_ptr<McpKeptConnections> connections_;
     std::size_t count_ = 0;
 };

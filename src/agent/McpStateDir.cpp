@@ -24,7 +24,8 @@ namespace {
 
 constexpr int kStopMs = 5000;
 constexpr int kTidyMs = 3600 * 1000;
-constexpr int kUnsaidMs = 1000; // so long is waited for more to say
+constexpr int kTidyPauseMs = 250; // sessions alone may take more than the trail's room, which no tidying changes
+constexpr int kUnsaidMs = 1000;   // so long is waited for more to say
 constexpr int kBackground = -2;
 constexpr std::int64_t kLargestMemtableBytes = 2 * 1024 * 1024; // who follows reads so much each time
 constexpr std::int64_t kMemtablesInBound = 32;
@@ -253,9 +254,14 @@ bool McpStateDir::Core_::mayGoOn_() {
 /// False when the directory is to be closed.
 bool McpStateDir::Core_::waitForTidying_() {
     const ZnMutexLocker locker(lock_);
-    const long long deadlineNs = monotonicNowNs() + kTidyMs * 1000000LL;
-    for (long long nowNs = 0; !isStopping_ && !isTidyDue_ && (nowNs = monotonicNowNs()) < deadlineNs;)
-        changed_.wait_for(lock_, std::chrono::nanoseconds(deadlineNs - nowNs));
+    const long long beganNs = monotonicNowNs();
+    for (long long nowNs = beganNs; !isStopping_; nowNs = monotonicNowNs()) {
+        const int waitMs = isTidyDue_ ? kTidyPauseMs : kTidyMs;
+        const long long leftNs = beganNs + waitMs * 1000000LL - nowNs;
+        if (leftNs <= 0)
+            break;
+        changed_.wait_for(lock_, std::chrono::nanoseconds(leftNs));
+    }
     isTidyDue_ = false;
     return !isStopping_;
 }

@@ -25,6 +25,7 @@ public:
     /// Messages are read exactly, not in the agent's JSON dialect.
     void setExact(bool isExact) { context_.isExact = isExact; }
     void setProgress(bool isOn) { context_.usesProgress = isOn; }
+    McpKeptConnections& connections() const { return *context_.connections; }
     void setObserver(std::shared_ptr<McpObserver> observer) { context_.observer = std::move(observer); }
     void setCatalogue(McpToolCatalogue::Options options) {
         catalogue_ = McpToolCatalogue(options);
@@ -47,6 +48,7 @@ public:
     void stop() {
         context_.inFlight->stop();
         context_.sessions->endAll();
+        context_.connections->stop();
     }
     bool isIdle() const noexcept { return context_.inFlight->isEmpty() && context_.notes->isIdle(); }
     std::size_t callsInFlight() const noexcept { return context_.inFlight->size(); }

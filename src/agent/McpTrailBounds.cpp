@@ -61,7 +61,7 @@ ZnEmbeddedDbStatus McpTrailBounds::enforce(ZnEmbeddedDb& store, long long nowUs,
     const auto count = static_cast<std::uint64_t>(share * static_cast<double>(countOf(store.scan(allCalls()))));
     removedCount = 0;
     status = removeCalls(store, store.scan(allCalls()), count, mayGoOn, &removedCount);
-    return status.isOk() && mayGoOn() ? store.compact() : status;
+    return status.isOk() && removedCount > 0 && mayGoOn() ? store.compact() : status;
 }
 
 /// Not those of the log, which no removal makes smaller.

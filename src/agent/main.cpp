@@ -55,7 +55,11 @@ int runCheck(const AgentOptions& options, BreltMcpBridgeAgent& agent) {
     const bool isUsable = agent.check(options.text("tls_cert_path"), options.text("tls_key_path"));
     warn(options.remarks(), "");
     warn(agent.remarks(), "services file, ");
-    const std::size_t remarkCount = options.remarks().size() + agent.remarks().size();
+    std::size_t remarkCount = options.remarks().size() + agent.remarks().size();
+    if (const ZnString problem = agent.stateProblem(); !problem.isEmpty()) {
+        warn({problem}, "");
+        ++remarkCount;
+    }
     const bool isFine = isUsable && remarkCount == 0;
     std::cout << "[McpBridge] check: " << agent.serviceCount() << " services, "
               << (options.hasTls() ? "TLS" : "plain HTTP") << ", " << remarkCount << " warnings: "

@@ -293,6 +293,68 @@ TEST_F(McpForwardTest, ACallEndsWithItsClient) {
     }
 }
 
+TEST_F(McpForwardTest, ConnectionsAreKeptWhereTheListOrElseTheOptionSaysSo) {
+    const struct {
+        bool option;
+        const char* member;
+        int connectionCount;
+    } kRows[] = {{false, "", 3},
+                 {true, "", 1},
+                 {true, R"(,"keepAlive":false)", 3},
+                 {false, R"(,"keepAlive":true)", 1},
+                 {true, R"(,"keepAlive":null)", 1}};
+    for (const auto& [option, member, connectionCount] : kRows) {
+        SCOPED_TRACE(member);
+        agent_.setKeepAlive(option, 4);
+        ScriptedPeer peer([](ScriptedPeer::Connection& connection) {
+            while (!connection.receiveRequest().empty())
+                connection.send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}");
+        });
+        setService(peer.url(), member);
+        for (int i = 0; i < 3; ++i)
+            EXPECT_TRUE(holds(rpc(), "\"transportOk\": true"));
+        EXPECT_EQ(peer.connectionCount(), connectionCount);
+    }
+}
+
+TEST_F(McpForwardTest, AKeptConnectionCarriesOneTokenAlone) {
+    std::mutex lock;
+    std::vector<std::string> tokens; // of each connection, in the order in which they begin
+    std::atomic<int> openCount{0};
+    ScriptedPeer peer([&](ScriptedPeer::Connection& connection) {
+        ++openCount;
+        std::size_t index = std::string::npos;
+        for (std::string request; !(request = connection.receiveRequest()).empty();) {
+            {
+                const std::lock_guard<std::mutex> guard(lock);
+                if (index == std::string::npos)
+                    index = tokens.size(), tokens.emplace_back();
+                tokens[index] += request.substr(request.find("Bearer ") + 7, 1);
+            }
+            connection.send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}");
+        }
+        --openCount;
+    });
+    agent_.setKeepAlive(true, 4);
+    const auto setTokens = [&](const std::string& first) {
+        setServices(R"({"services":[{"id":"s","endpoint":")" + peer.url() + R"(","bearerToken":")" + first +
+                    R"("},{"id":"t","endpoint":")" + peer.url() + R"(","bearerToken":"two"}]})");
+    };
+    const auto callBoth = [&] {
+        rpc();
+        rpc(R"({"serviceId":"t","request":{}})");
+    };
+    setTokens("one");
+    callBoth();
+    callBoth();
+    setTokens("new");
+    callBoth();
+    EXPECT_EQ(tokens, (std::vector<std::string>{"oo", "tt", "n", "t"}));
+    EXPECT_TRUE(pollUntil([&] { return openCount == 2; })); // those of the list before are closed
+    Peer::dispatcher(agent_).stop();
+    EXPECT_TRUE(pollUntil([&] { return openCount == 0; }));
+}
+
 TEST_F(McpForwardTest, ACallHasTheTimeOfItsService) {
     setService("http://127.0.0.1:1/", R"(,"timeoutMs":100000)");
     const ZnHttpTimeouts timeouts = Peer::timeouts(agent_);

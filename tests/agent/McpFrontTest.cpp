@@ -227,6 +227,7 @@ TEST(McpServiceFile, RemarksSayWhereAndShowNothingOfTheText) {
            R"("endpoint" is no usable URL: http:// or https://, a host, perhaps a port and a path)"},
           {R"("enabled":"yes")", R"("enabled" must be true or false)"},
           {R"("interop":1)", R"("interop" must be true or false)"},
+          {R"("keepAlive":"yes")", R"("keepAlive" must be true or false)"},
           {R"("timeoutMs":"x")", R"("timeoutMs" must be a whole number of milliseconds above 0)"},
           {R"("timeoutMs":0)", R"("timeoutMs" must be a whole number of milliseconds above 0)"},
           {R"("title":["hush"])", R"("title" must be a text in quotes)"},

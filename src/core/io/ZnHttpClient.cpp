@@ -2,6 +2,7 @@
 
 #include "core/io/ZnSslSocket.h"
 #include "core/io/http1/ZnHttpClientRequest_.h"
+#include "core/io/http1/ZnHttpKeepAlive_.h"
 #include "core/io/http1/ZnHttpResponseReader_.h"
 #include "core/io/http1/ZnHttpWireText_.h"
 #include "core/object/ZnAlive.h"
@@ -12,6 +13,7 @@
 namespace {
 
 constexpr const char* kCategory = "zn.core.io.znhttpclient";
+constexpr int kNotKept = 0;
 
 } // namespace
 
@@ -36,6 +38,11 @@ void ZnHttpClient::setBodyObserver(BodyObserver observer) {
     observer_ = std::make_shared<const BodyObserver>(std::move(observer));
 }
 
+void ZnHttpClient::setConnectionPool(ZnHttpConnectionPool* pool, const ZnString& partition) {
+    pool_ = pool;
+    partition_ = partition;
+}
+
 // --- the request
 
 bool ZnHttpClient::isUsableUrl(const ZnString& url) {
@@ -55,15 +62,35 @@ bool ZnHttpClient::request(int method, const ZnString& url, ZnByteArray body, co
     request_->url = std::move(parsed);
     request_->body = std::move(body);
     request_->contentType = contentType;
+    request_->keepsConnection = pool_ && !request_->hasHeader("connection");
     reader_->begin({.isHeadRequest = method == Head,
-                    .statusFraming = statusFraming_,
+                    .statusFraming = statusFraming_ || pool_,
                     .maxHeadBytes = kMaxHeadBytes,
                     .maxBodyBytes = maxResponseBytes_});
-    socket_ = createSocket_();
-    if (socket_ == nullptr) {
+    if (!zn::http::wire::isSafeLineText(request_->contentType.view())) {
+        ZN_LOG_ERROR(kCategory, "ZnHttpClient::request") << "[ZnHttpClient] invalid content type";
         fail_(kConnectNotBegun);
         return false;
     }
+    return takeKept_() || open_();
+}
+
+/// Sends the request over a connection that was kept; may emit.
+bool ZnHttpClient::takeKept_() {
+    socket_ = request_->keepsConnection ? pool_->take(key_(), this) : nullptr;
+    isKept_ = socket_ != nullptr;
+    if (!isKept_)
+        return false;
+    watch_();
+    send_();
+    return true;
+}
+
+/// On a new connection.
+bool ZnHttpClient::open_() {
+    isKept_ = false;
+    socket_ = request_->url.useTls ? createTlsSocket_() : new ZnTcpSocket(this);
+    watch_();
     const ZnAlive alive(this, requestSerial_);
     const bool hasBegun = connectSocket_();
     if (!alive)
@@ -73,33 +100,30 @@ bool ZnHttpClient::request(int method, const ZnString& url, ZnByteArray body, co
     return hasBegun;
 }
 
-/// Null, with the reason in the log, when there can be no connection.
-ZnTcpSocket* ZnHttpClient::createSocket_() {
-    if (!zn::http::wire::isSafeLineText(request_->contentType.view())) {
-        ZN_LOG_ERROR(kCategory, "ZnHttpClient::request") << "[ZnHttpClient] invalid content type";
-        return nullptr;
-    }
-    ZnTcpSocket* socket = request_->url.useTls ? createTlsSocket_() : new ZnTcpSocket(this);
-    socket->connect(&ZnAbstractSocket::errorOccurred, this, &ZnHttpClient::onSocketError_);
-    socket->connect(&ZnAbstractSocket::disconnected, this, &ZnHttpClient::onDisconnected_);
-    socket->connect(&ZnIODevice::readyRead, this, &ZnHttpClient::onReadyRead_);
-    // With TLS it comes after the handshake.
-    socket->connect(&ZnAbstractSocket::connected, this, &ZnHttpClient::onConnected_);
-    return socket;
-}
-
 ZnTcpSocket* ZnHttpClient::createTlsSocket_() {
     auto* socket = new ZnSslSocket(this);
     socket->setPeerHostName(request_->url.host);
     if (!caFile_.isEmpty())
         socket->setCaFile(caFile_);
-    socket->connect(&ZnSslSocket::sslErrors, this, [this](const ZnList<ZnString>& errors) {
-        if (errors.isEmpty())
-            return;
-        failureDetail_ = errors.first();
-        ZN_LOG_ERROR(kCategory, "ZnHttpClient::request") << "[ZnHttpClient] TLS error: " << errors.first();
-    });
+    if (request_->keepsConnection)
+        socket->setSessions_(pool_->sessions(key_()));
     return socket;
+}
+
+void ZnHttpClient::watch_() {
+    if (request_->url.useTls) {
+        socket_->connect(&ZnSslSocket::sslErrors, this, [this](const ZnList<ZnString>& errors) {
+            if (errors.isEmpty())
+                return;
+            failureDetail_ = errors.first();
+            ZN_LOG_ERROR(kCategory, "ZnHttpClient::request") << "[ZnHttpClient] TLS error: " << errors.first();
+        });
+    }
+    socket_->connect(&ZnAbstractSocket::errorOccurred, this, &ZnHttpClient::onSocketError_);
+    socket_->connect(&ZnAbstractSocket::disconnected, this, &ZnHttpClient::onDisconnected_);
+    socket_->connect(&ZnIODevice::readyRead, this, &ZnHttpClient::onReadyRead_);
+    // With TLS it comes after the handshake.
+    socket_->connect(&ZnAbstractSocket::connected, this, &ZnHttpClient::send_);
 }
 
 /// May park and emit.
@@ -109,8 +133,15 @@ bool ZnHttpClient::connectSocket_() {
     return socket_->connectToHost(request_->url.host, request_->url.port);
 }
 
-void ZnHttpClient::onConnected_() {
-    ZnString head = request_->head();
+ZnHttpConnectionPool::Key ZnHttpClient::key_() const {
+    return {request_->url.useTls, request_->url.host, request_->url.port, request_->url.useTls ? caFile_ : ZnString(),
+            partition_};
+}
+
+/// May emit.
+void ZnHttpClient::send_() {
+    ZnString head = std::exchange(request_->isRepeated, false) ? ZnString() : request_->head();
+    requestBytes_ = head.size() + request_->body.size();
     const ZnAlive alive(this, requestSerial_);
     const bool isAccepted = socket_->writeGathered(std::move(head), std::move(request_->body)); // may emit
     if (alive && !isAccepted)
@@ -139,8 +170,10 @@ void ZnHttpClient::takeBytes_(std::string_view bytes) {
     const bool isEnough = observeBody_(seenBytes);
     if (!alive)
         return;
-    if (isEnough || outcome == Outcome::Complete)
-        finish_();
+    if (outcome == Outcome::Complete)
+        finish_(keepMs_());
+    else if (isEnough)
+        finish_(kNotKept);
     else if (outcome == Outcome::InvalidChunkSize)
         fail_(kInvalidChunkSize);
     else if (outcome == Outcome::InvalidChunkEnd)
@@ -159,16 +192,45 @@ bool ZnHttpClient::observeBody_(std::size_t seenBytes) const {
 
 void ZnHttpClient::onDisconnected_() {
     if (reader_->endsWithConnection())
-        finish_();
+        finish_(kNotKept);
     else
         fail_(kClosedEarly);
 }
 
+void ZnHttpClient::onSocketError_(int code) {
+    if (!isKept_ || !repeat_())
+        fail_(code);
+}
+
+/// What has not left, nobody can have acted on: the request goes out again, as it was written, over a new connection.
+/// When any of it has, only the caller can know whether it may be sent twice.
+bool ZnHttpClient::repeat_() {
+    ZnByteArray unsent = socket_->takeUnsent();
+    if (unsent.size() != requestBytes_)
+        return false;
+    dropSocket_();
+    request_->body = std::move(unsent);
+    request_->isRepeated = true;
+    open_();
+    return true;
+}
+
 // --- the end
 
-void ZnHttpClient::finish_() {
+/// For how long the connection may be kept after a response that is whole.
+int ZnHttpClient::keepMs_() const {
+    // Who answers before the request was there may be in doubt about its end.
+    if (!pool_ || !request_->keepsConnection || socket_->hasPendingWrites() || !reader_->endsBeyondDoubt())
+        return kNotKept;
+    return zn::http::keepAliveMs(reader_->response().rawHeaders.view(), request_->method == Head, pool_->maxIdleMs());
+}
+
+void ZnHttpClient::finish_(int keepMs) {
     const auto result = std::make_shared<ZnHttpClientResponse_>(reader_->takeResponse());
-    dropSocket_();
+    if (keepMs > kNotKept)
+        pool_->put(key_(), letGoOfSocket_(), keepMs);
+    else
+        dropSocket_();
     reader_->begin({});
     result_ = result;
     finished(result->body); // a slot may delete the client; the next slot still needs the body
@@ -184,18 +246,25 @@ void ZnHttpClient::abort() {
     dropSocket_();
     reader_->begin({});
     request_->body.release();
+    request_->isRepeated = false;
     result_.reset();
 }
 
 /// Closes the connection at once, which also ends a name look-up that is under way.
 void ZnHttpClient::dropSocket_() {
-    ++requestSerial_;
-    ZnAbstractSocket* socket = std::exchange(socket_, nullptr);
+    ZnTcpSocket* socket = letGoOfSocket_();
     if (socket == nullptr)
         return;
-    socket->disconnectAll();
     socket->close();
     socket->deleteLater();
+}
+
+/// The request is over.
+ZnTcpSocket* ZnHttpClient::letGoOfSocket_() {
+    ++requestSerial_;
+    if (socket_ != nullptr)
+        socket_->disconnectAll();
+    return std::exchange(socket_, nullptr);
 }
 
 const ZnHttpClientResponse_& ZnHttpClient::resultOrNone_() const noexcept {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/object/ZnObject.h"
+#include "core/io/ZnHttpConnectionPool.h"
 #include "core/types/ZnByteArray.h"
 #include "core/types/ZnMap.h"
 #include "core/types/ZnString.h"
@@ -15,7 +15,7 @@ class ZnTcpSocket;
 struct ZnHttpClientRequest_;
 struct ZnHttpClientResponse_;
 
-/// One HTTP/1.1 request at a time, each on a connection of its own that is closed after it.
+/// One HTTP/1.1 request at a time, each on a connection of its own that is closed after it, unless it has a pool.
 ///
 /// Follows no redirect and has no limit of time: a caller that needs one arms a timer and calls abort(). It has a limit
 /// of size if the caller sets one.
@@ -53,6 +53,11 @@ public:
     void setCaFile(const ZnString& path) { caFile_ = path; }
     /// The largest body of all later requests; 0: no limit.
     void setMaxResponseBytes(std::int64_t maxBytes) { maxResponseBytes_ = maxBytes; }
+    /// For all later requests: their connections come from this pool, and go there after a response whose end is beyond
+    /// doubt; see setStatusFraming(), which is then on. A request is repeated, on a new connection, only when a kept
+    /// one fails before a byte of it has left. `pool` is borrowed, and may end first; null: none. See
+    /// ZnHttpConnectionPool::Key for `partition`.
+    void setConnectionPool(ZnHttpConnectionPool* pool, const ZnString& partition);
     /// For all later requests: interim responses (1xx) are passed over, and 204, 205 and 304 have no body.
     void setStatusFraming(bool isOn) noexcept { statusFraming_ = isOn; }
 
@@ -87,25 +92,35 @@ public:
     void errorOccurred(int code);
 
 private:
-    ZnTcpSocket* createSocket_();
+    bool takeKept_();
+    bool open_();
     ZnTcpSocket* createTlsSocket_();
+    void watch_();
     bool connectSocket_();
+    ZnHttpConnectionPool::Key key_() const;
 
     // Slots of the socket.
-    void onConnected_();
+    void send_();
     void onReadyRead_();
     void onDisconnected_();
-    void onSocketError_(int code) { fail_(code); }
+    void onSocketError_(int code);
 
     // Each of these may be the end of the client; those that emit do it as their last action.
     void takeBytes_(std::string_view bytes);
     bool observeBody_(std::size_t seenBytes) const;
-    void finish_();
+    bool repeat_();
+    int keepMs_() const;
+    void finish_(int keepMs);
     void fail_(int code);
+    ZnTcpSocket* letGoOfSocket_();
     void dropSocket_();
     const ZnHttpClientResponse_& resultOrNone_() const noexcept;
 
+    ZnPointer<ZnHttpConnectionPool> pool_; // null: none
+    ZnString partition_;
     ZnTcpSocket* socket_ = nullptr; // child; null when idle
+    bool isKept_ = false;           // it has carried a request before
+    std::size_t requestBytes_ = 0;  // written for this one
     unsigned requestSerial_ = 0;    // changes when a request ends: tells what was parked or emitting that it is over
 
     std::int64_t maxResponseBytes_ = 0; // 0: no limit

@@ -49,6 +49,14 @@
     X(X509_free, crypto, false)                                                                                        \
     X(SSL_get_servername, ssl, false)                                                                                  \
     X(SSL_set_SSL_CTX, ssl, false)                                                                                     \
+    X(SSL_has_pending, ssl, false)                                                                                     \
+    X(SSL_get_SSL_CTX, ssl, false)                                                                                     \
+    X(SSL_set_ex_data, ssl, false)                                                                                     \
+    X(SSL_get_ex_data, ssl, false)                                                                                     \
+    X(SSL_set_session, ssl, false)                                                                                     \
+    X(SSL_SESSION_free, ssl, false)                                                                                    \
+    X(SSL_SESSION_get_protocol_version, ssl, false)                                                                    \
+    X(SSL_CTX_sess_set_new_cb, ssl, false)                                                                             \
     X(SSL_CTX_set_default_passwd_cb, ssl, false)                                                                       \
     X(X509_get_default_cert_file, crypto, false)                                                                       \
     X(X509_get_default_cert_dir, crypto, false)                                                                        \

@@ -24,7 +24,8 @@ ZnSslEngine_::~ZnSslEngine_() {
         api_->SSL_free(ssl_);
 }
 
-bool ZnSslEngine_::initClient(const ZnString& host, std::uint64_t socketHandle, const ZnString& caFile) {
+bool ZnSslEngine_::initClient(const ZnString& host, std::uint64_t socketHandle, const ZnString& caFile,
+                              std::shared_ptr<ZnSslSessions_> sessions) {
     if (!bind_())
         return false;
     if (api_->TLS_client_method == nullptr)
@@ -51,6 +52,9 @@ bool ZnSslEngine_::initClient(const ZnString& host, std::uint64_t socketHandle, 
         api_->SSL_ctrl(ssl_, SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name, const_cast<char*>(host.data()));
     if (api_->SSL_set_connect_state != nullptr)
         api_->SSL_set_connect_state(ssl_);
+    sessions_ = std::move(sessions);
+    if (sessions_)
+        sessions_->attach(*api_, clientContext_, ssl_);
     return true;
 }
 
@@ -112,6 +116,8 @@ ZnSslEngine_::Outcome ZnSslEngine_::handshake() {
     begin_();
     const Outcome outcome = classify_(api_->SSL_do_handshake(ssl_));
     partCountAtData_ = receivedPartCount_;
+    if (outcome == Outcome::Failure && sessions_)
+        sessions_->clear(); // whatever it was: the next one begins anew
     return outcome;
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/io/ZnSslTrust_.h"
+#include "core/io/ZnSslSessions_.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -26,8 +26,9 @@ public:
     ZnSslEngine_& operator=(const ZnSslEngine_&) = delete;
 
     /// Prepares the client's side of a handshake with `host`, whose name the certificate must carry. An empty `caFile`
-    /// stands for the discovered roots. False with the reason in lastError().
-    bool initClient(const ZnString& host, std::uint64_t socketHandle, const ZnString& caFile);
+    /// stands for the discovered roots; `sessions` may be null. False with the reason in lastError().
+    bool initClient(const ZnString& host, std::uint64_t socketHandle, const ZnString& caFile,
+                    std::shared_ptr<ZnSslSessions_> sessions = nullptr);
     /// Prepares the server's side. False with the reason in lastError().
     bool initServer(std::shared_ptr<const ZnSslServerContext> serverContext, std::uint64_t socketHandle);
 
@@ -45,6 +46,10 @@ public:
     /// Tells the peer that nothing more comes; does not wait for its answer.
     void shutdown();
 
+    /// Whether bytes of the peer wait inside OpenSSL, be it half a record. False without a function for it.
+    bool hasUnread() const { return api_->SSL_has_pending != nullptr && api_->SSL_has_pending(ssl_) != 0; }
+    /// Null on the server's side.
+    const std::shared_ptr<const ZnSslContextHandle_>& clientContext() const noexcept { return clientContext_; }
     /// Whether the last operation ended because the socket had nothing more. After a WantRead without this there may
     /// be more: OpenSSL stops after a message of the protocol's own, such as a key update.
     bool socketWasDrained() const noexcept { return socketWasDrained_; }
@@ -67,6 +72,7 @@ private:
     ZnOpenSslApi_* api_ = nullptr;
     std::shared_ptr<const ZnSslContextHandle_> clientContext_; // null on the server's side
     std::shared_ptr<const ZnSslServerContext> serverContext_;  // null on the client's side
+    std::shared_ptr<ZnSslSessions_> sessions_;                 // may be null; outlives ssl_
     SSL* ssl_ = nullptr;
     bool socketWasDrained_ = false;
     unsigned receivedPartCount_ = 0;

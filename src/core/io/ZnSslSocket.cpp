@@ -63,7 +63,7 @@ bool ZnSslSocket::startClientEncryption_() {
     if (name.isEmpty())
         return failSsl_(kHandshakeFailed, "[ZnSslSocket] TLS peer hostname missing");
     auto engine = std::make_unique<ZnSslEngine_>();
-    if (!engine->initClient(name, static_cast<std::uint64_t>(descriptor_()), caFile_))
+    if (!engine->initClient(name, static_cast<std::uint64_t>(descriptor_()), caFile_, sessions_))
         return failSsl_(kHandshakeFailed, "[ZnSslSocket] OpenSSL client init failed: " + engine->lastError());
     engine_ = std::move(engine);
     beginHandshake_();
@@ -103,6 +103,18 @@ void ZnSslSocket::close() {
     if (const std::unique_ptr<ZnSslEngine_> engine = std::move(engine_))
         engine->shutdown();
     ZnTcpSocket::close();
+}
+
+bool ZnSslSocket::isTrustedBy_(const ZnSslSessions_& sessions) const {
+    return engine_ && sessions.isCurrent(engine_->clientContext());
+}
+
+/// Bytes at the socket may be no more than a ticket: they count all the same, as this must not change anything.
+bool ZnSslSocket::isQuiet() const {
+    const bool isSettled =
+        phase_ == Phase_::Plain || (phase_ == Phase_::Encrypted && plainBuffer_.isEmpty() && !readReady_ &&
+                                    !readHasFailed_ && !engine_->hasUnread() && pendingOp_ != Operation_::Write);
+    return isSettled && ZnTcpSocket::isQuiet();
 }
 
 void ZnSslSocket::setHoldOnPeerClose(bool hold) {

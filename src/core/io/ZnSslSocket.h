@@ -10,6 +10,7 @@
 
 class ZnSslEngine_;
 class ZnSslServerContext;
+class ZnSslSessions_;
 enum class ZnSslOutcome_;
 
 /// A TCP socket whose bytes run through TLS, as client or as server, once encryption has been started.
@@ -47,6 +48,11 @@ public:
     /// Begins the client's side on a connected socket, with the peer host name, or else the one that was connected to.
     bool startClientEncryption_();
 
+    /// Sessions that client handshakes take up and add to: those of one peer and name. Null for none.
+    void setSessions_(std::shared_ptr<ZnSslSessions_> sessions) { sessions_ = std::move(sessions); }
+    /// Whether the peer was verified with the trust that the sessions are of.
+    bool isTrustedBy_(const ZnSslSessions_& sessions) const;
+
     void close() override;
     /// What has been decrypted, up to `maxBytes`; all of it for a value below 1.
     ZnString read(long long maxBytes) override;
@@ -54,6 +60,7 @@ public:
     bool connectToHost(const ZnString& host, unsigned short port) override;
     /// A held connection takes an end of input without a close alert for one with it: what is due can still go out.
     void setHoldOnPeerClose(bool hold) override;
+    bool isQuiet() const override;
 
     // Signals.
     void encrypted();                               // right after `connected`
@@ -97,6 +104,7 @@ private:
     ZnString hostName_;     // of the last connectToHost
     ZnString peerHostName_; // to verify and to ask for; empty: hostName_
     ZnString caFile_;
+    std::shared_ptr<ZnSslSessions_> sessions_;
     std::unique_ptr<ZnSslEngine_> engine_;
     Phase_ phase_ = Phase_::Plain;
     Operation_ pendingOp_ = Operation_::None; // must be repeated

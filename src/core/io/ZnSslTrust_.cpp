@@ -1,6 +1,7 @@
 #include "core/io/ZnSslTrust_.h"
 
 #include "core/fs/ZnPath.h"
+#include "core/io/ZnSslSessions_.h"
 #include "core/platform/ZnDirPlatform.h"
 #include "core/platform/ZnSharedLibrary.h"
 #include "core/types/ZnMutex.h"
@@ -356,6 +357,7 @@ std::shared_ptr<const ZnSslContextHandle_> ZnSslTrust_::clientContext(const ZnOp
     if (!hasTrust)
         return nullptr;
     api.applyModes(context->get());
+    ZnSslSessions_::prepare(api, context->get());
     if (places.areComplete || !caFile.isEmpty())
         keep(api, caFile, context, std::move(sources));
     return context;

@@ -444,6 +444,10 @@ ZnTcpSocket::PeerState ZnTcpSocket::peerState() const {
     return handle_->hasPeerFinished() ? PeerState::Finished : PeerState::Open;
 }
 
+bool ZnTcpSocket::isQuiet() const {
+    return canTransfer_() && !remoteClosed_ && writeBuffer_.isEmpty() && handle_->isQuiet();
+}
+
 unsigned long long ZnTcpSocket::bytesTaken() const {
     return bytesSent_ - (handle_ ? handle_->unacknowledgedBytes() : 0);
 }

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <utility>
 
 /// A non-blocking stream socket with a write buffer and no read buffer.
 ///
@@ -57,6 +58,13 @@ public:
     /// How the peer stands, asked from the system: events may wait for a fiber that is parked inside one of them.
     enum class PeerState { Open, Finished, Gone }; // Finished: its sending side is closed, which may be all, or not
     PeerState peerState() const;
+    /// Whether the connection stands, everything is written and there is nothing to read, neither bytes nor an end;
+    /// asked from the system.
+    virtual bool isQuiet() const;
+    /// Whether a receiver of its signals runs, or is parked, because of an event: the next one comes only after it.
+    bool isServingEvents() const noexcept { return insideEvents_; }
+    /// Takes back what write has accepted and the system has not.
+    ZnByteArray takeUnsent() { return std::exchange(writeBuffer_, ZnByteArray()); }
     /// How much of bytesSent() the peer has taken, which changes while it takes: the system's buffer may hold
     /// megabytes, and takes more only in large lumps.
     unsigned long long bytesTaken() const;

@@ -267,6 +267,11 @@ int ZnSocketHandle::failure() const {
     return errnoValue == 0 ? ZnSocketError::kConnectionReset : ZnSocketError::fromErrno(errnoValue);
 }
 
+bool ZnSocketHandle::isQuiet() const {
+    char byte = 0;
+    return ::recv(descriptor(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+}
+
 bool ZnSocketHandle::hasPeerFinished() const {
     pollfd state = {descriptor(), POLLRDHUP, 0};
     return ::poll(&state, 1, 0) > 0 && (state.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;

@@ -83,6 +83,8 @@ public:
     /// 0 while the connection stands, if only in one direction; else why it does not.
     int failure() const;
 
+    /// Whether the connection stands and there is nothing to read, neither bytes nor an end; asked from the system.
+    bool isQuiet() const;
     /// Whether the peer has closed its sending side, or the connection has ended; asked from the system.
     bool hasPeerFinished() const;
     /// How much of what was sent the peer's system has not acknowledged yet.

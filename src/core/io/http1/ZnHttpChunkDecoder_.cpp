@@ -33,12 +33,12 @@ ZnHttpChunkDecoder_::Step ZnHttpChunkDecoder_::takeSize_(std::string_view* input
         return fail_(Fault::SizeLineTooLong);
     if (!isWhole)
         return Step::NeedMore;
-    const bool isWellFormed = !rules_.strictGrammar || grammar::isChunkSizeLine(*bytes);
+    isExact_ = isExact_ && grammar::isChunkSizeLine(*bytes);
     std::string_view rest = trimmedView(*bytes);
     *bytes = wire::cutPiece(&rest, ";");
     if (rules_.allowsBlankBehindSize)
         *bytes = trimmedView(*bytes);
-    if (!isWellFormed || !parseSize_(*bytes))
+    if ((rules_.strictGrammar && !isExact_) || !parseSize_(*bytes))
         return fail_(Fault::InvalidSize);
     if (chunkRemaining_ > rules_.maxChunkBytes)
         return fail_(Fault::ChunkTooLarge);

@@ -47,6 +47,8 @@ public:
 
     State state() const noexcept { return state_; }
     Fault fault() const noexcept { return fault_; }
+    /// Whether every size line so far has followed the grammar to the letter.
+    bool isExact() const noexcept { return isExact_; }
     /// Whether the peer owes bytes of a chunk that it has announced; also after a failure.
     bool isInsideChunk() const noexcept { return chunkRemaining_ > 0; }
 
@@ -62,6 +64,7 @@ private:
     ZnHttpLineReader_ lines_;
     State state_ = State::Size;
     Fault fault_ = Fault::None;
+    bool isExact_ = true;
     std::uint64_t chunkRemaining_ = 0; // bytes of the present chunk that are still to come
     std::uint64_t bodyBytes_ = 0;      // given out so far
     std::uint64_t trailerBytes_ = 0;   // so far

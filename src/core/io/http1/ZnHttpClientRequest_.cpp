@@ -19,14 +19,15 @@ const char* methodText(int method) {
 ZnString ZnHttpClientRequest_::head() const {
     ZnHttpHeadWriter_ out(kUsualHeadBytes);
     const auto addDefault = [&](std::string_view name, std::string_view value) {
-        if (!hasHeader_(name))
+        if (!hasHeader(name))
             out.header(name, value);
     };
     out.startLine(methodText(method), url.path.view(), "HTTP/1.1");
     addDefault("Host", url.hostText().view());
     for (const auto& [name, value] : headers)
         out.header(name.view(), value.view());
-    addDefault("Connection", "close");
+    if (!keepsConnection)
+        addDefault("Connection", "close");
     addDefault("Accept", "*/*");
     addDefault("User-Agent", "ZnHttpClient/1.0");
     const bool expectsBody =
@@ -38,7 +39,7 @@ ZnString ZnHttpClientRequest_::head() const {
     return out.finish();
 }
 
-bool ZnHttpClientRequest_::hasHeader_(std::string_view name) const {
+bool ZnHttpClientRequest_::hasHeader(std::string_view name) const {
     return std::any_of(headers.begin(), headers.end(),
                        [name](const auto& header) { return header.first.equalsIgnoreCase(name); });
 }

@@ -54,6 +54,16 @@ ZnHttpResponseReader_::Outcome ZnHttpResponseReader_::feed(std::string_view byte
     return isTooLarge_() ? Outcome::TooLarge : outcome;
 }
 
+bool ZnHttpResponseReader_::endsBeyondDoubt() const noexcept {
+    if (headBytes_ != response_.rawHeaders.size())
+        return false;
+    if (state_ == State_::Chunks) // the end of the trailers, which are not waited for, has come along, or not
+        return chunks_ && chunks_->state() == ZnHttpChunkDecoder_::State::End && chunks_->isExact() &&
+               buffer_.view() == wire::kLineEnd;
+    const bool isCounted = static_cast<std::int64_t>(response_.body.size()) == contentLength_;
+    return buffer_.isEmpty() && (state_ == State_::Complete || (state_ == State_::Counted && isCounted));
+}
+
 ZnHttpResponseReader_::Outcome ZnHttpResponseReader_::read_(std::string_view* input) {
     while (state_ == State_::Head) {
         if (!takeHead_(input))

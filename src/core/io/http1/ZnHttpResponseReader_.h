@@ -34,6 +34,10 @@ public:
     /// Whether the end of the connection completes the response.
     bool endsWithConnection() const noexcept { return state_ == State_::ToClose; }
 
+    /// Whether the response is whole, its framing was to the letter, and nothing has come with it, neither an interim
+    /// response nor a byte more. What its head says is not judged.
+    bool endsBeyondDoubt() const noexcept;
+
     /// What has come so far; the head is whole or empty.
     const ZnHttpClientResponse_& response() const noexcept { return response_; }
     ZnHttpClientResponse_ takeResponse() { return std::move(response_); }

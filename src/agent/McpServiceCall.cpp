@@ -237,10 +237,12 @@ bool McpServiceCall::learnTools_(McpForwardResult* page) {
         if (!page->isSuccess() || !list.take(mcp::readAnswer(page, *context_.workers), byteCount))
             return false;
     } while (!list.isWhole());
-    const auto answer = std::make_shared<McpToolListAnswer>(ZnString(), std::move(list), message_.service);
-    if (!doWork_(answer->isLarge(), [answer] { answer->build(); }))
+    const auto tools = std::make_shared<ZnJsonArray>(list.takeTools());
+    const auto headers = std::make_shared<McpToolHeaders::ByTool>();
+    const auto look = [tools, headers] { *headers = McpToolHeaders::of(std::exchange(*tools, {})); };
+    if (!doWork_(list.byteCount() >= McpRpcAnswer::kLargeBytes, look))
         return false;
-    context_.modern->learn(message_.service, answer->toolHeaders());
+    context_.modern->learn(message_.service, *headers);
     return true;
 }
 

@@ -25,6 +25,8 @@ private:
 /// One service of the allowlist. Never changed once it was read: calls share it, also with a newer list in force.
 struct McpBridgeServiceRecord {
     static constexpr std::int32_t kDefaultTimeoutMs = 15000;
+    /// Of the protocol: Legacy has a handshake, Modern is revision 2026-07-28, Auto is whichever the service speaks.
+    enum class Era { Legacy, Modern, Auto };
 
     ZnString id;
     ZnString title;
@@ -38,6 +40,7 @@ struct McpBridgeServiceRecord {
     McpServiceRules rules;
     bool enabled = true;
     bool interop = false;                       // requests and answers are exact, and answers may be event streams
+    Era era = Era::Legacy;                      // another one has `interop` on
     bool keepsSessions = false;                 // calls without a session get one that the agent keeps
     std::optional<bool> keepAlive;              // whether connections to it are kept; nothing: as the agent is set
     std::int32_t timeoutMs = kDefaultTimeoutMs; // of one upstream call, 1 or more

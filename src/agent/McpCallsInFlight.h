@@ -64,7 +64,7 @@ public:
         if (inFlight_.size() >= kMaxCalls)
             return "Too many bridge calls in flight";
         if (hasOtherServices && byService_.value(serviceId) >= kMaxCalls / 2)
-            return "Too many calls in flight to this service";
+            return kTooManyToService;
         return bytes_ + byteCount > kMaxBytes ? kTooManyBytes : nullptr;
     }
     /// Counts the bytes of an answer until what is returned is destroyed. Null when the answers that wait for slow
@@ -72,6 +72,7 @@ public:
     static std::shared_ptr<const void> holdUnsent(const std::shared_ptr<McpCallsInFlight>& calls,
                                                   std::size_t byteCount);
 
+    static constexpr const char* kTooManyToService = "Too many calls in flight to this service";
     static constexpr const char* kTooManyBytes = "Too many bridge bytes in flight";
     static constexpr const char* kStopping = "Agent is stopping";
 

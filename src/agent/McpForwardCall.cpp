@@ -30,6 +30,10 @@ McpForwardCall::McpForwardCall(const McpBridgeServiceRecord& record, McpForwardR
         client_.setHeader("Mcp-Protocol-Version", request_.protocolVersion);
     if (!request_.sessionId.isEmpty())
         client_.setHeader("Mcp-Session-Id", request_.sessionId);
+    for (const McpHeaderList* headers : {&request_.headers, &request_.argumentHeaders}) {
+        for (const auto& [name, value] : *headers)
+            client_.setHeader(name, value);
+    }
     mcp::setServiceHeaders(client_, record);
     client_.setMaxResponseBytes(maxAnswerBytes_);
     client_.setStatusFraming(interop_);

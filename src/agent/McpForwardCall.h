@@ -12,6 +12,10 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <utility>
+#include <vector>
+
+using McpHeaderList = std::vector<std::pair<ZnString, ZnString>>; // names and values
 
 /// What a call sends, taken out of the client's message, which is not kept.
 struct McpForwardRequest {
@@ -22,11 +26,15 @@ struct McpForwardRequest {
     std::optional<ZnJsonValue> progressToken; // with which the service is to tell of progress
     ZnString method;                          // these two for observers: what the body says
     ZnString tool;
-    bool listsTools = false;   // it asks for a list of tools
-    bool opensSession = false; // it is an "initialize"
-    bool isExact = false;      // as for a service with interoperability
-    bool mayResume = false;    // an event stream that ends without the answer is taken up again
-    int timeoutMs = 0;         // 0: the service's
+    McpHeaderList headers;         // further ones, which mirror the body
+    McpHeaderList argumentHeaders; // likewise, of the tool's arguments
+    bool isModern = false;         // of revision 2026-07-28: no session, and the end of the connection cancels it
+    bool mirrorsTool = false;      // such a call of a tool
+    bool listsTools = false;       // it asks for a list of tools
+    bool opensSession = false;     // it is an "initialize"
+    bool isExact = false;          // as for a service with interoperability
+    bool mayResume = false;        // an event stream that ends without the answer is taken up again
+    int timeoutMs = 0;             // 0: the service's
 };
 
 /// One upstream call: an HTTP POST, its time limit, and the park of the fiber that waits for both.

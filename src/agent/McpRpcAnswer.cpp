@@ -39,6 +39,8 @@ void McpRpcAnswer::build() {
     readBody_();
     if (tellsOutcome_)
         outcome_ = mcp::outcomeOf(result_.body);
+    if (learnsTools_)
+        learnTools_();
     if (filter_)
         filter_->rules.filterAnswer(&result_.body);
     ZnString payload = payload_();
@@ -48,6 +50,13 @@ void McpRpcAnswer::build() {
         payload = payload_();
     }
     writeText_(payload);
+}
+
+void McpRpcAnswer::learnTools_() {
+    const ZnJsonObject* message = result_.body.object();
+    const ZnJsonObject* result = message == nullptr ? nullptr : message->value("result").object();
+    if (const ZnJsonArray* tools = result == nullptr ? nullptr : result->value("tools").array())
+        toolHeaders_ = McpToolHeaders::of(*tools);
 }
 
 void McpRpcAnswer::repairTexts_() {

@@ -3,6 +3,7 @@
 #include "agent/McpBridgeServiceRecord.h"
 #include "agent/McpForwardResult.h"
 #include "agent/McpObserver.h"
+#include "agent/McpToolHeaders.h"
 #include "core/types/ZnJsonDocument.h"
 
 #include <cstddef>
@@ -30,6 +31,11 @@ public:
     /// Takes the tools that `service` may not show out of the answer.
     void filterTools(std::shared_ptr<const McpBridgeServiceRecord> service) { filter_ = std::move(service); }
 
+    /// The answer is a list of tools in revision 2026-07-28 of the protocol; after build() it is known what they
+    /// mirror.
+    void learnTools() { learnsTools_ = true; }
+    const McpToolHeaders::ByTool& toolHeaders() const noexcept { return toolHeaders_; }
+
     bool isLarge() const noexcept { return result_.rawBody.size() + idText_.size() >= kLargeBytes; }
     /// Once.
     void build();
@@ -42,6 +48,7 @@ public:
 
 private:
     void fail_();
+    void learnTools_();
     void repairTexts_();
     void readBody_();
     ZnString payload_();
@@ -54,6 +61,8 @@ private:
     std::shared_ptr<const McpBridgeServiceRecord> filter_; // null: nothing is taken out
     const std::size_t maxBytes_;
     bool tellsOutcome_ = false;
+    bool learnsTools_ = false;
+    McpToolHeaders::ByTool toolHeaders_;
     McpCallOutcome outcome_; // empty when nobody wants it
     ZnByteArray text_;
 };

@@ -3,13 +3,17 @@
 #include "agent/McpCallsInFlight.h"
 #include "agent/McpForwardCall.h"
 #include "agent/McpMessage.h"
+#include "agent/McpModernServices.h"
 #include "agent/McpObserver.h"
 #include "agent/McpReply.h"
+#include "agent/McpRpcRequest.h"
 #include "agent/McpServiceList.h"
 #include "agent/McpServiceSessions.h"
+#include "agent/McpToolAnswer.h"
 #include "agent/McpWork.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -26,6 +30,7 @@ struct McpCallContext {
     const std::shared_ptr<McpServiceNotes> notes = std::make_shared<McpServiceNotes>(connections);
     const std::shared_ptr<McpServiceSessions> sessions = std::make_shared<McpServiceSessions>(workers, notes);
     std::int64_t maxAnswerBytes = kDefaultAnswerBytes;
+    const std::shared_ptr<McpModernServices> modern = std::make_shared<McpModernServices>(services, workers);
     bool usesProgress = false;                       // see McpDispatcher::setProgress
     bool isExact = false;                            // how messages are read
     std::shared_ptr<McpObserver> observer = nullptr; // null without one
@@ -47,16 +52,26 @@ public:
 private:
     McpReply forward_();
     McpReply listTools_();
-    /// What is to be sent; nothing, with the reason, when it cannot be.
-    bool build_(McpForwardRequest* request, ZnString* refusal);
+    using Building_ = std::shared_ptr<McpRpcRequest>;
+    /// What is to be sent; null, with the reason, when it cannot be.
+    Building_ read_(ZnString* refusal);
+    bool write_(const Building_& building, ZnString* refusal);
+    bool build_(const Building_& building, std::function<void()> step, ZnString* refusal);
+    bool doWork_(bool isLarge, std::function<void()> work);
+    bool findEra_(McpForwardResult* failure);
     McpForwardResult exchange_(McpForwardRequest&& request);
+    void noteResult_(const McpForwardResult& result);
     bool isManaged_(const McpForwardRequest& request) const;
     McpForwardResult exchangeInSession_(McpForwardRequest&& request);
+    McpForwardResult exchangeModern_(McpForwardRequest&& request);
+    bool learnTools_(McpForwardResult* page);
+    bool mirrorAgain_(McpForwardRequest* request);
     McpForwardResult post_(McpForwardRequest&& request);
     int leftMs_() const;
     void handOnProgress_();
     void cancelUpstream_(const McpForwardResult& result);
 
+    std::shared_ptr<McpToolAnswer> toolAnswer_(McpForwardResult&& result) const;
     template <typename Answer>
     McpReply finish_(const std::shared_ptr<Answer>& answer);
     McpReply holdUntilSent_(McpReply reply);
@@ -69,7 +84,9 @@ private:
     const McpBridgeServiceRecord& service_;
     std::optional<McpForwardCall> call_; // the last one; it has ended unless this fiber is in it
     std::optional<McpCallsInFlight::Entry> entry_;
+    bool isModern_ = false;         // the service is spoken to in revision 2026-07-28 of the protocol
     const char* refusal_ = nullptr; // there was no room for the call or its answer
+    bool isLarge_ = false;          // the client's message
     bool wasLarge_ = false;         // an answer, also one that was not taken
     struct Posted_ {
         std::optional<ZnJsonValue> id; // nothing when the request is not to be cancelled

@@ -3,6 +3,7 @@
 #include "agent/McpHeaders.h"
 #include "agent/McpJson.h"
 #include "agent/McpJsonPlaces.h"
+#include "agent/McpModernRequest.h"
 #include "agent/McpServiceSecrets.h"
 #include "agent/McpText.h"
 #include "core/io/ZnHttpClient.h"
@@ -16,10 +17,11 @@ namespace {
 const std::vector<std::string_view> kMembers = {
     "id",           "title",     "description",  "transport",       "endpoint",       "url",     "bearerToken",
     "bearer_token", "tlsCaFile", "tls_ca_file",  "enabled",         "timeoutMs",      "interop", "session",
-    "allowTools",   "denyTools", "allowMethods", "bearerTokenFile", "bearerTokenEnv", "headers", "keepAlive"};
-constexpr std::string_view kTextMembers[] = {"id",      "title",           "description",   "transport", "endpoint",
-                                             "url",     "bearerToken",     "bearer_token",  "tlsCaFile", "tls_ca_file",
-                                             "session", "bearerTokenFile", "bearerTokenEnv"};
+    "allowTools",   "denyTools", "allowMethods", "bearerTokenFile", "bearerTokenEnv", "headers", "keepAlive",
+    "protocol"};
+constexpr std::string_view kTextMembers[] = {"id",      "title",           "description",    "transport", "endpoint",
+                                             "url",     "bearerToken",     "bearer_token",   "tlsCaFile", "tls_ca_file",
+                                             "session", "bearerTokenFile", "bearerTokenEnv", "protocol"};
 constexpr std::string_view kPatternMembers[] = {"allowTools", "denyTools", "allowMethods"};
 constexpr std::string_view kBooleanMembers[] = {"enabled", "interop", "keepAlive"};
 
@@ -67,6 +69,11 @@ std::optional<McpServiceRules::Patterns> patternsOf(const Entry& entry, std::str
     return patterns;
 }
 
+McpBridgeServiceRecord::Era eraOf(const ZnString& protocol) {
+    using Era = McpBridgeServiceRecord::Era;
+    return protocol == mcp::kModernVersion ? Era::Modern : protocol == "auto" ? Era::Auto : Era::Legacy;
+}
+
 McpBridgeServiceRecord readService(const Entry& entry, bool interopDefault) {
     const ZnJsonObject& texts = *entry.texts;
     McpBridgeServiceRecord record;
@@ -81,13 +88,17 @@ McpBridgeServiceRecord readService(const Entry& entry, bool interopDefault) {
     if (const ZnJsonValue& enabled = entry.values->value("enabled"); !enabled.isNull())
         record.enabled = enabled.toBool(false);
     const ZnJsonValue& interop = entry.values->value("interop");
-    record.interop = interop.isNull() ? interopDefault : interop.toBool(false);
+    record.era = eraOf(mcp::textMember_(*entry.written, "protocol"));
+    record.interop = record.era != McpBridgeServiceRecord::Era::Legacy ||
+                     (interop.isNull() ? interopDefault : interop.toBool(false));
     if (const ZnJsonValue& keepAlive = entry.values->value("keepAlive"); !keepAlive.isNull())
         record.keepAlive = keepAlive.toBool(false);
     record.rules.allowMethods = patternsOf(entry, "allowMethods");
     record.rules.allowTools = patternsOf(entry, "allowTools");
     record.rules.denyTools = patternsOf(entry, "denyTools").value_or(McpServiceRules::Patterns());
-    record.keepsSessions = mcp::textMember_(texts, "session") == "auto";
+    const ZnString session = mcp::textMember_(texts, "session");
+    const bool mayFallBack = record.era == McpBridgeServiceRecord::Era::Auto; // nobody but the agent knows of it
+    record.keepsSessions = session == "auto" || (mayFallBack && session.isEmpty());
     if (const int timeoutMs = entry.values->value("timeoutMs").toInt(0); timeoutMs >= 1)
         record.timeoutMs = timeoutMs;
     return record;
@@ -124,6 +135,7 @@ public:
         const ZnString session = mcp::textMember_(*entry_.texts, "session");
         if (!session.isEmpty() && session != "auto" && session != "none")
             remark_("session", "must be \"auto\" or \"none\"");
+        checkEra_();
         if (!record_.endpoint.isEmpty() && !ZnHttpClient::isUsableUrl(record_.endpoint))
             remark_(mcp::textMember_(*entry_.texts, "endpoint").isEmpty() ? "url" : "endpoint",
                     "is no usable URL: http:// or https://, a host, perhaps a port and a path");
@@ -147,6 +159,15 @@ private:
             remark_(name, "must be a text in quotes");
         else if (mcp::textMember_(*entry_.written, name) != mcp::textMember_(*entry_.texts, name))
             remark_(name, "is read as another value, since it looks like a number; --mcp_interop takes it as it is");
+    }
+    void checkEra_() {
+        const ZnJsonValue& protocol = entry_.written->value("protocol");
+        const bool isLegacy = record_.era == McpBridgeServiceRecord::Era::Legacy;
+        if (isLegacy && protocol.isString())
+            remark_("protocol", "must be \"2026-07-28\" or \"auto\"; it counts as absent");
+        const ZnJsonValue& interop = entry_.values->value("interop");
+        if (!isLegacy && !interop.isNull() && !interop.toBool(false))
+            remark_("interop", "counts as true, since \"protocol\" needs it");
     }
     void remark_(std::string_view name, const char* text) {
         // Of a repeated member the last one counts.

@@ -53,14 +53,17 @@ void McpServiceList::addSecretRemark_(const ZnString& path, McpServiceFile* file
 }
 
 void McpServiceList::set_(McpServiceFile file) {
+    bool hasModern = false;
     serial_.fetch_add(1, std::memory_order_relaxed);
     ZnMutexLocker locker(lock_);
     for (auto& [id, record] : file.services) {
+        hasModern = hasModern || record->era != McpBridgeServiceRecord::Era::Legacy;
         if (const Ref before = services_.value(id); before && *before == *record)
             record = before;
     }
     services_ = std::move(file.services);
     secretFiles_ = std::move(file.secretFiles);
+    hasModern_.store(hasModern, std::memory_order_relaxed);
 }
 
 bool McpServiceList::readFile_(const ZnString& path, bool isExact, McpServiceFile* file, ZnString* errorOut) {

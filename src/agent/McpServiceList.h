@@ -38,6 +38,8 @@ public:
     /// Null for an unknown id; blanks around it do not count.
     Ref find(const ZnString& id);
     std::size_t size();
+    /// Whether a service of the list may speak another era of the protocol than Legacy.
+    bool hasModern() const noexcept { return hasModern_.load(std::memory_order_relaxed); }
     /// Another one after each change. Any thread.
     unsigned serial() const noexcept { return serial_.load(std::memory_order_relaxed); }
     /// The longest time limit of a call; 0 without services.
@@ -52,8 +54,9 @@ private:
     void set_(McpServiceFile file);
 
     std::vector<ZnString> remarks_;
-    std::atomic<unsigned> serial_{0}; // orders nothing: who sees it late keeps connections of no use a little longer
-    ZnMutex lock_;                    // leaf
+    std::atomic<unsigned> serial_{0};    // orders nothing: who sees it late keeps connections of no use a little longer
+    std::atomic<bool> hasModern_{false}; // likewise
+    ZnMutex lock_;                       // leaf
     std::vector<ZnString> secretFiles_ ZN_GUARDED_BY(lock_);
     McpServiceFile::ServiceMap services_ ZN_GUARDED_BY(lock_);
 };

@@ -3,12 +3,11 @@
 #include "agent/McpHeaders.h"
 #include "agent/McpJson.h"
 #include "agent/McpRpcRequest.h"
+#include "agent/McpWaiters.h"
 #include "core/io/ZnHttpClient.h"
-#include "core/runtime/ZnEventLoop.h"
 #include "core/types/ZnVersion.h"
 
 #include <algorithm>
-#include <list>
 #include <string_view>
 #include <utility>
 
@@ -38,7 +37,7 @@ struct McpServiceSessions::Entry_ {
     std::shared_ptr<const McpForwardResult> why; // it failed
     bool isOpening = false;
     bool isRemoved = false;
-    std::list<ZnEventLoop*> waiting; // for the handshake
+    McpWaiters waiters; // for the handshake
 };
 
 McpServiceSessions::SessionRef McpServiceSessions::open(const McpMessage& message, int maxWaitMs,
@@ -56,7 +55,7 @@ McpServiceSessions::SessionRef McpServiceSessions::open(const McpMessage& messag
                 remove_(ZnString(message.sessionId), entry);
             return entry->session;
         }
-        if (!wait_(*entry, *message.caller, maxWaitMs)) {
+        if (!entry->waiters.wait(*message.caller, maxWaitMs)) {
             *failure = McpForwardResult::failure(McpForwardCall::kTimedOut);
             return nullptr;
         }
@@ -122,8 +121,7 @@ bool McpServiceSessions::handshake_(Entry_& entry, const Exchange& exchange, Mcp
     if (!session && failure->errorCode != McpForwardCall::kClientGone &&
         failure->errorCode != McpForwardCall::kCancelled)
         entry.why = std::make_shared<McpForwardResult>(*failure);
-    for (ZnEventLoop* loop : std::exchange(entry.waiting, {}))
-        loop->quit();
+    entry.waiters.wake();
     if (session && entry.isRemoved)
         end_(entry); // the client has left meanwhile
     return session != nullptr;
@@ -146,25 +144,6 @@ McpServiceSessions::SessionRef McpServiceSessions::agree_(McpForwardResult* answ
     answer->message = result == nullptr ? "the service has refused the handshake"
                                         : "the service speaks no version of the protocol that the agent knows";
     return nullptr;
-}
-
-/// False when the handshake of another call has not ended in time, or nobody waits for its end any more.
-bool McpServiceSessions::wait_(Entry_& entry, McpCaller& caller, int maxWaitMs) {
-    ZnEventLoop loop;
-    bool isGone = false;
-    entry.waiting.push_back(&loop);
-    caller.whenGone([&] {
-        isGone = true;
-        loop.quit();
-    });
-    if (!isGone)
-        loop.exec(std::max(maxWaitMs, 1));
-    caller.whenGone(nullptr);
-    const auto place = std::find(entry.waiting.begin(), entry.waiting.end(), &loop);
-    const bool isStillWaiting = place != entry.waiting.end();
-    if (isStillWaiting)
-        entry.waiting.erase(place);
-    return !isGone && !isStillWaiting;
 }
 
 // --- the end

@@ -53,7 +53,6 @@ private:
     void remove_(const ZnString& clientId, const EntryRef_& entry);
     bool handshake_(Entry_& entry, const Exchange& exchange, McpForwardResult* failure);
     SessionRef agree_(McpForwardResult* answer);
-    static bool wait_(Entry_& entry, McpCaller& caller, int maxWaitMs);
     void end_(const Entry_& entry) const;
 
     const std::shared_ptr<McpWorkers> workers_;

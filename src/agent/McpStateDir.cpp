@@ -22,7 +22,6 @@
 
 namespace {
 
-constexpr int kStopMs = 5000;
 constexpr int kTidyMs = 3600 * 1000;
 constexpr int kTidyPauseMs = 250; // sessions alone may take more than the trail's room, which no tidying changes
 constexpr int kUnsaidMs = 1000;   // so long is waited for more to say
@@ -71,7 +70,9 @@ long long lastTrailNumber(const ZnEmbeddedDb& store) {
 class McpStateDir::Core_ : public std::enable_shared_from_this<Core_> {
 public:
     explicit Core_(const Settings& settings)
-        : clock(settings.clock ? settings.clock : mcp::wallNowUs), bounds_(settings.maxDays, settings.maxBytes) {}
+        : clock(settings.clock ? settings.clock : mcp::wallNowUs),
+          stopMs_(settings.stopMs),
+          bounds_(settings.maxDays, settings.maxBytes) {}
 
     bool open(const ZnString& path, std::int64_t maxBytes, ZnString* problem);
     void stop();
@@ -92,6 +93,7 @@ private:
     bool waitForTidying_();
     void askForTidying_();
 
+    const int stopMs_;
     const McpTrailBounds bounds_;
     ZnEmbeddedDb store_;
     std::unique_ptr<zn::ipc::Channel> channel_; // null when nobody can be woken
@@ -161,7 +163,7 @@ void McpStateDir::Core_::stop() {
         if (std::exchange(isStopping_, true))
             return;
         changed_.notify_all();
-        const long long deadlineNs = monotonicNowNs() + kStopMs * 1000000LL;
+        const long long deadlineNs = monotonicNowNs() + stopMs_ * 1000000LL;
         for (long long nowNs = 0; threadCount_ > 0 && (nowNs = monotonicNowNs()) < deadlineNs;)
             changed_.wait_for(lock_, std::chrono::nanoseconds(deadlineNs - nowNs));
         haveEnded = threadCount_ <= 0;

@@ -26,6 +26,7 @@ public:
         int maxDays = 30;
         std::int64_t maxBytes = 268435456; // of the disk, at least 65536
         std::function<long long()> clock;  // microseconds since 1970; empty: the system's
+        int stopMs = 5000;                 // how long stop() waits for the disk at most
     };
 
     /// Null, with the reason, when the directory cannot be used. One that is made is for this user alone.
@@ -42,7 +43,7 @@ public:
     void keep(const McpBridgeSession& session, bool isUsed, long long day) override;
     void forget(const McpBridgeSession& session) override;
 
-    /// Writes what is queued and closes the store; gives up after a few seconds, when the disk does not answer.
+    /// Writes what is queued and closes the store; gives up after Settings::stopMs, when the disk does not answer.
     void stop();
 
     /// Under which followers wait for calls, as the names of a signal between processes.

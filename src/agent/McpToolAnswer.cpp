@@ -11,6 +11,10 @@ namespace {
 
 constexpr int kBadGateway = 502; // of HTTP, for people who know it
 constexpr int kGatewayTimeout = 504;
+constexpr const char* kInputWanted =
+    "The tool has not finished: it asks for input, see inputRequests. To go on, call it again with the same name and "
+    "arguments, an answer to each of them by its key in inputResponses, and requestState as it stands here, if it "
+    "does.";
 
 } // namespace
 
@@ -24,12 +28,24 @@ void McpToolAnswer::build() {
     const ZnJsonObject* object = message.object();
     const ZnJsonValue* result = object == nullptr ? nullptr : &object->value("result");
     if (result_.isSuccess() && result != nullptr && result->isObject()) {
-        text_ = ZnByteArray(mcp::jsonRpcResultTo_(idText_.view(), result->toJson().view()));
+        const bool wantsInput = isModern_ && result->object()->value("resultType").string() == "input_required";
+        const ZnString text = wantsInput ? inputText_(*result) : result->toJson();
+        text_ = ZnByteArray(mcp::jsonRpcResultTo_(idText_.view(), text.view()));
         return;
     }
     const ZnJsonObject* error = object == nullptr ? nullptr : object->value("error").object();
     const ZnJsonValue payload(failure_(error));
     text_ = ZnByteArray(mcp::jsonRpcResultTo_(idText_.view(), mcp::toolResult_(payload, true).view()));
+}
+
+/// Clients of today know no such result, and most show a model nothing but texts: it becomes an ordinary one, which
+/// says everything once as a value and once as text, and then how to go on. It is no error: nothing has failed.
+ZnString McpToolAnswer::inputText_(const ZnJsonValue& result) const {
+    const auto text = [](const ZnString& words) { return ZnJsonObject{{"type", "text"}, {"text", words}}; };
+    ZnJsonArray content;
+    content.append(text(result.toJson()));
+    content.append(text(kInputWanted));
+    return ZnJsonValue(ZnJsonObject{{"content", std::move(content)}, {"structuredContent", result}}).toJson();
 }
 
 ZnJsonValue McpToolAnswer::readAnswer_() {

@@ -14,6 +14,9 @@ public:
     /// `idText`: of the client's request, as JSON.
     McpToolAnswer(ZnString idText, McpForwardResult result) : idText_(std::move(idText)), result_(std::move(result)) {}
 
+    /// The call was made in revision 2026-07-28 of the protocol: its result may ask for input.
+    void setModern() { isModern_ = true; }
+
     bool isLarge() const noexcept;
     /// Once.
     void build();
@@ -23,10 +26,12 @@ public:
 
 private:
     ZnJsonValue readAnswer_();
+    ZnString inputText_(const ZnJsonValue& result) const;
     ZnJsonObject failure_(const ZnJsonObject* error) const;
 
     const ZnString idText_;
     McpForwardResult result_;
+    bool isModern_ = false;
     McpCallOutcome outcome_;
     ZnByteArray text_;
 };

@@ -92,23 +92,38 @@ ZnJsonObject McpToolCatalogue::tool_(Tool tool) const {
                           "Return one configured MCP service without leaking its bearer token.",
                           {{"serviceId", stringProperty(kServiceId)}}, {"serviceId"});
     case Tool::Rpc:
-        return toolObject(nameOf_(tool), "Call private MCP service",
-                          "Forward one JSON-RPC request to a configured private Streamable HTTP MCP service.",
-                          {{"serviceId", stringProperty(kServiceId)},
-                           {"request", objectProperty("Single JSON-RPC MCP request to forward.")},
-                           {"protocolVersion", stringProperty("Optional MCP protocol version header.")},
-                           {"sessionId", stringProperty("Optional upstream MCP session id.")}},
-                          {"serviceId", "request"});
+        return toolObject(
+            nameOf_(tool), "Call private MCP service",
+            "Forward one JSON-RPC request to a configured private Streamable HTTP MCP service.",
+            withModern_(tool, {{"serviceId", stringProperty(kServiceId)},
+                               {"request", objectProperty("Single JSON-RPC MCP request to forward.")},
+                               {"protocolVersion", stringProperty("Optional MCP protocol version header.")},
+                               {"sessionId", stringProperty("Optional upstream MCP session id.")}}),
+            {"serviceId", "request"});
     case Tool::ListTools:
         return toolObject(nameOf_(tool), "List tools of a private MCP service",
                           "List the tools that a configured private MCP service offers, with their input schemas.",
                           {{"serviceId", stringProperty(kServiceId)}}, {"serviceId"});
     case Tool::CallTool: break;
     }
-    return toolObject(nameOf_(tool), "Call a tool of a private MCP service",
-                      "Call one tool of a configured private MCP service and return its result unchanged.",
-                      {{"serviceId", stringProperty(kServiceId)},
-                       {"name", stringProperty("Name of the tool, as the service lists it.")},
-                       {"arguments", objectProperty("Arguments of the tool, as its input schema wants them.")}},
-                      {"serviceId", "name"});
+    return toolObject(
+        nameOf_(tool), "Call a tool of a private MCP service",
+        "Call one tool of a configured private MCP service and return its result unchanged.",
+        withModern_(tool, {{"serviceId", stringProperty(kServiceId)},
+                           {"name", stringProperty("Name of the tool, as the service lists it.")},
+                           {"arguments", objectProperty("Arguments of the tool, as its input schema wants them.")}}),
+        {"serviceId", "name"});
+}
+
+ZnJsonObject McpToolCatalogue::withModern_(Tool tool, ZnJsonObject properties) const {
+    if (!options_.modern)
+        return properties;
+    properties["headerParams"] =
+        objectProperty("Values for Mcp-Param- headers, by the rest of the header's name; seldom "
+                       "needed, since the bridge mirrors what a tool's schema asks for.");
+    if (tool == Tool::Rpc)
+        return properties;
+    properties["inputResponses"] = objectProperty("Answers to inputRequests of an earlier result, by their keys.");
+    properties["requestState"] = stringProperty("requestState of that result, unchanged.");
+    return properties;
 }

@@ -15,6 +15,7 @@ public:
     struct Options {
         bool safeNames = false; // listed without dots, which several clients and models refuse; dots are understood
         bool callTools = false; // the tools of the services can be listed and called
+        bool modern = false;    // a service may speak revision 2026-07-28 of the protocol, which takes more arguments
     };
 
     explicit McpToolCatalogue(const Options& options);
@@ -29,6 +30,7 @@ public:
 private:
     ZnString nameOf_(Tool tool) const;
     ZnJsonObject tool_(Tool tool) const;
+    ZnJsonObject withModern_(Tool tool, ZnJsonObject properties) const;
 
     Options options_;
     ZnString listText_;

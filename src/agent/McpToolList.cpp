@@ -7,9 +7,10 @@
 #include <utility>
 
 McpForwardRequest McpToolList::nextRequest() const {
-    if (cursor_.isEmpty())
-        return mcp::newRequest("tools/list", ZnJsonObject());
-    return mcp::newRequest("tools/list", {{"cursor", cursor_}});
+    ZnJsonObject params;
+    if (!cursor_.isEmpty())
+        params["cursor"] = cursor_;
+    return mcp::newRequest("tools/list", std::move(params), {.isModern = isModern_});
 }
 
 bool McpToolList::take(ZnJsonValue answer, std::size_t byteCount) {
@@ -34,6 +35,8 @@ bool McpToolListAnswer::isLarge() const noexcept {
 
 void McpToolListAnswer::build() {
     ZnJsonArray tools = list_.takeTools();
+    if (list_.isModern())
+        toolHeaders_ = McpToolHeaders::of(tools);
     if (service_->rules.hasToolRules())
         service_->rules.filterTools(&tools);
     const ZnJsonValue payload(ZnJsonObject{{"tools", std::move(tools)}});

@@ -3,6 +3,7 @@
 #include "agent/McpForwardCall.h"
 #include "agent/McpForwardResult.h"
 #include "agent/McpObserver.h"
+#include "agent/McpToolHeaders.h"
 #include "core/types/ZnByteArray.h"
 #include "core/types/ZnJsonArray.h"
 #include "core/types/ZnString.h"
@@ -19,8 +20,8 @@ public:
     static constexpr int kMaxPages = 200;
     static constexpr std::size_t kMaxTools = 10000;
 
-    /// `maxBytes`: of all pages together.
-    explicit McpToolList(std::size_t maxBytes) : maxBytes_(maxBytes) {}
+    /// `maxBytes`: of all pages together. `isModern`: it is asked for in revision 2026-07-28 of the protocol.
+    explicit McpToolList(std::size_t maxBytes, bool isModern) : maxBytes_(maxBytes), isModern_(isModern) {}
 
     /// Asks for the next page.
     McpForwardRequest nextRequest() const;
@@ -28,6 +29,7 @@ public:
     bool take(ZnJsonValue answer, std::size_t byteCount);
     const char* problem() const noexcept { return problem_; }
     bool isWhole() const noexcept { return cursor_.isEmpty(); }
+    bool isModern() const noexcept { return isModern_; }
     std::size_t byteCount() const noexcept { return byteCount_; }
     ZnJsonArray takeTools() { return std::move(tools_); }
 
@@ -35,6 +37,7 @@ private:
     ZnString cursor_; // of the next page
     ZnJsonArray tools_;
     std::size_t maxBytes_;
+    bool isModern_;
     std::size_t byteCount_ = 0;
     int pageCount_ = 0;
     const char* problem_ = "";
@@ -49,6 +52,8 @@ public:
     bool isLarge() const noexcept;
     void build();
     ZnByteArray takeText() { return std::move(text_); }
+    /// After build(): what the tools mirror; nothing for a list in another version.
+    const McpToolHeaders::ByTool& toolHeaders() const noexcept { return toolHeaders_; }
     const McpForwardResult& result() const noexcept { return result_; }
     const McpCallOutcome& outcome() const noexcept { return outcome_; }
 
@@ -58,5 +63,6 @@ private:
     const std::shared_ptr<const McpBridgeServiceRecord> service_; // those that it may not show are left out
     const McpForwardResult result_;                               // there is nothing to report
     McpCallOutcome outcome_;
+    McpToolHeaders::ByTool toolHeaders_;
     ZnByteArray text_;
 };

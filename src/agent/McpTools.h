@@ -27,9 +27,15 @@ public:
     void setProgress(bool isOn) { context_.usesProgress = isOn; }
     McpKeptConnections& connections() const { return *context_.connections; }
     void setObserver(std::shared_ptr<McpObserver> observer) { context_.observer = std::move(observer); }
-    void setCatalogue(const McpToolCatalogue::Options& options) { catalogue_ = McpToolCatalogue(options); }
+    void setCatalogue(McpToolCatalogue::Options options) {
+        catalogue_ = McpToolCatalogue(options);
+        options.modern = true;
+        modernCatalogue_ = McpToolCatalogue(options);
+    }
 
-    const McpToolCatalogue& catalogue() const noexcept { return catalogue_; }
+    const McpToolCatalogue& catalogue() const noexcept {
+        return context_.services->hasModern() ? modernCatalogue_ : catalogue_;
+    }
 
     /// The response to a "tools/call". Of one that a service is to get, nothing, with `message->service` set.
     ZnByteArray answer(McpMessage* message) const;
@@ -56,4 +62,5 @@ private:
 
     McpCallContext context_;
     McpToolCatalogue catalogue_{{}};
+    McpToolCatalogue modernCatalogue_{{.modern = true}};
 };

@@ -54,6 +54,7 @@ public:
     std::string lastBody;
     std::function<void(ZnHttpContext&)> onGet = [](ZnHttpContext& context) { context.sendStatus(405); };
     std::vector<std::string> lastEventIds; // of GETs
+    std::string lastMirrors;               // the "mcp-" headers of the last POST
     std::string lastSecrets;               // the headers of the last request that tests give to a service
 
 private:
@@ -72,9 +73,12 @@ private:
         const std::string method = memberOf_(body, "\"method\": \"", '"');
         seen.push_back(method + " " + headersOf_(context));
         lastBody = body;
+        lastMirrors.clear();
         for (const auto& [name, value] : context.request().headers) {
             if (name == "authorization" || name.view().starts_with("x-"))
                 lastSecrets += name.str() + ": " + value.str() + "\n";
+            if (name.view().starts_with("mcp-"))
+                lastMirrors += name.str().substr(4) + ": " + value.str() + "\n";
         }
         std::deque<Answer>& scripted = scripted_[method];
         if (!scripted.empty()) {

@@ -199,10 +199,46 @@ async function refuseBaseForm(client) {
     assert.equal(received.at(-1).headers.accept, 'application/json');
 }
 
+/// A service of revision 2026-07-28, spoken to by tools of the bridge alone; `got` is what has come to it.
+async function converseWithModern(client, serviceId, got) {
+    const use = (name, args) => client.callTool({ name: `bridge_${name}`, arguments: { serviceId, ...args } });
+    const callTool = (name, more) => use('call_tool', { name, ...more });
+    const rpc = async (method, params) =>
+        (await use('rpc', { request: { jsonrpc: '2.0', id: 'x', method, params } })).structuredContent.body;
+
+    // The tools have not been listed: refused, looked up, sent again.
+    assert.equal((await callTool('region', { arguments: { region: ' ü' } })).content[0].text, ' ü');
+    assert.equal(got.at(-1).headers['mcp-param-region'], '=?base64?IMO8?=');
+    assert.deepEqual((await use('list_tools')).structuredContent.tools.map(tool => tool.name),
+        ['values', 'fail', 'slow', 'region', 'wait', 'ask']);
+    const { isError, structuredContent: { resultType, requestState } } = await callTool('wait');
+    assert.deepEqual([isError, resultType], [undefined, 'input_required']);
+    assert.equal((await callTool('wait', { requestState })).content[0].text, 'went on');
+
+    assert.match((await callTool('ask')).structuredContent.error, /elicitation/i); // the agent promises nothing
+    const _meta = { 'io.modelcontextprotocol/protocolVersion': '2026-07-28',
+        'io.modelcontextprotocol/clientCapabilities': { elicitation: { form: {} } } };
+    const asked = await rpc('tools/call', { name: 'ask', _meta });
+    assert.deepEqual(Object.keys(asked.result.inputRequests), ['who']);
+    const inputResponses = { who: { action: 'accept', content: { name: 'Bo' } } };
+    assert.equal((await rpc('tools/call', { name: 'ask', inputResponses, _meta })).result.content[0].text, 'Bo');
+    assert.equal((await rpc('no/such')).error.code, -32601);
+    await tellProgress(client, serviceId);
+    assert.ok(got.every(({ headers, text }) => !headers['mcp-session-id'] && !text.includes('"initialize"')));
+}
+
 const received = [];
 const endpoints = {};
 let url; // of the agent, with interoperability on and off
 let stdioArguments;
+
+/// The option that names their file.
+function writeServices(services) {
+    const directory = mkdtempSync(join(tmpdir(), 'interop-'));
+    closers.push(() => rmSync(directory, { recursive: true }));
+    writeFileSync(join(directory, 'services.json'), JSON.stringify({ services }));
+    return `--services_file=${directory}/services.json`;
+}
 
 before(async () => {
     const start = async (id, starting) => {
@@ -213,16 +249,41 @@ before(async () => {
     for (const [id, form] of Object.entries(sdkServices))
         await start(id, form.sdk ? startSdkServer(serverSdks[form.sdk], form, received) : startSdk2Handler(received));
     await start('everything', startEverything());
-    const directory = mkdtempSync(join(tmpdir(), 'interop-'));
-    closers.push(() => rmSync(directory, { recursive: true }));
-    const services = Object.entries(endpoints).map(([id, endpoint]) => ({ id, endpoint, timeoutMs: 10000, session: 'auto' }));
-    writeFileSync(join(directory, 'services.json'), JSON.stringify({ services }));
-    const options = [`--services_file=${directory}/services.json`];
+    const options = [writeServices(
+        Object.entries(endpoints).map(([id, endpoint]) => ({ id, endpoint, timeoutMs: 10000, session: 'auto' })))];
     stdioArguments = [...options, '--stdio', '--mcp_interop', '--mcp_tool_names=safe', '--mcp_call_tools', '--mcp_progress'];
     url = { all: await startAgent(stdioArguments.filter(option => option !== '--stdio')),
         on: await startAgent([...options, '--mcp_interop']), off: await startAgent(options) };
 });
 after(closeAll);
+
+describe('services of revision 2026-07-28', () => {
+    const got = { reject: [], stateless: [] }; // by what a server does with other revisions
+    let agent;
+    before(async () => {
+        const services = [{ id: 'legacy', endpoint: endpoints['newest 1.x stateful events'], protocol: 'auto' }];
+        for (const legacy of Object.keys(got)) {
+            const { url: endpoint, close } = await startSdk2Handler(got[legacy], legacy);
+            closers.push(close);
+            services.push(...['2026-07-28', 'auto'].map(protocol => ({ id: `${legacy} ${protocol}`, endpoint, protocol })));
+        }
+        agent = await startAgent([writeServices(services), ...stdioArguments.slice(2)]);
+    });
+    for (const legacy of Object.keys(got))
+        for (const protocol of ['2026-07-28', 'auto'])
+            test(`${legacy} ${protocol}`, () => connected(clientSdks['2.x'], agent, async client => {
+                got[legacy].length = 0;
+                await converseWithModern(client, `${legacy} ${protocol}`, got[legacy]);
+                const asked = got[legacy].filter(({ text }) => text.includes('server/discover'));
+                assert.equal(asked.length, protocol === 'auto' ? 1 : 0);
+            }));
+    test('legacy', () => connected(clientSdks['2.x'], agent, async client => {
+        const first = received.length;
+        await tellProgress(client, 'legacy');
+        const sent = received.slice(first).map(({ text }) => text.match(/"method": "([^"]*)"/)?.[1]);
+        assert.deepEqual(sent.slice(0, 4), ['server/discover', 'initialize', 'notifications/initialized', 'tools/call']);
+    }));
+});
 
 for (const [clientName, sdk] of Object.entries(clientSdks)) {
     describe(`client ${clientName}`, () => {

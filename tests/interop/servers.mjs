@@ -12,7 +12,7 @@ import { fileURLToPath } from 'node:url';
 import { NodeStreamableHTTPServerTransport, toNodeHandler } from '@modelcontextprotocol/node';
 import { McpServer as McpServerNewest1 } from '@modelcontextprotocol/sdk/server/mcp.js';
 import { StreamableHTTPServerTransport as TransportNewest1 } from '@modelcontextprotocol/sdk/server/streamableHttp.js';
-import { createMcpHandler, McpServer as McpServer2 } from '@modelcontextprotocol/server';
+import { acceptedContent, createMcpHandler, inputRequired, McpServer as McpServer2 } from '@modelcontextprotocol/server';
 import { McpServer as McpServer1_18 } from 'sdk-1-18/server/mcp.js';
 import { StreamableHTTPServerTransport as Transport1_18 } from 'sdk-1-18/server/streamableHttp.js';
 
@@ -74,9 +74,23 @@ export async function startSdkServer(sdk, { stateful, json }, received) {
     });
 }
 
-/// The 2.x SDK's own way to serve both today's clients and those of the next protocol.
-export async function startSdk2Handler(received) {
-    const handle = toNodeHandler(createMcpHandler(() => makeServer(serverSdks['2.x'])));
+/// What only revision 2026-07-28 has: an argument that is mirrored in a header, and results that ask for input.
+function makeModernServer() {
+    const server = makeServer(serverSdks['2.x']);
+    const text = words => ({ content: [{ type: 'text', text: words }] });
+    const region = zod4.string().meta({ 'x-mcp-header': 'Region' });
+    server.registerTool('region', { inputSchema: zod4.object({ region }) }, values => text(values.region));
+    server.registerTool('wait', {}, ({ mcpReq }) =>
+        mcpReq.requestState() === 'so far' ? text('went on') : inputRequired({ requestState: 'so far' }));
+    const question = { message: 'Name?', requestedSchema: zod4.object({ name: zod4.string() }) };
+    server.registerTool('ask', {}, ({ mcpReq }) => mcpReq.inputResponses ? text(acceptedContent(mcpReq.inputResponses, 'who').name)
+        : inputRequired({ inputRequests: { who: inputRequired.elicit(question) } }));
+    return server;
+}
+
+/// The 2.x SDK's own way to serve both today's clients and those of the next protocol, or with `reject` the latter only.
+export async function startSdk2Handler(received, legacy) {
+    const handle = toNodeHandler(createMcpHandler(legacy ? makeModernServer : () => makeServer(serverSdks['2.x']), { legacy }));
     return listen(received, (request, response, text) => handle(request, response, text ? JSON.parse(text) : undefined));
 }
 

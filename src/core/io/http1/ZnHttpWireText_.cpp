@@ -80,14 +80,15 @@ bool isLowerOf(char c, char lowerCase) noexcept {
 } // namespace
 
 bool isToken(std::string_view text) noexcept {
-    const auto isOne = [text](std::size_t at) { return kTokenTable[static_cast<unsigned char>(text[at])]; };
+    // A number, so that four of them can be looked at in one go.
+    const auto isOne = [text](std::size_t at) -> unsigned { return kTokenTable[static_cast<unsigned char>(text[at])]; };
     std::size_t at = 0;
     for (; at + 4 <= text.size(); at += 4) {
-        if (!(isOne(at) & isOne(at + 1) & isOne(at + 2) & isOne(at + 3)))
+        if ((isOne(at) & isOne(at + 1) & isOne(at + 2) & isOne(at + 3)) == 0)
             return false;
     }
     for (; at < text.size(); ++at) {
-        if (!isOne(at))
+        if (isOne(at) == 0)
             return false;
     }
     return !text.empty();

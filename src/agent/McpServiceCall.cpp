@@ -199,8 +199,11 @@ McpForwardResult McpServiceCall::exchangeInSession_(McpForwardRequest&& request)
     McpForwardResult result;
     for (bool mayRepeat = true;; mayRepeat = false) {
         const McpServiceSessions::SessionRef session = context_.sessions->open(message_, leftMs_(), post, &result);
-        if (!session)
+        if (!session) {
+            if (result.errorCode == McpForwardCall::kTooManyBytes && refusal_ == nullptr)
+                refusal_ = McpCallsInFlight::kTooManyToService;
             return result;
+        }
         McpForwardRequest inSession = mayRepeat ? request : std::move(request); // it is sent again only after a 404
         inSession.sessionId = session->id;
         if (inSession.protocolVersion.isEmpty())

@@ -55,7 +55,14 @@ McpServiceSessions::SessionRef McpServiceSessions::open(const McpMessage& messag
                 remove_(ZnString(message.sessionId), entry);
             return entry->session;
         }
-        if (!entry->waiters.wait(*message.caller, maxWaitMs)) {
+        if (waitingCount_ >= kMaxWaiting) {
+            *failure = McpForwardResult::failure(McpForwardCall::kTooManyBytes);
+            return nullptr;
+        }
+        ++waitingCount_;
+        const bool isWoken = entry->waiters.wait(*message.caller, maxWaitMs);
+        --waitingCount_;
+        if (!isWoken) {
             *failure = McpForwardResult::failure(McpForwardCall::kTimedOut);
             return nullptr;
         }

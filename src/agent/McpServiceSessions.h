@@ -19,6 +19,7 @@
 class McpServiceSessions {
 public:
     static constexpr std::size_t kMaxSessions = 20000;
+    static constexpr std::size_t kMaxWaiting = 200;               // for handshakes of other calls: each holds a fiber
     static constexpr const char* kProtocolVersion = "2025-11-25"; // asked for; the service may choose an older one
 
     /// What the service has agreed on; the id is empty when it keeps no sessions.
@@ -59,4 +60,5 @@ private:
     const std::shared_ptr<McpServiceNotes> notes_;
     ZnMap<ZnString, Services_> byClient_;
     std::size_t count_ = 0; // of entries
+    std::size_t waitingCount_ = 0;
 };

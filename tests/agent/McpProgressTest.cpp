@@ -15,7 +15,7 @@ protected:
         agent_.setTools({true, true});
         agent_.setProgress(true);
         Peer::dispatcher(agent_).setObserver(last_);
-        setServices(R"({"services":[{"id":"s","timeoutMs":1500,"url":")" + service_.url() + "\"}]})");
+        setServices(R"({"services":[{"id":"s","timeoutMs":1500,"url":")" + service_.url() + "\"}]}");
         session_ = newSession();
     }
     static std::string callWith(const std::string& token) {

@@ -13,7 +13,7 @@ protected:
         AgentFixture::SetUp();
         agent_.setInterop(true);
         agent_.setTools({true, true});
-        setServices(R"({"services":[{"id":"s","session":"auto","timeoutMs":2000,"url":")" + service_.url() + "\"}]})");
+        setServices(R"({"services":[{"id":"s","session":"auto","timeoutMs":2000,"url":")" + service_.url() + "\"}]}");
         session_ = newSession();
     }
     void begin(const std::string& tool, const std::string& arguments, std::string* answer) {
